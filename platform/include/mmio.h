@@ -1,0 +1,27 @@
+// Doors to memory-mapped hardware: every register and latch access of the bootloader goes through here.
+//
+// A door is an address with an access width and an access right that are part of its type: a write-only register has
+// no read(), a read-only one no write(), and nothing reads, modifies and writes in one step. Each call is exactly one
+// bus access of the door's width.
+//
+// A build for another machine puts its own <mmio.h> with the same four functions' meaning first on the include path.
+#pragma once
+
+#include <cstdint>
+
+namespace mmio {
+
+inline std::uint32_t Read32(std::uint32_t address) { return *reinterpret_cast<volatile std::uint32_t *>(address); }
+inline void Write32(std::uint32_t address, std::uint32_t value) {
+    *reinterpret_cast<volatile std::uint32_t *>(address) = value;
+}
+inline std::uint16_t Read16(std::uint32_t address) { return *reinterpret_cast<volatile std::uint16_t *>(address); }
+inline void Write16(std::uint32_t address, std::uint16_t value) {
+    *reinterpret_cast<volatile std::uint16_t *>(address) = value;
+}
+inline std::uint8_t Read8(std::uint32_t address) { return *reinterpret_cast<volatile std::uint8_t *>(address); }
+inline void Write8(std::uint32_t address, std::uint8_t value) {
+    *reinterpret_cast<volatile std::uint8_t *>(address) = value;
+}
+
+} // namespace mmio
