@@ -16,6 +16,9 @@ inline constexpr std::uint32_t kLaunchMarkerSize = 0x100;
 static_assert(kLaunchMarkerBase + kLaunchMarkerSize == kLoadBufferBase + kLoadBufferSize);
 static_assert(kLoadBufferBase + kLoadBufferSize == kSdramBase + kSdramSize);
 
+// The heap behind malloc. The bootloader needs little of it: a descriptor's text and tree, a page buffer.
+inline constexpr std::uint32_t kHeapSize = 0x00400000;
+
 // The video region: 0x27000 bytes in the section .mr_rwec__videobuffer, mapped uncached by the platform. The linker
 // gives its start; the LCD controller scans its first 320 x 240 x 2 bytes.
 inline constexpr std::uint32_t kVideoRegionSize = 0x27000;

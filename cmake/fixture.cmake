@@ -1,0 +1,82 @@
+# The fixture for this machine: device models, the modules compiled natively, the `fixture` command, tests.
+
+find_package(CLI11 REQUIRED)
+find_package(fmt REQUIRED)
+find_package(nlohmann_json REQUIRED)
+find_package(PNG REQUIRED)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(UNICORN REQUIRED IMPORTED_TARGET unicorn)
+pkg_check_modules(CHAFA REQUIRED IMPORTED_TARGET chafa)
+
+option(SANITIZE "build everything with the address and undefined-behaviour sanitizers" OFF)
+
+# Modules and fixture share this process's low addresses with the board's SDRAM and the linker-set video region, so
+# nothing here may move.
+set(CMAKE_POSITION_INDEPENDENT_CODE OFF)
+add_compile_options(-fno-pie)
+add_link_options(-no-pie)
+if(SANITIZE)
+    add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=address,undefined)
+endif()
+
+file(GLOB FIXTURE_SOURCES CONFIGURE_DEPENDS fixture/*.cpp)
+add_library(models STATIC ${FIXTURE_SOURCES})
+target_include_directories(models PUBLIC fixture)
+target_link_libraries(models PUBLIC fmt::fmt PNG::PNG PkgConfig::UNICORN gif)
+
+# The modules, joined into one object whose kernel names are re-pointed to the host platform and whose data lie in
+# sections of their own, so that every start can begin with freshly loaded data.
+function(add_native_modules name record)
+    add_library(${name}-objects OBJECT ${MODULE_SOURCES})
+    target_include_directories(${name}-objects BEFORE PRIVATE ${CMAKE_SOURCE_DIR}/platform/host/include ${record})
+    target_include_directories(${name}-objects PRIVATE ${MODULE_INCLUDES})
+    add_dependencies(${name}-objects build-record)
+    set(joined ${CMAKE_BINARY_DIR}/${name}.o)
+    add_custom_command(
+        OUTPUT ${joined}
+        COMMAND ${CMAKE_LINKER} -r -o ${joined}.tmp $<TARGET_OBJECTS:${name}-objects>
+        COMMAND ${CMAKE_OBJCOPY} --redefine-syms=${CMAKE_SOURCE_DIR}/platform/host/kernel_names.txt
+                --rename-section .data=boot_data --rename-section .bss=boot_bss ${joined}.tmp ${joined}
+        DEPENDS ${name}-objects $<TARGET_OBJECTS:${name}-objects> ${CMAKE_SOURCE_DIR}/platform/host/kernel_names.txt
+        COMMAND_EXPAND_LISTS)
+    add_custom_target(${name}-joined DEPENDS ${joined})
+    add_library(${name} INTERFACE)
+    target_link_libraries(${name} INTERFACE ${joined})
+    add_dependencies(${name} ${name}-joined)
+endfunction()
+add_native_modules(native-modules ${BUILD_RECORD})
+add_native_modules(native-modules-fixed ${FIXED_RECORD})
+
+file(GLOB HOST_PLATFORM_SOURCES CONFIGURE_DEPENDS platform/host/host_*.cpp platform/host/native_*.cpp
+     platform/common/*.cpp)
+file(GLOB TOOL_SOURCES CONFIGURE_DEPENDS tools/*.cpp)
+list(FILTER TOOL_SOURCES EXCLUDE REGEX "/main\\.cpp$")
+add_library(tools STATIC ${TOOL_SOURCES} ${HOST_PLATFORM_SOURCES})
+target_include_directories(tools PUBLIC tools platform/host)
+target_include_directories(tools BEFORE PRIVATE platform/host/include)
+target_include_directories(tools PRIVATE ${MODULE_INCLUDES})
+target_link_libraries(tools PUBLIC models CLI11::CLI11 nlohmann_json::nlohmann_json PkgConfig::CHAFA)
+target_compile_definitions(tools PRIVATE FIXTURE_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
+
+# Where the modules find what a linker script gives them on the board.
+set(NATIVE_LINK -rdynamic -Wl,--defsym=image_load_buf=0x23000000
+                -Wl,--defsym=__ghsbegin_mr_rwec__videobuffer=0x22F00000)
+
+add_executable(fixture tools/main.cpp)
+target_link_libraries(fixture PRIVATE native-modules tools ${NATIVE_LINK})
+
+if(SANITIZE)
+    enable_testing()
+    include(GoogleTest)
+    find_package(GTest REQUIRED)
+    file(GLOB TEST_SOURCES CONFIGURE_DEPENDS tests/*.cpp)
+    add_executable(fixture-tests ${TEST_SOURCES})
+    target_include_directories(fixture-tests BEFORE PRIVATE platform/host/include)
+    target_include_directories(fixture-tests PRIVATE tests ${MODULE_INCLUDES})
+    target_compile_definitions(fixture-tests PRIVATE SOURCE_DIR="${CMAKE_SOURCE_DIR}")
+    target_link_libraries(fixture-tests PRIVATE native-modules-fixed tools
+                          GTest::gtest GTest::gmock GTest::gtest_main ${NATIVE_LINK})
+    gtest_discover_tests(fixture-tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300
+                         WORKING_DIRECTORY ${CMAKE_BINARY_DIR})
+endif()

@@ -1,0 +1,36 @@
+// The host process's side of what the modules call on their kernel. Internal to platform/host.
+#pragma once
+
+#include "board_memory.h"
+#include "bus.h"
+#include "processor.h"
+#include "volume.h"
+
+#include <functional>
+
+namespace fixture {
+
+// What the kernel calls reach. One record a process: the modules keep their state the same way.
+struct HostKernel {
+    Clock *clock = nullptr;
+    Bus *bus = nullptr;
+    Volume *volume = nullptr;
+    HandoverCache *cache = nullptr;
+    std::function<std::uint32_t()> master_clock_hz;
+    bool file_server_fails = false;
+    bool running = false;
+    std::function<void(StageResult)> stop;
+};
+HostKernel &host_kernel();
+
+// Frees everything that the modules have allocated.
+void release_module_heap();
+
+} // namespace fixture
+
+extern "C" {
+// The board start-up that runs before main: clocks, devices, flash layer.
+void host_platform_start(void);
+// The bootloader's main, under the name its objects are joined with.
+int bootloader_main(void);
+}
