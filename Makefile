@@ -1,0 +1,43 @@
+# The commands of this project. Everything else is in CMake.
+#
+#   make boot       build all, boot the virtual fixture from a demo bank, show its console and panel
+#   make test       build all, run every test
+#   make firmware   the bootloader for the board: build/arm/bootloader.elf, .bin, .map, libbootloader.a
+#   make bench      speed in virtual time and instructions
+#   make fuzz       fuzz every input for TIME seconds each (default 60)
+#   make lint       format and lint, as CI checks them
+#   make clean
+
+TIME ?= 60
+FIXTURE = build/host/fixture
+
+.PHONY: boot test firmware fixture asan bench fuzz lint setup clean
+
+boot: firmware fixture
+	@./demo.sh
+
+test: firmware fixture asan
+	@ctest --test-dir build/asan --output-on-failure --parallel $$(nproc) $(CTEST_ARGS)
+
+firmware: setup
+	@cmake --preset arm >build/arm.log || { cat build/arm.log; exit 1; }
+	@cmake --build build/arm
+
+fixture: setup
+	@cmake --preset host >build/host.log || { cat build/host.log; exit 1; }
+	@cmake --build build/host
+
+asan: setup
+	@cmake --preset asan >build/asan.log || { cat build/asan.log; exit 1; }
+	@cmake --build build/asan
+
+setup:
+	@./setup.sh
+	@mkdir -p build
+
+lint:
+	@./setup.sh --lint
+	@./lint.sh
+
+clean:
+	rm -rf build out

@@ -1,0 +1,200 @@
+#include "machine.h"
+
+#include "first_stage.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <fmt/format.h>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+using namespace fixture;
+
+const char *VerdictName(Verdict verdict) {
+    static constexpr std::array kNames = {"launched",   "idle", "no bootloader", "power lost",
+                                          "reset loop", "hang", "fault",         "violation"};
+    return kNames[static_cast<std::size_t>(verdict)];
+}
+
+int RunReport::exit_status() const {
+    switch (verdict) {
+    case Verdict::launched: return 0;
+    case Verdict::idle:
+    case Verdict::no_bootloader: return 1;
+    default: return 3;
+    }
+}
+
+Machine::Machine(Chips &chips, RunOptions options)
+    : options_(std::move(options)), chips_(chips), board_(chips, options_.board), volume_(options_.volume),
+      debugger_(board_.memory.memory(), volume_) {
+    connect();
+    if (options_.processor != ProcessorKind::host) return;
+    native_ = std::make_unique<NativeProcessor>(
+        NativeProcessor::Wiring{board_.clock, board_.bus, volume_, board_.cache,
+                                [this] { return static_cast<std::uint32_t>(kSecond / board_.pmc.master_cycle()); },
+                                options_.file_server_fails});
+}
+
+Machine::~Machine() = default;
+
+void Machine::connect() {
+    board_.console.transmitted = [this](char c) {
+        if (options_.console) options_.console(c);
+    };
+    board_.reset_controller.processor_reset = [this] { stop({StageEnd::reset, 0, "reset controller"}); };
+    board_.watchdog.expired = [this] { stop({StageEnd::reset, 0, "watchdog"}); };
+    board_.supply.lost = [this] { stop({StageEnd::power_lost, 0, ""}); };
+    board_.bus.endless_wait = [this](const std::string &name) { stop({StageEnd::hang, 0, name}); };
+    board_.bus.unmapped = [this](std::uint32_t address, bool is_write) {
+        stop({StageEnd::fault, 0,
+              fmt::format("{} at 0x{:08X}, where nothing is", is_write ? "write" : "read", address)});
+    };
+}
+
+void Machine::stop(StageResult result) {
+    if (arm_ && arm_->running()) return arm_->stop(std::move(result));
+    if (native_) native_->stop(std::move(result));
+}
+
+ArmProcessor &Machine::arm() {
+    if (!arm_) {
+        arm_ = std::make_unique<ArmProcessor>(ArmProcessor::Wiring{board_.clock, board_.journal, board_.bus,
+                                                                   board_.memory.memory(), debugger_, board_.cache,
+                                                                   [this] { return board_.pmc.core_cycle(); }});
+        arm_->watch_alignment(options_.watch_alignment);
+    }
+    return *arm_;
+}
+
+const Firmware *Machine::choose_bootloader() {
+    if (options_.firmware) return options_.firmware;
+    return nullptr;
+}
+
+StageResult Machine::run_bootloader(const Firmware &firmware) {
+    running_ = &firmware;
+    volume_.close_all();
+    if (native_) return native_->run(firmware.version);
+    const std::span<std::uint8_t> place = board_.memory.memory().at(kBootloaderLinkAddress, firmware.flat.size());
+    if (place.empty()) return {StageEnd::fault, 0, "the image does not fit the memory"};
+    if (firmware.elf)
+        firmware.elf->load(board_.memory.memory());
+    else
+        std::copy(firmware.flat.begin(), firmware.flat.end(), place.begin());
+    return arm().run(firmware.entry());
+}
+
+void Machine::name_launched() {
+    const std::filesystem::path path = volume_.last_opened_file();
+    std::ifstream stream(path, std::ios::binary);
+    const std::vector<char> bytes{std::istreambuf_iterator<char>(stream), {}};
+    const std::span<std::uint8_t> buffer = board_.memory.memory().at(kLoadBuffer, HandoverCache::kBytes);
+    if (!bytes.empty() && bytes.size() <= buffer.size() &&
+        std::memcmp(bytes.data(), buffer.data(), bytes.size()) == 0) {
+        report_.launched = volume_.last_opened();
+        report_.launched_bytes = static_cast<std::uint32_t>(bytes.size());
+        return;
+    }
+    report_.launched = "rescue image";
+    std::memcpy(&report_.launched_bytes, &buffer[20], sizeof report_.launched_bytes);
+}
+
+void Machine::launch() {
+    const std::optional<Handover> handover = TakeHandover(board_.memory.memory());
+    report_.verdict = Verdict::launched;
+    name_launched();
+    volume_.close_all();
+    if (!options_.run_launched) return;
+    const StageResult end = arm().run(handover->entry);
+    static constexpr std::array kEnds = {"reset", "ended", "still running", "fault", "power lost", "stopped"};
+    report_.launched_end = kEnds[static_cast<std::size_t>(end.end)];
+    if (end.end == StageEnd::exited)
+        report_.launched_end += fmt::format(" with result {}", end.exit_code);
+    else if (!end.place.empty())
+        report_.launched_end += " at " + end.place;
+}
+
+RunReport Machine::finish(RunReport report) {
+    report.medium = options_.board.straps.boots_from_nand() ? "NAND" : "DataFlash";
+    report.time = board_.clock.now();
+    report.instructions = instructions();
+    const std::vector<JournalEntry> &violations = board_.journal.violations();
+    if (!violations.empty() && report.verdict != Verdict::power_lost) {
+        report.verdict = Verdict::violation;
+        report.place = violations.front().where + ": " + violations.front().what;
+    }
+    return report;
+}
+
+namespace {
+
+// How a bootloader's stage ends the run, where it does.
+std::optional<Verdict> VerdictOf(const StageResult &end) {
+    switch (end.end) {
+    case StageEnd::reset: return std::nullopt;
+    case StageEnd::exited: return end.exit_code == 0 ? Verdict::idle : Verdict::fault;
+    case StageEnd::power_lost: return Verdict::power_lost;
+    case StageEnd::hang: return Verdict::hang;
+    default: return Verdict::fault;
+    }
+}
+
+} // namespace
+
+RunReport Machine::run() {
+    for (;;) {
+        const Firmware *firmware = choose_bootloader();
+        starts_++;
+        if (!firmware) {
+            report_.verdict = Verdict::no_bootloader;
+            return finish(report_);
+        }
+        const StageResult end = run_bootloader(*firmware);
+        if (const std::optional<Verdict> verdict = VerdictOf(end)) {
+            report_.verdict = *verdict;
+            report_.place = end.end == StageEnd::exited && end.exit_code
+                                ? fmt::format("the program ended with result {} {}", end.exit_code, end.place)
+                                : end.place;
+            return finish(report_);
+        }
+        report_.resets++;
+        board_.processor_reset();
+        if (MarkerStands(board_.memory.memory())) {
+            launch();
+            return finish(report_);
+        }
+        if (report_.resets >= options_.most_resets) {
+            report_.verdict = Verdict::reset_loop;
+            return finish(report_);
+        }
+    }
+}
+
+StageResult Machine::start() {
+    const Firmware *firmware = choose_bootloader();
+    if (!firmware) throw std::runtime_error("no bootloader to start");
+    running_ = firmware;
+    if (native_) return native_->start(firmware->version);
+    if (!firmware->elf) throw std::runtime_error(firmware->file.string() + ": no symbols");
+    firmware->elf->load(board_.memory.memory());
+    return arm().run(firmware->entry(), symbol("main"));
+}
+
+std::uint32_t Machine::symbol(const char *name) const {
+    const std::optional<std::uint32_t> address = running_->elf ? running_->elf->symbol(name) : std::nullopt;
+    if (!address) throw std::runtime_error(fmt::format("{}: no symbol {}", running_->file.string(), name));
+    return *address;
+}
+
+StageResult Machine::call(const char *routine, std::span<const std::uint32_t> arguments, std::uint32_t &result) {
+    if (native_) return native_->call(routine, arguments, result);
+    return arm().call(symbol(routine), arguments, result);
+}
+
+void *Machine::object(const char *name) {
+    if (native_) return NativeProcessor::object(name);
+    return board_.memory.memory().from(symbol(name)).data();
+}

@@ -1,0 +1,27 @@
+// The text trace: every register access and chip operation with its virtual time, one a line. Runs of accesses to the
+// same data port are one line with a count.
+#pragma once
+
+#include "board.h"
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+class Trace {
+public:
+    // Throws std::runtime_error where the file cannot be written. The board outlives the trace.
+    Trace(const std::string &file, fixture::Board &board);
+    ~Trace();
+    Trace(const Trace &) = delete;
+    Trace &operator=(const Trace &) = delete;
+
+private:
+    void access(const fixture::BusAccess &access);
+    void finish_run();
+
+    fixture::Board &board_;
+    std::unique_ptr<std::FILE, int (*)(std::FILE *)> file_;
+    fixture::BusAccess last_{};
+    unsigned repeats_ = 0;
+};
