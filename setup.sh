@@ -6,7 +6,7 @@ set -eu
 packages="
 cmake ninja-build g++ pkg-config binutils git
 gcc-arm-none-eabi libnewlib-arm-none-eabi libstdc++-arm-none-eabi-newlib
-libunicorn-dev libelfio-dev libcli11-dev libfmt-dev nlohmann-json3-dev
+libunicorn-dev libelf-dev libcli11-dev libfmt-dev nlohmann-json3-dev
 libpng-dev libgif-dev libchafa-dev
 libgtest-dev libgmock-dev sigrok-cli
 "

@@ -6,6 +6,7 @@ find_package(nlohmann_json REQUIRED)
 find_package(PNG REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(UNICORN REQUIRED IMPORTED_TARGET unicorn)
+pkg_check_modules(ELF REQUIRED IMPORTED_TARGET libelf)
 pkg_check_modules(CHAFA REQUIRED IMPORTED_TARGET chafa)
 
 option(SANITIZE "build everything with the address and undefined-behaviour sanitizers" OFF)
@@ -23,7 +24,7 @@ endif()
 file(GLOB FIXTURE_SOURCES CONFIGURE_DEPENDS fixture/*.cpp)
 add_library(models STATIC ${FIXTURE_SOURCES})
 target_include_directories(models PUBLIC fixture)
-target_link_libraries(models PUBLIC fmt::fmt PNG::PNG PkgConfig::UNICORN gif)
+target_link_libraries(models PUBLIC fmt::fmt PNG::PNG PkgConfig::UNICORN PkgConfig::ELF gif)
 
 # The modules, joined into one object whose kernel names are re-pointed to the host platform and whose data lie in
 # sections of their own, so that every start can begin with freshly loaded data.

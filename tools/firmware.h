@@ -4,7 +4,7 @@
 // that no build here made cannot run there.
 #pragma once
 
-#include "elf.h"
+#include "elf_image.h"
 #include "native_processor.h"
 #include "processor.h"
 
