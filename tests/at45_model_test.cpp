@@ -1,0 +1,226 @@
+// The serial DataFlash's model, from the datasheets' facts alone.
+#include "at45.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <map>
+
+using namespace fixture;
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+// A chip on the wire: commands go out byte by byte, each under a selection of its own.
+struct Wire {
+    explicit Wire(At45Contents &contents) : chip(clock, journal, supply, contents), part(contents.part()) {}
+
+    // Sends a command and returns what comes back for `read` bytes behind it.
+    Bytes talk(const Bytes &sent, std::size_t read = 0) {
+        chip.select();
+        for (const std::uint8_t byte : sent) chip.exchange(byte);
+        Bytes received;
+        for (std::size_t n = 0; n < read; n++) received.push_back(chip.exchange(0));
+        chip.deselect();
+        return received;
+    }
+    Bytes addressed(std::uint8_t opcode, std::uint32_t page, std::uint32_t offset) const {
+        const std::uint32_t address = page << part.offset_bits | offset;
+        Bytes bytes{opcode};
+        for (unsigned n = part.address_bytes; n-- > 0;) bytes.push_back(static_cast<std::uint8_t>(address >> 8 * n));
+        return bytes;
+    }
+    void page_command(std::uint8_t opcode, std::uint32_t page) { talk(addressed(opcode, page, 0)); }
+    void fill_buffer(std::uint8_t opcode, std::uint32_t offset, const Bytes &data) {
+        Bytes bytes = addressed(opcode, 0, offset);
+        bytes.insert(bytes.end(), data.begin(), data.end());
+        talk(bytes);
+    }
+    Bytes array(std::uint32_t page, std::uint32_t offset, std::size_t length) {
+        Bytes bytes = addressed(0xE8, page, offset);
+        bytes.resize(8);
+        return talk(bytes, length);
+    }
+    std::uint8_t status() { return talk({0xD7}, 1)[0]; }
+    void settle() { clock.advance(50 * kMillisecond); }
+    std::size_t violations() const { return journal.violations().size(); }
+
+    Clock clock;
+    Journal journal{clock};
+    PowerSupply supply;
+    At45 chip;
+    At45Part part;
+};
+
+TEST(At45Model, PartsAnswerTheirDensity) {
+    const std::map<std::string, std::array<std::uint32_t, 3>> facts = {{"AT45DB161", {0xAC, 4096, 2162688}},
+                                                                       {"AT45DB321", {0xB4, 8192, 4325376}},
+                                                                       {"AT45DB642", {0xBC, 8192, 8650752}},
+                                                                       {"AT45DB1282", {0x90, 16384, 17301504}}};
+    ASSERT_EQ(At45Parts().size(), facts.size());
+    for (const auto &[name, fact] : facts) {
+        At45Contents contents(*FindAt45Part(name));
+        Wire wire(contents);
+        EXPECT_EQ(wire.status(), fact[0]) << name;
+        EXPECT_EQ(contents.part().pages, fact[1]);
+        EXPECT_EQ(contents.bytes(), fact[2]);
+        wire.chip.never_ready = true;
+        EXPECT_EQ(wire.status(), fact[0] & 0x7F);
+        wire.chip.absent = true;
+        EXPECT_EQ(wire.status(), 0xFF);
+    }
+    EXPECT_EQ(FindAt45Part("AT45DB000"), nullptr);
+}
+
+TEST(At45Model, ProgramsPagesThroughBuffersOnEveryPart) {
+    for (const At45Part &part : At45Parts()) {
+        At45Contents contents(part);
+        Wire wire(contents);
+        const std::uint32_t last = part.page_bytes - 1;
+        wire.fill_buffer(0x84, 0, Bytes(part.page_bytes, 0xF0));
+        wire.fill_buffer(0x84, last, {0x11, 0x22}); // wraps to the buffer's start
+        wire.page_command(0x83, part.pages - 1);
+        wire.settle();
+        wire.fill_buffer(0x87, 0, Bytes(part.page_bytes, 0x3C));
+        wire.page_command(0x89, 0);
+        wire.settle();
+        // Continuous read: into the last page, and over the chip's end to its first byte.
+        EXPECT_EQ(wire.array(part.pages - 1, 0, 2), (Bytes{0x22, 0xF0})) << part.name;
+        EXPECT_EQ(wire.array(part.pages - 1, last, 2), (Bytes{0x11, 0x3C}));
+        wire.page_command(0x55, part.pages - 1);
+        wire.settle();
+        Bytes read_buffer = wire.addressed(0xD6, 0, last);
+        read_buffer.push_back(0);
+        EXPECT_EQ(wire.talk(read_buffer, 2), (Bytes{0x11, 0x22}));
+        wire.page_command(0x81, part.pages - 1);
+        wire.settle();
+        EXPECT_TRUE(contents.erased(part.pages - 1));
+        EXPECT_EQ(wire.violations(), 0u);
+    }
+}
+
+TEST(At45Model, OperationsTakeTheirTimeAndPollsJumpToItsEnd) {
+    const std::pair<std::uint8_t, Picoseconds> rows[] = {
+        {0x53, 200 * kMicrosecond}, {0x83, 17 * kMillisecond}, {0x88, 3 * kMillisecond}, {0x81, 15 * kMillisecond}};
+    for (const auto &[opcode, time] : rows) {
+        At45Contents contents(*FindAt45Part("AT45DB321"));
+        Wire wire(contents);
+        wire.page_command(opcode, 7);
+        EXPECT_EQ(wire.status(), 0x34);
+        EXPECT_EQ(wire.status(), 0x34);
+        EXPECT_EQ(wire.clock.now(), 0u);
+        EXPECT_EQ(wire.status(), 0xB4);
+        EXPECT_EQ(wire.clock.now(), time);
+    }
+}
+
+TEST(At45Model, WhatTheDatasheetForbidsIsRecordedAndIgnored) {
+    struct Row {
+        const char *what;
+        Bytes first; // sent before, without a wait
+        Bytes then;
+        std::size_t violations;
+    };
+    const Row rows[] = {
+        {"unknown opcode", {}, {0x99}, 1},
+        {"command cut short", {}, {0x81, 0, 4}, 1},
+        {"byte beyond the page", {}, {0x84, 0, 2, 0x10, 0}, 1},
+        {"erase while busy", {0x81, 0, 4, 0}, {0x81, 0, 8, 0}, 1},
+        {"read while busy", {0x81, 0, 4, 0}, {0xE8, 0, 0, 0, 0, 0, 0, 0}, 1},
+        {"the buffer in use", {0x83, 0, 4, 0}, {0x84, 0, 0, 0, 1}, 1},
+        {"the other buffer", {0x83, 0, 4, 0}, {0x87, 0, 0, 0, 1}, 0},
+        {"status while busy", {0x83, 0, 4, 0}, {0xD7, 0}, 0},
+        {"program without erase", {}, {0x88, 0, 0, 0}, 1},
+    };
+    for (const Row &row : rows) {
+        At45Contents contents(*FindAt45Part("AT45DB321"));
+        contents.write(0, Bytes{0x0F});
+        contents.write(2 * 528, Bytes{0x42});
+        Wire wire(contents);
+        if (!row.first.empty()) wire.talk(row.first);
+        wire.talk(row.then);
+        EXPECT_EQ(wire.violations(), row.violations) << row.what;
+        EXPECT_EQ(contents.page(2)[0], 0x42) << row.what;
+    }
+}
+
+TEST(At45Model, ProgrammingOnlyClearsBits) {
+    At45Contents contents(*FindAt45Part("AT45DB161"));
+    contents.write(0, Bytes{0x0F});
+    Wire wire(contents);
+    wire.fill_buffer(0x84, 0, {0x35});
+    wire.page_command(0x88, 0);
+    EXPECT_EQ(contents.page(0)[0], 0x05);
+}
+
+TEST(At45Model, FaultsStrikeByPlaceAndCount) {
+    At45Contents contents(*FindAt45Part("AT45DB642"));
+    Wire wire(contents);
+    wire.chip.faults = {{.kind = At45Fault::lose_program, .page = 3, .skip = 1},
+                        {.kind = At45Fault::wrong_bits, .page = 4, .offset = 1, .mask = 0x81},
+                        {.kind = At45Fault::stay_busy, .page = 5}};
+    const auto program = [&](std::uint32_t page, std::uint8_t value) {
+        wire.fill_buffer(0x84, 0, Bytes(1056, value));
+        wire.page_command(0x83, page);
+        wire.settle();
+        return wire.array(page, 0, 2);
+    };
+    EXPECT_EQ(program(3, 0x10), (Bytes{0x10, 0x10}));
+    EXPECT_EQ(program(3, 0x20), (Bytes{0x10, 0x10})) << "the second program is lost";
+    EXPECT_EQ(program(3, 0x30), (Bytes{0x30, 0x30}));
+    EXPECT_EQ(program(4, 0x40), (Bytes{0x40, 0xC1}));
+    EXPECT_EQ(program(5, 0x50), (Bytes{0xFF, 0xFF})) << "busy for good: no answer";
+    EXPECT_EQ(wire.status(), 0x3C);
+    EXPECT_EQ(wire.violations(), 0u) << "a driver that gives up waiting does nothing wrong";
+}
+
+// After a cut the page is old, new or something between; the chip neither answers nor changes any more.
+TEST(At45Model, APowerCutTearsThePage) {
+    std::map<bool, int> mixed;
+    for (const std::uint8_t opcode : Bytes{0x81, 0x83, 0x88}) {
+        for (const CutMoment moment : {CutMoment::before, CutMoment::torn, CutMoment::after}) {
+            for (std::uint64_t seed = 0; seed < 8; seed++) {
+                At45Contents contents(*FindAt45Part("AT45DB321"));
+                const Bytes before(528, opcode == 0x88 ? 0xFF : 0x66);
+                contents.set_page(9, before);
+                const At45Contents snapshot = contents;
+                Wire wire(contents);
+                const Bytes after(528, opcode == 0x81 ? 0xFF : 0x5A);
+                wire.fill_buffer(0x84, 0, after);
+                wire.supply.plan(PowerCut{0, moment, seed});
+                wire.page_command(opcode, 9);
+                EXPECT_TRUE(wire.supply.fired());
+                EXPECT_EQ(snapshot.page(9), before) << "a snapshot keeps its bytes";
+                EXPECT_TRUE(moment != CutMoment::before || contents == snapshot);
+                EXPECT_TRUE(moment != CutMoment::after || contents.page(9) == after);
+                if (moment == CutMoment::torn) mixed[contents.page(9) != before && contents.page(9) != after]++;
+                EXPECT_EQ(wire.status(), 0xFF);
+            }
+        }
+    }
+    EXPECT_GT(mixed[true], 20);
+}
+
+TEST(At45Model, ContentsSurviveInFiles) {
+    const std::filesystem::path file = std::filesystem::temp_directory_path() / ("at45-" + std::to_string(std::rand()));
+    At45Contents contents(*FindAt45Part("AT45DB161"));
+    contents.write(528 * 2 - 1, Bytes{1, 2});
+    EXPECT_EQ(contents.read(528 * 2 - 2, 4), (Bytes{0xFF, 1, 2, 0xFF}));
+    contents.save(file);
+    EXPECT_EQ(std::filesystem::file_size(file), 528u * 3);
+    At45Contents loaded(contents.part());
+    loaded.write(100000, Bytes{7}); // replaced by what the file holds
+    loaded.load(file);
+    EXPECT_EQ(loaded, contents);
+    std::filesystem::resize_file(file, 528 * 2 + 1);
+    loaded.load(file);
+    EXPECT_EQ(loaded, contents) << "a short file is erased to its end";
+    std::filesystem::resize_file(file, contents.bytes() + 1);
+    EXPECT_THROW(loaded.load(file), std::runtime_error);
+    std::filesystem::remove(file);
+    EXPECT_THROW(contents.write(contents.bytes(), Bytes{1}), std::out_of_range);
+}
+
+} // namespace
