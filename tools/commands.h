@@ -3,8 +3,9 @@
 //
 //   0  good        1  the thing examined is bad        2  the call is wrong        3  the run ended badly (boot)
 //
-// A command throws std::runtime_error, with the file and what is wrong, where the call cannot be carried out; `fixture`
-// prints it and ends with 2. `app` and `exit_status` outlive the parse.
+// A command throws where it cannot go on, with the file and what is wrong: a Refusal (files.h) for an input that cannot
+// work, any other std::exception for a wrong call. `fixture` prints the text and ends with 1 or 2. `app` and
+// `exit_status` outlive the parse.
 #pragma once
 
 namespace CLI {

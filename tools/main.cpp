@@ -1,12 +1,15 @@
 // fixture: the virtual fixture and the tools around it, one subcommand each.
 #include "commands.h"
 
+#include "files.h"
+
 #include <CLI/CLI.hpp>
 #include <exception>
 #include <fmt/format.h>
 
 namespace {
 
+constexpr int kRefused = 1;
 constexpr int kWrongCall = 2;
 constexpr const char *kVersion = "fixture 1.0";
 
@@ -35,6 +38,9 @@ int main(int argc, char **argv) {
     try {
         const int parsed = Parse(app, argc, argv);
         return parsed == 0 ? exit_status : parsed;
+    } catch (const Refusal &refusal) {
+        fmt::print(stderr, "fixture: {}\n", refusal.what());
+        return kRefused;
     } catch (const std::exception &error) {
         fmt::print(stderr, "fixture: {}\n", error.what());
         return kWrongCall;
