@@ -10,6 +10,9 @@ inline constexpr std::uint32_t kSdramSize = 0x04000000; // 64 MiB
 inline constexpr std::uint32_t kLoadBufferBase = 0x23000000;
 inline constexpr std::uint32_t kLoadBufferSize = 0x01000000; // 16 MiB, up to the end of SDRAM
 
+// The same bytes as an object; the linker sets its address, so it starts on a word.
+extern "C" std::uint8_t image_load_buf[];
+
 // The launch marker lies in the load buffer's last 256 bytes; the first-stage loader looks for its text there.
 inline constexpr std::uint32_t kLaunchMarkerBase = 0x23FFFF00;
 inline constexpr std::uint32_t kLaunchMarkerSize = 0x100;
