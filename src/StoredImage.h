@@ -1,0 +1,76 @@
+// The format of every image kept in raw flash, and where those images lie.
+//
+// Stored image, little-endian: the 32-byte header below, then the body. Files in a bank that go to raw flash carry the
+// same header. The running sums cover the body only: for each byte, sum1 += byte, then sum2 += sum1.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory_map.h>
+
+struct StoredImageHeader {
+    char maker[20];     // OLramWrapper_StringToken with its terminator
+    std::uint32_t size; // of the whole image, header included
+    std::uint32_t sum1;
+    std::uint32_t sum2;
+};
+inline constexpr std::uint32_t kHeaderSize = 32;
+static_assert(sizeof(StoredImageHeader) == kHeaderSize && offsetof(StoredImageHeader, size) == 20);
+
+// A whole-image check reads this many bytes more than the image.
+inline constexpr std::uint32_t kCheckOverrun = 32;
+
+struct RunningSums {
+    std::uint32_t sum1 = 0x01234567;
+    std::uint32_t sum2 = 0x89ABCDEF;
+    constexpr void add(std::uint8_t byte) {
+        sum1 += byte;
+        sum2 += sum1;
+    }
+    constexpr bool operator==(const RunningSums &) const = default;
+};
+
+// Eight bytes a turn: three instructions a byte, and no load wider than the data's alignment.
+constexpr RunningSums SumBody(const std::uint8_t *body, std::uint32_t length) {
+    RunningSums sums;
+    for (; length >= 8; length -= 8, body += 8) {
+        sums.add(body[0]);
+        sums.add(body[1]);
+        sums.add(body[2]);
+        sums.add(body[3]);
+        sums.add(body[4]);
+        sums.add(body[5]);
+        sums.add(body[6]);
+        sums.add(body[7]);
+    }
+    for (; length > 0; length--) sums.add(*body++);
+    return sums;
+}
+
+// The raw slots as byte addresses of each medium. Each slot ends where the next one begins; the DataFlash's rescue slot
+// ends with the chip.
+inline constexpr std::uint32_t kNandRescueVersion = 0x00020000;
+inline constexpr std::uint32_t kNandRescueSlot = 0x00400000;
+inline constexpr std::uint32_t kNandRescueSlotSize = 0x00C00000;
+inline constexpr std::uint32_t kNandBootSlotSize[2] = {0x001E0000, 0x001E0000};
+
+inline constexpr std::uint32_t kSDFlashRescueVersion = 0x00007F00;
+inline constexpr std::uint32_t kSDFlashRescueSlot = 0x00404000;
+inline constexpr std::uint32_t kSDFlashBootSlotSize[2] = {0x001FC000, 0x00200000};
+
+inline constexpr std::uint32_t kRescueVersionSize = 16; // text, not always terminated
+
+extern "C" {
+
+// The bootloader's two slots on each medium.
+extern const std::uint32_t nandFlashBootSector[2];
+extern const std::uint32_t sdFlashBootSector[2];
+
+// The maker text every stored image begins with.
+extern const char OLramWrapper_StringToken[20];
+
+// Two complete images to try the checks on.
+extern const std::uint8_t TestApplicationData[48];
+extern const std::uint8_t TestBootData[41];
+
+} // extern "C"
