@@ -1,0 +1,237 @@
+// The serial DataFlash driver against its chip: what goes over the wire, what ends up in the chip, what is printed.
+#include "bench.h"
+
+#include <cstring>
+#include <fmt/format.h>
+
+using namespace fixture;
+
+namespace {
+
+constexpr std::uint32_t kTransmit = 0xFFFA400C;
+constexpr std::uint8_t kReadStatus = 0xD7;
+
+using Bytes = std::vector<std::uint8_t>;
+
+Chips WithDataflash(const char *part) {
+    Chips chips;
+    chips.dataflash = At45Contents(*FindAt45Part(part));
+    return chips;
+}
+
+// A board with a DataFlash and a log of the commands that went to it: "E800000000000000+32768" is opcode, address and
+// don't-care bytes, and how many data bytes followed. Status reads are counted instead.
+class Dataflash {
+public:
+    Dataflash(Processor processor, Chips chips) : chips_(std::move(chips)), bench_(processor, chips_, {}) {
+        board().bus.observer = [this](const BusAccess &access) {
+            if (access.is_write && access.address == kTransmit)
+                sent_.push_back(static_cast<std::uint8_t>(access.value));
+        };
+        board().net('A', 5).watch([this](bool high) {
+            if (high) write_down();
+        });
+    }
+    Dataflash(Processor processor, const char *part) : Dataflash(processor, WithDataflash(part)) {}
+    ~Dataflash() {
+        for (const JournalEntry &entry : board().journal.violations())
+            ADD_FAILURE() << entry.where << ": " << entry.what;
+    }
+
+    int init() { return call("SDFlash_Init"); }
+    int read(std::uint32_t address, std::uint32_t length) { return call("SDFlash_Read", address, buffer, length); }
+    int write(std::uint32_t address, const Bytes &bytes) {
+        std::copy(bytes.begin(), bytes.end(), bench_.at(buffer));
+        return call("SDFlash_Write", address, buffer, bytes.size());
+    }
+    template <typename... Arguments> int call(const char *routine, Arguments... arguments) {
+        log.clear();
+        polls = 0;
+        return static_cast<int>(bench_.call(routine, arguments...));
+    }
+
+    Board &board() { return bench_.board(); }
+    Bench &bench() { return bench_; }
+    Chips &chips() { return chips_; }
+    Bytes received(std::uint32_t length) { return Bytes(bench_.at(buffer), bench_.at(buffer) + length); }
+
+    std::string log;
+    unsigned polls = 0;
+
+private:
+    void write_down() {
+        if (sent_.empty()) return; // the line went high as the controller was set up
+        if (sent_[0] == kReadStatus)
+            polls++;
+        else {
+            const std::size_t addressed = 1 + chips_.dataflash.part().address_bytes;
+            const std::size_t header = std::min(sent_.size(), sent_[0] == 0xE8 ? 8 : addressed);
+            if (!log.empty()) log += ' ';
+            for (std::size_t n = 0; n < header; n++) log += fmt::format("{:02X}", sent_[n]);
+            if (sent_.size() > header) log += fmt::format("+{}", sent_.size() - header);
+        }
+        sent_.clear();
+    }
+
+    Chips chips_;
+    Bench bench_;
+    Bytes sent_;
+
+public:
+    std::uint32_t buffer = bench_.scratch(256 * 1024);
+};
+
+class DataflashDriver : public testing::TestWithParam<Processor> {};
+BOTH_PROCESSORS(DataflashDriver);
+
+TEST_P(DataflashDriver, IdentifiesTheFourDensities) {
+    for (const At45Part &part : At45Parts()) {
+        Dataflash flash(GetParam(), part.name);
+        EXPECT_EQ(flash.init(), 0) << part.name;
+        EXPECT_EQ(flash.polls, 1u);
+        EXPECT_EQ(flash.board().bus.read(0xFFFA4004, 4), 0x000E0011u);
+        EXPECT_EQ(flash.board().bus.read(0xFFFA4030, 4), 0x011A0302u);
+        EXPECT_EQ(flash.board().bus.read(0xFFFA403C, 4), 0x280A6C02u);
+        EXPECT_TRUE(flash.board().net('B', 0).driven() && flash.board().net('B', 0).high());
+        EXPECT_TRUE(flash.board().net('B', 1).driven() && flash.board().net('B', 1).high());
+        EXPECT_EQ(flash.read(part.bytes() - 4, 4), 0);
+        EXPECT_EQ(flash.bench().console(), "");
+    }
+}
+
+TEST_P(DataflashDriver, WithoutAKnownChipEverythingFails) {
+    At45Part unknown = *FindAt45Part("AT45DB321");
+    unknown.density = 0x30;
+    Chips odd;
+    odd.dataflash = At45Contents(unknown);
+    Dataflash other(GetParam(), odd);
+    Dataflash absent(GetParam(), kDefaultAt45);
+    absent.board().dataflash.absent = true;
+    for (Dataflash *flash : {&other, &absent}) {
+        EXPECT_EQ(flash->init(), -1);
+        EXPECT_EQ(flash->bench().console(), "");
+        EXPECT_EQ(flash->read(0, 0), -1);
+        EXPECT_EQ(flash->write(0, {1}), -1);
+        EXPECT_EQ(flash->log, "");
+        EXPECT_EQ(flash->bench().console(), "\tAT91SAM926X_ReadDataflash : Failed with Error=1\n"
+                                            "\tAT91SAM926X_WriteDataflash : Failed with Error=1\n");
+    }
+}
+
+TEST_P(DataflashDriver, SendsTheseCommands) {
+    struct Row {
+        const char *part;
+        bool is_write;
+        std::uint32_t address;
+        std::uint32_t length;
+        const char *log;
+    };
+    const Row rows[] = {
+        {"AT45DB161", false, 0, 0, ""},
+        {"AT45DB161", true, 528, 0, ""},
+        {"AT45DB161", false, 5 * 528 + 7, 100'000,
+         "E800140700000000+32768 E8010C2700000000+32768 E802044700000000+32768 E802FC6700000000+1696"},
+        {"AT45DB161", true, 518, 600,
+         "53000000 84000206+10 83000000 84000000+528 81000400 88000400 53000800 84000000+62 83000800"},
+        {"AT45DB321", true, 8191 * 528, 528, "84000000+528 817FFC00 887FFC00"},
+        {"AT45DB642", true, 3 * 1056 + 1000, 8, "53001800 840003E8+8 83001800"},
+        {"AT45DB642", false, 8191 * 1056 + 1055, 1, "E8FFFC1F00000000+1"},
+        {"AT45DB1282", true, 16383 * 1056 + 1, 1055, "5301FFF800 8400000001+1055 8101FFF800 8301FFF800"},
+        {"AT45DB1282", true, 9000 * 1056, 1056, "8400000000+1056 8101194000 8801194000"},
+        {"AT45DB1282", false, 9000 * 1056 + 2, 3, "E801194002000000+3"},
+    };
+    for (const Row &row : rows) {
+        Dataflash flash(GetParam(), row.part);
+        ASSERT_EQ(flash.init(), 0);
+        EXPECT_EQ(
+            row.is_write ? flash.write(row.address, Bytes(row.length, 0x5A)) : flash.read(row.address, row.length), 0);
+        EXPECT_EQ(flash.log, row.log) << row.part << ' ' << row.address;
+    }
+}
+
+TEST_P(DataflashDriver, RangesEndWithTheChip) {
+    constexpr std::uint32_t kTotal = 4096 * 528;
+    struct Row {
+        std::uint32_t address;
+        std::uint32_t length;
+        int result;
+    };
+    const Row rows[] = {
+        {kTotal - 1, 1, 0},  {kTotal, 0, 0},       {kTotal, 1, -1},     {kTotal - 1, 2, -1}, {kTotal + 1, 0, -1},
+        {0, kTotal + 1, -1}, {16, 0xFFFFFFFF, -1}, {0x0FFFFFFF, 4, -1}, {0x10000000, 4, -1}, {0x20000000, 4, -1},
+        {0x3FFFFFFF, 1, -1}, {0xFFFFFFFF, 0, -1},  {0xC0000000, 4, 0},
+    };
+    Dataflash flash(GetParam(), "AT45DB161");
+    ASSERT_EQ(flash.init(), 0);
+    for (const Row &row : rows) {
+        EXPECT_EQ(flash.call("SDFlash_Read", row.address, flash.buffer, row.length), row.result)
+            << std::hex << row.address;
+        EXPECT_EQ(flash.polls + flash.log.size() == 0, row.result != 0);
+        EXPECT_EQ(flash.call("SDFlash_Write", row.address, flash.buffer, row.length), row.result)
+            << std::hex << row.address;
+        EXPECT_EQ(flash.polls + flash.log.size() == 0, row.result != 0);
+    }
+    EXPECT_EQ(flash.call("AT91SAM926X_ReadDataflash", 0u, 4u, flash.buffer), 1) << "an address without its base";
+}
+
+TEST_P(DataflashDriver, AChipThatStaysBusyFailsReadsAndIsNotHeardByWrites) {
+    Dataflash flash(GetParam(), "AT45DB161");
+    ASSERT_EQ(flash.init(), 0);
+    flash.board().dataflash.never_ready = true;
+    EXPECT_EQ(flash.read(0, 4), -1);
+    EXPECT_EQ(flash.polls, 200'000u);
+    EXPECT_EQ(flash.log, "");
+    EXPECT_EQ(flash.bench().console(), "\tAT91SAM926X_ReadDataflash : Failed with Error=1\n");
+    if (GetParam() == Processor::arm) return; // four times the polls again
+    EXPECT_EQ(flash.write(100, {1, 2}), 0);
+    EXPECT_EQ(flash.polls, 4 * 200'000u);
+    EXPECT_EQ(flash.log, "53000000 84000064+2 83000000");
+    EXPECT_EQ(flash.bench().console(), "");
+}
+
+TEST_P(DataflashDriver, ABusyDescriptorIsLeftAlone) {
+    Dataflash flash(GetParam(), kDefaultAt45);
+    ASSERT_EQ(flash.init(), 0);
+    std::memset(flash.bench().at(flash.buffer), 1, 128); // the busy flag among them
+    const std::uint64_t accesses = flash.board().bus.accesses();
+    EXPECT_EQ(flash.call("AT91SAM926X_SpiWrite", flash.buffer), 1);
+    EXPECT_EQ(flash.board().bus.accesses(), accesses);
+}
+
+TEST_P(DataflashDriver, ReadsAndWritesLikeAnArray) {
+    for (const At45Part &part : At45Parts()) {
+        Dataflash flash(GetParam(), part.name);
+        ASSERT_EQ(flash.init(), 0);
+        Random random(part.pages + part.page_bytes);
+        Bytes oracle(part.bytes(), 0xFF);
+        const std::uint32_t places[] = {0, 37 * part.page_bytes, part.bytes() - 4 * part.page_bytes};
+        for (int round = 0; round < 24; round++) {
+            const std::uint32_t address = places[random() % 3] + static_cast<std::uint32_t>(random() % part.page_bytes);
+            Bytes bytes(random() % (3 * part.page_bytes));
+            for (std::uint8_t &byte : bytes) byte = static_cast<std::uint8_t>(random());
+            ASSERT_EQ(flash.write(address, bytes), 0);
+            std::copy(bytes.begin(), bytes.end(), oracle.begin() + address);
+            const std::uint32_t from = address / part.page_bytes * part.page_bytes;
+            const std::uint32_t length =
+                1 + static_cast<std::uint32_t>(random() % (part.bytes() - from > 4000 ? 4000 : part.bytes() - from));
+            ASSERT_EQ(flash.read(from, length), 0);
+            ASSERT_EQ(flash.received(length), Bytes(oracle.begin() + from, oracle.begin() + from + length));
+        }
+        EXPECT_EQ(flash.chips().dataflash.read(0, part.bytes()), oracle) << part.name;
+    }
+}
+
+// The divider and the programmed delay allow one byte in 8 x 3 + 32 master clock cycles.
+TEST_P(DataflashDriver, TransfersAsFastAsTheControllerIsProgrammed) {
+    Dataflash flash(GetParam(), kDefaultAt45);
+    ASSERT_EQ(flash.init(), 0);
+    constexpr std::uint32_t kLength = 64 * 1024;
+    const Picoseconds start = flash.board().clock.now();
+    ASSERT_EQ(flash.read(0, kLength), 0);
+    const double limit = kLength * 56.0 * static_cast<double>(flash.board().bus.cycle);
+    const double ratio = static_cast<double>(flash.board().clock.now() - start) / limit;
+    EXPECT_GE(ratio, 1.0);
+    EXPECT_LE(ratio, 1.1);
+}
+
+} // namespace
