@@ -14,4 +14,5 @@ class App;
 
 void AddBankCommand(CLI::App &app, int &exit_status);
 void AddBootCommand(CLI::App &app, int &exit_status);
+void AddEepromCommand(CLI::App &app, int &exit_status);
 void AddImageCommand(CLI::App &app, int &exit_status);

@@ -1,0 +1,146 @@
+// fixture eeprom: looks at the parameter store in a chip file, and prepares one.
+#include "commands.h"
+
+#include "eeprom_store.h"
+#include "files.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <charconv>
+#include <filesystem>
+#include <fmt/format.h>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <stdexcept>
+
+using fixture::EepromContents;
+
+namespace {
+
+struct EepromCall {
+    std::string file;
+    bool json = false;
+    std::vector<std::string> settings;
+};
+
+std::string Hex(const std::vector<std::uint8_t> &bytes) {
+    std::string text;
+    for (const std::uint8_t byte : bytes) text += fmt::format("{:02X}", byte);
+    return text;
+}
+
+const char *StateOf(const StoreSector &sector) { return sector.empty() ? "empty" : sector.good ? "good" : "bad"; }
+
+nlohmann::ordered_json ToJson(const StoreSector &sector) {
+    nlohmann::ordered_json json = {{"chip_address", sector.chip_address},
+                                   {"state", StateOf(sector)},
+                                   {"word", sector.word},
+                                   {"length", sector.length},
+                                   {"checksum", sector.checksum}};
+    if (!sector.empty() && !sector.problem.empty()) json["problem"] = sector.problem;
+    if (!sector.warning.empty()) json["warning"] = sector.warning;
+    json["parameters"] = nlohmann::ordered_json::array();
+    for (const StoredParameter &parameter : sector.parameters)
+        json["parameters"].push_back({{"id", parameter.identifier}, {"hex", Hex(parameter.data)}});
+    return json;
+}
+
+nlohmann::ordered_json ToJson(const StoreReport &report) {
+    nlohmann::ordered_json json;
+    json["current"] = report.current ? nlohmann::ordered_json(*report.current) : nlohmann::ordered_json();
+    json["why"] = report.why;
+    json["sectors"] = {ToJson(report.sectors[0]), ToJson(report.sectors[1])};
+    return json;
+}
+
+void Print(int number, const StoreSector &sector) {
+    fmt::print("sector {} at 0x{:03X}: {}", number, sector.chip_address, StateOf(sector));
+    if (!sector.empty() && !sector.problem.empty()) fmt::print(", {}", sector.problem);
+    fmt::print("\n  word 0x{:04X}, length {}, checksum 0x{:04X}\n", sector.word, sector.length, sector.checksum);
+    if (!sector.warning.empty()) fmt::print("  warning: {}\n", sector.warning);
+    for (const StoredParameter &parameter : sector.parameters)
+        fmt::print("  {:4} = {}\n", parameter.identifier, Hex(parameter.data));
+}
+
+EepromContents ReadChip(const std::string &file) {
+    const Bytes bytes = ReadFile(file, EepromContents::kSize);
+    if (bytes.size() != EepromContents::kSize)
+        throw Refusal(file, fmt::format("{} bytes", bytes.size()),
+                      fmt::format("{}", std::size_t{EepromContents::kSize}));
+    EepromContents chip;
+    std::copy(bytes.begin(), bytes.end(), chip.bytes.begin());
+    return chip;
+}
+
+int Show(const EepromCall &call) {
+    const StoreReport report = ReadStore(ReadChip(call.file));
+    if (call.json) {
+        fmt::print("{}\n", ToJson(report).dump());
+    } else {
+        for (int sector = 0; sector < 2; ++sector) Print(sector, report.sectors[sector]);
+        fmt::print("current: {}, since {}\n", report.current ? fmt::format("sector {}", *report.current) : "none",
+                   report.why);
+    }
+    return report.current ? 0 : 1;
+}
+
+std::optional<unsigned> ParseNumber(std::string_view text, int base) {
+    unsigned value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
+    if (text.empty() || error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    return value;
+}
+
+// "9=C0A80001", "0x123=" (no data).
+StoredParameter ParseSetting(const std::string &text) {
+    const auto refuse = [&text](const char *expected) -> std::runtime_error {
+        return std::runtime_error(fmt::format("'{}': {}", text, expected));
+    };
+    const std::size_t equals = text.find('=');
+    if (equals == std::string::npos) throw refuse("ID=HEX expected");
+    const std::string id = text.substr(0, equals);
+    const bool hex = id.starts_with("0x");
+    const std::optional<unsigned> identifier = ParseNumber(std::string_view(id).substr(hex ? 2 : 0), hex ? 16 : 10);
+    if (!identifier || *identifier > 0xFFE) throw refuse("an identifier from 0 to 4094 expected before '='");
+    StoredParameter parameter{*identifier, {}};
+    const std::string digits = text.substr(equals + 1);
+    if (digits.size() % 2 != 0 || digits.size() > 30)
+        throw refuse("0 to 15 bytes of two hex digits expected after '='");
+    for (std::size_t i = 0; i < digits.size(); i += 2) {
+        const std::optional<unsigned> byte = ParseNumber(std::string_view(digits).substr(i, 2), 16);
+        if (!byte) throw refuse("hex digits expected after '='");
+        parameter.data.push_back(static_cast<std::uint8_t>(*byte));
+    }
+    return parameter;
+}
+
+int Set(const EepromCall &call) {
+    std::vector<StoredParameter> changes;
+    for (const std::string &setting : call.settings) changes.push_back(ParseSetting(setting));
+    EepromContents chip;
+    if (std::filesystem::exists(call.file)) chip = ReadChip(call.file);
+    try {
+        UpdateStore(chip, changes);
+    } catch (const std::exception &error) {
+        throw Refusal(fmt::format("{}: {}", call.file, error.what()));
+    }
+    chip.save(call.file);
+    return 0;
+}
+
+} // namespace
+
+void AddEepromCommand(CLI::App &app, int &exit_status) {
+    auto call = std::make_shared<EepromCall>();
+    CLI::App *eeprom = app.add_subcommand("eeprom", "Look at the parameter store in a chip file, or prepare one");
+    eeprom->require_subcommand(1);
+    CLI::App *show = eeprom->add_subcommand("show", "Print both sectors, and which one the bootloader uses");
+    show->add_option("FILE", call->file, "contents of the chip, 2048 bytes")->required();
+    show->add_flag("--json", call->json, "one JSON object");
+    show->callback([call, &exit_status] { exit_status = Show(*call); });
+    CLI::App *set = eeprom->add_subcommand("set", "Set parameters as a commit would; makes the file and the store");
+    set->add_option("FILE", call->file, "contents of the chip, 2048 bytes")->required();
+    set->add_option("SETTING", call->settings, "ID=HEX: identifier, up to 15 bytes")->required();
+    set->callback([call, &exit_status] { exit_status = Set(*call); });
+}
