@@ -7,7 +7,7 @@ packages="
 cmake ninja-build g++ pkg-config binutils git
 gcc-arm-none-eabi libnewlib-arm-none-eabi libstdc++-arm-none-eabi-newlib
 libunicorn-dev libelf-dev libcli11-dev libfmt-dev nlohmann-json3-dev
-libpng-dev libgif-dev libchafa-dev
+libpng-dev libgif-dev libchafa-dev libglib2.0-dev
 libgtest-dev libgmock-dev sigrok-cli
 "
 # Only what CI and `make lint` use beyond that.

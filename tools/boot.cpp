@@ -8,6 +8,8 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <fmt/format.h>
+#include <fstream>
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <unistd.h>
@@ -59,19 +61,24 @@ nlohmann::ordered_json ToJson(const RunReport &report) {
     return json;
 }
 
-// Boots on this machine's own processor run in the sanitized build of this program, where there is one.
-void HandOverToSanitizedBuild(int argc, const char *const *argv) {
+// Boots on this machine's own processor run in the sanitized build of this program, where there is one: the same call
+// again, there.
+void HandOverToSanitizedBuild() {
     std::error_code error;
     const fs::path self = fs::read_symlink("/proc/self/exe", error);
     const fs::path sanitized = self.parent_path().parent_path() / "asan" / "fixture";
     if (error || self == sanitized || !fs::exists(sanitized)) return;
+    std::ifstream cmdline("/proc/self/cmdline", std::ios::binary);
+    std::vector<std::string> words;
+    for (std::string word; std::getline(cmdline, word, '\0');) words.push_back(word);
     std::vector<char *> arguments;
-    for (int i = 0; i < argc; i++) arguments.push_back(const_cast<char *>(argv[i]));
+    for (std::string &word : words) arguments.push_back(word.data());
     arguments.push_back(nullptr);
     execv(sanitized.c_str(), arguments.data());
 }
 
 int Boot(const BootCall &call) {
+    if (call.host) HandOverToSanitizedBuild();
     const KnownFirmware known(FirmwareDirectory());
     RunOptions options;
     options.processor = call.host ? ProcessorKind::host : ProcessorKind::arm;
