@@ -1,8 +1,7 @@
 # The bootloader for the board: bootloader.elf, .bin, .map, libbootloader.a with the list of symbols it needs, a second
 # version of it, both again with the fixed build record that tests compare with, and the demo programs.
 
-set(ARM_FLAGS -mcpu=arm926ej-s -marm -ffunction-sections)
-set(ARM_CXX_FLAGS -fno-exceptions -fno-rtti -fno-threadsafe-statics -fno-use-cxa-atexit)
+set(ARM_FLAGS -mcpu=arm926ej-s -marm)
 add_compile_options(${ARM_FLAGS} $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions> $<$<COMPILE_LANGUAGE:CXX>:-fno-rtti>
                     $<$<COMPILE_LANGUAGE:CXX>:-fno-threadsafe-statics> $<$<COMPILE_LANGUAGE:CXX>:-fno-use-cxa-atexit>)
 
@@ -16,12 +15,16 @@ function(link_image target map)
     set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${PLATFORM}/linker.ld)
 endfunction()
 
-add_library(platform STATIC ${PLATFORM_SOURCES})
+add_library(platform OBJECT ${PLATFORM_SOURCES})
 target_include_directories(platform PRIVATE ${MODULE_INCLUDES})
 
-# One image: the modules with a version and a build record of their own, on the reference platform.
-function(add_image name directory record version)
-    file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/${directory})
+# One image: the modules with a version and a build record of their own, on the reference platform. Kind `board` is the
+# one for boards, `fixed` the one for tests, in a directory of its own.
+function(add_image name kind record version)
+    set(place ${CMAKE_BINARY_DIR})
+    if(kind STREQUAL fixed)
+        set(place ${CMAKE_BINARY_DIR}/fixed)
+    endif()
     set(settings ${CMAKE_BINARY_DIR}/settings/${version})
     string(REGEX MATCH "^([0-9]+)\\.([0-9]+)\\.(.+)$" _ ${version})
     file(CONFIGURE OUTPUT ${settings}/boot_version.h @ONLY CONTENT "// Made by the build.
@@ -31,19 +34,17 @@ inline constexpr int kBootVersionMajor = ${CMAKE_MATCH_1};
 inline constexpr int kBootVersionMinor = ${CMAKE_MATCH_2};
 inline constexpr const char *kBootVersionBuild = \"${CMAKE_MATCH_3}\";
 ")
-    set(target image-${directory}-${name})
-    string(REPLACE "/" "-" target ${target})
+    set(target ${kind}-${name})
     add_library(${target}-modules STATIC ${MODULE_SOURCES})
     target_include_directories(${target}-modules BEFORE PRIVATE ${settings} ${record})
     target_include_directories(${target}-modules PRIVATE ${MODULE_INCLUDES})
     add_dependencies(${target}-modules build-record)
-    add_executable(${target} ${PLATFORM}/entry_point.cpp)
-    set_target_properties(${target} PROPERTIES OUTPUT_NAME ${name} RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/${directory})
-    target_include_directories(${target} PRIVATE ${MODULE_INCLUDES})
-    target_link_libraries(${target} PRIVATE -Wl,--whole-archive ${target}-modules platform -Wl,--no-whole-archive)
-    link_image(${target} ${CMAKE_BINARY_DIR}/${directory}/${name}.map)
+    add_executable(${target} $<TARGET_OBJECTS:platform>)
+    set_target_properties(${target} PROPERTIES OUTPUT_NAME ${name} RUNTIME_OUTPUT_DIRECTORY ${place})
+    target_link_libraries(${target} PRIVATE -Wl,--whole-archive ${target}-modules -Wl,--no-whole-archive)
+    link_image(${target} ${place}/${name}.map)
     add_custom_command(TARGET ${target} POST_BUILD COMMAND ${CMAKE_OBJCOPY} -O binary $<TARGET_FILE:${target}>
-                       ${CMAKE_BINARY_DIR}/${directory}/${name}.bin)
+                       ${place}/${name}.bin)
 endfunction()
 
 foreach(version ${BOOT_VERSIONS})
@@ -52,6 +53,28 @@ foreach(version ${BOOT_VERSIONS})
     else()
         set(name bootloader-${version})
     endif()
-    add_image(${name} . ${BUILD_RECORD} ${version})
+    add_image(${name} board ${BUILD_RECORD} ${version})
     add_image(${name} fixed ${FIXED_RECORD} ${version})
+endforeach()
+
+# The modules alone, for another kernel, with what they need from it.
+set(needs ${CMAKE_BINARY_DIR}/libbootloader.needs)
+add_custom_command(
+    OUTPUT ${CMAKE_BINARY_DIR}/libbootloader.a ${needs}
+    COMMAND ${CMAKE_COMMAND} -E copy $<TARGET_FILE:board-bootloader-modules> ${CMAKE_BINARY_DIR}/libbootloader.a
+    COMMAND ${CMAKE_SOURCE_DIR}/cmake/needed_symbols.sh ${CMAKE_NM} ${CMAKE_BINARY_DIR}/libbootloader.a > ${needs}
+    DEPENDS board-bootloader-modules ${CMAKE_SOURCE_DIR}/cmake/needed_symbols.sh)
+add_custom_target(libbootloader ALL DEPENDS ${CMAKE_BINARY_DIR}/libbootloader.a)
+
+# Demo programs that a board can launch: flat binaries.
+file(GLOB DEMOS CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/assets/demo-*)
+foreach(directory ${DEMOS})
+    get_filename_component(name ${directory} NAME)
+    file(GLOB sources CONFIGURE_DEPENDS ${directory}/*.cpp ${directory}/*.S)
+    add_executable(${name} ${sources})
+    target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/platform/include)
+    target_link_options(${name} PRIVATE -mcpu=arm926ej-s -marm -nostdlib -T ${directory}/linker.ld
+                        -Wl,--no-warn-rwx-segments)
+    add_custom_command(TARGET ${name} POST_BUILD COMMAND ${CMAKE_OBJCOPY} -O binary $<TARGET_FILE:${name}>
+                       ${CMAKE_BINARY_DIR}/${name}.bin)
 endforeach()
