@@ -1,0 +1,33 @@
+// The reference platform's own calls, in the order in which the start-up makes them. What the bootloader sees of it is
+// in <kernel.h>, <file_server.h> and <flash_ranges.h>.
+#pragma once
+
+#include <cstdint>
+
+// From the entry, with zero-initialised data cleared. Comes back never: it ends the run and idles.
+extern "C" [[noreturn]] void PLATFORM_Start(void);
+// From the vectors: prints what happened and where, ends the run and idles. `vector` is the exception's number in the
+// vector table.
+extern "C" [[noreturn]] void FAULT_Report(std::uint32_t vector, std::uint32_t pc, std::uint32_t status);
+
+// Maps memory flat, with caches, alignment checks and high vectors on.
+void MMU_Enable(void);
+
+// The DBGU at 115,200 baud, polled. CONSOLE_Put waits until the character is taken.
+void CONSOLE_Init(void);
+void CONSOLE_Put(char c);
+void CONSOLE_PutText(const char *text);
+void CONSOLE_PutHex(std::uint32_t value);
+
+// Starts the timer that usleep reads.
+void TIMER_Init(void);
+
+// Clocks, pins and devices of the board; the second half runs once the flash layer is up.
+extern "C" void BSP_InitializeDevices(void);
+extern "C" void BSP_Initialize(void);
+
+// Asks for the flash device ranges as the flash layer does: once to count its devices, once to open them.
+void FLASHLAYER_Start(void);
+
+// Prints "<who>: <what>" and ends the run: a stand-in was told something that the real part could not work with.
+[[noreturn]] void PLATFORM_Refuse(const char *who, const char *what, int code);
