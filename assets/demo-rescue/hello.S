@@ -1,0 +1,2 @@
+#define GREETING "Hello from the demo rescue application.\n"
+#include "../demo-application/hello.S"
