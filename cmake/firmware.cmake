@@ -16,7 +16,7 @@ function(link_image target map)
 endfunction()
 
 add_library(platform OBJECT ${PLATFORM_SOURCES})
-target_include_directories(platform PRIVATE ${MODULE_INCLUDES})
+target_include_directories(platform PRIVATE ${MODULE_INCLUDES} ${CMAKE_SOURCE_DIR}/platform/common)
 
 # One image: the modules with a version and a build record of their own, on the reference platform. Kind `board` is the
 # one for boards, `fixed` the one for tests, in a directory of its own.

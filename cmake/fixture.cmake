@@ -26,10 +26,11 @@ add_library(models STATIC ${FIXTURE_SOURCES})
 target_include_directories(models PUBLIC fixture)
 target_link_libraries(models PUBLIC fmt::fmt PNG::PNG PkgConfig::UNICORN PkgConfig::ELF gif)
 
-# The modules, joined into one object whose kernel names are re-pointed to the host platform and whose data lie in
+# The modules, and with them the stand-ins that both platforms share, joined into one object whose kernel names are re-pointed to the host platform and whose data lie in
 # sections of their own, so that every start can begin with freshly loaded data.
+file(GLOB SHARED_PLATFORM_SOURCES CONFIGURE_DEPENDS platform/common/*.cpp)
 function(add_native_modules name record)
-    add_library(${name}-objects OBJECT ${MODULE_SOURCES})
+    add_library(${name}-objects OBJECT ${MODULE_SOURCES} ${SHARED_PLATFORM_SOURCES})
     target_include_directories(${name}-objects BEFORE PRIVATE ${CMAKE_SOURCE_DIR}/platform/host/include ${record})
     target_include_directories(${name}-objects PRIVATE ${MODULE_INCLUDES})
     add_dependencies(${name}-objects build-record)
@@ -49,14 +50,13 @@ endfunction()
 add_native_modules(native-modules ${BUILD_RECORD})
 add_native_modules(native-modules-fixed ${FIXED_RECORD})
 
-file(GLOB HOST_PLATFORM_SOURCES CONFIGURE_DEPENDS platform/host/host_*.cpp platform/host/native_*.cpp
-     platform/common/*.cpp)
+file(GLOB HOST_PLATFORM_SOURCES CONFIGURE_DEPENDS platform/host/*.cpp)
 file(GLOB TOOL_SOURCES CONFIGURE_DEPENDS tools/*.cpp)
 list(FILTER TOOL_SOURCES EXCLUDE REGEX "/main\\.cpp$")
 add_library(tools STATIC ${TOOL_SOURCES} ${HOST_PLATFORM_SOURCES})
 target_include_directories(tools PUBLIC tools platform/host)
 target_include_directories(tools BEFORE PRIVATE platform/host/include)
-target_include_directories(tools PRIVATE ${MODULE_INCLUDES})
+target_include_directories(tools PRIVATE ${MODULE_INCLUDES} platform/common)
 target_link_libraries(tools PUBLIC models CLI11::CLI11 nlohmann_json::nlohmann_json PkgConfig::CHAFA)
 target_compile_definitions(tools PRIVATE FIXTURE_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
 

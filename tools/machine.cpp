@@ -31,6 +31,7 @@ Machine::Machine(Chips &chips, RunOptions options)
     : options_(std::move(options)), chips_(chips), board_(chips, options_.board), volume_(options_.volume),
       debugger_(board_.memory.memory(), volume_) {
     connect();
+    debugger_.file_server_fails = options_.file_server_fails;
     if (options_.processor != ProcessorKind::host) return;
     native_ = std::make_unique<NativeProcessor>(
         NativeProcessor::Wiring{board_.clock, board_.bus, volume_, board_.cache,

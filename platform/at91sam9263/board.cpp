@@ -1,6 +1,7 @@
 // The board's start-up, from the entry to main and to the end of the run.
 #include "platform.h"
 #include "semihosting.h"
+#include "stand_ins.h"
 
 #include "ol_at91sam926x_lcd.h"
 

@@ -2,6 +2,7 @@
 
 #include "cp15.h"
 #include "semihosting.h"
+#include "stand_ins.h"
 
 namespace {
 
@@ -39,4 +40,13 @@ void PLATFORM_Refuse(const char *who, const char *what, int code) {
     CONSOLE_PutText(what);
     CONSOLE_Put('\n');
     semihosting::Exit(code);
+}
+
+// A debugger that knows this file has the start fail; any other has no such file.
+bool PLATFORM_FileServerFails() {
+    const std::int32_t handle = semihosting::Open(":file-server-fails", semihosting::kReadBinary);
+    if (handle < 0) return false;
+    const std::int32_t block[] = {handle};
+    semihosting::Call(semihosting::kClose, block);
+    return true;
 }

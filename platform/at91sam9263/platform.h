@@ -25,9 +25,3 @@ void TIMER_Init(void);
 // Clocks, pins and devices of the board; the second half runs once the flash layer is up.
 extern "C" void BSP_InitializeDevices(void);
 extern "C" void BSP_Initialize(void);
-
-// Asks for the flash device ranges as the flash layer does: once to count its devices, once to open them.
-void FLASHLAYER_Start(void);
-
-// Prints "<who>: <what>" and ends the run: a stand-in was told something that the real part could not work with.
-[[noreturn]] void PLATFORM_Refuse(const char *who, const char *what, int code);

@@ -32,9 +32,7 @@ std::int32_t Open(const char *name, Mode mode);
 
 // How a run ends other than by main's own result.
 enum ExitCode : int {
-    kExitFault = 101,      // a vector was taken
-    kExitFlashLayer = 102, // the flash layer was told something wrong
-    kExitFileServer = 103, // the file server was told something wrong
+    kExitFault = 101, // a vector was taken
 };
 
 // Reports the program's result and idles for good.

@@ -1,7 +1,6 @@
 // Stands in for the flash translation layer where it meets the bootloader: it asks which part of the NAND chip it may
 // use, before main, and cannot work with a wrong answer. The files themselves come from the debugger.
-#include "platform.h"
-#include "semihosting.h"
+#include "stand_ins.h"
 
 #include <cstring>
 #include <flash_ranges.h>
@@ -15,7 +14,7 @@ constexpr std::uint32_t kToLastBlock = 0xFFFFFFFF;
 constexpr FlashDeviceRange kWholeChip[] = {{0, 0, kToLastBlock, kNandClass, 0, "K9Fx NAND Flash Chip"}};
 
 void Require(bool right, const char *what) {
-    if (!right) PLATFORM_Refuse("Flash layer", what, semihosting::kExitFlashLayer);
+    if (!right) PLATFORM_Refuse("Flash layer", what, kFlashLayerRefused);
 }
 
 // Memory is not cleared for the count, so that one that is not stored shows.

@@ -1,9 +1,6 @@
 // Stands in for the file server where it meets the bootloader: it reads the configuration tables as the server would
-// and cannot work with wrong ones. The files themselves come from the debugger.
-//
-// A debugger that knows the file ":file-server-fails" makes the server's start fail; any other has no such file.
-#include "platform.h"
-#include "semihosting.h"
+// and cannot work with wrong ones. The files themselves come from elsewhere.
+#include "stand_ins.h"
 
 #include <cstring>
 #include <file_server.h>
@@ -18,7 +15,7 @@ struct {
 } constinit g_server = {};
 
 void Require(bool right, const char *what) {
-    if (!right) PLATFORM_Refuse("File server", what, semihosting::kExitFileServer);
+    if (!right) PLATFORM_Refuse("File server", what, kFileServerRefused);
 }
 
 bool Same(const char *text, const char *expected) { return text && std::strcmp(text, expected) == 0; }
@@ -58,14 +55,6 @@ void CheckTables(const PjfsBackend *const *backends, const PjfsClient *const *cl
     RequireOnly(clients, __ghsentry_pjfs_clients_client, "wrong table of clients");
 }
 
-bool ToldToFail() {
-    const std::int32_t handle = semihosting::Open(":file-server-fails", semihosting::kReadBinary);
-    if (handle < 0) return false;
-    const std::int32_t block[] = {handle};
-    semihosting::Call(semihosting::kClose, block);
-    return true;
-}
-
 } // namespace
 
 int PJFS_IntegrityIODevDiskInit() { return 0; }
@@ -91,5 +80,5 @@ int PJFS_Server_Run(int wait) {
     RequireOnly(__ghstable_pjfs_autoformats, __ghsentry_pjfs_autoformats_drive1, "wrong table of volumes to create");
     CheckAutoFormat(*__ghstable_pjfs_autoformats[0]);
     if (__ghsentry_pjfs_backends_disk1.initialise() != 0) return -1;
-    return ToldToFail() ? -1 : 0;
+    return PLATFORM_FileServerFails() ? -1 : 0;
 }
