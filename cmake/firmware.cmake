@@ -40,7 +40,7 @@ inline constexpr const char *kBootVersionBuild = \"${CMAKE_MATCH_3}\";
     target_include_directories(${target}-modules PRIVATE ${MODULE_INCLUDES})
     add_dependencies(${target}-modules build-record)
     add_executable(${target} $<TARGET_OBJECTS:platform>)
-    set_target_properties(${target} PROPERTIES OUTPUT_NAME ${name} RUNTIME_OUTPUT_DIRECTORY ${place})
+    set_target_properties(${target} PROPERTIES OUTPUT_NAME ${name} SUFFIX .elf RUNTIME_OUTPUT_DIRECTORY ${place})
     target_link_libraries(${target} PRIVATE -Wl,--whole-archive ${target}-modules -Wl,--no-whole-archive)
     link_image(${target} ${place}/${name}.map)
     add_custom_command(TARGET ${target} POST_BUILD COMMAND ${CMAKE_OBJCOPY} -O binary $<TARGET_FILE:${target}>
