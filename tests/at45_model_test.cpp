@@ -66,9 +66,9 @@ TEST(At45Model, PartsAnswerTheirDensity) {
         EXPECT_EQ(wire.status(), fact[0]) << name;
         EXPECT_EQ(contents.part().pages, fact[1]);
         EXPECT_EQ(contents.bytes(), fact[2]);
-        wire.chip.never_ready = true;
+        contents.never_ready = true;
         EXPECT_EQ(wire.status(), fact[0] & 0x7F);
-        wire.chip.absent = true;
+        contents.absent = true;
         EXPECT_EQ(wire.status(), 0xFF);
     }
     EXPECT_EQ(FindAt45Part("AT45DB000"), nullptr);
@@ -158,9 +158,9 @@ TEST(At45Model, ProgrammingOnlyClearsBits) {
 TEST(At45Model, FaultsStrikeByPlaceAndCount) {
     At45Contents contents(*FindAt45Part("AT45DB642"));
     Wire wire(contents);
-    wire.chip.faults = {{.kind = At45Fault::lose_program, .page = 3, .skip = 1},
-                        {.kind = At45Fault::wrong_bits, .page = 4, .offset = 1, .mask = 0x81},
-                        {.kind = At45Fault::stay_busy, .page = 5}};
+    contents.faults = {{.kind = At45Fault::lose_program, .page = 3, .skip = 1},
+                       {.kind = At45Fault::wrong_bits, .page = 4, .offset = 1, .mask = 0x81},
+                       {.kind = At45Fault::stay_busy, .page = 5}};
     const auto program = [&](std::uint32_t page, std::uint8_t value) {
         wire.fill_buffer(0x84, 0, Bytes(1056, value));
         wire.page_command(0x83, page);

@@ -106,7 +106,7 @@ TEST_P(DataflashDriver, WithoutAKnownChipEverythingFails) {
     odd.dataflash = At45Contents(unknown);
     Dataflash other(GetParam(), odd);
     Dataflash absent(GetParam(), kDefaultAt45);
-    absent.board().dataflash.absent = true;
+    absent.chips().dataflash.absent = true;
     for (Dataflash *flash : {&other, &absent}) {
         EXPECT_EQ(flash->init(), -1);
         EXPECT_EQ(flash->bench().console(), "");
@@ -177,7 +177,7 @@ TEST_P(DataflashDriver, RangesEndWithTheChip) {
 TEST_P(DataflashDriver, AChipThatStaysBusyFailsReadsAndIsNotHeardByWrites) {
     Dataflash flash(GetParam(), "AT45DB161");
     ASSERT_EQ(flash.init(), 0);
-    flash.board().dataflash.never_ready = true;
+    flash.chips().dataflash.never_ready = true;
     EXPECT_EQ(flash.read(0, 4), -1);
     EXPECT_EQ(flash.polls, 200'000u);
     EXPECT_EQ(flash.log, "");
