@@ -16,3 +16,4 @@ void AddBankCommand(CLI::App &app, int &exit_status);
 void AddBootCommand(CLI::App &app, int &exit_status);
 void AddEepromCommand(CLI::App &app, int &exit_status);
 void AddImageCommand(CLI::App &app, int &exit_status);
+void AddSplashCommand(CLI::App &app, int &exit_status);
