@@ -11,7 +11,7 @@ file(GLOB PLATFORM_SOURCES CONFIGURE_DEPENDS ${PLATFORM}/*.cpp ${PLATFORM}/*.S $
 # Everything is kept, called or not, so that each routine can be reached by its symbol.
 function(link_image target map)
     target_link_options(${target} PRIVATE -mcpu=arm926ej-s -marm -nostartfiles -T ${PLATFORM}/linker.ld
-                        -Wl,-Map=${map} -Wl,--no-warn-rwx-segments)
+                        -Wl,-Map=${map} -Wl,--no-warn-rwx-segments -Wl,-z,noexecstack)
     set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${PLATFORM}/linker.ld)
 endfunction()
 
@@ -74,7 +74,7 @@ foreach(directory ${DEMOS})
     add_executable(${name} ${sources})
     target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/platform/include)
     target_link_options(${name} PRIVATE -mcpu=arm926ej-s -marm -nostdlib -T ${directory}/linker.ld
-                        -Wl,--no-warn-rwx-segments)
+                        -Wl,--no-warn-rwx-segments -Wl,-z,noexecstack)
     add_custom_command(TARGET ${name} POST_BUILD COMMAND ${CMAKE_OBJCOPY} -O binary $<TARGET_FILE:${name}>
                        ${CMAKE_BINARY_DIR}/${name}.bin)
 endforeach()

@@ -23,8 +23,9 @@ void RunConstructors() {
     for (const Constructor *call = __init_array_start; call != __init_array_end; ++call) (*call)();
 }
 
-// The kernel's initial task: it ends with the program's result.
+// The kernel's initial task: it ends with the program's result. Nothing before it may count on a constructor.
 [[noreturn]] void InitialTask() {
+    RunConstructors();
     const int result = main();
     std::fflush(stdout);
     semihosting::Exit(result);
@@ -44,7 +45,6 @@ void BSP_Initialize() { BSP_ReadNetDevs(); }
 
 void PLATFORM_Start() {
     MMU_Enable();
-    RunConstructors();
     std::setvbuf(stdout, nullptr, _IONBF, 0); // each text is on the line when printf returns
     BSP_InitializeDevices();
     FLASHLAYER_Start();
