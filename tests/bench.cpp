@@ -77,6 +77,7 @@ std::string Bench::console() { return std::exchange(console_, {}); }
 BootResult RunBoot(const BootCase &boot) {
     BootResult result;
     RunOptions options = OptionsFor(boot.processor, result.console);
+    options.slots = boot.from_slots;
     if (boot.from_slots) options.firmware = nullptr;
     options.volume = boot.volume;
     options.board = boot.board;

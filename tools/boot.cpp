@@ -4,6 +4,7 @@
 
 #include "machine.h"
 #include "trace.h"
+#include "vcd.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -28,10 +29,84 @@ struct BootCall {
     unsigned most_resets = 8;
     std::string trace;
     bool json = false;
+    std::string nand;
+    std::string nand_part = fixture::kDefaultNand;
+    std::string dataflash;
+    std::string dataflash_part = fixture::kDefaultAt45;
+    std::string eeprom;
+    std::string vcd;
+    std::string vcd_signals;
+    std::string panel;
+    std::string panel_frames;
+    std::string panel_gif;
+    std::string panel_wiring = "bgr";
+    bool preview = false;
 };
 
 const std::map<std::string, fixture::Straps> kStraps = {
     {"none", {}}, {"12-13", {true, false}}, {"14-18", {false, true}}, {"both", {true, true}}};
+
+const std::map<std::string, fixture::PanelWiring> kWirings = {
+    {"bgr", fixture::PanelWiring::bgr}, {"rgb", fixture::PanelWiring::rgb}, {"rgb565", fixture::PanelWiring::rgb565}};
+
+// The names of a table of parts, and "none".
+template <typename Parts> std::vector<std::string> PartNames(const Parts &parts) {
+    std::vector<std::string> names = {"none"};
+    for (const auto &part : parts) names.emplace_back(part.name);
+    return names;
+}
+
+// The board's chips, as their files have them; a missing file is a blank chip.
+fixture::Chips LoadChips(const BootCall &call) {
+    fixture::Chips chips;
+    chips.nand = fixture::NandContents(fixture::FindNandPart(call.nand_part));
+    if (call.dataflash_part == "none") chips.dataflash.absent = true;
+    else chips.dataflash = fixture::At45Contents(*fixture::FindAt45Part(call.dataflash_part));
+    if (!call.nand.empty()) chips.nand.load(call.nand);
+    if (!call.dataflash.empty()) chips.dataflash.load(call.dataflash);
+    if (!call.eeprom.empty() && fs::exists(call.eeprom)) chips.eeprom = fixture::EepromContents::load(call.eeprom);
+    return chips;
+}
+
+void SaveChips(const BootCall &call, const fixture::Chips &chips) {
+    if (!call.nand.empty()) chips.nand.save(call.nand);
+    if (!call.dataflash.empty()) chips.dataflash.save(call.dataflash);
+    if (!call.eeprom.empty()) chips.eeprom.save(call.eeprom);
+}
+
+// The signals of a run as a value change dump.
+class VcdFile {
+public:
+    VcdFile(const std::string &file, const std::string &signals, fixture::Board &board)
+        : stream_(file), writer_(stream_, board.clock) {
+        if (!stream_) throw std::runtime_error(file + ": cannot be written");
+        for (const fixture::VcdSignal &signal : fixture::VcdSignals(signals))
+            writer_.add(signal.name, board.net(signal.port, signal.bit));
+        board.spi0.trace_bits = true;
+        writer_.begin();
+    }
+
+private:
+    std::ofstream stream_;
+    fixture::VcdWriter writer_;
+};
+
+// Everything that a call wants written about the panel.
+void WritePanel(const BootCall &call, fixture::FrameRecorder &recorder, fixture::Picoseconds until) {
+    recorder.look();
+    if (!call.panel.empty()) fixture::WritePng(call.panel, recorder.shown());
+    if (!call.panel_gif.empty()) fixture::WriteGif(call.panel_gif, fixture::Animation(recorder.frames(), until));
+    if (!call.panel_frames.empty()) {
+        fs::create_directories(call.panel_frames);
+        unsigned number = 0;
+        for (const fixture::FrameRecorder::Frame &frame : recorder.frames())
+            fixture::WritePng(fs::path(call.panel_frames) / fmt::format("{:02}.png", number++), frame.picture);
+    }
+}
+
+bool WantsPanel(const BootCall &call) {
+    return !call.panel.empty() || !call.panel_gif.empty() || !call.panel_frames.empty() || call.preview;
+}
 
 std::string Describe(const RunReport &report) {
     std::string text = VerdictName(report.verdict);
@@ -96,11 +171,19 @@ int Boot(const BootCall &call) {
         ReadFirmware(call.firmware.empty() ? FirmwareDirectory() / "bootloader.elf" : fs::path(call.firmware));
     options.firmware = &firmware;
 
-    fixture::Chips chips;
+    fixture::Chips chips = LoadChips(call);
+    options.slots = !call.nand.empty() || !call.dataflash.empty();
+    if (options.slots && call.firmware.empty()) options.firmware = nullptr;
     Machine machine(chips, options);
-    std::unique_ptr<Trace> trace;
-    if (!call.trace.empty()) trace = std::make_unique<Trace>(call.trace, machine.board());
+    
+    std::optional<Trace> trace;
+    if (!call.trace.empty()) trace.emplace(call.trace, machine.board());
+    std::optional<VcdFile> vcd;
+    if (!call.vcd.empty()) vcd.emplace(call.vcd, call.vcd_signals, machine.board());
+    if (WantsPanel(call)) machine.record_frames(kWirings.at(call.panel_wiring));
     const RunReport report = machine.run();
+    SaveChips(call, chips);
+    if (WantsPanel(call)) WritePanel(call, *machine.frames(), report.time);
     std::fflush(stdout);
     fmt::print(stderr, "{}\n", call.json ? ToJson(report).dump() : Describe(report));
     return report.exit_status();
@@ -126,6 +209,25 @@ void AddBootCommand(CLI::App &app, int &exit_status) {
         ->check(CLI::PositiveNumber)
         ->capture_default_str();
     command->add_option("--trace", call->trace, "write every register access and chip operation to this file");
+    command->add_option("--nand", call->nand, "file that keeps the NAND chip: raw pages with their spare bytes");
+    command->add_option("--nand-part", call->nand_part, "NAND part fitted")
+        ->check(CLI::IsMember(PartNames(fixture::NandParts())))
+        ->capture_default_str();
+    command->add_option("--dataflash", call->dataflash, "file that keeps the DataFlash chip");
+    command->add_option("--dataflash-part", call->dataflash_part, "DataFlash part fitted")
+        ->check(CLI::IsMember(PartNames(fixture::At45Parts())))
+        ->capture_default_str();
+    command->add_option("--eeprom", call->eeprom, "file that keeps the parameter EEPROM");
+    command->add_option("--vcd", call->vcd, "write pins as a value change dump for logic-analyser programs");
+    command->add_option("--vcd-signals", call->vcd_signals,
+                        "which signals, by name, separated by commas (default: all)");
+    command->add_option("--panel", call->panel, "write what the panel shows at the end as PNG");
+    command->add_option("--panel-frames", call->panel_frames, "write every different frame as PNG into this directory");
+    command->add_option("--panel-gif", call->panel_gif, "write the panel's boot as an animation");
+    command->add_option("--panel-wiring", call->panel_wiring, "how the panel's colours are connected")
+        ->check(CLI::IsMember(kWirings))
+        ->capture_default_str();
+    command->add_flag("--preview", call->preview, "show the panel in the terminal, where it is one");
     command->add_flag("--json", call->json, "verdict as one JSON object");
     command->callback([call, &exit_status] { exit_status = Boot(*call); });
 }

@@ -1,6 +1,7 @@
 #include "machine.h"
 
 #include "first_stage.h"
+#include "slots.h"
 
 #include <algorithm>
 #include <array>
@@ -55,6 +56,13 @@ void Machine::connect() {
     };
 }
 
+void Machine::record_frames(PanelWiring wiring) {
+    constexpr unsigned kBarRow = 225; // what changes from one step to the next
+    frames_.emplace(
+        board_.clock, board_.lcdc, board_.memory.sdram(), [this] { return board_.picture_lit(); }, wiring, kBarRow);
+    board_.bus.before_access = [this] { frames_->glance(); };
+}
+
 void Machine::stop(StageResult result) {
     if (arm_ && arm_->running()) return arm_->stop(std::move(result));
     if (native_) native_->stop(std::move(result));
@@ -70,9 +78,25 @@ ArmProcessor &Machine::arm() {
     return *arm_;
 }
 
+// The image in the first good slot of the strapped medium. What runs natively must be a build that is known here.
+const Firmware *Machine::bootloader_in_slot() {
+    const bool nand = options_.board.straps.boots_from_nand();
+    const FlashReader read = nand ? ReaderOf(chips_.nand) : ReaderOf(chips_.dataflash);
+    const SlotTable &slots = SlotsOf(nand ? Medium::nand : Medium::dataflash);
+    report_.slot = ChooseBootloader(read, slots);
+    if (!report_.slot) return nullptr;
+    const StoredImage image = ReadSlot(read, slots.bootloader[*report_.slot]);
+    const auto body = std::span(image.bytes).subspan(kImageHeaderBytes);
+    // A known image brings its symbols; natively nothing else can run.
+    const Firmware *known = options_.known ? options_.known->identify(body) : nullptr;
+    if (known || native_) return known;
+    from_slot_ = Firmware{slots.bootloader[*report_.slot].name, {body.begin(), body.end()}, {}, {}};
+    return &*from_slot_;
+}
+
 const Firmware *Machine::choose_bootloader() {
-    if (options_.firmware) return options_.firmware;
-    return nullptr;
+    const bool given = options_.firmware && (starts_ == 0 || !options_.slots);
+    return given ? options_.firmware : bootloader_in_slot();
 }
 
 StageResult Machine::run_bootloader(const Firmware &firmware) {

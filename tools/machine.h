@@ -11,6 +11,7 @@
 #include "arm_processor.h"
 #include "board.h"
 #include "firmware.h"
+#include "frames.h"
 #include "native_processor.h"
 #include "volume.h"
 
@@ -25,8 +26,9 @@ enum class ProcessorKind : std::uint8_t { arm, host };
 struct RunOptions {
     ProcessorKind processor = ProcessorKind::arm;
     const KnownFirmware *known = nullptr; // builds that stand behind images; needed on the host
-    const Firmware *firmware = nullptr;   // replaces the first stage's choice: once with chips, always without
-    std::filesystem::path volume;         // directory of the file system; empty: no files
+    const Firmware *firmware = nullptr; // replaces the first stage's choice: at the first start with slots, else always
+    bool slots = false;                 // the first stage looks for bootloaders in the chips' slots
+    std::filesystem::path volume;       // directory of the file system; empty: no files
     fixture::BoardOptions board;
     bool file_server_fails = false;
     unsigned most_resets = 8;
@@ -53,7 +55,8 @@ struct RunReport {
     std::string medium;   // "NAND" or "DataFlash": what the board boots from
     std::string launched; // the file or slot whose image was started
     std::uint32_t launched_bytes = 0;
-    std::string launched_end; // how the launched image ended
+    std::string launched_end;     // how the launched image ended
+    std::optional<unsigned> slot; // the bootloader slot that the first stage took last
     unsigned resets = 0;
     fixture::Picoseconds time = 0;
     std::uint64_t instructions = 0; // on the emulated processor
@@ -72,6 +75,10 @@ public:
     fixture::Board &board() { return board_; }
     RunReport run();
 
+    // Collects the panel's frames from now on.
+    void record_frames(fixture::PanelWiring wiring);
+    fixture::FrameRecorder *frames() { return frames_ ? &*frames_ : nullptr; }
+
     // For single routines: starts the chosen bootloader up to the entry of main, then calls one routine by its name.
     fixture::StageResult start();
     fixture::StageResult call(const char *routine, std::span<const std::uint32_t> arguments, std::uint32_t &result);
@@ -87,6 +94,7 @@ private:
     fixture::ArmProcessor &arm();
     fixture::StageResult run_bootloader(const Firmware &firmware);
     void launch();
+    const Firmware *bootloader_in_slot();
     const Firmware *choose_bootloader();
     void name_launched();
     RunReport finish(RunReport report);
@@ -100,6 +108,7 @@ private:
     std::unique_ptr<fixture::NativeProcessor> native_;
     const Firmware *running_ = nullptr;
     std::optional<Firmware> from_slot_;
+    std::optional<fixture::FrameRecorder> frames_;
     unsigned starts_ = 0;
     RunReport report_;
 };
