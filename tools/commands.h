@@ -15,5 +15,6 @@ class App;
 void AddBankCommand(CLI::App &app, int &exit_status);
 void AddBootCommand(CLI::App &app, int &exit_status);
 void AddEepromCommand(CLI::App &app, int &exit_status);
+void AddFlashCommand(CLI::App &app, int &exit_status);
 void AddImageCommand(CLI::App &app, int &exit_status);
 void AddSplashCommand(CLI::App &app, int &exit_status);

@@ -34,7 +34,8 @@ int main(int argc, char **argv) {
     app.footer("Exit status: 0 good, 1 the thing examined is bad, 2 the call is wrong, 3 a run that ended badly.");
 
     int exit_status = 0;
-    for (const auto add : {AddBootCommand, AddBankCommand, AddEepromCommand, AddImageCommand, AddSplashCommand})
+    for (const auto add : {AddBootCommand, AddBankCommand, AddEepromCommand, AddFlashCommand, AddImageCommand,
+                           AddSplashCommand})
         add(app, exit_status);
     try {
         const int parsed = Parse(app, argc, argv);

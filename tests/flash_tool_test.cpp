@@ -1,0 +1,208 @@
+// Slots: which image they hold, which one the first stage starts, and the commands that fill and show them.
+#include "at45.h"
+#include "bench.h"
+#include "command.h"
+#include "commands.h"
+#include "flash_report.h"
+#include "nand.h"
+#include "stored_image.h"
+
+#include <nlohmann/json.hpp>
+
+using namespace fixture;
+using nlohmann::json;
+
+namespace {
+
+Bytes Body(std::size_t length, std::uint8_t seed) {
+    Bytes body(length);
+    for (std::size_t n = 0; n < length; n++) body[n] = static_cast<std::uint8_t>(n * 7 + seed);
+    return body;
+}
+
+void SetSize(Bytes &image, std::uint32_t size) {
+    for (int n = 0; n < 4; n++) image[20 + n] = static_cast<std::uint8_t>(size >> 8 * n);
+}
+
+TEST(FlashSlots, AnImageIsJudgedByMakerSizeAndSums) {
+    constexpr std::uint32_t kCapacity = 0x1000;
+    const Bytes full = Wrap(Body(kCapacity - 32, 1));
+    Bytes maker = full, sums = full;
+    maker[3] ^= 0x20;
+    sums.back() ^= 1;
+    const std::pair<Bytes, ImageVerdict> rows[] = {
+        {full, ImageVerdict::good},
+        {Wrap(Bytes{}), ImageVerdict::good},
+        {Wrap(Body(kCapacity - 31, 1)), ImageVerdict::bad_size},
+        {maker, ImageVerdict::no_maker},
+        {sums, ImageVerdict::bad_sums},
+        {Bytes(kCapacity, 0xFF), ImageVerdict::erased},
+        {Bytes(kCapacity, 0), ImageVerdict::no_maker},
+    };
+    for (const auto &[bytes, verdict] : rows) EXPECT_EQ(JudgeImage(bytes, kCapacity).verdict, verdict) << bytes.size();
+    for (const std::uint32_t size : {0u, 31u, kCapacity + 1, 0xFFFFFFE0u, 0xFFFFFFFFu}) {
+        Bytes image = full;
+        SetSize(image, size);
+        EXPECT_EQ(JudgeImage(image, kCapacity).verdict, ImageVerdict::bad_size) << size;
+    }
+}
+
+// Blocks 3 and 4 of slot 0 (blocks 2 to 16) are bad: its image goes on behind them, and reading it does likewise.
+TEST(FlashSlots, ReadingSkipsBadBlocks) {
+    NandContents nand;
+    nand.make_factory_bad(3);
+    nand.make_factory_bad(4);
+    const RawFlash flash = RawFlashOf(nand);
+    const Bytes image = Wrap(Body(3 * kNandBlockBytes, 5));
+    flash.write(0x40000, image);
+    EXPECT_EQ(nand.read(5 * kNandBlockBytes, 4),
+              Bytes(image.begin() + kNandBlockBytes, image.begin() + kNandBlockBytes + 4));
+    EXPECT_EQ(ReadSlot(flash.read, SlotsOf(Medium::nand).bootloader[0]).bytes, image);
+    EXPECT_EQ(ChooseBootloader(flash.read, SlotsOf(Medium::nand)), 0u);
+    EXPECT_EQ(flash.read(kNandBytes - 2, kNandBlockBytes + 1), Bytes(kNandBlockBytes + 1, 0xFF)) << "the chip's end";
+}
+
+TEST(FlashSlots, ARescueImageMayReachToTheEndOfADataflash) {
+    At45Contents chip(*FindAt45Part(kDefaultAt45));
+    const std::uint32_t room = chip.bytes() - 0x404000 - 32;
+    EXPECT_EQ(SlotsOf(Medium::dataflash).rescue.capacity, room);
+    const Provision fits{.bootloader = Wrap(Bytes{}), .rescue = Wrap(Body(room - 32, 3)), .rescue_version = "1"};
+    StoreProvision(RawFlashOf(chip), fits);
+    EXPECT_EQ(ExamineFlash(RawFlashOf(chip)).slots[2].image.verdict, ImageVerdict::good);
+    Provision too_long = fits;
+    too_long.rescue = Wrap(Body(room - 31, 3));
+    EXPECT_THROW(StoreProvision(RawFlashOf(chip), too_long), Refusal);
+}
+
+struct FlashTool : testing::Test {
+    struct Result {
+        int status;
+        std::string text;
+        json report() const { return json::parse(text).at("chips").at(0); }
+    };
+    static Result run(const std::vector<std::string> &words) {
+        const CommandResult result = RunCommand(AddFlashCommand, words);
+        return {result.exit_status, result.output};
+    }
+    std::string file(const std::string &name) { return (directory.path() / name).string(); }
+    std::string file(const std::string &name, const Bytes &bytes) {
+        WriteFile(directory.path() / name, bytes);
+        return file(name);
+    }
+    static std::vector<std::string> warnings(const json &report) { return report.at("warnings"); }
+    static testing::AssertionResult Warns(const json &report, const std::string &words) {
+        for (const std::string &warning : warnings(report))
+            if (warning.find(words) != std::string::npos) return testing::AssertionSuccess();
+        return testing::AssertionFailure() << report.at("warnings");
+    }
+
+    TemporaryDirectory directory;
+    const Bytes bootloader = Wrap(Body(70'000, 1));
+    const Bytes rescue = Wrap(Body(9'000, 2));
+};
+
+TEST_F(FlashTool, ProvisionedChipsShowWhatProductionStored) {
+    const std::string image = file("boot.img", bootloader), bare = file("rescue.bin", Body(9'000, 2));
+    for (const std::string medium : {"nand", "dataflash"}) {
+        for (const unsigned slot : {0u, 1u}) {
+            const std::string chip = file(medium);
+            const Result made = run({"flash", "provision", "--medium", medium, "--" + medium, chip, "--bootloader",
+                                     image, "--slot", std::to_string(slot), "--rescue", bare + ":2.7", "--json"});
+            ASSERT_EQ(made.status, 0);
+            const Result shown = run({"flash", "info", "--" + medium, chip, "--json"});
+            EXPECT_EQ(shown.status, 0);
+            EXPECT_EQ(shown.text, made.text);
+            const json report = shown.report();
+            EXPECT_EQ(report["first_stage"], slot);
+            EXPECT_EQ(report["slots"][slot]["state"], "good");
+            EXPECT_EQ(report["slots"][slot]["size"], bootloader.size());
+            EXPECT_EQ(report["slots"][1 - slot]["state"], "erased") << "the other one is retired";
+            EXPECT_EQ(report["slots"][2]["size"], rescue.size());
+            EXPECT_EQ(report["rescue_version"], "2.7");
+            EXPECT_EQ(report["warnings"], json::array());
+        }
+    }
+    EXPECT_EQ(run({"flash", "info", "--nand", file("dataflash")}).status, 1) << "nothing to boot from";
+    const std::string text = run({"flash", "info", "--nand", file("nand"), "--dataflash", file("dataflash")}).text;
+    EXPECT_NE(text.find("  bootloader 1    0x00220000  good, 70032 bytes\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("DataFlash AT45DB642\n"), std::string::npos) << text;
+}
+
+TEST_F(FlashTool, BadBlocksAreNamedWithWhatTheyCost) {
+    const std::string image = file("boot.img", bootloader), chip = file("nand");
+    NandContents nand;
+    nand.make_factory_bad(1);
+    nand.make_factory_bad(7);
+    nand.save(chip);
+    const std::vector<std::string> provision = {"flash", "provision", "--medium", "nand", "--nand", chip, "--json"};
+    const auto with = [&](std::initializer_list<std::string> more) {
+        std::vector<std::string> words = provision;
+        words.insert(words.end(), more);
+        return run(words);
+    };
+    EXPECT_EQ(with({"--bootloader", image, "--rescue", image + ":1"}).status, 1) << "the record would fall into slot 0";
+    EXPECT_EQ(with({"--bootloader", file("large", Wrap(Body(0x1C0000 - 31, 1)))}).status, 1) << "no room left";
+    nand.load(chip);
+    EXPECT_EQ(nand.read(0x40000, 4), Bytes(4, 0xFF)) << "a refused call writes nothing";
+    const Result fits = with({"--bootloader", file("fits", Wrap(Body(0x1C0000 - 32, 1)))});
+    ASSERT_EQ(fits.status, 0);
+    EXPECT_EQ(fits.report()["bad_blocks"], (json{1, 7}));
+    EXPECT_EQ(fits.report()["slots"][0]["room"], 0x1C0000);
+    EXPECT_TRUE(Warns(fits.report(), "block 1 is bad"));
+    EXPECT_TRUE(Warns(fits.report(), "bootloader 0: 1 bad block inside it; an image above 1835008 bytes"));
+    EXPECT_FALSE(Warns(fits.report(), "the last"));
+    // What an update does that knows nothing of the slot's room.
+    nand.load(chip);
+    RawFlashOf(nand).write(0x40000, Wrap(Body(0x1E0000 - 32, 1)));
+    EXPECT_TRUE(
+        Warns(json{{"warnings", ExamineFlash(RawFlashOf(nand)).warnings}}, "the last 131072 bytes of its image"));
+}
+
+TEST_F(FlashTool, NeighboursInADataflashPageAreNamed) {
+    const std::string chip = file("df");
+    At45Contents flash(*FindAt45Part("AT45DB321"));
+    flash.write(0, Bytes(0x7F00, 0x11)); // a first-stage loader up to the record
+    flash.save(chip);
+    const Bytes whole = Wrap(Body(0x1FC000 - 32, 1));
+    const Result result = run({"flash", "provision", "--medium", "dataflash", "--dataflash", chip, "--part",
+                               "AT45DB321", "--bootloader", file("whole", whole), "--json"});
+    ASSERT_EQ(result.status, 0);
+    EXPECT_TRUE(Warns(result.report(), "version record: page 61 holds 304 bytes of what lies before it"));
+    EXPECT_TRUE(Warns(result.report(), "bootloader 1: page 4002 holds"));
+    EXPECT_EQ(warnings(result.report()).size(), 2u);
+}
+
+TEST_F(FlashTool, WhatCannotWorkIsRefused) {
+    const std::string image = file("boot.img", bootloader), chip = file("df");
+    Bytes broken = bootloader;
+    broken.back() ^= 1;
+    const struct {
+        std::vector<std::string> words;
+        int status;
+    } rows[] = {
+        {{"info"}, 2},
+        {{"info", "--nand", file("missing")}, 2},
+        {{"info", "--dataflash", file("long", Bytes(2162689)), "--part", "AT45DB161"}, 1},
+        {{"info", "--dataflash", image, "--part", "AT45"}, 2},
+        {{"provision", "--medium", "dataflash", "--bootloader", image}, 2},
+        {{"provision", "--medium", "dataflash", "--dataflash", chip, "--bootloader", image, "--slot", "2"}, 2},
+        {{"provision", "--medium", "dataflash", "--dataflash", chip, "--bootloader", image, "--rescue", image}, 2},
+        {{"provision", "--medium", "dataflash", "--dataflash", chip, "--bootloader", image, "--rescue", image + ":"},
+         1},
+        {{"provision", "--medium", "dataflash", "--dataflash", chip, "--bootloader", image, "--rescue",
+          image + ":12345678901234567"},
+         1},
+        {{"provision", "--medium", "dataflash", "--dataflash", chip, "--bootloader", file("broken", broken)}, 1},
+        {{"provision", "--medium", "dataflash", "--dataflash", chip, "--bootloader", image, "--rescue", image + ":1",
+          "--part", "AT45DB161"},
+         1}, // the rescue slot lies beyond this chip
+    };
+    for (const auto &row : rows) {
+        std::vector<std::string> words = row.words;
+        words.insert(words.begin(), "flash");
+        EXPECT_EQ(run(words).status, row.status) << words.back();
+    }
+    EXPECT_FALSE(std::filesystem::exists(chip));
+}
+
+} // namespace

@@ -1,0 +1,63 @@
+// What a board's raw flash holds, slot by slot, and what can still go wrong with it; and the writing of it.
+//
+// The layout has holes that no software of the board can close: slots that lose room to bad blocks, a version record
+// whose only block wears out, slots that share a DataFlash page. A report names those that concern the chip at hand.
+#pragma once
+
+#include "files.h"
+#include "slots.h"
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+// One chip's data bytes, whichever medium it is. Refers to the chip's contents, which outlive it.
+struct RawFlash {
+    fixture::Medium medium;
+    std::string part;
+    std::uint32_t bytes;
+    std::uint32_t unit;                    // what is rewritten as a whole: a block or a page
+    std::vector<std::uint32_t> bad_blocks; // NAND only
+    fixture::FlashReader read;
+    // Writes from a byte address on, as the bootloader would: a NAND block is erased first and bad blocks are skipped;
+    // on a DataFlash the rest of a page stays. `bytes` fits.
+    std::function<void(std::uint32_t address, std::span<const std::uint8_t> bytes)> write;
+};
+RawFlash RawFlashOf(fixture::At45Contents &contents);
+RawFlash RawFlashOf(fixture::NandContents &contents);
+
+const char *NameOf(fixture::Medium medium);
+
+// The largest image that stays inside a slot: less than its capacity where blocks are bad or the chip ends before.
+std::uint32_t RoomIn(const RawFlash &flash, const fixture::Slot &slot);
+
+struct SlotReport {
+    fixture::Slot slot;
+    std::uint32_t room;
+    fixture::StoredImage image;
+};
+
+struct FlashReport {
+    fixture::Medium medium;
+    std::string part;
+    std::vector<std::uint32_t> bad_blocks;
+    std::vector<SlotReport> slots;       // bootloader 0, bootloader 1, rescue
+    std::string record;                  // version text of the stored rescue image; empty: none
+    std::optional<unsigned> first_stage; // the bootloader slot that the first stage starts
+    std::vector<std::string> warnings;
+};
+FlashReport ExamineFlash(const RawFlash &flash);
+
+struct Provision {
+    unsigned slot = 0;
+    Bytes bootloader; // stored images, header and all
+    Bytes rescue;     // empty: none
+    std::string rescue_version;
+};
+
+// Stores what production stores. The other bootloader slot is erased, so that the first stage takes this one. Throws
+// Refusal, with nothing written, where something does not fit or would not be found again.
+void StoreProvision(const RawFlash &flash, const Provision &provision);
