@@ -1,0 +1,133 @@
+// The image records and their texts, the boot straps and the reset: what can be tried routine by routine.
+#include "bench.h"
+
+#include <at91sam9263.h>
+#include <cstring>
+#include <fmt/format.h>
+
+using namespace fixture;
+
+namespace {
+
+class Records : public testing::TestWithParam<Processor> {
+protected:
+    std::uint32_t call(const std::string &routine) { return bench_.call(routine.c_str()); }
+    void set(const std::string &routine, const std::string &text) {
+        bench_.call(routine.c_str(), bench_.scratch_text(text));
+    }
+    // A field of a record, by the routine that returns its address.
+    std::string field(const std::string &routine, std::size_t bytes) {
+        const std::uint32_t address = call(routine);
+        const void *const place =
+            GetParam() == Processor::arm ? bench_.at(address) : reinterpret_cast<const void *>(std::uintptr_t{address});
+        return {static_cast<const char *>(place), bytes};
+    }
+    static std::string padded(std::string text, std::size_t kept, std::size_t bytes) {
+        text.resize(std::min(text.size(), kept));
+        text.resize(bytes, '\0');
+        return text;
+    }
+
+    Bench bench_{GetParam()};
+};
+BOTH_PROCESSORS(Records);
+
+TEST_P(Records, HoldTextsOfTheirFieldsAndNoMore) {
+    struct Row {
+        const char *module;
+        const char *text;
+        std::size_t bytes;
+        std::size_t longest;
+    };
+    const Row rows[] = {
+        {"App", "PathFilename", 256, 256}, {"Rescue", "PathFilename", 256, 256}, {"Boot", "PathFilename", 256, 255},
+        {"Rescue", "Version", 16, 16},     {"Boot", "Version", 16, 16},
+    };
+    for (const Row &row : rows) {
+        const std::string get = fmt::format("{}_Get{}", row.module, row.text);
+        const std::string set_text = fmt::format("{}_Set{}", row.module, row.text);
+        call(fmt::format("{}_Init", row.module));
+        for (const std::size_t length : {row.bytes + 50, row.bytes, row.bytes - 1, std::size_t{3}, std::size_t{0}}) {
+            const std::string text(length, static_cast<char>('a' + length % 26));
+            set(set_text, text);
+            EXPECT_EQ(field(get, row.bytes), padded(text, row.longest, row.bytes)) << set_text << ' ' << length;
+            // Whoever reads the path as a text finds its end.
+            if (row.bytes == 256) EXPECT_EQ(field(get, 257).back(), '\0') << get;
+        }
+        set(set_text, "left over");
+        call(fmt::format("{}_Init", row.module));
+        EXPECT_EQ(field(get, row.bytes), std::string(row.bytes, '\0')) << get;
+    }
+}
+
+TEST_P(Records, KeepTheirNumbersApart) {
+    const char *const modules[] = {"App", "Rescue", "Boot"};
+    std::uint32_t value = 0xF0000001;
+    for (const std::string module : modules) {
+        bench_.call((module + "_SetSize").c_str(), value++);
+        bench_.call((module + "_SetCheckSum").c_str(), value++);
+    }
+    value = 0xF0000001;
+    for (const std::string module : modules) {
+        EXPECT_EQ(call(module + "_GetSize"), value++) << module;
+        EXPECT_EQ(call(module + "_GetCheckSum"), value++) << module;
+        call(module + "_Init");
+        EXPECT_EQ(call(module + "_GetSize") | call(module + "_GetCheckSum"), 0u) << module;
+    }
+}
+
+// Every access of the strap test, in its order, and what it makes of each board.
+TEST_P(Records, FindTheStraps) {
+    struct Row {
+        Straps straps;
+        std::uint32_t found;
+        const char *ends; // from the first reading on
+    };
+    const Row rows[] = {
+        {{}, 0, "PDSR PDSR"},
+        {{.pins_12_13 = true}, 1, "PDSR SODR=2000 PDSR PDSR"},
+        {{.pins_14_18 = true}, 2, "PDSR PDSR SODR=40000 PDSR"},
+        {{.pins_12_13 = true, .pins_14_18 = true}, 3, "PDSR SODR=2000 PDSR PDSR SODR=40000 PDSR"},
+        {{.pin_12_low = true}, 0, "PDSR SODR=2000 PDSR PDSR"},
+    };
+    const auto name = [](std::uint32_t address) -> std::string {
+        if (address == SPI1.CR().address) return "SPI1";
+        if (address == PIOB.PDSR().address) return "PDSR";
+        if (address == PIOB.SODR().address) return "SODR";
+        return fmt::format("{:X}", address & 0xFF);
+    };
+    for (const Row &row : rows) {
+        BoardOptions board;
+        board.straps = row.straps;
+        Bench bench(GetParam(), board);
+        std::string log;
+        bench.board().bus.observer = [&](const BusAccess &access) {
+            if (!log.empty()) log += ' ';
+            log += name(access.address);
+            if (access.is_write) log += fmt::format("={:X}", access.value);
+        };
+        EXPECT_EQ(bench.call("GetHardwarePinConfig"), row.found);
+        EXPECT_EQ(log, std::string("SPI1=2 44=47000 60=FFFFAFFF 64=5000 14=5000 0=5000 0=42000 10=42000 10=42000 "
+                                   "0=47000 34=42000 ") +
+                           row.ends);
+        std::uint32_t medium;
+        std::memcpy(&medium, bench.object("nandBoot"), sizeof medium);
+        EXPECT_EQ(medium, row.found != 0 ? 1u : 0u) << "as the flash layer's call before main left it";
+    }
+}
+
+TEST_P(Records, ResetTheProcessorAlone) {
+    for (const char *routine : {"App_Reset", "Rescue_Reset", "Boot_Reset"}) {
+        Bench bench(GetParam());
+        std::vector<std::uint32_t> written;
+        bench.board().bus.observer = [&](const BusAccess &access) {
+            if (access.is_write) written.insert(written.end(), {access.address, access.value});
+        };
+        std::uint32_t result = 0;
+        EXPECT_EQ(bench.try_call(routine, {}, result).end, StageEnd::reset) << routine;
+        const std::vector<std::uint32_t> expected = {RSTC.MR().address, 0xA5000001, RSTC.CR().address, 0xA5000001};
+        EXPECT_EQ(written, expected) << routine;
+    }
+}
+
+} // namespace
