@@ -117,10 +117,8 @@ std::uint32_t SDASTAT(void) { return PIOB.PDSR().read() & kSda; }
 // Volatile, since a loop without effect would be removed.
 void I2C_Delay(std::uint32_t units) {
     volatile std::uint32_t turns = units * 10;
-    while (turns != 0) {
-        mmio::Spin();
-        turns = turns - 1;
-    }
+    while (turns != 0) turns = turns - 1;
+    mmio::Spun(units * 10);
 }
 
 // The latch is cleared before the output driver goes on, so that the line is never driven high.

@@ -59,7 +59,7 @@ void host_bus_write(std::uint32_t address, unsigned bytes, std::uint32_t value) 
 }
 
 // A busy-wait turn of a volatile counter is six instructions of the board's processor, 5 ns each.
-void host_spin(void) { host_kernel().clock->advance(30 * fixture::kNanosecond); }
+void host_spun(std::uint32_t turns) { host_kernel().clock->advance(turns * (30 * fixture::kNanosecond)); }
 
 int host_open(const char *path, int flags, ...) {
     const bool for_writing = (flags & 3) != 0;

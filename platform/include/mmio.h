@@ -2,7 +2,9 @@
 //
 // A door is an address with an access width and an access right that are part of its type: a write-only register has
 // no read(), a read-only one no write(), and nothing reads, modifies and writes in one step. Each call is exactly one
-// bus access of the door's width. Spin() is one turn of a busy-wait loop; the loop itself has to survive the optimiser.
+// bus access of the door's width.
+//
+// Spun(turns) follows a busy-wait loop of so many turns; the loop itself has to survive the optimiser.
 //
 // A build for another machine puts its own <mmio.h> with the same functions' meaning first on the include path.
 #pragma once
@@ -24,6 +26,6 @@ inline void Write8(std::uint32_t address, std::uint8_t value) {
     *reinterpret_cast<volatile std::uint8_t *>(address) = value;
 }
 
-inline void Spin() {} // the loop's own instructions take the time
+inline void Spun(std::uint32_t) {} // the loop's own instructions have taken the time
 
 } // namespace mmio
