@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 std::uint8_t *pWorkBuffer = nullptr;
 
@@ -109,27 +110,30 @@ void WaitReadyTwice() {
 
 // --- the data register ---
 //
-// Memory is moved by words where the buffer allows it, four words a turn; the chip always sees single accesses of its
-// bus width. Words hold the chip's first byte lowest.
+// Memory is moved by words or half-words where both ends allow it, and always in unrolled turns; the chip always sees
+// single accesses of its bus width. Words hold the chip's first byte lowest.
 
 static_assert(std::endian::native == std::endian::little);
-constexpr std::uint32_t kTurn = 16; // bytes
+constexpr std::uint32_t kTurn = 32; // bytes
 
-bool IsWordAligned(const void *address) { return reinterpret_cast<std::uintptr_t>(address) % 4 == 0; }
+template <std::uint32_t Width> bool IsAligned(const void *address) {
+    return reinterpret_cast<std::uintptr_t>(address) % Width == 0;
+}
 
-std::uint32_t LoadWord(const std::uint8_t *from) {
-    std::uint32_t word;
-    std::memcpy(&word, std::assume_aligned<4>(from), sizeof word);
+template <typename Word> Word Load(const std::uint8_t *from) {
+    Word word;
+    std::memcpy(&word, std::assume_aligned<sizeof word>(from), sizeof word);
     return word;
 }
 
 void StoreWord(std::uint8_t *to, std::uint32_t word) { std::memcpy(std::assume_aligned<4>(to), &word, sizeof word); }
 
 std::uint32_t TakeWord8() {
-    std::uint32_t word = NAND.DATA().read8();
-    word |= std::uint32_t{NAND.DATA().read8()} << 8;
-    word |= std::uint32_t{NAND.DATA().read8()} << 16;
-    return word | std::uint32_t{NAND.DATA().read8()} << 24;
+    const std::uint32_t byte0 = NAND.DATA().read8();
+    const std::uint32_t byte1 = NAND.DATA().read8();
+    const std::uint32_t byte2 = NAND.DATA().read8();
+    const std::uint32_t byte3 = NAND.DATA().read8();
+    return ((byte3 << 8 | byte2) << 8 | byte1) << 8 | byte0;
 }
 
 std::uint32_t TakeWord16() {
@@ -137,63 +141,66 @@ std::uint32_t TakeWord16() {
     return low | std::uint32_t{NAND.DATA().read16()} << 16;
 }
 
-void GiveWord8(std::uint32_t word) {
-    NAND.DATA().write8(static_cast<std::uint8_t>(word));
-    NAND.DATA().write8(static_cast<std::uint8_t>(word >> 8));
-    NAND.DATA().write8(static_cast<std::uint8_t>(word >> 16));
-    NAND.DATA().write8(static_cast<std::uint8_t>(word >> 24));
+template <std::uint32_t Width, typename Step, std::uint32_t... Index>
+void Unroll(Step step, std::integer_sequence<std::uint32_t, Index...>) {
+    (step(Width * Index), ...);
 }
 
-void GiveWord16(std::uint32_t word) {
-    NAND.DATA().write16(static_cast<std::uint16_t>(word));
-    NAND.DATA().write16(static_cast<std::uint16_t>(word >> 16));
+// Calls `step` with 0, Width, 2 x Width and so on, up to the end of a turn.
+template <std::uint32_t Width, typename Step> void ForTurn(Step step) {
+    Unroll<Width>(step, std::make_integer_sequence<std::uint32_t, kTurn / Width>{});
 }
 
-// Takes as many whole turns as `count` holds; returns the bytes taken.
-template <std::uint32_t (*TakeWord)()> std::uint32_t TakeTurns(std::uint8_t *to, std::uint32_t count) {
-    std::uint32_t done = 0;
-    for (; count - done >= kTurn; done += kTurn, to += kTurn) {
-        StoreWord(to, TakeWord());
-        StoreWord(to + 4, TakeWord());
-        StoreWord(to + 8, TakeWord());
-        StoreWord(to + 12, TakeWord());
-    }
-    return done;
-}
-
-template <void (*GiveWord)(std::uint32_t)> std::uint32_t GiveTurns(const std::uint8_t *from, std::uint32_t count) {
-    std::uint32_t done = 0;
-    for (; count - done >= kTurn; done += kTurn, from += kTurn) {
-        GiveWord(LoadWord(from));
-        GiveWord(LoadWord(from + 4));
-        GiveWord(LoadWord(from + 8));
-        GiveWord(LoadWord(from + 12));
-    }
-    return done;
+template <std::uint32_t (*TakeWord)()> std::uint8_t *TakeTurn(std::uint8_t *to) {
+    ForTurn<4>([to](std::uint32_t i) { StoreWord(to + i, TakeWord()); });
+    return to + kTurn;
 }
 
 void TakeBytes8(std::uint8_t *to, std::uint32_t count) {
-    std::uint32_t i = IsWordAligned(to) ? TakeTurns<TakeWord8>(to, count) : 0;
-    for (; i < count; ++i) to[i] = NAND.DATA().read8();
+    if (IsAligned<4>(to))
+        for (; count >= kTurn; count -= kTurn) to = TakeTurn<TakeWord8>(to);
+    for (; count > 0; --count) *to++ = NAND.DATA().read8();
 }
 
 void TakeBytes16(std::uint8_t *to, std::uint32_t count) {
-    std::uint32_t i = IsWordAligned(to) ? TakeTurns<TakeWord16>(to, count) : 0;
-    for (; i + 1 < count; i += 2) {
+    if (IsAligned<4>(to))
+        for (; count >= kTurn; count -= kTurn) to = TakeTurn<TakeWord16>(to);
+    for (; count > 1; count -= 2) {
         const std::uint16_t pair = NAND.DATA().read16();
-        to[i] = static_cast<std::uint8_t>(pair);
-        to[i + 1] = static_cast<std::uint8_t>(pair >> 8);
+        *to++ = static_cast<std::uint8_t>(pair);
+        *to++ = static_cast<std::uint8_t>(pair >> 8);
     }
 }
 
 void GiveBytes8(const std::uint8_t *from, std::uint32_t count) {
-    std::uint32_t i = IsWordAligned(from) ? GiveTurns<GiveWord8>(from, count) : 0;
-    for (; i < count; ++i) NAND.DATA().write8(from[i]);
+    for (; count >= kTurn; count -= kTurn, from += kTurn)
+        ForTurn<1>([from](std::uint32_t i) { NAND.DATA().write8(from[i]); });
+    for (; count > 0; --count) NAND.DATA().write8(*from++);
 }
 
 void GiveBytes16(const std::uint8_t *from, std::uint32_t count) {
-    std::uint32_t i = IsWordAligned(from) ? GiveTurns<GiveWord16>(from, count) : 0;
-    for (; i + 1 < count; i += 2) NAND.DATA().write16(static_cast<std::uint16_t>(from[i] | from[i + 1] << 8));
+    if (IsAligned<2>(from))
+        for (; count >= kTurn; count -= kTurn, from += kTurn)
+            ForTurn<2>([from](std::uint32_t i) { NAND.DATA().write16(Load<std::uint16_t>(from + i)); });
+    for (; count > 1; count -= 2, from += 2) NAND.DATA().write16(static_cast<std::uint16_t>(from[0] | from[1] << 8));
+}
+
+bool SameBytes(const std::uint8_t *one, const std::uint8_t *other, std::uint32_t count) {
+    if (IsAligned<4>(one) && IsAligned<4>(other))
+        for (; count >= kTurn; count -= kTurn, one += kTurn, other += kTurn) {
+            std::uint32_t differences = 0;
+            ForTurn<4>(
+                [&](std::uint32_t i) { differences |= Load<std::uint32_t>(one + i) ^ Load<std::uint32_t>(other + i); });
+            if (differences != 0) return false;
+        }
+    return std::memcmp(one, other, count) == 0;
+}
+
+void CopyBytes(std::uint8_t *to, const std::uint8_t *from, std::uint32_t count) {
+    if (IsAligned<4>(to) && IsAligned<4>(from))
+        for (; count >= kTurn; count -= kTurn, to += kTurn, from += kTurn) // in place: loads and stores of many words
+            std::memcpy(std::assume_aligned<4>(to), std::assume_aligned<4>(from), kTurn);
+    std::memcpy(to, from, count);
 }
 
 // --- pages ---
@@ -323,7 +330,7 @@ bool ProgramPage(const NandGeometry &chip, std::uint32_t address, const Progress
 
 bool VerifyPage(const NandGeometry &chip, std::uint32_t address, const Progress &at) {
     if (ReadPage(chip, address, pWorkBuffer, AREA_DATA) != 1) return false;
-    return std::memcmp(pWorkBuffer + at.offset, at.source, chip.pageSize - at.offset) == 0;
+    return SameBytes(pWorkBuffer + at.offset, at.source, chip.pageSize - at.offset);
 }
 
 // Erases, programs and verifies one block; `progress` moves on only when all of it succeeded.
@@ -368,7 +375,7 @@ bool ReadBlock(const NandGeometry &chip, std::uint32_t block, std::uint32_t byte
     for (std::uint32_t done = 0; done < bytes; done += chip.pageSize) {
         if (AT91F_NandRead(&chip, block, done / chip.pageSize, 0, pWorkBuffer) == 0) return false;
         const std::uint32_t part = bytes - done < chip.pageSize ? bytes - done : chip.pageSize;
-        std::memcpy(to, pWorkBuffer, part);
+        CopyBytes(to, pWorkBuffer, part);
         to += part;
     }
     return true;
