@@ -3,6 +3,7 @@
 #include "commands.h"
 
 #include "machine.h"
+#include "terminal_preview.h"
 #include "trace.h"
 #include "vcd.h"
 
@@ -102,6 +103,7 @@ void WritePanel(const BootCall &call, fixture::FrameRecorder &recorder, fixture:
         for (const fixture::FrameRecorder::Frame &frame : recorder.frames())
             fixture::WritePng(fs::path(call.panel_frames) / fmt::format("{:02}.png", number++), frame.picture);
     }
+    if (call.preview) PrintPreview(stderr, recorder.shown());
 }
 
 bool WantsPanel(const BootCall &call) {
