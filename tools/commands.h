@@ -18,3 +18,4 @@ void AddEepromCommand(CLI::App &app, int &exit_status);
 void AddFlashCommand(CLI::App &app, int &exit_status);
 void AddImageCommand(CLI::App &app, int &exit_status);
 void AddSplashCommand(CLI::App &app, int &exit_status);
+void AddSweepCommand(CLI::App &app, int &exit_status);

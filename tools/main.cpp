@@ -35,7 +35,7 @@ int main(int argc, char **argv) {
 
     int exit_status = 0;
     for (const auto add : {AddBootCommand, AddBankCommand, AddEepromCommand, AddFlashCommand, AddImageCommand,
-                           AddSplashCommand})
+                           AddSplashCommand, AddSweepCommand})
         add(app, exit_status);
     try {
         const int parsed = Parse(app, argc, argv);

@@ -1,0 +1,106 @@
+// fixture sweep: cuts the power at every operation of the boots that change a chip, and judges what becomes of the
+// board.
+#include "commands.h"
+
+#include "sweep_report.h"
+#include "sweep_run.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <fmt/format.h>
+#include <memory>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+struct SweepCall {
+    std::vector<std::string> scenarios;
+    bool all = false;
+    bool list = false;
+    std::string processor = "host";
+    unsigned losses = 1;
+    unsigned jobs = std::max(1u, std::thread::hardware_concurrency());
+    std::size_t sample = 0;
+    std::uint64_t seed = 1;
+    bool json = false;
+    std::string report;
+};
+
+void ShowProgress(const SweepProgress &now) {
+    constexpr std::size_t kWidth = 30;
+    const double part = now.units ? static_cast<double>(now.units_done) / static_cast<double>(now.units) : 1;
+    const std::size_t filled = static_cast<std::size_t>(part * kWidth);
+    const double rate = now.seconds > 0 ? static_cast<double>(now.boots) / now.seconds : 0;
+    const double left = part > 0 ? now.seconds / part - now.seconds : 0;
+    fmt::print(stderr, "\r[{:#<{}}{:.<{}}] {} cases, {:.0f} boots/s, {:.0f} s left \x1b[K", "", filled, "",
+               kWidth - filled, now.cases, rate, left);
+    if (now.units_done == now.units) fmt::print(stderr, "\r\x1b[K");
+    std::fflush(stderr);
+}
+
+std::function<void(const SweepProgress &)> Progress() {
+    if (!isatty(fileno(stderr))) return {};
+    return ShowProgress;
+}
+
+int List(const std::vector<Scenario> &scenarios) {
+    for (const Scenario &scenario : scenarios) {
+        fmt::print("{:<24} {}\n", scenario.name, scenario.summary);
+        std::string line;
+        for (const Variant &variant : scenario.variants) {
+            if (line.size() + variant.label.size() > 90) {
+                fmt::print("    {}\n", line);
+                line.clear();
+            }
+            line += (line.empty() ? "" : " ") + variant.label;
+        }
+        fmt::print("    {}\n", line);
+    }
+    return 0;
+}
+
+int Sweep(const SweepCall &call) {
+    const SweepFirmware firmware(FirmwareDirectory());
+    if (call.list) return List(AllScenarios(firmware));
+    if (!call.report.empty()) return WriteReliability(call.report, call.jobs, call.seed, firmware, Progress());
+    if (call.all == !call.scenarios.empty())
+        throw std::runtime_error("which scenarios? names of some, or --all; --list names them");
+    SweepPlan plan;
+    plan.scenarios = call.all ? AllScenarios(firmware) : FindScenarios(call.scenarios, firmware);
+    plan.on_host = call.processor != "arm";
+    plan.on_arm = call.processor != "host";
+    plan.losses = call.losses;
+    plan.jobs = call.jobs;
+    plan.sample = call.sample;
+    plan.seed = call.seed;
+    const SweepResult result = RunSweep(plan, firmware, Progress());
+    if (call.json)
+        fmt::print("{}\n", SweepJson(plan, result));
+    else
+        PrintSweep(plan, result);
+    return result.all.found == 0 ? 0 : 1;
+}
+
+} // namespace
+
+void AddSweepCommand(CLI::App &app, int &exit_status) {
+    auto call = std::make_shared<SweepCall>();
+    CLI::App *command =
+        app.add_subcommand("sweep", "Cut the power at every operation and judge what becomes of the board");
+    command->add_option("SCENARIO", call->scenarios, "scenarios, or SCENARIO/VARIANT, by name");
+    command->add_flag("--all", call->all, "all scenarios");
+    command->add_flag("--list", call->list, "name the scenarios and their variants");
+    command->add_option("--processor", call->processor, "what runs the bootloader; both: and compare them")
+        ->check(CLI::IsMember({"arm", "host", "both"}))
+        ->capture_default_str();
+    command->add_option("--losses", call->losses, "power losses a case: 2 cuts the boot after the first cut as well")
+        ->check(CLI::Range(1, 2))
+        ->capture_default_str();
+    command->add_option("--jobs", call->jobs, "worker processes")->check(CLI::Range(1, 256))->capture_default_str();
+    command->add_option("--sample", call->sample, "about so many cases of each scenario, chosen by the seed");
+    command->add_option("--seed", call->seed, "decides how operations tear and what is sampled")->capture_default_str();
+    command->add_flag("--json", call->json, "results as one JSON object");
+    command->add_option("--report", call->report, "run the whole campaign and write its table to this file");
+    command->callback([call, &exit_status] { exit_status = Sweep(*call); });
+}

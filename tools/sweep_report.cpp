@@ -1,0 +1,193 @@
+#include "sweep_report.h"
+
+#include "files.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+namespace {
+
+double Rate(const Tally &tally, double seconds) { return seconds > 0 ? static_cast<double>(tally.boots) / seconds : 0; }
+
+std::uint64_t Good(const Tally &tally) {
+    const auto good = tally.outcomes.find(NameOf(Outcome::good));
+    return good == tally.outcomes.end() ? 0 : good->second;
+}
+
+// What fell through the layout's holes: not good, and no finding.
+std::uint64_t InHoles(const Tally &tally) {
+    std::uint64_t count = 0;
+    for (const auto &[hole, what] : tally.holes)
+        for (const auto &[outcome, times] : what)
+            if (outcome != NameOf(Outcome::good) && outcome != "seen") count += times;
+    return count;
+}
+
+const char *ProcessorOf(const SweepPlan &plan) {
+    return plan.on_host && plan.on_arm ? "both" : plan.on_host ? "host" : "arm";
+}
+
+void PrintFindings(const Tally &tally) {
+    std::map<std::string, std::vector<const Finding *>> grouped;
+    for (const Finding &finding : tally.findings) grouped[finding.outcome].push_back(&finding);
+    for (const auto &[outcome, findings] : grouped) {
+        fmt::print("\n{}\n", outcome);
+        for (const Finding *finding : findings)
+            fmt::print("  {} {}{}{}\n", finding->id, finding->processor, finding->detail.empty() ? "" : ": ",
+                       finding->detail);
+    }
+    if (tally.found > tally.findings.size()) fmt::print("  ... {} in all\n", tally.found);
+}
+
+} // namespace
+
+void PrintSweep(const SweepPlan &plan, const SweepResult &result) {
+    constexpr const char *kRow = "{:<24} {:>8} {:>10} {:>9} {:>9} {:>9} {:>9} {:>8} {:>8}\n";
+    fmt::print(kRow, "scenario", "variants", "operations", "cuts", "cases", "boots", "good", "in holes", "findings");
+    const auto row = [&](const std::string &name, const Tally &tally) {
+        fmt::print(kRow, name, tally.variants, tally.operations, tally.cuts, tally.cases, tally.boots, Good(tally),
+                   InHoles(tally), tally.found);
+    };
+    for (std::size_t n = 0; n < plan.scenarios.size(); n++) row(plan.scenarios[n].name, result.scenarios[n]);
+    if (plan.scenarios.size() > 1) row("all", result.all);
+    for (const auto &[hole, what] : result.all.holes) {
+        fmt::print("\nhole: {}\n", hole);
+        for (const auto &[outcome, count] : what) fmt::print("  {:>8} {}\n", count, outcome);
+    }
+    PrintFindings(result.all);
+    fmt::print("\n{} on {}, {:.0f} s, {:.0f} cold boots a second; {} cuts made again by cutting the power",
+               plan.losses == 1 ? "one loss of power" : "two losses of power", ProcessorOf(plan), result.seconds,
+               Rate(result.all, result.seconds), result.all.checked);
+    if (result.all.compared) fmt::print("; {} cases the same on both processors", result.all.compared);
+    fmt::print("\n");
+}
+
+std::string SweepJson(const SweepPlan &plan, const SweepResult &result) {
+    using nlohmann::ordered_json;
+    const auto row = [](const Tally &tally) {
+        ordered_json json{{"variants", tally.variants},
+                          {"operations", tally.operations},
+                          {"cuts", tally.cuts},
+                          {"cases", tally.cases},
+                          {"boots", tally.boots},
+                          {"checked", tally.checked},
+                          {"compared", tally.compared},
+                          {"outcomes", tally.outcomes},
+                          {"holes", tally.holes},
+                          {"found", tally.found},
+                          {"findings", ordered_json::array()}};
+        for (const Finding &finding : tally.findings)
+            json["findings"].push_back({{"id", finding.id},
+                                        {"processor", finding.processor},
+                                        {"outcome", finding.outcome},
+                                        {"detail", finding.detail}});
+        return json;
+    };
+    ordered_json json{{"processor", ProcessorOf(plan)}, {"losses", plan.losses},
+                      {"sample", plan.sample},          {"seed", plan.seed},
+                      {"seconds", result.seconds},      {"scenarios", ordered_json::object()},
+                      {"all", row(result.all)}};
+    for (std::size_t n = 0; n < plan.scenarios.size(); n++)
+        json["scenarios"][plan.scenarios[n].name] = row(result.scenarios[n]);
+    return json.dump(2, ' ', true, nlohmann::json::error_handler_t::replace);
+}
+
+// --- the document
+
+namespace {
+
+struct Stage {
+    const char *title;
+    bool host, arm;
+    unsigned losses;
+    std::size_t sample;
+};
+
+// The order in which the document states them.
+constexpr Stage kCampaign[] = {
+    {"One loss of power, every cut, on this machine's processor", true, false, 1, 0},
+    {"One loss of power on the shipped ARM image", false, true, 1, 400},
+    {"Two losses of power, a seeded sample, on this machine's processor", true, false, 2, 2500},
+    {"Both processors compared: console text and final chips of a seeded sample", true, true, 1, 60},
+};
+
+std::string Table(const SweepPlan &plan, const SweepResult &result) {
+    std::string text =
+        "| scenario | what is swept | variants | operations | cuts visited | cases | cold boots | as the "
+        "uncut run | in named holes | findings |\n|---|---|--:|--:|--:|--:|--:|--:|--:|--:|\n";
+    const auto row = [&](const std::string &name, const char *summary, const Tally &t) {
+        text += fmt::format("| {} | {} | {} | {} | {} | {} | {} | {} | {} | {} |\n", name, summary, t.variants,
+                            t.operations, t.cuts, t.cases, t.boots, Good(t), InHoles(t), t.found);
+    };
+    for (std::size_t n = 0; n < plan.scenarios.size(); n++)
+        row("`" + plan.scenarios[n].name + "`", plan.scenarios[n].summary, result.scenarios[n]);
+    row("**all**", "", result.all);
+    return text;
+}
+
+std::string HoleTable(const Tally &tally) {
+    std::string text = "| hole | what came of it | cases |\n|---|---|--:|\n";
+    for (const auto &[hole, what] : tally.holes)
+        for (const auto &[outcome, count] : what) text += fmt::format("| {} | {} | {} |\n", hole, outcome, count);
+    return text;
+}
+
+constexpr const char *kIntroduction = R"(# What a loss of power can do to a board
+
+Written by `fixture sweep --report`. Every number below was counted by the run that wrote it.
+
+A boot that changes a chip is cut at every one of its operations (NAND page program and block erase, DataFlash program,
+erase and page program with erase, EEPROM page write): before it, torn in the middle of it, and after it. From there the board is
+started cold up to four times. A case is good where the first stage always finds a good bootloader, an image is launched
+within those boots, the bootloader and the launched image are then byte for byte those of the uncut run, rescue image and
+version record are both the new ones (or both the old ones), the parameters are all old or all new, no other flash was changed
+at any moment, and nothing was done that the datasheets forbid. An update that is refused has changed no byte.
+
+The power is cut by snapshots: one clean run gives the chips before, within and after each operation, and a cut costs the boots
+that follow it. Some cuts of every variant are made again by really cutting the power; the chips were the same each time, or
+it would be a finding. Chips from which a board was started before are counted and not started again.
+)";
+
+constexpr const char *kHoles = R"(
+## What can still go wrong
+
+The layout of the flash and the way its drivers skip bad blocks leave holes that no software of the board closes. The sweeps
+above count what falls through them; `fixture flash info` and `fixture image info` warn of them.
+
+- **Bad blocks inside a slot push an image into what follows.** A slot has no spare blocks. An image that fills its slot, in
+  a slot with a bad block, ends in the next slot: the copy of the bootloader there, or the rescue image, is lost.
+- **Block 1 wears out.** The version record of the rescue image is the only content of block 1. When that block cannot be
+  erased any more, the record is written to the next one, which is the first of bootloader slot 0.
+- **Slots share DataFlash pages.** A page is rewritten as a whole, so a cut while one slot's first page is written can take the
+  last bytes of the slot before it. It matters for images that fill their slot to the last page.
+- **The neighbours in a rewritten DataFlash page.** The bytes before slot 0 and around the version record share pages with
+  them and can be lost to the same cut.
+- **A rescue image cut half-way.** There is one rescue slot. Between the cut and the end of the next boot no rescue image
+  is there; the next boot with the same bank writes it again.
+)";
+
+} // namespace
+
+int WriteReliability(const std::filesystem::path &file, unsigned jobs, std::uint64_t seed,
+                     const SweepFirmware &firmware, const std::function<void(const SweepProgress &)> &progress) {
+    std::string text = kIntroduction;
+    Tally all;
+    for (const Stage &stage : kCampaign) {
+        SweepPlan plan{AllScenarios(firmware), stage.host, stage.arm, stage.losses, jobs, stage.sample, seed};
+        const SweepResult result = RunSweep(plan, firmware, progress);
+        PrintSweep(plan, result);
+        all.add(result.all);
+        text += fmt::format(
+            "\n## {}\n\n{}\n{} worker processes, {:.0f} s, {:.0f} cold boots a second, every boot counted. {} "
+            "cuts made again by cutting the power.",
+            stage.title, Table(plan, result), jobs, result.seconds, Rate(result.all, result.seconds),
+            result.all.checked);
+        if (result.all.compared) text += fmt::format(" {} cases compared on both processors.", result.all.compared);
+        text += "\n\n" + HoleTable(result.all);
+    }
+    text += fmt::format("\nIn all {} cases and {} cold boots: {} findings outside the named holes.\n", all.cases,
+                        all.boots, all.found);
+    WriteFile(file, text + kHoles);
+    return all.found == 0 ? 0 : 1;
+}

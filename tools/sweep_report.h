@@ -1,0 +1,16 @@
+// What a sweep found, for people, for programs, and as the document that states it.
+#pragma once
+
+#include "sweep_run.h"
+
+#include <filesystem>
+#include <functional>
+#include <string>
+
+void PrintSweep(const SweepPlan &plan, const SweepResult &result);
+std::string SweepJson(const SweepPlan &plan, const SweepResult &result);
+
+// Runs the campaign that the reliability document states, and writes the document. Gives the exit status: 0 where there
+// is no finding.
+int WriteReliability(const std::filesystem::path &file, unsigned jobs, std::uint64_t seed,
+                     const SweepFirmware &firmware, const std::function<void(const SweepProgress &)> &progress);

@@ -1,0 +1,299 @@
+#include "sweep_scenarios.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <numeric>
+#include <stdexcept>
+#include <utility>
+
+using namespace fixture;
+
+namespace {
+
+using enum SlotState;
+
+constexpr std::uint32_t kThreeBlocks = 300'000;
+constexpr std::size_t kSample = 24; // cuts of an image that fills its slot
+constexpr std::uint32_t kSlot1Block = 17;
+constexpr std::uint32_t kRescueBlock = 32;
+constexpr unsigned kForever = NandFault::kForever;
+
+std::vector<std::uint32_t> Blocks(std::uint32_t first, std::uint32_t end) {
+    std::vector<std::uint32_t> blocks(end - first);
+    std::iota(blocks.begin(), blocks.end(), first);
+    return blocks;
+}
+
+// --- updates from every state
+
+std::vector<Variant> Updates(Medium medium) {
+    struct Row {
+        const char *label;
+        std::array<SlotState, 2> slots;
+    };
+    const Row rows[] = {
+        {"running-erased", {running, erased}},   {"running-retired", {running, retired}},
+        {"running-broken", {running, broken}},   {"running-running", {running, running}},
+        {"running-updated", {running, updated}}, {"erased-running", {erased, running}},
+        {"retired-running", {retired, running}}, {"broken-running", {broken, running}},
+    };
+    std::vector<Variant> variants;
+    for (const Row &row : rows) variants.push_back({row.label, {.medium = medium, .slots = row.slots}});
+    return variants;
+}
+
+std::vector<Variant> RescueUpdates(Medium medium) {
+    const Setup setup{.medium = medium, .new_bootloader = false, .new_rescue = true};
+    std::vector<Variant> variants = {{"good", setup}, {"broken", setup}, {"none", setup}};
+    variants[1].setup.rescue = RescueState::broken;
+    variants[2].setup.rescue = RescueState::none;
+    return variants;
+}
+
+std::vector<Variant> BothUpdates(Medium medium) {
+    const Setup setup{.medium = medium, .slots = {running, retired}, .new_rescue = true};
+    std::vector<Variant> variants = {{"running-retired", setup}, {"retired-running", setup}};
+    variants[1].setup.slots = {retired, running};
+    return variants;
+}
+
+std::vector<Variant> Refusals(Medium medium) {
+    const Setup setup{.medium = medium, .fate = Fate::refused};
+    std::vector<Variant> variants = {{"sums", setup}, {"sums-rescue", setup}, {"too-long", setup}};
+    variants[0].setup.damaged = true;
+    variants[1].setup.damaged = variants[1].setup.new_rescue = true;
+    variants[2].setup.update_bytes = SlotsOf(medium).bootloader[1].capacity + 1;
+    return variants;
+}
+
+std::vector<Variant> Parameters() {
+    std::vector<Variant> variants;
+    for (const int sector : {0, 1})
+        for (const bool longer : {false, true}) {
+            Setup setup{.new_bootloader = false, .parameters = {sector, true, {}}};
+            if (longer) setup.parameters.more.assign(15, 0x5A);
+            variants.push_back({fmt::format("{}-to-{}{}", sector, 1 - sector, longer ? "-longer" : ""), setup});
+        }
+    return variants;
+}
+
+// --- bad blocks and other faults
+
+std::vector<Variant> FactoryBad() {
+    struct Row {
+        const char *label;
+        std::vector<std::uint32_t> blocks;
+    };
+    const Row rows[] = {
+        {"target-first", {17}}, {"target-second", {18}}, {"target-last", {19}},    {"target-two", {17, 19}},
+        {"kept-second", {3}},   {"both", {2, 18}},       {"rescue-two", {32, 33}},
+    };
+    std::vector<Variant> variants;
+    for (const Row &row : rows)
+        variants.push_back({row.label,
+                            {.slots = {running, retired},
+                             .running_bytes = kThreeBlocks,
+                             .update_bytes = kThreeBlocks,
+                             .new_rescue = row.blocks.front() == kRescueBlock,
+                             .bad_blocks = row.blocks}});
+    return variants;
+}
+
+std::vector<Variant> Worn() {
+    struct Row {
+        const char *label;
+        NandFault fault;
+        bool rescue = false;
+    };
+    const Row rows[] = {
+        {"erase-first", {.kind = NandFault::erase_fails, .block = kSlot1Block, .times = kForever}},
+        {"erase-second", {.kind = NandFault::erase_fails, .block = kSlot1Block + 1, .times = kForever}},
+        {"erase-once", {.kind = NandFault::erase_fails, .block = kSlot1Block, .times = 1}},
+        {"erase-twice", {.kind = NandFault::erase_fails, .block = kSlot1Block, .times = 2}},
+        {"program", {.kind = NandFault::program_fails, .block = kSlot1Block + 1, .page = 20, .times = kForever}},
+        {"grown", {.kind = NandFault::grown_bad, .block = kSlot1Block + 1, .skip = 30}},
+        {"grown-last", {.kind = NandFault::grown_bad, .block = kSlot1Block + 2, .skip = 5}},
+        {"retired", {.kind = NandFault::erase_fails, .block = 2, .times = kForever}},
+        {"rescue", {.kind = NandFault::grown_bad, .block = kRescueBlock, .skip = 10}, true},
+    };
+    std::vector<Variant> variants;
+    for (const Row &row : rows)
+        variants.push_back({row.label,
+                            {.slots = {running, erased},
+                             .running_bytes = kThreeBlocks,
+                             .update_bytes = kThreeBlocks,
+                             .new_rescue = row.rescue,
+                             .nand_faults = {row.fault}}});
+    return variants;
+}
+
+std::vector<Variant> WrongPages(const SweepFirmware &firmware) {
+    const std::size_t image = kImageHeaderBytes + firmware.version(1).flat.size();
+    const auto pages = static_cast<std::uint32_t>((image + kNandPageBytes - 1) / kNandPageBytes);
+    std::vector<Variant> variants;
+    for (const unsigned times : {1u, kForever})
+        for (std::uint32_t page = 0; page < pages; page++) {
+            const NandFault fault{
+                .kind = NandFault::wrong_bits, .block = kSlot1Block, .page = page, .times = times, .column = 31 * page};
+            variants.push_back({fmt::format("{}-{}", times == 1 ? "once" : "always", page), {.nand_faults = {fault}}});
+        }
+    return variants;
+}
+
+std::vector<Variant> LostPrograms(const SweepFirmware &firmware) {
+    const std::size_t image = kImageHeaderBytes + firmware.version(1).flat.size();
+    const At45Part &part = *FindAt45Part(kDefaultAt45);
+    const auto programs = static_cast<unsigned>(image / part.page_bytes + 3); // both ends, and the header retired
+    std::vector<Variant> variants;
+    for (unsigned n = 0; n < programs; n++) {
+        At45Fault fault;
+        fault.skip = n;
+        variants.push_back({fmt::format("{}", n), {.medium = Medium::dataflash, .dataflash_faults = {fault}}});
+    }
+    return variants;
+}
+
+std::vector<Variant> NoRoom() {
+    const Setup setup{.rescue = RescueState::none, .bad_blocks = Blocks(kSlot1Block, kNandBlocks), .fate = Fate::fails};
+    std::vector<Variant> variants = {{"no-block", setup}, {"one-block", setup}};
+    variants[1].setup.update_bytes = kThreeBlocks;
+    variants[1].setup.bad_blocks = Blocks(kSlot1Block + 1, kNandBlocks);
+    return variants;
+}
+
+// --- sizes at an edge
+
+// Sizes of images whose end lies at an edge of pages or blocks, a byte before it, and a byte behind.
+std::vector<std::uint32_t> EdgeSizes(Medium medium, const Slot &slot, std::uint32_t page) {
+    const std::uint32_t begin = slot.address % page;
+    std::vector<std::uint32_t> edges = {page - begin, 2 * page - begin, slot.capacity,
+                                        (slot.address + slot.capacity - 1) / page * page - slot.address};
+    if (medium == Medium::nand)
+        edges.insert(edges.end(), {kNandBlockBytes, 2 * kNandBlockBytes, slot.capacity - kNandBlockBytes});
+    std::sort(edges.begin(), edges.end());
+    std::vector<std::uint32_t> sizes;
+    for (const std::uint32_t edge : edges)
+        for (const int off : {-1, 0, 1}) sizes.push_back(edge + static_cast<std::uint32_t>(off));
+    sizes.erase(std::unique(sizes.begin(), sizes.end()), sizes.end());
+    return sizes;
+}
+
+std::uint32_t PageOf(Medium medium) {
+    return medium == Medium::nand ? kNandPageBytes : FindAt45Part(kDefaultAt45)->page_bytes;
+}
+
+// Whether the last byte of an image lies in the page that holds the first one of what follows its slot.
+bool ReachesNeighbour(Medium medium, const Slot &slot, std::uint32_t size) {
+    const std::uint32_t page = PageOf(medium);
+    return (slot.address + size - 1) / page == (slot.address + slot.capacity) / page;
+}
+
+std::vector<Variant> BootloaderEdges(Medium medium) {
+    std::vector<Variant> variants;
+    for (const unsigned target : {0u, 1u}) {
+        const Slot &slot = SlotsOf(medium).bootloader[target];
+        for (const std::uint32_t size : EdgeSizes(medium, slot, PageOf(medium))) {
+            Setup setup{.medium = medium, .slots = {running, erased}, .update_bytes = size};
+            if (target == 0) std::swap(setup.slots[0], setup.slots[1]);
+            const bool fits = size <= slot.capacity;
+            if (!fits) setup.fate = Fate::refused;
+            variants.push_back({fmt::format("slot-{}-{}", target, size), setup,
+                                fits && ReachesNeighbour(medium, slot, size) ? kSharedPage : nullptr,
+                                size > kThreeBlocks ? kSample : 0});
+        }
+    }
+    return variants;
+}
+
+std::vector<Variant> RescueEdges(Medium medium) {
+    const Slot &slot = SlotsOf(medium).rescue;
+    std::vector<Variant> variants;
+    for (const std::uint32_t size : EdgeSizes(medium, slot, PageOf(medium))) {
+        Setup setup{.medium = medium, .new_bootloader = false, .new_rescue = true, .rescue_bytes = size};
+        if (size > slot.capacity) setup.fate = Fate::refused;
+        variants.push_back({fmt::format("{}", size), setup, nullptr, size > kThreeBlocks ? kSample / 2 : 0});
+    }
+    return variants;
+}
+
+// --- the holes
+
+std::vector<Variant> Holes() {
+    const Slot &nand_slot = SlotsOf(Medium::nand).bootloader[0];
+    const Slot &flash_slot = SlotsOf(Medium::dataflash).bootloader[0];
+    const NandFault worn{.kind = NandFault::erase_fails, .block = 1, .times = kForever};
+    return {
+        {"no-slot-0", {.slots = {erased, running}, .bad_blocks = Blocks(2, kSlot1Block)}, kPushedOn},
+        {"tail-into-slot-1",
+         {.slots = {retired, running}, .update_bytes = nand_slot.capacity, .bad_blocks = {5}},
+         kPushedOn,
+         4 * kSample},
+        {"tail-into-rescue",
+         {.slots = {running, retired}, .update_bytes = nand_slot.capacity, .bad_blocks = {20}},
+         kPushedOn,
+         4 * kSample},
+        {"worn-record", {.new_bootloader = false, .new_rescue = true, .nand_faults = {worn}}, kWornRecord},
+        {"head-on-tail",
+         {.medium = Medium::dataflash, .slots = {running, erased}, .running_bytes = flash_slot.capacity},
+         kSharedPage,
+         4 * kSample},
+    };
+}
+
+} // namespace
+
+std::vector<Scenario> AllScenarios(const SweepFirmware &firmware) {
+    constexpr Medium nand = Medium::nand;
+    constexpr Medium flash = Medium::dataflash;
+    return {
+        {"nand-update", "bootloader update on NAND, from every state of the two slots", Updates(nand)},
+        {"dataflash-update", "bootloader update on DataFlash, from every state of the two slots", Updates(flash)},
+        {"nand-rescue", "rescue update on NAND", RescueUpdates(nand)},
+        {"dataflash-rescue", "rescue update on DataFlash", RescueUpdates(flash)},
+        {"nand-both", "rescue and bootloader update in one boot on NAND", BothUpdates(nand)},
+        {"dataflash-both", "rescue and bootloader update in one boot on DataFlash", BothUpdates(flash)},
+        {"nand-refused", "updates that are refused on NAND", Refusals(nand)},
+        {"dataflash-refused", "updates that are refused on DataFlash", Refusals(flash)},
+        {"parameters", "parameter commit from either sector to the other", Parameters()},
+        {"nand-factory-bad", "updates with factory-bad blocks inside the slots", FactoryBad()},
+        {"nand-worn", "updates during which a block goes bad", Worn()},
+        {"nand-wrong-page", "update with a page that silently keeps wrong bits, each in turn", WrongPages(firmware)},
+        {"dataflash-lost-program", "update with a DataFlash that loses one program, each in turn",
+         LostPrograms(firmware)},
+        {"nand-no-room", "update with every further block bad", NoRoom()},
+        {"nand-edge", "bootloaders that end at an edge on NAND", BootloaderEdges(nand)},
+        {"dataflash-edge", "bootloaders that end at an edge on DataFlash", BootloaderEdges(flash)},
+        {"nand-rescue-edge", "rescue images that end at an edge on NAND", RescueEdges(nand)},
+        {"dataflash-rescue-edge", "rescue images that end at an edge on DataFlash", RescueEdges(flash)},
+        {"holes", "where the layout of the flash leaves a hole", Holes()},
+    };
+}
+
+std::vector<Scenario> FindScenarios(const std::vector<std::string> &names, const SweepFirmware &firmware) {
+    const std::vector<Scenario> all = AllScenarios(firmware);
+    std::vector<Scenario> found;
+    for (const std::string &name : names) {
+        const std::string scenario = name.substr(0, name.find('/'));
+        const auto row = std::find_if(all.begin(), all.end(), [&](const Scenario &s) { return s.name == scenario; });
+        if (row == all.end()) throw std::runtime_error(fmt::format("no scenario \"{}\"; see sweep --list", scenario));
+        found.push_back(*row);
+        if (scenario == name) continue;
+        std::vector<Variant> &variants = found.back().variants;
+        std::erase_if(variants, [&](const Variant &v) { return v.label != name.substr(scenario.size() + 1); });
+        if (variants.empty()) throw std::runtime_error(fmt::format("no variant \"{}\"; see sweep --list", name));
+    }
+    return found;
+}
+
+const Variant *FindVariant(const std::vector<Scenario> &scenarios, const CaseId &id) {
+    for (const Scenario &scenario : scenarios)
+        for (const Variant &variant : scenario.variants)
+            if (scenario.name == id.scenario && variant.label == id.variant) return &variant;
+    return nullptr;
+}
+
+Judgement RunCase(const CaseId &id, ProcessorKind processor, const SweepFirmware &firmware) {
+    const std::vector<Scenario> scenarios = FindScenarios({id.scenario + "/" + id.variant}, firmware);
+    const World world = MakeWorld(scenarios.front().variants.front().setup, firmware);
+    return Sweeper(world, processor, firmware).run(id.cuts, id.seed);
+}

@@ -1,0 +1,36 @@
+// The scenarios that are swept: what a board is in the middle of when its power goes.
+#pragma once
+
+#include "sweep_case.h"
+#include "sweep_world.h"
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// Where the layout of the flash itself leaves a hole, what falls through is counted by the hole's name.
+inline constexpr const char *kPushedOn = "bad blocks inside a slot push an image into what follows";
+inline constexpr const char *kWornRecord = "block 1 wears out: the version record goes to bootloader slot 0";
+inline constexpr const char *kSharedPage = "slots that share a DataFlash page, which is rewritten as a whole";
+
+struct Variant {
+    std::string label;
+    Setup setup;
+    const char *hole = nullptr;
+    std::size_t most_cuts = 0; // a seeded sample of so many, where all of them would take too long; 0: all
+};
+
+struct Scenario {
+    std::string name;
+    const char *summary;
+    std::vector<Variant> variants;
+};
+
+std::vector<Scenario> AllScenarios(const SweepFirmware &firmware);
+// The scenarios whose names, or "scenario/variant", are given. Throws std::runtime_error for an unknown name.
+std::vector<Scenario> FindScenarios(const std::vector<std::string> &names, const SweepFirmware &firmware);
+const Variant *FindVariant(const std::vector<Scenario> &scenarios, const CaseId &id);
+
+// The whole of one case, with the power really cut at every cut. Throws std::runtime_error where there is no such case.
+Judgement RunCase(const CaseId &id, ProcessorKind processor, const SweepFirmware &firmware);

@@ -1,0 +1,101 @@
+// What a sweep starts from: a board with its chips and files, what may be wrong with it, and what has to come of it.
+//
+//   Setup setup;                                  a plain update of the bootloader on NAND
+//   setup.slots = {SlotState::broken, SlotState::running};
+//   const World world = MakeWorld(setup, firmware);
+//
+// Firmware comes from the builds that stand behind images: 1.9.0 runs, 1.9.1 is its update.
+#pragma once
+
+#include "board.h"
+#include "files.h"
+#include "firmware.h"
+#include "slots.h"
+#include "stored_image.h"
+
+#include <array>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+enum class SlotState : std::uint8_t {
+    erased,
+    retired, // an image whose header was zeroed
+    broken,  // a good header before a damaged body
+    running, // the bootloader that the board has
+    updated, // the one that the bank carries
+};
+
+enum class RescueState : std::uint8_t { none, broken, good };
+
+// The parameter store: which sector is current, and whether the first power-up changes and commits parameters.
+struct ParameterSetup {
+    int sector = 0;
+    bool commits = false;
+    std::vector<std::uint8_t> more =
+        {}; // a parameter beside the network's four, at most 15 bytes; set anew by the commit
+};
+
+// What becomes of the images that the bank carries.
+enum class Fate : std::uint8_t {
+    stored,
+    fails,   // there is no room for them on the chip: all stays in use as it was
+    refused, // nothing at all is written
+};
+
+struct Setup {
+    fixture::Medium medium = fixture::Medium::nand;
+    const char *part = nullptr; // of the DataFlash; null: the usual one
+    std::array<SlotState, 2> slots = {SlotState::running, SlotState::erased};
+    bool new_bootloader = true;      // the bank carries an update
+    std::uint32_t running_bytes = 0; // stored image, header and all; 0: as built; else padded or, if that is too
+    std::uint32_t update_bytes = 0;  // short for the build, a stand-in for it
+    RescueState rescue = RescueState::good;
+    bool new_rescue = false;
+    std::uint32_t rescue_bytes = 150'000; // of the rescue images, header and all
+    bool damaged = false;                 // the bank's images have sums that do not fit
+    ParameterSetup parameters = {};
+    std::vector<std::uint32_t> bad_blocks = {}; // from the factory
+    std::vector<fixture::NandFault> nand_faults = {};
+    std::vector<fixture::At45Fault> dataflash_faults = {};
+    Fate fate = Fate::stored;
+};
+
+// The builds, and stand-ins for them that images too short for a build are known by.
+struct SweepFirmware {
+    KnownFirmware known;
+    explicit SweepFirmware(const std::filesystem::path &directory);
+    const Firmware &version(int build) const; // 1.9.`build`
+};
+
+struct ByteRange {
+    std::uint32_t begin;
+    std::uint32_t end;
+};
+
+// What has to hold when all is done.
+struct Expected {
+    Bytes bootloader;                       // the image that the first stage starts
+    Bytes rescue;                           // empty: none that is good
+    std::string record;                     // the 16 bytes of the version record
+    Bytes application;                      // what is launched
+    std::array<std::uint32_t, 4> network{}; // parameters 9 to 12
+};
+
+struct World {
+    fixture::Medium medium;
+    fixture::Chips chips;
+    std::shared_ptr<const std::filesystem::path> volume; // removed with the last copy
+    fixture::BoardOptions board;
+    bool commits = false;
+    std::vector<std::uint8_t> more; // what a commit sets beside the network parameters
+    std::vector<ByteRange> touched; // what the medium's updates may change
+    Expected before;
+    Expected after;
+};
+
+World MakeWorld(const Setup &setup, const SweepFirmware &firmware);
