@@ -1,0 +1,221 @@
+// File sums, stored images and versions: the checks behind every launch and every write to raw flash.
+#include "bench.h"
+
+#include <cstring>
+#include <fmt/format.h>
+
+using namespace fixture;
+
+namespace {
+
+constexpr std::uint32_t kLoadBuffer = 0x23000000;
+constexpr std::uint32_t kRescueSlot = 0x404000; // of the DataFlash, as are the following
+constexpr std::uint32_t kBootSlot = 0x8000;
+constexpr std::uint32_t kVersionRecord = 0x7F00;
+constexpr const char *kMaker = "Orvalis Luminations";
+
+struct Header {
+    char maker[20];
+    std::uint32_t size;
+    std::uint32_t sum1;
+    std::uint32_t sum2;
+};
+
+// Made the slow way, from the format's description.
+std::string StoredImage(const std::string &body, std::uint32_t size) {
+    Header header{{}, size, 0x01234567, 0x89ABCDEF};
+    std::strcpy(header.maker, kMaker);
+    for (const char c : body) {
+        header.sum1 += static_cast<std::uint8_t>(c);
+        header.sum2 += header.sum1;
+    }
+    return std::string(reinterpret_cast<const char *>(&header), sizeof header) + body;
+}
+std::string StoredImage(const std::string &body) {
+    return StoredImage(body, static_cast<std::uint32_t>(body.size() + sizeof(Header)));
+}
+
+std::string Noise(std::size_t length) {
+    std::string text;
+    for (std::uint32_t seed = 1; text.size() < length; seed = seed * 1664525 + 1013904223)
+        text += static_cast<char>(seed >> 24);
+    return text;
+}
+
+class Images : public testing::TestWithParam<Processor> {
+protected:
+    int ram_checksums(const std::string &image) {
+        return static_cast<int>(bench_.call("Validate_RamChecksums", bench_.scratch_text(image)));
+    }
+    void put(std::uint32_t address, const std::string &bytes) {
+        const auto *const data = reinterpret_cast<const std::uint8_t *>(bytes.data());
+        chips_.dataflash.write(address, {data, bytes.size()});
+    }
+    std::string get(std::uint32_t address, std::uint32_t length) {
+        const std::vector<std::uint8_t> bytes = chips_.dataflash.read(address, length);
+        return {bytes.begin(), bytes.end()};
+    }
+    int call(const char *routine, std::uint32_t a0, std::uint32_t a1 = 0) {
+        return static_cast<int>(bench_.call(routine, a0, a1));
+    }
+
+    TemporaryDirectory volume_;
+    Chips chips_;
+    Bench bench_{GetParam(), chips_, volume_.path()};
+};
+BOTH_PROCESSORS(Images);
+
+TEST_P(Images, HaveSumsOverTheBodyAlone) {
+    for (const std::size_t length : {0, 1, 7, 8, 9, 15, 16, 17, 1000}) {
+        std::string image = StoredImage(Noise(length));
+        EXPECT_EQ(ram_checksums(image), 0) << length;
+        image[3] ^= 1;
+        EXPECT_EQ(ram_checksums(image), 0) << "another maker";
+        for (const std::size_t at : {std::size_t{24}, std::size_t{31}, image.size() - 1}) {
+            std::string changed = image;
+            changed[at] ^= 0x10;
+            EXPECT_EQ(ram_checksums(changed), -1) << length << " changed at " << at;
+        }
+    }
+    for (const char *reference : {"TestApplicationData", "TestBootData"}) {
+        const std::size_t size = reference[4] == 'A' ? 48 : 41;
+        EXPECT_EQ(ram_checksums({static_cast<const char *>(bench_.object(reference)), size}), 0);
+    }
+}
+
+TEST_P(Images, OfImpossibleSizesAreRefused) {
+    struct Row {
+        std::uint32_t size;
+        int in_memory;
+        int in_slot;
+    };
+    const Row rows[] = {{0, -1, -1},         {31, -1, -1},         {32, 0, 0},
+                        {0x1000001, -1, -1}, {0xFFFFFFE0, -1, -1}, {0xFFFFFFFF, -1, -1}};
+    call("SDFlash_Init", 0);
+    for (const Row &row : rows) {
+        const std::string image = StoredImage("", row.size);
+        EXPECT_EQ(ram_checksums(image), row.in_memory) << row.size;
+        put(kRescueSlot, image);
+        EXPECT_EQ(call("Validate_SDFlashImage", kRescueSlot), row.in_slot) << row.size;
+        EXPECT_EQ(bench_.console(), "") << row.size;
+    }
+    // What was read is less than what the size field claims, though it may lie in memory from before.
+    const std::uint32_t image = bench_.scratch_text(StoredImage("left over"));
+    EXPECT_EQ(call("Validate_LoadedImage", image, 40), -1);
+    EXPECT_EQ(call("Validate_LoadedImage", image, 41), 0);
+}
+
+TEST_P(Images, FillTheLoadBufferToItsEdge) {
+    constexpr std::uint32_t kLargest = 0x1000000;
+    std::uint8_t *const buffer = bench_.at(kLoadBuffer);
+    const std::string empty = StoredImage("", kLargest);
+    Header header;
+    std::memcpy(&header, empty.data(), sizeof header);
+    for (std::uint32_t i = 32; i < kLargest; i++) header.sum2 += header.sum1;
+    std::memcpy(buffer, &header, sizeof header);
+    EXPECT_EQ(call("Validate_RamChecksums", kLoadBuffer), 0);
+    buffer[kLargest - 1] = 1;
+    EXPECT_EQ(call("Validate_RamChecksums", kLoadBuffer), -1);
+}
+
+TEST_P(Images, InSlotsAreCheckedByHeaderAndWhole) {
+    struct Row {
+        std::string content;
+        int header;
+        int whole;
+        bool invalidated;
+    };
+    std::string unterminated = StoredImage("body");
+    unterminated[19] = 's';
+    std::string other_case = StoredImage("body");
+    other_case[0] = 'o';
+    std::string broken = StoredImage("body");
+    broken.back() ^= 1;
+    const Row rows[] = {
+        {StoredImage(Noise(3000)), 0, 0, true},
+        {broken, 0, -1, true},
+        {unterminated, -1, 0, false},
+        {other_case, -1, 0, false},
+        {std::string(64, '\xFF'), -1, -1, false},
+        {std::string(64, '\0'), -1, -1, false},
+    };
+    call("SDFlash_Init", 0);
+    for (const Row &row : rows) {
+        put(kBootSlot, row.content);
+        std::memset(bench_.at(kLoadBuffer), 0x5A, 4096);
+        EXPECT_EQ(call("Validate_SDFlashHeader", kBootSlot), row.header);
+        EXPECT_EQ(bench_.console(),
+                  fmt::format("\t{} header at address 0x00008000\n", row.header ? "Invalid" : "Valid"));
+        EXPECT_EQ(*bench_.at(kLoadBuffer), 0x5A) << "a header check leaves the load buffer alone";
+        EXPECT_EQ(call("Validate_SDFlashImage", kBootSlot), row.whole);
+        EXPECT_EQ(call("Validate_SDFlashInvalidateImage", kBootSlot), 0);
+        std::string after = row.content;
+        if (row.invalidated) std::memset(after.data(), 0, sizeof(Header));
+        EXPECT_EQ(get(kBootSlot, static_cast<std::uint32_t>(after.size())), after);
+        EXPECT_EQ(bench_.console(), "");
+    }
+    EXPECT_EQ(call("Validate_SDFlashHeader", 0x0FFFFFF0), -1);
+    EXPECT_EQ(bench_.console(), "\tAT91SAM926X_ReadDataflash : Failed with Error=1\n\tSDFlash read header failed\n");
+}
+
+TEST_P(Images, FilesAreSummedInEveryLength) {
+    const auto check = [&](const std::string &bytes, std::uint32_t off_by, std::uint32_t size) {
+        volume_.write("f", bytes);
+        std::uint32_t sum = off_by;
+        for (const char c : bytes) sum += static_cast<std::uint8_t>(c);
+        return static_cast<int>(bench_.call("Validate_File", bench_.scratch_text("i:/vol0/f"), sum, size));
+    };
+    for (const std::size_t length : {0, 1, 3, 4, 15, 16, 17, 31, 511, 512, 513, 1040, 100'003}) {
+        const auto size = static_cast<std::uint32_t>(length);
+        EXPECT_EQ(check(Noise(length), 0, size), 0) << length;
+        EXPECT_EQ(std::memcmp(bench_.at(kLoadBuffer), Noise(length).data(), length), 0) << length;
+        EXPECT_EQ(check(std::string(length, '\xFF'), 0, size), 0) << length;
+        EXPECT_EQ(check(std::string(length, '\xFF'), 0x10000, size), -1) << length;
+        EXPECT_EQ(bench_.console(), "");
+        EXPECT_EQ(check(Noise(length), 0, size + 1), -1);
+        EXPECT_EQ(bench_.console(), fmt::format("filesize check {} != {}\n", length + 1, length));
+    }
+    EXPECT_EQ(bench_.call("Validate_File", bench_.scratch_text("i:/vol0/none"), 0, 0), 0xFFFFFFFFu);
+    EXPECT_EQ(bench_.console(), "");
+}
+
+TEST_P(Images, AreNewWhereTheirVersionTextDiffers) {
+    struct Row {
+        std::string stored;
+        std::string in_bank;
+        bool is_new;
+    };
+    const Row rows[] = {
+        {std::string(16, '\xFF'), "1.0", true},
+        {"1.0", "1.0", false},
+        {"1.0.1", "1.0", true},
+        {"2.0", "1.0", true},
+        {"", "", false},
+        {"1234567890123456", "1234567890123456", false},
+        {"1234567890123456", "1234567890123457", true},
+        {"1234567890123456", "123456789012345", true},
+        {"Orvalis Luminati", "1.0", false}, // a bootloader lies where the record should be
+        {"Orvalis Luminat", "1.0", true},
+    };
+    call("SDFlash_Init", 0);
+    const std::uint32_t record = bench_.scratch(16);
+    for (const Row &row : rows) {
+        std::string stored = row.stored;
+        stored.resize(16, '\0');
+        put(kVersionRecord, stored);
+        call("Rescue_SetVersion", bench_.scratch_text(row.in_bank));
+        EXPECT_EQ(call("Validate_IsNewRescueVersion", record, 0), row.is_new ? 0 : -1) << row.stored;
+        std::string expected = row.in_bank;
+        expected.resize(16, '\0');
+        const std::string given(reinterpret_cast<const char *>(bench_.at(record)), 16);
+        if (row.is_new) EXPECT_EQ(given, expected) << row.stored;
+
+        call("Boot_SetVersion", bench_.scratch_text(row.in_bank));
+        EXPECT_EQ(call("Validate_IsNewBootVersion", 0), 0);
+        EXPECT_EQ(bench_.console(), fmt::format("Current bootlaoder is: 1.9.0\nBank bootloader is: {}\n", row.in_bank));
+    }
+    call("Boot_SetVersion", bench_.scratch_text("1.9.0"));
+    EXPECT_EQ(call("Validate_IsNewBootVersion", 0), -1);
+}
+
+} // namespace
