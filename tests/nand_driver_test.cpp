@@ -1,0 +1,411 @@
+// The NAND driver against its chip: what goes over the bus, what ends up in the chip, what is printed.
+#include "bench.h"
+
+#include <cstring>
+#include <fmt/format.h>
+#include <numeric>
+#include <random>
+
+using namespace fixture;
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+using Fault = NandFault;
+
+constexpr std::uint32_t kBlock = kNandBlockBytes;
+constexpr std::uint32_t kPage = kNandPageBytes;
+
+Chips WithNand(const NandPart *part) {
+    Chips chips;
+    chips.nand = NandContents(part);
+    return chips;
+}
+
+// A board with a NAND chip and two logs of what went to it. `log` has every access:
+//   [ ] chip enable, c30 command, a00 address cycle, R ready seen, r8x2048 w16x1024 data accesses by width and count
+// `operations` has one word an operation, runs of pages as one: E2 erase of block 2, P2.0-63 R2.0 data of its pages
+// programmed and read, p2.0 r2.0 the spare bytes.
+class Raw {
+public:
+    explicit Raw(Processor processor, const char *part = kDefaultNand) : Raw(processor, FindNandPart(part)) {}
+    Raw(Processor processor, const NandPart *part) : chips_(WithNand(part)), bench_(processor, chips_, {}) {
+        bench_.board().bus.observer = [this](const BusAccess &access) { observe(access); };
+    }
+    ~Raw() {
+        for (const JournalEntry &entry : bench_.board().journal.violations())
+            ADD_FAILURE() << entry.where << ": " << entry.what;
+    }
+
+    template <typename... Arguments> int call(const char *routine, Arguments... arguments) {
+        log.clear();
+        last_.clear();
+        operations_.clear();
+        return static_cast<int>(bench_.call(routine, arguments...));
+    }
+    int init() { return call("NandFlash_if_Init"); }
+    Bytes read(std::uint32_t address, std::uint32_t length) {
+        std::memset(bench_.at(buffer), 0x77, length + 1);
+        EXPECT_EQ(call("NandFlash_if_Read", address, buffer, length), 0);
+        EXPECT_EQ(bench_.at(buffer)[length], 0x77) << "written behind the buffer";
+        return Bytes(bench_.at(buffer), bench_.at(buffer) + length);
+    }
+    void write(std::uint32_t address, const Bytes &source, std::int32_t length) {
+        std::copy(source.begin(), source.end(), bench_.at(buffer));
+        EXPECT_EQ(call("NandFlash_if_Write", address, buffer, length), 0);
+    }
+    // The geometry record of the chip, for the routines that take one.
+    std::uint32_t geometry() {
+        const std::uint32_t fields[] = {2048, 64,       2112,      64,      131072,    4096, 135168,
+                                        2048, 1u << 17, 276824064, 8388608, 285212672, 11,   chips_.nand.part()->wide,
+                                        0};
+        const std::uint32_t address = bench_.scratch(sizeof fields);
+        std::memcpy(bench_.at(address), fields, sizeof fields);
+        return address;
+    }
+    NandContents &nand() { return chips_.nand; }
+    Bench &bench() { return bench_; }
+    std::string operations() { return end_run(), operations_; }
+
+    std::string log;
+    std::uint32_t buffer = 0x21800000;
+
+private:
+    void observe(const BusAccess &access) {
+        if (access.address == 0x40000000) return data(access);
+        if (access.address == 0x40400000 && access.value == 0xD0) operation('E', 'E', cycles_.data());
+        if (access.address == 0x40400000 && access.value == 0x10) operation('P', 'p', cycles_.data() + 2);
+        if (access.address == 0x40400000 && access.value == 0x30) operation('R', 'r', cycles_.data() + 2);
+        if (access.address == 0x40400000) cycles_.clear();
+        if (access.address == 0x40200000) cycles_.push_back(access.value);
+        add(access.address == 0x40400000   ? fmt::format("c{:02X}", access.value)
+            : access.address == 0x40200000 ? fmt::format("a{:02X}", access.value)
+            : access.address == 0xFFFFF23C ? (access.value & 0x00400000 ? "R" : "")
+            : access.address == 0xFFFFF834 ? "["
+            : access.address == 0xFFFFF830 ? "]"
+            : access.is_write ? fmt::format("{}={:X}", bench_.board().bus.name_of(access.address), access.value)
+                              : bench_.board().bus.name_of(access.address) + "?");
+    }
+    void add(const std::string &word) {
+        count_ = 0;
+        if (!word.empty()) log += (log.empty() ? "" : " ") + word;
+    }
+    void data(const BusAccess &access) {
+        const unsigned before = std::exchange(count_, 0);
+        if (before == 0) add(fmt::format("{}{}x", access.is_write ? 'w' : 'r', 8 * access.bytes));
+        log.resize(log.rfind('x') + 1);
+        log += std::to_string(count_ = before + 1);
+    }
+    void operation(char on_data, char on_spare, const std::uint32_t *cycles) {
+        const std::uint32_t row = cycles[0] | cycles[1] << 8 | cycles[2] << 16, page = row % kNandPagesPerBlock;
+        const char kind = cycles_[0] + cycles_[1] == 0 ? on_data : on_spare;
+        std::string name = fmt::format("{}{}", kind, row / kNandPagesPerBlock);
+        if (kind != 'E' && last_.rfind(name + ".", 0) == 0 && page == run_end_ + 1) return void(run_end_ = page);
+        end_run();
+        last_ = kind == 'E' ? name : fmt::format("{}.{}", name, page);
+        run_begin_ = run_end_ = page;
+    }
+    void end_run() {
+        if (last_.empty()) return;
+        operations_ += (operations_.empty() ? "" : " ") + std::exchange(last_, "");
+        if (run_end_ > run_begin_) operations_ += fmt::format("-{}", run_end_);
+    }
+
+    Chips chips_;
+    Bench bench_;
+    std::vector<std::uint32_t> cycles_;
+    std::string last_, operations_;
+    unsigned count_ = 0;
+    std::uint32_t run_begin_ = 0, run_end_ = 0;
+};
+
+Bytes Noise(std::size_t length, std::uint32_t seed) {
+    std::minstd_rand random(seed + 1);
+    Bytes bytes(length);
+    for (std::uint8_t &byte : bytes) byte = static_cast<std::uint8_t>(random() >> 8);
+    return bytes;
+}
+
+class NandDriver : public testing::TestWithParam<Processor> {};
+BOTH_PROCESSORS(NandDriver);
+
+TEST_P(NandDriver, IdentifiesThePartsAndSetsUpItsBus) {
+    const std::string common =
+        "MATRIX.EBI0_CSA? MATRIX.EBI0_CSA=1000A SMC0.SETUP3=1010101 SMC0.PULSE3=3030303 SMC0.CYCLE3=50005 "
+        "SMC0.MODE3=21003 PMC.PCER=4 PMC.PCER=10 PIOA.IFDR=400000 PIOA.IDR=400000 PIOA.PUER=400000 PIOA.ODR=400000 "
+        "PIOA.PER=400000 PIOD.MDDR=8000 PIOD.IDR=8000 PIOD.PUDR=8000 [ PIOD.OER=8000 PIOD.PER=8000 [ c90 a00 r8x2 ]";
+    for (const NandPart &part : NandParts()) {
+        Raw raw(GetParam(), part.name);
+        const bool known = std::string(part.name) != "unknown";
+        EXPECT_EQ(raw.init(), known) << part.name;
+        EXPECT_EQ(raw.log, common + (known && !part.wide ? " SMC0.MODE3? SMC0.MODE3=20003" : ""));
+        EXPECT_EQ(raw.init(), known) << "again, from where the first left the bus";
+        EXPECT_EQ(raw.bench().console(), "");
+    }
+}
+
+TEST_P(NandDriver, SpeaksToTheChipInItsWidth) {
+    struct Row {
+        const char *part, *check, *read, *write;
+    };
+    const std::string erase = "[ c60 aC0 a80 a00 cD0 R R c70 R r8x1 ]";
+    const Row rows[] = {
+        {"K9F2G08U0M", "[ c00 a00 a08 aC0 a80 a00 c30 R R r8x64 ] [ c00 a00 a08 aC1 a80 a00 c30 R R r8x64 ]",
+         "[ c00 a00 a00 aC0 a80 a00 c30 R R r8x2048 ]", "[ c80 a00 a00 aC0 a80 a00 w8x2048 c10 R R ]"},
+        {"MT29F2G16AAB", "[ c00 a00 a04 aC0 a80 a00 c30 R R r16x32 ] [ c00 a00 a04 aC1 a80 a00 c30 R R r16x32 ]",
+         "[ c00 a00 a00 aC0 a80 a00 c30 R R r16x1024 ]", "[ c80 a00 a00 aC0 a80 a00 w16x1024 c10 R R ]"}};
+    constexpr std::uint32_t kAt = 515; // block
+    for (const Row &row : rows) {
+        for (const unsigned shift : {0u, 1u, 2u}) { // buffers of any alignment
+            Raw raw(GetParam(), row.part);
+            ASSERT_EQ(raw.init(), 1);
+            const std::uint32_t chip = raw.geometry();
+            const Bytes page = Noise(kPage, shift);
+            raw.nand().write(kAt * kBlock, page);
+            EXPECT_EQ(raw.call("CheckBlock", chip, kAt), 1);
+            EXPECT_EQ(raw.log, row.check);
+            EXPECT_EQ(raw.call("CheckBlock", chip, kAt), 1);
+            EXPECT_EQ(raw.log, "") << "the verdict is remembered";
+            EXPECT_EQ(raw.call("AT91F_NandRead", chip, kAt, 0, 99, raw.buffer + shift), 1);
+            EXPECT_EQ(raw.log, row.read);
+            EXPECT_EQ(std::memcmp(raw.bench().at(raw.buffer + shift), page.data(), kPage), 0);
+            EXPECT_EQ(raw.call("AT91F_NandEraseBlock", chip, kAt * kBlock + 5), 1);
+            EXPECT_EQ(raw.log, erase);
+            EXPECT_EQ(raw.call("NandFlash_Write", kAt * kBlock, raw.buffer + shift, 1), 0);
+            EXPECT_EQ(raw.log, erase + " " + row.write + " " + row.read);
+            EXPECT_EQ(raw.nand().read(kAt * kBlock, kPage), page);
+            for (const std::uint32_t beyond : {kNandBlocks, 32768u, 0xFFFFFFFEu}) {
+                EXPECT_EQ(raw.call("CheckBlock", chip, beyond), 0);
+                EXPECT_EQ(raw.call("AT91F_NandRead", chip, beyond, 0, 0, raw.buffer), 0);
+                EXPECT_EQ(raw.call("AT91F_NandEraseBlock", chip, std::max(beyond, kNandBytes)), 0);
+                EXPECT_EQ(raw.log, "") << "nothing is asked of blocks that the chip does not have";
+            }
+        }
+    }
+}
+
+TEST_P(NandDriver, WritesBlockByBlock) {
+    struct Row {
+        std::vector<std::uint32_t> bad;
+        std::vector<Fault> faults;
+        std::uint32_t address;
+        std::int32_t length;
+        const char *operations;
+        std::string console;
+    };
+    const std::uint32_t at = 2 * kBlock, page5 = at + 5 * kPage;
+    const std::string marked3 = "Block 00060000 is marked as bad...\n",
+                      retired2 = "Block 00040000 is bad, marking it...\n";
+    const auto erase = [](unsigned times) { return Fault{Fault::erase_fails, 2, {}, 0, times}; };
+    const auto wrong = [](std::uint32_t page, unsigned skip, std::uint32_t column) {
+        return Fault{Fault::wrong_bits, 2, page, skip, 1, column, 0x80};
+    };
+    const Fault program{Fault::program_fails, 2, 1}, flip{Fault::flipped, 2, 0, 1};
+    const Fault stuck{Fault::stuck_low, 2, 0, 1, Fault::kForever, 0, 0xFF};
+    const Row rows[] = {
+        {{}, {}, at, 0, "", ""},
+        {{}, {}, at, -5, "", ""},
+        {{}, {}, at, 16, "r2.0-1 E2 P2.0 R2.0", ""},
+        {{}, {}, at, kPage + 1, "r2.0-1 E2 P2.0-1 R2.0-1", ""},
+        {{}, {}, at, 2 * kBlock, "r2.0-1 E2 P2.0-63 R2.0-63 r3.0-1 E3 P3.0-63 R3.0-63", ""},
+        {{}, {}, page5, kPage, "r2.0-1 E2 P2.5 R2.5", ""},
+        {{}, {}, page5 + 100, 3000, "r2.0-1 E2 P2.5-6 R2.5-6", ""},
+        {{}, {wrong(6, 0, 100)}, page5 + 100, 3000, "r2.0-1 E2 P2.5-6 R2.5-6 E2 P2.5-6 R2.5-6", ""},
+        {{}, {wrong(6, 0, 99)}, page5 + 100, 3000, "r2.0-1 E2 P2.5-6 R2.5-6", ""},        // before the data
+        {{}, {}, 3 * kBlock - 1, 3, "r2.0-1 E2 P2.63 R2.63 r3.0-1 E3 P3.0-1 R3.0-1", ""}, // a byte a page
+        {{3}, {}, at, kBlock + 1, "r2.0-1 E2 P2.0-63 R2.0-63 r3.0 r4.0-1 E4 P4.0 R4.0", marked3},
+        {{}, {erase(1)}, at, 1, "r2.0-1 E2 E2 P2.0 R2.0", ""},
+        {{}, {erase(2)}, at, 1, "r2.0-1 E2 E2 E2 P2.0 R2.0", ""},
+        {{}, {erase(3)}, at, 1, "r2.0-1 E2 E2 E2 r2.0 p2.0 r2.0 p2.0 r3.0-1 E3 P3.0 R3.0", retired2},
+        {{3}, {erase(3)}, at, 1, "r2.0-1 E2 E2 E2 r2.0 p2.0 r2.0 p2.0 r3.0 r4.0-1 E4 P4.0 R4.0", retired2 + marked3},
+        {{}, {program}, at, 3 * kPage, "r2.0-1 E2 P2.0-2 R2.0-1 E2 P2.0-2 R2.0-2", ""},
+        {{}, {wrong(1, 1, 2047), flip}, at, kPage + 1, "r2.0-1 E2 P2.0-1 R2.0 E2 P2.0-1 R2.0-1 E2 P2.0-1 R2.0-1", ""},
+        {{},
+         {stuck},
+         at,
+         1,
+         "r2.0-1 E2 P2.0 R2.0 E2 P2.0 R2.0 E2 P2.0 R2.0 r2.0 p2.0 r2.0 p2.0 r3.0-1 E3 P3.0 R3.0",
+         retired2},
+        {{2047},
+         {},
+         2046 * kBlock,
+         2 * kBlock,
+         "r2046.0-1 E2046 P2046.0-63 R2046.0-63 r2047.0",
+         "Block 0FFE0000 is marked as bad...\n"},
+        {{}, {}, kNandBytes, 1, "", ""}, // on the wire this would be block 0
+        {{}, {}, 0xFFFFFFFF, 1, "", ""},
+    };
+    const Bytes source = Noise(3 * kBlock, 7);
+    for (const Row &row : rows) {
+        Raw raw(GetParam(), row.length % 3 == 1 ? "MT29F2G16AAB" : "MT29F2G08ABD");
+        for (const std::uint32_t block : row.bad) raw.nand().make_factory_bad(block);
+        raw.nand().faults = row.faults;
+        ASSERT_EQ(raw.init(), 1);
+        raw.write(row.address, source, row.length);
+        EXPECT_EQ(raw.operations(), row.operations);
+        EXPECT_EQ(raw.bench().console(), row.console);
+        if (row.address != at || row.length <= 0) continue;
+        const auto length = static_cast<std::uint32_t>(row.length);
+        EXPECT_EQ(raw.read(row.address, length), Bytes(source.begin(), source.begin() + row.length)) << row.operations;
+    }
+}
+
+TEST_P(NandDriver, AnOffsetInAPageIsLeftErasedInEveryPage) {
+    Raw raw(GetParam());
+    ASSERT_EQ(raw.init(), 1);
+    const Bytes source = Noise(4 * kPage, 1);
+    raw.write(2 * kBlock + 62 * kPage + 100, source, 5000); // 1948 bytes a page, into the next block too
+    auto next = source.begin();
+    for (const std::uint32_t page : {2 * kBlock + 62 * kPage, 2 * kBlock + 63 * kPage, 3 * kBlock}) {
+        EXPECT_EQ(raw.nand().read(page, 100), Bytes(100, 0xFF));
+        EXPECT_EQ(raw.nand().read(page + 100, 1948), Bytes(next, next + 1948));
+        next += 1948;
+    }
+    EXPECT_TRUE(raw.nand().erased(2 * 64 + 61) && raw.nand().erased(3 * 64 + 1));
+}
+
+TEST_P(NandDriver, RetiresABlockInItsFirstPageAlone) {
+    for (const char *part : {"K9F2G08U0M", "MT29F2G16AAB"}) {
+        Raw raw(GetParam(), part);
+        raw.nand().faults = {{Fault::erase_fails, 5, {}, 0, 3}};
+        NandContents::Page old = raw.nand().page(0);
+        std::iota(old.begin() + kPage + 1, old.end(), std::uint8_t{0x80});
+        raw.nand().set_page(5 * kNandPagesPerBlock, old);
+        ASSERT_EQ(raw.init(), 1);
+        raw.write(5 * kBlock, Bytes(kPage, 0x42), 1);
+        old[kPage] = 0x00;
+        EXPECT_EQ(raw.nand().page(5 * kNandPagesPerBlock), old) << "the other spare bytes stay";
+        EXPECT_TRUE(raw.nand().erased(5 * kNandPagesPerBlock + 1));
+    }
+}
+
+TEST_P(NandDriver, ReadsSkipBadBlocksAndEndWithTheChip) {
+    struct Row {
+        std::vector<std::uint32_t> bad;
+        std::uint32_t address, length;
+        std::vector<std::uint32_t> blocks; // where the bytes come from
+        const char *operations;
+        std::string console;
+    };
+    const std::uint32_t at = 2 * kBlock;
+    const std::string bad2 = "Bad block at address 00040000\n", bad3 = "Bad block at address 00060000\n";
+    const Row rows[] = {
+        {{}, at, 0, {}, "", ""},
+        {{}, at + 5000, 3, {2}, "r2.0-1 R2.0", ""},
+        {{}, at, kBlock + kPage + 1, {2, 3}, "r2.0-1 R2.0-63 r3.0-1 R3.0-1", ""},
+        {{3}, at, kBlock + 1, {2, 4}, "r2.0-1 R2.0-63 r3.0 r4.0-1 R4.0", bad3},
+        {{2, 3}, at, 1, {4}, "r2.0 r3.0 r4.0-1 R4.0", bad2 + bad3},
+        {{}, 2047 * kBlock, kBlock + 5, {2047}, "r2047.0-1 R2047.0-63", ""},
+        {{2047}, 2047 * kBlock, 5, {}, "r2047.0", "Bad block at address 0FFE0000\n"},
+        {{}, kNandBytes, 5, {}, "", ""},
+        {{}, 0xFFFFFFFF, 5, {}, "", ""},
+    };
+    for (const Row &row : rows) {
+        Raw raw(GetParam());
+        Bytes expected;
+        for (const std::uint32_t block : row.blocks) {
+            const Bytes data = Noise(kBlock, block);
+            raw.nand().write(block * kBlock, data);
+            expected.insert(expected.end(), data.begin(), data.end());
+        }
+        expected.resize(row.length, 0xFF);
+        for (const std::uint32_t block : row.bad) raw.nand().make_factory_bad(block);
+        ASSERT_EQ(raw.init(), 1);
+        EXPECT_EQ(raw.read(row.address, row.length), expected) << row.address;
+        EXPECT_EQ(raw.operations(), row.operations);
+        EXPECT_EQ(raw.bench().console(), row.console);
+    }
+}
+
+TEST_P(NandDriver, TheMarkerIsOneByteOfPagesZeroAndOne) {
+    struct Row {
+        const char *part;
+        std::uint32_t page, column;
+        std::uint8_t value;
+        bool good;
+    };
+    for (const Row &row : {Row{"K9F2G08U0M", 0, 2048, 0xFE, false}, Row{"K9F2G08U0M", 1, 2048, 0x00, false},
+                           Row{"K9F2G08U0M", 2, 2048, 0x00, true}, Row{"K9F2G08U0M", 0, 2049, 0x00, true},
+                           Row{"MT29F2G16AAB", 1, 2048, 0x00, false}, Row{"MT29F2G16AAB", 0, 2049, 0x00, true}}) {
+        Raw raw(GetParam(), row.part);
+        raw.nand().edit(4 * kNandPagesPerBlock + row.page).bytes[row.column] = row.value;
+        ASSERT_EQ(raw.init(), 1);
+        EXPECT_EQ(raw.call("CheckBlock", raw.geometry(), 4), row.good) << row.column;
+    }
+}
+
+TEST_P(NandDriver, WithoutAChipOrAGoodBlockReadsGiveErasedFlash) {
+    for (const bool after_a_good_one : {false, true}) {
+        Raw raw(GetParam(), after_a_good_one ? FindNandPart(kDefaultNand) : nullptr);
+        EXPECT_EQ(raw.init(), after_a_good_one);
+        raw.nand() = NandContents(nullptr);
+        EXPECT_EQ(raw.init(), 0);
+        EXPECT_EQ(raw.read(0, 5000), Bytes(5000, 0xFF));
+        EXPECT_EQ(raw.operations(), after_a_good_one ? "r0.0-1 R0.0-2" : "") << "the old geometry stays";
+        if (after_a_good_one) continue;
+        raw.write(0, Bytes(10, 1), 10);
+        EXPECT_EQ(raw.log + raw.bench().console(), "");
+    }
+    Raw raw(GetParam());
+    for (std::uint32_t block = 0; block < kNandBlocks; block++) raw.nand().make_factory_bad(block);
+    const NandContents before = raw.nand();
+    ASSERT_EQ(raw.init(), 1);
+    raw.write(0, Bytes(5, 0), 5);
+    const std::string console = raw.bench().console();
+    EXPECT_EQ(std::count(console.begin(), console.end(), '\n'), kNandBlocks);
+    EXPECT_EQ(raw.nand(), before);
+    EXPECT_EQ(raw.read(2000 * kBlock, 5), Bytes(5, 0xFF));
+}
+
+// What is written reads back, and nothing else changes: a plain array tells what the chip must hold.
+TEST_P(NandDriver, RandomWritesAndReadsAgreeWithAnArray) {
+    constexpr std::uint32_t kBlocks = 16;
+    for (std::uint32_t seed = 0; seed < 3; seed++) {
+        std::minstd_rand random(seed + 1);
+        const auto below = [&](std::uint32_t bound) { return static_cast<std::uint32_t>(random() >> 8) % bound; };
+        Raw raw(GetParam(), seed % 2 ? "MT29F2G16AAB" : "K9F2G08R0A");
+        std::vector<std::uint32_t> good; // the last ones of the range among them, so that no write runs out of it
+        for (std::uint32_t block = 0; block < kBlocks; block++)
+            if (block > kBlocks - 4 || below(4) != 0)
+                good.push_back(block);
+            else
+                raw.nand().make_factory_bad(block);
+        Bytes array(good.size() * kBlock, 0xFF); // the good blocks, one behind the other
+        ASSERT_EQ(raw.init(), 1);
+        for (std::uint32_t turn = 0; turn < 8; turn++) {
+            const std::uint32_t first = below(kBlocks - 3), source = raw.buffer + below(4);
+            const std::uint32_t length = 1 + below(turn % 2 ? kPage * 3 : kBlock * 3 / 2);
+            const Bytes noise = Noise((length + kPage - 1) / kPage * kPage, turn);
+            std::copy(noise.begin(), noise.end(), raw.bench().at(source));
+            raw.call("NandFlash_if_Write", first * kBlock, source, length);
+            const auto at = array.begin() + (std::lower_bound(good.begin(), good.end(), first) - good.begin()) * kBlock;
+            std::fill_n(at, (length + kBlock - 1) / kBlock * kBlock, std::uint8_t{0xFF});
+            std::copy(noise.begin(), noise.end(), at);
+            EXPECT_EQ(raw.read(first * kBlock + below(kBlock), length), Bytes(at, at + length)) << seed << ' ' << turn;
+        }
+        for (auto [at, n] = std::pair{array.begin(), 0u}; at != array.end(); at += kBlock, n++)
+            EXPECT_EQ(raw.nand().read(good[n] * kBlock, kBlock), Bytes(at, at + kBlock)) << good[n];
+    }
+}
+
+// What the emulated processor makes of what the bus and the chip dictate.
+TEST(NandSpeed, ComesNearTheWire) {
+    for (const char *part : {"K9F2G08U0M", "MT29F2G16AAB"}) {
+        Raw raw(Processor::arm, part);
+        ASSERT_EQ(raw.init(), 1);
+        raw.bench().board().bus.observer = nullptr;
+        const Nand::Times times;
+        const Picoseconds page = (7 + kPage / (raw.nand().part()->wide ? 2 : 1)) * 5 * raw.bench().board().bus.cycle;
+        const Picoseconds read = 512 * (page + times.read),
+                          write = read + 512 * (page + times.program) + 8 * times.erase;
+        const auto share = [&](const char *routine, Picoseconds limit) {
+            const Picoseconds start = raw.bench().board().clock.now();
+            raw.call(routine, 0, raw.buffer, 512 * kPage);
+            return static_cast<double>(limit) / static_cast<double>(raw.bench().board().clock.now() - start);
+        };
+        EXPECT_GE(share("NandFlash_if_Write", write), 0.90) << part;
+        EXPECT_GE(share("NandFlash_if_Read", read), 0.80) << part;
+    }
+}
+
+} // namespace
