@@ -61,6 +61,9 @@ target_include_directories(tools PRIVATE ${MODULE_INCLUDES} platform/common)
 target_link_libraries(tools PUBLIC models CLI11::CLI11 nlohmann_json::nlohmann_json PkgConfig::CHAFA)
 target_compile_definitions(tools PRIVATE FIXTURE_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
 
+# The large headers are read once, not for every file.
+target_precompile_headers(tools PRIVATE <CLI/CLI.hpp> <fmt/format.h> <nlohmann/json.hpp>)
+
 # Where the modules find what a linker script gives them on the board.
 set(NATIVE_LINK -rdynamic -Wl,--defsym=image_load_buf=0x23000000
                 -Wl,--defsym=__ghsbegin_mr_rwec__videobuffer=0x22F00000)
@@ -74,6 +77,7 @@ if(SANITIZE)
     find_package(GTest REQUIRED)
     file(GLOB TEST_SOURCES CONFIGURE_DEPENDS tests/*.cpp)
     add_executable(fixture-tests ${TEST_SOURCES})
+    target_precompile_headers(fixture-tests PRIVATE <fmt/format.h> <gmock/gmock.h> <gtest/gtest.h> <nlohmann/json.hpp>)
     target_include_directories(fixture-tests BEFORE PRIVATE platform/host/include)
     target_include_directories(fixture-tests PRIVATE tests ${MODULE_INCLUDES})
     target_compile_definitions(fixture-tests PRIVATE SOURCE_DIR="${CMAKE_SOURCE_DIR}")

@@ -18,6 +18,9 @@
 // Where the bootloader is linked, and so where the first-stage loader puts an image's body.
 inline constexpr std::uint32_t kBootloaderLinkAddress = 0x20100000;
 
+// Where it is linked to have the LCD controller's frame.
+inline constexpr std::uint32_t kVideoRegion = 0x22F00000;
+
 struct Firmware {
     std::filesystem::path file;
     std::vector<std::uint8_t> flat;       // first byte at kBootloaderLinkAddress is the entry

@@ -57,10 +57,14 @@ void Machine::connect() {
 }
 
 void Machine::record_frames(PanelWiring wiring) {
-    constexpr unsigned kBarRow = 225; // what changes from one step to the next
+    constexpr unsigned kBarRow = 220; // the first one that changes from one step to the next
+    constexpr unsigned kRowBytes = 640;
     frames_.emplace(
         board_.clock, board_.lcdc, board_.memory.sdram(), [this] { return board_.picture_lit(); }, wiring, kBarRow);
-    board_.bus.before_access = [this] { frames_->glance(); };
+    board_.bus.before_access = volume_.before_open = [this] { frames_->glance(); };
+    // A bar may be drawn over another with nothing between them: the last moment to see the first is before the first
+    // word of the bar is written again. Natively instructions take no time, so there two such bars are one moment.
+    arm().watch_write(kVideoRegion + kBarRow * kRowBytes, [this] { frames_->glance(); });
 }
 
 void Machine::stop(StageResult result) {

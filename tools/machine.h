@@ -75,7 +75,7 @@ public:
     fixture::Board &board() { return board_; }
     RunReport run();
 
-    // Collects the panel's frames from now on.
+    // Collects the panel's frames from now on. Before the run.
     void record_frames(fixture::PanelWiring wiring);
     fixture::FrameRecorder *frames() { return frames_ ? &*frames_ : nullptr; }
 
