@@ -12,10 +12,11 @@ pkg_check_modules(CHAFA REQUIRED IMPORTED_TARGET chafa)
 option(SANITIZE "build everything with the address and undefined-behaviour sanitizers" OFF)
 
 # Modules and fixture share this process's low addresses with the board's SDRAM and the linker-set video region, so
-# nothing here may move.
+# nothing here may move. The program lies above the SDRAM's address, and with it the heap, which the system puts at
+# random up to 1 GiB behind it.
 set(CMAKE_POSITION_INDEPENDENT_CODE OFF)
 add_compile_options(-fno-pie)
-add_link_options(-no-pie)
+add_link_options(-no-pie -Wl,-Ttext-segment=0x30000000)
 if(SANITIZE)
     # Less optimised: the sanitizers make -O2 slow to compile and no faster to run.
     add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer -O1)
