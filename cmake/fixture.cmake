@@ -26,7 +26,9 @@ endif()
 file(GLOB FIXTURE_SOURCES CONFIGURE_DEPENDS fixture/*.cpp)
 add_library(models STATIC ${FIXTURE_SOURCES})
 target_include_directories(models PUBLIC fixture)
-target_link_libraries(models PUBLIC fmt::fmt PNG::PNG PkgConfig::UNICORN PkgConfig::ELF gif)
+# The preview's library stands before the emulator's: it brings GLib, of which the emulator library has some routines
+# under the same names, in a version of its own. The first ones at the link serve both libraries, and only GLib's can.
+target_link_libraries(models PUBLIC fmt::fmt PNG::PNG PkgConfig::CHAFA PkgConfig::UNICORN PkgConfig::ELF gif)
 
 # The modules, and with them the stand-ins that both platforms share, joined into one object whose kernel names are re-pointed to the host platform and whose data lie in
 # sections of their own, so that every start can begin with freshly loaded data.
@@ -59,7 +61,7 @@ add_library(tools STATIC ${TOOL_SOURCES} ${HOST_PLATFORM_SOURCES})
 target_include_directories(tools PUBLIC tools platform/host)
 target_include_directories(tools BEFORE PRIVATE platform/host/include)
 target_include_directories(tools PRIVATE ${MODULE_INCLUDES} platform/common)
-target_link_libraries(tools PUBLIC models CLI11::CLI11 nlohmann_json::nlohmann_json PkgConfig::CHAFA)
+target_link_libraries(tools PUBLIC models CLI11::CLI11 nlohmann_json::nlohmann_json)
 target_compile_definitions(tools PRIVATE FIXTURE_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
 
 # The large headers are read once, not for every file.
