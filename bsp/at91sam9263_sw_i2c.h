@@ -6,7 +6,7 @@
 //
 //   address   8 bits; bit 0 is replaced by the direction: the device at 0x20 is written at 0x20 and read at 0x21
 //   sub       address inside the device, sent before the data, most significant byte first: SubN sends N bytes
-//   count     in: bytes to transfer; out: bytes transferred, changed only when the data phase was reached
+//   count     in: bytes to transfer; out: bytes transferred, changed only when the stop was reached
 //
 // A transaction that fails before its stop sends no stop, and leaves the lines as they were: the next start resolves
 // them if SCL is high. All waits are bounded; they are busy loops, so that the speed follows the processor's.

@@ -50,8 +50,8 @@ void encodeParam(std::uint8_t *tag, std::uint16_t identifier, std::uint16_t leng
 int readEEpromParameter(std::uint16_t identifier, std::uint8_t *buffer, std::uint16_t *length);
 // The same for the board start-up: non-zero = failed.
 int readNetParameter(std::uint16_t identifier, std::uint8_t *buffer, std::uint16_t *length);
-// Replaces or appends a parameter in memory. 1: length over 15, identifier over 0xFFE, or no sound image to change;
-// 8: no room. Nothing has changed then.
+// Replaces or appends a parameter in memory. 1: length over 15, identifier over 0xFFE, or an image without end marker;
+// 8: no room, a blank image included. Nothing has changed then.
 int WriteEEpromParameter(std::uint16_t identifier, const std::uint8_t *data, std::uint16_t length);
 
 // Writes the current image to the sector that is not current; on success the two change roles and the old one's

@@ -41,6 +41,7 @@ void WaitForStatus(std::uint32_t bit) {
 
 void Settle() {
     for (std::uint32_t round = kSettleRounds; round != 0; round--) asm volatile("" : "+r"(round));
+    mmio::Spun(kSettleRounds);
 }
 
 void StaySelected(std::uint32_t select, bool stay) {

@@ -414,7 +414,7 @@ int NandFlash_Init(void) {
 }
 
 int AT91F_NandEraseBlock(const NandGeometry *chip, std::uint32_t address) {
-    if (address / chip->blockSize >= chip->blockCount) return 0;
+    if (chip->blockSize == 0 || address / chip->blockSize >= chip->blockCount) return 0;
     EnableChip();
     SendCommand(ERASE);
     SendRow(address >> chip->rowShift);
@@ -429,7 +429,7 @@ int AT91F_NandEraseBlock(const NandGeometry *chip, std::uint32_t address) {
 
 int CheckBlock(const NandGeometry *chip, std::uint32_t block) {
     if (IsLastBlock(block)) return LastVerdict();
-    if (block >= chip->blockCount) return 0;
+    if (block >= chip->blockCount || pWorkBuffer == nullptr) return 0;
     for (std::uint32_t page = 0; page < 2; ++page) {
         ReadPage(*chip, block * chip->blockSize + page * chip->pageSize, pWorkBuffer, AREA_SPARE);
         if (pWorkBuffer[chip->pageSize + chip->markerPosition] != 0xFF) return SetVerdict(block, 0);
@@ -438,7 +438,7 @@ int CheckBlock(const NandGeometry *chip, std::uint32_t block) {
 }
 
 int AT91F_NandRead(const NandGeometry *chip, std::uint32_t block, std::uint32_t page, std::uint32_t, void *buffer) {
-    if (CheckBlock(chip, block) == 0) return 0;
+    if (page >= chip->pagesPerBlock || CheckBlock(chip, block) == 0) return 0;
     const std::uint32_t address = block * chip->blockSize + page * chip->pageSize;
     return ReadPage(*chip, address, static_cast<std::uint8_t *>(buffer), AREA_DATA);
 }
@@ -454,7 +454,7 @@ int OL_nand_continuous_read(void *buffer, std::uint32_t length, std::uint32_t ad
         else
             std::printf("Bad block at address %08X\n", static_cast<unsigned>(block * chip.blockSize));
     }
-    std::memset(to, 0xFF, length); // what the chip cannot deliver reads as erased
+    if (length != 0) std::memset(to, 0xFF, length); // what the chip cannot deliver reads as erased
     return 0;
 }
 
