@@ -19,6 +19,10 @@ boot: firmware fixture
 test: firmware fixture asan
 	@ctest --test-dir build/asan --output-on-failure --parallel $$(nproc) $(CTEST_ARGS)
 
+bench: firmware fixture
+	@cmake --build build/host --target fixture-bench
+	@build/host/fixture-bench
+
 firmware: setup
 	@cmake --preset arm >build/arm.log || { cat build/arm.log; exit 1; }
 	@cmake --build build/arm

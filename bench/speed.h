@@ -22,3 +22,11 @@ std::vector<SpeedRow> DataflashSpeed();
 
 // Reads and writes (with verification) kSpeedBytes on an 8-bit and on a 16-bit NAND chip; throws likewise.
 std::vector<SpeedRow> NandSpeed();
+
+// What drawing costs the emulated processor, beside a plain memset of the same memory.
+struct PixelRow {
+    std::string what;
+    unsigned pixels;
+    std::uint64_t instructions;
+};
+std::vector<PixelRow> PanelSpeed();

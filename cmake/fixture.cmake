@@ -74,10 +74,17 @@ set(NATIVE_LINK -rdynamic -Wl,--defsym=image_load_buf=0x23000000
 add_executable(fixture tools/main.cpp)
 target_link_libraries(fixture PRIVATE native-modules tools ${NATIVE_LINK})
 
+find_package(GTest REQUIRED)
+if(NOT SANITIZE)
+    file(GLOB BENCH_SOURCES CONFIGURE_DEPENDS bench/*.cpp)
+    add_executable(fixture-bench EXCLUDE_FROM_ALL ${BENCH_SOURCES} tests/bench.cpp)
+    target_include_directories(fixture-bench PRIVATE tests ${MODULE_INCLUDES})
+    target_link_libraries(fixture-bench PRIVATE native-modules-fixed tools GTest::gtest ${NATIVE_LINK})
+endif()
+
 if(SANITIZE)
     enable_testing()
     include(GoogleTest)
-    find_package(GTest REQUIRED)
     file(GLOB TEST_SOURCES CONFIGURE_DEPENDS tests/*.cpp)
     add_executable(fixture-tests ${TEST_SOURCES})
     target_precompile_headers(fixture-tests PRIVATE <fmt/format.h> <gmock/gmock.h> <gtest/gtest.h> <nlohmann/json.hpp>)
