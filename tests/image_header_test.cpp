@@ -208,7 +208,9 @@ TEST_P(Images, AreNewWhereTheirVersionTextDiffers) {
         std::string expected = row.in_bank;
         expected.resize(16, '\0');
         const std::string given(reinterpret_cast<const char *>(bench_.at(record)), 16);
-        if (row.is_new) EXPECT_EQ(given, expected) << row.stored;
+        if (row.is_new) {
+            EXPECT_EQ(given, expected) << row.stored;
+        }
 
         call("Boot_SetVersion", bench_.scratch_text(row.in_bank));
         EXPECT_EQ(call("Validate_IsNewBootVersion", 0), 0);

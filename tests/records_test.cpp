@@ -52,7 +52,9 @@ TEST_P(Records, HoldTextsOfTheirFieldsAndNoMore) {
             set(set_text, text);
             EXPECT_EQ(field(get, row.bytes), padded(text, row.longest, row.bytes)) << set_text << ' ' << length;
             // Whoever reads the path as a text finds its end.
-            if (row.bytes == 256) EXPECT_EQ(field(get, 257).back(), '\0') << get;
+            if (row.bytes == 256) {
+                EXPECT_EQ(field(get, 257).back(), '\0') << get;
+            }
         }
         set(set_text, "left over");
         call(fmt::format("{}_Init", row.module));
