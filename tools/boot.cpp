@@ -3,6 +3,7 @@
 #include "commands.h"
 
 #include "machine.h"
+#include "replay.h"
 #include "terminal_preview.h"
 #include "trace.h"
 #include "vcd.h"
@@ -42,6 +43,8 @@ struct BootCall {
     std::string panel_gif;
     std::string panel_wiring = "bgr";
     bool preview = false;
+    std::string replay;
+    std::optional<unsigned> power_up;
 };
 
 const std::map<std::string, fixture::Straps> kStraps = {
@@ -154,6 +157,14 @@ void HandOverToSanitizedBuild() {
     execv(sanitized.c_str(), arguments.data());
 }
 
+// Chips, files and options are those of the case; what the call says about them does not count.
+void UseReplay(const Replay &replay, RunOptions &options, fixture::Chips &chips) {
+    const std::function<void(char)> console = options.console;
+    options = replay.options();
+    options.console = console;
+    chips = replay.chips;
+}
+
 int Boot(const BootCall &call) {
     if (call.host) HandOverToSanitizedBuild();
     const KnownFirmware known(FirmwareDirectory());
@@ -176,14 +187,19 @@ int Boot(const BootCall &call) {
     fixture::Chips chips = LoadChips(call);
     options.slots = !call.nand.empty() || !call.dataflash.empty();
     if (options.slots && call.firmware.empty()) options.firmware = nullptr;
+    std::optional<Replay> replay;
+    if (!call.replay.empty()) {
+        replay.emplace(call.replay, call.power_up, options.processor);
+        UseReplay(*replay, options, chips);
+    }
     Machine machine(chips, options);
-    
+
     std::optional<Trace> trace;
     if (!call.trace.empty()) trace.emplace(call.trace, machine.board());
     std::optional<VcdFile> vcd;
     if (!call.vcd.empty()) vcd.emplace(call.vcd, call.vcd_signals, machine.board());
     if (WantsPanel(call)) machine.record_frames(kWirings.at(call.panel_wiring));
-    const RunReport report = machine.run();
+    const RunReport report = replay ? replay->run(machine) : machine.run();
     SaveChips(call, chips);
     if (WantsPanel(call)) WritePanel(call, *machine.frames(), report.time);
     std::fflush(stdout);
@@ -230,6 +246,9 @@ void AddBootCommand(CLI::App &app, int &exit_status) {
         ->check(CLI::IsMember(kWirings))
         ->capture_default_str();
     command->add_flag("--preview", call->preview, "show the panel in the terminal, where it is one");
+    command->add_option("--replay", call->replay, "a case of a sweep, by the name that the sweep gives it");
+    command->add_option("--power-up", call->power_up,
+                        "which power-up of the case, from 0 (default: the first one behind its cuts)");
     command->add_flag("--json", call->json, "verdict as one JSON object");
     command->callback([call, &exit_status] { exit_status = Boot(*call); });
 }

@@ -78,6 +78,10 @@ std::uint64_t TearingSeed(const std::vector<Cut> &cuts, std::uint64_t seed) {
     return seed;
 }
 
+PowerCut PlanOf(const std::vector<Cut> &cuts, std::uint64_t seed) {
+    return {cuts.back().operation, cuts.back().moment, TearingSeed(cuts, seed)};
+}
+
 const char *NameOf(Outcome outcome) {
     static constexpr std::array kNames = {"good",
                                           "brick: no good bootloader",
@@ -157,6 +161,10 @@ RunReport Sweeper::commit(Machine &machine) const {
     return report;
 }
 
+RunReport Sweeper::run(Machine &machine, unsigned number) const {
+    return number == 0 && world_.commits ? commit(machine) : machine.run();
+}
+
 Sweeper::PowerUp Sweeper::power_up(Chips &chips, unsigned number, const std::function<void(PowerSupply &)> &prepare) {
     PowerUp result;
     RunOptions options = this->options();
@@ -169,7 +177,7 @@ Sweeper::PowerUp Sweeper::power_up(Chips &chips, unsigned number, const std::fun
     };
     if (prepare) prepare(supply);
     boots++;
-    result.report = number == 0 && world_.commits ? commit(machine) : machine.run();
+    result.report = run(machine, number);
     result.operations = supply.operations();
     result.fired = supply.fired();
     if (result.report.verdict != Verdict::launched) return result;
@@ -179,6 +187,8 @@ Sweeper::PowerUp Sweeper::power_up(Chips &chips, unsigned number, const std::fun
     if (network) std::memcpy(result.network.data(), network, sizeof result.network);
     return result;
 }
+
+void Sweeper::boot(Chips &chips, unsigned number) { power_up(chips, number, {}); }
 
 std::uint64_t Sweeper::digest(const Chips &chips) const { return DigestOf(chips, world_.chips); }
 
@@ -345,9 +355,8 @@ Chips Sweeper::cut(const std::vector<Cut> &path, std::uint64_t seed) {
     Chips chips = world_.chips;
     for (std::size_t n = 0; n < path.size(); n++) {
         const std::vector<Cut> cuts(path.begin(), path.begin() + static_cast<std::ptrdiff_t>(n) + 1);
-        const PowerUp last = power_up(chips, static_cast<unsigned>(n), [&](PowerSupply &supply) {
-            supply.plan(PowerCut{path[n].operation, path[n].moment, TearingSeed(cuts, seed)});
-        });
+        const PowerUp last =
+            power_up(chips, static_cast<unsigned>(n), [&](PowerSupply &supply) { supply.plan(PlanOf(cuts, seed)); });
         if (!last.fired || last.report.verdict != Verdict::power_lost)
             throw std::runtime_error(
                 fmt::format("the cut at {} does not come: {} operations", NameOf(path[n]), last.operations));

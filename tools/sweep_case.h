@@ -39,8 +39,9 @@ struct CaseId {
 };
 std::string NameOf(const CaseId &id);
 std::optional<CaseId> ParseCase(std::string_view name);
-// What decides how the last cut tears: different for every case.
+// What decides how the last cut tears: different for every case. And that cut, for the power supply.
 std::uint64_t TearingSeed(const std::vector<Cut> &cuts, std::uint64_t seed);
+fixture::PowerCut PlanOf(const std::vector<Cut> &cuts, std::uint64_t seed);
 
 enum class Outcome : std::uint8_t {
     good,
@@ -97,8 +98,12 @@ public:
     // The whole of a case by its cuts, with the power really cut.
     Judgement run(const std::vector<Cut> &cuts, std::uint64_t seed);
 
-    std::uint64_t digest(const fixture::Chips &chips) const;
+    // One power-up without a cut; and what one does on a board made ready with options().
+    void boot(fixture::Chips &chips, unsigned number);
+    RunReport run(Machine &machine, unsigned number) const;
     RunOptions options() const;
+
+    std::uint64_t digest(const fixture::Chips &chips) const;
 
     std::uint64_t boots = 0; // power-ups made so far, of every kind
     bool remember = true;    // false: every case is booted, whatever was met before

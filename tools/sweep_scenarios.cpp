@@ -222,7 +222,7 @@ std::vector<Variant> Holes() {
     const Slot &nand_slot = SlotsOf(Medium::nand).bootloader[0];
     const Slot &flash_slot = SlotsOf(Medium::dataflash).bootloader[0];
     const NandFault worn{.kind = NandFault::erase_fails, .block = 1, .times = kForever};
-    return {
+    std::vector<Variant> holes = {
         {"no-slot-0", {.slots = {erased, running}, .bad_blocks = Blocks(2, kSlot1Block)}, kPushedOn},
         {"tail-into-slot-1",
          {.slots = {retired, running}, .update_bytes = nand_slot.capacity, .bad_blocks = {5}},
@@ -238,6 +238,8 @@ std::vector<Variant> Holes() {
          kSharedPage,
          4 * kSample},
     };
+    for (Variant &variant : holes) variant.setup.watches_slots = false;
+    return holes;
 }
 
 } // namespace
@@ -285,15 +287,12 @@ std::vector<Scenario> FindScenarios(const std::vector<std::string> &names, const
     return found;
 }
 
-const Variant *FindVariant(const std::vector<Scenario> &scenarios, const CaseId &id) {
-    for (const Scenario &scenario : scenarios)
-        for (const Variant &variant : scenario.variants)
-            if (scenario.name == id.scenario && variant.label == id.variant) return &variant;
-    return nullptr;
+World WorldOf(const CaseId &id, const SweepFirmware &firmware) {
+    const std::vector<Scenario> scenarios = FindScenarios({id.scenario + "/" + id.variant}, firmware);
+    return MakeWorld(scenarios.front().variants.front().setup, firmware);
 }
 
 Judgement RunCase(const CaseId &id, ProcessorKind processor, const SweepFirmware &firmware) {
-    const std::vector<Scenario> scenarios = FindScenarios({id.scenario + "/" + id.variant}, firmware);
-    const World world = MakeWorld(scenarios.front().variants.front().setup, firmware);
+    const World world = WorldOf(id, firmware);
     return Sweeper(world, processor, firmware).run(id.cuts, id.seed);
 }

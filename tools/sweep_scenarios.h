@@ -30,7 +30,8 @@ struct Scenario {
 std::vector<Scenario> AllScenarios(const SweepFirmware &firmware);
 // The scenarios whose names, or "scenario/variant", are given. Throws std::runtime_error for an unknown name.
 std::vector<Scenario> FindScenarios(const std::vector<std::string> &names, const SweepFirmware &firmware);
-const Variant *FindVariant(const std::vector<Scenario> &scenarios, const CaseId &id);
+// What a case starts from. Throws std::runtime_error where there is none of that name.
+World WorldOf(const CaseId &id, const SweepFirmware &firmware);
 
-// The whole of one case, with the power really cut at every cut. Throws std::runtime_error where there is no such case.
+// The whole of one case, with the power really cut at every cut. Throws as WorldOf does.
 Judgement RunCase(const CaseId &id, ProcessorKind processor, const SweepFirmware &firmware);

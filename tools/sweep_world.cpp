@@ -173,9 +173,9 @@ private:
         const auto add = [&](const Slot &slot, std::uint32_t bytes) {
             world.touched.push_back({slot.address, slot.address + bytes});
         };
-        if (setup_.new_bootloader)
+        if (setup_.new_bootloader || !setup_.watches_slots)
             for (const Slot &slot : slots.bootloader) add(slot, slot.capacity);
-        if (!setup_.new_rescue) return;
+        if (!setup_.new_rescue && setup_.watches_slots) return;
         add(slots.rescue, slots.rescue.capacity);
         add(slots.record, setup_.medium == Medium::nand ? kNandBlockBytes : slots.record.capacity);
     }

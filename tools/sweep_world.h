@@ -63,6 +63,7 @@ struct Setup {
     std::vector<fixture::NandFault> nand_faults = {};
     std::vector<fixture::At45Fault> dataflash_faults = {};
     Fate fate = Fate::stored;
+    bool watches_slots = true; // false: the slots and the record may change all, whatever the bank carries
 };
 
 // The builds, and stand-ins for them that images too short for a build are known by.

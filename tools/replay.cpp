@@ -1,0 +1,31 @@
+#include "replay.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+using namespace fixture;
+
+namespace {
+
+CaseId Parse(const std::string &name) {
+    if (const std::optional<CaseId> id = ParseCase(name)) return *id;
+    throw std::runtime_error("\"" + name + "\" is no case; expected SCENARIO/VARIANT:CUTS, as a sweep prints them");
+}
+
+} // namespace
+
+Replay::Replay(const std::string &name, std::optional<unsigned> power_up, ProcessorKind processor)
+    : id_(Parse(name)), firmware_(FirmwareDirectory()), world_(WorldOf(id_, firmware_)),
+      sweeper_(world_, processor, firmware_), power_up_(power_up.value_or(static_cast<unsigned>(id_.cuts.size()))) {
+    const std::size_t cuts = std::min<std::size_t>(power_up_, id_.cuts.size());
+    chips = sweeper_.cut({id_.cuts.begin(), id_.cuts.begin() + static_cast<std::ptrdiff_t>(cuts)}, id_.seed);
+    for (std::size_t n = cuts; n < power_up_; n++) sweeper_.boot(chips, static_cast<unsigned>(n));
+}
+
+RunReport Replay::run(Machine &machine) {
+    if (power_up_ < id_.cuts.size()) {
+        const std::vector<Cut> cuts(id_.cuts.begin(), id_.cuts.begin() + power_up_ + 1);
+        machine.board().supply.plan(PlanOf(cuts, id_.seed));
+    }
+    return sweeper_.run(machine, power_up_);
+}

@@ -1,0 +1,32 @@
+// A case of a sweep once more, one of its power-ups with everything open to view.
+//
+//   Replay replay("nand-update/running-erased:12t", {}, ProcessorKind::arm);
+//   Machine machine(replay.chips, replay.options());
+//   replay.run(machine);
+#pragma once
+
+#include "sweep_scenarios.h"
+
+#include <optional>
+#include <string>
+
+class Replay {
+public:
+    // Everything up to power-up number `power_up` happens at once; left out, that is the first one behind the cuts.
+    // Throws std::runtime_error where there is no such case, or a cut of it does not come.
+    Replay(const std::string &name, std::optional<unsigned> power_up, ProcessorKind processor);
+
+    fixture::Chips chips; // as that power-up finds them
+    RunOptions options() const { return sweeper_.options(); }
+    // Runs that power-up, with its cut where it has one.
+    RunReport run(Machine &machine);
+    // What becomes of the whole case.
+    Judgement judgement() { return sweeper_.run(id_.cuts, id_.seed); }
+
+private:
+    CaseId id_;
+    SweepFirmware firmware_;
+    World world_;
+    Sweeper sweeper_;
+    unsigned power_up_;
+};
