@@ -64,7 +64,9 @@ void Machine::record_frames(PanelWiring wiring) {
     board_.bus.before_access = volume_.before_open = [this] { frames_->glance(); };
     // A bar may be drawn over another with nothing between them: the last moment to see the first is before the first
     // word of the bar is written again. Natively instructions take no time, so there two such bars are one moment.
-    arm().watch_write(kVideoRegion + kBarRow * kRowBytes, [this] { frames_->glance(); });
+    arm().watch_write(kVideoRegion + kBarRow * kRowBytes, [this] {
+        if (frames_->lit()) frames_->glance();
+    });
 }
 
 void Machine::stop(StageResult result) {
