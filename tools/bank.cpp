@@ -79,6 +79,19 @@ void WriteBank(const fs::path &out, const std::vector<BankFile> &files) {
     bank.take_place();
 }
 
+// Slots that are too small for an image: a board that comes to choose one of them refuses the update.
+std::vector<std::string> Notes(const std::vector<BankFile> &files) {
+    std::vector<std::string> notes;
+    for (const BankFile &file : files) {
+        if (file.role != FileRole::bootloader && file.role != FileRole::rescue) continue;
+        for (const SlotFit &slot : ExamineImage(file.bytes).slots)
+            if (!slot.fits && std::string_view(slot.slot).starts_with(NameOf(file.role)))
+                notes.push_back(fmt::format("{}: {} bytes do not fit the slot {} of {}, {} bytes", file.path(),
+                                            file.bytes.size(), slot.slot, slot.medium, slot.capacity));
+    }
+    return notes;
+}
+
 ordered_json ToJson(const std::string &out, const std::vector<BankFile> &files) {
     ordered_json json{{"bank", out}, {"files", ordered_json::array()}};
     for (const BankFile &file : files)
@@ -87,6 +100,7 @@ ordered_json ToJson(const std::string &out, const std::vector<BankFile> &files) 
                                  {"size", file.bytes.size()},
                                  {"byte_sum", ByteSum(file.bytes)},
                                  {"version", file.version}});
+    json["notes"] = Notes(files);
     return json;
 }
 
@@ -98,6 +112,7 @@ void PrintFiles(const std::string &out, const std::vector<BankFile> &files) {
     for (const BankFile &file : files)
         fmt::print("  {:<12} {:<{}} {:>10} {:>10}  {}\n", NameOf(file.role), file.path(), width, file.bytes.size(),
                    ByteSum(file.bytes), file.version);
+    for (const std::string &note : Notes(files)) fmt::print("  note: {}\n", note);
 }
 
 int Build(const BuildCall &call) {

@@ -1,0 +1,202 @@
+// fixture bank: what it builds, the bootloader itself reads back; what it refuses leaves nothing behind.
+#include "bank_format.h"
+#include "bench.h"
+#include "command.h"
+#include "commands.h"
+#include "stored_image.h"
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+#include <set>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const std::string kApplication = "what the demo does";
+
+std::string Text(const Bytes &bytes) { return {bytes.begin(), bytes.end()}; }
+
+class BankCommand : public testing::Test {
+protected:
+    BankCommand() {
+        fs::create_directories(here_.path() / "data");
+        write("demo.bin", kApplication);
+        write("boot2.bin", "a bootloader's bytes");
+        write("help.img", Text(Wrap(Bytes(100, 'h'))));
+    }
+    std::string write(const std::string &name, const std::string &content) {
+        return here_.write("in/" + name, content).string();
+    }
+    std::string in(const std::string &name) const { return (here_.path() / "in" / name).string(); }
+    std::string out() const { return (here_.path() / "data/app").string(); }
+
+    // The options of a call that is good.
+    using Options = std::map<std::string, std::string>;
+    Options good() const {
+        return {{"--app", in("demo.bin")},         {"--app-version", "2.0"},     {"--bootloader", in("boot2.bin")},
+                {"--bootloader-version", "1.9.0"}, {"--rescue", in("help.img")}, {"--rescue-version", "7"}};
+    }
+    CommandResult build(const Options &options) const {
+        std::vector<std::string> call = {"bank", "build", out()};
+        for (const auto &[name, value] : options) {
+            if (value.empty()) continue;
+            call.push_back(name);
+            call.push_back(value);
+        }
+        return RunCommand(AddBankCommand, call);
+    }
+    nlohmann::json check(int exit_status) const {
+        const CommandResult result = RunCommand(AddBankCommand, {"bank", "check", out(), "--json"});
+        EXPECT_EQ(result.exit_status, exit_status) << result.output << result.error;
+        return nlohmann::json::parse(result.output);
+    }
+    BootResult run(Processor processor) const {
+        BootCase boot;
+        boot.processor = processor;
+        boot.volume = here_.path();
+        return RunBoot(boot);
+    }
+    // Everything in the output's directory, by name.
+    std::set<std::string> left() const {
+        std::set<std::string> names;
+        for (const auto &entry : fs::recursive_directory_iterator(here_.path() / "data"))
+            if (entry.is_regular_file()) names.insert(entry.path().lexically_relative(here_.path() / "data").string());
+        return names;
+    }
+
+    TemporaryDirectory here_;
+};
+
+TEST_F(BankCommand, BuildsWhatTheBootloaderLaunches) {
+    const Options options = good();
+    Options with_extra = options;
+    with_extra["--extra"] = write("notes.txt", "");
+    const CommandResult built = build(with_extra);
+    ASSERT_EQ(built.exit_status, 0) << built.error;
+    EXPECT_EQ(left(),
+              (std::set<std::string>{"app/BankContent.txt", "app/ProjectDescriptorFile.xml", "app/bin/boot2.bin",
+                                     "app/bin/demo.bin", "app/bin/help.img", "app/bin/notes.txt"}));
+    const Bytes stored = ReadFile(out() + "/bin/boot2.bin", 1000);
+    EXPECT_EQ(stored, Wrap(ReadFile(in("boot2.bin"), 1000)));
+    EXPECT_EQ(ReadFile(out() + "/bin/help.img", 1000), ReadFile(in("help.img"), 1000)) << "wrapped before";
+    const Bytes manifest = ReadFile(out() + "/BankContent.txt", 10000);
+    EXPECT_EQ(manifest.size(), 6u * 282);
+    EXPECT_EQ(Text(manifest).substr(2 * 282, 24 + 12),
+              fmt::format("{:9} | {:9} | bin/demo.bin", kApplication.size(), ByteSum(ReadFile(in("demo.bin"), 1000))));
+
+    for (const Processor processor : {Processor::arm, Processor::host}) {
+        const BootResult boot = run(processor);
+        EXPECT_EQ(boot.report.verdict, Verdict::launched) << boot.console;
+        EXPECT_EQ(boot.report.launched_bytes, kApplication.size());
+        EXPECT_NE(boot.console.find("Bank bootloader is: 1.9.0\n"), std::string::npos) << boot.console;
+    }
+    const nlohmann::json report = check(0);
+    EXPECT_EQ(report["actions"].size(), 3u) << report;
+    EXPECT_EQ(report["records"][3]["role"], "other");
+
+    ASSERT_EQ(build({{"--app", write("third.bin", "3")},
+                     {"--app-version", "3"},
+                     {"--bootloader", in("boot2.bin")},
+                     {"--bootloader-version", "2"}})
+                  .exit_status,
+              0);
+    EXPECT_EQ(left().size(), 4u) << "a bank takes the place of an older one, with nothing left of that";
+}
+
+TEST_F(BankCommand, RefusesWhatCannotWork) {
+    const struct {
+        const char *option;
+        std::string value;
+        const char *message;
+    } rows[] = {
+        {"--app", write("empty.bin", ""), "0 bytes; expected 1 to 16776960"},
+        {"--app", write("large.bin", std::string(0xFFFF01, '\0')), "16776961 bytes; expected 1 to 16776960"},
+        {"--app", write("heavy.bin", std::string(4000000, '\xFF')), "byte-sum 1020000000; expected at most 999999999"},
+        {"--app", write("app.bin", "x"), "base name \"app\" occurs in \"i:/vol0/data/app/bin/\""},
+        {"--app", write("boot.bin", "x"), "base name \"boot\" occurs in \"bin/boot2.bin\""},
+        {"--app", write("noextension", "x"), "extension of 0 characters; expected 1 to 16"},
+        {"--app", write("x.12345678901234567", "x"), "extension of 17 characters; expected 1 to 16"},
+        {"--app", write("a<b.bin", "x"), "byte 0x3C in its name"},
+        {"--app", write("caf\xC3\xA9.bin", "x"), "byte 0xC3 in its name"},
+        {"--app", write("x.bin ", "x"), "a blank ends its name"},
+        {"--app", write(std::string(228, 'n') + ".bin", "x"),
+         "its path in the bank has 236 characters; expected at most 235"},
+        {"--app",
+         write("elf.bin", "\x7F"
+                          "ELF, but no more"),
+         "expected an ELF executable for the ARM"},
+        {"--app-version", "12345678901234567", "has 17 characters; expected 1 to 16"},
+        {"--app-version", "1>2", "byte 0x3E in its version"},
+        {"--bootloader", write("none.bin", ""), "no bytes to load"},
+        {"--bootloader", write("broken.bin", Text(Wrap(Bytes(9, 'b'))).replace(40, 1, "X")), "sum1"},
+        {"--bootloader", write("slot.bin", std::string(0x200000 - 31, 'b')), "2097153 bytes; expected at most 2097152"},
+        {"--rescue", write("cut.img", Text(Wrap(Bytes(99, 'h'))).substr(0, 50)), "size 131"},
+        {"--extra", write("demo.bin.txt", ""), "base name \"demo\" occurs in \"bin/demo.bin.txt\""},
+    };
+    for (const auto &row : rows) {
+        Options options = good();
+        options[row.option] = row.value;
+        const CommandResult result = build(options);
+        EXPECT_EQ(result.exit_status, 1) << row.value.substr(0, 300);
+        EXPECT_NE(result.error.find(row.message), std::string::npos) << result.error;
+        EXPECT_EQ(left(), std::set<std::string>{}) << result.error;
+    }
+    Options large = good();
+    large["--bootloader"] = write("large.img", std::string(0x1FC000 - 31, 'b'));
+    EXPECT_NE(build(large).output.find("do not fit the slot bootloader 0 of DataFlash"), std::string::npos);
+    fs::remove_all(out());
+    here_.write("data/app/precious.txt", "not a bank");
+    EXPECT_EQ(build(good()).exit_status, 2) << "what is no bank is not replaced";
+    EXPECT_EQ(left(), std::set<std::string>{"app/precious.txt"});
+    Options half = good();
+    half["--rescue-version"] = "";
+    EXPECT_EQ(build(half).exit_status, 2);
+    EXPECT_EQ(build({{"--app", in("missing.bin")}}).exit_status, 2);
+}
+
+TEST_F(BankCommand, TellsWhatIsWrongWithABank) {
+    const std::string application = "bin/demo.bin", bootloader = "bin/boot2.bin";
+    const struct {
+        const char *name;
+        const char *file; // of the bank
+        std::function<void(std::string &)> change;
+        const char *told; // somewhere in the report
+        bool launches;
+    } rows[] = {
+        {"listed size", "bin/demo.bin", [](std::string &text) { text += "x"; }, "has 19 bytes; expected 18", false},
+        {"listed sum", "bin/demo.bin", [](std::string &text) { text[0] ^= 1; }, "byte-sum is", false},
+        {"image", "bin/boot2.bin", [](std::string &text) { std::swap(text[40], text[41]); }, "sum2", true},
+        {"descriptor", "ProjectDescriptorFile.xml", [](std::string &text) { text.insert(text.find("2.0"), 16, '0'); },
+         "<Version> in <MainApplication> has 19 bytes; expected at most 16", false},
+        {"no element", "ProjectDescriptorFile.xml", [](std::string &text) { text.resize(60); }, "no whole XML", false},
+        {"line end", "BankContent.txt", [](std::string &text) { text.erase(3 * 282 - 2, 1); }, "offset 844", false},
+        {"headings", "BankContent.txt", [](std::string &text) { text.resize(500); }, "no two whole records", false},
+        {"short line", "BankContent.txt", [](std::string &text) { text.resize(5 * 282 - 2); },
+         "280 bytes behind the last", true},
+        {"no bootloader", "BankContent.txt", [](std::string &text) { text.erase(3 * 282, 282); },
+         "no record for the bootloader", false},
+        {"path", "BankContent.txt", [](std::string &text) { text.replace(4 * 282 + 24, 256, 256, '.'); }, "nothing but",
+         false},
+        {"way out", "BankContent.txt",
+         [](std::string &text) { text.replace(4 * 282 + 24, 25, "bin/../../../in/help.img "); },
+         "no such file in the bank", true},
+    };
+    for (const auto &row : rows) {
+        ASSERT_EQ(build(good()).exit_status, 0);
+        check(0);
+        std::string text = Text(ReadFile(out() + "/" + row.file, 100000));
+        row.change(text);
+        here_.write(std::string("data/app/") + row.file, text);
+        const nlohmann::json report = check(1);
+        EXPECT_NE(report.dump().find(nlohmann::json(row.told).dump().substr(1, std::strlen(row.told))),
+                  std::string::npos)
+            << row.name << report.dump(1);
+        EXPECT_EQ(report["launches"], row.launches) << row.name;
+        const BootResult boot = run(Processor::host);
+        EXPECT_EQ(boot.report.launched == "i:/vol0/data/app/bin/demo.bin", row.launches) << row.name << boot.console;
+    }
+    EXPECT_EQ(RunCommand(AddBankCommand, {"bank", "check", in("none")}).exit_status, 2);
+}
+
+} // namespace

@@ -1,0 +1,134 @@
+// fixture image: headers put on and looked at; ELF files laid out flat.
+#include "bench.h"
+#include "command.h"
+#include "commands.h"
+#include "stored_image.h"
+
+#include <elf.h>
+#include <nlohmann/json.hpp>
+
+namespace {
+
+std::string Text(const Bytes &bytes) { return {bytes.begin(), bytes.end()}; }
+
+// An executable with two parts that lie apart, the higher one first in the file, and zeroed memory behind.
+struct TwoPartElf {
+    Elf32_Ehdr header{};
+    Elf32_Phdr segments[3]{};
+    char parts[2][4] = {{'h', 'i', 'g', 'h'}, {'l', 'o', 'w', '.'}};
+
+    TwoPartElf() {
+        std::memcpy(header.e_ident, ELFMAG, SELFMAG);
+        header.e_ident[EI_CLASS] = ELFCLASS32;
+        header.e_ident[EI_DATA] = ELFDATA2LSB;
+        header.e_ident[EI_VERSION] = EV_CURRENT;
+        header.e_type = ET_EXEC;
+        header.e_machine = EM_ARM;
+        header.e_version = EV_CURRENT;
+        header.e_entry = 0x20100000;
+        header.e_phoff = offsetof(TwoPartElf, segments);
+        header.e_ehsize = sizeof header;
+        header.e_phentsize = sizeof segments[0];
+        header.e_phnum = 3;
+        segments[0] = {PT_LOAD, offsetof(TwoPartElf, parts[0]), 0x90000006, 0x20100006, 4, 4, PF_R, 4};
+        segments[1] = {PT_LOAD, offsetof(TwoPartElf, parts[1]), 0x90000000, 0x20100000, 4, 4, PF_R | PF_X, 4};
+        segments[2] = {PT_LOAD, 0, 0x20200000, 0x20200000, 0, 0x1000, PF_R | PF_W, 4};
+    }
+    std::string bytes() const { return {reinterpret_cast<const char *>(this), sizeof *this}; }
+};
+
+class ImageCommand : public testing::Test {
+protected:
+    CommandResult wrap(const std::string &content) {
+        std::filesystem::remove(out_);
+        return RunCommand(AddImageCommand, {"image", "wrap", here_.write("in", content).string(), out_.string()});
+    }
+    nlohmann::json info(const std::string &content, int exit_status) {
+        const CommandResult result =
+            RunCommand(AddImageCommand, {"image", "info", "--json", here_.write("in", content).string()});
+        EXPECT_EQ(result.exit_status, exit_status) << result.output << result.error;
+        return nlohmann::json::parse(result.output);
+    }
+
+    TemporaryDirectory here_;
+    std::filesystem::path out_ = here_.path() / "out";
+};
+
+TEST_F(ImageCommand, WrapsLikeTheReferenceImages) {
+    const std::string maker("Orvalis Luminations", 20);
+    EXPECT_EQ(wrap("application file").exit_status, 0);
+    EXPECT_EQ(Text(ReadFile(out_, 100)),
+              maker + std::string("\x30\0\0\0\xBB\x4B\x23\x01\x3B\x5B\xE0\x9B", 12) + "application file");
+    EXPECT_EQ(wrap("boot file").exit_status, 0);
+    EXPECT_EQ(Text(ReadFile(out_, 100)),
+              maker + std::string("\x29\0\0\0\xDB\x48\x23\x01\xE9\x4F\xE9\x93", 12) + "boot file");
+    EXPECT_EQ(wrap(TwoPartElf().bytes()).exit_status, 0);
+    EXPECT_EQ(Text(ReadFile(out_, 100)).substr(32), std::string("low.\0\0high", 10));
+}
+
+TEST_F(ImageCommand, RefusesWhatIsNoImage) {
+    TwoPartElf entry, machine, outside, apart;
+    entry.header.e_entry += 4;
+    machine.header.e_machine = EM_386;
+    outside.segments[0].p_filesz = outside.segments[0].p_memsz = 400;
+    apart.segments[0].p_paddr = 0xF0000000;
+    const std::pair<std::string, const char *> rows[] = {
+        {"", "no bytes to load"},
+        {Text(Wrap(Bytes(5))), "carries a stored image header already"},
+        {std::string(kLargestStoredImage - 31, 'x'), "16777153 bytes; expected at most 16777152"},
+        {entry.bytes(), "entry at 0x20100004; expected it at the image's first byte, 0x20100000"},
+        {machine.bytes(), "machine 3"},
+        {outside.bytes(), "past the end of the file"},
+        {apart.bytes(), "too far apart"},
+        {TwoPartElf().bytes().substr(0, 60), "expected an ELF executable"},
+    };
+    for (const auto &[content, message] : rows) {
+        const CommandResult result = wrap(content);
+        EXPECT_EQ(result.exit_status, 1) << message;
+        EXPECT_NE(result.error.find(message), std::string::npos) << result.error;
+        EXPECT_FALSE(std::filesystem::exists(out_)) << message;
+    }
+    EXPECT_EQ(RunCommand(AddImageCommand, {"image", "info", out_.string()}).exit_status, 2);
+    EXPECT_EQ(RunCommand(AddImageCommand, {"image", "wrap", "one"}).exit_status, 2);
+}
+
+TEST_F(ImageCommand, SaysWhatIsWrongWithAnImage) {
+    const std::string good = Text(Wrap(Bytes(100, 'b')));
+    const auto with = [&](std::size_t offset, const std::string &bytes) {
+        return std::string(good).replace(offset, bytes.size(), bytes);
+    };
+    const struct {
+        std::string content, invalid; // the fields that are not valid
+    } rows[] = {
+        {good, ""},
+        {good + "more", ""},
+        {with(8, "l"), "maker "},
+        {with(19, "s"), "maker "},
+        {with(20, std::string("\x20\0\0\0", 4)), "sum1 sum2 "},
+        {with(20, std::string("\x1F\0\0\0", 4)), "size sum1 sum2 "},
+        {with(20, "\xFF\xFF\xFF\xFF"), "size sum1 sum2 "},
+        {good.substr(0, 131), "size sum1 sum2 "},
+        {with(24, "x"), "sum1 "},
+        {with(31, "x"), "sum2 "},
+        {with(50, "c"), "sum1 sum2 "},
+        {good.substr(0, 31), "header "},
+        {"", "header maker "},
+        {std::string(64, '\xFF'), "maker size sum1 sum2 "},
+    };
+    for (const auto &row : rows) {
+        const nlohmann::json report = info(row.content, row.invalid.empty() ? 0 : 1);
+        std::string invalid;
+        for (const auto &[name, field] : report["fields"].items()) {
+            if (!field["valid"]) invalid += name + " ";
+            EXPECT_EQ(field["valid"], !field.contains("expected"));
+        }
+        EXPECT_EQ(invalid, row.invalid) << report.dump(1);
+    }
+    EXPECT_EQ(info(good + "more", 0)["trailing"], 4);
+    const nlohmann::json slots = info(Text(Wrap(Bytes(0x1E0000 - 31))), 0)["slots"];
+    std::string fits;
+    for (const nlohmann::json &slot : slots) fits += slot["fits"] ? "+" : "-";
+    EXPECT_EQ(fits, "--++++") << slots.dump(1);
+}
+
+} // namespace
