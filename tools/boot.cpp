@@ -64,8 +64,10 @@ template <typename Parts> std::vector<std::string> PartNames(const Parts &parts)
 fixture::Chips LoadChips(const BootCall &call) {
     fixture::Chips chips;
     chips.nand = fixture::NandContents(fixture::FindNandPart(call.nand_part));
-    if (call.dataflash_part == "none") chips.dataflash.absent = true;
-    else chips.dataflash = fixture::At45Contents(*fixture::FindAt45Part(call.dataflash_part));
+    if (call.dataflash_part == "none")
+        chips.dataflash.absent = true;
+    else
+        chips.dataflash = fixture::At45Contents(*fixture::FindAt45Part(call.dataflash_part));
     if (!call.nand.empty()) chips.nand.load(call.nand);
     if (!call.dataflash.empty()) chips.dataflash.load(call.dataflash);
     if (!call.eeprom.empty() && fs::exists(call.eeprom)) chips.eeprom = fixture::EepromContents::load(call.eeprom);
@@ -204,6 +206,7 @@ int Boot(const BootCall &call) {
     if (WantsPanel(call)) WritePanel(call, *machine.frames(), report.time);
     std::fflush(stdout);
     fmt::print(stderr, "{}\n", call.json ? ToJson(report).dump() : Describe(report));
+    if (replay) fmt::print(stderr, "{}: {}\n", call.replay, NameOf(replay->judgement().outcome));
     return report.exit_status();
 }
 
