@@ -161,6 +161,8 @@ above count what falls through them; `fixture flash info` and `fixture image inf
   erased any more, the record is written to the next one, which is the first of bootloader slot 0.
 - **Slots share DataFlash pages.** A page is rewritten as a whole, so a cut while one slot's first page is written can take the
   last bytes of the slot before it. It matters for images that fill their slot to the last page.
+- **An image that fits DataFlash slot 1 alone.** Slot 1 is the larger one. Where the power goes after such an image was written
+  and before the old copy in slot 0 is retired, the old one stays in use: there is no room for the new one in slot 0.
 - **The neighbours in a rewritten DataFlash page.** The bytes before slot 0 and around the version record share pages with
   them and can be lost to the same cut.
 - **A rescue image cut half-way.** There is one rescue slot. Between the cut and the end of the next boot no rescue image

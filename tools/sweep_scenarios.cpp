@@ -197,9 +197,12 @@ std::vector<Variant> BootloaderEdges(Medium medium) {
             if (target == 0) std::swap(setup.slots[0], setup.slots[1]);
             const bool fits = size <= slot.capacity;
             if (!fits) setup.fate = Fate::refused;
-            variants.push_back({fmt::format("slot-{}-{}", target, size), setup,
-                                fits && ReachesNeighbour(medium, slot, size) ? kSharedPage : nullptr,
-                                size > kThreeBlocks ? kSample : 0});
+            const char *hole = !fits                                           ? nullptr
+                               : size > SlotsOf(medium).bootloader[0].capacity ? kFitsOneSlot
+                               : ReachesNeighbour(medium, slot, size)          ? kSharedPage
+                                                                               : nullptr;
+            variants.push_back(
+                {fmt::format("slot-{}-{}", target, size), setup, hole, size > kThreeBlocks ? kSample : 0});
         }
     }
     return variants;

@@ -13,6 +13,7 @@
 inline constexpr const char *kPushedOn = "bad blocks inside a slot push an image into what follows";
 inline constexpr const char *kWornRecord = "block 1 wears out: the version record goes to bootloader slot 0";
 inline constexpr const char *kSharedPage = "slots that share a DataFlash page, which is rewritten as a whole";
+inline constexpr const char *kFitsOneSlot = "an image that fits DataFlash slot 1 alone cannot be moved to slot 0";
 
 struct Variant {
     std::string label;
