@@ -1,0 +1,146 @@
+// The short selection of the sweep: every scenario is represented, every kind of cut is met, and the sweep is tried
+// itself. `fixture sweep --all` does all of it.
+#include "bench.h"
+#include "chips_compare.h"
+#include "sweep_run.h"
+#include "sweep_scenarios.h"
+
+#include <fmt/format.h>
+#include <set>
+
+using fixture::CutMoment;
+
+namespace {
+
+const SweepFirmware &Builds() {
+    static const SweepFirmware builds(FirmwareDirectory() / "fixed");
+    return builds;
+}
+
+std::string Describe(const Tally &tally) {
+    std::string text;
+    for (const Finding &finding : tally.findings)
+        text += fmt::format("{} {}: {} {}\n", finding.id, finding.processor, finding.outcome, finding.detail);
+    return text;
+}
+
+SweepPlan PlanFor(const std::vector<std::string> &names, std::size_t sample) {
+    SweepPlan plan;
+    plan.scenarios = FindScenarios(names, Builds());
+    plan.sample = sample;
+    return plan;
+}
+
+} // namespace
+
+TEST(SweepCase, NamesSayAllThereIs) {
+    const CaseId cases[] = {
+        {"nand-update", "running-erased", {}, 1},
+        {"nand-update", "running-erased", {{12, CutMoment::torn}}, 1},
+        {"parameters", "0-to-1", {{0, CutMoment::before}, {3, CutMoment::after}}, 77},
+    };
+    for (const CaseId &id : cases) {
+        const std::optional<CaseId> parsed = ParseCase(NameOf(id));
+        ASSERT_TRUE(parsed) << NameOf(id);
+        EXPECT_EQ(NameOf(*parsed), NameOf(id));
+        EXPECT_EQ(parsed->cuts, id.cuts);
+    }
+    for (const char *bad : {"", "nand-update", "a/b:", "a/b:12", "a/b:t", "a/b:12x", "a/b:1t+", "a/b:1t~", "a/b:1t2"})
+        EXPECT_FALSE(ParseCase(bad)) << bad;
+}
+
+TEST(Sweep, ChipsOfACutAreThoseThatTheCutLeaves) {
+    const World world = WorldOf({"nand-update", "broken-running", {}, 1}, Builds());
+    Sweeper sweeper(world, ProcessorKind::host, Builds());
+    ASSERT_EQ(sweeper.uncut().outcome, Outcome::good) << sweeper.uncut().detail;
+    const std::vector<Snapshot> snapshots = sweeper.record(world.chips, 0, {}, 1, [](const Cut &) { return true; });
+    ASSERT_EQ(snapshots.size(), 3 * sweeper.operations());
+    std::set<std::uint64_t> states;
+    for (std::size_t n = 0; n < snapshots.size(); n++) {
+        states.insert(sweeper.digest(snapshots[n].chips));
+        if (n % 31 > 2) continue;
+        EXPECT_EQ(sweeper.digest(sweeper.cut({snapshots[n].cut}, 1)), sweeper.digest(snapshots[n].chips)) << n;
+    }
+    EXPECT_GT(states.size(), sweeper.operations()); // torn operations leave states of their own
+    EXPECT_THROW(sweeper.cut({{sweeper.operations(), CutMoment::before}}, 1), std::runtime_error);
+}
+
+TEST(Sweep, JudgesWhatItSees) {
+    World world = WorldOf({"nand-update", "running-erased", {}, 1}, Builds());
+    const auto judged = [&](const World &changed) {
+        return Sweeper(changed, ProcessorKind::host, Builds()).judge(changed.chips, 1).outcome;
+    };
+    EXPECT_EQ(judged(world), Outcome::good);
+    struct Row {
+        const char *what;
+        Outcome outcome;
+        std::function<void(World &)> change;
+    };
+    const Row rows[] = {
+        {"no slot is good", Outcome::no_bootloader, [](World &w) { w.chips.nand.erase(2); }},
+        {"another bootloader than expected", Outcome::wrong_bootloader,
+         [](World &w) { w.before.bootloader = w.after.bootloader; }},
+        {"the update is not there in the end", Outcome::wrong_bootloader,
+         [](World &w) { w.after.bootloader = w.before.bootloader; }},
+        {"another application", Outcome::wrong_launch, [](World &w) { w.after.application[5] ^= 1; }},
+        {"nothing to launch", Outcome::no_launch,
+         [](World &w) {
+             w.volume = std::make_shared<std::filesystem::path>("/nonexistent");
+             w.chips.nand.erase(32);
+         }},
+        {"the rescue image is lost", Outcome::wrong_rescue, [](World &w) { w.chips.nand.erase(32); }},
+        {"a parameter is lost", Outcome::wrong_parameters, [](World &w) { w.chips.eeprom.bytes.fill(0xFF); }},
+        {"slots that nobody may touch", Outcome::outside, [](World &w) { w.touched.clear(); }},
+    };
+    for (const Row &row : rows) {
+        World changed = world;
+        row.change(changed);
+        EXPECT_EQ(NameOf(judged(changed)), std::string(NameOf(row.outcome))) << row.what;
+    }
+}
+
+TEST(Sweep, EveryCutOfAnUpdateOnNandRecovers) {
+    const SweepResult result = RunSweep(PlanFor({"nand-update/broken-running", "parameters"}, 0), Builds(), {});
+    EXPECT_EQ(result.all.found, 0u) << Describe(result.all);
+    EXPECT_EQ(result.all.cuts, 3 * result.all.operations);
+    EXPECT_EQ(result.all.outcomes.at(NameOf(Outcome::good)), result.all.cases);
+}
+
+TEST(Sweep, ASampleOfEveryScenarioRecovers) {
+    SweepPlan plan;
+    plan.sample = 4;
+    for (Scenario &scenario : AllScenarios(Builds())) {
+        // One variant each, a different one in every scenario; those that fill a slot take too long here.
+        std::erase_if(scenario.variants, [](const Variant &variant) { return variant.most_cuts != 0; });
+        if (scenario.variants.empty()) continue;
+        scenario.variants = {scenario.variants[plan.scenarios.size() % scenario.variants.size()]};
+        plan.scenarios.push_back(scenario);
+    }
+    const SweepResult result = RunSweep(plan, Builds(), {});
+    EXPECT_EQ(result.all.found, 0u) << Describe(result.all);
+}
+
+TEST(Sweep, TheBootAfterACutCanBeCutAsWell) {
+    SweepPlan plan = PlanFor({"nand-both/retired-running"}, 16);
+    plan.losses = 2;
+    const SweepResult result = RunSweep(plan, Builds(), {});
+    EXPECT_EQ(result.all.found, 0u) << Describe(result.all);
+    EXPECT_GE(result.all.cases, 16u);
+}
+
+TEST(Sweep, ProcessorsAgree) {
+    SweepPlan plan = PlanFor({"nand-update/running-updated", "dataflash-rescue/broken", "parameters/1-to-0"}, 2);
+    plan.on_arm = true;
+    const SweepResult result = RunSweep(plan, Builds(), {});
+    EXPECT_EQ(result.all.found, 0u) << Describe(result.all);
+    EXPECT_EQ(result.all.compared, result.all.cases);
+}
+
+TEST(Sweep, HolesAreSeen) {
+    for (const char *name : {"holes/no-slot-0", "holes/worn-record"}) {
+        const CaseId id = *ParseCase(name);
+        EXPECT_EQ(NameOf(RunCase(id, ProcessorKind::host, Builds()).outcome),
+                  std::string(NameOf(Outcome::no_bootloader)))
+            << name;
+    }
+}
