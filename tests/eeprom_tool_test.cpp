@@ -1,0 +1,141 @@
+// fixture eeprom: chip files made, updated, shown and refused.
+#include "bench.h"
+#include "command.h"
+#include "commands.h"
+#include "eeprom_store.h"
+
+#include <cstring>
+#include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
+#include <twi_device.h>
+
+using namespace fixture;
+using testing::HasSubstr;
+
+namespace {
+
+class EepromTool : public testing::Test {
+protected:
+    TemporaryDirectory directory;
+    const std::string file = directory.path() / "eeprom.bin";
+
+    CommandResult set(std::vector<std::string> settings) {
+        settings.insert(settings.begin(), {"eeprom", "set", file});
+        return RunCommand(AddEepromCommand, settings);
+    }
+    CommandResult show() { return RunCommand(AddEepromCommand, {"eeprom", "show", file}); }
+    void keep(int sector, const std::vector<std::uint8_t> &image) {
+        EepromContents chip = EepromContents::load(file);
+        PlaceStoreImage(chip, sector, image);
+        chip.save(file);
+    }
+};
+
+TEST_F(EepromTool, MakesAndUpdatesAStoreThatTheBootloaderReads) {
+    EXPECT_EQ(set({"9=0A000002", "0x12=", "10=ff000000"}).exit_status, 0);
+    const Bytes fresh = ReadFile(file, 4096);
+    ASSERT_EQ(fresh.size(), 2048u);
+    const Bytes expected = {0, 1,    0,    22, 0xFB, 0x87, 0, 0x94, 10, 0,    0,
+                            2, 0x01, 0x20, 0,  0xA4, 0xFF, 0, 0,    0,  0xFF, 0xFF};
+    EXPECT_EQ(Bytes(fresh.begin(), fresh.begin() + 22), expected);
+    EXPECT_TRUE(std::all_of(fresh.begin() + 22, fresh.end(), [](std::uint8_t byte) { return byte == 0xFF; }));
+
+    EXPECT_EQ(set({"10=FFFF0000", "11=0A000001"}).exit_status, 0);
+    EXPECT_EQ(show().output, "sector 0 at 0x000: empty\n"
+                             "  word 0xFFFF, length 65535, checksum 0xFFFF\n"
+                             "sector 1 at 0x200: good\n"
+                             "  word 0x0001, length 28, checksum 0xF9C3\n"
+                             "     9 = 0A000002\n"
+                             "    18 = \n"
+                             "    10 = FFFF0000\n"
+                             "    11 = 0A000001\n"
+                             "current: sector 1, since the other sector is empty\n");
+
+    Chips chips;
+    chips.eeprom = EepromContents::load(file);
+    Bench bench(Processor::host, chips, "");
+    NetDevConfig network;
+    std::memcpy(&network, bench.object("NetDevs"), sizeof network);
+    EXPECT_EQ(network.address, 0x0A000002u);
+    EXPECT_EQ(network.mask, 0xFFFF0000u);
+    EXPECT_EQ(network.gateway, 0x0A000001u);
+}
+
+TEST_F(EepromTool, TellsWhichSectorIsCurrentAndWhy) {
+    const std::vector<std::uint8_t> good = MakeStoreImage(5, {{9, {1}}});
+    std::vector<std::uint8_t> broken = good;
+    broken[8] ^= 1;
+    std::vector<std::uint8_t> endless = good;
+    endless[3] = 7;
+    std::vector<StoredParameter> many;
+    for (unsigned i = 0; i < 20; i++) many.push_back({i, std::vector<std::uint8_t>(15, 0x11)});
+    const struct {
+        std::vector<std::uint8_t> sectors[2];
+        int exit_status;
+        const char *text;
+    } kCases[] = {
+        {{good, good}, 0, "current: sector 0, since the words are equal: sector 0 goes first"},
+        {{good, MakeStoreImage(6, {})}, 0, "current: sector 1, since its word is the larger"},
+        {{broken, good}, 0, "current: sector 1, since sector 0 goes first, but is bad: checksum 0xFD60 found, 0xFD61"},
+        {{endless, {}}, 1, "current: none, since sector 0 goes first, but is bad: length 7 found, 8 to 1000 expected"},
+        {{{}, {}}, 1, "current: none, since both sectors are empty"},
+        {{MakeStoreImage(1, many), {}}, 1, "checksum"}, // lies over itself
+    };
+    for (const auto &c : kCases) {
+        SCOPED_TRACE(c.text);
+        EepromContents{}.save(file);
+        for (int sector = 0; sector < 2; sector++) keep(sector, c.sectors[sector]);
+        const CommandResult result = show();
+        EXPECT_EQ(result.exit_status, c.exit_status);
+        EXPECT_THAT(result.output, HasSubstr(c.text));
+    }
+    keep(0, good);
+    const auto json = nlohmann::json::parse(RunCommand(AddEepromCommand, {"eeprom", "show", file, "--json"}).output);
+    EXPECT_EQ(json["current"], 0);
+    EXPECT_EQ(json["sectors"][0]["state"], "good");
+    EXPECT_EQ(json["sectors"][0]["parameters"][0], nlohmann::json({{"id", 9}, {"hex", "01"}}));
+    EXPECT_EQ(json["sectors"][1]["state"], "empty");
+}
+
+TEST_F(EepromTool, RefusesWhatCannotWork) {
+    const struct {
+        const char *setting;
+        const char *text;
+    } kWrongCalls[] = {
+        {"9", "ID=HEX"},           {"=00", "identifier"},
+        {"4095=00", "identifier"}, {"0xFFF=", "identifier"},
+        {"-1=00", "identifier"},   {"9=0", "two hex digits"},
+        {"9=0G", "hex digits"},    {"9=00112233445566778899AABBCCDDEEFF", "0 to 15 bytes"},
+    };
+    for (const auto &wrong : kWrongCalls) {
+        const CommandResult result = set({"8=00", wrong.setting});
+        EXPECT_EQ(result.exit_status, 2) << wrong.setting;
+        EXPECT_THAT(result.error, HasSubstr(wrong.text));
+    }
+    EXPECT_FALSE(std::filesystem::exists(file)) << "nothing is written by a wrong call";
+    EXPECT_EQ(show().exit_status, 2) << "no such file";
+
+    std::vector<std::string> settings;
+    for (unsigned id = 0; id < 14; id++) settings.push_back(std::to_string(id) + "=" + std::string(30, 'A'));
+    ASSERT_EQ(set(settings).exit_status, 0); // 246 bytes
+    EXPECT_EQ(set({"20=" + std::string(16, 'A')}).exit_status, 0) << "256 bytes";
+    const Bytes full = ReadFile(file, 4096);
+    const CommandResult over = set({"20=" + std::string(18, 'A')});
+    EXPECT_EQ(over.exit_status, 1);
+    EXPECT_THAT(over.error, HasSubstr("257 bytes, 256 are safe"));
+    EXPECT_EQ(ReadFile(file, 4096), full);
+
+    std::vector<std::uint8_t> broken = MakeStoreImage(5, {{9, {1}}});
+    broken[4] ^= 1;
+    EepromContents{}.save(file);
+    keep(0, broken);
+    EXPECT_THAT(set({"9=00"}).error, HasSubstr("neither sector is good"));
+
+    WriteFile(file, std::string(2047, 'x'));
+    for (const CommandResult &result : {show(), set({"9=00"})}) {
+        EXPECT_EQ(result.exit_status, 1);
+        EXPECT_THAT(result.error, HasSubstr("2047 bytes; expected 2048"));
+    }
+}
+
+} // namespace

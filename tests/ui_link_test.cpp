@@ -1,0 +1,177 @@
+// The link to the user-interface controller: frames on the wire, what the caller is told, and the backlight sequence.
+#include "bench.h"
+
+#include <fmt/format.h>
+
+using namespace fixture;
+
+namespace {
+
+using At = SlaveFault::At;
+
+struct Exchange {
+    const char *name;
+    bool reads;
+    unsigned command;
+    unsigned length;
+    std::uint32_t result;
+    const char *wire; // null: not looked at
+    std::vector<std::uint8_t> reply = {};
+    std::vector<SlaveFault> device = {};
+    std::vector<LineFault> lines = {};
+};
+
+std::vector<std::uint8_t> LongestReply() {
+    std::vector<std::uint8_t> bytes(16, 0xFF);
+    std::fill_n(bytes.begin(), 3, std::uint8_t{0});
+    return bytes;
+}
+
+// Data to write: 64 01 02 ... The controller is asleep, its backlight at level 0, so that a reply is 00 00 and 00.
+const Exchange kExchanges[] = {
+    {"ask", true, 0x63, 2, 0, "S 20+ 63+ 9D+ P S 21+ 00+ 00+ 00- P", {0, 0}},
+    {"reply of no byte", true, 0x01, 0, 0, "S 20+ 01+ FF+ P S 21+ 00- P", {}},
+    // The controller has less to say: FF follow, the last one made into a checksum.
+    {"longest reply", true, 0x01, 16, 0, nullptr, LongestReply(), {{At::reply, 16, 1, 0xFF ^ 13}}},
+    {"no checksum behind it", true, 0x01, 16, 1, nullptr},
+    {"reply too long", true, 0x01, 17, 1, ""},
+    {"bad reply", true, 0x63, 2, 1, "S 20+ 63+ 9D+ P S 21+ 00+ 01+ 00- P", {}, {{At::reply, 1, 1, 0x01}}},
+    {"bad checksum", true, 0x63, 2, 1, "S 20+ 63+ 9D+ P S 21+ 00+ 00+ 80- P", {}, {{At::reply, 2, 1, 0x80}}},
+    {"other bytes, good sum", true, 0x63, 2, 0, nullptr, {1, 0xFF}, {{At::reply, 0, 1, 0x01}, {At::reply, 1, 1}}},
+    {"short reply", true, 0x63, 2, 1, nullptr, {}, {}, {{LineFault::Line::scl, 48, 150}}},
+    {"reply held for good", true, 0x63, 2, 4, nullptr, {}, {}, {{LineFault::Line::scl, 48}}},
+    {"request refused", true, 0x63, 2, 7, "S 20+ 63+ 9D-", {}, {{At::data, 1}}},
+    {"nobody to ask", true, 0x63, 2, 5, "S 20-", {}, {{At::address}}},
+    {"no reply", true, 0x63, 2, 5, "S 20+ 63+ 9D+ P S 21-", {}, {{At::address, 1}}},
+    {"busy bus", true, 0x63, 2, 3, "", {}, {}, {{LineFault::Line::scl}}},
+
+    {"write", false, 0x60, 1, 0, "S 20+ 60+ 64+ 3C+ P"},
+    {"no data", false, 0x05, 0, 0, "S 20+ 05+ FB+ P"},
+    {"longest write", false, 0x60, 14, 0, "S 20+ 60+ 64+ 01+ 02+ 03+ 04+ 05+ 06+ 07+ 08+ 09+ 0A+ 0B+ 0C+ 0D+ E1+ P"},
+    {"write too long", false, 0x60, 15, 1, ""},
+    {"data refused", false, 0x60, 1, 7, "S 20+ 60-", {}, {{At::data}}},
+    {"stop held", false, 0x05, 0, 4, nullptr, {}, {}, {{LineFault::Line::scl, 28}}},
+};
+
+class UiLink : public testing::TestWithParam<Processor> {
+protected:
+    Bench bench{GetParam()};
+    UiController &ui = bench.board().ui;
+    LineTrouble &trouble = bench.board().two_wire_trouble;
+    I2cMonitor monitor{bench.board().net('B', 4), bench.board().net('B', 5)};
+};
+
+TEST_P(UiLink, Exchanges) {
+    const std::uint32_t data = bench.scratch(32);
+    const std::uint32_t length = bench.scratch(2);
+    ui.starting_time = 0;
+    for (const Exchange &x : kExchanges) {
+        SCOPED_TRACE(x.name);
+        trouble.clear();
+        ui.clear_faults();
+        ui.state = UiState{};
+        for (int i = 0; i < 9; i++) bench.call("I2C_SendNack");
+        for (int i = 0; i < 2; i++) bench.call("I2C_Stop");
+        monitor.take();
+        for (unsigned i = 0; i < 32; i++) bench.at(data)[i] = static_cast<std::uint8_t>(i == 0 ? 0x64 : i);
+        std::vector<std::uint8_t> expected(bench.at(data), bench.at(data) + 32);
+        std::copy(x.reply.begin(), x.reply.end(), expected.begin());
+        bench.at(length)[0] = static_cast<std::uint8_t>(x.length);
+        for (const SlaveFault &fault : x.device) ui.inject(fault);
+        for (const LineFault &fault : x.lines) trouble.inject(fault);
+
+        const Picoseconds before = bench.board().clock.now();
+        const std::uint32_t buffer = !x.reads && x.length == 0 ? 0 : data; // no data need no place
+        EXPECT_EQ(bench.call(x.reads ? "uiReadCmd" : "uiWriteCmd", x.command, buffer, length), x.result);
+        EXPECT_GE(bench.board().clock.now() - before, 5 * kMillisecond) << "every call ends with a pause";
+        const std::string wire = monitor.take();
+        EXPECT_EQ(wire, x.wire ? x.wire : wire);
+        EXPECT_EQ(std::vector<std::uint8_t>(bench.at(data), bench.at(data) + 32), expected);
+        EXPECT_EQ(bench.at(length)[0], x.length);
+    }
+}
+
+TEST_P(UiLink, Checksums) {
+    const std::uint32_t bytes = bench.scratch(4);
+    const auto sum = [&](std::vector<std::uint8_t> values) {
+        std::copy(values.begin(), values.end(), bench.at(bytes));
+        const std::uint32_t checksum = bench.call("GenerateChecksum", bytes, values.size());
+        EXPECT_EQ(bench.call("checkCheckSum", bytes, values.size(), checksum), 0u);
+        EXPECT_EQ(bench.call("checkCheckSum", bytes, values.size(), checksum ^ 1), 1u);
+        return checksum & 0xFF;
+    };
+    EXPECT_EQ(sum({}), 0x00u);
+    EXPECT_EQ(sum({0x00}), 0x00u);
+    EXPECT_EQ(sum({0x01}), 0xFFu);
+    EXPECT_EQ(sum({0x60, 0x64}), 0x3Cu);
+    EXPECT_EQ(sum({0xFF, 0xFF, 0xFF}), 0x03u);
+}
+
+TEST_P(UiLink, ReleasesThePanelResetHighFirst) {
+    std::string text;
+    bench.board().bus.observer = [&](const BusAccess &access) {
+        text += fmt::format("{}={:X} ", bench.board().bus.name_of(access.address), access.value);
+    };
+    bench.call("uiInit");
+    bench.board().bus.observer = nullptr;
+    EXPECT_EQ(text, "PIOD.SODR=4000 PIOD.PER=4000 PIOD.OER=4000 ");
+}
+
+// Backlight on, from every state of the controller, and with each of its conversations failing.
+TEST_P(UiLink, Backlight) {
+    struct {
+        const char *name;
+        UiState before;
+        unsigned level;
+        std::optional<SlaveFault> fault;
+        std::vector<std::string> log;
+        UiState after;
+    } const kCases[] = {
+        {"asleep", {}, 100, {}, {"01", "05", "63", "62 01", "60 64"}, {true, true, 100}},
+        {"awake", {true, false, 0}, 7, {}, {"01", "63", "62 01", "60 07"}, {true, true, 7}},
+        {"on", {true, true, 3}, 250, {}, {"01", "63", "60 64"}, {true, true, 100}},
+        {"to 0", {true, false, 50}, 0, {}, {"01", "63", "62 01", "60 00"}, {true, true, 0}},
+        {"first question unheard", {true, false, 0}, 9, {{At::address}}, {"63", "62 01", "60 09"}, {true, true, 9}},
+        {"first answer garbled", {}, 9, {{At::reply}}, {"01", "63", "bad 62 01 9D", "bad 60 09 97"}, {}},
+        {"second question unheard", {true, false, 0}, 9, {{At::address, 2}}, {"01", "60 09"}, {true, false, 9}},
+        {"level unheard", {true, true, 3}, 9, {{At::address, 4}}, {"01", "63"}, {true, true, 3}},
+    };
+    for (const auto &c : kCases) {
+        SCOPED_TRACE(c.name);
+        ui.clear_faults();
+        ui.state = c.before;
+        ui.log.clear();
+        if (c.fault) ui.inject(*c.fault);
+        bench.call("LCD_SetBackLiteIntensity", c.level);
+        EXPECT_EQ(ui.log, c.log);
+        EXPECT_EQ(ui.state, c.after);
+    }
+}
+
+// The sequence with either line in trouble at any of its clocks: it always ends, and after a short trouble on SCL the
+// backlight is as it should be.
+TEST_P(UiLink, BacklightUnderLineTrouble) {
+    const std::uint64_t before = trouble.clocks();
+    bench.call("LCD_SetBackLiteIntensity", 80);
+    const std::uint64_t clocks = trouble.clocks() - before;
+    ASSERT_GT(clocks, 100u);
+    const std::uint64_t step = GetParam() == Processor::arm ? 29 : 1;
+    for (std::uint64_t clock = 0; clock <= clocks; clock += step)
+        for (const LineFault &fault :
+             {LineFault{LineFault::Line::scl, clock, 100}, LineFault{LineFault::Line::scl, clock, 5000},
+              LineFault{LineFault::Line::sda, clock, 30}, LineFault{LineFault::Line::sda, clock}}) {
+            SCOPED_TRACE(fmt::format("clock {}, length {}", clock, fault.length));
+            trouble.clear();
+            for (int i = 0; i < 9; i++) bench.call("I2C_SendNack");
+            for (int i = 0; i < 2; i++) bench.call("I2C_Stop");
+            ui.state = UiState{};
+            trouble.inject(fault);
+            bench.call("LCD_SetBackLiteIntensity", 80);
+            if (fault.length != 100 || clock == 0) continue; // at clock 0 the bus is busy, and the first frame lost
+            EXPECT_EQ(ui.state, (UiState{true, true, 80}));
+        }
+}
+
+BOTH_PROCESSORS(UiLink);
+
+} // namespace

@@ -1,0 +1,147 @@
+// Value change dumps: the format, and what an independent logic analyser makes of files from a boot and a commit.
+#include "bench.h"
+#include "eeprom_store.h"
+#include "vcd.h"
+
+#include <array>
+#include <cstdio>
+#include <fmt/format.h>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <sstream>
+
+using namespace fixture;
+using testing::HasSubstr;
+
+namespace {
+
+TEST(Vcd, HeaderLevelsAndEdges) {
+    Clock clock;
+    Journal journal(clock);
+    Net a("PB4", journal);
+    Net b("PB5", journal);
+    Net::Driver &driver_a = a.attach("a");
+    Net::Driver &driver_b = b.attach("b");
+    std::ostringstream out;
+    clock.advance(7 * kNanosecond);
+    driver_a.set(Drive::high);
+    {
+        VcdWriter vcd(out, clock);
+        vcd.add("SDA", a);
+        vcd.add("SCL", b);
+        driver_b.set(Drive::high); // before the beginning: only its level counts
+        vcd.begin();
+        clock.advance(3 * kNanosecond);
+        driver_a.set(Drive::low);
+        driver_b.set(Drive::low);
+        driver_b.set(Drive::high);
+        clock.advance(kMicrosecond + 1);
+        driver_a.set(Drive::high);
+        clock.advance(kNanosecond);
+    }
+    driver_a.set(Drive::low); // the writer has gone
+    EXPECT_EQ(out.str(), "$timescale 1 ns $end\n$scope module fixture $end\n"
+                         "$var wire 1 ! SDA $end\n$var wire 1 \" SCL $end\n$upscope $end\n$enddefinitions $end\n"
+                         "#7\n$dumpvars\n1!\n1\"\n$end\n#10\n0!\n0\"\n1\"\n#1010\n1!\n#1011\n");
+}
+
+TEST(Vcd, SignalLists) {
+    const auto names = [](std::string_view list) {
+        std::string text;
+        for (const VcdSignal &signal : VcdSignals(list))
+            text += fmt::format("{}=P{}{} ", signal.name, signal.port, signal.bit);
+        return text;
+    };
+    EXPECT_EQ(names("SCL,SDA"), "SCL=PB5 SDA=PB4 ");
+    EXPECT_EQ(names("PANEL*"), "PANEL_DATA=PB13 PANEL_CLOCK=PB14 PANEL_CS=PB15 ");
+    EXPECT_EQ(names("NAND*,SPI_CS"), "NAND_RB=PA22 NAND_CE=PD15 SPI_CS=PA5 ");
+    EXPECT_EQ(VcdSignals("").size(), 11u);
+    for (const char *wrong : {"SCK", "SDA,", "SDA, SCL", "scl"})
+        EXPECT_THROW(VcdSignals(wrong), std::invalid_argument) << wrong;
+}
+
+// Records the two-wire bus from here to the end of its life.
+class BusRecording {
+public:
+    BusRecording(const std::filesystem::path &file, Board &board) : out_(file), vcd_(out_, board.clock) {
+        for (const VcdSignal &signal : VcdSignals("SDA,SCL")) vcd_.add(signal.name, board.net(signal.port, signal.bit));
+        vcd_.begin();
+    }
+
+private:
+    std::ofstream out_;
+    VcdWriter vcd_;
+};
+
+// What sigrok-cli prints for a file: its decoders know nothing of us. A sample every 50 ns will do.
+std::string Decode(const std::filesystem::path &file, const std::string &decoders) {
+    const std::string command =
+        fmt::format("sigrok-cli -i '{}' -I vcd:downsample=50 -P i2c:scl=SCL:sda=SDA{} 2>&1", file.string(), decoders);
+    std::unique_ptr<std::FILE, int (*)(std::FILE *)> pipe(popen(command.c_str(), "r"), pclose);
+    std::string text;
+    std::array<char, 4096> piece;
+    while (const std::size_t count = std::fread(piece.data(), 1, piece.size(), pipe.get()))
+        text.append(piece.data(), count);
+    return text;
+}
+
+// The EEPROM's transfers at one 7-bit address, of a chip with 256 bytes and one address byte.
+std::string EepromTransfers(const std::filesystem::path &file, unsigned address) {
+    return Decode(file, fmt::format(",i2cfilter:address={},eeprom24xx:chip=generic -A eeprom24xx=ops", address));
+}
+
+// What was written to and read from one 7-bit address.
+std::string Conversations(const std::filesystem::path &file, const std::string &address) {
+    std::istringstream lines(Decode(file, " -A i2c=address-write:address-read:data-write:data-read"));
+    std::string text;
+    bool ours = false;
+    for (std::string line; std::getline(lines, line);) {
+        const std::string value = line.substr(line.rfind(' ') + 1);
+        const bool addresses = line.find("Address") != std::string::npos;
+        if (addresses) ours = value == address;
+        if (!ours || value.size() != 2) continue;
+        text += !addresses ? value + " " : line.find("read") != std::string::npos ? "R " : "W ";
+    }
+    return text;
+}
+
+class VcdDecoded : public testing::Test {
+protected:
+    TemporaryDirectory directory;
+    std::filesystem::path file = directory.path() / "bus.vcd";
+    Chips chips;
+    // Sector 0 is current; sector 1 is to be cleaned by the start-up.
+    void SetUp() override {
+        for (const int sector : {0, 1}) PlaceStoreImage(chips.eeprom, sector, MakeStoreImage(1, {{9, {10, 0, 0, 2}}}));
+    }
+};
+
+TEST_F(VcdDecoded, Commit) {
+    Bench bench(Processor::arm, chips, "");
+    {
+        const BusRecording recording(file, bench.board());
+        ASSERT_EQ(bench.call("CommitBuffer"), 0u);
+    }
+    EXPECT_EQ(EepromTransfers(file, 0x52),
+              "eeprom24xx-1: Page write (addr=00, 14 bytes): 00 01 00 0E FD 53 00 94 0A 00 00 02 FF FF\n");
+    EXPECT_EQ(EepromTransfers(file, 0x50), "eeprom24xx-1: Page write (addr=00, 6 bytes): FF FF FF FF FF FF\n");
+}
+
+TEST_F(VcdDecoded, WholeBoot) {
+    std::unique_ptr<BusRecording> recording;
+    BootCase boot;
+    boot.chips = &chips;
+    boot.prepare = [&](Machine &machine) { recording = std::make_unique<BusRecording>(file, machine.board()); };
+    boot.inspect = [&](Machine &) { recording.reset(); };
+    RunBoot(boot);
+    EXPECT_EQ(EepromTransfers(file, 0x50),
+              "eeprom24xx-1: Sequential random read (addr=00, 6 bytes): 00 01 00 0E FD 53\n"
+              "eeprom24xx-1: Sequential random read (addr=00, 14 bytes): 00 01 00 0E FD 53 00 94 0A 00 00 02 FF FF\n");
+    EXPECT_EQ(EepromTransfers(file, 0x52),
+              "eeprom24xx-1: Sequential random read (addr=00, 6 bytes): 00 01 00 0E FD 53\n"
+              "eeprom24xx-1: Page write (addr=00, 6 bytes): FF FF FF FF FF FF\n");
+    EXPECT_EQ(Conversations(file, "10"), "W 01 FF R 00 00 00 W 05 FB W 63 9D R 00 00 00 W 62 01 9D W 60 64 3C ")
+        << "awake? start; on? switch on; level 100";
+}
+
+} // namespace
