@@ -1,0 +1,79 @@
+// What somebody in front of the panel sees in whole boots: every frame, compared with pictures of each bar value.
+#include "bench.h"
+#include "sweep_world.h"
+
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+
+using namespace fixture;
+
+namespace {
+
+// tests/golden/bar-NNN.png: the whole panel with the bar at that value.
+int BarOf(const Picture &picture) {
+    static const auto golden = [] {
+        std::vector<std::pair<int, Picture>> pictures;
+        for (const int percent : {0, 5, 12, 25, 40, 50, 70, 80, 100})
+            pictures.emplace_back(percent, ReadPng(fmt::format("{}/tests/golden/bar-{:03}.png", SOURCE_DIR, percent)));
+        return pictures;
+    }();
+    for (const auto &[percent, expected] : golden)
+        if (picture == expected) return percent;
+    return -1;
+}
+
+constexpr int kDark = -2;
+
+std::vector<int> BarsSeen(Processor processor, World &world) {
+    std::vector<int> bars;
+    BootCase boot;
+    boot.processor = processor;
+    boot.from_slots = true;
+    boot.volume = *world.volume;
+    boot.board = world.board;
+    boot.chips = &world.chips;
+    boot.prepare = [](Machine &machine) { machine.record_frames(PanelWiring::bgr); };
+    boot.inspect = [&](Machine &machine) {
+        machine.frames()->look();
+        for (const FrameRecorder::Frame &frame : machine.frames()->frames())
+            bars.push_back(frame.lit ? BarOf(frame.picture) : kDark);
+    };
+    RunBoot(boot);
+    return bars;
+}
+
+class PanelInBoots : public testing::TestWithParam<Processor> {};
+BOTH_PROCESSORS(PanelInBoots);
+
+TEST_P(PanelInBoots, ShowsEveryStep) {
+    const SweepFirmware firmware(FirmwareDirectory() / "fixed");
+    ::Setup plain, bootloader, rescue, damaged;
+    for (::Setup *setup : {&plain, &rescue, &damaged}) setup->new_bootloader = false;
+    rescue.new_rescue = damaged.new_rescue = true;
+    damaged.damaged = true;
+    struct Case {
+        const char *name;
+        ::Setup setup;
+        bool no_banks;
+        std::vector<int> bars;
+    };
+    const Case cases[] = {
+        {"application", plain, false, {0, 5, 12, 25, 40}},
+        {"new rescue image", rescue, false, {0, 5, 12, 25, 50, 70, 80, 100, 40}},
+        {"new bootloader", bootloader, false, {0, 5, 12, 25, 50, 70, 80, 100, kDark, 0, 5, 12, 25, 40}},
+        {"damaged update", damaged, false, {0, 5, 12, 25, 50, 70, 40}},
+        {"rescue", plain, true, {0, 5, 12, 25, 50, 100}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        World world = MakeWorld(c.setup, firmware);
+        const TemporaryDirectory nothing;
+        if (c.no_banks) world.volume = std::make_shared<const std::filesystem::path>(nothing.path());
+        std::vector<int> expected = c.bars;
+        // Natively the sums between 70 and 80 take no time: nobody sees the first.
+        if (GetParam() == Processor::host && !c.setup.damaged) std::erase(expected, 70);
+        EXPECT_THAT(BarsSeen(GetParam(), world), testing::ElementsAreArray(expected));
+    }
+}
+
+} // namespace

@@ -1,0 +1,340 @@
+// The panel's serial line, the LCD controller, what they show together, and the files that it is kept in.
+#include "bench.h"
+#include "frames.h"
+#include "panel.h"
+#include "terminal_preview.h"
+
+#include <array>
+#include <fstream>
+#include <gif_lib.h>
+#include <gmock/gmock.h>
+
+using namespace fixture;
+
+namespace {
+
+// --- serial line
+
+struct SerialLine {
+    Clock clock;
+    Journal journal{clock};
+    Net data{"data", journal}, bit{"clock", journal}, select{"select", journal}, reset{"reset", journal};
+    Net::Driver &drive_data = data.attach("test");
+    Net::Driver &drive_bit = bit.attach("test");
+    Net::Driver &drive_select = select.attach("test");
+    Net::Driver &drive_reset = reset.attach("test");
+    std::unique_ptr<Panel> panel;
+
+    SerialLine() {
+        for (Net::Driver *driver : {&drive_bit, &drive_select, &drive_reset}) driver->set(Drive::high);
+        panel = std::make_unique<Panel>(clock, journal, Panel::Line{data, bit, select, reset});
+    }
+    void shift(unsigned bits, unsigned count) {
+        while (count-- > 0) {
+            drive_bit.set(Drive::low);
+            drive_data.set(bits >> count & 1u ? Drive::high : Drive::low);
+            drive_bit.set(Drive::high);
+        }
+    }
+    void transfer(std::initializer_list<unsigned> bytes, unsigned stray_bits = 0) {
+        drive_select.set(Drive::low);
+        for (const unsigned byte : bytes) shift(byte, 8);
+        shift(0, stray_bits);
+        drive_select.set(Drive::high);
+    }
+};
+
+using Registers = std::map<std::uint16_t, std::uint16_t>;
+
+TEST(PanelModel, TakesWholeRegisterWritesOnly) {
+    struct Case {
+        const char *name;
+        std::function<void(SerialLine &)> send; // register 7 is selected
+        Registers expected;
+    };
+    const Case cases[] = {
+        {"value",
+         [](auto &l) {
+             l.transfer({0x72, 0x12, 0x34});
+         },
+         {{7, 0x1234}}},
+        {"two values",
+         [](auto &l) {
+             l.transfer({0x72, 0, 1}), l.transfer({0x72, 0, 2});
+         },
+         {{7, 2}}},
+        {"other index",
+         [](auto &l) {
+             l.transfer({0x70, 0x01, 0x02}), l.transfer({0x72, 0, 5});
+         },
+         {{0x102, 5}}},
+        {"other panel",
+         [](auto &l) {
+             l.transfer({0x76, 0x12, 0x34});
+         },
+         {}},
+        {"a read",
+         [](auto &l) {
+             l.transfer({0x73, 0x12, 0x34});
+         },
+         {}},
+        {"short",
+         [](auto &l) {
+             l.transfer({0x72, 0x12});
+         },
+         {}},
+        {"cut short",
+         [](auto &l) {
+             l.transfer({0x72, 0x12}, 7);
+         },
+         {}},
+        {"stray bit",
+         [](auto &l) {
+             l.transfer({0x72, 0x12, 0x34}, 1);
+         },
+         {}},
+        {"too long",
+         [](auto &l) {
+             l.transfer({0x72, 0x12, 0x34, 0x56});
+         },
+         {}},
+        {"not selected", [](auto &l) { l.shift(0x721234, 24); }, {}},
+        {"in reset",
+         [](auto &l) {
+             l.drive_reset.set(Drive::low), l.transfer({0x72, 0x12, 0x34});
+         },
+         {}},
+        {"reset clears",
+         [](auto &l) {
+             l.transfer({0x72, 0x12, 0x34});
+             l.drive_reset.set(Drive::low), l.drive_reset.set(Drive::high);
+             l.transfer({0x72, 0, 9}); // index 0 again
+         },
+         {{0, 9}}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        SerialLine line;
+        line.transfer({0x70, 0, 7});
+        c.send(line);
+        EXPECT_EQ(line.panel->registers(), c.expected);
+        EXPECT_TRUE(line.journal.violations().empty());
+    }
+}
+
+TEST(PanelModel, FindsMisuse) {
+    SerialLine line;
+    line.transfer({0x70, 0, 0x22});
+    line.transfer({0x72, 0xFF, 0xFF});
+    EXPECT_EQ(line.journal.violations().size(), 1u) << "pixels";
+    line.drive_bit.set(Drive::low);
+    line.transfer({0x72});
+    EXPECT_EQ(line.journal.violations().size(), 2u) << "clock not idle";
+}
+
+// --- controller and frame
+
+struct Screen {
+    Clock clock;
+    Journal journal{clock};
+    bool clocked = true;
+    bool backlight = true;
+    Lcdc lcdc{journal, [this] { return clocked; }};
+    std::vector<std::uint8_t> sdram = std::vector<std::uint8_t>(0x1000);
+
+    // A panel of 4 x 2 pixels at 0x20000100.
+    Screen() {
+        for (const auto &[offset, value] : {std::pair{0x000u, 0x20000100u},
+                                            {0x018u, 4u},
+                                            {0x01Cu, 1u},
+                                            {0x804u, 0x80000082u},
+                                            {0x810u, 3u << 21 | 1u},
+                                            {0x83Cu, 0x0Du}})
+            lcdc.write(offset, 4, value);
+    }
+    void pixel(unsigned index, unsigned value) {
+        sdram[0x100 + index * 2] = static_cast<std::uint8_t>(value);
+        sdram[0x101 + index * 2] = static_cast<std::uint8_t>(value >> 8);
+    }
+};
+
+TEST(LcdController, ScansOnlyWhatIsProgrammedAndOn) {
+    struct Case {
+        const char *name;
+        std::uint32_t offset, value;
+        bool scanning, picture;
+    };
+    const Case cases[] = {
+        {"as it is", 0x844, 0, true, true},
+        {"DMA off", 0x01C, 0, false, true},
+        {"panel power off", 0x83C, 0x0C, false, true},
+        {"8 bits a pixel", 0x804, 0x80000062, true, false},
+        {"no TFT", 0x804, 0x80000081, true, false},
+        {"frame of another size", 0x018, 5, true, false},
+        {"panel of another size", 0x810, 3u << 21 | 2u, true, false},
+        {"before SDRAM", 0x000, 0x1FFFFFF8, true, false},
+        {"up to the end of SDRAM", 0x000, 0x20000FF0, true, true},
+        {"past the end of SDRAM", 0x000, 0x20000FF4, true, false},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        Screen screen;
+        screen.lcdc.write(c.offset, 4, c.value);
+        EXPECT_EQ(screen.lcdc.scanning(), c.scanning);
+        EXPECT_EQ(RenderFrame(screen.lcdc, screen.sdram, PanelWiring::bgr).has_value(), c.picture);
+        EXPECT_TRUE(screen.journal.violations().empty());
+    }
+    Screen screen;
+    screen.lcdc.write(0x018, 4, 5);
+    screen.lcdc.write(0x83C, 4, 0x8000000D);
+    EXPECT_EQ(screen.journal.violations().size(), 1u) << "power on without a picture";
+    EXPECT_EQ(screen.lcdc.read(0x83C, 4), 0x0Du) << "busy cannot be written";
+    screen.clocked = false;
+    screen.lcdc.write(0x018, 4, 4);
+    EXPECT_EQ(screen.journal.violations().size(), 2u) << "written without clock";
+    EXPECT_EQ(screen.lcdc.value(0x018), 5u);
+    EXPECT_FALSE(screen.lcdc.scanning());
+}
+
+TEST(LcdController, ColoursFollowTheWiring) {
+    struct Case {
+        unsigned pixel;
+        Colour bgr, rgb, rgb565;
+    };
+    const Case cases[] = {
+        {0x0000, {0, 0, 0}, {0, 0, 0}, {0, 0, 0}},
+        {0x001F, {251, 0, 0}, {0, 0, 251}, {0, 0, 255}},
+        {0x03E0, {0, 251, 0}, {0, 251, 0}, {0, 125, 0}},
+        {0x7C00, {0, 0, 251}, {251, 0, 0}, {123, 130, 0}},
+        {0x8000, {4, 4, 4}, {4, 4, 4}, {132, 0, 0}},
+        {0xFFFF, {255, 255, 255}, {255, 255, 255}, {255, 255, 255}},
+        {0x4210, {130, 130, 130}, {130, 130, 130}, {66, 65, 132}},
+    };
+    for (const Case &c : cases) {
+        Screen screen;
+        screen.pixel(6, c.pixel); // second row, third column
+        for (const auto &[wiring, colour] :
+             {std::pair{PanelWiring::bgr, c.bgr}, {PanelWiring::rgb, c.rgb}, {PanelWiring::rgb565, c.rgb565}}) {
+            Picture expected(4, 2);
+            expected.at(2, 1) = colour;
+            EXPECT_EQ(RenderFrame(screen.lcdc, screen.sdram, wiring), expected) << std::hex << c.pixel;
+        }
+        screen.lcdc.write(0x804, 4, 0x00000082); // big-endian words: bytes and pixel pairs turned round
+        const auto turned = static_cast<std::uint16_t>(c.pixel << 8 | c.pixel >> 8);
+        EXPECT_EQ(RenderFrame(screen.lcdc, screen.sdram, PanelWiring::bgr)->at(3, 1),
+                  PixelColour(turned, PanelWiring::bgr));
+    }
+}
+
+TEST(FrameRecording, KeepsEachFrameThatCouldBeSeen) {
+    Screen screen;
+    screen.backlight = false;
+    const auto lit = [&] { return screen.lcdc.scanning() && screen.backlight; };
+    FrameRecorder recorder(screen.clock, screen.lcdc, screen.sdram, lit, PanelWiring::bgr, 1);
+    const auto after = [&](auto change) {
+        screen.clock.advance(100 * kMillisecond);
+        change();
+        recorder.glance();
+        return recorder.frames().size();
+    };
+    EXPECT_EQ(after([&] { screen.pixel(0, 0x7FFF); }), 0u) << "dark";
+    EXPECT_EQ(recorder.shown(), Picture(4, 2));
+    EXPECT_EQ(after([&] { screen.backlight = true; }), 1u);
+    EXPECT_EQ(after([&] {}), 1u);
+    EXPECT_EQ(after([&] { screen.pixel(1, 0x7FFF); }), 1u) << "not the watched row";
+    EXPECT_EQ(after([&] { screen.pixel(7, 0x7FFF); }), 2u);
+    EXPECT_EQ(after([&] { screen.lcdc.write(0x83C, 4, 0x0C); }), 3u) << "dark again";
+    EXPECT_EQ(after([&] { screen.pixel(6, 0x7FFF); }), 3u);
+    EXPECT_EQ(after([&] { screen.lcdc.write(0x83C, 4, 0x0D); }), 4u);
+    screen.pixel(2, 1);
+    recorder.look();
+    recorder.look();
+    ASSERT_EQ(recorder.frames().size(), 5u);
+
+    EXPECT_EQ(recorder.frames()[0].time, 200 * kMillisecond);
+    EXPECT_EQ(recorder.frames()[1].picture.at(1, 0), (Colour{251, 251, 251})) << "seen late, but seen";
+    EXPECT_FALSE(recorder.frames()[2].lit);
+    EXPECT_EQ(recorder.frames()[2].picture, Picture(4, 2));
+    EXPECT_EQ(recorder.frames()[4].picture, recorder.shown());
+
+    std::vector<unsigned> delays;
+    for (const GifFrame &frame : Animation(recorder.frames(), 900 * kMillisecond)) delays.push_back(frame.centiseconds);
+    EXPECT_THAT(delays, testing::ElementsAre(30, 10, 20, 2, 10));
+}
+
+// --- files
+
+class PictureFiles : public testing::Test {
+protected:
+    TemporaryDirectory directory;
+    const std::filesystem::path file = directory.path() / "picture";
+    Picture colourful(unsigned step) {
+        Picture picture(20, 20);
+        for (unsigned i = 0; i < 400; i++)
+            picture.pixels[i] = {static_cast<std::uint8_t>(i / step * step), static_cast<std::uint8_t>(i >> 8), 7};
+        return picture;
+    }
+};
+
+TEST_F(PictureFiles, PngComesBackExactly) {
+    WritePng(file, colourful(1));
+    EXPECT_EQ(ReadPng(file), colourful(1));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory.path()), {}), 1) << "nothing beside it";
+
+    EXPECT_THROW(ReadPng(directory.path() / "missing"), std::runtime_error);
+    EXPECT_THROW(ReadPng(directory.write("noise", "no picture at all")), std::runtime_error);
+    std::ifstream stream(file, std::ios::binary);
+    const std::string whole{std::istreambuf_iterator<char>(stream), {}};
+    EXPECT_THROW(ReadPng(directory.write("cut", whole.substr(0, whole.size() / 2))), std::runtime_error);
+    EXPECT_THROW(WritePng(directory.path() / "none" / "picture", colourful(1)), std::runtime_error);
+}
+
+// What another reader of the format makes of an animation: the delays, and the pixels.
+std::vector<GifFrame> ReadGif(const std::filesystem::path &file) {
+    int error = 0;
+    GifFileType *const gif = DGifOpenFileName(file.c_str(), &error);
+    if (!gif || DGifSlurp(gif) != GIF_OK) return {};
+    std::vector<GifFrame> frames;
+    for (int i = 0; i < gif->ImageCount; i++) {
+        const SavedImage &image = gif->SavedImages[i];
+        GraphicsControlBlock control{};
+        DGifSavedExtensionToGCB(gif, i, &control);
+        GifFrame frame{Picture(20, 20), static_cast<unsigned>(control.DelayTime)};
+        for (std::size_t p = 0; p < frame.picture.pixels.size(); p++) {
+            const GifColorType colour = image.ImageDesc.ColorMap->Colors[image.RasterBits[p]];
+            frame.picture.pixels[p] = {colour.Red, colour.Green, colour.Blue};
+        }
+        frames.push_back(frame);
+    }
+    DGifCloseFile(gif, &error);
+    return frames;
+}
+
+TEST_F(PictureFiles, GifKeepsFramesAndDelays) {
+    WriteGif(file, std::vector<GifFrame>{{colourful(2), 5}, {Picture(20, 20), 300}, {colourful(1), 2}});
+    const std::vector<GifFrame> frames = ReadGif(file);
+    ASSERT_EQ(frames.size(), 3u);
+    EXPECT_EQ(frames[0].picture, colourful(2)) << "200 colours stay";
+    EXPECT_EQ(frames[1].picture, Picture(20, 20));
+    EXPECT_THAT((std::array{frames[0].centiseconds, frames[1].centiseconds, frames[2].centiseconds}),
+                testing::ElementsAre(5, 300, 2));
+    const Picture many = colourful(1); // 400 colours are brought down to 256, and stay near
+    for (std::size_t i = 0; i < many.pixels.size(); i++)
+        EXPECT_NEAR(frames[2].picture.pixels[i].red, many.pixels[i].red, 16);
+    EXPECT_THROW(WriteGif(file, {}), std::runtime_error);
+}
+
+TEST(Preview, NeedsATerminalWithColours) {
+    const auto preview = [](const char *term, int columns) {
+        const char *const environment[] = {term, nullptr};
+        return TerminalPreview(Picture(320, 240), columns, 24, environment);
+    };
+    EXPECT_THAT(preview("TERM=xterm-256color", 80), testing::HasSubstr("\x1b["));
+    EXPECT_LT(preview("TERM=xterm-256color", 20).size(), preview("TERM=xterm-256color", 60).size());
+    for (const char *term : {"TERM=dumb", "TERM=", "LANG=C"}) EXPECT_EQ(preview(term, 80), "") << term;
+    testing::internal::CaptureStdout();
+    PrintPreview(stdout, Picture(320, 240));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "") << "no terminal";
+}
+
+} // namespace
