@@ -49,28 +49,49 @@ void StorePixel(std::uint8_t *at, std::uint16_t colour) {
     std::memcpy(std::assume_aligned<kPixelBytes>(at), &colour, kPixelBytes);
 }
 
+void StorePair(std::uint8_t *at, std::uint32_t pair) {
+    std::memcpy(std::assume_aligned<2 * kPixelBytes>(at), &pair, sizeof pair);
+}
+
 void StoreGroup(std::uint8_t *at, std::uint64_t group) {
     std::memcpy(std::assume_aligned<kGroupPixels * kPixelBytes>(at), &group, sizeof group);
 }
 
-bool AtGroup(const std::uint8_t *at) {
-    return reinterpret_cast<std::uintptr_t>(at) % (kGroupPixels * kPixelBytes) == 0;
+void StoreFourGroups(std::uint8_t *at, std::uint64_t group) {
+    StoreGroup(at, group);
+    StoreGroup(at + sizeof group, group);
+    StoreGroup(at + 2 * sizeof group, group);
+    StoreGroup(at + 3 * sizeof group, group);
 }
 
-// Fills whole pixels from `at` up to `end`.
+// Whether an address has the bit of `bytes` set: a unit of twice as many begins behind it.
+bool Inside(const std::uint8_t *at, std::uint32_t bytes) { return (reinterpret_cast<std::uintptr_t>(at) & bytes) != 0; }
+
+// Fills whole pixels from `at` up to `end`. Most runs of a picture are short: their ends take no loop.
 void Fill(std::uint8_t *at, std::uint8_t *end, std::uint16_t colour) {
+    constexpr std::ptrdiff_t kPair = 2 * kPixelBytes;
     constexpr std::ptrdiff_t kGroup = kGroupPixels * kPixelBytes;
-    for (; at != end && !AtGroup(at); at += kPixelBytes) StorePixel(at, colour);
+    constexpr std::ptrdiff_t kTurn = 8 * kGroup;
     const std::uint32_t pair = colour * 0x00010001u;
     const std::uint64_t group = std::uint64_t{pair} << 32 | pair;
-    for (; end - at >= 4 * kGroup; at += 4 * kGroup) {
-        StoreGroup(at, group);
-        StoreGroup(at + kGroup, group);
-        StoreGroup(at + 2 * kGroup, group);
-        StoreGroup(at + 3 * kGroup, group);
+    if (Inside(at, kPixelBytes) && at != end) {
+        StorePixel(at, colour);
+        at += kPixelBytes;
+    }
+    if (Inside(at, kPair) && end - at >= kPair) {
+        StorePair(at, pair);
+        at += kPair;
+    }
+    for (; end - at >= kTurn; at += kTurn) {
+        StoreFourGroups(at, group);
+        StoreFourGroups(at + kTurn / 2, group);
     }
     for (; end - at >= kGroup; at += kGroup) StoreGroup(at, group);
-    for (; at != end; at += kPixelBytes) StorePixel(at, colour);
+    if (end - at >= kPair) {
+        StorePair(at, pair);
+        at += kPair;
+    }
+    if (at != end) StorePixel(at, colour);
 }
 
 // A little-endian word at any address.
