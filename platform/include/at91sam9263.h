@@ -11,11 +11,11 @@
 // Parallel I/O controller. Set and clear registers act on the bits written as 1 and ignore the others.
 struct Pio {
     std::uint32_t base;
-    constexpr WriteOnly PER() const { return {base + 0x00}; }  // the I/O controller drives the pin
-    constexpr WriteOnly PDR() const { return {base + 0x04}; }  // the selected peripheral drives the pin
+    constexpr WriteOnly PER() const { return {base + 0x00}; } // the I/O controller drives the pin
+    constexpr WriteOnly PDR() const { return {base + 0x04}; } // the selected peripheral drives the pin
     constexpr ReadOnly PSR() const { return {base + 0x08}; }
-    constexpr WriteOnly OER() const { return {base + 0x10}; }  // output enable
-    constexpr WriteOnly ODR() const { return {base + 0x14}; }  // output disable: input
+    constexpr WriteOnly OER() const { return {base + 0x10}; } // output enable
+    constexpr WriteOnly ODR() const { return {base + 0x14}; } // output disable: input
     constexpr ReadOnly OSR() const { return {base + 0x18}; }
     constexpr WriteOnly IFER() const { return {base + 0x20}; } // input glitch filter
     constexpr WriteOnly IFDR() const { return {base + 0x24}; }
@@ -23,9 +23,9 @@ struct Pio {
     constexpr WriteOnly SODR() const { return {base + 0x30}; } // drive high
     constexpr WriteOnly CODR() const { return {base + 0x34}; } // drive low
     constexpr ReadOnly ODSR() const { return {base + 0x38}; }
-    constexpr ReadOnly PDSR() const { return {base + 0x3C}; }  // pin level
+    constexpr ReadOnly PDSR() const { return {base + 0x3C}; } // pin level
     constexpr WriteOnly IER() const { return {base + 0x40}; }
-    constexpr WriteOnly IDR() const { return {base + 0x44}; }  // no pin-change interrupt
+    constexpr WriteOnly IDR() const { return {base + 0x44}; } // no pin-change interrupt
     constexpr ReadOnly IMR() const { return {base + 0x48}; }
     constexpr ReadOnly ISR() const { return {base + 0x4C}; }
     constexpr WriteOnly MDER() const { return {base + 0x50}; } // multi-drive: open drain
@@ -34,8 +34,8 @@ struct Pio {
     constexpr WriteOnly PUDR() const { return {base + 0x60}; } // pull-up disable
     constexpr WriteOnly PUER() const { return {base + 0x64}; } // pull-up enable
     constexpr ReadOnly PUSR() const { return {base + 0x68}; }
-    constexpr WriteOnly ASR() const { return {base + 0x70}; }  // peripheral A select
-    constexpr WriteOnly BSR() const { return {base + 0x74}; }  // peripheral B select
+    constexpr WriteOnly ASR() const { return {base + 0x70}; } // peripheral A select
+    constexpr WriteOnly BSR() const { return {base + 0x74}; } // peripheral B select
     constexpr ReadOnly ABSR() const { return {base + 0x78}; }
 };
 inline constexpr Pio PIOA{0xFFFFF200};
@@ -51,7 +51,7 @@ struct Pmc {
     constexpr WriteOnly PCDR() const { return {base + 0x14}; }
     constexpr ReadOnly PCSR() const { return {base + 0x18}; }
     constexpr ReadWrite MOR() const { return {base + 0x20}; }
-    constexpr ReadOnly MCFR() const { return {base + 0x24}; }  // main frequency: cycles in 16 slow periods
+    constexpr ReadOnly MCFR() const { return {base + 0x24}; } // main frequency: cycles in 16 slow periods
     constexpr ReadWrite PLLAR() const { return {base + 0x28}; }
     constexpr ReadWrite PLLBR() const { return {base + 0x2C}; }
     constexpr ReadWrite MCKR() const { return {base + 0x30}; }

@@ -16,7 +16,7 @@ struct PjfsBackend {
     const char *disk;        // name of the disk
     int (*initialise)(void); // called by the server when it opens the disk
     std::uint32_t zero1;
-    const char *device;      // block device that carries the disk: flash-layer instance 0
+    const char *device; // block device that carries the disk: flash-layer instance 0
     std::uint32_t zero2[4];
 };
 
@@ -25,8 +25,8 @@ struct PjfsClient {
     std::uint8_t *memory_begin; // the server's working memory
     std::uint8_t *memory_end;
     std::uint32_t zero2[2];
-    std::uint32_t value1;       // passed as it stands: 100
-    std::uint32_t value2;       // passed as it stands: 4
+    std::uint32_t value1; // passed as it stands: 100
+    std::uint32_t value2; // passed as it stands: 4
 };
 
 struct PjfsAutoFormat {

@@ -7,4 +7,5 @@
 #define BUILD_RECORD_REVISION_RANGE "319"
 #define BUILD_RECORD_MIXED "no"
 #define BUILD_RECORD_MODIFIED "no"
-#define BUILD_RECORD_URL "https://code.orvalis.example/firmware/fixture/secondary-bootloader/trunk/sources-of-the-tree/x/y/z"
+#define BUILD_RECORD_URL                                                                                               \
+    "https://code.orvalis.example/firmware/fixture/secondary-bootloader/trunk/sources-of-the-tree/x/y/z"
