@@ -4,14 +4,10 @@
 #   make test       build all, run every test
 #   make firmware   the bootloader for the board: build/arm/bootloader.elf, .bin, .map, libbootloader.a
 #   make bench      speed in virtual time and instructions
-#   make fuzz       fuzz every input for TIME seconds each (default 60)
 #   make lint       format and lint, as CI checks them
 #   make clean
 
-TIME ?= 60
-FIXTURE = build/host/fixture
-
-.PHONY: boot test firmware fixture asan bench fuzz lint setup clean
+.PHONY: boot test firmware fixture asan bench lint setup clean
 
 boot: firmware fixture
 	@./demo.sh

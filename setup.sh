@@ -12,8 +12,6 @@ libgtest-dev libgmock-dev sigrok-cli
 "
 # Only what CI and `make lint` use beyond that.
 if [ "${1:-}" = --lint ]; then packages="$packages clang-format clang-tidy"; fi
-# What `make fuzz` needs.
-if [ "${1:-}" = --fuzz ]; then packages="$packages clang libclang-rt-14-dev"; fi
 
 missing=
 for package in $packages; do
