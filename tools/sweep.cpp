@@ -63,7 +63,8 @@ int List(const std::vector<Scenario> &scenarios) {
 int Sweep(const SweepCall &call) {
     const SweepFirmware firmware(FirmwareDirectory());
     if (call.list) return List(AllScenarios(firmware));
-    if (!call.report.empty()) return WriteReliability(call.report, call.jobs, call.seed, firmware, Progress());
+    if (!call.report.empty())
+        return WriteReliability(call.report, call.jobs, call.seed, call.sample, firmware, Progress());
     if (call.all == !call.scenarios.empty())
         throw std::runtime_error("which scenarios? names of some, or --all; --list names them");
     SweepPlan plan;
@@ -101,6 +102,6 @@ void AddSweepCommand(CLI::App &app, int &exit_status) {
     command->add_option("--sample", call->sample, "about so many cases of each scenario, chosen by the seed");
     command->add_option("--seed", call->seed, "decides how operations tear and what is sampled")->capture_default_str();
     command->add_flag("--json", call->json, "results as one JSON object");
-    command->add_option("--report", call->report, "run the whole campaign and write its table to this file");
+    command->add_option("--report", call->report, "run the whole campaign and write its document to this file");
     command->callback([call, &exit_status] { exit_status = Sweep(*call); });
 }

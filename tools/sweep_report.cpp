@@ -106,11 +106,16 @@ struct Stage {
 
 // The order in which the document states them.
 constexpr Stage kCampaign[] = {
-    {"One loss of power, every cut, on this machine's processor", true, false, 1, 0},
+    {"One loss of power, on this machine's processor", true, false, 1, 0},
     {"One loss of power on the shipped ARM image", false, true, 1, 400},
-    {"Two losses of power, a seeded sample, on this machine's processor", true, false, 2, 2500},
-    {"Both processors compared: console text and final chips of a seeded sample", true, true, 1, 60},
+    {"Two losses of power, on this machine's processor", true, false, 2, 2500},
+    {"Both processors compared: console text and final chips", true, true, 1, 60},
 };
+
+std::string Extent(std::size_t sample) {
+    if (sample == 0) return "Every cut; of images that fill a slot, a seeded sample.";
+    return fmt::format("A seeded sample of about {} cases of each scenario.", sample);
+}
 
 std::string Table(const SweepPlan &plan, const SweepResult &result) {
     std::string text =
@@ -133,9 +138,29 @@ std::string HoleTable(const Tally &tally) {
     return text;
 }
 
+std::uint64_t Outside(const Tally &tally, Outcome outcome) {
+    const auto count = [&](const std::map<std::string, std::uint64_t> &counts) {
+        const auto found = counts.find(NameOf(outcome));
+        return found == counts.end() ? 0 : found->second;
+    };
+    std::uint64_t outside = count(tally.outcomes);
+    for (const auto &[hole, what] : tally.holes) outside -= count(what);
+    return outside;
+}
+
+std::string Figures(const Tally &all) {
+    return fmt::format(
+        "\n## In all\n\n{} cases, {} cold boots. Outside the named holes: {} bricks, {} boards that lost a "
+        "parameter, {} findings of any kind.\n",
+        all.cases, all.boots, Outside(all, Outcome::no_bootloader) + Outside(all, Outcome::no_launch),
+        Outside(all, Outcome::wrong_parameters), all.found);
+}
+
 constexpr const char *kIntroduction = R"(# What a loss of power can do to a board
 
-Written by `fixture sweep --report`. Every number below was counted by the run that wrote it.
+Every number below was counted by the command that wrote this document:
+
+    fixture sweep --all --report docs/{} --jobs {} --seed {}{}
 
 A boot that changes a chip is cut at every one of its operations (NAND page program and block erase, DataFlash program,
 erase and page program with erase, EEPROM page write): before it, torn in the middle of it, and after it. From there the board is
@@ -163,6 +188,9 @@ above count what falls through them; `fixture flash info` and `fixture image inf
   last bytes of the slot before it. It matters for images that fill their slot to the last page.
 - **An image that fits DataFlash slot 1 alone.** Slot 1 is the larger one. Where the power goes after such an image was written
   and before the old copy in slot 0 is retired, the old one stays in use: there is no room for the new one in slot 0.
+- **A rescue block that cannot even be marked bad.** Where neither an erase nor a program of a block works, it keeps
+  looking good, and what is stored behind it is not found again: there is no rescue image then. In a bootloader slot the
+  update is given up and the old bootloader stays in use.
 - **The neighbours in a rewritten DataFlash page.** The bytes before slot 0 and around the version record share pages with
   them and can be lost to the same cut.
 - **A rescue image cut half-way.** There is one rescue slot. Between the cut and the end of the next boot no rescue image
@@ -171,25 +199,26 @@ above count what falls through them; `fixture flash info` and `fixture image inf
 
 } // namespace
 
-int WriteReliability(const std::filesystem::path &file, unsigned jobs, std::uint64_t seed,
+int WriteReliability(const std::filesystem::path &file, unsigned jobs, std::uint64_t seed, std::size_t most,
                      const SweepFirmware &firmware, const std::function<void(const SweepProgress &)> &progress) {
-    std::string text = kIntroduction;
+    std::string text = fmt::format(kIntroduction, file.filename().string(), jobs, seed,
+                                   most == 0 ? "" : fmt::format(" --sample {}", most));
     Tally all;
     for (const Stage &stage : kCampaign) {
-        SweepPlan plan{AllScenarios(firmware), stage.host, stage.arm, stage.losses, jobs, stage.sample, seed};
+        const std::size_t sample = std::min(stage.sample - 1, most - 1) + 1; // 0, which is all, is the largest
+        SweepPlan plan{AllScenarios(firmware), stage.host, stage.arm, stage.losses, jobs, sample, seed};
         const SweepResult result = RunSweep(plan, firmware, progress);
         PrintSweep(plan, result);
         all.add(result.all);
         text += fmt::format(
-            "\n## {}\n\n{}\n{} worker processes, {:.0f} s, {:.0f} cold boots a second, every boot counted. {} "
+            "\n## {}\n\n{}\n\n{}\n{} worker processes, {:.0f} s, {:.0f} cold boots a second, every boot counted. {} "
             "cuts made again by cutting the power.",
-            stage.title, Table(plan, result), jobs, result.seconds, Rate(result.all, result.seconds),
+            stage.title, Extent(sample), Table(plan, result), jobs, result.seconds, Rate(result.all, result.seconds),
             result.all.checked);
         if (result.all.compared) text += fmt::format(" {} cases compared on both processors.", result.all.compared);
         text += "\n\n" + HoleTable(result.all);
     }
-    text += fmt::format("\nIn all {} cases and {} cold boots: {} findings outside the named holes.\n", all.cases,
-                        all.boots, all.found);
+    text += Figures(all);
     WriteFile(file, text + kHoles);
     return all.found == 0 ? 0 : 1;
 }

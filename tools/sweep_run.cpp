@@ -35,12 +35,22 @@ struct Unit {
     bool shared; // its cuts are dealt out to all workers; else it is one worker's own
 };
 
+// The variants of a scenario, or where fewer cases are asked for than there are variants, so many of them.
+std::vector<const Variant *> VariantsOf(const SweepPlan &plan, const Scenario &scenario) {
+    std::vector<const Variant *> all, some;
+    for (const Variant &variant : scenario.variants) all.push_back(&variant);
+    if (plan.sample == 0 || plan.sample >= all.size()) return all;
+    fixture::Random random(plan.seed);
+    std::sample(all.begin(), all.end(), std::back_inserter(some), plan.sample, random);
+    return some;
+}
+
 // Where a scenario has variants enough to keep every worker busy, each variant is one worker's.
 std::vector<Unit> UnitsOf(const SweepPlan &plan) {
     std::vector<Unit> units;
     for (std::size_t n = 0; n < plan.scenarios.size(); n++) {
-        const std::vector<Variant> &variants = plan.scenarios[n].variants;
-        for (const Variant &variant : variants) units.push_back({n, &variant, variants.size() < 8 * plan.jobs});
+        const std::vector<const Variant *> variants = VariantsOf(plan, plan.scenarios[n]);
+        for (const Variant *variant : variants) units.push_back({n, variant, variants.size() < 8 * plan.jobs});
     }
     return units;
 }

@@ -15,7 +15,7 @@ struct SweepPlan {
     bool on_arm = false; // both: every case on both, and compared
     unsigned losses = 1;
     unsigned jobs = 1;
-    std::size_t sample = 0; // cases of each scenario, at least one of every variant; 0: all there are
+    std::size_t sample = 0; // about so many cases of each scenario; 0: all there are
     std::uint64_t seed = 1;
 };
 

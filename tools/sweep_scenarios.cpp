@@ -103,18 +103,21 @@ std::vector<Variant> Worn() {
     struct Row {
         const char *label;
         NandFault fault;
-        bool rescue = false;
+        Fate fate = Fate::stored;
+        const char *hole = nullptr;
     };
+    // A grown bad block takes no mark either: what was to be stored in it is not found again.
     const Row rows[] = {
         {"erase-first", {.kind = NandFault::erase_fails, .block = kSlot1Block, .times = kForever}},
         {"erase-second", {.kind = NandFault::erase_fails, .block = kSlot1Block + 1, .times = kForever}},
         {"erase-once", {.kind = NandFault::erase_fails, .block = kSlot1Block, .times = 1}},
         {"erase-twice", {.kind = NandFault::erase_fails, .block = kSlot1Block, .times = 2}},
         {"program", {.kind = NandFault::program_fails, .block = kSlot1Block + 1, .page = 20, .times = kForever}},
-        {"grown", {.kind = NandFault::grown_bad, .block = kSlot1Block + 1, .skip = 30}},
-        {"grown-last", {.kind = NandFault::grown_bad, .block = kSlot1Block + 2, .skip = 5}},
+        {"grown", {.kind = NandFault::grown_bad, .block = kSlot1Block + 1, .skip = 30}, Fate::fails},
+        {"grown-last", {.kind = NandFault::grown_bad, .block = kSlot1Block + 2, .skip = 5}, Fate::fails},
         {"retired", {.kind = NandFault::erase_fails, .block = 2, .times = kForever}},
-        {"rescue", {.kind = NandFault::grown_bad, .block = kRescueBlock, .skip = 10}, true},
+        {"rescue", {.kind = NandFault::erase_fails, .block = kRescueBlock, .times = kForever}},
+        {"rescue-no-mark", {.kind = NandFault::grown_bad, .block = kRescueBlock, .skip = 10}, Fate::stored, kNoMark},
     };
     std::vector<Variant> variants;
     for (const Row &row : rows)
@@ -122,8 +125,10 @@ std::vector<Variant> Worn() {
                             {.slots = {running, erased},
                              .running_bytes = kThreeBlocks,
                              .update_bytes = kThreeBlocks,
-                             .new_rescue = row.rescue,
-                             .nand_faults = {row.fault}}});
+                             .new_rescue = std::string_view(row.label).starts_with("rescue"),
+                             .nand_faults = {row.fault},
+                             .fate = row.fate},
+                            row.hole});
     return variants;
 }
 

@@ -14,6 +14,7 @@ inline constexpr const char *kPushedOn = "bad blocks inside a slot push an image
 inline constexpr const char *kWornRecord = "block 1 wears out: the version record goes to bootloader slot 0";
 inline constexpr const char *kSharedPage = "slots that share a DataFlash page, which is rewritten as a whole";
 inline constexpr const char *kFitsOneSlot = "an image that fits DataFlash slot 1 alone cannot be moved to slot 0";
+inline constexpr const char *kNoMark = "a rescue block so worn that it cannot even be marked bad";
 
 struct Variant {
     std::string label;
