@@ -91,6 +91,17 @@ TEST_P(UiLink, Exchanges) {
     }
 }
 
+// Without its last byte a reply is no reply, whatever lies in memory where the checksum would be.
+TEST_P(UiLink, ReplyWithoutChecksum) {
+    const std::uint32_t data = bench.scratch(2);
+    const std::uint32_t length = bench.scratch_text(std::string("\2\0", 2));
+    for (unsigned flip = 0; flip < 256; flip++) {
+        ui.inject({At::reply, 0, 1, static_cast<std::uint8_t>(flip)});
+        trouble.inject({LineFault::Line::scl, 57, 150});
+        ASSERT_EQ(bench.call("uiReadCmd", 0x63, data, length), 1u) << flip;
+    }
+}
+
 TEST_P(UiLink, Checksums) {
     const std::uint32_t bytes = bench.scratch(4);
     const auto sum = [&](std::vector<std::uint8_t> values) {
