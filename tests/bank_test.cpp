@@ -268,6 +268,17 @@ TEST_P(Banks, LeaveTheirApplicationForTheNextStage) {
     EXPECT_EQ(area.substr(25), std::string(231, '\xA5'));
 }
 
+TEST_P(Banks, AreNotLaunchedWhereTheFlushIsLeftOut) {
+    TemporaryDirectory volume;
+    Bank{}.write(volume, "app");
+    BootCase boot_case;
+    boot_case.processor = GetParam();
+    boot_case.volume = volume.path();
+    boot_case.most_resets = 2;
+    boot_case.prepare = [](Machine &machine) { machine.board().cache.ignores_flushes = true; };
+    EXPECT_EQ(RunBoot(boot_case).report.verdict, Verdict::reset_loop);
+}
+
 TEST_P(Banks, CannotBeFoundWithoutTheFileServer) {
     TemporaryDirectory volume;
     BootCase boot_case;
