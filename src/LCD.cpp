@@ -22,7 +22,7 @@ constexpr std::uint16_t kBarColour = 0x035F;
 constexpr std::uint16_t kBlack = 0x0000;
 constexpr std::uint16_t kSeparatorRow = 219;
 constexpr std::uint16_t kFirstBarRow = 220;
-constexpr std::int32_t kFramePixels = kLcdColumns * kLcdRows;
+constexpr std::uint32_t kFramePixels = kLcdColumns * kLcdRows;
 
 constexpr std::uint32_t kPanelReset = 1u << 14; // on port D
 
@@ -38,68 +38,71 @@ constexpr std::uint8_t kUiReadBacklight = 0x63; // first reply byte 1: on
 constexpr std::uint16_t kUiReplyLength = 2;
 constexpr std::uint32_t kFullIntensity = 100;
 
-// Pixels are stored by memcpy of whole words: one store instruction each, and the pixels may be looked at as words of
-// any size. Pointers are bytes so that a position outside the region can be compared before anything is stored.
+// Pixels are stored by memcpy of whole words, so that memory may be looked at as words of any size.
 constexpr std::uint32_t kPixelBytes = sizeof(std::uint16_t);
-constexpr std::uint32_t kGroupPixels = 4; // in one double-word store
+constexpr std::uint32_t kRegionPixels = kVideoRegionSize / kPixelBytes;
 
-std::uint8_t *RegionEnd() { return __ghsbegin_mr_rwec__videobuffer + kVideoRegionSize; }
-
-void StorePixel(std::uint8_t *at, std::uint16_t colour) {
+std::uint8_t *StorePixel(std::uint8_t *at, std::uint16_t colour) {
     std::memcpy(std::assume_aligned<kPixelBytes>(at), &colour, kPixelBytes);
+    return at + kPixelBytes;
 }
 
-void StorePair(std::uint8_t *at, std::uint32_t pair) {
-    std::memcpy(std::assume_aligned<2 * kPixelBytes>(at), &pair, sizeof pair);
+std::uint8_t *StorePair(std::uint8_t *at, std::uint32_t pair) {
+    std::memcpy(std::assume_aligned<sizeof pair>(at), &pair, sizeof pair);
+    return at + sizeof pair;
 }
 
-void StoreGroup(std::uint8_t *at, std::uint64_t group) {
-    std::memcpy(std::assume_aligned<kGroupPixels * kPixelBytes>(at), &group, sizeof group);
+std::uint8_t *StoreEight(std::uint8_t *at, std::uint32_t pair) {
+    return StorePair(StorePair(StorePair(StorePair(at, pair), pair), pair), pair);
 }
 
-void StoreFourGroups(std::uint8_t *at, std::uint64_t group) {
-    StoreGroup(at, group);
-    StoreGroup(at + sizeof group, group);
-    StoreGroup(at + 2 * sizeof group, group);
-    StoreGroup(at + 3 * sizeof group, group);
+struct Block {
+    std::uint32_t pairs[4];
+};
+constexpr std::uint32_t kBlockPixels = sizeof(Block) / kPixelBytes;
+
+std::uint8_t *StoreBlock(std::uint8_t *at, const Block &block) {
+    std::memcpy(std::assume_aligned<sizeof(std::uint32_t)>(at), &block, sizeof block);
+    return at + sizeof block;
 }
 
-// Whether an address has the bit of `bytes` set: a unit of twice as many begins behind it.
-bool Inside(const std::uint8_t *at, std::uint32_t bytes) { return (reinterpret_cast<std::uintptr_t>(at) & bytes) != 0; }
+// Four blocks a turn. Not inlined: a block in memory is moved by load-multiple and store-multiple, one whose value the
+// compiler knows by a store a word.
+constexpr std::uint32_t kTurnPixels = 4 * kBlockPixels;
+[[gnu::noinline]] std::uint8_t *StoreTurns(std::uint8_t *at, std::uint32_t turns, const Block &block) {
+    const Block held = block;
+    do at = StoreBlock(StoreBlock(StoreBlock(StoreBlock(at, held), held), held), held);
+    while (--turns != 0);
+    return at;
+}
 
-// Fills whole pixels from `at` up to `end`. Most runs of a picture are short: their ends take no loop.
-void Fill(std::uint8_t *at, std::uint8_t *end, std::uint16_t colour) {
-    constexpr std::ptrdiff_t kPair = 2 * kPixelBytes;
-    constexpr std::ptrdiff_t kGroup = kGroupPixels * kPixelBytes;
-    constexpr std::ptrdiff_t kTurn = 8 * kGroup;
+// Fills at least one pixel from `at`, an even address, and returns the place behind them. Most runs of a picture are
+// short: their ends take no loop.
+inline std::uint8_t *Fill(std::uint8_t *at, std::uint32_t pixels, std::uint16_t colour) {
+    if (reinterpret_cast<std::uintptr_t>(at) % sizeof(std::uint32_t) != 0) {
+        at = StorePixel(at, colour);
+        pixels--;
+    }
     const std::uint32_t pair = colour * 0x00010001u;
-    const std::uint64_t group = std::uint64_t{pair} << 32 | pair;
-    if (Inside(at, kPixelBytes) && at != end) {
-        StorePixel(at, colour);
-        at += kPixelBytes;
+    if (pixels >= kTurnPixels) {
+        const Block block = {{pair, pair, pair, pair}};
+        at = StoreTurns(at, pixels / kTurnPixels, block);
+        pixels %= kTurnPixels;
     }
-    if (Inside(at, kPair) && end - at >= kPair) {
-        StorePair(at, pair);
-        at += kPair;
+    if (pixels >= 8) { // spares short runs two looks
+        if (pixels & 16) at = StoreEight(StoreEight(at, pair), pair);
+        if (pixels & 8) at = StoreEight(at, pair);
     }
-    for (; end - at >= kTurn; at += kTurn) {
-        StoreFourGroups(at, group);
-        StoreFourGroups(at + kTurn / 2, group);
-    }
-    for (; end - at >= kGroup; at += kGroup) StoreGroup(at, group);
-    if (end - at >= kPair) {
-        StorePair(at, pair);
-        at += kPair;
-    }
-    if (at != end) StorePixel(at, colour);
+    if (pixels & 4) at = StorePair(StorePair(at, pair), pair);
+    if (pixels & 2) at = StorePair(at, pair);
+    return pixels & 1 ? StorePixel(at, colour) : at;
 }
 
-// A little-endian word at any address.
-std::uint16_t WordAt(const std::uint8_t *bytes) { return static_cast<std::uint16_t>(bytes[0] | bytes[1] << 8); }
-
-// How many of `pixels` from `at`, a place in the region, lie in it.
-std::uint32_t Clipped(const std::uint8_t *at, std::uint32_t pixels) {
-    return std::min(pixels, static_cast<std::uint32_t>(RegionEnd() - at) / kPixelBytes);
+// Takes the next little-endian word, at any address.
+std::uint16_t NextWord(const std::uint8_t *&bytes) {
+    const std::uint32_t low = *bytes++;
+    const std::uint32_t high = *bytes++;
+    return static_cast<std::uint16_t>(high << 8 | low);
 }
 
 void SendWord(std::uint8_t start, std::uint16_t word) {
@@ -149,21 +152,21 @@ void LCD_InitGraphics(void) {
 }
 
 void LCD_InsertImage(const std::uint8_t *image) {
+    constexpr std::uint32_t kBehindFrame = kRegionPixels - kFramePixels;
     std::uint8_t *at = __ghsbegin_mr_rwec__videobuffer;
-    for (std::int32_t remaining = kFramePixels; remaining > 0;) {
-        const std::uint16_t header = WordAt(image);
-        const std::uint32_t run = (header & 0x7FFFu) + 1;
-        std::uint8_t *const end = at + Clipped(at, run) * kPixelBytes;
-        image += kPixelBytes;
+    std::uint8_t *const frame_end = at + kFramePixels * kPixelBytes;
+    do {
+        const std::uint32_t header = NextWord(image);
+        std::uint32_t pixels = (header & 0x7FFFu) + 1;
+        if (pixels > kBehindFrame)
+            pixels = std::min(pixels, kBehindFrame + static_cast<std::uint32_t>(frame_end - at) / kPixelBytes);
         if (header & 0x8000) {
-            for (; at != end; at += kPixelBytes, image += kPixelBytes) StorePixel(at, WordAt(image));
+            at = StorePixel(at, NextWord(image)); // most are of one pixel
+            for (; pixels > 1; pixels--) at = StorePixel(at, NextWord(image));
         } else {
-            Fill(at, end, WordAt(image));
-            at = end;
-            image += kPixelBytes;
+            at = Fill(at, pixels, NextWord(image));
         }
-        remaining -= static_cast<std::int32_t>(run);
-    }
+    } while (at < frame_end);
 }
 
 void LCD_DrawHLine(std::uint16_t x0, std::uint16_t x1, std::uint16_t y, std::uint16_t colour) {
@@ -171,10 +174,11 @@ void LCD_DrawHLine(std::uint16_t x0, std::uint16_t x1, std::uint16_t y, std::uin
     if (count <= 0 || y >= kLcdRows || VideoLines[y] == nullptr) return;
     // Kept: x0 is unsigned and may lie far outside the row; the line then starts where the address leads.
     const std::uintptr_t start = reinterpret_cast<std::uintptr_t>(VideoLines[y]) + x0 * kPixelBytes;
-    const std::uintptr_t offset = start - reinterpret_cast<std::uintptr_t>(__ghsbegin_mr_rwec__videobuffer);
-    if (offset >= kVideoRegionSize) return;
-    std::uint8_t *const at = __ghsbegin_mr_rwec__videobuffer + offset;
-    Fill(at, at + Clipped(at, static_cast<std::uint32_t>(count)) * kPixelBytes, colour);
+    const std::uintptr_t first =
+        (start - reinterpret_cast<std::uintptr_t>(__ghsbegin_mr_rwec__videobuffer)) / kPixelBytes;
+    if (first >= kRegionPixels) return;
+    const std::uint32_t room = kRegionPixels - static_cast<std::uint32_t>(first);
+    Fill(reinterpret_cast<std::uint8_t *>(start), std::min(static_cast<std::uint32_t>(count), room), colour);
 }
 
 void LCD_DrawProgressBar(std::int32_t percent) {
