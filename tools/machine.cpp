@@ -140,7 +140,7 @@ void Machine::launch() {
     volume_.close_all();
     if (!options_.run_launched) return;
     const StageResult end = arm().run(handover->entry);
-    static constexpr std::array kEnds = {"reset", "ended", "still running", "fault", "power lost", "stopped"};
+    static constexpr std::array kEnds = {"was reset", "ended", "is still running", "faulted", "lost power", "stopped"};
     report_.launched_end = kEnds[static_cast<std::size_t>(end.end)];
     if (end.end == StageEnd::exited)
         report_.launched_end += fmt::format(" with result {}", end.exit_code);
