@@ -13,6 +13,7 @@ boot: firmware fixture
 	@./demo.sh
 
 test: firmware fixture asan
+	@cmake --build build/arm --target planted
 	@ctest --test-dir build/asan --output-on-failure --parallel $$(nproc) $(CTEST_ARGS)
 
 bench: firmware fixture

@@ -4,7 +4,7 @@
 set -eu
 
 packages="
-cmake ninja-build g++ pkg-config binutils git
+cmake ninja-build g++ pkg-config binutils git patch
 gcc-arm-none-eabi libnewlib-arm-none-eabi libstdc++-arm-none-eabi-newlib
 libunicorn-dev libelf-dev libcli11-dev libfmt-dev nlohmann-json3-dev
 libpng-dev libgif-dev libchafa-dev libglib2.0-dev

@@ -47,15 +47,21 @@ inline constexpr const char *kBootVersionBuild = \"${CMAKE_MATCH_3}\";
                        ${place}/${name}.bin)
 endfunction()
 
-foreach(version ${BOOT_VERSIONS})
+function(image_name result version)
     if(version STREQUAL 1.9.0)
-        set(name bootloader)
+        set(${result} bootloader PARENT_SCOPE)
     else()
-        set(name bootloader-${version})
+        set(${result} bootloader-${version} PARENT_SCOPE)
     endif()
+endfunction()
+
+foreach(version ${BOOT_VERSIONS})
+    image_name(name ${version})
     add_image(${name} board ${BUILD_RECORD} ${version})
     add_image(${name} fixed ${FIXED_RECORD} ${version})
 endforeach()
+
+include(${CMAKE_SOURCE_DIR}/cmake/plant.cmake)
 
 # The modules alone, for another kernel, with what they need from it.
 set(needs ${CMAKE_BINARY_DIR}/libbootloader.needs)

@@ -36,6 +36,7 @@ std::vector<Variant> Updates(Medium medium) {
         {"running-broken", {running, broken}},   {"running-running", {running, running}},
         {"running-updated", {running, updated}}, {"erased-running", {erased, running}},
         {"retired-running", {retired, running}}, {"broken-running", {broken, running}},
+        {"running-endless", {running, endless}},
     };
     std::vector<Variant> variants;
     for (const Row &row : rows) variants.push_back({row.label, {.medium = medium, .slots = row.slots}});
@@ -47,6 +48,9 @@ std::vector<Variant> RescueUpdates(Medium medium) {
     std::vector<Variant> variants = {{"good", setup}, {"broken", setup}, {"none", setup}};
     variants[1].setup.rescue = RescueState::broken;
     variants[2].setup.rescue = RescueState::none;
+    if (medium == Medium::nand) return variants; // its driver compares what it writes
+    variants.push_back({"lost-program", setup});
+    variants[3].setup.dataflash_faults.emplace_back().skip = 5;
     return variants;
 }
 
@@ -63,6 +67,13 @@ std::vector<Variant> Refusals(Medium medium) {
     variants[0].setup.damaged = true;
     variants[1].setup.damaged = variants[1].setup.new_rescue = true;
     variants[2].setup.update_bytes = SlotsOf(medium).bootloader[1].capacity + 1;
+    if (medium == Medium::nand) return variants;
+    // A chip of half the size, which ends a byte too early for the check of this image.
+    variants.push_back({"rescue-at-end", setup});
+    variants[3].setup.part = "AT45DB321";
+    variants[3].setup.new_bootloader = false;
+    variants[3].setup.new_rescue = true;
+    variants[3].setup.rescue_bytes = FindAt45Part("AT45DB321")->bytes() - SlotsOf(medium).rescue.address - 31;
     return variants;
 }
 
@@ -163,6 +174,10 @@ std::vector<Variant> NoRoom() {
     std::vector<Variant> variants = {{"no-block", setup}, {"one-block", setup}};
     variants[1].setup.update_bytes = kThreeBlocks;
     variants[1].setup.bad_blocks = Blocks(kSlot1Block + 1, kNandBlocks);
+    variants.push_back({"endless", variants[1].setup});
+    variants[2].setup.slots = {running, endless};
+    variants[2].setup.update_bytes = 0;
+    variants[2].setup.fate = Fate::stored;
     return variants;
 }
 

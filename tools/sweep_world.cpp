@@ -49,6 +49,7 @@ Bytes SlotBytes(SlotState state, const Bytes &running, const Bytes &updated) {
     Bytes bytes = state == SlotState::updated ? updated : running;
     if (state == SlotState::erased) bytes.clear();
     if (state == SlotState::retired) std::fill_n(bytes.begin(), kImageHeaderBytes, std::uint8_t{0});
+    if (state == SlotState::endless) bytes[23] = 0xFF; // the top of its length
     if (state == SlotState::broken) bytes[bytes.size() / 2] ^= 0x40;
     return bytes;
 }

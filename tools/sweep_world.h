@@ -26,6 +26,7 @@ enum class SlotState : std::uint8_t {
     erased,
     retired, // an image whose header was zeroed
     broken,  // a good header before a damaged body
+    endless, // a header that says more than any chip holds
     running, // the bootloader that the board has
     updated, // the one that the bank carries
 };

@@ -1,0 +1,36 @@
+# Planted mistakes: tests/planted/NAME.patch changes one module, of a copy. Both versions with that mistake go to
+# planted/NAME/. A patch that no longer applies fails the build. For tests alone: target `planted` builds them.
+
+function(plant patch)
+    get_filename_component(name ${patch} NAME_WE)
+    file(STRINGS ${patch} source REGEX "^\\+\\+\\+ b/")
+    string(REGEX REPLACE "^\\+\\+\\+ b/" "" source "${source}")
+    if(NOT EXISTS ${CMAKE_SOURCE_DIR}/${source})
+        message(FATAL_ERROR "${patch} has to change one module")
+    endif()
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${patch})
+    set(place ${CMAKE_BINARY_DIR}/planted/${name})
+    get_filename_component(module ${source} NAME)
+    add_custom_command(
+        OUTPUT ${place}/${module}
+        COMMAND patch --quiet --fuzz=0 -r - -o ${place}/${module} ${CMAKE_SOURCE_DIR}/${source} ${patch}
+        DEPENDS ${CMAKE_SOURCE_DIR}/${source} ${patch})
+    foreach(version ${BOOT_VERSIONS})
+        image_name(image ${version})
+        set(target planted-${name}-${version})
+        set(others $<FILTER:$<TARGET_OBJECTS:fixed-${image}-modules>,EXCLUDE,/${module}[.]>)
+        add_executable(${target} EXCLUDE_FROM_ALL $<TARGET_OBJECTS:platform> ${others} ${place}/${module})
+        target_include_directories(${target} PRIVATE ${CMAKE_BINARY_DIR}/settings/${version} ${FIXED_RECORD}
+                                                     ${MODULE_INCLUDES})
+        target_compile_options(${target} PRIVATE -Wno-unused) # what a mistake forgets to call
+        set_target_properties(${target} PROPERTIES OUTPUT_NAME ${image} SUFFIX .elf RUNTIME_OUTPUT_DIRECTORY ${place})
+        link_image(${target} ${place}/${image}.map)
+        add_dependencies(planted ${target})
+    endforeach()
+endfunction()
+
+add_custom_target(planted)
+file(GLOB PLANTS CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/tests/planted/*.patch)
+foreach(patch ${PLANTS})
+    plant(${patch})
+endforeach()

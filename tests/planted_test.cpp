@@ -1,0 +1,77 @@
+// The sweep's own test: each mistake in planted/ is found by the case that stands beside it here, and the bootloader
+// without it passes that case.
+#include "sweep_scenarios.h"
+
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <iterator>
+#include <set>
+#include <string>
+#include <string_view>
+
+namespace {
+
+struct Plant {
+    const char *name;
+    const char *found_by;
+    Outcome outcome;
+};
+
+void PrintTo(const Plant &plant, std::ostream *out) { *out << plant.found_by << ": " << NameOf(plant.outcome); }
+
+constexpr Plant kPlants[] = {
+    {"cleans_the_good_sector_first", "parameters/0-to-1:1t", Outcome::wrong_parameters},
+    {"commits_in_place", "parameters/0-to-1:1t", Outcome::wrong_parameters},
+    {"launches_before_updating", "nand-update/running-erased", Outcome::wrong_bootloader},
+    {"no_bound_of_the_chip", "nand-no-room/no-block", Outcome::outside},
+    {"no_bound_of_the_slot", "nand-refused/too-long", Outcome::outside},
+    {"no_bound_on_the_length", "nand-no-room/endless", Outcome::fault},
+    {"no_mark_on_bad_blocks", "nand-worn/erase-first", Outcome::wrong_bootloader},
+    {"no_verify_of_pages", "nand-wrong-page/always-5", Outcome::wrong_bootloader},
+    {"no_wait_for_the_erase", "dataflash-lost-program/5", Outcome::violation},
+    {"reads_bad_blocks", "nand-worn/erase-first", Outcome::wrong_bootloader},
+    {"record_before_image", "nand-rescue/good:20t", Outcome::wrong_rescue},
+    {"rescue_at_the_chips_end", "dataflash-refused/rescue-at-end", Outcome::outside},
+    {"rescue_not_verified", "dataflash-rescue/lost-program", Outcome::wrong_rescue},
+    {"retires_before_verifying", "dataflash-lost-program/5", Outcome::no_bootloader},
+    {"retires_before_writing", "nand-update/running-erased:10t", Outcome::no_bootloader},
+    {"retires_the_new_slot", "nand-update/running-erased", Outcome::fault},
+    {"stores_a_damaged_image", "nand-refused/sums", Outcome::outside},
+    {"trusts_two_headers", "nand-update/running-broken:10t", Outcome::no_bootloader},
+    {"verifies_the_header_alone", "dataflash-lost-program/5", Outcome::no_bootloader},
+    {"writes_from_the_load_buffer", "nand-update/running-broken", Outcome::wrong_bootloader},
+    {"writes_over_the_good_slot", "nand-update/running-erased:10t", Outcome::no_bootloader},
+};
+
+void Expect(Outcome outcome, const char *found_by, const std::filesystem::path &builds) {
+    const Judgement judgement = RunCase(ParseCase(found_by).value(), ProcessorKind::arm, SweepFirmware(builds));
+    EXPECT_STREQ(NameOf(judgement.outcome), NameOf(outcome)) << builds << ": " << judgement.detail;
+}
+
+} // namespace
+
+class Planted : public testing::TestWithParam<Plant> {};
+
+TEST_P(Planted, MistakeIsFound) {
+    Expect(GetParam().outcome, GetParam().found_by, FirmwareDirectory() / "planted" / GetParam().name);
+}
+INSTANTIATE_TEST_SUITE_P(, Planted, testing::ValuesIn(kPlants), [](const auto &plant) { return plant.param.name; });
+
+// The number behind these tests' names says how many mistakes there are.
+class AllPlanted : public testing::TestWithParam<std::size_t> {};
+
+TEST_P(AllPlanted, CasesPassWithoutThem) {
+    std::set<std::string_view> cases;
+    for (const Plant &plant : kPlants)
+        if (cases.insert(plant.found_by).second) Expect(Outcome::good, plant.found_by, FirmwareDirectory() / "fixed");
+}
+
+TEST_P(AllPlanted, MistakesAreTried) {
+    std::set<std::string> tried;
+    for (const Plant &plant : kPlants) tried.insert(plant.name);
+    std::set<std::string> planted;
+    for (const auto &entry : std::filesystem::directory_iterator(SOURCE_DIR "/tests/planted"))
+        planted.insert(entry.path().stem().string());
+    EXPECT_EQ(tried, planted);
+}
+INSTANTIATE_TEST_SUITE_P(, AllPlanted, testing::Values(std::size(kPlants)), testing::PrintToStringParamName());
