@@ -1,9 +1,15 @@
-// The board around the bootloader: keys, the watchdog, waits that can never end.
+// The board around the bootloader: keys, the watchdog, and boots in which something outside never comes.
 #include "bench.h"
+#include "sweep_world.h"
+
+#include <cstring>
+#include <fmt/format.h>
 
 using namespace fixture;
 
 namespace {
+
+using Line = LineFault::Line;
 
 TEST(Board, ResetsNeedTheirKey) {
     Chips chips;
@@ -17,38 +23,140 @@ TEST(Board, ResetsNeedTheirKey) {
     EXPECT_EQ(resets, 1);
 }
 
-class Boots : public testing::TestWithParam<Processor> {};
+// One power-up of a board with 1.9.0 and a bank on its volume, up to the first reset.
+class Boots : public testing::TestWithParam<Processor> {
+protected:
+    explicit Boots() { nothing_new.new_bootloader = false; }
+    RunReport boot(const World &made, const std::function<void(Machine &)> &inspect = {}) {
+        World world = made;
+        BootCase boot;
+        boot.processor = GetParam();
+        boot.volume = *world.volume;
+        boot.board = world.board;
+        boot.chips = &world.chips;
+        boot.most_resets = 1;
+        boot.prepare = prepare;
+        boot.inspect = inspect;
+        const BootResult result = RunBoot(boot);
+        console = result.console;
+        flash_kept = world.chips.nand == made.chips.nand && world.chips.dataflash == made.chips.dataflash;
+        eeprom_kept = world.chips.eeprom == made.chips.eeprom;
+        return result.report;
+    }
+    static World with(const ::Setup &setup) {
+        static const SweepFirmware builds(FirmwareDirectory() / "fixed");
+        return MakeWorld(setup, builds);
+    }
+
+    const bool all = GetParam() == Processor::host;
+    ::Setup nothing_new;
+    std::function<void(Machine &)> prepare;
+    std::string console;
+    bool flash_kept = false;
+    bool eeprom_kept = false;
+};
 BOTH_PROCESSORS(Boots);
 
 TEST_P(Boots, EndInAVerdict) {
-    struct Case {
+    const ::Setup two_pages{.medium = Medium::dataflash, .update_bytes = 2 * 1056};
+    const NandFault busy{.kind = NandFault::stays_busy, .times = NandFault::kForever};
+    const ::Setup busy_nand{.nand_faults = {busy}};
+    const struct {
         const char *name;
-        std::optional<Picoseconds> watchdog;
-        bool nand_stays_busy;
-        Verdict verdict;
-        const char *place;
+        ::Setup setup;
+        Picoseconds watchdog; // 0: not armed
+        bool dataflash_busy;
+        std::string end; // verdict and place begin so
+    } cases[] = {
+        {"no watchdog", nothing_new, 0, false, "launched "},
+        {"patient watchdog", nothing_new, 16 * kSecond, false, "launched "},
+        {"impatient watchdog", nothing_new, 100 * kMillisecond, false, "reset loop watchdog, after a look at "},
+        {"busy NAND", busy_nand, 0, false, "hang PIOA.PDSR"},
+        {"busy NAND, watchdog", busy_nand, 16 * kSecond, false, "reset loop watchdog, after a look at PIOA.PDSR"},
+        {"busy DataFlash, watchdog", two_pages, kSecond, true, "reset loop watchdog, after a look at SPI0."},
+        {"busy DataFlash", two_pages, 0, true, "launched "},
     };
-    const Case cases[] = {
-        {"no watchdog", {}, false, Verdict::idle, ""},
-        {"patient watchdog", 16 * kSecond, false, Verdict::idle, ""},
-        {"impatient watchdog", 100 * kMillisecond, false, Verdict::reset_loop, ""},
-        {"busy chip", {}, true, Verdict::hang, "PIOA.PDSR"},
-    };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        Chips chips;
-        if (c.nand_stays_busy)
-            chips.nand.faults.push_back({.kind = NandFault::stays_busy, .times = NandFault::kForever});
-        BootCase boot;
-        boot.processor = GetParam();
-        boot.chips = &chips;
-        boot.board.straps.pins_12_13 = true; // the rescue image is looked for in NAND
-        boot.board.watchdog = c.watchdog;
-        boot.most_resets = 2;
-        const RunReport report = RunBoot(boot).report;
-        EXPECT_EQ(VerdictName(report.verdict), std::string(VerdictName(c.verdict))) << report.place;
-        EXPECT_EQ(report.place, c.place);
+        if (!all && c.dataflash_busy && c.watchdog == 0) continue; // minutes of polls
+        World world = with(c.setup);
+        world.chips.dataflash.never_ready = c.dataflash_busy;
+        if (c.watchdog) world.board.watchdog = c.watchdog;
+        const RunReport report = boot(world);
+        const std::string end = std::string(VerdictName(report.verdict)) + " " + report.place;
+        EXPECT_EQ(end.substr(0, c.end.size()), c.end) << end;
+        EXPECT_TRUE(flash_kept && eeprom_kept);
+        EXPECT_EQ(console.find("replace failed") != std::string::npos, c.end == "launched " && c.dataflash_busy);
     }
+}
+
+// Whichever of the NAND's operations never ends, the verdict names its wait.
+TEST_P(Boots, HangWhereTheNandStaysBusy) {
+    World world = with({});
+    unsigned hangs = 0;
+    RunReport report;
+    for (unsigned skip = 0; skip == 0 || report.verdict == Verdict::hang; skip += all ? 7 : 97, hangs++) {
+        world.chips.nand.faults = {{.kind = NandFault::stays_busy, .skip = skip, .times = NandFault::kForever}};
+        report = boot(world);
+        EXPECT_EQ(report.place, report.verdict == Verdict::hang ? "PIOA.PDSR" : "reset controller") << skip;
+    }
+    EXPECT_GT(hangs, 2u);
+}
+
+// Either line held at any clock from power-up to launch, those of the parameters' reading and of the backlight's
+// sequence: nothing is printed, the application is launched, the parameters are there whole or not at all. A clock that
+// is stretched as long as it may be changes nothing, except before a start, which takes it for a busy bus: at the very
+// first, and at the repeated ones; a stop before any other start waits for it. SDA held low in the address of a read
+// makes it one of a write, and the EEPROM takes what the line shows then: two wires have no defence against that.
+TEST_P(Boots, LaunchWhateverTheWiresDo) {
+    struct Outcome {
+        std::string console;
+        Picoseconds time;
+        std::uint64_t clocks;
+        std::array<std::uint32_t, 4> network;
+        UiState light;
+    };
+    const World world = with(nothing_new);
+    std::optional<I2cMonitor> monitor;
+    const auto boot_with = [&](std::optional<LineFault> fault) {
+        Outcome outcome;
+        prepare = [&](Machine &machine) {
+            monitor.emplace(machine.board().net('B', 4), machine.board().net('B', 5));
+            if (fault) machine.board().two_wire_trouble.inject(*fault);
+        };
+        const RunReport report = boot(world, [&](Machine &machine) {
+            outcome.clocks = machine.board().two_wire_trouble.clocks();
+            std::memcpy(&outcome.network, machine.object("NetDevs"), sizeof outcome.network);
+            outcome.light = machine.board().ui.state;
+        });
+        EXPECT_EQ(report.verdict, Verdict::launched) << report.place;
+        EXPECT_TRUE(flash_kept);
+        outcome.console = console;
+        outcome.time = report.time;
+        return outcome;
+    };
+    const Outcome good = boot_with({});
+    EXPECT_EQ(good.network, world.before.network);
+    EXPECT_EQ(good.light, (UiState{true, true, 100}));
+    std::size_t starts = 1;
+    const std::string wire = monitor->take();
+    for (std::size_t at = 0; (at = wire.find("Sr", at)) != std::string::npos; at++) starts++;
+    const LineFault faults[] = {{Line::scl, 0, 100}, {Line::scl, 0, 150}, {Line::scl}, {Line::sda, 0, 30}, {Line::sda}};
+    std::size_t lost = 0;
+    for (std::uint64_t clock = 0; clock <= good.clocks; clock += all ? 1 : 97)
+        for (LineFault fault : faults) {
+            fault.clock = clock;
+            SCOPED_TRACE(
+                fmt::format("line {}, clock {}, length {}", static_cast<int>(fault.line), clock, fault.length));
+            const Outcome outcome = boot_with(fault);
+            EXPECT_EQ(outcome.console, good.console);
+            EXPECT_LT(outcome.time, good.time + kSecond);
+            EXPECT_TRUE(outcome.network == good.network || outcome.network == decltype(good.network){});
+            EXPECT_TRUE(eeprom_kept || (fault.line == Line::sda && fault.length == 30));
+            lost += fault.length == 100 && !(outcome.network == good.network && outcome.light == good.light);
+            if (HasFailure()) return;
+        }
+    EXPECT_EQ(lost, all ? starts : 1);
 }
 
 } // namespace

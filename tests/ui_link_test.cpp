@@ -159,30 +159,6 @@ TEST_P(UiLink, Backlight) {
     }
 }
 
-// The sequence with either line in trouble at any of its clocks: it always ends, and after a short trouble on SCL the
-// backlight is as it should be.
-TEST_P(UiLink, BacklightUnderLineTrouble) {
-    const std::uint64_t before = trouble.clocks();
-    bench.call("LCD_SetBackLiteIntensity", 80);
-    const std::uint64_t clocks = trouble.clocks() - before;
-    ASSERT_GT(clocks, 100u);
-    const std::uint64_t step = GetParam() == Processor::arm ? 29 : 1;
-    for (std::uint64_t clock = 0; clock <= clocks; clock += step)
-        for (const LineFault &fault :
-             {LineFault{LineFault::Line::scl, clock, 100}, LineFault{LineFault::Line::scl, clock, 5000},
-              LineFault{LineFault::Line::sda, clock, 30}, LineFault{LineFault::Line::sda, clock}}) {
-            SCOPED_TRACE(fmt::format("clock {}, length {}", clock, fault.length));
-            trouble.clear();
-            for (int i = 0; i < 9; i++) bench.call("I2C_SendNack");
-            for (int i = 0; i < 2; i++) bench.call("I2C_Stop");
-            ui.state = UiState{};
-            trouble.inject(fault);
-            bench.call("LCD_SetBackLiteIntensity", 80);
-            if (fault.length != 100 || clock == 0) continue; // at clock 0 the bus is busy, and the first frame lost
-            EXPECT_EQ(ui.state, (UiState{true, true, 80}));
-        }
-}
-
 BOTH_PROCESSORS(UiLink);
 
 } // namespace

@@ -47,7 +47,9 @@ void Machine::connect() {
         if (options_.console) options_.console(c);
     };
     board_.reset_controller.processor_reset = [this] { stop({StageEnd::reset, 0, "reset controller"}); };
-    board_.watchdog.expired = [this] { stop({StageEnd::reset, 0, "watchdog"}); };
+    board_.watchdog.expired = [this] {
+        stop({StageEnd::reset, 0, "watchdog, after a look at " + board_.bus.last_read()});
+    };
     board_.supply.lost = [this] { stop({StageEnd::power_lost, 0, ""}); };
     board_.bus.endless_wait = [this](const std::string &name) { stop({StageEnd::hang, 0, name}); };
     board_.bus.unmapped = [this](std::uint32_t address, bool is_write) {
@@ -199,6 +201,7 @@ RunReport Machine::run() {
         }
         if (report_.resets >= options_.most_resets) {
             report_.verdict = Verdict::reset_loop;
+            report_.place = end.place;
             return finish(report_);
         }
     }

@@ -51,7 +51,7 @@ const char *VerdictName(Verdict verdict);
 
 struct RunReport {
     Verdict verdict = Verdict::idle;
-    std::string place;    // of a hang, fault or violation
+    std::string place;    // of a hang, fault or violation; what made the last reset of a loop
     std::string medium;   // "NAND" or "DataFlash": what the board boots from
     std::string launched; // the file or slot whose image was started
     std::uint32_t launched_bytes = 0;
