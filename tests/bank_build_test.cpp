@@ -144,7 +144,14 @@ TEST_F(BankCommand, RefusesWhatCannotWork) {
     }
     Options large = good();
     large["--bootloader"] = write("large.img", std::string(0x1FC000 - 31, 'b'));
-    EXPECT_NE(build(large).output.find("do not fit the slot bootloader 0 of DataFlash"), std::string::npos);
+    EXPECT_NE(build(large).error.find("large.img on DataFlash: bootloader 1: 2080769 bytes fit here alone"),
+              std::string::npos);
+    Options other = good();
+    other["--bootloader"] = (FirmwareDirectory() / "bootloader.bin").string();
+    other["--bootloader-version"] = "2.0.0";
+    EXPECT_NE(build(other).error.find("is version 1.9.0, not 2.0.0"), std::string::npos);
+    other["--bootloader-version"] = "1.9.0";
+    EXPECT_EQ(build(other).error, "");
     fs::remove_all(out());
     here_.write("data/app/precious.txt", "not a bank");
     EXPECT_EQ(build(good()).exit_status, 2) << "what is no bank is not replaced";

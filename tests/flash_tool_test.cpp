@@ -155,7 +155,7 @@ TEST_F(FlashTool, BadBlocksAreNamedWithWhatTheyCost) {
     nand.load(chip);
     RawFlashOf(nand).write(0x40000, Wrap(Body(0x1E0000 - 32, 1)));
     EXPECT_TRUE(
-        Warns(json{{"warnings", ExamineFlash(RawFlashOf(nand)).warnings}}, "the last 131072 bytes of its image"));
+        Warns(json{{"warnings", ExamineFlash(RawFlashOf(nand)).warnings}}, "push the last 131072 of 1966080 bytes"));
 }
 
 TEST_F(FlashTool, NeighboursInADataflashPageAreNamed) {
@@ -170,6 +170,63 @@ TEST_F(FlashTool, NeighboursInADataflashPageAreNamed) {
     EXPECT_TRUE(Warns(result.report(), "version record: page 61 holds 304 bytes of what lies before it"));
     EXPECT_TRUE(Warns(result.report(), "bootloader 1: page 4002 holds"));
     EXPECT_EQ(warnings(result.report()).size(), 2u);
+}
+
+TEST_F(FlashTool, AnImageIsWarnedOfTheHolesItWouldMeet) {
+    const struct {
+        const char *part; // null: NAND
+        std::vector<std::uint32_t> bad_blocks;
+        bool rescue;
+        std::uint32_t bytes;
+        std::vector<std::string> warnings; // as they begin
+    } rows[] = {
+        {nullptr, {1, 5, 20, 40}, false, 70'000, {}},
+        {nullptr,
+         {5},
+         false,
+         0x1C0001,
+         {"bootloader 0: bad blocks push the last 1 of 1835009 bytes on into bootloader 1"}},
+        {nullptr,
+         {20},
+         false,
+         0x1E0000,
+         {"bootloader 1: bad blocks push the last 131072 of 1966080 bytes on into rescue"}},
+        {nullptr, {5}, false, 0x1E0001, {"1966081 bytes fit neither bootloader slot"}},
+        {nullptr, {40}, true, 0xC00000, {"rescue: bad blocks push the last 131072 of 12582912 bytes on into the file"}},
+        {nullptr, {1}, true, 9'000, {"block 1 is bad"}},
+        {"AT45DB642", {}, false, 2001 * 1056 - 0x8000, {}},
+        {"AT45DB642",
+         {},
+         false,
+         2001 * 1056 - 0x8000 + 1,
+         {"bootloader 0: the last 1 of 2080289 bytes share page 2001"}},
+        {"AT45DB642", {}, false, 0x1FC001, {"bootloader 1: 2080769 bytes fit here alone"}},
+        {"AT45DB161", {}, false, 50'000, {"bootloader 0: 50000 bytes fit here alone"}},
+        {"AT45DB161", {}, true, 9'000, {"rescue: takes 0 bytes, not 9000"}},
+        {"AT45DB642", {}, true, 9'000, {}},
+    };
+    for (const auto &row : rows) {
+        NandContents nand;
+        At45Contents dataflash(*FindAt45Part(row.part ? row.part : kDefaultAt45));
+        for (const std::uint32_t block : row.bad_blocks) nand.make_factory_bad(block);
+        const RawFlash flash = row.part ? RawFlashOf(dataflash) : RawFlashOf(nand);
+        std::vector<std::string> found =
+            row.rescue ? WarningsOfRescue(flash, row.bytes) : WarningsOfBootloader(flash, row.bytes);
+        for (std::size_t n = 0; n < found.size() && n < row.warnings.size(); n++)
+            found[n].resize(std::min(found[n].size(), row.warnings[n].size()));
+        EXPECT_EQ(found, row.warnings) << row.bytes;
+    }
+    // What only the images on a chip show.
+    At45Contents chip(*FindAt45Part(kDefaultAt45));
+    const RawFlash flash = RawFlashOf(chip);
+    flash.write(0x404000, rescue);
+    flash.write(0x7F00, Bytes{'2', 0});
+    EXPECT_EQ(WarningsOfRescue(flash, 9'000, "2"), std::vector<std::string>{});
+    EXPECT_NE(WarningsOfRescue(flash, 9'000, "3").at(0).find("is replaced in place"), std::string::npos);
+    flash.write(0x204000, Wrap(Body(0x200000 - 32, 1)));
+    EXPECT_TRUE(Warns(json{{"warnings", ExamineFlash(flash).warnings}}, "bootloader 1: 2097152 bytes fit here alone"));
+    flash.write(0x404020, Bytes{0, 1, 2});
+    EXPECT_TRUE(Warns(json{{"warnings", ExamineFlash(flash).warnings}}, "rescue: no good image"));
 }
 
 TEST_F(FlashTool, WhatCannotWorkIsRefused) {

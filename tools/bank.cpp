@@ -3,6 +3,8 @@
 
 #include "bank_check.h"
 #include "bank_format.h"
+#include "chip_files.h"
+#include "firmware.h"
 #include "stored_image.h"
 
 #include <CLI/CLI.hpp>
@@ -22,6 +24,7 @@ struct BuildCall {
     std::string bootloader, bootloader_version;
     std::string rescue, rescue_version;
     std::vector<std::string> extras;
+    ChipFiles chips;
     bool json = false;
 };
 
@@ -79,20 +82,39 @@ void WriteBank(const fs::path &out, const std::vector<BankFile> &files) {
     bank.take_place();
 }
 
-// Slots that are too small for an image: a board that comes to choose one of them refuses the update.
-std::vector<std::string> Notes(const std::vector<BankFile> &files) {
-    std::vector<std::string> notes;
-    for (const BankFile &file : files) {
-        if (file.role != FileRole::bootloader && file.role != FileRole::rescue) continue;
-        for (const SlotFit &slot : ExamineImage(file.bytes).slots)
-            if (!slot.fits && std::string_view(slot.slot).starts_with(NameOf(file.role)))
-                notes.push_back(fmt::format("{}: {} bytes do not fit the slot {} of {}, {} bytes", file.path(),
-                                            file.bytes.size(), slot.slot, slot.medium, slot.capacity));
-    }
-    return notes;
+// A board compares the bank's text with what its bootloader says of itself.
+void WarnOfVersion(const BankFile &file, std::vector<std::string> &warnings) {
+    const Firmware *build =
+        KnownFirmware(FirmwareDirectory()).identify(std::span(file.bytes).subspan(fixture::kImageHeaderBytes));
+    if (!build) return;
+    const fixture::BootVersion &own = build->version;
+    const std::string version = fmt::format("{}.{}.{}", own.major, own.minor, own.build);
+    if (version != file.version)
+        warnings.push_back(fmt::format("{}: is version {}, not {}; a board would store it and reset at every start, "
+                                       "and never launch the application",
+                                       file.path(), version, file.version));
 }
 
-ordered_json ToJson(const std::string &out, const std::vector<BankFile> &files) {
+// What the bank's images would meet on the named board, or on a new one.
+std::vector<std::string> WarningsOf(const BuildCall &call, const std::vector<BankFile> &files) {
+    std::vector<std::string> all;
+    const auto add = [&](const BankFile &file, const RawFlash &flash, const std::vector<std::string> &warnings) {
+        for (const std::string &warning : warnings)
+            all.push_back(fmt::format("{} on {}: {}", file.path(), NameOf(flash.medium), warning));
+    };
+    for (const BankFile &file : files) {
+        const auto bytes = static_cast<std::uint32_t>(file.bytes.size());
+        if (file.role == FileRole::bootloader) WarnOfVersion(file, all);
+        ForEachChip(call.chips, [&](const RawFlash &flash) {
+            if (file.role == FileRole::bootloader) add(file, flash, WarningsOfBootloader(flash, bytes));
+            if (file.role == FileRole::rescue) add(file, flash, WarningsOfRescue(flash, bytes, file.version));
+        });
+    }
+    return all;
+}
+
+ordered_json ToJson(const std::string &out, const std::vector<BankFile> &files,
+                    const std::vector<std::string> &warnings) {
     ordered_json json{{"bank", out}, {"files", ordered_json::array()}};
     for (const BankFile &file : files)
         json["files"].push_back({{"role", NameOf(file.role)},
@@ -100,7 +122,7 @@ ordered_json ToJson(const std::string &out, const std::vector<BankFile> &files) 
                                  {"size", file.bytes.size()},
                                  {"byte_sum", ByteSum(file.bytes)},
                                  {"version", file.version}});
-    json["notes"] = Notes(files);
+    json["warnings"] = warnings;
     return json;
 }
 
@@ -112,18 +134,20 @@ void PrintFiles(const std::string &out, const std::vector<BankFile> &files) {
     for (const BankFile &file : files)
         fmt::print("  {:<12} {:<{}} {:>10} {:>10}  {}\n", NameOf(file.role), file.path(), width, file.bytes.size(),
                    ByteSum(file.bytes), file.version);
-    for (const std::string &note : Notes(files)) fmt::print("  note: {}\n", note);
 }
 
 int Build(const BuildCall &call) {
     CheckReplaceable(call.out);
     const std::vector<BankFile> files = ReadFiles(call);
     CheckBankFiles(files);
+    const std::vector<std::string> warnings = WarningsOf(call, files);
     WriteBank(call.out, files);
-    if (call.json)
-        fmt::print("{}\n", Dump(ToJson(call.out, files)));
-    else
+    if (call.json) {
+        fmt::print("{}\n", Dump(ToJson(call.out, files, warnings)));
+    } else {
         PrintFiles(call.out, files);
+        PrintWarnings(call.out, warnings);
+    }
     return 0;
 }
 
@@ -216,6 +240,8 @@ void AddBuild(CLI::App &bank, int &exit_status) {
     rescue->needs(version);
     version->needs(rescue);
     build->add_option("--extra", call->extras, "further files, as they are");
+    call->chips.add_options(
+        *build->add_option_group("Board", "the chips that warnings speak of; new ones where none are named"));
     build->add_flag("--json", call->json, "report as one JSON object");
     build->callback([call, &exit_status] { exit_status = Build(*call); });
 }

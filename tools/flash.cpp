@@ -1,9 +1,7 @@
 // fixture flash: makes a board's raw flash as production would, and says what is in one.
 #include "commands.h"
 
-#include "at45.h"
-#include "flash_report.h"
-#include "nand.h"
+#include "chip_files.h"
 #include "stored_image.h"
 
 #include <CLI/CLI.hpp>
@@ -13,51 +11,18 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
-using fixture::At45Contents;
 using fixture::Medium;
-using fixture::NandContents;
 
 namespace {
 
 struct FlashCall {
     std::string medium;
-    std::string nand;
-    std::string dataflash;
-    std::vector<std::string> parts;
+    ChipFiles chips;
     std::string bootloader;
     std::string rescue;
     unsigned slot = 0;
     bool json = false;
 };
-
-// The part that a chip file stands for: the one that was named, or the usual one.
-template <typename Part>
-const Part *PartOf(const FlashCall &call, const Part *(*find)(std::string_view), const char *usual) {
-    for (const std::string &name : call.parts)
-        if (const Part *named = find(name)) return named;
-    return find(usual);
-}
-
-template <typename Contents> Contents Load(Contents contents, const std::string &file) {
-    try {
-        contents.load(file);
-    } catch (const std::runtime_error &error) {
-        throw Refusal(error.what());
-    }
-    return contents;
-}
-NandContents LoadNand(const FlashCall &call) {
-    return Load(NandContents(PartOf(call, fixture::FindNandPart, fixture::kDefaultNand)), call.nand);
-}
-At45Contents LoadDataflash(const FlashCall &call) {
-    return Load(At45Contents(*PartOf(call, fixture::FindAt45Part, fixture::kDefaultAt45)), call.dataflash);
-}
-
-void CheckParts(const FlashCall &call) {
-    for (const std::string &name : call.parts)
-        if (!fixture::FindNandPart(name) && !fixture::FindAt45Part(name))
-            throw CLI::ValidationError("--part", name + ": no such chip");
-}
 
 nlohmann::ordered_json ToJson(const SlotReport &report) {
     const fixture::StoredImage &image = report.image;
@@ -104,7 +69,7 @@ void Print(const FlashReport &report) {
                    report.bad_blocks.empty() ? "none" : fmt::format("{}", fmt::join(report.bad_blocks, ", ")));
     fmt::print("  the first stage starts {}\n",
                report.first_stage ? report.slots[*report.first_stage].slot.name : "nothing: no good bootloader");
-    for (const std::string &warning : report.warnings) fmt::print("  warning: {}\n", warning);
+    PrintWarnings(NameOf(report.medium), report.warnings);
 }
 
 int Show(const std::vector<FlashReport> &reports, bool json) {
@@ -122,17 +87,9 @@ int Show(const std::vector<FlashReport> &reports, bool json) {
 }
 
 int ShowFlash(const FlashCall &call) {
-    CheckParts(call);
-    if (call.nand.empty() && call.dataflash.empty()) throw CLI::RequiredError("--nand or --dataflash");
+    if (!call.chips.named()) throw CLI::RequiredError("--nand or --dataflash");
     std::vector<FlashReport> reports;
-    if (!call.nand.empty()) {
-        NandContents contents = LoadNand(call);
-        reports.push_back(ExamineFlash(RawFlashOf(contents)));
-    }
-    if (!call.dataflash.empty()) {
-        At45Contents contents = LoadDataflash(call);
-        reports.push_back(ExamineFlash(RawFlashOf(contents)));
-    }
+    ForEachChip(call.chips, [&](const RawFlash &flash) { reports.push_back(ExamineFlash(flash)); });
     return Show(reports, call.json);
 }
 
@@ -165,16 +122,16 @@ FlashReport ProvisionChip(Contents contents, const std::string &file, const Prov
 }
 
 int ProvisionFlash(const FlashCall &call) {
-    CheckParts(call);
+    const ChipFiles &chips = call.chips;
     const bool nand = call.medium == "nand";
-    if ((nand ? call.nand : call.dataflash).empty()) throw CLI::RequiredError("--" + call.medium);
+    if ((nand ? chips.nand : chips.dataflash).empty()) throw CLI::RequiredError("--" + call.medium);
     const Provision provision = ReadProvision(call);
-    const FlashReport report = nand ? ProvisionChip(LoadNand(call), call.nand, provision)
-                                    : ProvisionChip(LoadDataflash(call), call.dataflash, provision);
+    const FlashReport report = nand ? ProvisionChip(LoadNand(chips), chips.nand, provision)
+                                    : ProvisionChip(LoadDataflash(chips), chips.dataflash, provision);
     // The other chip comes erased with the board.
-    if (nand && !call.dataflash.empty() && !std::filesystem::exists(call.dataflash))
-        LoadDataflash(call).save(call.dataflash);
-    if (!nand && !call.nand.empty() && !std::filesystem::exists(call.nand)) LoadNand(call).save(call.nand);
+    if (nand && !chips.dataflash.empty() && !std::filesystem::exists(chips.dataflash))
+        LoadDataflash(chips).save(chips.dataflash);
+    if (!nand && !chips.nand.empty() && !std::filesystem::exists(chips.nand)) LoadNand(chips).save(chips.nand);
     return Show({report}, call.json);
 }
 
@@ -184,17 +141,11 @@ void AddFlashCommand(CLI::App &app, int &exit_status) {
     auto call = std::make_shared<FlashCall>();
     CLI::App *command = app.add_subcommand("flash", "Raw flash: the slots of a board's chips");
     command->require_subcommand(1);
-    const auto common = [&](CLI::App *sub) {
-        sub->add_option("--part", call->parts, "chip that a file stands for, where it is not the usual one");
-        sub->add_flag("--json", call->json, "report as one JSON object");
-    };
-
     CLI::App *provision = command->add_subcommand("provision", "Store a bootloader as production does");
     provision->add_option("--medium", call->medium, "chip the board boots from")
         ->required()
         ->check(CLI::IsMember({"nand", "dataflash"}));
-    provision->add_option("--nand", call->nand, "NAND chip file; made, or changed in the named slots only");
-    provision->add_option("--dataflash", call->dataflash, "DataFlash chip file; likewise");
+    call->chips.add_options(*provision, false);
     provision->add_option("--bootloader", call->bootloader, "stored image, flat binary or ELF")
         ->required()
         ->check(CLI::ExistingFile);
@@ -202,12 +153,11 @@ void AddFlashCommand(CLI::App &app, int &exit_status) {
         ->check(CLI::Range(0, 1))
         ->capture_default_str();
     provision->add_option("--rescue", call->rescue, "FILE:VERSION: rescue image, and the version to record");
-    common(provision);
+    provision->add_flag("--json", call->json, "report as one JSON object");
     provision->callback([call, &exit_status] { exit_status = ProvisionFlash(*call); });
 
     CLI::App *info = command->add_subcommand("info", "Show every slot, and what can still go wrong");
-    info->add_option("--nand", call->nand, "NAND chip file")->check(CLI::ExistingFile);
-    info->add_option("--dataflash", call->dataflash, "DataFlash chip file")->check(CLI::ExistingFile);
-    common(info);
+    call->chips.add_options(*info);
+    info->add_flag("--json", call->json, "report as one JSON object");
     info->callback([call, &exit_status] { exit_status = ShowFlash(*call); });
 }

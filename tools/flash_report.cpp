@@ -4,6 +4,7 @@
 #include "nand.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <fmt/format.h>
 
 using fixture::Medium;
@@ -60,40 +61,71 @@ std::size_t UsedBytes(const RawFlash &flash, std::uint32_t from, std::uint32_t t
     return bytes.size() - static_cast<std::size_t>(std::count(bytes.begin(), bytes.end(), std::uint8_t{0xFF}));
 }
 
-void WarnOfBadBlocks(const RawFlash &flash, const SlotReport &report, std::vector<std::string> &warnings) {
-    const std::uint32_t bad = BadBlocksIn(flash, report.slot);
-    if (bad == 0) return;
-    warnings.push_back(fmt::format("{}: {} bad block{} inside it; an image above {} bytes runs into what follows",
-                                   report.slot.name, bad, bad == 1 ? "" : "s", report.room));
-    if (report.image.verdict == fixture::ImageVerdict::good && report.image.size > report.room)
-        warnings.push_back(
-            fmt::format("{}: the last {} bytes of its image lie in what follows and are lost when that is "
-                        "written",
-                        report.slot.name, report.image.size - report.room));
+// --- the holes, each named with the place it is in
+
+using Warnings = std::vector<std::string>;
+
+// What lies behind a slot.
+const char *Behind(const RawFlash &flash, const Slot &slot) {
+    const SlotTable &table = SlotsOf(flash.medium);
+    for (const Slot &next : {table.bootloader[1], table.rescue})
+        if (next.address == slot.address + slot.capacity) return next.name;
+    return "the file system's part";
 }
 
-void WarnOfRecordBlock(const RawFlash &flash, std::vector<std::string> &warnings) {
-    if (IsBad(flash, kRecordBlock))
+// The largest image that an update tries to store; bad blocks do not stop it.
+std::uint32_t MostIn(const RawFlash &flash, const Slot &slot) {
+    return flash.medium == Medium::nand ? slot.capacity : RoomIn(flash, slot);
+}
+
+void WarnOfBadBlocks(const RawFlash &flash, const Slot &slot, Warnings &warnings) {
+    const std::uint32_t bad = BadBlocksIn(flash, slot);
+    if (bad > 0)
+        warnings.push_back(fmt::format("{}: {} bad block{} inside it; an image above {} bytes runs on into {}",
+                                       slot.name, bad, bad == 1 ? "" : "s", RoomIn(flash, slot), Behind(flash, slot)));
+}
+
+void WarnOfPushedTail(const RawFlash &flash, const Slot &slot, std::uint32_t bytes, Warnings &warnings) {
+    const std::uint32_t room = RoomIn(flash, slot);
+    if (flash.medium == Medium::nand && bytes > room && bytes <= slot.capacity)
+        warnings.push_back(fmt::format("{}: bad blocks push the last {} of {} bytes on into {}; of the two, what is "
+                                       "written last destroys the other",
+                                       slot.name, bytes - room, bytes, Behind(flash, slot)));
+}
+
+void WarnOfRecordBlock(const RawFlash &flash, Warnings &warnings) {
+    if (flash.medium == Medium::nand && IsBad(flash, kRecordBlock))
         warnings.push_back("block 1 is bad: the version record would lie in bootloader slot 0, so the rescue image is "
                            "not updated while a bootloader is there");
 }
 
 // A page is rewritten as a whole, so a power cut takes with it what it holds of a neighbour.
-void WarnOfSharedPages(const RawFlash &flash, const Slot &slot, std::vector<std::string> &warnings) {
+void WarnOfSharedHead(const RawFlash &flash, const Slot &slot, Warnings &warnings) {
+    if (flash.medium == Medium::nand || slot.address >= flash.bytes) return;
     const std::uint32_t page = slot.address / flash.unit;
-    const std::uint32_t begin = page * flash.unit;
-    if (slot.address >= flash.bytes) return;
-    const std::size_t before = UsedBytes(flash, begin, slot.address);
+    const std::size_t before = UsedBytes(flash, page * flash.unit, slot.address);
     if (before > 0)
         warnings.push_back(fmt::format("{}: page {} holds {} bytes of what lies before it; a power cut while one is "
                                        "written can destroy the other",
                                        slot.name, page, before));
 }
 
-void WarnBehindRecord(const RawFlash &flash, const Slot &record, std::vector<std::string> &warnings) {
-    const std::uint32_t end = record.address + record.capacity;
+void WarnOfSharedTail(const RawFlash &flash, const Slot &slot, std::uint32_t bytes, Warnings &warnings) {
+    const std::uint32_t next = slot.address + slot.capacity;
+    const std::uint32_t page = next / flash.unit;
+    if (flash.medium == Medium::nand || slot.address + bytes <= page * flash.unit) return;
+    warnings.push_back(fmt::format("{}: the last {} of {} bytes share page {} with {}; a power cut while one is "
+                                   "written can destroy the other",
+                                   slot.name, slot.address + bytes - page * flash.unit, bytes, page,
+                                   Behind(flash, slot)));
+}
+
+void WarnOfRecordPage(const RawFlash &flash, Warnings &warnings) {
+    if (flash.medium == Medium::nand) return;
+    const Slot &record = SlotsOf(flash.medium).record;
+    WarnOfSharedHead(flash, record, warnings);
     const std::uint32_t page = record.address / flash.unit;
-    const std::size_t behind = UsedBytes(flash, end, (page + 1) * flash.unit);
+    const std::size_t behind = UsedBytes(flash, record.address + record.capacity, (page + 1) * flash.unit);
     if (behind > 0)
         warnings.push_back(
             fmt::format("version record: page {} holds {} bytes of what lies behind it; a power cut while "
@@ -101,27 +133,54 @@ void WarnBehindRecord(const RawFlash &flash, const Slot &record, std::vector<std
                         page, behind));
 }
 
-void WarnOfChipEnd(const SlotReport &report, std::vector<std::string> &warnings) {
+void WarnOfOnlySlot(const RawFlash &flash, std::uint32_t bytes, Warnings &warnings) {
+    const auto &slots = SlotsOf(flash.medium).bootloader;
+    const bool fits[2] = {bytes <= MostIn(flash, slots[0]), bytes <= MostIn(flash, slots[1])};
+    if (fits[0] == fits[1]) return;
+    warnings.push_back(
+        fmt::format("{}: {} bytes fit here alone; a board that starts from here refuses such an update{}",
+                    slots[fits[1]].name, bytes,
+                    fits[1] ? ", and one whose power goes before the old bootloader is retired keeps the "
+                              "old one"
+                            : ""));
+}
+
+void WarnOfChipEnd(const SlotReport &report, Warnings &warnings) {
     if (report.room >= fixture::kImageHeaderBytes) return;
     warnings.push_back(fmt::format("{}: beyond the end of the chip", report.slot.name));
 }
 
-std::vector<std::string> WarningsOf(const RawFlash &flash, const FlashReport &report) {
-    const SlotTable &table = SlotsOf(flash.medium);
-    std::vector<std::string> warnings;
-    if (flash.medium == Medium::nand) WarnOfRecordBlock(flash, warnings);
-    if (flash.medium == Medium::dataflash) {
-        WarnOfSharedPages(flash, table.record, warnings);
-        WarnBehindRecord(flash, table.record, warnings);
-    }
+// There is one rescue slot, and a cut update leaves no image in it.
+void WarnOfLostRescue(const FlashReport &report, Warnings &warnings) {
+    const fixture::ImageVerdict verdict = report.slots.back().image.verdict;
+    if (verdict == fixture::ImageVerdict::good || (verdict == fixture::ImageVerdict::erased && report.record.empty()))
+        return;
+    const std::string same = report.record.empty() ? "" : fmt::format(", unless its version is \"{}\"", report.record);
+    warnings.push_back("rescue: no good image, as a power cut while one is stored leaves it; the next boot with a bank "
+                       "that carries one stores it" +
+                       same);
+}
+
+Warnings WarningsOf(const RawFlash &flash, const FlashReport &report) {
+    Warnings warnings;
+    WarnOfRecordBlock(flash, warnings);
+    WarnOfRecordPage(flash, warnings);
     for (const SlotReport &slot : report.slots) {
         WarnOfChipEnd(slot, warnings);
-        if (flash.medium == Medium::nand)
-            WarnOfBadBlocks(flash, slot, warnings);
-        else
-            WarnOfSharedPages(flash, slot.slot, warnings);
+        WarnOfBadBlocks(flash, slot.slot, warnings);
+        WarnOfSharedHead(flash, slot.slot, warnings);
+        if (slot.image.verdict != fixture::ImageVerdict::good) continue;
+        WarnOfPushedTail(flash, slot.slot, slot.image.size, warnings);
+        if (&slot != &report.slots.back()) WarnOfOnlySlot(flash, slot.image.size, warnings);
     }
+    WarnOfLostRescue(report, warnings);
     return warnings;
+}
+
+std::string RecordIn(const RawFlash &flash) {
+    const Slot &slot = SlotsOf(flash.medium).record;
+    const std::string record = RecordText(flash.read(slot.address, slot.capacity));
+    return record == kNoRecord ? "" : record;
 }
 
 void RefuseUnlessItFits(const RawFlash &flash, const Slot &slot, const Bytes &image) {
@@ -199,11 +258,46 @@ FlashReport ExamineFlash(const RawFlash &flash) {
     FlashReport report{flash.medium, flash.part, flash.bad_blocks, {}, "", {}, {}};
     for (const Slot &slot : {table.bootloader[0], table.bootloader[1], RescueOn(flash)})
         report.slots.push_back({slot, RoomIn(flash, slot), ReadSlot(flash.read, slot)});
-    const std::string record = RecordText(flash.read(table.record.address, table.record.capacity));
-    if (record != kNoRecord) report.record = record;
+    report.record = RecordIn(flash);
     report.first_stage = ChooseBootloader(flash.read, table);
     report.warnings = WarningsOf(flash, report);
     return report;
+}
+
+std::vector<std::string> WarningsOfBootloader(const RawFlash &flash, std::uint32_t bytes) {
+    Warnings warnings;
+    bool fits = false;
+    for (const Slot &slot : SlotsOf(flash.medium).bootloader) {
+        if (bytes > MostIn(flash, slot)) continue;
+        fits = true;
+        WarnOfPushedTail(flash, slot, bytes, warnings);
+        WarnOfSharedHead(flash, slot, warnings);
+        WarnOfSharedTail(flash, slot, bytes, warnings);
+    }
+    WarnOfOnlySlot(flash, bytes, warnings);
+    if (!fits) warnings.push_back(fmt::format("{} bytes fit neither bootloader slot; the update is refused", bytes));
+    return warnings;
+}
+
+std::vector<std::string> WarningsOfRescue(const RawFlash &flash, std::uint32_t bytes, const std::string &version) {
+    const Slot slot = RescueOn(flash);
+    if (bytes > MostIn(flash, slot))
+        return {fmt::format("rescue: takes {} bytes, not {}; the update is refused", MostIn(flash, slot), bytes)};
+    Warnings warnings;
+    WarnOfPushedTail(flash, slot, bytes, warnings);
+    WarnOfSharedHead(flash, slot, warnings);
+    WarnOfRecordBlock(flash, warnings);
+    WarnOfRecordPage(flash, warnings);
+    const bool replaces = ReadSlot(flash.read, slot).verdict == fixture::ImageVerdict::good;
+    if (replaces && !version.empty() && version != RecordIn(flash))
+        warnings.push_back("rescue: the image there is replaced in place; a power cut meanwhile leaves none until the "
+                           "next boot with this bank");
+    return warnings;
+}
+
+void PrintWarnings(const std::string &place, const std::vector<std::string> &warnings) {
+    std::fflush(stdout);
+    for (const std::string &warning : warnings) fmt::print(stderr, "warning: {}: {}\n", place, warning);
 }
 
 void StoreProvision(const RawFlash &flash, const Provision &provision) {

@@ -51,6 +51,15 @@ struct FlashReport {
 };
 FlashReport ExamineFlash(const RawFlash &flash);
 
+// What an image of `bytes` bytes, header and all, would meet on a chip when an update stores it: which slots it does
+// not fit, where bad blocks push it on, with whom it shares a page. A rescue image's version, where it is known, tells
+// whether it replaces another one.
+std::vector<std::string> WarningsOfBootloader(const RawFlash &flash, std::uint32_t bytes);
+std::vector<std::string> WarningsOfRescue(const RawFlash &flash, std::uint32_t bytes, const std::string &version = "");
+
+// To standard error, a line each: "warning: PLACE: TEXT".
+void PrintWarnings(const std::string &place, const std::vector<std::string> &warnings);
+
 struct Provision {
     unsigned slot = 0;
     Bytes bootloader; // stored images, header and all

@@ -1,9 +1,11 @@
 // fixture image: gives images the header that they carry in raw flash, and says what is in one.
 #include "commands.h"
 
+#include "chip_files.h"
 #include "stored_image.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <fmt/format.h>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -15,10 +17,32 @@ constexpr std::uintmax_t kLargestFile = 64u << 20;
 struct ImageCall {
     std::string input;
     std::string output;
+    ChipFiles chips;
     bool json = false;
 };
 
-nlohmann::ordered_json ToJson(const std::string &file, const ImageReport &report) {
+// What the image would meet on the named board, or on a new one, as whatever its size lets it be.
+std::vector<std::string> WarningsOf(const ImageCall &call, const ImageReport &image) {
+    std::vector<std::string> all;
+    const auto fits = [&](std::string_view name) {
+        return std::any_of(image.slots.begin(), image.slots.end(), [&](const SlotFit &slot) {
+            return slot.fits && std::string_view(slot.slot).starts_with(name);
+        });
+    };
+    if (!image.good()) return all;
+    ForEachChip(call.chips, [&](const RawFlash &flash) {
+        const auto add = [&](const std::vector<std::string> &warnings) {
+            for (const std::string &warning : warnings)
+                all.push_back(fmt::format("{}: {}", NameOf(flash.medium), warning));
+        };
+        if (fits("bootloader")) add(WarningsOfBootloader(flash, image.size));
+        if (fits("rescue")) add(WarningsOfRescue(flash, image.size));
+    });
+    return all;
+}
+
+nlohmann::ordered_json ToJson(const std::string &file, const ImageReport &report,
+                              const std::vector<std::string> &warnings) {
     nlohmann::ordered_json json{{"file", file}, {"good", report.good()}};
     for (const ImageField &field : report.fields) {
         json["fields"][field.name] = {{"value", field.value}, {"valid", field.valid}};
@@ -30,6 +54,7 @@ nlohmann::ordered_json ToJson(const std::string &file, const ImageReport &report
     for (const SlotFit &slot : report.slots)
         json["slots"].push_back(
             {{"medium", slot.medium}, {"slot", slot.slot}, {"capacity", slot.capacity}, {"fits", slot.fits}});
+    json["warnings"] = warnings;
     return json;
 }
 
@@ -44,22 +69,25 @@ void PrintReport(const std::string &file, const ImageReport &report) {
                    slot.fits ? "fits" : "too large");
 }
 
-int Show(const std::string &file, const ImageReport &report, bool json) {
-    if (json)
-        fmt::print("{}\n", ToJson(file, report).dump(2, ' ', true, nlohmann::json::error_handler_t::replace));
-    else
+int Show(const ImageCall &call, const std::string &file, const ImageReport &report) {
+    const std::vector<std::string> warnings = WarningsOf(call, report);
+    if (call.json) {
+        fmt::print("{}\n", ToJson(file, report, warnings).dump(2, ' ', true, nlohmann::json::error_handler_t::replace));
+    } else {
         PrintReport(file, report);
+        PrintWarnings(file, warnings);
+    }
     return report.good() ? 0 : 1;
 }
 
 int WrapImage(const ImageCall &call) {
     const Bytes image = WrapFile(call.input);
     WriteFile(call.output, image);
-    return Show(call.output, ExamineImage(image), call.json);
+    return Show(call, call.output, ExamineImage(image));
 }
 
 int ShowImage(const ImageCall &call) {
-    return Show(call.input, ExamineImage(ReadFile(call.input, kLargestFile)), call.json);
+    return Show(call, call.input, ExamineImage(ReadFile(call.input, kLargestFile)));
 }
 
 } // namespace
@@ -77,6 +105,8 @@ void AddImageCommand(CLI::App &app, int &exit_status) {
 
     CLI::App *info = command->add_subcommand("info", "Show and check a stored image");
     info->add_option("FILE", call->input, "stored image")->required();
+    call->chips.add_options(
+        *info->add_option_group("Board", "the chips that warnings speak of; new ones where none are named"));
     info->add_flag("--json", call->json, "report as one JSON object");
     info->callback([call, &exit_status] { exit_status = ShowImage(*call); });
 }
