@@ -38,7 +38,7 @@ protected:
                 {"--bootloader-version", "1.9.0"}, {"--rescue", in("help.img")}, {"--rescue-version", "7"}};
     }
     CommandResult build(const Options &options) const {
-        std::vector<std::string> call = {"bank", "build", out()};
+        std::vector<std::string> call = {"bank", "build", "--json", out()};
         for (const auto &[name, value] : options) {
             if (value.empty()) continue;
             call.push_back(name);
@@ -144,14 +144,14 @@ TEST_F(BankCommand, RefusesWhatCannotWork) {
     }
     Options large = good();
     large["--bootloader"] = write("large.img", std::string(0x1FC000 - 31, 'b'));
-    EXPECT_NE(build(large).error.find("large.img on DataFlash: bootloader 1: 2080769 bytes fit here alone"),
+    EXPECT_NE(build(large).output.find("large.img on DataFlash: bootloader 1: 2080769 bytes fit here alone"),
               std::string::npos);
     Options other = good();
     other["--bootloader"] = (FirmwareDirectory() / "bootloader.bin").string();
     other["--bootloader-version"] = "2.0.0";
-    EXPECT_NE(build(other).error.find("is version 1.9.0, not 2.0.0"), std::string::npos);
+    EXPECT_NE(build(other).output.find("is version 1.9.0, not 2.0.0"), std::string::npos);
     other["--bootloader-version"] = "1.9.0";
-    EXPECT_EQ(build(other).error, "");
+    EXPECT_NE(build(other).output.find("\"warnings\": []"), std::string::npos);
     fs::remove_all(out());
     here_.write("data/app/precious.txt", "not a bank");
     EXPECT_EQ(build(good()).exit_status, 2) << "what is no bank is not replaced";

@@ -11,7 +11,7 @@
 struct CommandResult {
     int exit_status = 0;
     std::string output; // standard output
-    std::string error;  // the message of a refusal or of a wrong call; else standard error
+    std::string error;  // the message of a refusal or of a wrong call
 };
 
 inline CommandResult RunCommand(void (*add)(CLI::App &, int &), std::vector<std::string> arguments) {
@@ -20,7 +20,6 @@ inline CommandResult RunCommand(void (*add)(CLI::App &, int &), std::vector<std:
     add(app, result.exit_status);
     std::reverse(arguments.begin(), arguments.end()); // as the parser wants them
     testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
     try {
         app.parse(arguments);
     } catch (const Refusal &refusal) {
@@ -29,6 +28,5 @@ inline CommandResult RunCommand(void (*add)(CLI::App &, int &), std::vector<std:
         result = {2, "", error.what()};
     }
     result.output = testing::internal::GetCapturedStdout();
-    result.error += testing::internal::GetCapturedStderr();
     return result;
 }

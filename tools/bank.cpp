@@ -84,8 +84,8 @@ void WriteBank(const fs::path &out, const std::vector<BankFile> &files) {
 
 // A board compares the bank's text with what its bootloader says of itself.
 void WarnOfVersion(const BankFile &file, std::vector<std::string> &warnings) {
-    const Firmware *build =
-        KnownFirmware(FirmwareDirectory()).identify(std::span(file.bytes).subspan(fixture::kImageHeaderBytes));
+    const KnownFirmware known(FirmwareDirectory());
+    const Firmware *build = known.identify(std::span(file.bytes).subspan(fixture::kImageHeaderBytes));
     if (!build) return;
     const fixture::BootVersion &own = build->version;
     const std::string version = fmt::format("{}.{}.{}", own.major, own.minor, own.build);

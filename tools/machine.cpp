@@ -8,7 +8,6 @@
 #include <cstring>
 #include <fmt/format.h>
 #include <fstream>
-#include <iterator>
 #include <stdexcept>
 
 using namespace fixture;
@@ -122,10 +121,11 @@ StageResult Machine::run_bootloader(const Firmware &firmware) {
 
 void Machine::name_launched() {
     const std::filesystem::path path = volume_.last_opened_file();
-    std::ifstream stream(path, std::ios::binary);
-    const std::vector<char> bytes{std::istreambuf_iterator<char>(stream), {}};
     const std::span<std::uint8_t> buffer = board_.memory.memory().at(kLoadBuffer, HandoverCache::kBytes);
-    if (!bytes.empty() && bytes.size() <= buffer.size() &&
+    std::error_code none;
+    const std::uintmax_t size = std::filesystem::file_size(path, none);
+    std::vector<char> bytes(none || size > buffer.size() ? 0 : size);
+    if (!bytes.empty() && std::ifstream(path, std::ios::binary).read(bytes.data(), std::ssize(bytes)) &&
         std::memcmp(bytes.data(), buffer.data(), bytes.size()) == 0) {
         report_.launched = volume_.last_opened();
         report_.launched_bytes = static_cast<std::uint32_t>(bytes.size());
