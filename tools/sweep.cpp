@@ -39,9 +39,18 @@ void ShowProgress(const SweepProgress &now) {
     std::fflush(stderr);
 }
 
+// On a terminal a bar that stays in its place; into a file a line every minute.
 std::function<void(const SweepProgress &)> Progress() {
-    if (!isatty(fileno(stderr))) return {};
-    return ShowProgress;
+    if (isatty(fileno(stderr))) return ShowProgress;
+    return [told = 0.0](const SweepProgress &now) mutable {
+        constexpr double kEvery = 60;
+        if (now.seconds < told) told = 0; // the next sweep
+        if (now.seconds < told + kEvery) return;
+        told = now.seconds;
+        fmt::print(stderr, "{:.0f} s: {} of {} parts, {} cases, {:.0f} boots/s\n", now.seconds, now.units_done,
+                   now.units, now.cases, static_cast<double>(now.boots) / now.seconds);
+        std::fflush(stderr);
+    };
 }
 
 int List(const std::vector<Scenario> &scenarios) {

@@ -110,6 +110,9 @@ public:
 
 private:
     struct PowerUp;
+    struct Old {
+        bool rescue, parameters;
+    };
     PowerUp power_up(fixture::Chips &chips, unsigned number,
                      const std::function<void(fixture::PowerSupply &)> &prepare);
     RunReport commit(Machine &machine) const;
@@ -117,7 +120,9 @@ private:
     bool check_outside(const fixture::Chips &chips, Judgement &judgement) const;
     void check_rescue_gap(const fixture::Chips &chips, Judgement &judgement) const;
     bool may_touch(const fixture::ChipOperation &operation) const;
-    bool settled(const fixture::Chips &chips, const PowerUp &last, Judgement &judgement, bool last_boot) const;
+    bool settled(const fixture::Chips &chips, const PowerUp &last, Judgement &judgement, Old old) const;
+    PowerUp boot_once(fixture::Chips &chips, unsigned number, Judgement &judgement);
+    Judgement boot_hostile(fixture::Chips chips, unsigned number);
     Judgement boot_on(fixture::Chips chips, unsigned number);
 
     const World &world_;

@@ -164,7 +164,8 @@ std::vector<Variant> LostPrograms(const SweepFirmware &firmware) {
     for (unsigned n = 0; n < programs; n++) {
         At45Fault fault;
         fault.skip = n;
-        variants.push_back({fmt::format("{}", n), {.medium = Medium::dataflash, .dataflash_faults = {fault}}});
+        variants.push_back(
+            {fmt::format("{}", n), {.medium = Medium::dataflash, .dataflash_faults = {fault}}, nullptr, kSample});
     }
     return variants;
 }
@@ -265,6 +266,14 @@ std::vector<Variant> Holes() {
     return holes;
 }
 
+std::vector<Variant> Hostile() {
+    constexpr unsigned kBoards = 500;
+    std::vector<Variant> variants;
+    for (unsigned seed = 1; seed <= kBoards; seed++)
+        variants.push_back({fmt::format("{}", seed), {.hostile = seed}, nullptr, 2});
+    return variants;
+}
+
 } // namespace
 
 std::vector<Scenario> AllScenarios(const SweepFirmware &firmware) {
@@ -291,6 +300,7 @@ std::vector<Scenario> AllScenarios(const SweepFirmware &firmware) {
         {"nand-rescue-edge", "rescue images that end at an edge on NAND", RescueEdges(nand)},
         {"dataflash-rescue-edge", "rescue images that end at an edge on DataFlash", RescueEdges(flash)},
         {"holes", "where the layout of the flash leaves a hole", Holes()},
+        {"hostile", "chips and files that nobody means well with", Hostile()},
     };
 }
 
@@ -299,13 +309,18 @@ std::vector<Scenario> FindScenarios(const std::vector<std::string> &names, const
     std::vector<Scenario> found;
     for (const std::string &name : names) {
         const std::string scenario = name.substr(0, name.find('/'));
-        const auto row = std::find_if(all.begin(), all.end(), [&](const Scenario &s) { return s.name == scenario; });
+        const auto has_name = [&](const Scenario &s) { return s.name == scenario; };
+        const auto row = std::find_if(all.begin(), all.end(), has_name);
         if (row == all.end()) throw std::runtime_error(fmt::format("no scenario \"{}\"; see sweep --list", scenario));
-        found.push_back(*row);
-        if (scenario == name) continue;
-        std::vector<Variant> &variants = found.back().variants;
-        std::erase_if(variants, [&](const Variant &v) { return v.label != name.substr(scenario.size() + 1); });
+        std::vector<Variant> variants = row->variants;
+        if (scenario != name)
+            std::erase_if(variants, [&](const Variant &v) { return v.label != name.substr(scenario.size() + 1); });
         if (variants.empty()) throw std::runtime_error(fmt::format("no variant \"{}\"; see sweep --list", name));
+        const auto before = std::find_if(found.begin(), found.end(), has_name);
+        if (before == found.end())
+            found.push_back({row->name, row->summary, variants});
+        else
+            before->variants.insert(before->variants.end(), variants.begin(), variants.end());
     }
     return found;
 }

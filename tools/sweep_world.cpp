@@ -3,6 +3,7 @@
 #include "bank_format.h"
 #include "eeprom_store.h"
 #include "flash_report.h"
+#include "sweep_hostile.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -52,17 +53,6 @@ Bytes SlotBytes(SlotState state, const Bytes &running, const Bytes &updated) {
     if (state == SlotState::endless) bytes[23] = 0xFF; // the top of its length
     if (state == SlotState::broken) bytes[bytes.size() / 2] ^= 0x40;
     return bytes;
-}
-
-// A directory of this process that goes when nobody needs it any more.
-std::shared_ptr<const fs::path> TemporaryVolume() {
-    std::string name = (fs::temp_directory_path() / "fixture-sweep-XXXXXX").string();
-    if (!mkdtemp(name.data())) throw std::runtime_error(name + ": cannot be made");
-    return {new fs::path(name), [](const fs::path *path) {
-                std::error_code error;
-                fs::remove_all(*path, error);
-                delete path;
-            }};
 }
 
 std::shared_ptr<const fs::path> VolumeWith(const std::vector<BankFile> &files) {
@@ -224,4 +214,16 @@ const Firmware &SweepFirmware::version(int build) const {
     throw std::runtime_error(fmt::format("no build 1.9.{} of the bootloader; run make firmware", build));
 }
 
-World MakeWorld(const Setup &setup, const SweepFirmware &firmware) { return Maker(setup, firmware).make(); }
+std::shared_ptr<const fs::path> TemporaryVolume() {
+    std::string name = (fs::temp_directory_path() / "fixture-sweep-XXXXXX").string();
+    if (!mkdtemp(name.data())) throw std::runtime_error(name + ": cannot be made");
+    return {new fs::path(name), [](const fs::path *path) {
+                std::error_code error;
+                fs::remove_all(*path, error);
+                delete path;
+            }};
+}
+
+World MakeWorld(const Setup &setup, const SweepFirmware &firmware) {
+    return setup.hostile ? MakeHostileWorld(*setup.hostile, firmware) : Maker(setup, firmware).make();
+}

@@ -65,6 +65,7 @@ struct Setup {
     std::vector<fixture::At45Fault> dataflash_faults = {};
     Fate fate = Fate::stored;
     bool watches_slots = true; // false: the slots and the record may change all, whatever the bank carries
+    std::optional<std::uint64_t> hostile = {}; // none of the above: a board that nobody means well with, by its seed
 };
 
 // The builds, and stand-ins for them that images too short for a build are known by.
@@ -89,6 +90,7 @@ struct Expected {
 };
 
 struct World {
+    bool hostile = false; // nothing is expected of it but that every boot ends
     fixture::Medium medium;
     fixture::Chips chips;
     std::shared_ptr<const std::filesystem::path> volume; // removed with the last copy
@@ -101,3 +103,6 @@ struct World {
 };
 
 World MakeWorld(const Setup &setup, const SweepFirmware &firmware);
+
+// A directory of this process that goes when nobody needs it any more.
+std::shared_ptr<const std::filesystem::path> TemporaryVolume();
