@@ -18,8 +18,8 @@ set(CMAKE_POSITION_INDEPENDENT_CODE OFF)
 add_compile_options(-fno-pie)
 add_link_options(-no-pie -Wl,-Ttext-segment=0x30000000)
 if(SANITIZE)
-    # Less optimised: the sanitizers make -O2 slow to compile and no faster to run.
-    add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer -O1)
+    # Less optimised, and with line numbers alone: the sanitizers make -O2 slow to compile and no faster to run.
+    add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer -O1 -g1)
     add_link_options(-fsanitize=address,undefined)
 endif()
 
@@ -55,13 +55,21 @@ add_native_modules(native-modules ${BUILD_RECORD})
 add_native_modules(native-modules-fixed ${FIXED_RECORD})
 
 file(GLOB HOST_PLATFORM_SOURCES CONFIGURE_DEPENDS platform/host/*.cpp)
+add_library(host-platform STATIC ${HOST_PLATFORM_SOURCES})
+target_include_directories(host-platform PUBLIC platform/host)
+target_include_directories(host-platform BEFORE PRIVATE platform/host/include)
+target_include_directories(host-platform PRIVATE ${MODULE_INCLUDES} platform/common)
+target_link_libraries(host-platform PUBLIC models)
+
 file(GLOB TOOL_SOURCES CONFIGURE_DEPENDS tools/*.cpp)
 list(FILTER TOOL_SOURCES EXCLUDE REGEX "/main\\.cpp$")
-add_library(tools STATIC ${TOOL_SOURCES} ${HOST_PLATFORM_SOURCES})
-target_include_directories(tools PUBLIC tools platform/host)
-target_include_directories(tools BEFORE PRIVATE platform/host/include)
-target_include_directories(tools PRIVATE ${MODULE_INCLUDES} platform/common)
-target_link_libraries(tools PUBLIC models CLI11::CLI11 nlohmann_json::nlohmann_json)
+add_library(tools STATIC ${TOOL_SOURCES})
+target_include_directories(tools PUBLIC tools)
+target_include_directories(tools PRIVATE ${MODULE_INCLUDES})
+target_link_libraries(tools PUBLIC host-platform models CLI11::CLI11 nlohmann_json::nlohmann_json)
+if(SANITIZE)
+    target_compile_options(tools PRIVATE -O0) # not where the time goes, but long to compile otherwise
+endif()
 target_compile_definitions(tools PRIVATE FIXTURE_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
 
 # The large headers are read once, not for every file.
@@ -85,11 +93,13 @@ endif()
 if(SANITIZE)
     enable_testing()
     include(GoogleTest)
-    file(GLOB TEST_SOURCES CONFIGURE_DEPENDS tests/*.cpp)
+    file(GLOB TEST_SOURCES CONFIGURE_DEPENDS tests/*.cpp fuzz/*.cpp)
+    list(FILTER TEST_SOURCES EXCLUDE REGEX "/fuzz/main\\.cpp$")
     add_executable(fixture-tests ${TEST_SOURCES})
+    target_compile_options(fixture-tests PRIVATE -O0) # what they call is optimised; they would compile twice as long
     target_precompile_headers(fixture-tests PRIVATE <fmt/format.h> <gmock/gmock.h> <gtest/gtest.h> <nlohmann/json.hpp>)
     target_include_directories(fixture-tests BEFORE PRIVATE platform/host/include)
-    target_include_directories(fixture-tests PRIVATE tests ${MODULE_INCLUDES})
+    target_include_directories(fixture-tests PRIVATE tests fuzz ${MODULE_INCLUDES})
     target_compile_definitions(fixture-tests PRIVATE SOURCE_DIR="${CMAKE_SOURCE_DIR}")
     target_link_libraries(fixture-tests PRIVATE native-modules-fixed tools
                           GTest::gtest GTest::gmock GTest::gtest_main ${NATIVE_LINK})
