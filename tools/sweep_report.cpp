@@ -200,6 +200,9 @@ above count what falls through them; `fixture flash info` and `fixture image inf
   update is given up and the old bootloader stays in use.
 - **The neighbours in a rewritten DataFlash page.** The bytes before slot 0 and around the version record share pages with
   them and can be lost to the same cut.
+- **A parameter commit torn over records that add up to the same.** The store's checksum is the sum of its bytes. Where the
+  page with the new header is torn so that the header is whole and records of before remain, which happen to have the same
+  sum, the mixture passes for good. It takes two bytes that trade places; no sweep has met it.
 - **A rescue image cut half-way.** There is one rescue slot. Between the cut and the end of the next boot no rescue image
   is there; the next boot with the same bank writes it again.
 )";
