@@ -115,8 +115,8 @@ const Stage kCampaign[] = {
      0,
      {"nand-update", "dataflash-update/running-erased", "dataflash-update/erased-running", "nand-rescue", "nand-both",
       "parameters", "nand-refused", "dataflash-refused"}},
-    {"Two losses of power, on this machine's processor", true, false, 2, 500, {}},
-    {"Both processors compared: console text and final chips", true, true, 1, 60, {}},
+    {"Two losses of power, on this machine's processor", true, false, 2, 150, {}},
+    {"Both processors compared: console text and final chips", true, true, 1, 56, {}},
 };
 
 std::string Extent(std::size_t sample) {

@@ -13,7 +13,7 @@ namespace {
 using enum SlotState;
 
 constexpr std::uint32_t kThreeBlocks = 300'000;
-constexpr std::size_t kSample = 24; // cuts of an image that fills its slot
+constexpr std::size_t kSample = 12; // cuts of an image that fills its slot
 constexpr std::uint32_t kSlot1Block = 17;
 constexpr std::uint32_t kRescueBlock = 32;
 constexpr unsigned kForever = NandFault::kForever;
