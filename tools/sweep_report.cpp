@@ -185,7 +185,8 @@ constexpr const char *kHoles = R"(
 ## What can still go wrong
 
 The layout of the flash and the way its drivers skip bad blocks leave holes that no software of the board closes. The sweeps
-above count what falls through them; `fixture flash info` and `fixture image info` warn of them.
+above count what falls through them; `fixture flash info`, `fixture image info` and `fixture bank build`, given a board's
+chips, warn of them.
 
 - **Bad blocks inside a slot push an image into what follows.** A slot has no spare blocks. An image that fills its slot, in
   a slot with a bad block, ends in the next slot: the copy of the bootloader there, or the rescue image, is lost.
@@ -205,6 +206,9 @@ above count what falls through them; `fixture flash info` and `fixture image inf
   sum, the mixture passes for good. It takes two bytes that trade places; no sweep has met it.
 - **A rescue image cut half-way.** There is one rescue slot. Between the cut and the end of the next boot no rescue image
   is there; the next boot with the same bank writes it again.
+
+Wires have a hole of their own. The two-wire bus has no defence against a data line that is held low for a while in the
+address byte of an EEPROM read: it makes a write of it, and the EEPROM keeps what the line shows then.
 )";
 
 } // namespace
