@@ -13,7 +13,7 @@ namespace {
 using enum SlotState;
 
 constexpr std::uint32_t kThreeBlocks = 300'000;
-constexpr std::size_t kSample = 12; // cuts of an image that fills its slot
+constexpr std::size_t kSample = 12; // cuts of a variant that is long, or one of many
 constexpr std::uint32_t kSlot1Block = 17;
 constexpr std::uint32_t kRescueBlock = 32;
 constexpr unsigned kForever = NandFault::kForever;
@@ -151,7 +151,10 @@ std::vector<Variant> WrongPages(const SweepFirmware &firmware) {
         for (std::uint32_t page = 0; page < pages; page++) {
             const NandFault fault{
                 .kind = NandFault::wrong_bits, .block = kSlot1Block, .page = page, .times = times, .column = 31 * page};
-            variants.push_back({fmt::format("{}-{}", times == 1 ? "once" : "always", page), {.nand_faults = {fault}}});
+            variants.push_back({fmt::format("{}-{}", times == 1 ? "once" : "always", page),
+                                {.nand_faults = {fault}},
+                                nullptr,
+                                kSample});
         }
     return variants;
 }
@@ -209,6 +212,13 @@ bool ReachesNeighbour(Medium medium, const Slot &slot, std::uint32_t size) {
     return (slot.address + size - 1) / page == (slot.address + slot.capacity) / page;
 }
 
+// A boot takes seconds with an image of many megabytes, or of some where every byte goes over a serial bus.
+std::size_t MostCuts(Medium medium, std::uint32_t size) {
+    constexpr std::uint32_t kManyMegabytes = 4 << 20;
+    if (size <= kThreeBlocks) return 0;
+    return medium == Medium::nand && size < kManyMegabytes ? kSample : kSample / 4;
+}
+
 std::vector<Variant> BootloaderEdges(Medium medium) {
     std::vector<Variant> variants;
     for (const unsigned target : {0u, 1u}) {
@@ -222,8 +232,7 @@ std::vector<Variant> BootloaderEdges(Medium medium) {
                                : size > SlotsOf(medium).bootloader[0].capacity ? kFitsOneSlot
                                : ReachesNeighbour(medium, slot, size)          ? kSharedPage
                                                                                : nullptr;
-            variants.push_back(
-                {fmt::format("slot-{}-{}", target, size), setup, hole, size > kThreeBlocks ? kSample : 0});
+            variants.push_back({fmt::format("slot-{}-{}", target, size), setup, hole, MostCuts(medium, size)});
         }
     }
     return variants;
@@ -235,7 +244,7 @@ std::vector<Variant> RescueEdges(Medium medium) {
     for (const std::uint32_t size : EdgeSizes(medium, slot, PageOf(medium))) {
         Setup setup{.medium = medium, .new_bootloader = false, .new_rescue = true, .rescue_bytes = size};
         if (size > slot.capacity) setup.fate = Fate::refused;
-        variants.push_back({fmt::format("{}", size), setup, nullptr, size > kThreeBlocks ? kSample / 2 : 0});
+        variants.push_back({fmt::format("{}", size), setup, nullptr, MostCuts(medium, size)});
     }
     return variants;
 }

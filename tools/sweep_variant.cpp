@@ -12,7 +12,7 @@ using namespace fixture;
 namespace {
 
 constexpr std::size_t kMostFindings = 20;
-constexpr std::size_t kChecks = 4; // cuts of a share that are made again in earnest
+constexpr std::size_t kChecks = 4; // one cut in so many of a share, and at most as many, is made again in earnest
 
 constexpr const char *kRescueGap = "a rescue image cut half-way: none is good until the next boot repairs it";
 constexpr const char *kNeighbour = "the neighbours in a DataFlash page that is rewritten";
@@ -126,7 +126,8 @@ private:
         if (plan_.losses != 1) return;
         std::vector<Snapshot> some;
         Random random(seed_);
-        std::sample(snapshots.begin(), snapshots.end(), std::back_inserter(some), kChecks, random);
+        const std::size_t count = std::clamp<std::size_t>(snapshots.size() / kChecks, 1, kChecks);
+        std::sample(snapshots.begin(), snapshots.end(), std::back_inserter(some), count, random);
         for (const Snapshot &snapshot : some)
             for (Sweeper *sweeper : {host_ ? &*host_ : nullptr, arm_ ? &*arm_ : nullptr}) {
                 if (!sweeper) continue;
