@@ -1,24 +1,34 @@
 # The commands of this project. Everything else is in CMake.
 #
 #   make boot       build all, boot the virtual fixture from a demo bank, show its console and panel
-#   make test       build all, run every test
+#   make test       build what tests need, run every test
 #   make firmware   the bootloader for the board: build/arm/bootloader.elf, .bin, .map, libbootloader.a
 #   make bench      speed in virtual time and instructions
+#   make fuzz       run the fuzz targets on from their corpora, TIME=60 seconds each; FUZZ_ARGS: other fuzzer options
 #   make lint       format and lint, as CI checks them
 #   make clean
 
-.PHONY: boot test firmware fixture asan bench lint setup clean
+.PHONY: boot test firmware fixture asan bench fuzz lint setup clean
+
+TIME = 60
+FUZZ_ARGS = -max_total_time=$(TIME)
 
 boot: firmware fixture
 	@./demo.sh
 
-test: firmware fixture asan
+test: firmware asan
 	@cmake --build build/arm --target planted
 	@ctest --test-dir build/asan --output-on-failure --parallel $$(nproc) $(CTEST_ARGS)
 
 bench: firmware fixture
 	@cmake --build build/host --target fixture-bench
 	@build/host/fixture-bench
+
+fuzz: firmware
+	@./setup.sh --fuzz
+	@cmake --preset fuzz >build/fuzz.log || { cat build/fuzz.log; exit 1; }
+	@cmake --build build/fuzz --target fixture-fuzz
+	@fuzz/run.sh $(FUZZ_ARGS)
 
 firmware: setup
 	@cmake --preset arm >build/arm.log || { cat build/arm.log; exit 1; }

@@ -10,8 +10,11 @@ libunicorn-dev libelf-dev libcli11-dev libfmt-dev nlohmann-json3-dev
 libpng-dev libgif-dev libchafa-dev libglib2.0-dev
 libgtest-dev libgmock-dev sigrok-cli
 "
-# Only what CI and `make lint` use beyond that.
-if [ "${1:-}" = --lint ]; then packages="$packages clang-format clang-tidy"; fi
+# Only what CI, `make lint` and `make fuzz` use beyond that.
+case "${1:-}" in
+--lint) packages="$packages clang-format clang-tidy" ;;
+--fuzz) packages="$packages clang libclang-rt-14-dev" ;;
+esac
 
 missing=
 for package in $packages; do

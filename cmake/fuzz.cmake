@@ -1,0 +1,20 @@
+# The fuzz targets, with a link to their one program under each target's name: `make fuzz` says how they are run.
+
+# clang alone sees that the bus keeps a reference that it has no use for.
+set_source_files_properties(fixture/bus.cpp PROPERTIES COMPILE_OPTIONS -Wno-unused-private-field)
+# The modules' routines are called by their names, with no regard to how many arguments each has; and what is copied at
+# every start need not be counted.
+set_source_files_properties(platform/host/native_processor.cpp PROPERTIES
+                            COMPILE_OPTIONS "-fno-sanitize=function,fuzzer-no-link;-O2")
+
+file(GLOB FUZZ_SOURCES CONFIGURE_DEPENDS fuzz/*.cpp)
+add_executable(fixture-fuzz ${FUZZ_SOURCES} tests/bench.cpp)
+target_include_directories(fixture-fuzz BEFORE PRIVATE platform/host/include)
+target_include_directories(fixture-fuzz PRIVATE tests ${MODULE_INCLUDES})
+target_link_options(fixture-fuzz PRIVATE -fsanitize=fuzzer)
+target_link_libraries(fixture-fuzz PRIVATE native-modules-fixed tools GTest::gtest ${NATIVE_LINK})
+
+file(GLOB FUZZ_CORPORA RELATIVE ${CMAKE_SOURCE_DIR}/fuzz/corpus CONFIGURE_DEPENDS fuzz/corpus/*)
+foreach(target ${FUZZ_CORPORA})
+    file(CREATE_LINK fixture-fuzz ${CMAKE_BINARY_DIR}/${target}-fuzz SYMBOLIC)
+endforeach()

@@ -1,0 +1,116 @@
+// Stored images, in a file and in the slots of raw flash: the bootloader's checks against the tools'.
+#include "at45.h"
+#include "commands.h"
+#include "flash_report.h"
+#include "fuzz.h"
+#include "nand.h"
+#include "slots.h"
+#include "stored_image.h"
+
+#include <algorithm>
+
+using namespace fixture;
+
+namespace {
+
+constexpr std::uint32_t kSdramEnd = kSdram + kSdramBytes; // behind it lies a page that nobody may touch
+
+void MarkBadBlocks(Shape &shape, NandContents &nand) {
+    for (unsigned blocks = shape.pick({0u, 0u, 1u, 2u, 3u}); blocks > 0; blocks--) {
+        const std::uint32_t block = shape.one_in(3) ? shape.below(kNandBlocks) : shape.below(36);
+        if (shape.one_in(2)) {
+            nand.make_factory_bad(block);
+            continue;
+        }
+        const std::uint32_t row = block * kNandPagesPerBlock + shape.below(3);
+        NandContents::Page page = nand.page(row);
+        page[kNandPageBytes + shape.pick({0u, 1u, 5u})] = shape.pick<std::uint8_t>({0x00, 0xFE, 0x7F});
+        nand.set_page(row, page);
+    }
+}
+
+// Sizes that are no good for a slot stay, but reading megabytes takes seconds.
+Bytes MakeShortImage(Shape &shape) {
+    Bytes image = MakeImage(shape);
+    if (image.size() > 23 && image[23] == 0) image[22] = 0;
+    return image;
+}
+
+template <typename Contents> void FillSlots(Shape &shape, Contents &contents) {
+    const RawFlash flash = RawFlashOf(contents);
+    const SlotTable &slots = SlotsOf(flash.medium);
+    const auto put = [&](std::uint32_t address, const Bytes &bytes) {
+        if (address + bytes.size() <= flash.bytes) contents.write(address, bytes);
+    };
+    for (const Slot &slot : {slots.bootloader[0], slots.bootloader[1], slots.rescue})
+        if (!shape.one_in(3)) {
+            const bool behind_bad_blocks = shape.one_in(2);
+            const Bytes image = MakeShortImage(shape);
+            if (behind_bad_blocks && slot.address + image.size() <= flash.bytes)
+                flash.write(slot.address, image);
+            else
+                put(slot.address, image);
+        }
+    if (shape.one_in(2)) put(slots.record.address, shape.bytes(20));
+}
+
+// One slot: the same verdict of the bootloader's whole check and of the tools' and the first stage's.
+void CheckSlot(ModuleBoard &board, const std::string &medium, const FlashReader &read, const Slot &slot) {
+    const StoredImage image = ReadSlot(read, slot);
+    const bool header = board.call(("Validate_" + medium + "Header").c_str(), slot.address) == 0;
+    const bool whole = board.call(("Validate_" + medium + "ImageWithin").c_str(), slot.address, slot.capacity) == 0;
+    Require((header && whole) == (image.verdict == ImageVerdict::good), slot.name);
+    Require(!header || image.verdict != ImageVerdict::no_maker, slot.name);
+}
+
+template <typename Contents>
+void CheckSlots(Shape &shape, ModuleBoard &board, const std::string &medium, Contents &contents) {
+    ExamineFlash(RawFlashOf(contents));
+    const FlashReader read = ReaderOf(contents);
+    const SlotTable &slots = SlotsOf(RawFlashOf(contents).medium);
+    for (const Slot &slot : {slots.bootloader[0], slots.bootloader[1], slots.rescue}) {
+        CheckSlot(board, medium, read, slot);
+        if (!shape.one_in(4)) continue;
+        board.call(("Validate_" + medium + "InvalidateImage").c_str(), slot.address);
+        Require(ReadSlot(read, slot).verdict != ImageVerdict::good, "a retired image is still good");
+    }
+    board.call("Validate_IsNewRescueVersion", board.bench().scratch(16), medium == "NandFlash");
+    board.resets("Rescue_Load", {medium == "NandFlash"});
+}
+
+} // namespace
+
+void FuzzImage(std::span<const std::uint8_t> input) {
+    Shape shape(input);
+    const Bytes file = MakeImage(shape);
+    const ImageReport report = ExamineImage(file);
+    RunOnFiles(AddImageCommand, {"image", "info", "--json", ScratchFile("image", file)});
+    if (file.size() < kImageHeaderBytes) return;
+    ModuleBoard board;
+    const auto length = static_cast<std::uint32_t>(file.size());
+    const std::uint32_t place = kSdramEnd - length;
+    std::copy(file.begin(), file.end(), board.bench().at(place));
+    const bool maker = board.call("Validate_HasMaker", place) == 1;
+    const bool good = board.call("Validate_LoadedImage", place, length) == 0;
+    Require((maker && good) == report.good(), report.problem());
+}
+
+void FuzzSlot(std::span<const std::uint8_t> input) {
+    Shape shape(input);
+    Chips chips;
+    const bool nand = shape.one_in(2);
+    if (nand) {
+        chips.nand = NandContents(&NandParts()[shape.below(static_cast<std::uint32_t>(NandParts().size() - 1))]);
+        MarkBadBlocks(shape, chips.nand);
+        FillSlots(shape, chips.nand);
+    } else {
+        chips.dataflash = At45Contents(At45Parts()[shape.below(static_cast<std::uint32_t>(At45Parts().size()))]);
+        FillSlots(shape, chips.dataflash);
+    }
+    ModuleBoard board(std::move(chips));
+    board.start_driver(nand);
+    if (nand)
+        CheckSlots(shape, board, "NandFlash", board.chips().nand);
+    else
+        CheckSlots(shape, board, "SDFlash", board.chips().dataflash);
+}
