@@ -60,7 +60,11 @@ std::string Column(Shape &shape, std::size_t usual) {
 std::string PathField(Shape &shape) {
     std::string path = shape.pick({"", "", "", "/", ".", "..", "\\", "./"});
     path += shape.one_in(6) ? shape.text(64) : std::string(kPaths[shape.below(std::size(kPaths))]);
-    if (shape.one_in(8)) path.append(shape.pick({232u, 237u, 238u, 239u, 250u, 256u}), shape.pick({'b', '/', '.'}));
+    if (shape.one_in(8)) {
+        const unsigned count = shape.pick({232u, 237u, 238u, 239u, 250u, 256u});
+        if (count == 256) path.clear(); // all of the field is one character
+        path.append(count, shape.pick({'b', '/', '.'}));
+    }
     return path + shape.pick({"", "", "", "\r\n", "\n", " ", "\r \n"});
 }
 
