@@ -259,7 +259,8 @@ bool Sweeper::settled(const Chips &chips, const PowerUp &last, Judgement &judgem
         return fails(Outcome::wrong_launch, fmt::format("{} of {} bytes", last.report.launched, last.launched.size()));
     const std::optional<unsigned> slot = ChooseBootloader(read, slots);
     if (!slot) return fails(Outcome::no_bootloader, "");
-    if (ReadSlot(read, slots.bootloader[*slot]).bytes != world_.after.bootloader)
+    const Bytes chosen = ReadSlot(read, slots.bootloader[*slot]).bytes;
+    if (chosen != world_.after.bootloader && !(world_.may_stay && chosen == world_.before.bootloader))
         return fails(Outcome::wrong_bootloader, fmt::format("slot {}", *slot));
     const Bytes rescue = GoodImage(read, slots.rescue);
     const Bytes text = read(slots.record.address, slots.record.capacity);

@@ -44,7 +44,12 @@ Bytes BootloaderImage(const SweepFirmware &firmware, int build, std::uint32_t by
     return Wrap(body);
 }
 
-Bytes RescueImage(std::uint64_t seed, std::uint32_t bytes) { return Wrap(Pattern(seed, bytes - kImageHeaderBytes)); }
+// Of small bytes: a bank states a file's sum in nine digits, and the largest rescue image has to have one.
+Bytes RescueImage(std::uint64_t seed, std::uint32_t bytes) {
+    Bytes body = Pattern(seed, bytes - kImageHeaderBytes);
+    for (std::uint8_t &byte : body) byte &= 0x3F;
+    return Wrap(body);
+}
 
 Bytes SlotBytes(SlotState state, const Bytes &running, const Bytes &updated) {
     Bytes bytes = state == SlotState::updated ? updated : running;
@@ -110,6 +115,7 @@ public:
         world.board.straps.pins_12_13 = setup_.medium == Medium::nand;
         make_chips(world.chips);
         world.volume = VolumeWith(bank());
+        world.may_stay = setup_.fate == Fate::may_fail;
         world.commits = setup_.parameters.commits;
         world.more = setup_.parameters.more;
         set_touched(world);
@@ -181,7 +187,7 @@ private:
                         kNetwork};
         world.after = world.before;
         if (setup_.parameters.commits) world.after.network = kNewNetwork;
-        if (setup_.fate != Fate::stored) return;
+        if (setup_.fate != Fate::stored && setup_.fate != Fate::may_fail) return;
         if (setup_.new_bootloader) world.after.bootloader = update_;
         if (!setup_.new_rescue) return;
         const Bytes new_text = record("1.1");

@@ -44,8 +44,9 @@ struct ParameterSetup {
 // What becomes of the images that the bank carries.
 enum class Fate : std::uint8_t {
     stored,
-    fails,   // there is no room for them on the chip: all stays in use as it was
-    refused, // nothing at all is written
+    may_fail, // a block takes no mark and keeps a bootloader out, unless a cut leaves what passes for a mark
+    fails,    // there is no room for them on the chip: all stays in use as it was
+    refused,  // nothing at all is written
 };
 
 struct Setup {
@@ -95,6 +96,7 @@ struct World {
     fixture::Chips chips;
     std::shared_ptr<const std::filesystem::path> volume; // removed with the last copy
     fixture::BoardOptions board;
+    bool may_stay = false; // the old bootloader may stay for good
     bool commits = false;
     std::vector<std::uint8_t> more; // what a commit sets beside the network parameters
     std::vector<ByteRange> touched; // what the medium's updates may change
