@@ -119,7 +119,6 @@ RunOptions Sweeper::options() const {
     options.volume = *world_.volume;
     options.board = world_.board;
     options.run_launched = false;
-    options.watch_alignment = false; // a check of every access, for which each uncut boot of the tests has time enough
     return options;
 }
 
@@ -246,8 +245,8 @@ void Sweeper::check_rescue_gap(const Chips &chips, Judgement &judgement) const {
     judgement.rescue_gap = GoodImage(ReaderFor(world_, chips), SlotsOf(world_.medium).rescue).empty();
 }
 
-// `old` tells whether what a cut may keep from happening may have stayed as it was.
-bool Sweeper::settled(const Chips &chips, const PowerUp &last, Judgement &judgement, Old old) const {
+// Only a cut may leave something as it was: parameters at once, rescue image and record up to the last boot.
+bool Sweeper::settled(const Chips &chips, const PowerUp &last, Judgement &judgement, When when) const {
     const FlashReader read = ReaderFor(world_, chips);
     const SlotTable &slots = SlotsOf(world_.medium);
     const auto fails = [&](Outcome outcome, std::string detail) {
@@ -260,8 +259,10 @@ bool Sweeper::settled(const Chips &chips, const PowerUp &last, Judgement &judgem
     const std::optional<unsigned> slot = ChooseBootloader(read, slots);
     if (!slot) return fails(Outcome::no_bootloader, "");
     const Bytes chosen = ReadSlot(read, slots.bootloader[*slot]).bytes;
-    if (chosen != world_.after.bootloader && !(world_.may_stay && chosen == world_.before.bootloader))
-        return fails(Outcome::wrong_bootloader, fmt::format("slot {}", *slot));
+    // Where a worn block keeps the update out, it is out; a cut may change that.
+    const bool is_old = world_.may_stay && chosen == world_.before.bootloader;
+    const bool is_new = (!world_.may_stay || when.was_cut) && chosen == world_.after.bootloader;
+    if (!is_old && !is_new) return fails(Outcome::wrong_bootloader, fmt::format("slot {}", *slot));
     const Bytes rescue = GoodImage(read, slots.rescue);
     const Bytes text = read(slots.record.address, slots.record.capacity);
     const auto stands = [&](const Expected &expected) {
@@ -269,9 +270,9 @@ bool Sweeper::settled(const Chips &chips, const PowerUp &last, Judgement &judgem
                std::equal(text.begin(), text.end(), expected.record.begin(), expected.record.end(),
                           [](std::uint8_t a, char b) { return a == static_cast<std::uint8_t>(b); });
     };
-    if (!stands(world_.after) && !(old.rescue && stands(world_.before)))
+    if (!stands(world_.after) && !(when.was_cut && when.last_boot && stands(world_.before)))
         return fails(Outcome::wrong_rescue, rescue.empty() ? "no good rescue image" : "rescue image and record differ");
-    if (last.network != world_.after.network && !(old.parameters && last.network == world_.before.network))
+    if (last.network != world_.after.network && !(when.was_cut && last.network == world_.before.network))
         return fails(Outcome::wrong_parameters, fmt::format("{:08X}", fmt::join(last.network, " ")));
     judgement.outcome = Outcome::good;
     judgement.detail.clear();
@@ -299,7 +300,7 @@ Sweeper::PowerUp Sweeper::boot_once(Chips &chips, unsigned number, Judgement &ju
 
 Judgement Sweeper::boot_hostile(Chips chips, unsigned number) {
     constexpr unsigned kBoots = 2;
-    const bool sound = world_.chips.nand.faults.empty(); // worn and bad blocks are known to take a bootloader with them
+    const bool sound = world_.chips.nand.faults.empty(); // worn blocks are known to take a bootloader with them
     Judgement judgement;
     for (unsigned boot = 0; boot < kBoots && judgement.outcome == Outcome::good; boot++) {
         const PowerUp last = boot_once(chips, number + boot, judgement);
@@ -326,7 +327,7 @@ Judgement Sweeper::boot_on(Chips chips, unsigned number) {
         judgement.outcome = Outcome::no_launch;
         const bool last_boot = boot + 1 == kMostBoots;
         if (last.report.verdict == Verdict::launched &&
-            settled(chips, last, judgement, {.rescue = was_cut && last_boot, .parameters = was_cut}))
+            settled(chips, last, judgement, {.was_cut = was_cut, .last_boot = last_boot}))
             return judgement;
     }
     return judgement;

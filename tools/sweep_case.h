@@ -110,8 +110,8 @@ public:
 
 private:
     struct PowerUp;
-    struct Old {
-        bool rescue, parameters;
+    struct When {
+        bool was_cut, last_boot;
     };
     PowerUp power_up(fixture::Chips &chips, unsigned number,
                      const std::function<void(fixture::PowerSupply &)> &prepare);
@@ -120,7 +120,7 @@ private:
     bool check_outside(const fixture::Chips &chips, Judgement &judgement) const;
     void check_rescue_gap(const fixture::Chips &chips, Judgement &judgement) const;
     bool may_touch(const fixture::ChipOperation &operation) const;
-    bool settled(const fixture::Chips &chips, const PowerUp &last, Judgement &judgement, Old old) const;
+    bool settled(const fixture::Chips &chips, const PowerUp &last, Judgement &judgement, When when) const;
     PowerUp boot_once(fixture::Chips &chips, unsigned number, Judgement &judgement);
     Judgement boot_hostile(fixture::Chips chips, unsigned number);
     Judgement boot_on(fixture::Chips chips, unsigned number);

@@ -96,7 +96,7 @@ struct World {
     fixture::Chips chips;
     std::shared_ptr<const std::filesystem::path> volume; // removed with the last copy
     fixture::BoardOptions board;
-    bool may_stay = false; // the old bootloader may stay for good
+    bool may_stay = false; // the old bootloader stays, unless a cut lets the new one in
     bool commits = false;
     std::vector<std::uint8_t> more; // what a commit sets beside the network parameters
     std::vector<ByteRange> touched; // what the medium's updates may change
