@@ -132,6 +132,11 @@ const std::vector<std::string> kShort = {"nand-update",
                                          "holes/no-slot-0",
                                          "hostile"};
 
+// The others, and those with images that fill a slot.
+const std::vector<std::string> kLong = {
+    "nand-edge",         "dataflash-edge", "nand-rescue-edge", "dataflash-rescue-edge", "nand-refused",
+    "dataflash-refused", "holes"};
+
 // The order in which the document states them.
 const Stage kCampaign[] = {
     {"One loss of power, on this machine's processor", true, false, 1, 0, {}},
@@ -143,11 +148,15 @@ const Stage kCampaign[] = {
      {"nand-update", "dataflash-update/running-erased", "dataflash-update/erased-running", "nand-rescue", "nand-both",
       "parameters", "nand-refused", "dataflash-refused/sums"}},
     {"Both processors compared: console text and final chips", true, true, 1, 70, kShort},
+    {"Both processors compared, with images that fill a slot", true, true, 1, 6, kLong},
     {"Two losses of power, on this machine's processor", true, false, 2, 150, kShort},
 };
 
 std::string Extent(std::size_t sample) {
-    if (sample == 0) return "Every cut; of images that fill a slot and of other long rows, a seeded sample.";
+    if (sample == 0)
+        return "Every cut; of images that fill a slot and of other long rows, a seeded sample with all cuts of the "
+               "first "
+               "and the last operation.";
     return fmt::format("A seeded sample of about {} cases of each scenario.", sample);
 }
 
@@ -231,6 +240,9 @@ chips, warn of them.
 - **A parameter commit torn over records that add up to the same.** The store's checksum is the sum of its bytes. Where the
   page with the new header is torn so that the header is whole and records of before remain, which happen to have the same
   sum, the mixture passes for good. It takes two bytes that trade places; no sweep has met it.
+- **A sound parameter sector that calls itself empty.** Its first word is 0 or FFFF. Beside a bad sector it is used all the
+  same, and a commit carries the word over: then both sectors call themselves empty, and the next start finds no parameters.
+  The board never writes such a word into a sound sector; a tool that prepares EEPROMs must not either.
 - **A rescue image cut half-way.** There is one rescue slot. Between the cut and the end of the next boot no rescue image
   is there; the next boot with the same bank writes it again.
 

@@ -151,10 +151,7 @@ std::vector<Variant> WrongPages(const SweepFirmware &firmware) {
         for (std::uint32_t page = 0; page < pages; page++) {
             const NandFault fault{
                 .kind = NandFault::wrong_bits, .block = kSlot1Block, .page = page, .times = times, .column = 31 * page};
-            variants.push_back({fmt::format("{}-{}", times == 1 ? "once" : "always", page),
-                                {.nand_faults = {fault}},
-                                nullptr,
-                                kSample});
+            variants.push_back({fmt::format("{}-{}", times == 1 ? "once" : "always", page), {.nand_faults = {fault}}});
         }
     return variants;
 }
@@ -168,7 +165,7 @@ std::vector<Variant> LostPrograms(const SweepFirmware &firmware) {
         At45Fault fault;
         fault.skip = n;
         variants.push_back(
-            {fmt::format("{}", n), {.medium = Medium::dataflash, .dataflash_faults = {fault}}, nullptr, kSample});
+            {fmt::format("{}", n), {.medium = Medium::dataflash, .dataflash_faults = {fault}}, nullptr, 4 * kSample});
     }
     return variants;
 }
@@ -269,7 +266,7 @@ std::vector<Variant> Holes() {
         {"head-on-tail",
          {.medium = Medium::dataflash, .slots = {running, erased}, .running_bytes = flash_slot.capacity},
          kSharedPage,
-         4 * kSample},
+         kSample},
     };
     for (Variant &variant : holes) variant.setup.watches_slots = false;
     return holes;

@@ -20,7 +20,7 @@ struct Variant {
     std::string label;
     Setup setup;
     const char *hole = nullptr;
-    std::size_t most_cuts = 0; // a seeded sample of so many, where all of them would take too long; 0: all
+    std::size_t most_cuts = 0; // a seeded sample of about so many, where all of them would take too long; 0: all
 };
 
 struct Scenario {

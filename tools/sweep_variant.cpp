@@ -22,8 +22,9 @@ std::uint64_t HashOf(std::string_view text, std::uint64_t seed) {
     return seed;
 }
 
-// All the cuts of a power-up, or a sample of them, in order.
-std::vector<Cut> ChooseCuts(std::uint64_t operations, std::size_t most, std::uint64_t seed) {
+// All the cuts of a power-up, or a sample of them, in order; with those of its first and its last operation where they
+// are asked for, since what lies beside an image is touched there.
+std::vector<Cut> ChooseCuts(std::uint64_t operations, std::size_t most, std::uint64_t seed, bool with_ends) {
     std::vector<Cut> cuts;
     for (std::uint64_t n = 0; n < operations; n++)
         for (const CutMoment moment : {CutMoment::before, CutMoment::torn, CutMoment::after})
@@ -32,7 +33,11 @@ std::vector<Cut> ChooseCuts(std::uint64_t operations, std::size_t most, std::uin
     std::vector<Cut> chosen;
     Random random(seed);
     std::sample(cuts.begin(), cuts.end(), std::back_inserter(chosen), most, random);
-    return chosen;
+    std::erase_if(cuts, [&](const Cut &cut) {
+        const bool is_end = with_ends && (cut.operation == 0 || cut.operation + 1 == operations);
+        return !is_end && std::find(chosen.begin(), chosen.end(), cut) == chosen.end();
+    });
+    return cuts;
 }
 
 // What a brick in a hole still must not be.
@@ -82,7 +87,7 @@ private:
         const std::size_t most = this->most();
         const bool pairs = plan_.losses == 2;
         const auto level = static_cast<std::size_t>(std::ceil(std::sqrt(static_cast<double>(most))));
-        const std::vector<Cut> cuts = share_of(ChooseCuts(operations, pairs ? level : most, seed_));
+        const std::vector<Cut> cuts = share_of(ChooseCuts(operations, pairs ? level : most, seed_, plan_.sample == 0));
         const std::vector<Snapshot> snapshots = record(world_.chips, {}, cuts);
         tally_.cuts += snapshots.size();
         check(snapshots);
@@ -97,7 +102,7 @@ private:
     // The boot that follows a cut, cut again.
     void sweep_second(const Snapshot &cut, std::size_t most) {
         const std::uint64_t operations = first().count(cut.chips, 1);
-        const std::vector<Cut> cuts = ChooseCuts(operations, most, seed_ ^ TearingSeed({cut.cut}, plan_.seed));
+        const std::vector<Cut> cuts = ChooseCuts(operations, most, seed_ ^ TearingSeed({cut.cut}, plan_.seed), false);
         for (const Snapshot &second : record(cut.chips, {cut.cut}, cuts)) tally(second.chips, {cut.cut, second.cut});
     }
 
