@@ -1,7 +1,5 @@
 # The fuzz targets, with a link to their one program under each target's name: `make fuzz` says how they are run.
 
-# clang alone sees that the bus keeps a reference that it has no use for.
-set_source_files_properties(fixture/bus.cpp PROPERTIES COMPILE_OPTIONS -Wno-unused-private-field)
 # The modules' routines are called by their names, with no regard to how many arguments each has; and what is copied at
 # every start need not be counted.
 set_source_files_properties(platform/host/native_processor.cpp PROPERTIES

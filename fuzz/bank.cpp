@@ -82,15 +82,11 @@ std::string MakeManifestText(Shape &shape, std::size_t size, std::size_t sum) {
     return text + shape.text(8);
 }
 
-const ManifestRecord *Last(const BankReport &bank, FileRole role) {
-    const auto found = std::find_if(bank.records.rbegin(), bank.records.rend(),
-                                    [role](const RecordReport &report) { return report.role == role; });
-    return found == bank.records.rend() ? nullptr : &found->record;
-}
-
 // What the bootloader has taken over for a role is what the tool says it would.
 void CheckRecord(ModuleBoard &board, const BankReport &bank, FileRole role, const std::string &module) {
-    const ManifestRecord *record = Last(bank, role);
+    const auto last = std::find_if(bank.records.rbegin(), bank.records.rend(),
+                                   [role](const RecordReport &report) { return report.role == role; });
+    const ManifestRecord *record = last == bank.records.rend() ? nullptr : &last->record;
     const std::string path = record ? bank.directory + record->path : "";
     Require(board.text((module + "_GetPathFilename").c_str()) == path, module + ": path");
     Require(board.bench().call((module + "_GetSize").c_str()) == (record ? record->size : 0), module + ": size");

@@ -7,18 +7,16 @@
 #include <stdexcept>
 
 std::span<const FuzzTarget> FuzzTargets() {
-    static constexpr FuzzTarget kTargets[] = {
-        {"descriptor", FuzzDescriptor},
-        {"manifest", FuzzManifest},
-        {"image", FuzzImage},
-        {"slot", FuzzSlot},
-        {"parameters", FuzzParameters},
-        {"picture", FuzzPicture},
-        {"chip-files", FuzzChipFiles},
-        {"elf", FuzzElf},
-        {"png", FuzzPng},
-        {"texts", FuzzTexts},
-    };
+    static constexpr FuzzTarget kTargets[] = {{"descriptor", FuzzDescriptor},
+                                              {"manifest", FuzzManifest},
+                                              {"image", FuzzImage},
+                                              {"slot", FuzzSlot},
+                                              {"parameters", FuzzParameters},
+                                              {"picture", FuzzPicture},
+                                              {"chip-files", FuzzChipFiles},
+                                              {"elf", FuzzElf},
+                                              {"png", FuzzPng},
+                                              {"texts", FuzzTexts}};
     return kTargets;
 }
 
@@ -46,9 +44,8 @@ std::uint32_t Shape::number() {
 
 Bytes Shape::bytes(std::size_t most) {
     const std::size_t wanted = below(static_cast<std::uint32_t>(most) + 1);
-    const std::size_t count = std::min(wanted, rest_.size());
-    const std::span<const std::uint8_t> taken = rest_.first(count);
-    rest_ = rest_.subspan(count);
+    const std::span<const std::uint8_t> taken = rest_.first(std::min(wanted, rest_.size()));
+    rest_ = rest_.subspan(taken.size());
     return {taken.begin(), taken.end()};
 }
 

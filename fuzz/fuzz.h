@@ -86,13 +86,6 @@ std::filesystem::path ScratchFile(const char *name, std::span<const std::uint8_t
 void RunOnFiles(void (*add)(CLI::App &, int &), std::vector<std::string> arguments);
 
 // The targets.
-void FuzzDescriptor(std::span<const std::uint8_t> input);
-void FuzzManifest(std::span<const std::uint8_t> input);
-void FuzzImage(std::span<const std::uint8_t> input);
-void FuzzSlot(std::span<const std::uint8_t> input);
-void FuzzParameters(std::span<const std::uint8_t> input);
-void FuzzPicture(std::span<const std::uint8_t> input);
-void FuzzChipFiles(std::span<const std::uint8_t> input);
-void FuzzElf(std::span<const std::uint8_t> input);
-void FuzzPng(std::span<const std::uint8_t> input);
-void FuzzTexts(std::span<const std::uint8_t> input);
+using FuzzRoutine = void(std::span<const std::uint8_t> input);
+FuzzRoutine FuzzDescriptor, FuzzManifest, FuzzImage, FuzzSlot, FuzzParameters, FuzzPicture, FuzzChipFiles, FuzzElf,
+    FuzzPng, FuzzTexts;

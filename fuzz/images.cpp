@@ -39,19 +39,17 @@ Bytes MakeShortImage(Shape &shape) {
 template <typename Contents> void FillSlots(Shape &shape, Contents &contents) {
     const RawFlash flash = RawFlashOf(contents);
     const SlotTable &slots = SlotsOf(flash.medium);
-    const auto put = [&](std::uint32_t address, const Bytes &bytes) {
-        if (address + bytes.size() <= flash.bytes) contents.write(address, bytes);
-    };
     for (const Slot &slot : {slots.bootloader[0], slots.bootloader[1], slots.rescue})
         if (!shape.one_in(3)) {
             const bool behind_bad_blocks = shape.one_in(2);
             const Bytes image = MakeShortImage(shape);
-            if (behind_bad_blocks && slot.address + image.size() <= flash.bytes)
+            if (slot.address + image.size() > flash.bytes) continue;
+            if (behind_bad_blocks)
                 flash.write(slot.address, image);
             else
-                put(slot.address, image);
+                contents.write(slot.address, image);
         }
-    if (shape.one_in(2)) put(slots.record.address, shape.bytes(20));
+    if (shape.one_in(2)) contents.write(slots.record.address, shape.bytes(20));
 }
 
 // One slot: the same verdict of the bootloader's whole check and of the tools' and the first stage's.

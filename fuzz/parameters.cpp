@@ -4,6 +4,7 @@
 #include "fuzz.h"
 
 #include <algorithm>
+#include <numeric>
 
 using namespace fixture;
 
@@ -36,8 +37,7 @@ Bytes MakeSector(Shape &shape) {
             : used;
     Put16(image, 0, shape.pick({1u, 2u, 0u, 0xFFFEu, 0xFFFFu, shape.below(65536)}));
     Put16(image, 2, length);
-    std::uint32_t sum = 0;
-    for (std::size_t i = 0; i < std::min<std::size_t>(length, image.size()); i++) sum += image[i];
+    std::uint32_t sum = std::accumulate(image.begin(), image.begin() + std::min(length, used), 0u);
     if (length > image.size()) sum += (length - used) * 0xFF;
     Put16(image, 4, shape.one_in(8) ? shape.below(65536) : 0x10000 - (sum & 0xFFFF));
     return image;

@@ -54,18 +54,26 @@ std::string Record(const std::string &path, const std::string &content, const ch
 std::string Application(const std::string &path) { return Record(path, kApplication); }
 const std::string kHeadings = Record("Path", "") + Record("----", "");
 const std::string kBootRecord = Record("bin/boot2.bin", kBootloader);
+const std::string kDemoRecord = Application("bin/demo.bin");
 
-std::string Entry(const char *element, const char *base, const std::string &version, const char *extension = "bin") {
-    return fmt::format("<{0}><BaseFileName>{1}</BaseFileName><BaseFileExtension>{2}</BaseFileExtension>"
-                       "<Version>{3}</Version></{0}>\n",
-                       element, base, extension, version);
+std::string Entry(const char *element, const char *base, const std::string &version) {
+    return fmt::format("<{0}><BaseFileName>{1}</BaseFileName><BaseFileExtension>bin</BaseFileExtension>"
+                       "<Version>{2}</Version></{0}>\n",
+                       element, base, version);
+}
+std::map<std::string, std::string> Files(const std::string &application, const std::string &bootloader = kBootloader) {
+    return {{"bin/demo.bin", application}, {"bin/boot2.bin", bootloader}};
+}
+
+std::string Descriptor(const std::string &boot_version) {
+    return "<?xml version=\"1.0\"?>\n<Project>\n" + Entry("MainApplication", "demo", "1.0") +
+           Entry("SecondaryBootloader", "boot2", boot_version) + "</Project>\n";
 }
 
 struct Bank {
-    std::string descriptor = "<?xml version=\"1.0\"?>\n<Project>\n" + Entry("MainApplication", "demo", "1.0") +
-                             Entry("SecondaryBootloader", "boot2", "1.9.0") + "</Project>\n";
-    std::string manifest = kHeadings + Application("bin/demo.bin") + kBootRecord;
-    std::map<std::string, std::string> files = {{"bin/demo.bin", kApplication}, {"bin/boot2.bin", kBootloader}};
+    std::string descriptor = Descriptor("1.9.0");
+    std::string manifest = kHeadings + kDemoRecord + kBootRecord;
+    std::map<std::string, std::string> files = Files(kApplication);
 
     void write(const TemporaryDirectory &volume, const std::string &name) const {
         const std::filesystem::path bank = std::filesystem::path("data") / name;
@@ -75,10 +83,11 @@ struct Bank {
     }
 };
 
-std::string FileFailed(std::size_t size, std::uint32_t sum, const std::string &path = "bin/demo.bin") {
-    return fmt::format("\tValidate_File(i:/vol0/data/app/{}, {}, {}) Failed!!!", path, static_cast<int>(sum),
-                       static_cast<int>(size));
+std::string FileFailed(const std::string &path, const std::string &content, std::optional<int> size = {}) {
+    return fmt::format("\tValidate_File(i:/vol0/data/app/{}, {}, {}) Failed!!!", path, Sum(content),
+                       size.value_or(static_cast<int>(content.size())));
 }
+const std::string kDemoFailed = FileFailed("bin/demo.bin", kApplication);
 
 class Banks : public testing::TestWithParam<Processor> {
 protected:
@@ -88,159 +97,108 @@ protected:
         boot_case.processor = GetParam();
         boot_case.volume = volume.path();
         const BootResult result = RunBoot(boot_case);
-        EXPECT_EQ(result.console, kStart + search + (verdict == Verdict::launched ? "" : kFatal));
+        EXPECT_EQ(result.console, start + search + (verdict == Verdict::launched ? "" : kFatal));
         EXPECT_EQ(result.report.verdict, verdict) << result.report.place;
         return result.report;
     }
+    std::string start = kStart;
 };
 BOTH_PROCESSORS(Banks);
 
-// One bank, changed in one way; the other two are missing. An empty `printed` means that it launches.
-struct Row {
+std::string Changed(std::string content) {
+    content.back() ^= 1;
+    return content;
+}
+// The usual manifest with other digits from the application's size on.
+std::string Numbered(const std::string &digits) { return Bank{}.manifest.replace(2 * 282, digits.size(), digits); }
+// A manifest with these records of the application behind the bootloader's.
+std::string Listing(const std::string &path, const std::string &more = "") {
+    return kHeadings + kBootRecord + Application(path) + more;
+}
+
+// One bank, wrong or unusual in one way; the other two are missing. It launches where it prints the versions alone.
+const struct {
     const char *name;
     std::string printed;
-    std::function<void(Bank &)> change;
-};
-
-const std::string kLaunches;
-
-std::string Descriptor(const std::string &version, const std::string &boot_version, const char *extension = "bin") {
-    return "<P>" + Entry("MainApplication", "demo", version, extension) +
-           Entry("SecondaryBootloader", "boot2", boot_version) + "</P>";
-}
-
-const Row kDescriptors[] = {
-    {"empty", kBadDescriptor, [](Bank &bank) { bank.descriptor = ""; }},
-    {"text without elements", kBadDescriptor, [](Bank &bank) { bank.descriptor = "no XML at all"; }},
-    {"without a bootloader", kBadDescriptor,
-     [](Bank &bank) { bank.descriptor = "<P>" + Entry("MainApplication", "demo", "1") + "</P>"; }},
-    {"version of 16 characters", kLaunches,
-     [](Bank &bank) { bank.descriptor = Descriptor("1234567890123456", "1.9.0"); }},
-    {"version of 17 characters", kBadDescriptor,
-     [](Bank &bank) { bank.descriptor = Descriptor("12345678901234567", "1.9.0"); }},
-    {"extension with its dot", kLaunches, [](Bank &bank) { bank.descriptor = Descriptor("1", "1.9.0", ".bin"); }},
-    {"rescue image named, none listed", kLaunches,
-     [](Bank &bank) { bank.descriptor = Entry("RescueApplication", "resc", "2") + bank.descriptor; }},
+    Bank bank;
+} kBanks[] = {
+    {"empty descriptor", kBadDescriptor, {.descriptor = ""}},
+    {"rescue image named, none listed",
+     kSameVersion,
+     {.descriptor = Entry("RescueApplication", "resc", "2") + Descriptor("1.9.0")}},
     {"bootloader of another version that is no image",
      "Current bootlaoder is: 1.9.0\nBank bootloader is: 1234567890123456\n\tBootloader image replace failed.\n" +
-         FileFailed(kApplication.size(), Sum(kApplication)),
-     [](Bank &bank) {
-         bank.descriptor = Descriptor("1", "1234567890123456");
-         bank.files["bin/demo.bin"].back() ^= 1;
-     }},
+         kDemoFailed,
+     {.descriptor = Descriptor("1234567890123456"), .files = Files(Changed(kApplication))}},
     {"bootloader of another version, file check failing",
-     "Current bootlaoder is: 1.9.0\nBank bootloader is: 1.8.0\n" +
-         FileFailed(kBootloader.size(), Sum(kBootloader), "bin/boot2.bin") +
-         FileFailed(kApplication.size(), Sum(kApplication)),
-     [](Bank &bank) {
-         bank.descriptor = Descriptor("1", "1.8.0");
-         bank.files["bin/boot2.bin"].back() ^= 1;
-         bank.files["bin/demo.bin"].back() ^= 1;
-     }},
-};
+     "Current bootlaoder is: 1.9.0\nBank bootloader is: 1.8.0\n" + FileFailed("bin/boot2.bin", kBootloader) +
+         kDemoFailed,
+     {.descriptor = Descriptor("1.8.0"), .files = Files(Changed(kApplication), Changed(kBootloader))}},
 
-void PutNumber(std::string &record, std::size_t column, const std::string &digits) {
-    record.replace(column, digits.size(), digits);
-}
-
-const Row kFiles[] = {
     {"listed size wrong",
-     kSameVersion + fmt::format("filesize check {} != 3\n", kApplication.size()) +
-         FileFailed(kApplication.size(), Sum(kApplication)),
-     [](Bank &bank) { bank.files["bin/demo.bin"] = "abc"; }},
-    {"a byte changed", kSameVersion + FileFailed(kApplication.size(), Sum(kApplication)),
-     [](Bank &bank) { bank.files["bin/demo.bin"].back() ^= 1; }},
-    {"file missing", kSameVersion + FileFailed(kApplication.size(), Sum(kApplication)),
-     [](Bank &bank) { bank.files.erase("bin/demo.bin"); }},
-    {"empty application", kSameVersion + FileFailed(0, 0),
-     [](Bank &bank) {
-         bank.files["bin/demo.bin"] = "";
-         bank.manifest = kHeadings + Record("bin/demo.bin", "") + kBootRecord;
-     }},
+     kSameVersion + fmt::format("filesize check {} != 3\n", kApplication.size()) + kDemoFailed,
+     {.files = Files("abc")}},
+    {"file missing", kSameVersion + kDemoFailed, {.files = {{"bin/boot2.bin", kBootloader}}}},
+    {"empty application",
+     kSameVersion + FileFailed("bin/demo.bin", ""),
+     {.manifest = kHeadings + kBootRecord + Record("bin/demo.bin", ""), .files = Files("")}},
     {"negative size",
      kSameVersion + fmt::format("filesize check -7 != {}\n", kApplication.size()) +
-         FileFailed(static_cast<std::size_t>(-7), Sum(kApplication)),
-     [](Bank &bank) { PutNumber(bank.manifest, 2 * 282, "       -7"); }},
-};
+         FileFailed("bin/demo.bin", kApplication, -7),
+     {.manifest = Numbered("       -7")}},
 
-const Row kManifests[] = {
-    {"no manifest to speak of", "\n", [](Bank &bank) { bank.manifest = ""; }},
-    {"one heading", "\n", [](Bank &bank) { bank.manifest = kBootRecord; }},
-    {"headings alone", "\n", [](Bank &bank) { bank.manifest = kHeadings; }},
-    {"no bootloader listed", "\n", [](Bank &bank) { bank.manifest = kHeadings + Application("bin/demo.bin"); }},
-    {"last line without its end", "\n",
-     [](Bank &bank) {
-         bank.manifest = (kHeadings + kBootRecord + Application("bin/demo.bin")).substr(0, 4 * 282 - 2);
-     }},
-    {"line feeds alone", "\n",
-     [](Bank &bank) {
-         bank.manifest = Record("Path", "", "\n") + Record("----", "", "\n") +
-                         Record("bin/boot2.bin", kBootloader, "\n") + Record("bin/demo.bin", kApplication, "\n");
-     }},
-    {"the later record counts", kLaunches,
-     [](Bank &bank) { bank.manifest = kHeadings + Record("bin/demo2.bin", "zz") + bank.manifest.substr(2 * 282); }},
-    {"leading zeros, text behind the digits", kLaunches,
-     [](Bank &bank) { PutNumber(bank.manifest, 2 * 282, "000000057999"); }},
-    {"separators before the path", kLaunches,
-     [](Bank &bank) { bank.manifest = kHeadings + kBootRecord + Application(".\\.././/\\bin/demo.bin"); }},
-    {"path of backslashes", "\n",
-     [](Bank &bank) { bank.manifest = kHeadings + kBootRecord + Application("\\bin\\demo.bin"); }},
-    {"another directory", "\n",
-     [](Bank &bank) { bank.manifest = kHeadings + kBootRecord + Application("BIN/demo.bin"); }},
-    {"256 separators reject the bank", "\n",
-     [](Bank &bank) {
-         bank.manifest = kHeadings + kBootRecord + Application(std::string(256, '/')) + Application("bin/demo.bin");
-     }},
-    {"255 separators and a line end do not", kLaunches,
-     [](Bank &bank) { bank.manifest.insert(2 * 282, Application(std::string(255, '.') + "\n")); }},
-    {"blank path", kLaunches, [](Bank &bank) { bank.manifest.insert(2 * 282, Application("")); }},
-    {"line end in the last byte", kLaunches,
-     [](Bank &bank) {
-         bank.manifest = kHeadings + kBootRecord + Application("bin/demo.bin" + std::string(243, ' ') + "\n");
-     }},
-    {"line end before the padding", kSameVersion + FileFailed(kApplication.size(), Sum(kApplication), "bin/demo.bin\n"),
-     [](Bank &bank) { bank.manifest = kHeadings + kBootRecord + Application("bin/demo.bin\n"); }},
-    {"path a character too long with its directory", kLaunches,
-     [](Bank &bank) { bank.manifest += Application("bin/" + std::string(227, 'x') + "demo.bin"); }},
+    {"no manifest to speak of", "", {.manifest = ""}},
+    {"one heading", "", {.manifest = kBootRecord}},
+    {"headings alone", "", {.manifest = kHeadings}},
+    {"no bootloader listed", "", {.manifest = kHeadings + kDemoRecord}},
+    {"last line without its end", "", {.manifest = Listing("bin/demo.bin").substr(0, 4 * 282 - 2)}},
+    {"line feeds alone",
+     "",
+     {.manifest = Record("Path", "", "\n") + Record("----", "", "\n") + Record("bin/boot2.bin", kBootloader, "\n") +
+                  Record("bin/demo.bin", kApplication, "\n")}},
+    {"the later record counts",
+     kSameVersion,
+     {.manifest = kHeadings + Record("bin/demo2.bin", "zz") + kDemoRecord + kBootRecord}},
+    {"leading zeros, text behind the digits", kSameVersion, {.manifest = Numbered("000000057999")}},
+    {"separators before the path", kSameVersion, {.manifest = Listing(".\\.././/\\bin/demo.bin")}},
+    {"path of backslashes", "", {.manifest = Listing("\\bin\\demo.bin")}},
+    {"another directory", "", {.manifest = Listing("BIN/demo.bin")}},
+    {"256 separators reject the bank", "", {.manifest = Listing(std::string(256, '/'), kDemoRecord)}},
+    {"255 separators and a line end do not",
+     kSameVersion,
+     {.manifest = Listing(std::string(255, '.') + "\n", kDemoRecord)}},
+    {"blank path", kSameVersion, {.manifest = Listing("", kDemoRecord)}},
+    {"line end in the last byte", kSameVersion, {.manifest = Listing("bin/demo.bin" + std::string(243, ' ') + "\n")}},
+    {"line end before the padding",
+     kSameVersion + FileFailed("bin/demo.bin\n", kApplication),
+     {.manifest = Listing("bin/demo.bin\n")}},
+    {"path a character too long with its directory",
+     kSameVersion,
+     {.manifest = Listing("bin/demo.bin", Application("bin/" + std::string(227, 'x') + "demo.bin"))}},
     {"longest path",
-     kSameVersion + FileFailed(kApplication.size(), Sum(kApplication), "bin/" + std::string(226, 'x') + "demo.bin"),
-     [](Bank &bank) { bank.manifest += Application("bin/" + std::string(226, 'x') + "demo.bin"); }},
+     kSameVersion + FileFailed("bin/" + std::string(226, 'x') + "demo.bin", kApplication),
+     {.manifest = Listing("bin/" + std::string(226, 'x') + "demo.bin")}},
 };
-
-template <std::size_t N>
-void BootEach(const Row (&rows)[N],
-              const std::function<void(const Row &, const std::string &, const TemporaryDirectory &)> &boot) {
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.name);
-        TemporaryDirectory volume;
-        Bank bank;
-        row.change(bank);
-        bank.write(volume, "app");
-        const std::string quiet = row.printed == "\n" ? "" : row.printed;
-        boot(row, row.printed.empty() ? kSameVersion : quiet + kNoBank + kNoBank, volume);
-    }
-}
 
 TEST_P(Banks, AreTakenAsTheirDescriptorFilesAndManifestSay) {
-    const auto boot_row = [this](const Row &row, const std::string &search, const TemporaryDirectory &volume) {
-        boot(volume, search, row.printed.empty() ? Verdict::launched : Verdict::idle);
-    };
-    BootEach(kDescriptors, boot_row);
-    BootEach(kFiles, boot_row);
-    BootEach(kManifests, boot_row);
+    for (const auto &row : kBanks) {
+        SCOPED_TRACE(row.name);
+        TemporaryDirectory volume;
+        row.bank.write(volume, "app");
+        const bool launches = row.printed == kSameVersion;
+        boot(volume, launches ? kSameVersion : row.printed + kNoBank + kNoBank,
+             launches ? Verdict::launched : Verdict::idle);
+    }
 }
 
 TEST_P(Banks, AreTriedInTheirOrder) {
     TemporaryDirectory volume;
     boot(volume, kNoBank + kNoBank + kNoBank, Verdict::idle);
-    Bank broken;
-    broken.files["bin/demo.bin"].back() ^= 1;
     Bank{}.write(volume, "newapp");
     boot(volume, kNoBank + kNoBank + kSameVersion, Verdict::launched);
     Bank{}.write(volume, "oldapp");
-    broken.write(volume, "app");
-    const RunReport report = boot(
-        volume, kSameVersion + FileFailed(kApplication.size(), Sum(kApplication)) + kSameVersion, Verdict::launched);
+    Bank{.files = Files(Changed(kApplication))}.write(volume, "app");
+    const RunReport report = boot(volume, kSameVersion + kDemoFailed + kSameVersion, Verdict::launched);
     EXPECT_EQ(report.launched_bytes, kApplication.size());
     EXPECT_NE(report.launched.find("oldapp"), std::string::npos) << report.launched;
     EXPECT_EQ(report.resets, 1u);
@@ -254,18 +212,15 @@ TEST_P(Banks, LeaveTheirApplicationForTheNextStage) {
     boot_case.prepare = [](Machine &machine) {
         std::memset(machine.board().memory.memory().from(0x23FFFF00).data(), 0xA5, 256);
     };
-    std::string buffer, area;
-    boot_case.inspect = [&](Machine &machine) {
+    boot_case.inspect = [](Machine &machine) {
         const auto bytes = [&](std::uint32_t address, std::size_t length) {
-            return std::string(reinterpret_cast<const char *>(machine.board().memory.memory().from(address).data()),
-                               length);
+            const std::uint8_t *const from = machine.board().memory.memory().from(address).data();
+            return std::string(from, from + length);
         };
-        buffer = bytes(0x23000000, kApplication.size());
-        area = bytes(0x23FFFF00, 256);
+        EXPECT_EQ(bytes(0x23000000, kApplication.size()), kApplication);
+        EXPECT_EQ(bytes(0x23FFFF00 + 25, 231), std::string(231, '\xA5'));
     };
     boot(volume, kSameVersion, Verdict::launched, boot_case);
-    EXPECT_EQ(buffer, kApplication);
-    EXPECT_EQ(area.substr(25), std::string(231, '\xA5'));
 }
 
 TEST_P(Banks, AreNotLaunchedWhereTheFlushIsLeftOut) {
@@ -282,14 +237,9 @@ TEST_P(Banks, AreNotLaunchedWhereTheFlushIsLeftOut) {
 TEST_P(Banks, CannotBeFoundWithoutTheFileServer) {
     TemporaryDirectory volume;
     BootCase boot_case;
-    boot_case.processor = GetParam();
-    boot_case.volume = volume.path();
     boot_case.file_server_fails = true;
-    const BootResult result = RunBoot(boot_case);
-    std::string start = kStart;
     start.insert(start.find("\tInit SDFlash"), "PJFS Server : PJFS_Server_Run Failed!!!\n");
-    EXPECT_EQ(result.console, start + kNoBank + kNoBank + kNoBank + kFatal);
-    EXPECT_EQ(result.report.verdict, Verdict::idle);
+    boot(volume, kNoBank + kNoBank + kNoBank, Verdict::idle, boot_case);
 }
 
 } // namespace

@@ -2,10 +2,14 @@
 #include "eeprom_24lc16.h"
 
 #include <gtest/gtest.h>
+#include <tuple>
+#include <vector>
 
 using namespace fixture;
 
 namespace {
+
+using Bytes = std::vector<std::uint8_t>;
 
 class Eeprom : public testing::Test {
 protected:
@@ -14,16 +18,13 @@ protected:
     PowerSupply supply;
     Net sda{"PB4", journal};
     Net scl{"PB5", journal};
-    Net::Driver &sda_pull = sda.attach("pull-up");
-    Net::Driver &scl_pull = scl.attach("pull-up");
     Net::Driver &data = sda.attach("master");
     Net::Driver &tick = scl.attach("master");
     EepromContents contents;
     Eeprom24lc16 chip{sda, scl, clock, journal, supply, contents};
 
     Eeprom() {
-        sda_pull.set(Drive::pull_high);
-        scl_pull.set(Drive::pull_high);
+        for (Net *line : {&sda, &scl}) line->attach("pull-up").set(Drive::pull_high);
     }
     bool bit(bool value) {
         data.set(value ? Drive::released : Drive::low);
@@ -61,19 +62,19 @@ protected:
         stop();
         return all;
     }
+    Bytes stored(unsigned address, unsigned count) const {
+        return {contents.bytes.begin() + address, contents.bytes.begin() + address + count};
+    }
     void wait() { clock.advance(chip.write_time); }
 };
 
 TEST_F(Eeprom, PageWriteWrapsInItsPage) {
     EXPECT_TRUE(write(0x31E, 5));
-    EXPECT_EQ(contents.bytes[0x31E], 1);
-    EXPECT_EQ(contents.bytes[0x31F], 2);
-    EXPECT_EQ(contents.bytes[0x310], 3);
-    EXPECT_EQ(contents.bytes[0x320], 0xFF);
+    EXPECT_EQ(stored(0x31E, 3), (Bytes{1, 2, 0xFF}));
+    EXPECT_EQ(stored(0x310, 4), (Bytes{3, 4, 5, 0xFF}));
     wait();
     EXPECT_TRUE(write(0x040, 17)) << "the 17th byte takes the place of the first";
-    EXPECT_EQ(contents.bytes[0x040], 17);
-    EXPECT_EQ(contents.bytes[0x041], 2);
+    EXPECT_EQ(stored(0x040, 2), (Bytes{17, 2}));
 }
 
 TEST_F(Eeprom, AnswersToNobodyWhileItWrites) {
@@ -88,16 +89,14 @@ TEST_F(Eeprom, AnswersToNobodyWhileItWrites) {
 }
 
 TEST_F(Eeprom, ReadsOnAcrossBlocksAndTheEnd) {
-    contents.bytes[0x0FF] = 0xA1;
-    contents.bytes[0x100] = 0xA2;
-    contents.bytes[0x7FF] = 0xA3;
-    contents.bytes[0x000] = 0xA4;
-    for (const auto &[address, first, second] : {std::tuple{0x0FFu, 0xA1u, 0xA2u}, std::tuple{0x7FFu, 0xA3u, 0xA4u}}) {
+    for (const auto &[address, next, byte] : {std::tuple{0x0FFu, 0x100u, 0xA2u}, std::tuple{0x7FFu, 0u, 0xA4u}}) {
+        contents.bytes[address] = 0xA1;
+        contents.bytes[next] = static_cast<std::uint8_t>(byte);
         write(address, 0);
         start();
         EXPECT_TRUE(put(0xA1 | (address >> 7 & 0xE)));
-        EXPECT_EQ(get(true), first);
-        EXPECT_EQ(get(false), second);
+        EXPECT_EQ(get(true), 0xA1u);
+        EXPECT_EQ(get(false), byte);
         stop();
     }
     start();
@@ -106,8 +105,7 @@ TEST_F(Eeprom, ReadsOnAcrossBlocksAndTheEnd) {
     stop();
     EXPECT_TRUE(journal.violations().empty());
     start();
-    put(0xA0);
-    put(0x00);
+    for (const unsigned byte : {0xA0u, 0x00u}) put(byte);
     start();
     put(0xA3);
     EXPECT_EQ(get(false), 0xA2u) << "the read's block bits replace the address's";
@@ -117,15 +115,9 @@ TEST_F(Eeprom, ReadsOnAcrossBlocksAndTheEnd) {
 TEST_F(Eeprom, StoresOnlyAtAProperStop) {
     for (const bool restart : {true, false}) {
         start();
-        put(0xA0);
-        put(0x10);
-        put(0x55);
-        if (restart) {
-            start();
-        } else {
-            for (int i = 0; i < 4; i++) bit(false);
-            stop();
-        }
+        for (const unsigned byte : {0xA0u, 0x10u, 0x55u}) put(byte);
+        for (int i = 0; i < 4 && !restart; i++) bit(false);
+        restart ? start() : stop();
         EXPECT_EQ(contents, EepromContents{});
         stop();
     }
@@ -136,10 +128,8 @@ TEST_F(Eeprom, PowerFailsDuringAWrite) {
     supply.plan(PowerCut{0, CutMoment::torn, 1});
     chip.torn_bytes = 2;
     write(0x10E, 4);
-    EXPECT_EQ(contents.bytes[0x10E], 1);
-    EXPECT_EQ(contents.bytes[0x10F], 2);
-    EXPECT_EQ(contents.bytes[0x100], 0xFF);
-    EXPECT_FALSE(supply.on());
+    EXPECT_EQ(stored(0x10E, 2), (Bytes{1, 2}));
+    EXPECT_EQ(stored(0x100, 1), Bytes{0xFF});
     wait();
     EXPECT_FALSE(write(0x000, 1)) << "no power, no answer";
 }

@@ -7,10 +7,12 @@
 #include "nand.h"
 #include "stored_image.h"
 
+#include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
 using namespace fixture;
 using nlohmann::json;
+using testing::AllOf, testing::ElementsAre, testing::HasSubstr, testing::Not;
 
 namespace {
 
@@ -18,10 +20,6 @@ Bytes Body(std::size_t length, std::uint8_t seed) {
     Bytes body(length);
     for (std::size_t n = 0; n < length; n++) body[n] = static_cast<std::uint8_t>(n * 7 + seed);
     return body;
-}
-
-void SetSize(Bytes &image, std::uint32_t size) {
-    for (int n = 0; n < 4; n++) image[20 + n] = static_cast<std::uint8_t>(size >> 8 * n);
 }
 
 TEST(FlashSlots, AnImageIsJudgedByMakerSizeAndSums) {
@@ -42,7 +40,7 @@ TEST(FlashSlots, AnImageIsJudgedByMakerSizeAndSums) {
     for (const auto &[bytes, verdict] : rows) EXPECT_EQ(JudgeImage(bytes, kCapacity).verdict, verdict) << bytes.size();
     for (const std::uint32_t size : {0u, 31u, kCapacity + 1, 0xFFFFFFE0u, 0xFFFFFFFFu}) {
         Bytes image = full;
-        SetSize(image, size);
+        for (int n = 0; n < 4; n++) image[20 + n] = static_cast<std::uint8_t>(size >> 8 * n);
         EXPECT_EQ(JudgeImage(image, kCapacity).verdict, ImageVerdict::bad_size) << size;
     }
 }
@@ -74,27 +72,28 @@ TEST(FlashSlots, ARescueImageMayReachToTheEndOfADataflash) {
     EXPECT_THROW(StoreProvision(RawFlashOf(chip), too_long), Refusal);
 }
 
+TEST(FlashSlots, NeighboursInADataflashPageAreNamed) {
+    At45Contents chip(*FindAt45Part("AT45DB321"));
+    chip.write(0, Bytes(0x7F00, 0x11)); // a first-stage loader up to the record
+    StoreProvision(RawFlashOf(chip), {0, Wrap(Body(0x1FC000 - 32, 1)), {}, ""});
+    EXPECT_THAT(ExamineFlash(RawFlashOf(chip)).warnings,
+                ElementsAre(HasSubstr("version record: page 61 holds 304 bytes of what lies before it"),
+                            HasSubstr("bootloader 1: page 4002 holds")));
+}
+
 struct FlashTool : testing::Test {
-    struct Result {
-        int status;
-        std::string text;
-        json report() const { return json::parse(text).at("chips").at(0); }
-    };
-    static Result run(const std::vector<std::string> &words) {
-        const CommandResult result = RunCommand(AddFlashCommand, words);
-        return {result.exit_status, result.output};
+    static CommandResult run(std::vector<std::string> words) {
+        words.insert(words.begin(), "flash");
+        return RunCommand(AddFlashCommand, words);
     }
+    static json report(const CommandResult &result) { return json::parse(result.output).at("chips").at(0); }
     std::string file(const std::string &name) { return (directory.path() / name).string(); }
     std::string file(const std::string &name, const Bytes &bytes) {
         WriteFile(directory.path() / name, bytes);
         return file(name);
     }
-    static std::vector<std::string> warnings(const json &report) { return report.at("warnings"); }
-    static testing::AssertionResult Warns(const json &report, const std::string &words) {
-        for (const std::string &warning : warnings(report))
-            if (warning.find(words) != std::string::npos) return testing::AssertionSuccess();
-        return testing::AssertionFailure() << report.at("warnings");
-    }
+    static std::string warnings(const CommandResult &result) { return report(result).at("warnings").dump(); }
+    static std::string warnings(const RawFlash &flash) { return json(ExamineFlash(flash).warnings).dump(); }
 
     TemporaryDirectory directory;
     const Bytes bootloader = Wrap(Body(70'000, 1));
@@ -106,26 +105,26 @@ TEST_F(FlashTool, ProvisionedChipsShowWhatProductionStored) {
     for (const std::string medium : {"nand", "dataflash"}) {
         for (const unsigned slot : {0u, 1u}) {
             const std::string chip = file(medium);
-            const Result made = run({"flash", "provision", "--medium", medium, "--" + medium, chip, "--bootloader",
-                                     image, "--slot", std::to_string(slot), "--rescue", bare + ":2.7", "--json"});
-            ASSERT_EQ(made.status, 0);
-            const Result shown = run({"flash", "info", "--" + medium, chip, "--json"});
-            EXPECT_EQ(shown.status, 0);
-            EXPECT_EQ(shown.text, made.text);
-            const json report = shown.report();
-            EXPECT_EQ(report["first_stage"], slot);
-            EXPECT_EQ(report["slots"][slot]["state"], "good");
-            EXPECT_EQ(report["slots"][slot]["size"], bootloader.size());
-            EXPECT_EQ(report["slots"][1 - slot]["state"], "erased") << "the other one is retired";
-            EXPECT_EQ(report["slots"][2]["size"], rescue.size());
-            EXPECT_EQ(report["rescue_version"], "2.7");
-            EXPECT_EQ(report["warnings"], json::array());
+            const CommandResult made = run({"provision", "--medium", medium, "--" + medium, chip, "--bootloader", image,
+                                            "--slot", std::to_string(slot), "--rescue", bare + ":2.7", "--json"});
+            ASSERT_EQ(made.exit_status, 0);
+            const CommandResult shown = run({"info", "--" + medium, chip, "--json"});
+            EXPECT_EQ(shown.exit_status, 0);
+            EXPECT_EQ(shown.output, made.output);
+            const json info = report(shown);
+            EXPECT_EQ(info["first_stage"], slot);
+            EXPECT_EQ(info["slots"][slot]["state"], "good");
+            EXPECT_EQ(info["slots"][slot]["size"], bootloader.size());
+            EXPECT_EQ(info["slots"][1 - slot]["state"], "erased") << "the other one is retired";
+            EXPECT_EQ(info["slots"][2]["size"], rescue.size());
+            EXPECT_EQ(info["rescue_version"], "2.7");
+            EXPECT_EQ(info["warnings"], json::array());
         }
     }
-    EXPECT_EQ(run({"flash", "info", "--nand", file("dataflash")}).status, 1) << "nothing to boot from";
-    const std::string text = run({"flash", "info", "--nand", file("nand"), "--dataflash", file("dataflash")}).text;
-    EXPECT_NE(text.find("  bootloader 1    0x00220000  good, 70032 bytes\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("DataFlash AT45DB642\n"), std::string::npos) << text;
+    EXPECT_EQ(run({"info", "--nand", file("dataflash")}).exit_status, 1) << "nothing to boot from";
+    EXPECT_THAT(
+        run({"info", "--nand", file("nand"), "--dataflash", file("dataflash")}).output,
+        AllOf(HasSubstr("  bootloader 1    0x00220000  good, 70032 bytes\n"), HasSubstr("DataFlash AT45DB642\n")));
 }
 
 TEST_F(FlashTool, BadBlocksAreNamedWithWhatTheyCost) {
@@ -134,45 +133,28 @@ TEST_F(FlashTool, BadBlocksAreNamedWithWhatTheyCost) {
     nand.make_factory_bad(1);
     nand.make_factory_bad(7);
     nand.save(chip);
-    const std::vector<std::string> provision = {"flash", "provision", "--medium", "nand", "--nand", chip, "--json"};
-    const auto with = [&](std::initializer_list<std::string> more) {
-        std::vector<std::string> words = provision;
-        words.insert(words.end(), more);
-        return run(words);
+    const auto provision = [&](const std::string &stored, const std::string &option, const std::string &value) {
+        return run({"provision", "--medium", "nand", "--nand", chip, "--json", "--bootloader", stored, option, value});
     };
-    EXPECT_EQ(with({"--bootloader", image, "--rescue", image + ":1"}).status, 1) << "the record would fall into slot 0";
-    EXPECT_EQ(with({"--bootloader", file("large", Wrap(Body(0x1C0000 - 31, 1)))}).status, 1) << "no room left";
+    EXPECT_EQ(provision(image, "--rescue", image + ":1").exit_status, 1) << "the record would fall into slot 0";
+    EXPECT_EQ(provision(file("large", Wrap(Body(0x1C0000 - 31, 1))), "--slot", "0").exit_status, 1) << "no room left";
     nand.load(chip);
     EXPECT_EQ(nand.read(0x40000, 4), Bytes(4, 0xFF)) << "a refused call writes nothing";
-    const Result fits = with({"--bootloader", file("fits", Wrap(Body(0x1C0000 - 32, 1)))});
-    ASSERT_EQ(fits.status, 0);
-    EXPECT_EQ(fits.report()["bad_blocks"], (json{1, 7}));
-    EXPECT_EQ(fits.report()["slots"][0]["room"], 0x1C0000);
-    EXPECT_TRUE(Warns(fits.report(), "block 1 is bad"));
-    EXPECT_TRUE(Warns(fits.report(), "bootloader 0: 1 bad block inside it; an image above 1835008 bytes"));
-    EXPECT_FALSE(Warns(fits.report(), "the last"));
+    const CommandResult fits = provision(file("fits", Wrap(Body(0x1C0000 - 32, 1))), "--slot", "0");
+    ASSERT_EQ(fits.exit_status, 0);
+    EXPECT_EQ(report(fits)["bad_blocks"], (json{1, 7}));
+    EXPECT_EQ(report(fits)["slots"][0]["room"], 0x1C0000);
+    EXPECT_THAT(warnings(fits), AllOf(HasSubstr("block 1 is bad"), Not(HasSubstr("the last")),
+                                      HasSubstr("bootloader 0: 1 bad block inside it; an image above 1835008 bytes")));
     // What an update does that knows nothing of the slot's room.
     nand.load(chip);
     RawFlashOf(nand).write(0x40000, Wrap(Body(0x1E0000 - 32, 1)));
-    EXPECT_TRUE(
-        Warns(json{{"warnings", ExamineFlash(RawFlashOf(nand)).warnings}}, "push the last 131072 of 1966080 bytes"));
-}
-
-TEST_F(FlashTool, NeighboursInADataflashPageAreNamed) {
-    const std::string chip = file("df");
-    At45Contents flash(*FindAt45Part("AT45DB321"));
-    flash.write(0, Bytes(0x7F00, 0x11)); // a first-stage loader up to the record
-    flash.save(chip);
-    const Bytes whole = Wrap(Body(0x1FC000 - 32, 1));
-    const Result result = run({"flash", "provision", "--medium", "dataflash", "--dataflash", chip, "--part",
-                               "AT45DB321", "--bootloader", file("whole", whole), "--json"});
-    ASSERT_EQ(result.status, 0);
-    EXPECT_TRUE(Warns(result.report(), "version record: page 61 holds 304 bytes of what lies before it"));
-    EXPECT_TRUE(Warns(result.report(), "bootloader 1: page 4002 holds"));
-    EXPECT_EQ(warnings(result.report()).size(), 2u);
+    EXPECT_THAT(warnings(RawFlashOf(nand)), HasSubstr("push the last 131072 of 1966080 bytes"));
 }
 
 TEST_F(FlashTool, AnImageIsWarnedOfTheHolesItWouldMeet) {
+    const std::string slot0 = "bootloader 0: ", slot1 = "bootloader 1: ", push = "bad blocks push the last ";
+    const std::string refused = "1966081 bytes fit neither bootloader slot", shared = "the last 1 of 2080289 bytes";
     const struct {
         const char *part; // null: NAND
         std::vector<std::uint32_t> bad_blocks;
@@ -181,27 +163,15 @@ TEST_F(FlashTool, AnImageIsWarnedOfTheHolesItWouldMeet) {
         std::vector<std::string> warnings; // as they begin
     } rows[] = {
         {nullptr, {1, 5, 20, 40}, false, 70'000, {}},
-        {nullptr,
-         {5},
-         false,
-         0x1C0001,
-         {"bootloader 0: bad blocks push the last 1 of 1835009 bytes on into bootloader 1"}},
-        {nullptr,
-         {20},
-         false,
-         0x1E0000,
-         {"bootloader 1: bad blocks push the last 131072 of 1966080 bytes on into rescue"}},
-        {nullptr, {5}, false, 0x1E0001, {"1966081 bytes fit neither bootloader slot"}},
-        {nullptr, {40}, true, 0xC00000, {"rescue: bad blocks push the last 131072 of 12582912 bytes on into the file"}},
+        {nullptr, {5}, false, 0x1C0001, {slot0 + push + "1 of 1835009 bytes on into bootloader 1"}},
+        {nullptr, {20}, false, 0x1E0000, {slot1 + push + "131072 of 1966080 bytes on into rescue"}},
+        {nullptr, {5}, false, 0x1E0001, {refused}},
+        {nullptr, {40}, true, 0xC00000, {"rescue: " + push + "131072 of 12582912 bytes on into the file"}},
         {nullptr, {1}, true, 9'000, {"block 1 is bad"}},
         {"AT45DB642", {}, false, 2001 * 1056 - 0x8000, {}},
-        {"AT45DB642",
-         {},
-         false,
-         2001 * 1056 - 0x8000 + 1,
-         {"bootloader 0: the last 1 of 2080289 bytes share page 2001"}},
-        {"AT45DB642", {}, false, 0x1FC001, {"bootloader 1: 2080769 bytes fit here alone"}},
-        {"AT45DB161", {}, false, 50'000, {"bootloader 0: 50000 bytes fit here alone"}},
+        {"AT45DB642", {}, false, 2001 * 1056 - 0x8000 + 1, {slot0 + shared + " share page 2001"}},
+        {"AT45DB642", {}, false, 0x1FC001, {slot1 + "2080769 bytes fit here alone"}},
+        {"AT45DB161", {}, false, 50'000, {slot0 + "50000 bytes fit here alone"}},
         {"AT45DB161", {}, true, 9'000, {"rescue: takes 0 bytes, not 9000"}},
         {"AT45DB642", {}, true, 9'000, {}},
     };
@@ -222,42 +192,38 @@ TEST_F(FlashTool, AnImageIsWarnedOfTheHolesItWouldMeet) {
     flash.write(0x404000, rescue);
     flash.write(0x7F00, Bytes{'2', 0});
     EXPECT_EQ(WarningsOfRescue(flash, 9'000, "2"), std::vector<std::string>{});
-    EXPECT_NE(WarningsOfRescue(flash, 9'000, "3").at(0).find("is replaced in place"), std::string::npos);
+    EXPECT_THAT(WarningsOfRescue(flash, 9'000, "3").at(0), HasSubstr("is replaced in place"));
     flash.write(0x204000, Wrap(Body(0x200000 - 32, 1)));
-    EXPECT_TRUE(Warns(json{{"warnings", ExamineFlash(flash).warnings}}, "bootloader 1: 2097152 bytes fit here alone"));
+    EXPECT_THAT(warnings(flash), HasSubstr("bootloader 1: 2097152 bytes fit here alone"));
     flash.write(0x404020, Bytes{0, 1, 2});
-    EXPECT_TRUE(Warns(json{{"warnings", ExamineFlash(flash).warnings}}, "rescue: no good image"));
+    EXPECT_THAT(warnings(flash), HasSubstr("rescue: no good image"));
 }
 
 TEST_F(FlashTool, WhatCannotWorkIsRefused) {
     const std::string image = file("boot.img", bootloader), chip = file("df");
     Bytes broken = bootloader;
     broken.back() ^= 1;
-    const struct {
-        std::vector<std::string> words;
-        int status;
-    } rows[] = {
-        {{"info"}, 2},
-        {{"info", "--nand", file("missing")}, 2},
-        {{"info", "--dataflash", file("long", Bytes(2162689)), "--part", "AT45DB161"}, 1},
-        {{"info", "--dataflash", image, "--part", "AT45"}, 2},
-        {{"provision", "--medium", "dataflash", "--bootloader", image}, 2},
-        {{"provision", "--medium", "dataflash", "--dataflash", chip, "--bootloader", image, "--slot", "2"}, 2},
-        {{"provision", "--medium", "dataflash", "--dataflash", chip, "--bootloader", image, "--rescue", image}, 2},
-        {{"provision", "--medium", "dataflash", "--dataflash", chip, "--bootloader", image, "--rescue", image + ":"},
-         1},
-        {{"provision", "--medium", "dataflash", "--dataflash", chip, "--bootloader", image, "--rescue",
-          image + ":12345678901234567"},
-         1},
-        {{"provision", "--medium", "dataflash", "--dataflash", chip, "--bootloader", file("broken", broken)}, 1},
-        {{"provision", "--medium", "dataflash", "--dataflash", chip, "--bootloader", image, "--rescue", image + ":1",
-          "--part", "AT45DB161"},
-         1}, // the rescue slot lies beyond this chip
+    using Words = std::vector<std::string>;
+    const std::pair<int, Words> calls[] = {
+        {2, {"info"}},
+        {2, {"info", "--nand", file("missing")}},
+        {1, {"info", "--dataflash", file("long", Bytes(2162689)), "--part", "AT45DB161"}},
+        {2, {"info", "--dataflash", image, "--part", "AT45"}},
+        {2, {"provision", "--medium", "dataflash", "--bootloader", image}},
+        {1, {"provision", "--medium", "dataflash", "--dataflash", chip, "--bootloader", file("broken", broken)}},
     };
-    for (const auto &row : rows) {
-        std::vector<std::string> words = row.words;
-        words.insert(words.begin(), "flash");
-        EXPECT_EQ(run(words).status, row.status) << words.back();
+    for (const auto &[status, words] : calls) EXPECT_EQ(run(words).exit_status, status) << words.back();
+    const std::pair<int, Words> rows[] = {
+        {2, {"--slot", "2"}},
+        {2, {"--rescue", image}},
+        {1, {"--rescue", image + ":"}},
+        {1, {"--rescue", image + ":12345678901234567"}},
+        {1, {"--rescue", image + ":1", "--part", "AT45DB161"}}, // the rescue slot lies beyond this chip
+    };
+    for (const auto &[status, more] : rows) {
+        Words words = {"provision", "--medium", "dataflash", "--dataflash", chip, "--bootloader", image};
+        words.insert(words.end(), more.begin(), more.end());
+        EXPECT_EQ(run(words).exit_status, status) << words.back();
     }
     EXPECT_FALSE(std::filesystem::exists(chip));
 }

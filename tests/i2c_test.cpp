@@ -54,7 +54,6 @@ const Conversation kConversations[] = {
     {"write, sub-address of 2", "TWIWriteSub2", 0x30, 0xABCD, 1, "S 30+ AB+ CD+ A1+ P", 0, 1},
     {"write, sub-address of 3", "TWIWriteSub3", 0x30, 0x12ABCD, 1, "S 30+ 12+ AB+ CD+ A1+ P", 0, 1},
     {"read", "TWIRead", 0x30, kNone, 3, "S 31+ F1+ F2+ F3- P", 0, 3},
-    {"read one", "TWIRead", 0x31, kNone, 1, "S 31+ F1- P", 0, 1},
     {"read nothing", "TWIRead", 0x30, kNone, 0, "S 31+ P", 0, 0},
     // The device is about to send zeros: it holds SDA, and is clocked on to its first 1.
     {"read nothing, bits due", "TWIRead", 0x30, kNone, 0, "S 31+", 0, 0, {}, {}, 0x11},
@@ -64,7 +63,6 @@ const Conversation kConversations[] = {
 
     {"nobody there", "TWIWrite", 0x52, kNone, 2, "S 52-", 5, 2},
     {"nobody to read", "TWIRead", 0x52, kNone, 2, "S 53-", 5, 2},
-    {"nobody there, sub-address", "TWIWriteSub1", 0x52, 0xAB, 1, "S 52-", 5, 1},
     // The data follows, but one bit late: the refusal left SCL high, and its fall is a clock more.
     {"sub-address of 1 refused", "TWIWriteSub1", 0x30, 0xAB, 1, "S 30+ AB- D0+", 7, 1, {{At::sub_address}}},
     {"sub-address of 2 refused", "TWIWriteSub2", 0x30, 0xABCD, 1, "S 30+ AB+ CD-", 6, 1, {{At::sub_address, 1}}},
@@ -75,24 +73,19 @@ const Conversation kConversations[] = {
     {"data behind sub-address refused", "TWIWriteSub1", 0x30, 0xAB, 1, "S 30+ AB+ A1-", 7, 1, {{At::data}}},
 
     {"SCL held", "TWIWrite", 0x30, kNone, 1, "", 3, 1, {}, {{Line::scl}}},
-    {"SCL held, read", "TWIReadSub1", 0x30, 0xAB, 1, "", 3, 1, {}, {{Line::scl}}},
     {"SCL held at repeated start", "TWIReadSub1", 0x30, 0xAB, 1, "S 30+ AB+", 3, 1, {}, {{Line::scl, 19}}},
     {"first bit stretched", "TWIWrite", 0x30, kNone, 1, "S 30+ A1+ P", 0, 1, {}, {{Line::scl, 1, 100}}},
     {"first bit too long", "TWIWrite", 0x30, kNone, 1, "S", 2, 1, {}, {{Line::scl, 1, 101}}},
     {"acknowledge stretched", "TWIWrite", 0x30, kNone, 1, "S 30+ A1+ P", 0, 1, {}, {{Line::scl, 9, 100}}},
     {"acknowledge too long", "TWIWrite", 0x30, kNone, 1, "S 30", 2, 1, {}, {{Line::scl, 9, 101}}},
-    {"data acknowledge too long", "TWIWrite", 0x30, kNone, 1, "S 30+ A1", 2, 1, {}, {{Line::scl, 18, 101}}},
     {"stop stretched", "TWIWrite", 0x30, kNone, 1, "S 30+ A1+ P", 0, 1, {}, {{Line::scl, 19, 100}}},
     {"stop too long", "TWIWrite", 0x30, kNone, 1, "S 30+ A1+", 4, 1, {}, {{Line::scl, 19, 101}}},
-    {"read bit stretched", "TWIRead", 0x30, kNone, 2, "S 31+ F1+ F2- P", 0, 2, {}, {{Line::scl, 12, 100}}},
     // The byte is lost after 101 readings, and the stop waits for the rest.
     {"read bit too long", "TWIRead", 0x30, kNone, 2, "S 31+ (2) P", 0, 0, {}, {{Line::scl, 12, 150}}},
-    {"second byte too long", "TWIRead", 0x30, kNone, 2, "S 31+ F1+ (2) P", 0, 1, {}, {{Line::scl, 21, 150}}},
     {"own acknowledge too long", "TWIRead", 0x30, kNone, 3, "S 31+ F1 (8) P", 0, 1, {}, {{Line::scl, 18, 150}}},
     {"read held for good", "TWIRead", 0x30, kNone, 2, "S 31+ F1+", 4, 1, {}, {{Line::scl, 21, kForever}}},
 
     // The stop's own rise is the first clock; recovery clocks follow: the 101st still helps.
-    {"SDA held at the stop", "TWIWrite", 0x30, kNone, 1, "S 30+ A1+", 0, 1, {}, {{Line::sda, 19, 5}}},
     {"SDA held for 101 clocks", "TWIWrite", 0x30, kNone, 1, "S 30+ A1+", 0, 1, {}, {{Line::sda, 19, 101}}},
     {"SDA held for 102 clocks", "TWIWrite", 0x30, kNone, 1, "S 30+ A1+", 1, 1, {}, {{Line::sda, 19, 102}}},
     {"both held", "TWIWrite", 0x30, kNone, 1, "S 30+ A1+", 1, 1, {}, {{Line::sda, 19}, {Line::scl, 20}}},
@@ -115,18 +108,13 @@ protected:
         for (int stop = 0; stop < 2; stop++) bench.call("I2C_Stop");
         monitor.take();
     }
-    std::uint32_t call(const Conversation &c, std::uint32_t data, std::uint32_t count) {
-        return c.sub ? bench.call(c.routine, c.address, *c.sub, data, count)
-                     : bench.call(c.routine, c.address, data, count);
-    }
-    // The register accesses of a call: "CODR=20 PER=20 PDSR".
+    // The register accesses of a call: "CODR=20 PER=20 PDSR ".
     template <typename... Arguments> std::string accesses(const char *routine, Arguments... arguments) {
         std::string text;
         bench.board().bus.observer = [&](const BusAccess &access) {
             const std::string name = bench.board().bus.name_of(access.address);
             if (!name.starts_with("PIOB.")) return;
-            text += (text.empty() ? "" : " ") + name.substr(5);
-            if (access.is_write) text += fmt::format("={:X}", access.value);
+            text += name.substr(5) + (access.is_write ? fmt::format("={:X} ", access.value) : " ");
         };
         bench.call(routine, arguments...);
         bench.board().bus.observer = nullptr;
@@ -156,7 +144,9 @@ TEST_P(TwoWireBus, Conversations) {
         for (const SlaveFault &fault : c.device) device.inject(fault);
         for (const LineFault &fault : c.lines) bench.board().two_wire_trouble.inject(fault);
 
-        EXPECT_EQ(call(c, data, count), c.result);
+        EXPECT_EQ(c.sub ? bench.call(c.routine, c.address, *c.sub, data, count)
+                        : bench.call(c.routine, c.address, data, count),
+                  c.result);
         EXPECT_EQ(bench.at(count)[0], c.counted);
         EXPECT_EQ(Conversed(monitor.take()), c.wire);
         const unsigned stored = reads && c.result != 5 && c.result != 6 && c.result != 3 ? c.counted : 0;
@@ -184,30 +174,19 @@ TEST_P(TwoWireBus, GoesOnAfterAFailure) {
 
 // Lines are pulled low or let go, never driven high; levels are read from released lines.
 TEST_P(TwoWireBus, RegisterSequences) {
-    const std::pair<const char *, const char *> kPrimitives[] = {
-        {"SCLINPUT", "ODR=20 PER=20"},
-        {"SCLOUTPUT", "PER=20 OER=20"},
-        {"SCLCLEAR", "CODR=20"},
-        {"SCLSTAT", "PDSR"},
-        {"SDAINPUT", "ODR=10 PER=10"},
-        {"SDAOUTPUT", "PER=10 OER=10"},
-        {"SDACLEAR", "CODR=10"},
-        {"SDASTAT", "PDSR"},
-        {"I2C_GetSCL", "ODR=20 PER=20 PDSR"},
-        {"I2C_GetSDA", "ODR=10 PER=10 PDSR"},
-        {"TWIInit", "ODR=20 PER=20 ODR=10 PER=10"},
-    };
-    for (const auto &[routine, expected] : kPrimitives) EXPECT_EQ(accesses(routine), expected) << routine;
-    EXPECT_EQ(accesses("I2C_SetSCL", 0), "CODR=20 PER=20 OER=20 CODR=20");
-    EXPECT_EQ(accesses("I2C_SetSDA", 0), "CODR=10 PER=10 OER=10 CODR=10");
-    EXPECT_EQ(accesses("I2C_SetSDA", 1), "ODR=10 PER=10");
+    EXPECT_EQ(accesses("I2C_GetSCL"), "ODR=20 PER=20 PDSR ");
+    EXPECT_EQ(accesses("I2C_GetSDA"), "ODR=10 PER=10 PDSR ");
+    EXPECT_EQ(accesses("I2C_SetSCL", 0), "CODR=20 PER=20 OER=20 CODR=20 ");
+    EXPECT_EQ(accesses("I2C_SetSDA", 0), "CODR=10 PER=10 OER=10 CODR=10 ");
+    EXPECT_EQ(accesses("TWIInit"), "ODR=20 PER=20 ODR=10 PER=10 ");
+    bench.call("I2C_SetSCL", 0);
     EXPECT_EQ(bench.call("SCLSTAT"), 0u);
     EXPECT_EQ(bench.call("I2C_GetSCL"), 1u);
     EXPECT_EQ(bench.call("SCLSTAT"), 0x20u);
     EXPECT_EQ(bench.call("SDASTAT"), 0x10u);
 
     bench.board().two_wire_trouble.inject({Line::scl});
-    EXPECT_EQ(accesses("I2C_Start"), "ODR=20 PER=20 PDSR") << "a busy bus: SDA is left alone";
+    EXPECT_EQ(accesses("I2C_Start"), "ODR=20 PER=20 PDSR ") << "a busy bus: SDA is left alone";
 }
 
 TEST_P(TwoWireBus, DelayTakesTime) {
@@ -216,9 +195,9 @@ TEST_P(TwoWireBus, DelayTakesTime) {
         bench.call("I2C_Delay", units);
         return bench.board().clock.now() - before;
     };
-    const Picoseconds nothing = time_of(0);
-    EXPECT_GT(time_of(20) - nothing, 200 * 10 * kNanosecond);
-    EXPECT_NEAR(static_cast<double>(time_of(200) - nothing), 10.0 * static_cast<double>(time_of(20) - nothing), 1e6);
+    const Picoseconds nothing = time_of(0), twenty = time_of(20) - nothing;
+    EXPECT_GT(twenty, 200 * 10 * kNanosecond);
+    EXPECT_NEAR(static_cast<double>(time_of(200) - nothing), 10.0 * static_cast<double>(twenty), 1e6);
 }
 
 BOTH_PROCESSORS(TwoWireBus);

@@ -56,31 +56,26 @@ protected:
 
 TEST_F(ImageCommand, WrapsLikeTheReferenceImages) {
     const std::string maker("Orvalis Luminations", 20);
-    EXPECT_EQ(wrap("application file").exit_status, 0);
-    EXPECT_EQ(Text(ReadFile(out_, 100)),
+    const auto wrapped = [&](const std::string &content) {
+        EXPECT_EQ(wrap(content).exit_status, 0);
+        return Text(ReadFile(out_, 100));
+    };
+    EXPECT_EQ(wrapped("application file"),
               maker + std::string("\x30\0\0\0\xBB\x4B\x23\x01\x3B\x5B\xE0\x9B", 12) + "application file");
-    EXPECT_EQ(wrap("boot file").exit_status, 0);
-    EXPECT_EQ(Text(ReadFile(out_, 100)),
+    EXPECT_EQ(wrapped("boot file"),
               maker + std::string("\x29\0\0\0\xDB\x48\x23\x01\xE9\x4F\xE9\x93", 12) + "boot file");
-    EXPECT_EQ(wrap(TwoPartElf().bytes()).exit_status, 0);
-    EXPECT_EQ(Text(ReadFile(out_, 100)).substr(32), std::string("low.\0\0high", 10));
+    EXPECT_EQ(wrapped(TwoPartElf().bytes()).substr(32), std::string("low.\0\0high", 10));
 }
 
 TEST_F(ImageCommand, RefusesWhatIsNoImage) {
-    TwoPartElf entry, machine, outside, apart;
+    TwoPartElf entry, apart;
     entry.header.e_entry += 4;
-    machine.header.e_machine = EM_386;
-    outside.segments[0].p_filesz = outside.segments[0].p_memsz = 400;
     apart.segments[0].p_paddr = 0xF0000000;
     const std::pair<std::string, const char *> rows[] = {
-        {"", "no bytes to load"},
         {Text(Wrap(Bytes(5))), "carries a stored image header already"},
         {std::string(kLargestStoredImage - 31, 'x'), "16777153 bytes; expected at most 16777152"},
         {entry.bytes(), "entry at 0x20100004; expected it at the image's first byte, 0x20100000"},
-        {machine.bytes(), "machine 3"},
-        {outside.bytes(), "past the end of the file"},
         {apart.bytes(), "too far apart"},
-        {TwoPartElf().bytes().substr(0, 60), "expected an ELF executable"},
     };
     for (const auto &[content, message] : rows) {
         const CommandResult result = wrap(content);
@@ -97,9 +92,8 @@ TEST_F(ImageCommand, SaysWhatIsWrongWithAnImage) {
     const auto with = [&](std::size_t offset, const std::string &bytes) {
         return std::string(good).replace(offset, bytes.size(), bytes);
     };
-    const struct {
-        std::string content, invalid; // the fields that are not valid
-    } rows[] = {
+    // With the fields that are not valid.
+    const std::pair<std::string, std::string> rows[] = {
         {good, ""},
         {good + "more", ""},
         {with(8, "l"), "maker "},
@@ -115,14 +109,14 @@ TEST_F(ImageCommand, SaysWhatIsWrongWithAnImage) {
         {"", "header maker "},
         {std::string(64, '\xFF'), "maker size sum1 sum2 "},
     };
-    for (const auto &row : rows) {
-        const nlohmann::json report = info(row.content, row.invalid.empty() ? 0 : 1);
+    for (const auto &[content, expected] : rows) {
+        const nlohmann::json report = info(content, expected.empty() ? 0 : 1);
         std::string invalid;
         for (const auto &[name, field] : report["fields"].items()) {
             if (!field["valid"]) invalid += name + " ";
             EXPECT_EQ(field["valid"], !field.contains("expected"));
         }
-        EXPECT_EQ(invalid, row.invalid) << report.dump(1);
+        EXPECT_EQ(invalid, expected) << report.dump(1);
     }
     EXPECT_EQ(info(good + "more", 0)["trailing"], 4);
     const nlohmann::json large = info(Text(Wrap(Bytes(0x1E0000 - 31))), 0), slots = large["slots"];

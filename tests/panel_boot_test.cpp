@@ -51,20 +51,19 @@ TEST_P(PanelInBoots, ShowsEveryStep) {
     for (::Setup *setup : {&plain, &rescue, &damaged}) setup->new_bootloader = false;
     rescue.new_rescue = damaged.new_rescue = true;
     damaged.damaged = true;
-    struct Case {
+    const struct {
         const char *name;
         ::Setup setup;
         bool no_banks;
         std::vector<int> bars;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"application", plain, false, {0, 5, 12, 25, 40}},
         {"new rescue image", rescue, false, {0, 5, 12, 25, 50, 70, 80, 100, 40}},
         {"new bootloader", bootloader, false, {0, 5, 12, 25, 50, 70, 80, 100, kDark, 0, 5, 12, 25, 40}},
         {"damaged update", damaged, false, {0, 5, 12, 25, 50, 70, 40}},
         {"rescue", plain, true, {0, 5, 12, 25, 50, 100}},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         World world = MakeWorld(c.setup, firmware);
         const TemporaryDirectory nothing;

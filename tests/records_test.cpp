@@ -33,20 +33,16 @@ protected:
 BOTH_PROCESSORS(Records);
 
 TEST_P(Records, HoldTextsOfTheirFieldsAndNoMore) {
-    struct Row {
-        const char *module;
-        const char *text;
-        std::size_t bytes;
-        std::size_t longest;
-    };
-    const Row rows[] = {
+    const struct {
+        const char *module, *text;
+        std::size_t bytes, longest;
+    } rows[] = {
         {"App", "PathFilename", 256, 256}, {"Rescue", "PathFilename", 256, 256}, {"Boot", "PathFilename", 256, 255},
         {"Rescue", "Version", 16, 16},     {"Boot", "Version", 16, 16},
     };
-    for (const Row &row : rows) {
-        const std::string get = fmt::format("{}_Get{}", row.module, row.text);
-        const std::string set_text = fmt::format("{}_Set{}", row.module, row.text);
-        call(fmt::format("{}_Init", row.module));
+    for (const auto &row : rows) {
+        const std::string module = row.module, get = module + "_Get" + row.text, set_text = module + "_Set" + row.text;
+        call(module + "_Init");
         for (const std::size_t length : {row.bytes + 50, row.bytes, row.bytes - 1, std::size_t{3}, std::size_t{0}}) {
             const std::string text(length, static_cast<char>('a' + length % 26));
             set(set_text, text);
@@ -57,35 +53,20 @@ TEST_P(Records, HoldTextsOfTheirFieldsAndNoMore) {
             }
         }
         set(set_text, "left over");
-        call(fmt::format("{}_Init", row.module));
-        EXPECT_EQ(field(get, row.bytes), std::string(row.bytes, '\0')) << get;
-    }
-}
-
-TEST_P(Records, KeepTheirNumbersApart) {
-    const char *const modules[] = {"App", "Rescue", "Boot"};
-    std::uint32_t value = 0xF0000001;
-    for (const std::string module : modules) {
-        bench_.call((module + "_SetSize").c_str(), value++);
-        bench_.call((module + "_SetCheckSum").c_str(), value++);
-    }
-    value = 0xF0000001;
-    for (const std::string module : modules) {
-        EXPECT_EQ(call(module + "_GetSize"), value++) << module;
-        EXPECT_EQ(call(module + "_GetCheckSum"), value++) << module;
+        for (const char *number : {"_SetSize", "_SetCheckSum"}) bench_.call((module + number).c_str(), 0xF0000001);
         call(module + "_Init");
+        EXPECT_EQ(field(get, row.bytes), std::string(row.bytes, '\0')) << get;
         EXPECT_EQ(call(module + "_GetSize") | call(module + "_GetCheckSum"), 0u) << module;
     }
 }
 
 // Every access of the strap test, in its order, and what it makes of each board.
 TEST_P(Records, FindTheStraps) {
-    struct Row {
+    const struct {
         Straps straps;
         std::uint32_t found;
         const char *ends; // from the first reading on
-    };
-    const Row rows[] = {
+    } rows[] = {
         {{}, 0, "PDSR PDSR"},
         {{.pins_12_13 = true}, 1, "PDSR SODR=2000 PDSR PDSR"},
         {{.pins_14_18 = true}, 2, "PDSR PDSR SODR=40000 PDSR"},
@@ -98,18 +79,16 @@ TEST_P(Records, FindTheStraps) {
         if (address == PIOB.SODR().address) return "SODR";
         return fmt::format("{:X}", address & 0xFF);
     };
-    for (const Row &row : rows) {
+    for (const auto &row : rows) {
         BoardOptions board;
         board.straps = row.straps;
         Bench bench(GetParam(), board);
         std::string log;
         bench.board().bus.observer = [&](const BusAccess &access) {
-            if (!log.empty()) log += ' ';
-            log += name(access.address);
-            if (access.is_write) log += fmt::format("={:X}", access.value);
+            log += ' ' + name(access.address) + (access.is_write ? fmt::format("={:X}", access.value) : "");
         };
         EXPECT_EQ(bench.call("GetHardwarePinConfig"), row.found);
-        EXPECT_EQ(log, std::string("SPI1=2 44=47000 60=FFFFAFFF 64=5000 14=5000 0=5000 0=42000 10=42000 10=42000 "
+        EXPECT_EQ(log, std::string(" SPI1=2 44=47000 60=FFFFAFFF 64=5000 14=5000 0=5000 0=42000 10=42000 10=42000 "
                                    "0=47000 34=42000 ") +
                            row.ends);
         std::uint32_t medium;

@@ -46,10 +46,9 @@ struct SpiModel : testing::Test {
 
     Clock clock;
     Journal journal{clock};
-    Bus bus{clock, journal};
+    Bus bus{clock};
     Net select{"PA5", journal}, spck{"PA2", journal}, mosi{"PA1", journal}, miso{"PA0", journal};
-    bool pins = true;
-    bool clocked = true;
+    bool pins = true, clocked = true;
     Listener device;
     SpiController spi{
         clock, journal, bus, {[this] { return pins; }, [this] { return clocked; }, &select, &spck, &mosi, &miso}};
@@ -69,23 +68,21 @@ TEST_F(SpiModel, FlagsFollowEnableAndReset) {
 }
 
 TEST_F(SpiModel, CharactersTakeTheProgrammedTimes) {
-    struct Row {
-        std::uint32_t scbr, before, after;
-        unsigned first, period; // master clock cycles: write to RDRF, and RDRF to RDRF of a prompt driver
-    };
-    for (const Row &row : {Row{3, 26, 1, 26 + 24, 24 + 32}, {5, 0, 1, 2 + 40, 40 + 32}, {4, 1, 2, 1 + 32, 32 + 64}}) {
-        enable(row.before << 16 | row.after << 24 | row.scbr << 8 | kStay | 2);
+    // The divider and the delays; master clock cycles from the write to RDRF, and from RDRF to RDRF of a prompt driver.
+    using Row = std::array<std::uint32_t, 5>;
+    for (const auto &[divider, before, after, to_first, period] :
+         {Row{3, 26, 1, 26 + 24, 24 + 32}, {5, 0, 1, 2 + 40, 40 + 32}, {4, 1, 2, 1 + 32, 32 + 64}}) {
+        enable(before << 16 | after << 24 | divider << 8 | kStay | 2);
         clock.advance(kMillisecond);
         bus.write(TDR, 4, 0x55);
-        const Picoseconds written = clock.now();
-        const Picoseconds first = wait(1) - bus.cycle;
+        const Picoseconds written = clock.now(), first = wait(1) - bus.cycle;
         bus.read(RDR, 4);
         bus.write(TDR, 4, 0xAA);
         EXPECT_FALSE(bus.read(SR, 4) & 2) << "TDRE falls while the character waits for the delay";
         const Picoseconds second = wait(1) - bus.cycle;
-        EXPECT_EQ((first - written) / bus.cycle, row.first);
-        EXPECT_EQ((second - first) / bus.cycle, row.period);
-        EXPECT_EQ((wait(1u << 9) - bus.cycle - second) / bus.cycle, row.after * 32);
+        EXPECT_EQ((first - written) / bus.cycle, to_first);
+        EXPECT_EQ((second - first) / bus.cycle, period);
+        EXPECT_EQ((wait(1u << 9) - bus.cycle - second) / bus.cycle, after * 32);
         bus.read(RDR, 4);
         bus.write(CR, 4, 0x80);
     }
@@ -129,21 +126,14 @@ TEST_F(SpiModel, TheSelectLineIsJudgedAtEachCharactersEnd) {
 }
 
 TEST_F(SpiModel, WhoHearsDependsOnSelectFieldAndPins) {
-    struct Row {
-        std::uint32_t mode;
-        bool pins;
-        std::uint32_t answer;
-    };
-    for (const Row &row : {Row{0x000E0011, true, 0xF0},
-                           {0x00000011, true, 0xF0},
-                           {0x000D0011, true, 0xFF},
-                           {0x000F0011, true, 0xFF},
-                           {0x000E0011, false, 0xFF},
-                           {0x000E0091, false, 0x0F}}) {
-        pins = row.pins;
-        enable(kMode0, row.mode);
+    const std::tuple<std::uint32_t, bool, std::uint32_t> rows[] = {
+        {0x000E0011, true, 0xF0}, {0x00000011, true, 0xF0},  {0x000D0011, true, 0xFF},
+        {0x000F0011, true, 0xFF}, {0x000E0011, false, 0xFF}, {0x000E0091, false, 0x0F}};
+    for (const auto &[mode, ready, answer] : rows) {
+        pins = ready;
+        enable(kMode0, mode);
         for (std::uint32_t n = 1; n < 4; n++) bus.write(CSR0 + 4 * n, 4, kMode0);
-        EXPECT_EQ(send(0x0F) & 0xFF, row.answer) << std::hex << row.mode;
+        EXPECT_EQ(send(0x0F) & 0xFF, answer) << std::hex << mode;
         wait(1u << 9);
     }
     EXPECT_EQ(device.log, "(.)(.)");
@@ -182,9 +172,7 @@ TEST_F(SpiModel, TheTraceShowsEveryBit) {
     spi.trace_bits = true;
     enable(kMode0);
     send(0xA7);
-    EXPECT_EQ(edges, 8u);
-    EXPECT_EQ(sent, 0xA7u);
-    EXPECT_EQ(answered, 0x58u);
+    EXPECT_TRUE(edges == 8 && sent == 0xA7 && answered == 0x58) << edges << ' ' << sent << ' ' << answered;
 }
 
 } // namespace

@@ -12,6 +12,7 @@
 namespace {
 
 std::string Name(int number) { return fmt::format("n{}", number); }
+std::int32_t Length(std::string_view text) { return static_cast<std::int32_t>(text.size()); }
 
 class Xml : public testing::Test {
 protected:
@@ -20,14 +21,12 @@ protected:
 
     int parse(const std::string &text) {
         XmlElement_SetupRoot(&root_, nullptr, 0);
-        XmlElement_SetDynamicString(&root_.value, &root_.value_length, text.data(),
-                                    static_cast<std::int32_t>(text.size()));
+        XmlElement_SetDynamicString(&root_.value, &root_.value_length, text.data(), Length(text));
         return XmlExtractor_Parse(&root_);
     }
     XmlElement *find(std::string_view parent, std::string_view child, XmlElement *start = nullptr) {
-        return XmlElement_FindChildElement(start ? start : &root_, parent.data(),
-                                           static_cast<std::int32_t>(parent.size()), child.data(),
-                                           static_cast<std::int32_t>(child.size()));
+        return XmlElement_FindChildElement(start ? start : &root_, parent.data(), Length(parent), child.data(),
+                                           Length(child));
     }
     static std::string value(const XmlElement *element) {
         if (!element) return "(none)";
@@ -40,9 +39,8 @@ protected:
         for (const XmlElement *e = parent.child; e; previous = e, e = e->next) {
             EXPECT_EQ(e->parent, &parent);
             EXPECT_EQ(e->previous, previous);
-            text +=
-                (previous ? " " : "") + std::string(e->name, static_cast<std::size_t>(e->name_length)) + "=" + value(e);
-            if (e->child) text += "(" + show(*e) + ")";
+            const std::string name(e->name, static_cast<std::size_t>(e->name_length));
+            text += (previous ? " " : "") + name + "=" + value(e) + (e->child ? "(" + show(*e) + ")" : "");
         }
         return text;
     }
@@ -103,10 +101,6 @@ TEST_F(Xml, MakesATreeOfTheSubsetItKnows) {
 
 TEST_F(Xml, FetchesTokensWithinBounds) {
     char token[8] = {};
-    const auto next = [&](std::string_view text, std::int32_t position, std::int32_t &length) {
-        return XmlExtractor_FindNextToken(text.data(), static_cast<std::int32_t>(text.size()), position, token,
-                                          &length);
-    };
     const struct {
         std::string_view text;
         std::int32_t position, capacity, result, length;
@@ -116,7 +110,9 @@ TEST_F(Xml, FetchesTokensWithinBounds) {
     };
     for (const auto &row : rows) {
         std::int32_t length = row.capacity;
-        EXPECT_EQ(next(row.text, row.position, length), row.result) << row.text;
+        EXPECT_EQ(XmlExtractor_FindNextToken(row.text.data(), Length(row.text), row.position, token, &length),
+                  row.result)
+            << row.text;
         EXPECT_EQ(length, row.length) << row.text;
     }
     EXPECT_EQ(XmlExtractor_FindEndToken("</a>", 4, -1, "a", 1), -1);
@@ -124,7 +120,7 @@ TEST_F(Xml, FetchesTokensWithinBounds) {
                                                       {"?a?", 3}, {"?", 3},  {"/a/", 4}, {"/", 4},
                                                       {"?/", 2},  {"/?", 1}, {"?a", 0},  {"!-- --", 0}};
     for (const auto &[text, type] : types)
-        EXPECT_EQ(XmlExtractor_GetTokenType(text.data(), static_cast<std::int32_t>(text.size())), type) << text;
+        EXPECT_EQ(XmlExtractor_GetTokenType(text.data(), Length(text)), type) << text;
 }
 
 TEST_F(Xml, FindsTheFirstInDocumentOrderByBeginnings) {

@@ -12,6 +12,7 @@ constexpr unsigned kSectorAddress[2] = {0x000, 0x400};
 constexpr unsigned kHeaderSize = 6;
 constexpr unsigned kEndSize = 2;
 constexpr unsigned kEndIdentifier = 0xFFF;
+constexpr unsigned kSearchEnd = 0xFF; // where the bootloader's lookups stop
 constexpr std::size_t kLongestData = 15;
 
 // The chip byte behind a store address: block bits come from the control byte, whose lowest bit is the direction.
@@ -41,6 +42,8 @@ unsigned ChecksumOf(const std::vector<std::uint8_t> &image) {
     return (0x10000 - sum) & 0xFFFF;
 }
 
+bool EndsSearch(const StoredParameter &parameter) { return parameter.identifier == kSearchEnd; }
+
 std::vector<StoredParameter> Records(const std::vector<std::uint8_t> &image, std::string &warning) {
     std::vector<StoredParameter> parameters;
     std::size_t at = kHeaderSize;
@@ -55,6 +58,8 @@ std::vector<StoredParameter> Records(const std::vector<std::uint8_t> &image, std
     }
     if (at + kEndSize != image.size() || Get16(image, at) != 0xFFFF)
         warning = fmt::format("no end marker where the records end, at byte {}: the bootloader cannot change it", at);
+    else if (std::any_of(parameters.begin(), parameters.end(), EndsSearch))
+        warning = "the bootloader finds neither parameter 0xFF nor those behind it";
     return parameters;
 }
 
@@ -85,7 +90,7 @@ StoreSector ReadSector(const EepromContents &chip, int number) {
 
 // The larger word goes first, sector 0 if they are equal; a sector that is bad leaves it to the other one.
 void Choose(StoreReport &report) {
-    const StoreSector(&sectors)[2] = report.sectors;
+    StoreSector(&sectors)[2] = report.sectors;
     if (sectors[0].empty() && sectors[1].empty()) {
         report.why = "both sectors are empty";
         return;
@@ -101,6 +106,8 @@ void Choose(StoreReport &report) {
         return;
     }
     if (sectors[other].good) report.current = other;
+    if (report.current && sectors[other].empty())
+        sectors[other].warning = "its word says empty: the bootloader's next commit would lose all parameters";
     report.why = fmt::format("sector {} goes first, but is bad: {}", first, sectors[first].problem);
     if (!report.current) report.why += fmt::format("; sector {}: {}", other, sectors[other].problem);
 }
@@ -158,7 +165,9 @@ void UpdateStore(EepromContents &chip, const std::vector<StoredParameter> &chang
     if (before.current) parameters = before.sectors[*before.current].parameters;
     for (const StoredParameter &change : changes) Apply(parameters, change);
 
-    const unsigned word = before.current ? before.sectors[*before.current].word : 1;
+    // A sound sector that calls itself empty is current beside a bad one; its word would make all of the store empty.
+    const bool worded = before.current && !before.sectors[*before.current].empty();
+    const unsigned word = worded ? before.sectors[*before.current].word : 1;
     const std::vector<std::uint8_t> image = MakeStoreImage(word, parameters);
     if (image.size() > kLongestSafeImage)
         throw std::runtime_error(fmt::format(
