@@ -45,7 +45,7 @@ TEST_P(PinSetup, WritesTheRegistersOfEachPin) {
          "PIOE.MDER=80000000 PIOE.IDR=80000000 PIOE.PUDR=80000000 PIOE.SODR=80000000 PIOE.OER=80000000 "
          "PIOE.PER=80000000 PIOB.IFER=1 PIOB.IDR=1 PIOB.PUDR=1 PIOB.ODR=1 PIOB.PER=1 "
          "PIOC.IDR=1 PIOC.PUER=1 PIOC.ASR=1 PIOC.PDR=1 PIOC.IDR=2 PIOC.PUDR=2 PIOC.BSR=2 PIOC.PDR=2 "},
-        {{{64, 0, 0, 0}, {65, 0, 0, 5}, {66, 0, 0, 0}}, 0, "PIOC.IDR=1 PIOC.PUDR=1 PIOC.ASR=1 PIOC.PDR=1 "},
+        {{{64, 0, 0, 0}, {65, 0, 0, 4}, {66, 0, 0, 0}}, 0, "PIOC.IDR=1 PIOC.PUDR=1 PIOC.ASR=1 PIOC.PDR=1 "},
         {{{160 * 32, 0, 0, 0}, {64, 0, 0, 0}}, 0, ""},
         {{{0xFFFFFFFF, 0, 0, 3}}, 0, ""},
     };

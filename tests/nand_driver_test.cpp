@@ -236,12 +236,12 @@ TEST_P(NandDriver, AnOffsetInAPageIsLeftErasedInEveryPage) {
     Raw raw(GetParam());
     ASSERT_EQ(raw.init(), 1);
     const Bytes source = Noise(4 * kPage, 1);
-    raw.write(2 * kBlock + 62 * kPage + 100, source, 5000); // 1948 bytes a page, into the next block too
+    raw.write(2 * kBlock + 62 * kPage + 1100, source, 2500); // 948 bytes a page, into the next block too
     auto next = source.begin();
     for (const std::uint32_t page : {2 * kBlock + 62 * kPage, 2 * kBlock + 63 * kPage, 3 * kBlock}) {
-        EXPECT_EQ(raw.nand().read(page, 100), Bytes(100, 0xFF));
-        EXPECT_EQ(raw.nand().read(page + 100, 1948), Bytes(next, next + 1948));
-        next += 1948;
+        EXPECT_EQ(raw.nand().read(page, 1100), Bytes(1100, 0xFF));
+        EXPECT_EQ(raw.nand().read(page + 1100, 948), Bytes(next, next + 948));
+        next += 948;
     }
     EXPECT_TRUE(raw.nand().erased(2 * 64 + 61) && raw.nand().erased(3 * 64 + 1));
 }

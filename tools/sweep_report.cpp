@@ -145,11 +145,17 @@ const Stage kCampaign[] = {
      true,
      1,
      0,
-     {"nand-update", "dataflash-update/running-erased", "dataflash-update/erased-running", "nand-rescue", "nand-both",
-      "parameters", "nand-refused", "dataflash-refused/sums"}},
+     {"nand-update", "dataflash-update", "nand-rescue", "dataflash-rescue/good", "nand-both",
+      "dataflash-both/running-retired", "parameters", "nand-refused", "dataflash-refused/sums"}},
     {"Both processors compared: console text and final chips", true, true, 1, 70, kShort},
     {"Both processors compared, with images that fill a slot", true, true, 1, 6, kLong},
     {"Two losses of power, on this machine's processor", true, false, 2, 150, kShort},
+    {"Two losses of power at every pair of operations",
+     true,
+     false,
+     2,
+     0,
+     {"nand-update/running-erased", "nand-update/erased-running", "parameters"}},
 };
 
 std::string Extent(std::size_t sample) {
