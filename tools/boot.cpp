@@ -217,7 +217,7 @@ void AddBootCommand(CLI::App &app, int &exit_status) {
     CLI::App *command = app.add_subcommand("boot", "Power a board up and run it to its end");
     command->add_option("--firmware", call->firmware, "bootloader image (ELF or flat) in place of the built one")
         ->check(CLI::ExistingFile);
-    command->add_flag("--host", call->host, "run the bootloader on this machine's processor, under sanitizers");
+    command->add_flag("--host", call->host, "run the bootloader on this machine's processor");
     command->add_option("--volume", call->volume, "directory that is volume vol0 of drive i")
         ->check(CLI::ExistingDirectory);
     command->add_option("--straps", call->straps, "boot straps fitted")
