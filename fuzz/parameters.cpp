@@ -100,7 +100,7 @@ void FuzzParameters(std::span<const std::uint8_t> input) {
     const bool whole = end == parameters.end();
     parameters.erase(end, parameters.end());
     ModuleBoard board(std::move(chips)); // reads the store on its way
-    if (!current.warning.empty()) return;
+    if (current.warning.starts_with("no end") || current.length > kLongestSafeImage) return;
     for (const unsigned identifier : kIdentifiers) CheckLookup(board, parameters, identifier);
     // An empty sector is taken where the other one is bad, but not at the next start.
     if (whole && !current.empty()) CheckChange(board, {kIdentifiers[shape.below(8)], shape.bytes(15)});

@@ -179,6 +179,7 @@ const Choice kChoices[] = {
     {"largest word", {0xFFFE, 0x7FFF}, {}, 0, 0, 1},
     {"equal, sector 0 broken", {5, 5}, {true, false}, 0, 1, 0},
     {"sector 1 first, broken", {5, 6}, {false, true}, 0, 0, 1},
+    {"empty word beside broken", {5, 0}, {true, false}, 0, 1, 0},
     {"both broken", {5, 6}, {true, true}, 1, -1, -1},
     {"broken beside empty", {5, -1}, {true, false}, 1, -1, -1},
 };

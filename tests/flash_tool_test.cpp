@@ -137,7 +137,8 @@ TEST_F(FlashTool, BadBlocksAreNamedWithWhatTheyCost) {
         return run({"provision", "--medium", "nand", "--nand", chip, "--json", "--bootloader", stored, option, value});
     };
     EXPECT_EQ(provision(image, "--rescue", image + ":1").exit_status, 1) << "the record would fall into slot 0";
-    EXPECT_EQ(provision(file("large", Wrap(Body(0x1C0000 - 31, 1))), "--slot", "0").exit_status, 1) << "no room left";
+    EXPECT_EQ(provision(file("large", Wrap(Body(0x1C0000 - 31, 1))), "--part", kDefaultNand).exit_status, 1)
+        << "no room left";
     nand.load(chip);
     EXPECT_EQ(nand.read(0x40000, 4), Bytes(4, 0xFF)) << "a refused call writes nothing";
     const CommandResult fits = provision(file("fits", Wrap(Body(0x1C0000 - 32, 1))), "--slot", "0");

@@ -129,6 +129,7 @@ TEST_P(NandDriver, IdentifiesThePartsAndSetsUpItsBus) {
         "MATRIX.EBI0_CSA? MATRIX.EBI0_CSA=1000A SMC0.SETUP3=1010101 SMC0.PULSE3=3030303 SMC0.CYCLE3=50005 "
         "SMC0.MODE3=21003 PMC.PCER=4 PMC.PCER=10 PIOA.IFDR=400000 PIOA.IDR=400000 PIOA.PUER=400000 PIOA.ODR=400000 "
         "PIOA.PER=400000 PIOD.MDDR=8000 PIOD.IDR=8000 PIOD.PUDR=8000 [ PIOD.OER=8000 PIOD.PER=8000 [ c90 a00 r8x2 ]";
+    EXPECT_EQ(NandParts().size(), 7u) << "the six that the driver knows, and one more";
     for (const NandPart &part : NandParts()) {
         Raw raw(GetParam(), part.name);
         const bool known = std::string(part.name) != "unknown";

@@ -100,7 +100,8 @@ TEST(Sweep, JudgesWhatItSees) {
 }
 
 TEST(Sweep, EveryCutOfAnUpdateOnNandRecovers) {
-    const SweepResult result = RunSweep(PlanFor({"nand-update/broken-running", "parameters"}, 0), Builds(), {});
+    const SweepResult result = RunSweep(
+        PlanFor({"nand-update/broken-running", "parameters/0-to-1-longer", "parameters/1-to-0-used"}, 0), Builds(), {});
     EXPECT_EQ(result.all.found, 0u) << Describe(result.all);
     EXPECT_EQ(result.all.cuts, 3 * result.all.operations);
     EXPECT_EQ(result.all.outcomes.at(NameOf(Outcome::good)), result.all.cases);
@@ -139,10 +140,12 @@ TEST(Sweep, ProcessorsAgree) {
 }
 
 TEST(Sweep, HolesAreSeen) {
-    for (const char *name : {"holes/no-slot-0", "holes/worn-record"}) {
-        const CaseId id = *ParseCase(name);
-        EXPECT_EQ(NameOf(RunCase(id, ProcessorKind::host, Builds()).outcome),
-                  std::string(NameOf(Outcome::no_bootloader)))
+    const std::pair<const char *, Outcome> holes[] = {{"holes/no-slot-0", Outcome::no_bootloader},
+                                                      {"holes/worn-record", Outcome::no_bootloader},
+                                                      {"holes/head-on-tail:0t", Outcome::no_bootloader},
+                                                      {"parameters/1-to-0-equal-sum:0a", Outcome::wrong_parameters}};
+    for (const auto &[name, outcome] : holes)
+        EXPECT_EQ(NameOf(RunCase(*ParseCase(name), ProcessorKind::host, Builds()).outcome),
+                  std::string(NameOf(outcome)))
             << name;
-    }
 }

@@ -90,6 +90,7 @@ TEST_P(UiLink, ReplyWithoutChecksum) {
         trouble.inject({LineFault::Line::scl, 57, 150});
         ASSERT_EQ(bench.call("uiReadCmd", 0x63, data, length), 1u) << flip;
     }
+    EXPECT_EQ(bench.call("checkCheckSum", length, 1, 1), 1u);
 }
 
 // Backlight on, from every state of the controller, and with each of its conversations failing.

@@ -8,6 +8,7 @@
 
 // A number that differs where the chips' contents or what is wrong with them differ. Only what is not shared with
 // `base` is looked at; digests of one base can be compared.
+// How often a page was programmed counts for nothing.
 std::uint64_t DigestOf(const fixture::Chips &chips, const fixture::Chips &base);
 
 // Calls for every block or page whose data differ, with its number.

@@ -44,6 +44,8 @@ unsigned ChecksumOf(const std::vector<std::uint8_t> &image) {
 
 bool EndsSearch(const StoredParameter &parameter) { return parameter.identifier == kSearchEnd; }
 
+void Warn(std::string &warning, const std::string &text) { warning += (warning.empty() ? "" : "; ") + text; }
+
 std::vector<StoredParameter> Records(const std::vector<std::uint8_t> &image, std::string &warning) {
     std::vector<StoredParameter> parameters;
     std::size_t at = kHeaderSize;
@@ -57,9 +59,10 @@ std::vector<StoredParameter> Records(const std::vector<std::uint8_t> &image, std
         at = end;
     }
     if (at + kEndSize != image.size() || Get16(image, at) != 0xFFFF)
-        warning = fmt::format("no end marker where the records end, at byte {}: the bootloader cannot change it", at);
-    else if (std::any_of(parameters.begin(), parameters.end(), EndsSearch))
-        warning = "the bootloader finds neither parameter 0xFF nor those behind it";
+        Warn(warning,
+             fmt::format("no end marker where the records end, at byte {}: the bootloader cannot change it", at));
+    if (std::any_of(parameters.begin(), parameters.end(), EndsSearch))
+        Warn(warning, "the bootloader finds neither parameter 0xFF nor those behind it");
     return parameters;
 }
 
@@ -83,8 +86,8 @@ StoreSector ReadSector(const EepromContents &chip, int number) {
     }
     sector.parameters = Records(image, sector.warning);
     if (sector.length > kLongestSafeImage)
-        sector.warning =
-            fmt::format("{} bytes: those from {} on lie over the sector's own start", sector.length, kLongestSafeImage);
+        Warn(sector.warning, fmt::format("{} bytes: those from {} on lie over the sector's own start", sector.length,
+                                         kLongestSafeImage));
     return sector;
 }
 
@@ -107,7 +110,7 @@ void Choose(StoreReport &report) {
     }
     if (sectors[other].good) report.current = other;
     if (report.current && sectors[other].empty())
-        sectors[other].warning = "its word says empty: the bootloader's next commit would lose all parameters";
+        Warn(sectors[other].warning, "its word says empty: the bootloader's next commit would lose all parameters");
     report.why = fmt::format("sector {} goes first, but is bad: {}", first, sectors[first].problem);
     if (!report.current) report.why += fmt::format("; sector {}: {}", other, sectors[other].problem);
 }

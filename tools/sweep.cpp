@@ -111,6 +111,7 @@ void AddSweepCommand(CLI::App &app, int &exit_status) {
     command->add_option("--sample", call->sample, "about so many cases of each scenario, chosen by the seed");
     command->add_option("--seed", call->seed, "decides how operations tear and what is sampled")->capture_default_str();
     command->add_flag("--json", call->json, "results as one JSON object");
-    command->add_option("--report", call->report, "run the whole campaign and write its document to this file");
+    command->add_option("--report", call->report, "run the whole campaign and write its document to this file")
+        ->excludes("SCENARIO", "--list", "--processor", "--losses", "--json");
     command->callback([call, &exit_status] { exit_status = Sweep(*call); });
 }

@@ -1,6 +1,7 @@
 #include "sweep_case.h"
 
 #include "chips_compare.h"
+#include "eeprom_store.h"
 #include "first_stage.h"
 
 #include <algorithm>
@@ -93,7 +94,8 @@ const char *NameOf(Outcome outcome) {
                                           "other flash changed",
                                           "violation",
                                           "hang",
-                                          "fault"};
+                                          "fault",
+                                          "resets without end"};
     return kNames[static_cast<std::size_t>(outcome)];
 }
 
@@ -124,7 +126,7 @@ RunOptions Sweeper::options() const {
 
 bool Sweeper::may_touch(const ChipOperation &operation) const {
     const std::string_view chip = operation.chip;
-    if (chip == "EEPROM") return true;
+    if (chip == "EEPROM") return world_.commits;
     if ((chip == "NAND") != (world_.medium == Medium::nand)) return false;
     const std::uint32_t unit = chip == "NAND" ? kNandBlockBytes : world_.chips.dataflash.part().page_bytes;
     const std::uint32_t begin = operation.address / unit * unit;
@@ -140,6 +142,7 @@ RunReport Sweeper::commit(Machine &machine) const {
     const auto call = [&](const char *routine, std::vector<std::uint32_t> arguments) {
         std::uint32_t result = 0;
         if (end.end == StageEnd::stopped_at) end = machine.call(routine, arguments, result);
+        if (result != 0) throw std::runtime_error(fmt::format("{} gives {}", routine, result));
     };
     const auto set = [&](std::uint32_t identifier, std::span<const std::uint8_t> data) {
         if (end.end != StageEnd::stopped_at) return;
@@ -158,6 +161,10 @@ RunReport Sweeper::commit(Machine &machine) const {
                      : end.end == StageEnd::power_lost ? Verdict::power_lost
                                                        : Verdict::fault;
     report.place = end.place;
+    const std::vector<JournalEntry> &violations = machine.board().journal.violations();
+    if (violations.empty() || report.verdict == Verdict::power_lost) return report;
+    report.verdict = Verdict::violation;
+    report.place = violations.front().where + ": " + violations.front().what;
     return report;
 }
 
@@ -209,8 +216,11 @@ bool Sweeper::check_choice(const Chips &chips, Judgement &judgement) const {
     return true;
 }
 
-bool Sweeper::check_outside(const Chips &chips, Judgement &judgement) const {
+// Neighbours in a DataFlash page can be lost to a cut, or to a chip that loses what it programs; to nothing else.
+bool Sweeper::check_outside(const Chips &chips, Judgement &judgement, bool was_cut) const {
+    const bool may_lose_neighbours = was_cut || !world_.chips.dataflash.faults.empty();
     std::string changed;
+    if (!world_.commits && chips.eeprom.bytes != world_.chips.eeprom.bytes) changed = "EEPROM";
     const auto inside = [this](std::uint32_t address) {
         return std::any_of(world_.touched.begin(), world_.touched.end(),
                            [=](const ByteRange &range) { return address >= range.begin && address < range.end; });
@@ -229,7 +239,7 @@ bool Sweeper::check_outside(const Chips &chips, Judgement &judgement) const {
             any_outside |= !in && chips.dataflash.page(page)[n] != world_.chips.dataflash.page(page)[n];
         }
         if (!any_outside) return;
-        if (any_inside)
+        if (any_inside && may_lose_neighbours)
             judgement.neighbour = true;
         else
             changed = fmt::format("DataFlash page {}", page);
@@ -272,7 +282,12 @@ bool Sweeper::settled(const Chips &chips, const PowerUp &last, Judgement &judgem
     };
     if (!stands(world_.after) && !(when.was_cut && when.last_boot && stands(world_.before)))
         return fails(Outcome::wrong_rescue, rescue.empty() ? "no good rescue image" : "rescue image and record differ");
-    if (last.network != world_.after.network && !(when.was_cut && last.network == world_.before.network))
+    const StoreReport store = ReadStore(chips.eeprom);
+    const auto has = [&](const Expected &expected) {
+        return last.network == expected.network && store.current &&
+               store.sectors[*store.current].parameters == expected.parameters;
+    };
+    if (!has(world_.after) && !(when.was_cut && has(world_.before)))
         return fails(Outcome::wrong_parameters, fmt::format("{:08X}", fmt::join(last.network, " ")));
     judgement.outcome = Outcome::good;
     judgement.detail.clear();
@@ -292,6 +307,7 @@ Sweeper::PowerUp Sweeper::boot_once(Chips &chips, unsigned number, Judgement &ju
     case Verdict::violation: judgement.outcome = Outcome::violation; break;
     case Verdict::hang: judgement.outcome = Outcome::hang; break;
     case Verdict::fault: judgement.outcome = Outcome::fault; break;
+    case Verdict::reset_loop: judgement.outcome = Outcome::reset_loop; break;
     case Verdict::no_bootloader: judgement.outcome = Outcome::no_bootloader; break;
     default: break;
     }
@@ -300,11 +316,13 @@ Sweeper::PowerUp Sweeper::boot_once(Chips &chips, unsigned number, Judgement &ju
 
 Judgement Sweeper::boot_hostile(Chips chips, unsigned number) {
     constexpr unsigned kBoots = 2;
-    const bool sound = world_.chips.nand.faults.empty(); // worn blocks are known to take a bootloader with them
+    const bool failing = world_.medium == Medium::nand && !world_.chips.nand.faults.empty();
     Judgement judgement;
     for (unsigned boot = 0; boot < kBoots && judgement.outcome == Outcome::good; boot++) {
         const PowerUp last = boot_once(chips, number + boot, judgement);
-        if (judgement.outcome == Outcome::no_bootloader && !sound) judgement.outcome = Outcome::good;
+        if (judgement.outcome == Outcome::no_bootloader && failing) judgement.hole = kFailingNand;
+        const bool updates = last.console.find(" header at address ") != std::string::npos;
+        if (judgement.outcome == Outcome::reset_loop && updates) judgement.hole = kOtherVersion;
     }
     return judgement;
 }
@@ -312,18 +330,17 @@ Judgement Sweeper::boot_hostile(Chips chips, unsigned number) {
 Judgement Sweeper::boot_on(Chips chips, unsigned number) {
     if (world_.hostile) return boot_hostile(std::move(chips), number);
     Judgement judgement;
-    check_rescue_gap(chips, judgement);
-    if (!check_outside(chips, judgement)) return judgement;
     const bool was_cut = number > 0;
+    check_rescue_gap(chips, judgement);
+    if (!check_outside(chips, judgement, was_cut)) return judgement;
     for (unsigned boot = 0; boot < kMostBoots; boot++) {
         if (!check_choice(chips, judgement)) return judgement;
         const PowerUp last = boot_once(chips, number + boot, judgement);
-        if (last.report.verdict == Verdict::reset_loop) judgement.outcome = Outcome::fault;
         if (!last.outside.empty()) {
             judgement.outcome = Outcome::outside;
             judgement.detail = last.outside;
         }
-        if (judgement.outcome != Outcome::good || !check_outside(chips, judgement)) return judgement;
+        if (judgement.outcome != Outcome::good || !check_outside(chips, judgement, was_cut)) return judgement;
         judgement.outcome = Outcome::no_launch;
         const bool last_boot = boot + 1 == kMostBoots;
         if (last.report.verdict == Verdict::launched &&

@@ -55,18 +55,25 @@ enum class Outcome : std::uint8_t {
     violation,        // something the datasheets forbid
     hang,
     fault,
+    reset_loop,
 };
 const char *NameOf(Outcome outcome);
 
 struct Judgement {
     Outcome outcome = Outcome::good;
     std::string detail;
-    unsigned boots = 0;      // cold boots that this took
-    bool rescue_gap = false; // right after the cut no good rescue image was stored, though one had been
-    bool neighbour = false;  // a DataFlash page that an update shares with something else lost some of that
-    std::string console;     // of all boots
-    std::uint64_t chips = 0; // digest of what they hold in the end
+    unsigned boots = 0;         // cold boots that this took
+    bool rescue_gap = false;    // right after the cut no good rescue image was stored, though one had been
+    bool neighbour = false;     // a DataFlash page that an update shares with something else lost some of that
+    const char *hole = nullptr; // that a hostile board fell through
+    std::string console;        // of all boots
+    std::uint64_t chips = 0;    // digest of what they hold in the end
 };
+
+// What a hostile board may come to, since no software of it can help that.
+inline constexpr const char *kFailingNand = "a hostile board's NAND blocks fail while it boots from them";
+inline constexpr const char *kOtherVersion =
+    "a bank whose version text is not its bootloader's: the board updates itself at every start";
 
 struct Snapshot {
     Cut cut;
@@ -117,7 +124,7 @@ private:
                      const std::function<void(fixture::PowerSupply &)> &prepare);
     RunReport commit(Machine &machine) const;
     bool check_choice(const fixture::Chips &chips, Judgement &judgement) const;
-    bool check_outside(const fixture::Chips &chips, Judgement &judgement) const;
+    bool check_outside(const fixture::Chips &chips, Judgement &judgement, bool was_cut) const;
     void check_rescue_gap(const fixture::Chips &chips, Judgement &judgement) const;
     bool may_touch(const fixture::ChipOperation &operation) const;
     bool settled(const fixture::Chips &chips, const PowerUp &last, Judgement &judgement, When when) const;

@@ -145,8 +145,8 @@ const Stage kCampaign[] = {
      true,
      1,
      0,
-     {"nand-update", "dataflash-update", "nand-rescue", "dataflash-rescue/good", "nand-both",
-      "dataflash-both/running-retired", "parameters", "nand-refused", "dataflash-refused/sums"}},
+     {"nand-update", "dataflash-update/running-erased", "dataflash-update/erased-running", "nand-rescue", "nand-both",
+      "parameters", "nand-refused", "dataflash-refused/sums"}},
     {"Both processors compared: console text and final chips", true, true, 1, 70, kShort},
     {"Both processors compared, with images that fill a slot", true, true, 1, 6, kLong},
     {"Two losses of power, on this machine's processor", true, false, 2, 150, kShort},
@@ -160,16 +160,15 @@ const Stage kCampaign[] = {
 
 std::string Extent(std::size_t sample) {
     if (sample == 0)
-        return "Every cut; of images that fill a slot and of other long rows, a seeded sample with all cuts of the "
-               "first "
-               "and the last operation.";
-    return fmt::format("A seeded sample of about {} cases of each scenario.", sample);
+        return "Every cut; of images that fill a slot, of each lost DataFlash program and of hostile boards a seeded "
+               "sample, with all cuts of the first and the last two operations.";
+    return fmt::format("A seeded sample: about {} cuts of each scenario, beside its uncut runs.", sample);
 }
 
 std::string Table(const SweepPlan &plan, const SweepResult &result) {
     std::string text =
-        "| scenario | what is swept | variants | operations | cuts visited | cases | cold boots | as the "
-        "uncut run | in named holes | findings |\n|---|---|--:|--:|--:|--:|--:|--:|--:|--:|\n";
+        "| scenario | what is swept | variants | operations | cuts visited | cases | cold boots | good | in "
+        "named holes | findings |\n|---|---|--:|--:|--:|--:|--:|--:|--:|--:|\n";
     const auto row = [&](const std::string &name, const char *summary, const Tally &t) {
         text += fmt::format("| {} | {} | {} | {} | {} | {} | {} | {} | {} | {} |\n", name, summary, t.variants,
                             t.operations, t.cuts, t.cases, t.boots, Good(t), InHoles(t), t.found);
@@ -209,7 +208,7 @@ constexpr const char *kIntroduction = R"(# What a loss of power can do to a boar
 
 Every number below was counted by the command that wrote this document:
 
-    fixture sweep --all --report docs/{} --jobs {} --seed {}{}
+    fixture sweep --all --report {} --jobs {} --seed {}{}
 
 A boot that changes a chip is cut at every one of its operations (NAND page program and block erase, DataFlash program,
 erase and page program with erase, EEPROM page write): before it, torn in the middle of it, and after it. From there the board is
@@ -218,39 +217,46 @@ within those boots, the bootloader and the launched image are then byte for byte
 version record are both the new ones (or both the old ones), the parameters are all old or all new, no other flash was changed
 at any moment, and nothing was done that the datasheets forbid. An update that is refused has changed no byte.
 
+Two kinds of boards are held to something else. Where a worn block takes no mark and keeps an update out (`nand-worn/grown`),
+a cut may leave what passes for a mark and let it in: old or new bootloader is good then. Of a hostile board nothing is
+expected but that its boots end, break no rule of its chips and leave a bootloader where its chips are sound.
+
 The power is cut by snapshots: one clean run gives the chips before, within and after each operation, and a cut costs the boots
-that follow it. Some cuts of every variant are made again by really cutting the power; the chips were the same each time, or
-it would be a finding. Chips from which a board was started before are counted and not started again.
+that follow it. With one loss, some cuts of every variant that has any are made again by really cutting the power; the chips were the same each time,
+or it would be a finding. Chips from which a board was started before are counted and not started again.
 )";
 
 constexpr const char *kHoles = R"(
 ## What can still go wrong
 
 The layout of the flash and the way its drivers skip bad blocks leave holes that no software of the board closes. The sweeps
-above count what falls through them; `fixture flash info`, `fixture image info` and `fixture bank build`, given a board's
-chips, warn of them.
+above count what falls through them. Given a board's chips, `fixture flash info`, `fixture image info` and `fixture bank
+build` warn of those that lie in its bad blocks and in the sizes of its images.
 
 - **Bad blocks inside a slot push an image into what follows.** A slot has no spare blocks. An image that fills its slot, in
   a slot with a bad block, ends in the next slot: the copy of the bootloader there, or the rescue image, is lost.
 - **Block 1 wears out.** The version record of the rescue image is the only content of block 1. When that block cannot be
   erased any more, the record is written to the next one, which is the first of bootloader slot 0.
-- **Slots share DataFlash pages.** A page is rewritten as a whole, so a cut while one slot's first page is written can take the
-  last bytes of the slot before it. It matters for images that fill their slot to the last page.
+- **Slots share DataFlash pages.** A page is rewritten as a whole, so a cut while slot 1's first page is written can take the
+  last bytes of slot 0, and one while slot 0's last page is written can take the header in slot 1. It matters for images that
+  fill slot 0 to the last page.
 - **An image that fits DataFlash slot 1 alone.** Slot 1 is the larger one. Where the power goes after such an image was written
   and before the old copy in slot 0 is retired, the old one stays in use: there is no room for the new one in slot 0.
 - **A rescue block that cannot even be marked bad.** Where neither an erase nor a program of a block works, it keeps
   looking good, and what is stored behind it is not found again: there is no rescue image then. In a bootloader slot the
-  update is given up and the old bootloader stays in use.
+  update is given up and the old bootloader stays in use, unless a cut leaves what passes for a mark.
 - **The neighbours in a rewritten DataFlash page.** The bytes before slot 0 and around the version record share pages with
   them and can be lost to the same cut.
-- **A parameter commit torn over records that add up to the same.** The store's checksum is the sum of its bytes. Where the
-  page with the new header is torn so that the header is whole and records of before remain, which happen to have the same
-  sum, the mixture passes for good. It takes two bytes that trade places; no sweep has met it.
+- **A parameter commit torn over records that add up to the same.** The store's checksum is the sum of its bytes, and
+  the page with the header is written first. Where what an older commit left behind that page happens to have the same sum as
+  what was to be written, the mixture passes for good, and in sector 0 it goes first. Two addresses that trade places do it.
 - **A sound parameter sector that calls itself empty.** Its first word is 0 or FFFF. Beside a bad sector it is used all the
   same, and a commit carries the word over: then both sectors call themselves empty, and the next start finds no parameters.
-  The board never writes such a word into a sound sector; a tool that prepares EEPROMs must not either.
-- **A rescue image cut half-way.** There is one rescue slot. Between the cut and the end of the next boot no rescue image
-  is there; the next boot with the same bank writes it again.
+  The board makes no such word itself, and `fixture eeprom` neither; its `show` warns of one. No sweep counts this.
+- **A bank whose version text is not its bootloader's.** The board compares texts: it stores that bootloader, starts it, finds
+  another version again, and so on at every start. `fixture bank build` warns where it knows the image.
+- **A rescue image cut half-way.** There is one rescue slot. From the cut on no rescue image is there, until a later boot
+  with the same bank has written it again.
 
 Wires have a hole of their own. The two-wire bus has no defence against a data line that is held low for a while in the
 address byte of an EEPROM read: it makes a write of it, and the EEPROM keeps what the line shows then.
@@ -260,7 +266,7 @@ address byte of an EEPROM read: it makes a write of it, and the EEPROM keeps wha
 
 int WriteReliability(const std::filesystem::path &file, unsigned jobs, std::uint64_t seed, std::size_t most,
                      const SweepFirmware &firmware, const std::function<void(const SweepProgress &)> &progress) {
-    std::string text = fmt::format(kIntroduction, file.filename().string(), jobs, seed,
+    std::string text = fmt::format(kIntroduction, (file.is_relative() ? file : file.filename()).string(), jobs, seed,
                                    most == 0 ? "" : fmt::format(" --sample {}", most));
     Tally all;
     for (const Stage &stage : kCampaign) {
@@ -282,7 +288,11 @@ int WriteReliability(const std::filesystem::path &file, unsigned jobs, std::uint
             result.all.checked);
         if (result.all.compared) text += fmt::format(" {} cases compared on both processors.", result.all.compared);
         text += "\n\n" + HoleTable(result.all);
-        WriteFile(file, text + Figures(all) + kHoles); // again after every sweep: they take long
+        const std::size_t done = static_cast<std::size_t>(&stage - kCampaign) + 1;
+        const std::string missing = done == std::size(kCampaign) ? ""
+                                                                 : fmt::format("\n**Not complete:** {} of {} sweeps.\n",
+                                                                               done, std::size(kCampaign));
+        WriteFile(file, text + missing + Figures(all) + kHoles); // again after every sweep: they take long
     }
     return all.found == 0 ? 0 : 1;
 }

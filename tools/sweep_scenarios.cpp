@@ -85,6 +85,15 @@ std::vector<Variant> Parameters() {
             if (longer) setup.parameters.more.assign(15, 0x5A);
             variants.push_back({fmt::format("{}-to-{}{}", sector, 1 - sector, longer ? "-longer" : ""), setup});
         }
+    // A sector that was written before, by a commit with other addresses or with the same ones in another order.
+    const std::vector<std::uint32_t> other = {0x0A020025, 0xFF000000, 0x0A020021, 0x0A020022};
+    std::vector<std::uint32_t> swapped(kNewNetwork.begin(), kNewNetwork.end());
+    std::swap(swapped[2], swapped[3]);
+    for (const int sector : {0, 1})
+        variants.push_back({fmt::format("{}-to-{}-used", sector, 1 - sector),
+                            {.new_bootloader = false, .parameters = {sector, true, {}, other}}});
+    variants.push_back(
+        {"1-to-0-equal-sum", {.new_bootloader = false, .parameters = {1, true, {}, swapped}}, kEqualSum});
     return variants;
 }
 
@@ -281,6 +290,25 @@ std::vector<Variant> Hostile() {
 }
 
 } // namespace
+
+bool HoleTakes(std::string_view hole, Outcome outcome) {
+    static const struct {
+        std::string_view hole;
+        std::vector<Outcome> outcomes;
+    } kHoles[] = {
+        {kPushedOn, {Outcome::no_bootloader, Outcome::wrong_rescue}},
+        {kWornRecord, {Outcome::no_bootloader, Outcome::wrong_rescue}},
+        {kSharedPage, {Outcome::no_bootloader}},
+        {kFitsOneSlot, {Outcome::wrong_bootloader}},
+        {kNoMark, {Outcome::wrong_rescue}},
+        {kEqualSum, {Outcome::wrong_parameters}},
+        {kFailingNand, {Outcome::no_bootloader}},
+        {kOtherVersion, {Outcome::reset_loop}},
+    };
+    for (const auto &[name, outcomes] : kHoles)
+        if (name == hole) return std::find(outcomes.begin(), outcomes.end(), outcome) != outcomes.end();
+    return false;
+}
 
 std::vector<Scenario> AllScenarios(const SweepFirmware &firmware) {
     constexpr Medium nand = Medium::nand;

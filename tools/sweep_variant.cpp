@@ -14,7 +14,7 @@ namespace {
 constexpr std::size_t kMostFindings = 20;
 constexpr std::size_t kChecks = 4; // one cut in so many of a share, and at most as many, is made again in earnest
 
-constexpr const char *kRescueGap = "a rescue image cut half-way: none is good until the next boot repairs it";
+constexpr const char *kRescueGap = "a rescue image cut half-way: none is good until a later boot repairs it";
 constexpr const char *kNeighbour = "the neighbours in a DataFlash page that is rewritten";
 
 std::uint64_t HashOf(std::string_view text, std::uint64_t seed) {
@@ -22,8 +22,9 @@ std::uint64_t HashOf(std::string_view text, std::uint64_t seed) {
     return seed;
 }
 
-// All the cuts of a power-up, or a sample of them, in order; with those of its first and its last operation where they
-// are asked for, since what lies beside an image is touched there.
+// All the cuts of a power-up, or a sample of them, in order; where it is asked for with those of its first and its last
+// two operations, since what lies beside an image is touched there: by its first page, by its last one, and where the
+// header of the other one is cleared.
 std::vector<Cut> ChooseCuts(std::uint64_t operations, std::size_t most, std::uint64_t seed, bool with_ends) {
     std::vector<Cut> cuts;
     for (std::uint64_t n = 0; n < operations; n++)
@@ -34,15 +35,10 @@ std::vector<Cut> ChooseCuts(std::uint64_t operations, std::size_t most, std::uin
     Random random(seed);
     std::sample(cuts.begin(), cuts.end(), std::back_inserter(chosen), most, random);
     std::erase_if(cuts, [&](const Cut &cut) {
-        const bool is_end = with_ends && (cut.operation == 0 || cut.operation + 1 == operations);
+        const bool is_end = with_ends && (cut.operation == 0 || cut.operation + 2 >= operations);
         return !is_end && std::find(chosen.begin(), chosen.end(), cut) == chosen.end();
     });
     return cuts;
-}
-
-// What a brick in a hole still must not be.
-bool ExcusedByHole(Outcome outcome) {
-    return outcome != Outcome::violation && outcome != Outcome::hang && outcome != Outcome::fault;
 }
 
 class VariantSweep {
@@ -99,8 +95,9 @@ private:
         }
     }
 
-    // The boot that follows a cut, cut again.
+    // The boot that follows a cut, as it is and cut again.
     void sweep_second(const Snapshot &cut, std::size_t most) {
+        tally(cut.chips, {cut.cut});
         const std::uint64_t operations = first().count(cut.chips, 1);
         const std::vector<Cut> cuts = ChooseCuts(operations, most, seed_ ^ TearingSeed({cut.cut}, plan_.seed), false);
         for (const Snapshot &second : record(cut.chips, {cut.cut}, cuts)) tally(second.chips, {cut.cut, second.cut});
@@ -157,6 +154,7 @@ private:
     }
 
     void compare(const std::string &name, const Judgement &host, const Judgement &arm) {
+        if (host.boots == 0 && arm.boots == 0) return; // nothing to start
         tally_.compared++;
         if (host.console != arm.console)
             found(name, "console text differs between the processors", "");
@@ -166,10 +164,11 @@ private:
 
     void count(const std::string &name, const Judgement &judgement) {
         tally_.outcomes[NameOf(judgement.outcome)]++;
-        if (judgement.rescue_gap) tally_.holes[kRescueGap]["seen"]++;
+        if (judgement.rescue_gap && judgement.outcome == Outcome::good) tally_.holes[kRescueGap]["seen"]++;
         if (judgement.neighbour) tally_.holes[kNeighbour]["seen"]++;
-        if (variant_.hole && ExcusedByHole(judgement.outcome))
-            tally_.holes[variant_.hole][NameOf(judgement.outcome)]++;
+        const char *hole = judgement.hole ? judgement.hole : variant_.hole;
+        if (hole && (judgement.outcome == Outcome::good || HoleTakes(hole, judgement.outcome)))
+            tally_.holes[hole][NameOf(judgement.outcome)]++;
         else if (judgement.outcome != Outcome::good)
             found(name, NameOf(judgement.outcome), judgement.detail);
     }

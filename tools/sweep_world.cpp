@@ -19,7 +19,6 @@ constexpr std::uint32_t kApplicationBytes = 256 * 1024;
 constexpr std::uint8_t kPadding = 0xA5; // never mistaken for erased flash
 constexpr std::uint16_t kMoreParameter = 0x20;
 constexpr std::array<std::uint32_t, 4> kNetwork = {0x0A000005, 0xFFFFFF00, 0x0A000001, 0x0A000002};
-constexpr std::array<std::uint32_t, 4> kNewNetwork = {0x0A010015, 0xFFFF0000, 0x0A010011, 0x0A010012};
 
 // Bytes that differ from page to page, the same in every run.
 Bytes Pattern(std::uint64_t seed, std::size_t length) {
@@ -70,8 +69,7 @@ std::shared_ptr<const fs::path> VolumeWith(const std::vector<BankFile> &files) {
     return volume;
 }
 
-std::vector<StoredParameter> Parameters(const std::array<std::uint32_t, 4> &network,
-                                        const std::vector<std::uint8_t> &more) {
+std::vector<StoredParameter> Parameters(std::span<const std::uint32_t> network, const std::vector<std::uint8_t> &more) {
     std::vector<StoredParameter> parameters;
     for (unsigned n = 0; n < network.size(); n++) {
         StoredParameter parameter{9 + n, {}};
@@ -133,6 +131,11 @@ private:
             fill_slots(RawFlashOf(chips.dataflash));
         chips.nand.faults = setup_.nand_faults;
         chips.dataflash.faults = setup_.dataflash_faults;
+        const int target = 1 - setup_.parameters.sector;
+        if (!setup_.parameters.remains.empty()) {
+            PlaceStoreImage(chips.eeprom, target, MakeStoreImage(1, Parameters(setup_.parameters.remains, {})));
+            PlaceStoreImage(chips.eeprom, target, Bytes(6, 0xFF)); // as a commit cleans a header
+        }
         PlaceStoreImage(chips.eeprom, setup_.parameters.sector, MakeStoreImage(1, Parameters(kNetwork, {})));
     }
 
@@ -184,9 +187,13 @@ private:
                         setup_.rescue == RescueState::good ? rescue_ : Bytes{},
                         {text.begin(), text.end()},
                         application_,
-                        kNetwork};
+                        kNetwork,
+                        Parameters(kNetwork, {})};
         world.after = world.before;
-        if (setup_.parameters.commits) world.after.network = kNewNetwork;
+        if (setup_.parameters.commits) {
+            world.after.network = kNewNetwork;
+            world.after.parameters = Parameters(kNewNetwork, setup_.parameters.more);
+        }
         if (setup_.fate != Fate::stored && setup_.fate != Fate::may_fail) return;
         if (setup_.new_bootloader) world.after.bootloader = update_;
         if (!setup_.new_rescue) return;

@@ -8,6 +8,7 @@
 #pragma once
 
 #include "board.h"
+#include "eeprom_store.h"
 #include "files.h"
 #include "firmware.h"
 #include "slots.h"
@@ -37,8 +38,8 @@ enum class RescueState : std::uint8_t { none, broken, good };
 struct ParameterSetup {
     int sector = 0;
     bool commits = false;
-    std::vector<std::uint8_t> more =
-        {}; // a parameter beside the network's four, at most 15 bytes; set anew by the commit
+    std::vector<std::uint8_t> more = {};     // beside the network's four, at most 15 bytes; set anew by the commit
+    std::vector<std::uint32_t> remains = {}; // the network that a commit of before left in the other sector
 };
 
 // What becomes of the images that the bank carries.
@@ -83,11 +84,12 @@ struct ByteRange {
 
 // What has to hold when all is done.
 struct Expected {
-    Bytes bootloader;                       // the image that the first stage starts
-    Bytes rescue;                           // empty: none that is good
-    std::string record;                     // the 16 bytes of the version record
-    Bytes application;                      // what is launched
-    std::array<std::uint32_t, 4> network{}; // parameters 9 to 12
+    Bytes bootloader;                        // the image that the first stage starts
+    Bytes rescue;                            // empty: none that is good
+    std::string record;                      // the 16 bytes of the version record
+    Bytes application;                       // what is launched
+    std::array<std::uint32_t, 4> network{};  // parameters 9 to 12
+    std::vector<StoredParameter> parameters; // all that are stored
 };
 
 struct World {
@@ -105,6 +107,9 @@ struct World {
 };
 
 World MakeWorld(const Setup &setup, const SweepFirmware &firmware);
+
+// The network parameters that a commit sets.
+inline constexpr std::array<std::uint32_t, 4> kNewNetwork = {0x0A010015, 0xFFFF0000, 0x0A010011, 0x0A010012};
 
 // A directory of this process that goes when nobody needs it any more.
 std::shared_ptr<const std::filesystem::path> TemporaryVolume();
