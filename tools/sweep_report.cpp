@@ -238,8 +238,8 @@ build` warn of those that lie in its bad blocks and in the sizes of its images.
 - **Block 1 wears out.** The version record of the rescue image is the only content of block 1. When that block cannot be
   erased any more, the record is written to the next one, which is the first of bootloader slot 0.
 - **Slots share DataFlash pages.** A page is rewritten as a whole, so a cut while slot 1's first page is written can take the
-  last bytes of slot 0, and one while slot 0's last page is written can take the header in slot 1. It matters for images that
-  fill slot 0 to the last page.
+  last bytes of slot 0, and one while slot 0's last page is written can take the header in slot 1; slot 1's
+  last page likewise holds the header of the rescue image. It matters for images that fill their slot to the last page.
 - **An image that fits DataFlash slot 1 alone.** Slot 1 is the larger one. Where the power goes after such an image was written
   and before the old copy in slot 0 is retired, the old one stays in use: there is no room for the new one in slot 0.
 - **A rescue block that cannot even be marked bad.** Where neither an erase nor a program of a block works, it keeps

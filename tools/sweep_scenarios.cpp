@@ -93,7 +93,7 @@ std::vector<Variant> Parameters() {
         variants.push_back({fmt::format("{}-to-{}-used", sector, 1 - sector),
                             {.new_bootloader = false, .parameters = {sector, true, {}, other}}});
     variants.push_back(
-        {"1-to-0-equal-sum", {.new_bootloader = false, .parameters = {1, true, {}, swapped}}, kEqualSum});
+        {"1-to-0-equal-sum", {.new_bootloader = false, .parameters = {1, true, {}, swapped}}, {kEqualSum}});
     return variants;
 }
 
@@ -124,7 +124,7 @@ std::vector<Variant> Worn() {
         const char *label;
         NandFault fault;
         Fate fate = Fate::stored;
-        const char *hole = nullptr;
+        std::vector<const char *> holes = {};
     };
     // A grown bad block takes no mark either: what was to be stored in it is not found again.
     const Row rows[] = {
@@ -137,7 +137,7 @@ std::vector<Variant> Worn() {
         {"grown-last", {.kind = NandFault::grown_bad, .block = kSlot1Block + 2, .skip = 5}, Fate::may_fail},
         {"retired", {.kind = NandFault::erase_fails, .block = 2, .times = kForever}},
         {"rescue", {.kind = NandFault::erase_fails, .block = kRescueBlock, .times = kForever}},
-        {"rescue-no-mark", {.kind = NandFault::grown_bad, .block = kRescueBlock, .skip = 10}, Fate::stored, kNoMark},
+        {"rescue-no-mark", {.kind = NandFault::grown_bad, .block = kRescueBlock, .skip = 10}, Fate::stored, {kNoMark}},
     };
     std::vector<Variant> variants;
     for (const Row &row : rows)
@@ -148,7 +148,7 @@ std::vector<Variant> Worn() {
                              .new_rescue = std::string_view(row.label).starts_with("rescue"),
                              .nand_faults = {row.fault},
                              .fate = row.fate},
-                            row.hole});
+                            row.holes});
     return variants;
 }
 
@@ -174,7 +174,7 @@ std::vector<Variant> LostPrograms(const SweepFirmware &firmware) {
         At45Fault fault;
         fault.skip = n;
         variants.push_back(
-            {fmt::format("{}", n), {.medium = Medium::dataflash, .dataflash_faults = {fault}}, nullptr, 4 * kSample});
+            {fmt::format("{}", n), {.medium = Medium::dataflash, .dataflash_faults = {fault}}, {}, 4 * kSample});
     }
     return variants;
 }
@@ -234,11 +234,10 @@ std::vector<Variant> BootloaderEdges(Medium medium) {
             if (target == 0) std::swap(setup.slots[0], setup.slots[1]);
             const bool fits = size <= slot.capacity;
             if (!fits) setup.fate = Fate::refused;
-            const char *hole = !fits                                           ? nullptr
-                               : size > SlotsOf(medium).bootloader[0].capacity ? kFitsOneSlot
-                               : ReachesNeighbour(medium, slot, size)          ? kSharedPage
-                                                                               : nullptr;
-            variants.push_back({fmt::format("slot-{}-{}", target, size), setup, hole, MostCuts(medium, size)});
+            std::vector<const char *> holes;
+            if (fits && size > SlotsOf(medium).bootloader[0].capacity) holes.push_back(kFitsOneSlot);
+            if (fits && ReachesNeighbour(medium, slot, size)) holes.push_back(kSharedPage);
+            variants.push_back({fmt::format("slot-{}-{}", target, size), setup, holes, MostCuts(medium, size)});
         }
     }
     return variants;
@@ -250,7 +249,7 @@ std::vector<Variant> RescueEdges(Medium medium) {
     for (const std::uint32_t size : EdgeSizes(medium, slot, PageOf(medium))) {
         Setup setup{.medium = medium, .new_bootloader = false, .new_rescue = true, .rescue_bytes = size};
         if (size > slot.capacity) setup.fate = Fate::refused;
-        variants.push_back({fmt::format("{}", size), setup, nullptr, MostCuts(medium, size)});
+        variants.push_back({fmt::format("{}", size), setup, {}, MostCuts(medium, size)});
     }
     return variants;
 }
@@ -262,19 +261,19 @@ std::vector<Variant> Holes() {
     const Slot &flash_slot = SlotsOf(Medium::dataflash).bootloader[0];
     const NandFault worn{.kind = NandFault::erase_fails, .block = 1, .times = kForever};
     std::vector<Variant> holes = {
-        {"no-slot-0", {.slots = {erased, running}, .bad_blocks = Blocks(2, kSlot1Block)}, kPushedOn},
+        {"no-slot-0", {.slots = {erased, running}, .bad_blocks = Blocks(2, kSlot1Block)}, {kPushedOn}},
         {"tail-into-slot-1",
          {.slots = {retired, running}, .update_bytes = nand_slot.capacity, .bad_blocks = {5}},
-         kPushedOn,
+         {kPushedOn},
          4 * kSample},
         {"tail-into-rescue",
          {.slots = {running, retired}, .update_bytes = nand_slot.capacity, .bad_blocks = {20}},
-         kPushedOn,
+         {kPushedOn},
          4 * kSample},
-        {"worn-record", {.new_bootloader = false, .new_rescue = true, .nand_faults = {worn}}, kWornRecord},
+        {"worn-record", {.new_bootloader = false, .new_rescue = true, .nand_faults = {worn}}, {kWornRecord}},
         {"head-on-tail",
          {.medium = Medium::dataflash, .slots = {running, erased}, .running_bytes = flash_slot.capacity},
-         kSharedPage,
+         {kSharedPage},
          kSample},
     };
     for (Variant &variant : holes) variant.setup.watches_slots = false;
@@ -285,7 +284,7 @@ std::vector<Variant> Hostile() {
     constexpr unsigned kBoards = 500;
     std::vector<Variant> variants;
     for (unsigned seed = 1; seed <= kBoards; seed++)
-        variants.push_back({fmt::format("{}", seed), {.hostile = seed}, nullptr, 2});
+        variants.push_back({fmt::format("{}", seed), {.hostile = seed}, {}, 2});
     return variants;
 }
 
@@ -298,7 +297,7 @@ bool HoleTakes(std::string_view hole, Outcome outcome) {
     } kHoles[] = {
         {kPushedOn, {Outcome::no_bootloader, Outcome::wrong_rescue}},
         {kWornRecord, {Outcome::no_bootloader, Outcome::wrong_rescue}},
-        {kSharedPage, {Outcome::no_bootloader}},
+        {kSharedPage, {Outcome::no_bootloader, Outcome::wrong_rescue}},
         {kFitsOneSlot, {Outcome::wrong_bootloader}},
         {kNoMark, {Outcome::wrong_rescue}},
         {kEqualSum, {Outcome::wrong_parameters}},

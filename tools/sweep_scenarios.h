@@ -23,7 +23,7 @@ bool HoleTakes(std::string_view hole, Outcome outcome);
 struct Variant {
     std::string label;
     Setup setup;
-    const char *hole = nullptr;
+    std::vector<const char *> holes = {}; // that its cases may fall through
     std::size_t most_cuts = 0; // a seeded sample of about so many, where all of them would take too long; 0: all
 };
 

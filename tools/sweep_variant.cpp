@@ -166,9 +166,13 @@ private:
         tally_.outcomes[NameOf(judgement.outcome)]++;
         if (judgement.rescue_gap && judgement.outcome == Outcome::good) tally_.holes[kRescueGap]["seen"]++;
         if (judgement.neighbour) tally_.holes[kNeighbour]["seen"]++;
-        const char *hole = judgement.hole ? judgement.hole : variant_.hole;
-        if (hole && (judgement.outcome == Outcome::good || HoleTakes(hole, judgement.outcome)))
-            tally_.holes[hole][NameOf(judgement.outcome)]++;
+        std::vector<const char *> holes = variant_.holes;
+        if (judgement.hole) holes = {judgement.hole};
+        const auto hole = std::find_if(holes.begin(), holes.end(), [&](const char *one) {
+            return judgement.outcome == Outcome::good || HoleTakes(one, judgement.outcome);
+        });
+        if (hole != holes.end())
+            tally_.holes[*hole][NameOf(judgement.outcome)]++;
         else if (judgement.outcome != Outcome::good)
             found(name, NameOf(judgement.outcome), judgement.detail);
     }
