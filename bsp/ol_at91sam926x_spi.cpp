@@ -39,11 +39,6 @@ void WaitForStatus(std::uint32_t bit) {
     }
 }
 
-void Settle() {
-    for (std::uint32_t round = kSettleRounds; round != 0; round--) asm volatile("" : "+r"(round));
-    mmio::Spun(kSettleRounds);
-}
-
 void StaySelected(std::uint32_t select, bool stay) {
     const std::uint32_t settings = SPI0.CSR(select).read();
     SPI0.CSR(select).write(stay ? settings | kStaySelected : settings & ~kStaySelected);
@@ -86,7 +81,7 @@ std::uint32_t AT91SAM926X_SpiInit(void) {
     SPI0.CSR(3).write(Divider(kSlowHz) | kSlowSelect);
     SPI0.CR().write(kEnable);
     WaitForStatus(kEnabled);
-    Settle();
+    mmio::Spin(kSettleRounds);
     return SPI0.RDR().read();
 }
 

@@ -216,6 +216,31 @@ TEST_F(ArmProcessorTest, AnInstructionCostsOneCoreCycleAndAnAccessKnowsItsInstru
     EXPECT_EQ(clock.now(), executed * 5000 + bus.cycle);
 }
 
+// A wait that counts a register down is not run turn by turn. Nothing of it may show.
+TEST_F(ArmProcessorTest, CountingDownTakesTheTimeOfItsTurns) {
+    const Words countdown = {0xE2500001, 0x1AFFFFFD};
+    for (const std::uint32_t turns : {1u, 2u, 30u, 3000u, 1'000'000u}) {
+        const std::uint64_t instructions = processor.instructions();
+        Picoseconds end = clock.now();
+        std::uint64_t executed = 0;
+        model.on_access = [&] {
+            end = clock.now() - end;
+            executed = processor.instructions() - instructions;
+        };
+        run(load(3, kRegister) + load(0, turns) + countdown + Words{0xE5830000, kHere}); // str r0, [r3]
+        EXPECT_EQ(executed, 4 + 2 * turns + 2) << turns;
+        EXPECT_EQ(end, executed * 5000 + bus.cycle) << turns;
+    }
+
+    const Picoseconds begin = clock.now();
+    clock.at(begin + kMillisecond, [&] { processor.stop({StageEnd::reset, 0, "watchdog"}); });
+    EXPECT_EQ(run(load(0, 0) + countdown).place, "watchdog") << "events come between the turns";
+    EXPECT_LE(clock.now() - begin, kMillisecond + 4100 * 5000);
+    processor.set_silence_limit(100'000);
+    EXPECT_EQ(run(load(0, 0) + countdown).end, StageEnd::hang);
+    EXPECT_LE(clock.now() - begin, 2 * kMillisecond);
+}
+
 TEST_F(ArmProcessorTest, CacheMaintenanceIsSeen) {
     run(load(0, kData + 0x25) + Words{0xEE070F3E, 0xEE070F3A, 0xEE070F36 /* invalidate only */, 0xEE17FF7A, kHere});
     EXPECT_EQ(lines.cleaned, (Words{kData + 0x20, kData + 0x20}));

@@ -103,10 +103,12 @@ private:
         for (const Snapshot &second : record(cut.chips, {cut.cut}, cuts)) tally(second.chips, {cut.cut, second.cut});
     }
 
-    std::vector<Cut> share_of(const std::vector<Cut> &cuts) const {
-        std::vector<Cut> mine;
-        for (std::size_t n = share_.number; n < cuts.size(); n += share_.of) mine.push_back(cuts[n]);
-        return mine;
+    // What is left behind one operation is what is there before the next: a worker that gets both boots it once.
+    std::vector<Cut> share_of(std::vector<Cut> cuts) const {
+        std::erase_if(cuts, [&](const Cut &cut) {
+            return (cut.operation + (cut.moment == CutMoment::after)) % share_.of != share_.number;
+        });
+        return cuts;
     }
 
     // Every cut must be met exactly once.

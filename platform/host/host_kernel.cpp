@@ -58,8 +58,8 @@ void host_bus_write(std::uint32_t address, unsigned bytes, std::uint32_t value) 
     host_kernel().bus->write(address, bytes, value);
 }
 
-// A busy-wait turn of a volatile counter is six instructions of the board's processor, 5 ns each.
-void host_spun(std::uint32_t turns) { host_kernel().clock->advance(turns * (30 * fixture::kNanosecond)); }
+// A turn is two instructions of the board's processor, 5 ns each.
+void host_spin(std::uint32_t turns) { host_kernel().clock->advance(turns * (10 * fixture::kNanosecond)); }
 
 int host_open(const char *path, int flags, ...) {
     const bool for_writing = (flags & 3) != 0;

@@ -4,7 +4,7 @@
 // no read(), a read-only one no write(), and nothing reads, modifies and writes in one step. Each call is exactly one
 // bus access of the door's width.
 //
-// Spun(turns) follows a busy-wait loop of so many turns; the loop itself has to survive the optimiser.
+// Spin(turns) waits by counting so many turns down: two instructions each, 10 ns at full speed with the caches on.
 //
 // A build for another machine puts its own <mmio.h> with the same functions' meaning first on the include path.
 #pragma once
@@ -26,6 +26,8 @@ inline void Write8(std::uint32_t address, std::uint8_t value) {
     *reinterpret_cast<volatile std::uint8_t *>(address) = value;
 }
 
-inline void Spun(std::uint32_t) {} // the loop's own instructions have taken the time
+inline void Spin(std::uint32_t turns) {
+    for (; turns != 0; turns--) asm volatile("" : "+r"(turns)); // else a loop without effect would be removed
+}
 
 } // namespace mmio

@@ -7,7 +7,7 @@
 extern "C" {
 std::uint32_t host_bus_read(std::uint32_t address, unsigned bytes);
 void host_bus_write(std::uint32_t address, unsigned bytes, std::uint32_t value);
-void host_spun(std::uint32_t turns); // moves the virtual clock on by what the loop costs the board's processor
+void host_spin(std::uint32_t turns); // moves the virtual clock on by what the turns cost the board's processor
 }
 
 namespace mmio {
@@ -18,6 +18,6 @@ inline std::uint16_t Read16(std::uint32_t address) { return static_cast<std::uin
 inline void Write16(std::uint32_t address, std::uint16_t value) { host_bus_write(address, 2, value); }
 inline std::uint8_t Read8(std::uint32_t address) { return static_cast<std::uint8_t>(host_bus_read(address, 1)); }
 inline void Write8(std::uint32_t address, std::uint8_t value) { host_bus_write(address, 1, value); }
-inline void Spun(std::uint32_t turns) { host_spun(turns); }
+inline void Spin(std::uint32_t turns) { host_spin(turns); }
 
 } // namespace mmio
