@@ -145,11 +145,18 @@ const Stage kCampaign[] = {
      true,
      1,
      0,
-     {"nand-update", "dataflash-update/running-erased", "dataflash-update/erased-running", "nand-rescue", "nand-both",
-      "parameters", "nand-refused", "dataflash-refused/sums"}},
+     {"nand-update", "dataflash-update", "nand-rescue", "dataflash-rescue", "nand-both", "dataflash-both",
+      "nand-refused/sums", "dataflash-refused/sums", "parameters", "nand-factory-bad", "nand-worn", "nand-no-room",
+      "holes"}},
     {"Both processors compared: console text and final chips", true, true, 1, 70, kShort},
     {"Both processors compared, with images that fill a slot", true, true, 1, 6, kLong},
     {"Two losses of power, on this machine's processor", true, false, 2, 150, kShort},
+    {"Two losses of power, on the shipped ARM image",
+     false,
+     true,
+     2,
+     200,
+     {"nand-update", "dataflash-update", "nand-rescue", "parameters"}},
     {"Two losses of power at every pair of operations",
      true,
      false,
@@ -202,6 +209,19 @@ std::string Figures(const Tally &all) {
         "parameter, {} findings of any kind.\n",
         all.cases, all.boots, Outside(all, Outcome::no_bootloader) + Outside(all, Outcome::no_launch),
         Outside(all, Outcome::wrong_parameters), all.found);
+}
+
+// Of the plain row, on each processor alone.
+std::string Speed(unsigned jobs, std::uint64_t seed, std::size_t most, const SweepFirmware &firmware) {
+    const auto rate = [&](bool on_arm) {
+        const SweepPlan plan{FindScenarios({"nand-update"}, firmware), !on_arm, on_arm, 1, jobs, most, seed};
+        const SweepResult result = RunSweep(plan, firmware, {});
+        return Rate(result.all, result.seconds);
+    };
+    return fmt::format(
+        "\n## Speed\n\nCold boots a second of `nand-update` alone, with {} worker processes on the machine "
+        "of this run, every boot counted: {:.0f} on its own processor, {:.1f} on the shipped ARM image.\n",
+        jobs, rate(false), rate(true));
 }
 
 constexpr const char *kIntroduction = R"(# What a loss of power can do to a board
@@ -268,6 +288,7 @@ int WriteReliability(const std::filesystem::path &file, unsigned jobs, std::uint
                      const SweepFirmware &firmware, const std::function<void(const SweepProgress &)> &progress) {
     std::string text = fmt::format(kIntroduction, (file.is_relative() ? file : file.filename()).string(), jobs, seed,
                                    most == 0 ? "" : fmt::format(" --sample {}", most));
+    const std::string speed = Speed(jobs, seed, most, firmware);
     Tally all;
     for (const Stage &stage : kCampaign) {
         const std::size_t sample = std::min(stage.sample - 1, most - 1) + 1; // 0, which is all, is the largest
@@ -292,7 +313,7 @@ int WriteReliability(const std::filesystem::path &file, unsigned jobs, std::uint
         const std::string missing = done == std::size(kCampaign) ? ""
                                                                  : fmt::format("\n**Not complete:** {} of {} sweeps.\n",
                                                                                done, std::size(kCampaign));
-        WriteFile(file, text + missing + Figures(all) + kHoles); // again after every sweep: they take long
+        WriteFile(file, text + missing + Figures(all) + speed + kHoles); // again after every sweep: they take long
     }
     return all.found == 0 ? 0 : 1;
 }
