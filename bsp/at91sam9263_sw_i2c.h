@@ -57,7 +57,7 @@ void SDACLEAR(void);
 std::uint32_t SDASTAT(void);
 
 // Lines: level 0 pulls low, any other level releases. Getting a level releases the line; 1 = high.
-void I2C_Delay(std::uint32_t units); // busy loop of units * 10 turns
+void I2C_Delay(std::uint32_t units); // units * 10 turns of 30 ns
 void I2C_SetSCL(int level);
 int I2C_GetSCL(void);
 void I2C_SetSDA(int level);

@@ -220,8 +220,8 @@ void AdoptWorkImage(int end) {
 } // namespace
 
 int WriteEEpromParameter(std::uint16_t identifier, const std::uint8_t *data, std::uint16_t length) {
-    if (length > kMaxParameterLength || identifier >= kEndIdentifier) return kStoreFailed;
     if (UsedLength(CurrentImage()) + length >= kMaxImage) return kStoreNoRoom;
+    if (length > kMaxParameterLength || identifier >= kEndIdentifier) return kStoreFailed;
     std::memcpy(WorkImage(), CurrentImage(), kHeaderSize);
     int end = kHeaderSize;
     const int result = CopyRecords({identifier, length, data}, end);

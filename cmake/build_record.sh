@@ -3,7 +3,7 @@
 #
 # The record is kept while the facts stay the same, so that all builds of a tree carry one build time and nothing is
 # compiled again for a new minute. With SOURCE_DATE_EPOCH set, the build time is that moment. Without version control
-# the record says so and the build goes on.
+# the record says revision 0 of the day of the build.
 set -eu
 source=$1
 output=$2
@@ -34,6 +34,7 @@ fi
 facts="$revision|$date|$range|$mixed|$modified|$url|${SOURCE_DATE_EPOCH:-}"
 if [ -f "$output/build_record.h" ] && [ "$(cat "$output/facts" 2>/dev/null)" = "$facts" ]; then exit 0; fi
 build_time=$(stamp "${SOURCE_DATE_EPOCH:-$(date +%s)}")
+date=${date:-$build_time}
 
 cat > "$output/build_record.h.new" <<RECORD
 // Made by the build from the working copy.

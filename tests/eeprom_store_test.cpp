@@ -261,6 +261,7 @@ TEST_P(ParameterStore, UpdatesInMemory) {
     EXPECT_EQ(update(identifier, Data(1000 - length)), 8u);
     EXPECT_EQ(update(1000, Data(1000 - length)), 8u) << "also in place of a longer one";
     EXPECT_EQ(update(identifier, Data(999 - length)), 8u) << "the tag does not fit";
+    EXPECT_EQ(update(identifier, Data(16)), 8u) << "room is looked for first";
     EXPECT_EQ(update(identifier, Data(998 - length, 2)), 0u);
     EXPECT_EQ(lookup(identifier), Data(998 - length, 2));
     EXPECT_EQ(lookup(9), Data(15, 0xEE));
