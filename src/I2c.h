@@ -4,13 +4,13 @@
 // modulo 256:
 //
 //   write    command, 0 to 14 data bytes, checksum
-//   request  command, checksum; after a pause the controller is read: 1 to 16 reply bytes, checksum over these alone
+//   request  command, checksum; after a pause the controller is read: 0 to 16 reply bytes, checksum over these alone
 //
 // Request and reply are two transactions. Every call ends with a pause of 5 ms, in which the controller acts on what
 // it got. Nothing is tried twice and nothing is printed. Call TWIInit first; calls come from one task.
 //
-// Results: 0 done; 1 a length out of range, or a reply that is short or has a bad checksum; any other value is the
-// bus's own (at91sam9263_sw_i2c.h) from the transfer that failed.
+// Results: 0 done; 1 a length out of range, or a reply that is short or has a bad checksum; else that of the transfer
+// that failed (at91sam9263_sw_i2c.h), which may be 1 as well.
 #pragma once
 
 #include <cstdint>

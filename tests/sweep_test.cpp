@@ -2,6 +2,8 @@
 // itself. `fixture sweep --all` does all of it.
 #include "bench.h"
 #include "chips_compare.h"
+#include "command.h"
+#include "commands.h"
 #include "sweep_run.h"
 #include "sweep_scenarios.h"
 
@@ -32,6 +34,15 @@ SweepPlan PlanFor(const std::vector<std::string> &names, std::size_t sample) {
 }
 
 } // namespace
+
+TEST(Replay, OverwritesNoChipsOfABoard) {
+    const TemporaryDirectory here;
+    const std::string file = here.write("nand.bin", "a board's");
+    const CommandResult result = RunCommand(AddBootCommand, {"boot", "--replay", "parameters/0-to-1", "--nand", file});
+    EXPECT_EQ(result.exit_status, 2);
+    EXPECT_EQ(result.error, file + ": exists already; a replay keeps its chips in new files only");
+    EXPECT_EQ(std::filesystem::file_size(file), 9u);
+}
 
 TEST(SweepCase, NamesSayAllThereIs) {
     const CaseId cases[] = {

@@ -1,6 +1,8 @@
-// Value change dumps: the format, and what an independent logic analyser makes of the file from a boot.
+// What a boot leaves to look at. Value change dumps: the format, and what an independent logic analyser makes of the
+// file from a boot. The text trace.
 #include "bench.h"
 #include "eeprom_store.h"
+#include "trace.h"
 #include "vcd.h"
 
 #include <array>
@@ -42,6 +44,25 @@ TEST(Vcd, HeaderLevelsAndEdges) {
     EXPECT_EQ(out.str(), "$timescale 1 ns $end\n$scope module fixture $end\n"
                          "$var wire 1 ! SDA $end\n$var wire 1 \" SCL $end\n$upscope $end\n$enddefinitions $end\n"
                          "#7\n$dumpvars\n1!\n1\"\n$end\n#10\n0!\n0\"\n1\"\n#1010\n1!\n#1011\n");
+}
+
+TEST(Trace, EveryValueOfARegisterIsShown) {
+    const TemporaryDirectory here;
+    const std::string file = here.path() / "trace";
+    Chips chips;
+    Board board(chips, {});
+    {
+        const Trace trace(file, board);
+        for (const std::uint32_t value : {1u, 2u, 2u, 2u, 1u}) board.bus.write(0xFFFFF434, 4, value);
+        for (const std::uint32_t value : {3u, 4u, 5u}) board.bus.write(0x40000000, 1, value); // not connected yet
+        board.bus.read(0xFFFFF418, 4);
+    }
+    board.bus.read(0xFFFFF418, 4); // the trace has gone
+    std::ifstream stream(file);
+    std::string text;
+    for (std::string line; std::getline(stream, line);) text += line.substr(19) + "\n"; // without the time
+    EXPECT_EQ(text, "W PIOB.CODR <- 0x00000001\nW PIOB.CODR <- 0x00000002\n... and 2 more\n"
+                    "W PIOB.CODR <- 0x00000001\nW NAND.DATA <- 0x03\n... and 2 more\nR PIOB.OSR -> 0x00000000\n");
 }
 
 TEST(Vcd, SignalLists) {

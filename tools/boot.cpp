@@ -159,6 +159,13 @@ void HandOverToSanitizedBuild() {
     execv(sanitized.c_str(), arguments.data());
 }
 
+// Chip files that the call of a replay names keep what the case leaves, and so must not hold a board's chips already.
+void RequireNewChipFiles(const BootCall &call) {
+    for (const std::string &file : {call.nand, call.dataflash, call.eeprom})
+        if (!file.empty() && fs::exists(file))
+            throw std::runtime_error(file + ": exists already; a replay keeps its chips in new files only");
+}
+
 // Chips, files and options are those of the case; what the call says about them does not count.
 void UseReplay(const Replay &replay, RunOptions &options, fixture::Chips &chips) {
     const std::function<void(char)> console = options.console;
@@ -168,6 +175,7 @@ void UseReplay(const Replay &replay, RunOptions &options, fixture::Chips &chips)
 }
 
 int Boot(const BootCall &call) {
+    if (!call.replay.empty()) RequireNewChipFiles(call);
     if (call.host) HandOverToSanitizedBuild();
     const KnownFirmware known(FirmwareDirectory());
     RunOptions options;
@@ -249,7 +257,8 @@ void AddBootCommand(CLI::App &app, int &exit_status) {
         ->check(CLI::IsMember(kWirings))
         ->capture_default_str();
     command->add_flag("--preview", call->preview, "show the panel in the terminal, where it is one");
-    command->add_option("--replay", call->replay, "a case of a sweep, by the name that the sweep gives it");
+    command->add_option("--replay", call->replay,
+                        "a case of a sweep, by the name that the sweep gives it; its chips are kept in new files only");
     command->add_option("--power-up", call->power_up,
                         "which power-up of the case, from 0 (default: the first one behind its cuts)");
     command->add_flag("--json", call->json, "verdict as one JSON object");

@@ -7,10 +7,13 @@
 #include <functional>
 #include <string>
 
+// The table on standard output, then the holes and the findings.
 void PrintSweep(const SweepPlan &plan, const SweepResult &result);
 std::string SweepJson(const SweepPlan &plan, const SweepResult &result);
 
-// Runs the campaign that the reliability document states, and writes the document. Gives the exit status: 0 where there
-// is no finding. `most` bounds the cases of each scenario where time is short; 0: as planned.
+// Runs the campaign that the reliability document states: first the plain row for its speed, then sweep after sweep.
+// Each prints its table on standard output and writes the document anew, which says how much of it is still missing.
+// Gives the exit status: 0, or 1 where there is a finding. `most` bounds the cases of each scenario where time is
+// short; 0: as planned. Throws std::runtime_error where the file cannot be written.
 int WriteReliability(const std::filesystem::path &file, unsigned jobs, std::uint64_t seed, std::size_t most,
                      const SweepFirmware &firmware, const std::function<void(const SweepProgress &)> &progress);

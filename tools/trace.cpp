@@ -36,7 +36,10 @@ void Trace::finish_run() {
 }
 
 void Trace::access(const fixture::BusAccess &made) {
-    if (made.address == last_.address && made.is_write == last_.is_write && made.bytes == last_.bytes) {
+    const bool same_place =
+        made.address == last_.address && made.is_write == last_.is_write && made.bytes == last_.bytes;
+    const bool data_port = made.bytes < 4; // registers are words
+    if (same_place && (data_port || made.value == last_.value)) {
         repeats_++;
         return;
     }

@@ -1,5 +1,5 @@
-// The text trace: every register access and chip operation with its virtual time, one a line. Runs of accesses to the
-// same data port are one line with a count.
+// The text trace: every register access and chip operation with its virtual time, one a line. Accesses in a row to
+// the same data port, or of a register with the same value, are one line with a count.
 #pragma once
 
 #include "board.h"

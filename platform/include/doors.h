@@ -3,6 +3,9 @@
 //   PIOB.CODR().write(0x20);                   one 32-bit store
 //   std::uint32_t levels = PIOB.PDSR().read(); one 32-bit load
 //   PIOB.CODR().read();                        does not compile: CODR is write-only
+//
+// A door is an address with an access width and an access right that are part of its type: a write-only register has
+// no read(), a read-only one no write(), and nothing reads, modifies and writes in one step.
 #pragma once
 
 #include <cstdint>

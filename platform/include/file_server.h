@@ -8,7 +8,7 @@
 
 extern "C" {
 
-// Brings up the disk behind a back-end. Provided by the platform.
+// Brings up the disk behind a back-end; the server alone looks at the result. Provided by the platform.
 int PJFS_IntegrityIODevDiskInit(void);
 
 struct PjfsBackend {
@@ -46,7 +46,8 @@ extern const PjfsBackend *const __ghstable_pjfs_backends[];
 extern const PjfsClient *const __ghstable_pjfs_clients[];
 extern const PjfsAutoFormat *const __ghstable_pjfs_autoformats[];
 
-// Provided by the platform; called in this order. PJFS_Server_Run returns 0 when the server is up.
+// Provided by the platform; called in this order. The bootloader configures the server with 0x2000, 0x8000, 1 and a
+// last 0, whose meaning is the server's own, and has it started with `wait` 1. PJFS_Server_Run returns 0 when it is up.
 void PJFS_Server_RequestResources(const PjfsBackend *const *backends, const PjfsClient *const *clients);
 void PJFS_Server_Configure(std::uint32_t size1, std::uint32_t size2, std::uint32_t count,
                            const PjfsBackend *const *backends, const PjfsClient *const *clients, std::uint32_t zero);

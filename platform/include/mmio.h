@@ -1,8 +1,5 @@
-// Doors to memory-mapped hardware: every register and latch access of the bootloader goes through here.
-//
-// A door is an address with an access width and an access right that are part of its type: a write-only register has
-// no read(), a read-only one no write(), and nothing reads, modifies and writes in one step. Each call is exactly one
-// bus access of the door's width.
+// Access to memory-mapped hardware. The doors of <doors.h> stand over it, and every register and latch access of the
+// bootloader goes through those. Each call is exactly one bus access of the width in its name.
 //
 // Spin(turns) waits by counting so many turns down: two instructions each, 10 ns at full speed with the caches on.
 //

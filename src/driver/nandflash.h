@@ -65,7 +65,7 @@ int OL_nand_continuous_read(void *buffer, std::uint32_t length, std::uint32_t ad
 
 // The routines below take the geometry to work with and a pWorkBuffer that fits it.
 
-// Reads the data area of page `page` of a block into `buffer`. Returns 1, or 0 when the block is bad or has no such page.
+// Reads the data area of page `page` of a block into `buffer`. Returns 1, or 0: a bad block, or one without that page.
 int AT91F_NandRead(const NandGeometry *chip, std::uint32_t block, std::uint32_t page, std::uint32_t ignored,
                    void *buffer);
 
