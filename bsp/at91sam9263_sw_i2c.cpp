@@ -114,7 +114,7 @@ void SDACLEAR(void) { PIOB.CODR().write(kSda); }
 
 std::uint32_t SDASTAT(void) { return PIOB.PDSR().read() & kSda; }
 
-// The chips on the bus want each of the ten to be three turns of an empty loop, 30 ns: the clock stays below 400 kHz.
+// Each of the ten takes as long as three turns of an empty loop, 30 ns: most bits are 2.2 us apart then.
 void I2C_Delay(std::uint32_t units) { mmio::Spin(units * 10 * 3); }
 
 // The latch is cleared before the output driver goes on, so that the line is never driven high.
