@@ -2,7 +2,27 @@
 // every machine and every run.
 #include "speed.h"
 
+#include <algorithm>
 #include <fmt/format.h>
+#include <stdexcept>
+
+std::vector<SpeedRow> MeasureTransfers(Bench &bench, const std::string &chip, const Transfer &write,
+                                       const Transfer &read) {
+    const std::uint32_t source = bench.scratch(kSpeedBytes), target = bench.scratch(kSpeedBytes);
+    for (std::uint32_t n = 0; n < kSpeedBytes; n++) bench.at(source)[n] = static_cast<std::uint8_t>(n * 7 + n / 251);
+    std::vector<SpeedRow> rows;
+    for (const Transfer *transfer : {&write, &read}) {
+        const fixture::Picoseconds start = bench.board().clock.now();
+        const std::uint64_t instructions = bench.machine().instructions();
+        if (bench.call(transfer->routine, 0u, transfer == &write ? source : target, kSpeedBytes) != 0)
+            throw std::runtime_error(std::string(transfer->routine) + " failed");
+        rows.push_back({chip + transfer->what, bench.board().clock.now() - start, transfer->limit,
+                        static_cast<double>(bench.machine().instructions() - instructions) / kSpeedBytes});
+    }
+    if (!std::equal(bench.at(source), bench.at(source) + kSpeedBytes, bench.at(target)))
+        throw std::runtime_error(chip + " does not hold what was written");
+    return rows;
+}
 
 int main() {
     fmt::print("{:28} {:>12} {:>12} {:>8} {:>18}\n", "1 MiB", "virtual ms", "limit ms", "ratio", "instructions/byte");

@@ -17,10 +17,19 @@ struct SpeedRow {
 
 inline constexpr std::uint32_t kSpeedBytes = 1 << 20;
 
-// Reads and writes kSpeedBytes on a DataFlash of 1056-byte pages. Throws std::runtime_error where the data are wrong.
+// Writes kSpeedBytes from address 0 on and reads them back. Throws std::runtime_error where that fails or the data are
+// wrong.
+struct Transfer {
+    const char *what, *routine;
+    fixture::Picoseconds limit;
+};
+std::vector<SpeedRow> MeasureTransfers(Bench &bench, const std::string &chip, const Transfer &write,
+                                       const Transfer &read);
+
+// Reads and writes on a DataFlash of 1056-byte pages; throws likewise.
 std::vector<SpeedRow> DataflashSpeed();
 
-// Reads and writes (with verification) kSpeedBytes on an 8-bit and on a 16-bit NAND chip; throws likewise.
+// Reads and writes (with verification) on an 8-bit and on a 16-bit NAND chip; throws likewise.
 std::vector<SpeedRow> NandSpeed();
 
 // What drawing costs the emulated processor, beside a plain memset of the same memory.

@@ -68,8 +68,7 @@ struct Lines : CacheObserver {
     unsigned all = 0;
 };
 
-class ArmProcessorTest : public testing::Test {
-protected:
+struct ArmProcessorTest : testing::Test {
     ArmProcessorTest() {
         bus.map(kRegister, 0x10, model, "MODEL");
         put(0, kVectors);

@@ -24,25 +24,21 @@ struct Wire {
         chip.deselect();
         return received;
     }
-    Bytes addressed(std::uint8_t opcode, std::uint32_t page, std::uint32_t offset) const {
+    // The same with a place behind the opcode, and `data` behind that.
+    Bytes talk_to(std::uint8_t opcode, std::uint32_t page, std::uint32_t offset, const Bytes &data,
+                  std::size_t read = 0) {
         const std::uint32_t address = page << part.offset_bits | offset;
         Bytes bytes{opcode};
         for (unsigned n = part.address_bytes; n-- > 0;) bytes.push_back(static_cast<std::uint8_t>(address >> 8 * n));
-        return bytes;
+        bytes.insert(bytes.end(), data.begin(), data.end());
+        return talk(bytes, read);
     }
     void page_command(std::uint8_t opcode, std::uint32_t page, Picoseconds wait = 50 * kMillisecond) {
-        talk(addressed(opcode, page, 0));
+        talk_to(opcode, page, 0, {});
         clock.advance(wait);
     }
-    void fill_buffer(std::uint8_t opcode, std::uint32_t offset, const Bytes &data) {
-        Bytes bytes = addressed(opcode, 0, offset);
-        bytes.insert(bytes.end(), data.begin(), data.end());
-        talk(bytes);
-    }
     Bytes array(std::uint32_t page, std::uint32_t offset, std::size_t length) {
-        Bytes bytes = addressed(0xE8, page, offset);
-        bytes.resize(8);
-        return talk(bytes, length);
+        return talk_to(0xE8, page, offset, Bytes(7 - part.address_bytes), length);
     }
     std::uint8_t status() { return talk({0xD7}, 1)[0]; }
     std::size_t violations() const { return journal.violations().size(); }
@@ -59,18 +55,16 @@ TEST(At45Model, ProgramsPagesThroughBuffersOnEveryPart) {
         At45Contents contents(part);
         Wire wire(contents);
         const std::uint32_t last = part.page_bytes - 1;
-        wire.fill_buffer(0x84, 0, Bytes(part.page_bytes, 0xF0));
-        wire.fill_buffer(0x84, last, {0x11, 0x22}); // wraps to the buffer's start
+        wire.talk_to(0x84, 0, 0, Bytes(part.page_bytes, 0xF0));
+        wire.talk_to(0x84, 0, last, {0x11, 0x22}); // wraps to the buffer's start
         wire.page_command(0x83, part.pages - 1);
-        wire.fill_buffer(0x87, 0, Bytes(part.page_bytes, 0x3C));
+        wire.talk_to(0x87, 0, 0, Bytes(part.page_bytes, 0x3C));
         wire.page_command(0x89, 0);
         // Continuous read: into the last page, and over the chip's end to its first byte.
         EXPECT_EQ(wire.array(part.pages - 1, 0, 2), (Bytes{0x22, 0xF0})) << part.name;
         EXPECT_EQ(wire.array(part.pages - 1, last, 2), (Bytes{0x11, 0x3C}));
         wire.page_command(0x55, part.pages - 1);
-        Bytes read_buffer = wire.addressed(0xD6, 0, last);
-        read_buffer.push_back(0);
-        EXPECT_EQ(wire.talk(read_buffer, 2), (Bytes{0x11, 0x22}));
+        EXPECT_EQ(wire.talk_to(0xD6, 0, last, {0}, 2), (Bytes{0x11, 0x22}));
         wire.page_command(0x81, part.pages - 1);
         EXPECT_TRUE(contents.erased(part.pages - 1));
         EXPECT_EQ(wire.violations(), 0u);
@@ -127,7 +121,7 @@ TEST(At45Model, FaultsStrikeByPlaceAndCount) {
                        {.kind = At45Fault::wrong_bits, .page = 4, .offset = 1, .mask = 0x81},
                        {.kind = At45Fault::stay_busy, .page = 5}};
     const auto program = [&](std::uint32_t page, std::uint8_t value) {
-        wire.fill_buffer(0x84, 0, Bytes(1056, value));
+        wire.talk_to(0x84, 0, 0, Bytes(1056, value));
         wire.page_command(0x83, page);
         return wire.array(page, 0, 2);
     };
@@ -151,7 +145,7 @@ TEST(At45Model, APowerCutTearsThePage) {
                 contents.set_page(9, before);
                 const At45Contents snapshot = contents;
                 Wire wire(contents);
-                wire.fill_buffer(0x84, 0, after);
+                wire.talk_to(0x84, 0, 0, after);
                 wire.supply.plan(PowerCut{0, moment, seed});
                 wire.page_command(opcode, 9);
                 EXPECT_TRUE(wire.supply.fired());

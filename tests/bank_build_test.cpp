@@ -114,10 +114,7 @@ TEST_F(BankCommand, RefusesWhatCannotWork) {
         {"--app", write("x.bin ", "x"), "a blank ends its name"},
         {"--app", write(std::string(228, 'n') + ".bin", "x"),
          "its path in the bank has 236 characters; expected at most 235"},
-        {"--app",
-         write("elf.bin", "\x7F"
-                          "ELF, but no more"),
-         "expected an ELF executable for the ARM"},
+        {"--app", write("elf.bin", "\177ELF, but no more"), "expected an ELF executable for the ARM"},
         {"--app-version", "12345678901234567", "has 17 characters; expected 1 to 16"},
         {"--app-version", "1>2", "byte 0x3E in its version"},
         {"--bootloader", write("none.bin", ""), "no bytes to load"},
@@ -149,6 +146,7 @@ TEST_F(BankCommand, RefusesWhatCannotWork) {
 }
 
 TEST_F(BankCommand, TellsWhatIsWrongWithABank) {
+    const char *const descriptor = "ProjectDescriptorFile.xml", *const manifest = "BankContent.txt";
     const struct {
         const char *name;
         const char *file; // of the bank
@@ -156,22 +154,18 @@ TEST_F(BankCommand, TellsWhatIsWrongWithABank) {
         const char *told; // somewhere in the report
         bool launches;
     } rows[] = {
-        {"listed size", "bin/demo.bin", [](std::string &text) { text += "x"; }, "has 19 bytes; expected 18", false},
-        {"listed sum", "bin/demo.bin", [](std::string &text) { text[0] ^= 1; }, "byte-sum is", false},
-        {"image", "bin/boot2.bin", [](std::string &text) { std::swap(text[40], text[41]); }, "sum2", true},
-        {"descriptor", "ProjectDescriptorFile.xml", [](std::string &text) { text.insert(text.find("2.0"), 16, '0'); },
+        {"listed size", "bin/demo.bin", [](auto &s) { s += "x"; }, "has 19 bytes; expected 18", false},
+        {"listed sum", "bin/demo.bin", [](auto &s) { s[0] ^= 1; }, "byte-sum is", false},
+        {"image", "bin/boot2.bin", [](auto &s) { std::swap(s[40], s[41]); }, "sum2", true},
+        {"descriptor", descriptor, [](auto &s) { s.insert(s.find("2.0"), 16, '0'); },
          "<Version> in <MainApplication> has 19 bytes; expected at most 16", false},
-        {"no element", "ProjectDescriptorFile.xml", [](std::string &text) { text.resize(60); }, "no whole XML", false},
-        {"line end", "BankContent.txt", [](std::string &text) { text.erase(3 * 282 - 2, 1); }, "offset 844", false},
-        {"headings", "BankContent.txt", [](std::string &text) { text.resize(500); }, "no two whole records", false},
-        {"short line", "BankContent.txt", [](std::string &text) { text.resize(5 * 282 - 2); },
-         "280 bytes behind the last", true},
-        {"no bootloader", "BankContent.txt", [](std::string &text) { text.erase(3 * 282, 282); },
-         "no record for the bootloader", false},
-        {"path", "BankContent.txt", [](std::string &text) { text.replace(4 * 282 + 24, 256, 256, '.'); }, "nothing but",
-         false},
-        {"way out", "BankContent.txt",
-         [](std::string &text) { text.replace(4 * 282 + 24, 25, "bin/../../../in/help.img "); },
+        {"no element", descriptor, [](auto &s) { s.resize(60); }, "no whole XML", false},
+        {"line end", manifest, [](auto &s) { s.erase(3 * 282 - 2, 1); }, "offset 844", false},
+        {"headings", manifest, [](auto &s) { s.resize(500); }, "no two whole records", false},
+        {"short line", manifest, [](auto &s) { s.resize(5 * 282 - 2); }, "280 bytes behind the last", true},
+        {"no bootloader", manifest, [](auto &s) { s.erase(3 * 282, 282); }, "no record for the bootloader", false},
+        {"path", manifest, [](auto &s) { s.replace(4 * 282 + 24, 256, 256, '.'); }, "nothing but", false},
+        {"way out", manifest, [](auto &s) { s.replace(4 * 282 + 24, 25, "bin/../../../in/help.img "); },
          "no such file in the bank", true},
     };
     for (const auto &row : rows) {

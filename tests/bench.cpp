@@ -7,19 +7,6 @@
 
 using namespace fixture;
 
-namespace {
-
-RunOptions OptionsFor(Processor processor, std::string &console) {
-    RunOptions options;
-    options.processor = processor;
-    options.known = &TestFirmware();
-    options.firmware = &Bootloader();
-    options.console = [&console](char c) { console += c; };
-    return options;
-}
-
-} // namespace
-
 const KnownFirmware &TestFirmware() {
     static const KnownFirmware known(FirmwareDirectory() / "fixed");
     return known;
@@ -38,10 +25,12 @@ Bench::Bench(Processor processor, BoardOptions board, const std::function<void(B
 
 Bench::Bench(Processor processor, Chips &chips, const std::filesystem::path &volume, BoardOptions board,
              const std::function<void(Board &)> &prepare) {
-    RunOptions options = OptionsFor(processor, console_);
-    options.volume = volume;
-    options.board = board;
-    machine_ = std::make_unique<Machine>(chips, options);
+    machine_ = std::make_unique<Machine>(chips, RunOptions{.processor = processor,
+                                                           .known = &TestFirmware(),
+                                                           .firmware = &Bootloader(),
+                                                           .volume = volume,
+                                                           .board = board,
+                                                           .console = [this](char c) { console_ += c; }});
     if (prepare) prepare(machine_->board());
     const StageResult started = machine_->start();
     if (started.end != StageEnd::stopped_at) throw std::runtime_error("main not reached: " + started.place);
@@ -53,7 +42,7 @@ StageResult Bench::try_call(const char *routine, const std::vector<std::uint32_t
 
 std::uint32_t Bench::call_with(const char *routine, const std::vector<std::uint32_t> &arguments) {
     std::uint32_t result = 0;
-    const StageResult end = machine_->call(routine, arguments, result);
+    const StageResult end = try_call(routine, arguments, result);
     if (end.end != StageEnd::stopped_at) throw std::runtime_error(std::string(routine) + " ended at " + end.place);
     return result;
 }
@@ -76,16 +65,17 @@ std::string Bench::console() { return std::exchange(console_, {}); }
 
 BootResult RunBoot(const BootCase &boot) {
     BootResult result;
-    RunOptions options = OptionsFor(boot.processor, result.console);
-    options.slots = boot.from_slots;
-    if (boot.from_slots) options.firmware = nullptr;
-    options.volume = boot.volume;
-    options.board = boot.board;
-    options.file_server_fails = boot.file_server_fails;
-    options.most_resets = boot.most_resets;
-    options.run_launched = boot.run_launched;
     Chips none;
-    Machine machine(boot.chips ? *boot.chips : none, options);
+    Machine machine(boot.chips ? *boot.chips : none, {.processor = boot.processor,
+                                                      .known = &TestFirmware(),
+                                                      .firmware = boot.from_slots ? nullptr : &Bootloader(),
+                                                      .slots = boot.from_slots,
+                                                      .volume = boot.volume,
+                                                      .board = boot.board,
+                                                      .file_server_fails = boot.file_server_fails,
+                                                      .most_resets = boot.most_resets,
+                                                      .run_launched = boot.run_launched,
+                                                      .console = [&result](char c) { result.console += c; }});
     if (boot.prepare) boot.prepare(machine);
     result.report = machine.run();
     if (boot.inspect) boot.inspect(machine);

@@ -29,15 +29,13 @@ protected:
     explicit Boots() { nothing_new.new_bootloader = false; }
     RunReport boot(const World &made, const std::function<void(Machine &)> &inspect = {}) {
         World world = made;
-        BootCase boot;
-        boot.processor = GetParam();
-        boot.volume = *world.volume;
-        boot.board = world.board;
-        boot.chips = &world.chips;
-        boot.most_resets = 1;
-        boot.prepare = prepare;
-        boot.inspect = inspect;
-        const BootResult result = RunBoot(boot);
+        const BootResult result = RunBoot({.processor = GetParam(),
+                                           .volume = *world.volume,
+                                           .board = world.board,
+                                           .chips = &world.chips,
+                                           .most_resets = 1,
+                                           .prepare = prepare,
+                                           .inspect = inspect});
         console = result.console;
         flash_kept = world.chips.nand == made.chips.nand && world.chips.dataflash == made.chips.dataflash;
         eeprom_kept = world.chips.eeprom == made.chips.eeprom;
@@ -52,8 +50,7 @@ protected:
     ::Setup nothing_new;
     std::function<void(Machine &)> prepare;
     std::string console;
-    bool flash_kept = false;
-    bool eeprom_kept = false;
+    bool flash_kept = false, eeprom_kept = false;
 };
 BOTH_PROCESSORS(Boots);
 

@@ -12,62 +12,53 @@ using Bytes = std::vector<std::uint8_t>;
 
 // A board with a DataFlash and a log of the commands that went to it: "E800000000000000+32768" is opcode, address and
 // don't-care bytes, and how many data bytes followed. Status reads are counted instead.
-class Dataflash {
-public:
-    Dataflash(Processor processor, Chips chips) : chips_(std::move(chips)), bench_(processor, chips_, {}) {
-        board().bus.observer = [this](const BusAccess &access) {
+struct Dataflash {
+    Dataflash(Processor processor, Chips with) : chips(std::move(with)), bench(processor, chips, {}) {
+        board.bus.observer = [this](const BusAccess &access) {
             if (access.is_write && access.address == 0xFFFA400C) // the transmit register
-                sent_.push_back(static_cast<std::uint8_t>(access.value));
+                sent.push_back(static_cast<std::uint8_t>(access.value));
         };
-        board().net('A', 5).watch([this](bool high) {
+        board.net('A', 5).watch([this](bool high) {
             if (high) write_down();
         });
     }
     Dataflash(Processor processor, const char *part)
         : Dataflash(processor, Chips{.eeprom = {}, .nand = {}, .dataflash = At45Contents(*FindAt45Part(part))}) {}
     ~Dataflash() {
-        for (const JournalEntry &entry : board().journal.violations())
-            ADD_FAILURE() << entry.where << ": " << entry.what;
+        for (const JournalEntry &entry : board.journal.violations()) ADD_FAILURE() << entry.where << ": " << entry.what;
     }
 
     int init() { return call("SDFlash_Init"); }
     int read(std::uint32_t address, std::uint32_t length) { return call("SDFlash_Read", address, buffer, length); }
     int write(std::uint32_t address, const Bytes &bytes) {
-        std::copy(bytes.begin(), bytes.end(), bench_.at(buffer));
+        std::copy(bytes.begin(), bytes.end(), bench.at(buffer));
         return call("SDFlash_Write", address, buffer, bytes.size());
     }
+    Bytes received(std::uint32_t length) { return Bytes(bench.at(buffer), bench.at(buffer) + length); }
     template <typename... Arguments> int call(const char *routine, Arguments... arguments) {
         log.clear();
         polls = 0;
-        return static_cast<int>(bench_.call(routine, arguments...));
+        return static_cast<int>(bench.call(routine, arguments...));
     }
 
-    Board &board() { return bench_.board(); }
-    Bench &bench() { return bench_; }
-    Chips &chips() { return chips_; }
-    Bytes received(std::uint32_t length) { return Bytes(bench_.at(buffer), bench_.at(buffer) + length); }
+    void write_down() {
+        if (sent.empty()) return; // the line went high as the controller was set up
+        const Bytes command = std::exchange(sent, {});
+        if (command[0] == 0xD7) return void(polls++);
+        const std::size_t addressed = 1 + chips.dataflash.part().address_bytes;
+        const std::size_t header = std::min(command.size(), command[0] == 0xE8 ? 8 : addressed);
+        log += log.empty() ? "" : " ";
+        for (std::size_t n = 0; n < header; n++) log += fmt::format("{:02X}", command[n]);
+        if (command.size() > header) log += fmt::format("+{}", command.size() - header);
+    }
 
+    Chips chips;
+    Bench bench;
+    Board &board = bench.board();
+    Bytes sent;
+    const std::uint32_t buffer = bench.scratch(256 * 1024);
     std::string log;
     unsigned polls = 0;
-
-private:
-    void write_down() {
-        if (sent_.empty()) return; // the line went high as the controller was set up
-        const Bytes sent = std::exchange(sent_, {});
-        if (sent[0] == 0xD7) return void(polls++);
-        const std::size_t addressed = 1 + chips_.dataflash.part().address_bytes;
-        const std::size_t header = std::min(sent.size(), sent[0] == 0xE8 ? 8 : addressed);
-        log += log.empty() ? "" : " ";
-        for (std::size_t n = 0; n < header; n++) log += fmt::format("{:02X}", sent[n]);
-        if (sent.size() > header) log += fmt::format("+{}", sent.size() - header);
-    }
-
-    Chips chips_;
-    Bench bench_;
-    Bytes sent_;
-
-public:
-    std::uint32_t buffer = bench_.scratch(256 * 1024);
 };
 
 class DataflashDriver : public testing::TestWithParam<Processor> {};
@@ -78,13 +69,13 @@ TEST_P(DataflashDriver, IdentifiesTheFourDensities) {
         Dataflash flash(GetParam(), part.name);
         EXPECT_EQ(flash.init(), 0) << part.name;
         EXPECT_EQ(flash.polls, 1u);
-        EXPECT_EQ(flash.board().bus.read(0xFFFA4004, 4), 0x000E0011u);
-        EXPECT_EQ(flash.board().bus.read(0xFFFA4030, 4), 0x011A0302u);
-        EXPECT_EQ(flash.board().bus.read(0xFFFA403C, 4), 0x280A6C02u);
-        EXPECT_TRUE(flash.board().net('B', 0).driven() && flash.board().net('B', 0).high());
-        EXPECT_TRUE(flash.board().net('B', 1).driven() && flash.board().net('B', 1).high());
+        for (const auto &[at, value] :
+             {std::pair{0xFFFA4004u, 0x000E0011u}, {0xFFFA4030, 0x011A0302}, {0xFFFA403C, 0x280A6C02}})
+            EXPECT_EQ(flash.board.bus.read(at, 4), value) << std::hex << at;
+        for (const unsigned line : {0u, 1u})
+            EXPECT_TRUE(flash.board.net('B', line).driven() && flash.board.net('B', line).high()) << line;
         EXPECT_EQ(flash.read(part.bytes() - 4, 4), 0);
-        EXPECT_EQ(flash.bench().console(), "");
+        EXPECT_EQ(flash.bench.console(), "");
     }
 }
 
@@ -100,8 +91,8 @@ TEST_P(DataflashDriver, WithoutAKnownChipEverythingFails) {
         EXPECT_EQ(flash.read(0, 0), -1);
         EXPECT_EQ(flash.write(0, {1}), -1);
         EXPECT_EQ(flash.log, "");
-        EXPECT_EQ(flash.bench().console(), "\tAT91SAM926X_ReadDataflash : Failed with Error=1\n"
-                                           "\tAT91SAM926X_WriteDataflash : Failed with Error=1\n");
+        EXPECT_EQ(flash.bench.console(), "\tAT91SAM926X_ReadDataflash : Failed with Error=1\n"
+                                         "\tAT91SAM926X_WriteDataflash : Failed with Error=1\n");
     }
 }
 
@@ -150,7 +141,7 @@ TEST_P(DataflashDriver, SendsTheseCommands) {
             EXPECT_EQ(flash.write(row.address, bytes), 0);
             EXPECT_EQ(flash.log, row.log) << row.part << ' ' << row.address;
             expected.write(row.address, bytes);
-            EXPECT_TRUE(flash.chips().dataflash == expected) << row.part << ' ' << row.address;
+            EXPECT_TRUE(flash.chips.dataflash == expected) << row.part << ' ' << row.address;
         }
         EXPECT_EQ(flash.read(row.address, row.length), 0);
         EXPECT_TRUE(row.is_write || flash.log == row.log) << flash.log;
@@ -182,38 +173,33 @@ TEST_P(DataflashDriver, RangesEndWithTheChip) {
 TEST_P(DataflashDriver, AChipThatStaysBusyFailsReadsAndIsNotHeardByWrites) {
     Dataflash flash(GetParam(), "AT45DB161");
     ASSERT_EQ(flash.init(), 0);
-    flash.chips().dataflash.never_ready = true;
+    flash.chips.dataflash.never_ready = true;
     EXPECT_EQ(flash.read(0, 4), -1);
     EXPECT_EQ(flash.polls, 200'000u);
     EXPECT_EQ(flash.log, "");
-    EXPECT_EQ(flash.bench().console(), "\tAT91SAM926X_ReadDataflash : Failed with Error=1\n");
+    EXPECT_EQ(flash.bench.console(), "\tAT91SAM926X_ReadDataflash : Failed with Error=1\n");
     if (GetParam() == Processor::arm) return; // four times the polls again
     EXPECT_EQ(flash.write(100, {1, 2}), 0);
     EXPECT_EQ(flash.polls, 4 * 200'000u);
     EXPECT_EQ(flash.log, "53000000 84000064+2 83000000");
-    EXPECT_EQ(flash.bench().console(), "");
-}
-
-TEST_P(DataflashDriver, ABusyDescriptorIsLeftAlone) {
-    Dataflash flash(GetParam(), kDefaultAt45);
-    ASSERT_EQ(flash.init(), 0);
-    std::memset(flash.bench().at(flash.buffer), 1, 128); // the busy flag among them
-    const std::uint64_t accesses = flash.board().bus.accesses();
-    EXPECT_EQ(flash.call("AT91SAM926X_SpiWrite", flash.buffer), 1);
-    EXPECT_EQ(flash.board().bus.accesses(), accesses);
+    EXPECT_EQ(flash.bench.console(), "");
 }
 
 // The divider and the programmed delay allow one byte in 8 x 3 + 32 master clock cycles.
-TEST_P(DataflashDriver, TransfersAsFastAsTheControllerIsProgrammed) {
+TEST_P(DataflashDriver, TransfersAsFastAsProgrammedAndLeavesABusyDescriptorAlone) {
     Dataflash flash(GetParam(), kDefaultAt45);
     ASSERT_EQ(flash.init(), 0);
     constexpr std::uint32_t kLength = 64 * 1024;
-    const Picoseconds start = flash.board().clock.now();
+    const Picoseconds start = flash.board.clock.now();
     ASSERT_EQ(flash.read(0, kLength), 0);
-    const double limit = kLength * 56.0 * static_cast<double>(flash.board().bus.cycle);
-    const double ratio = static_cast<double>(flash.board().clock.now() - start) / limit;
+    const double limit = kLength * 56.0 * static_cast<double>(flash.board.bus.cycle);
+    const double ratio = static_cast<double>(flash.board.clock.now() - start) / limit;
     EXPECT_GE(ratio, 1.0);
     EXPECT_LE(ratio, 1.1);
+    std::memset(flash.bench.at(flash.buffer), 1, 128); // the busy flag among them
+    const std::uint64_t accesses = flash.board.bus.accesses();
+    EXPECT_EQ(flash.call("AT91SAM926X_SpiWrite", flash.buffer), 1);
+    EXPECT_EQ(flash.board.bus.accesses(), accesses);
 }
 
 } // namespace

@@ -65,6 +65,7 @@ TEST_P(Descriptor, TypesFilesByWhatStandsInTheirPaths) {
 }
 
 TEST_P(Descriptor, TakesTextsUpToTheirLimits) {
+    const std::string names = "<BaseFileName>demo</BaseFileName><BaseFileExtension/></MainApplication>";
     const std::string dots = "." + std::string(15, 'e');
     const struct {
         const char *name;
@@ -81,11 +82,8 @@ TEST_P(Descriptor, TakesTextsUpToTheirLimits) {
         {"empty extension", Application({.extension = ""}), 0, "demo."},
         {"version 16", Application({.version = std::string(16, 'v')}), 0, "demo.bin"},
         {"version 17", Application({.version = std::string(17, 'v')}), -1, ""},
-        {"<Version/>",
-         "<MainApplication><Version/><BaseFileName>demo</BaseFileName><BaseFileExtension/></MainApplication>", 0,
-         "demo."},
-        {"no version", "<MainApplication><BaseFileName>demo</BaseFileName><BaseFileExtension/></MainApplication>", -1,
-         ""},
+        {"<Version/>", "<MainApplication><Version/>" + names, 0, "demo."},
+        {"no version", "<MainApplication>" + names, -1, ""},
         {"two, the first counts", Application({.base = "first"}) + Application({}), 0, "first.bin"},
         {"a longer name before", Section("MainApplicationOld", {.base = "old"}) + Application({}), 0, "old.bin"},
         {"none", "", -1, ""},
@@ -103,8 +101,9 @@ TEST_P(Descriptor, SaysWhyItCannotBeRead) {
     const std::string missing = "FileSize failed with errno=2\tFatal Error : read file failed with errno=9";
     EXPECT_EQ(parse("i:/vol0/no.xml"), -1);
     EXPECT_EQ(bench_.console(), missing);
-    volume_.write(std::string(200, 'd') + "/" + std::string(60, 'f'), "<P>" + Application({}) + kBoot + "</P>");
-    EXPECT_EQ(parse("i:/vol0/" + std::string(200, 'd') + "/" + std::string(60, 'f')), -1) << "cut at 256 characters";
+    const std::string far = std::string(200, 'd') + "/" + std::string(60, 'f');
+    volume_.write(far, "<P>" + Application({}) + kBoot + "</P>");
+    EXPECT_EQ(parse("i:/vol0/" + far), -1) << "cut at 256 characters";
     EXPECT_EQ(bench_.console(), missing);
     volume_.write("large.xml", std::string(5 << 20, ' '));
     EXPECT_EQ(parse("i:/vol0/large.xml"), -1);

@@ -65,14 +65,13 @@ protected:
     Bytes stored(unsigned address, unsigned count) const {
         return {contents.bytes.begin() + address, contents.bytes.begin() + address + count};
     }
-    void wait() { clock.advance(chip.write_time); }
 };
 
 TEST_F(Eeprom, PageWriteWrapsInItsPage) {
     EXPECT_TRUE(write(0x31E, 5));
     EXPECT_EQ(stored(0x31E, 3), (Bytes{1, 2, 0xFF}));
     EXPECT_EQ(stored(0x310, 4), (Bytes{3, 4, 5, 0xFF}));
-    wait();
+    clock.advance(chip.write_time);
     EXPECT_TRUE(write(0x040, 17)) << "the 17th byte takes the place of the first";
     EXPECT_EQ(stored(0x040, 2), (Bytes{17, 2}));
 }
@@ -130,7 +129,7 @@ TEST_F(Eeprom, PowerFailsDuringAWrite) {
     write(0x10E, 4);
     EXPECT_EQ(stored(0x10E, 2), (Bytes{1, 2}));
     EXPECT_EQ(stored(0x100, 1), Bytes{0xFF});
-    wait();
+    clock.advance(chip.write_time);
     EXPECT_FALSE(write(0x000, 1)) << "no power, no answer";
 }
 

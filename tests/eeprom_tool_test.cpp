@@ -31,8 +31,7 @@ protected:
 
 TEST_F(EepromTool, MakesAndUpdatesAStore) {
     EXPECT_EQ(set({"9=0A000002", "0x12=", "10=ff000000"}).exit_status, 0);
-    Bytes fresh = {0, 1, 0, 22, 0xFB, 0x87, 0, 0x94, 10, 0, 0, 2, 0x01, 0x20, 0, 0xA4, 0xFF};
-    fresh.resize(20, 0);
+    Bytes fresh = {0, 1, 0, 22, 0xFB, 0x87, 0, 0x94, 10, 0, 0, 2, 0x01, 0x20, 0, 0xA4, 0xFF, 0, 0, 0};
     fresh.resize(2048, 0xFF);
     EXPECT_EQ(ReadFile(file, 4096), fresh);
 
@@ -53,8 +52,7 @@ TEST_F(EepromTool, TellsWhichSectorIsCurrentAndWhy) {
     Bytes broken = good, endless = good;
     broken[8] ^= 1;
     endless[3] = 7;
-    std::vector<StoredParameter> many;
-    for (unsigned i = 0; i < 20; i++) many.push_back({i, Bytes(15, 0x11)});
+    const std::vector<StoredParameter> many(20, {8, Bytes(15, 0x11)});
     const struct {
         Bytes sectors[2];
         int exit_status;

@@ -1,7 +1,7 @@
 // The ELF reader: a small executable made here, read back, and the same with every part of it damaged.
 #include "elf_image.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <array>
 #include <cstddef>
@@ -47,14 +47,6 @@ struct Executable {
         symbols[3] = {13, kBase, 0, ELF32_ST_INFO(STB_LOCAL, STT_NOTYPE), 0, 3};
     }
     std::span<const std::uint8_t> bytes() const { return {reinterpret_cast<const std::uint8_t *>(this), sizeof *this}; }
-    std::string refusal() const {
-        try {
-            ElfImage::read(bytes());
-            return "";
-        } catch (const ElfError &error) {
-            return error.what();
-        }
-    }
 };
 
 TEST(ElfImageTest, GivesSegmentsSymbolsAndPlaces) {
@@ -96,7 +88,7 @@ TEST(ElfImageTest, RefusesWhatIsNoArmExecutable) {
     for (const auto &damaged : cases) {
         Executable executable;
         damaged.damage(executable);
-        EXPECT_EQ(executable.refusal(), damaged.refusal);
+        EXPECT_THAT([&] { ElfImage::read(executable.bytes()); }, testing::ThrowsMessage<ElfError>(damaged.refusal));
     }
     EXPECT_THROW(ElfImage::read({}), ElfError);
     EXPECT_THROW(ElfImage::read_file("no such file"), ElfError);
@@ -121,7 +113,7 @@ TEST(ElfImageTest, SurvivesDamageAnywhere) {
             } catch (const ElfError &) {
             }
         }
-    EXPECT_EQ(whole.refusal(), "");
+    EXPECT_NO_THROW(ElfImage::read(whole.bytes()));
 }
 
 } // namespace

@@ -205,6 +205,11 @@ TEST_F(FlashTool, WhatCannotWorkIsRefused) {
     Bytes broken = bootloader;
     broken.back() ^= 1;
     using Words = std::vector<std::string>;
+    const auto given = [&](const Words &more) {
+        Words words = {"provision", "--medium", "dataflash", "--dataflash", chip, "--bootloader", image};
+        words.insert(words.end(), more.begin(), more.end());
+        return words;
+    };
     const std::pair<int, Words> calls[] = {
         {2, {"info"}},
         {2, {"info", "--nand", file("missing")}},
@@ -212,20 +217,13 @@ TEST_F(FlashTool, WhatCannotWorkIsRefused) {
         {2, {"info", "--dataflash", image, "--part", "AT45"}},
         {2, {"provision", "--medium", "dataflash", "--bootloader", image}},
         {1, {"provision", "--medium", "dataflash", "--dataflash", chip, "--bootloader", file("broken", broken)}},
+        {2, given({"--slot", "2"})},
+        {2, given({"--rescue", image})},
+        {1, given({"--rescue", image + ":"})},
+        {1, given({"--rescue", image + ":12345678901234567"})},
+        {1, given({"--rescue", image + ":1", "--part", "AT45DB161"})}, // the rescue slot lies beyond this chip
     };
     for (const auto &[status, words] : calls) EXPECT_EQ(run(words).exit_status, status) << words.back();
-    const std::pair<int, Words> rows[] = {
-        {2, {"--slot", "2"}},
-        {2, {"--rescue", image}},
-        {1, {"--rescue", image + ":"}},
-        {1, {"--rescue", image + ":12345678901234567"}},
-        {1, {"--rescue", image + ":1", "--part", "AT45DB161"}}, // the rescue slot lies beyond this chip
-    };
-    for (const auto &[status, more] : rows) {
-        Words words = {"provision", "--medium", "dataflash", "--dataflash", chip, "--bootloader", image};
-        words.insert(words.end(), more.begin(), more.end());
-        EXPECT_EQ(run(words).exit_status, status) << words.back();
-    }
     EXPECT_FALSE(std::filesystem::exists(chip));
 }
 

@@ -7,7 +7,6 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <memory_map.h>
-#include <sstream>
 
 using namespace fixture;
 
@@ -27,14 +26,14 @@ protected:
         GetParam() == Processor::host ? reinterpret_cast<std::uintptr_t>(__ghsbegin_mr_rwec__videobuffer)
                                       : bench.machine().symbol("__ghsbegin_mr_rwec__videobuffer"));
 
-    std::uint8_t *guarded() { return bench.at(region - kGuardPixels * 2); }
     static Pixels painted() { return Pixels(kRegionPixels + 2 * kGuardPixels, kPaint); }
     // What a call makes of painted pixels.
     template <typename... Arguments> Pixels drawn_by(const char *routine, Arguments... arguments) {
         Pixels pixels = painted();
-        std::memcpy(guarded(), pixels.data(), pixels.size() * 2);
+        std::uint8_t *const guarded = bench.at(region - kGuardPixels * 2);
+        std::memcpy(guarded, pixels.data(), pixels.size() * 2);
         bench.call(routine, arguments...);
-        std::memcpy(pixels.data(), guarded(), pixels.size() * 2);
+        std::memcpy(pixels.data(), guarded, pixels.size() * 2);
         return pixels;
     }
     // The writes to the registers that belong to the panel alone, as "LCDCON1=5000" words.
@@ -216,29 +215,26 @@ TEST_P(Lcd, LinesOfAnyKind) {
 
 // --- decoding
 
-Pixels Words(const std::string &hex) {
-    Pixels words;
-    std::istringstream stream(hex);
-    for (unsigned word = 0; stream >> std::hex >> word;) words.push_back(static_cast<std::uint16_t>(word));
-    return words;
-}
-
 TEST_P(Lcd, DecoderAtItsLimits) {
     const struct {
-        const char *name, *stream; // words, behind those of two longest runs; the last is one that must not be decoded
+        const char *name;
+        Pixels stream; // behind two longest runs; the last is one that must not be decoded
         std::vector<std::pair<std::size_t, std::uint16_t>> stretches; // then paint
     } cases[] = {
-        {"repeat at the end", "2BFF 3 0 4", {{11264, 3}}},
-        {"literals of one", "8000 11 8000 12 2BFD 3 0 4", {{1, 0x11}, {1, 0x12}, {11262, 3}}},
-        {"literal at the end", "2BFC 3 8002 21 22 23 0 4", {{11261, 3}, {1, 0x21}, {1, 0x22}, {1, 0x23}}},
-        {"repeat past the frame", "2C00 3 0 4", {{11265, 3}}},
-        {"repeat past the region", "7FFF 3 0 4", {{14336, 3}}},
-        {"literal past the frame", "2BFE 3 8001 21 22 0 4", {{11263, 3}, {1, 0x21}, {1, 0x22}}},
+        {"repeat at the end", {0x2BFF, 3, 0, 4}, {{11264, 3}}},
+        {"literals of one", {0x8000, 0x11, 0x8000, 0x12, 0x2BFD, 3, 0, 4}, {{1, 0x11}, {1, 0x12}, {11262, 3}}},
+        {"literal at the end",
+         {0x2BFC, 3, 0x8002, 0x21, 0x22, 0x23, 0, 4},
+         {{11261, 3}, {1, 0x21}, {1, 0x22}, {1, 0x23}}},
+        {"repeat past the frame", {0x2C00, 3, 0, 4}, {{11265, 3}}},
+        {"repeat past the region", {0x7FFF, 3, 0, 4}, {{14336, 3}}},
+        {"literal past the frame", {0x2BFE, 3, 0x8001, 0x21, 0x22, 0, 4}, {{11263, 3}, {1, 0x21}, {1, 0x22}}},
     };
     for (const auto &c : cases)
         for (const std::uint32_t odd : {0u, 1u}) {
             SCOPED_TRACE(fmt::format("{} at {}", c.name, odd ? "an odd address" : "a word"));
-            const Pixels words = Words(std::string("7FFF 1 7FFF 2 ") + c.stream);
+            Pixels words = {0x7FFF, 1, 0x7FFF, 2};
+            words.insert(words.end(), c.stream.begin(), c.stream.end());
             const std::uint32_t stream = bench.scratch(words.size() * 2 + 1) + odd;
             std::memcpy(bench.at(stream), words.data(), words.size() * 2);
             Pixels expected = painted();
@@ -251,7 +247,7 @@ TEST_P(Lcd, DecoderAtItsLimits) {
 
 // A literal run that would pass the region's end: what is stored comes from the stream, the rest is not read.
 TEST_P(Lcd, DecoderReadsNoMoreThanItStores) {
-    Pixels words = Words("7FFF 1 7FFF 2 2BFE 3 FFFF"); // 76,799 pixels, then a literal run of 32,768
+    Pixels words = {0x7FFF, 1, 0x7FFF, 2, 0x2BFE, 3, 0xFFFF}; // 76,799 pixels, then a literal run of 32,768
     for (std::size_t i = 0; i < kRegionPixels - 76799; i++) words.push_back(static_cast<std::uint16_t>(i));
     const std::uint32_t stream = kSdramBase + kSdramSize - static_cast<std::uint32_t>(words.size()) * 2;
     std::memcpy(bench.at(stream), words.data(), words.size() * 2); // memory ends with it

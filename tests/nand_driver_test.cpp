@@ -20,15 +20,13 @@ constexpr std::uint32_t kPage = kNandPageBytes;
 //   [ ] chip enable, c30 command, a00 address cycle, R ready seen, r8x2048 w16x1024 data accesses by width and count
 // `operations` has one word an operation, runs of pages as one: E2 erase of block 2, P2.0-63 R2.0 data of its pages
 // programmed and read, p2.0 r2.0 the spare bytes.
-class Raw {
-public:
-    explicit Raw(Processor processor, const char *part = kDefaultNand) : Raw(processor, FindNandPart(part)) {}
-    Raw(Processor processor, const NandPart *part)
-        : chips_{.eeprom = {}, .nand = NandContents(part)}, bench_(processor, chips_, {}) {
-        bench_.board().bus.observer = [this](const BusAccess &access) { observe(access); };
+struct Raw {
+    explicit Raw(Processor processor, const char *part = kDefaultNand) // null: no chip is fitted
+        : chips{.eeprom = {}, .nand = NandContents(part ? FindNandPart(part) : nullptr)}, bench(processor, chips, {}) {
+        bench.board().bus.observer = [this](const BusAccess &access) { observe(access); };
     }
     ~Raw() {
-        for (const JournalEntry &entry : bench_.board().journal.violations())
+        for (const JournalEntry &entry : bench.board().journal.violations())
             ADD_FAILURE() << entry.where << ": " << entry.what;
     }
 
@@ -36,34 +34,35 @@ public:
         log.clear();
         last_.clear();
         operations_.clear();
-        return static_cast<int>(bench_.call(routine, arguments...));
+        return static_cast<int>(bench.call(routine, arguments...));
     }
     int init() { return call("NandFlash_if_Init"); }
     Bytes read(std::uint32_t address, std::uint32_t length) {
-        std::memset(bench_.at(buffer), 0x77, length + 1);
+        std::memset(bench.at(buffer), 0x77, length + 1);
         EXPECT_EQ(call("NandFlash_if_Read", address, buffer, length), 0);
-        EXPECT_EQ(bench_.at(buffer)[length], 0x77) << "written behind the buffer";
-        return Bytes(bench_.at(buffer), bench_.at(buffer) + length);
+        EXPECT_EQ(bench.at(buffer)[length], 0x77) << "written behind the buffer";
+        return Bytes(bench.at(buffer), bench.at(buffer) + length);
     }
     void write(std::uint32_t address, const Bytes &source, std::int32_t length) {
-        std::copy(source.begin(), source.end(), bench_.at(buffer));
+        std::copy(source.begin(), source.end(), bench.at(buffer));
         EXPECT_EQ(call("NandFlash_if_Write", address, buffer, length), 0);
     }
     // The geometry record of the chip, for the routines that take one.
     std::uint32_t geometry() {
-        const std::uint32_t wide = chips_.nand.part()->wide;
+        const std::uint32_t wide = chips.nand.part()->wide;
         const std::uint32_t fields[] = {2048,     64,        2112,    64,        131072, 4096, 135168, 2048,
                                         1u << 17, 276824064, 8388608, 285212672, 11,     wide, 0};
-        const std::uint32_t address = bench_.scratch(sizeof fields);
-        std::memcpy(bench_.at(address), fields, sizeof fields);
+        const std::uint32_t address = bench.scratch(sizeof fields);
+        std::memcpy(bench.at(address), fields, sizeof fields);
         return address;
     }
-    NandContents &nand() { return chips_.nand; }
-    Bench &bench() { return bench_; }
     std::string operations() { return end_run(), operations_; }
 
+    Chips chips;
+    NandContents &nand = chips.nand;
+    Bench bench;
     std::string log;
-    std::uint32_t buffer = 0x21800000;
+    static constexpr std::uint32_t buffer = 0x21800000;
 
 private:
     void observe(const BusAccess &access) {
@@ -78,8 +77,8 @@ private:
             : access.address == 0xFFFFF23C ? (access.value & 0x00400000 ? "R" : "")
             : access.address == 0xFFFFF834 ? "["
             : access.address == 0xFFFFF830 ? "]"
-            : access.is_write ? fmt::format("{}={:X}", bench_.board().bus.name_of(access.address), access.value)
-                              : bench_.board().bus.name_of(access.address) + "?");
+            : access.is_write ? fmt::format("{}={:X}", bench.board().bus.name_of(access.address), access.value)
+                              : bench.board().bus.name_of(access.address) + "?");
     }
     void add(const std::string &word) {
         count_ = 0;
@@ -106,12 +105,9 @@ private:
         if (run_end_ > run_begin_) operations_ += fmt::format("-{}", run_end_);
     }
 
-    Chips chips_;
-    Bench bench_;
     std::vector<std::uint32_t> cycles_;
     std::string last_, operations_;
-    unsigned count_ = 0;
-    std::uint32_t run_begin_ = 0, run_end_ = 0;
+    std::uint32_t count_ = 0, run_begin_ = 0, run_end_ = 0;
 };
 
 Bytes Noise(std::size_t length, std::uint32_t seed) {
@@ -136,7 +132,7 @@ TEST_P(NandDriver, IdentifiesThePartsAndSetsUpItsBus) {
         EXPECT_EQ(raw.init(), known) << part.name;
         EXPECT_EQ(raw.log, common + (known && !part.wide ? " SMC0.MODE3? SMC0.MODE3=20003" : ""));
         EXPECT_EQ(raw.init(), known) << "again, from where the first left the bus";
-        EXPECT_EQ(raw.bench().console(), "");
+        EXPECT_EQ(raw.bench.console(), "");
     }
 }
 
@@ -156,19 +152,19 @@ TEST_P(NandDriver, SpeaksToTheChipInItsWidth) {
             ASSERT_EQ(raw.init(), 1);
             const std::uint32_t chip = raw.geometry();
             const Bytes page = Noise(kPage, shift);
-            raw.nand().write(kAt * kBlock, page);
+            raw.nand.write(kAt * kBlock, page);
             EXPECT_EQ(raw.call("CheckBlock", chip, kAt), 1);
             EXPECT_EQ(raw.log, row.check);
             EXPECT_EQ(raw.call("CheckBlock", chip, kAt), 1);
             EXPECT_EQ(raw.log, "") << "the verdict is remembered";
             EXPECT_EQ(raw.call("AT91F_NandRead", chip, kAt, 0, 99, raw.buffer + shift), 1);
             EXPECT_EQ(raw.log, row.read);
-            EXPECT_EQ(std::memcmp(raw.bench().at(raw.buffer + shift), page.data(), kPage), 0);
+            EXPECT_EQ(std::memcmp(raw.bench.at(raw.buffer + shift), page.data(), kPage), 0);
             EXPECT_EQ(raw.call("AT91F_NandEraseBlock", chip, kAt * kBlock + 5), 1);
             EXPECT_EQ(raw.log, erase);
             EXPECT_EQ(raw.call("NandFlash_Write", kAt * kBlock, raw.buffer + shift, 1), 0);
             EXPECT_EQ(raw.log, erase + " " + row.write + " " + row.read);
-            EXPECT_EQ(raw.nand().read(kAt * kBlock, kPage), page);
+            EXPECT_EQ(raw.nand.read(kAt * kBlock, kPage), page);
             for (const std::uint32_t beyond : {kNandBlocks, 32768u, 0xFFFFFFFEu}) {
                 EXPECT_EQ(raw.call("CheckBlock", chip, beyond), 0);
                 EXPECT_EQ(raw.call("AT91F_NandRead", chip, beyond, 0, 0, raw.buffer), 0);
@@ -221,12 +217,12 @@ TEST_P(NandDriver, WritesBlockByBlock) {
     const Bytes source = Noise(3 * kBlock, 7);
     for (const auto &row : rows) {
         Raw raw(GetParam(), row.length % 3 == 1 ? "MT29F2G16AAB" : "MT29F2G08ABD");
-        for (const std::uint32_t block : row.bad) raw.nand().make_factory_bad(block);
-        raw.nand().faults = row.faults;
+        for (const std::uint32_t block : row.bad) raw.nand.make_factory_bad(block);
+        raw.nand.faults = row.faults;
         ASSERT_EQ(raw.init(), 1);
         raw.write(row.address, source, row.length);
         EXPECT_EQ(raw.operations(), row.operations);
-        EXPECT_EQ(raw.bench().console(), row.console);
+        EXPECT_EQ(raw.bench.console(), row.console);
         if (row.address != at || row.length <= 0) continue;
         const Bytes written = raw.read(at, static_cast<std::uint32_t>(row.length));
         EXPECT_EQ(written, Bytes(source.begin(), source.begin() + row.length)) << row.operations;
@@ -240,25 +236,25 @@ TEST_P(NandDriver, AnOffsetInAPageIsLeftErasedInEveryPage) {
     raw.write(2 * kBlock + 62 * kPage + 1100, source, 2500); // 948 bytes a page, into the next block too
     auto next = source.begin();
     for (const std::uint32_t page : {2 * kBlock + 62 * kPage, 2 * kBlock + 63 * kPage, 3 * kBlock}) {
-        EXPECT_EQ(raw.nand().read(page, 1100), Bytes(1100, 0xFF));
-        EXPECT_EQ(raw.nand().read(page + 1100, 948), Bytes(next, next + 948));
+        EXPECT_EQ(raw.nand.read(page, 1100), Bytes(1100, 0xFF));
+        EXPECT_EQ(raw.nand.read(page + 1100, 948), Bytes(next, next + 948));
         next += 948;
     }
-    EXPECT_TRUE(raw.nand().erased(2 * 64 + 61) && raw.nand().erased(3 * 64 + 1));
+    EXPECT_TRUE(raw.nand.erased(2 * 64 + 61) && raw.nand.erased(3 * 64 + 1));
 }
 
 TEST_P(NandDriver, RetiresABlockInItsFirstPageAlone) {
     for (const char *part : {"K9F2G08U0M", "MT29F2G16AAB"}) {
         Raw raw(GetParam(), part);
-        raw.nand().faults = {{Fault::erase_fails, 5, {}, 0, 3}};
-        NandContents::Page old = raw.nand().page(0);
+        raw.nand.faults = {{Fault::erase_fails, 5, {}, 0, 3}};
+        NandContents::Page old = raw.nand.page(0);
         std::iota(old.begin() + kPage + 1, old.end(), std::uint8_t{0x80});
-        raw.nand().set_page(5 * kNandPagesPerBlock, old);
+        raw.nand.set_page(5 * kNandPagesPerBlock, old);
         ASSERT_EQ(raw.init(), 1);
         raw.write(5 * kBlock, Bytes(kPage, 0x42), 1);
         old[kPage] = 0x00;
-        EXPECT_EQ(raw.nand().page(5 * kNandPagesPerBlock), old) << "the other spare bytes stay";
-        EXPECT_TRUE(raw.nand().erased(5 * kNandPagesPerBlock + 1));
+        EXPECT_EQ(raw.nand.page(5 * kNandPagesPerBlock), old) << "the other spare bytes stay";
+        EXPECT_TRUE(raw.nand.erased(5 * kNandPagesPerBlock + 1));
     }
 }
 
@@ -287,15 +283,15 @@ TEST_P(NandDriver, ReadsSkipBadBlocksAndEndWithTheChip) {
         Bytes expected;
         for (const std::uint32_t block : row.blocks) {
             const Bytes data = Noise(kBlock, block);
-            raw.nand().write(block * kBlock, data);
+            raw.nand.write(block * kBlock, data);
             expected.insert(expected.end(), data.begin(), data.end());
         }
         expected.resize(row.length, 0xFF);
-        for (const std::uint32_t block : row.bad) raw.nand().make_factory_bad(block);
+        for (const std::uint32_t block : row.bad) raw.nand.make_factory_bad(block);
         ASSERT_EQ(raw.init(), 1);
         EXPECT_EQ(raw.read(row.address, row.length), expected) << row.address;
         EXPECT_EQ(raw.operations(), row.operations);
-        EXPECT_EQ(raw.bench().console(), row.console);
+        EXPECT_EQ(raw.bench.console(), row.console);
     }
 }
 
@@ -306,7 +302,7 @@ TEST_P(NandDriver, TheMarkerIsOneByteOfPagesZeroAndOne) {
         {"MT29F2G16AAB", 1, 2048, 0x00, false}, {"MT29F2G16AAB", 0, 2049, 0x00, true}};
     for (const auto &[part, page, column, value, good] : rows) {
         Raw raw(GetParam(), part);
-        raw.nand().edit(4 * kNandPagesPerBlock + page).bytes[column] = value;
+        raw.nand.edit(4 * kNandPagesPerBlock + page).bytes[column] = value;
         ASSERT_EQ(raw.init(), 1);
         EXPECT_EQ(raw.call("CheckBlock", raw.geometry(), 4), good) << column;
     }
@@ -314,24 +310,24 @@ TEST_P(NandDriver, TheMarkerIsOneByteOfPagesZeroAndOne) {
 
 TEST_P(NandDriver, WithoutAChipOrAGoodBlockReadsGiveErasedFlash) {
     for (const bool after_a_good_one : {false, true}) {
-        Raw raw(GetParam(), after_a_good_one ? FindNandPart(kDefaultNand) : nullptr);
+        Raw raw(GetParam(), after_a_good_one ? kDefaultNand : nullptr);
         EXPECT_EQ(raw.init(), after_a_good_one);
-        raw.nand() = NandContents(nullptr);
+        raw.nand = NandContents(nullptr);
         EXPECT_EQ(raw.init(), 0);
         EXPECT_EQ(raw.read(0, 5000), Bytes(5000, 0xFF));
         EXPECT_EQ(raw.operations(), after_a_good_one ? "r0.0-1 R0.0-2" : "") << "the old geometry stays";
         if (after_a_good_one) continue;
         raw.write(0, Bytes(10, 1), 10);
-        EXPECT_EQ(raw.log + raw.bench().console(), "");
+        EXPECT_EQ(raw.log + raw.bench.console(), "");
     }
     Raw raw(GetParam());
-    for (std::uint32_t block = 0; block < kNandBlocks; block++) raw.nand().make_factory_bad(block);
-    const NandContents before = raw.nand();
+    for (std::uint32_t block = 0; block < kNandBlocks; block++) raw.nand.make_factory_bad(block);
+    const NandContents before = raw.nand;
     ASSERT_EQ(raw.init(), 1);
     raw.write(0, Bytes(5, 0), 5);
-    const std::string console = raw.bench().console();
+    const std::string console = raw.bench.console();
     EXPECT_EQ(std::count(console.begin(), console.end(), '\n'), kNandBlocks);
-    EXPECT_EQ(raw.nand(), before);
+    EXPECT_EQ(raw.nand, before);
     EXPECT_EQ(raw.read(2000 * kBlock, 5), Bytes(5, 0xFF));
 }
 
@@ -340,15 +336,15 @@ TEST(NandSpeed, ComesNearTheWire) {
     for (const char *part : {"K9F2G08U0M", "MT29F2G16AAB"}) {
         Raw raw(Processor::arm, part);
         ASSERT_EQ(raw.init(), 1);
-        raw.bench().board().bus.observer = nullptr;
+        raw.bench.board().bus.observer = nullptr;
         const Nand::Times times;
-        const Picoseconds page = (7 + kPage / (raw.nand().part()->wide ? 2 : 1)) * 5 * raw.bench().board().bus.cycle;
+        const Picoseconds page = (7 + kPage / (raw.nand.part()->wide ? 2 : 1)) * 5 * raw.bench.board().bus.cycle;
         const Picoseconds read = 512 * (page + times.read),
                           write = read + 512 * (page + times.program) + 8 * times.erase;
         const auto share = [&](const char *routine, Picoseconds limit) {
-            const Picoseconds start = raw.bench().board().clock.now();
+            const Picoseconds start = raw.bench.board().clock.now();
             raw.call(routine, 0, raw.buffer, 512 * kPage);
-            return static_cast<double>(limit) / static_cast<double>(raw.bench().board().clock.now() - start);
+            return static_cast<double>(limit) / static_cast<double>(raw.bench.board().clock.now() - start);
         };
         EXPECT_GE(share("NandFlash_if_Write", write), 0.90) << part;
         EXPECT_GE(share("NandFlash_if_Read", read), 0.80) << part;

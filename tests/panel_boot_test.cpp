@@ -24,24 +24,6 @@ int BarOf(const Picture &picture) {
 
 constexpr int kDark = -2;
 
-std::vector<int> BarsSeen(Processor processor, World &world) {
-    std::vector<int> bars;
-    BootCase boot;
-    boot.processor = processor;
-    boot.from_slots = true;
-    boot.volume = *world.volume;
-    boot.board = world.board;
-    boot.chips = &world.chips;
-    boot.prepare = [](Machine &machine) { machine.record_frames(PanelWiring::bgr); };
-    boot.inspect = [&](Machine &machine) {
-        machine.frames()->look();
-        for (const FrameRecorder::Frame &frame : machine.frames()->frames())
-            bars.push_back(frame.lit ? BarOf(frame.picture) : kDark);
-    };
-    RunBoot(boot);
-    return bars;
-}
-
 class PanelInBoots : public testing::TestWithParam<Processor> {};
 BOTH_PROCESSORS(PanelInBoots);
 
@@ -71,7 +53,20 @@ TEST_P(PanelInBoots, ShowsEveryStep) {
         std::vector<int> expected = c.bars;
         // Natively the sums between 70 and 80 take no time: nobody sees the first.
         if (GetParam() == Processor::host && !c.setup.damaged) std::erase(expected, 70);
-        EXPECT_THAT(BarsSeen(GetParam(), world), testing::ElementsAreArray(expected));
+        std::vector<int> seen;
+        const auto look = [&](Machine &machine) {
+            machine.frames()->look();
+            for (const FrameRecorder::Frame &frame : machine.frames()->frames())
+                seen.push_back(frame.lit ? BarOf(frame.picture) : kDark);
+        };
+        RunBoot({.processor = GetParam(),
+                 .volume = *world.volume,
+                 .board = world.board,
+                 .chips = &world.chips,
+                 .from_slots = true,
+                 .prepare = [](Machine &machine) { machine.record_frames(PanelWiring::bgr); },
+                 .inspect = look});
+        EXPECT_THAT(seen, testing::ElementsAreArray(expected));
     }
 }
 

@@ -2,7 +2,7 @@
 #include "bench.h"
 
 #include <cstring>
-#include <set>
+#include <map>
 
 using namespace fixture;
 
@@ -13,17 +13,20 @@ constexpr std::uint32_t kBuffer = 0x21001000;
 constexpr std::uint32_t kFailed = 0xFFFFFFFF;
 
 // Knows files by name, says what it was asked, fails with the error it is told to.
-class ScriptedDebugger : public Semihosting {
-public:
-    explicit ScriptedDebugger(const Memory &memory) : memory_(memory) {}
-
+struct ScriptedDebugger : Semihosting {
+    explicit ScriptedDebugger(const Memory &memory_) : memory(memory_) {}
     std::uint32_t call(std::uint32_t operation, std::uint32_t parameter) override {
         std::array<std::uint32_t, 3> block{};
-        const auto bytes = memory_.at(parameter, sizeof block);
+        const auto bytes = memory.at(parameter, sizeof block);
         if (!bytes.empty()) std::memcpy(block.data(), bytes.data(), sizeof block);
         asked = true;
         switch (operation) {
-        case 0x01: return open(block);
+        case 0x01: {
+            const auto text = memory.at(block[0], block[2]);
+            const auto file = writable.find(std::string(text.begin(), text.end()));
+            modes.push_back(block[1]);
+            return file != writable.end() && (block[1] == 1 || file->second) ? 7 : kFailed;
+        }
         case 0x02: return block[0] == 7 ? 0 : kFailed;
         case 0x06: return missing;
         case 0x0C: return length;
@@ -31,25 +34,14 @@ public:
         default: return kFailed;
         }
     }
-
-    std::set<std::string> files, read_only;
+    const Memory &memory;
+    std::map<std::string, bool> writable; // of the files that there are
     std::uint32_t error = 0, missing = 0, length = 0;
     bool asked = false;
     std::vector<std::uint32_t> modes;
-
-private:
-    std::uint32_t open(const std::array<std::uint32_t, 3> &block) {
-        const auto text = memory_.at(block[0], block[2]);
-        const std::string name(text.begin(), text.end());
-        modes.push_back(block[1]);
-        const bool writes = block[1] != 1;
-        return files.contains(name) && !(writes && read_only.contains(name)) ? 7 : kFailed;
-    }
-    const Memory &memory_;
 };
 
-class PlatformTest : public testing::Test {
-protected:
+struct PlatformTest : testing::Test {
     PlatformTest() {
         board.console.transmitted = [this](char c) { console += c; };
         image.load(board.memory.memory());
@@ -85,8 +77,7 @@ protected:
 TEST_F(PlatformTest, OpensForReadingAndWritingOnlyAndTellsWhyNot) {
     ASSERT_EQ(start().end, StageEnd::stopped_at);
     EXPECT_EQ(console, "");
-    debugger.files = {"i:/vol0/a", "i:/vol0/ro"};
-    debugger.read_only = {"i:/vol0/ro"};
+    debugger.writable = {{"i:/vol0/a", true}, {"i:/vol0/ro", false}};
     const struct {
         const char *path;
         std::uint32_t flags;
@@ -134,7 +125,7 @@ TEST_F(PlatformTest, ReadsClosesAndMeasuresFilesAsTheDebuggerSays) {
     EXPECT_EQ(call("close", {7}), 0u);
     EXPECT_EQ(call("close", {8}), kFailed);
 
-    debugger.files = {"i:/vol0/a"};
+    debugger.writable = {{"i:/vol0/a", true}};
     debugger.length = 1234;
     put_path("i:/vol0/a");
     EXPECT_EQ(call("PJFS_FileSize", {kPath}), 1234u);
@@ -159,11 +150,9 @@ TEST_F(PlatformTest, PausesAtLeastAsLongAsAsked) {
 TEST_F(PlatformTest, KnowsTheMasterClock) {
     start();
     const std::uint32_t pll = board.bus.read(0xFFFFFC28, 4);
-    for (const auto &[pll_setting, clock_setting] : {std::pair{pll, board.bus.read(0xFFFFFC30, 4)},
-                                                     {pll, 0x002u},
-                                                     {pll, 0x206u},
-                                                     {0x20606309u, 0x102u},
-                                                     {pll, 0x001u}}) {
+    const std::uint32_t settings[][2] = {
+        {pll, board.bus.read(0xFFFFFC30, 4)}, {pll, 0x002}, {pll, 0x206}, {0x20606309, 0x102}, {pll, 0x001}};
+    for (const auto &[pll_setting, clock_setting] : settings) {
         board.bus.write(0xFFFFFC28, 4, pll_setting);
         board.bus.write(0xFFFFFC30, 4, clock_setting);
         const double expected = static_cast<double>(kSecond) / static_cast<double>(board.pmc.master_cycle());

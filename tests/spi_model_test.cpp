@@ -34,8 +34,7 @@ struct SpiModel : testing::Test {
         bus.write(CR, 4, 1);
     }
     Picoseconds wait(std::uint32_t bit) {
-        while (!(bus.read(SR, 4) & bit)) {
-        }
+        while (!(bus.read(SR, 4) & bit)) continue;
         return clock.now();
     }
     std::uint32_t send(std::uint32_t byte) {
@@ -110,8 +109,7 @@ TEST_F(SpiModel, TheSelectLineIsJudgedAtEachCharactersEnd) {
             case 'r': bus.write(CSR0, 4, 0x01000000 | kMode0); break;
             case 'b': EXPECT_EQ(send(0x35), 0xE00CAu); break;
             case 'p':
-                bus.write(TDR, 4, 1);
-                bus.write(TDR, 4, 2);
+                for (const std::uint32_t byte : {1u, 2u}) bus.write(TDR, 4, byte);
                 for (int n = 0; n < 2; n++, bus.read(RDR, 4)) wait(1);
                 break;
             case 's': clock.advance(kMicrosecond); break;

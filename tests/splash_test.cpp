@@ -14,8 +14,7 @@ namespace {
 
 TEST(Splash, ArrayIsMadeFromThePicture) {
     const TemporaryDirectory directory;
-    const std::string array = directory.path() / "Images.cpp";
-    const std::string back = directory.path() / "back.png";
+    const std::string array = directory.path() / "Images.cpp", back = directory.path() / "back.png";
     const std::string picture = SOURCE_DIR "/assets/splash.png";
     const CommandResult encoded = RunCommand(AddSplashCommand, {"splash", "encode", picture, array});
     EXPECT_EQ(encoded.exit_status, 0) << encoded.error;
@@ -98,12 +97,9 @@ TEST(Splash, DecoderSaysWhatItRefuses) {
         {"{" + black + "0x00, 0x2C, 0x00, 0x00}", "the run at byte 8 has 11265 pixels"},
     };
     for (const auto &[source, message] : cases) {
-        try {
-            DecodeSplash(ReadSplashSource(source, "array"), "array");
-            ADD_FAILURE() << source;
-        } catch (const Refusal &refusal) {
-            EXPECT_THAT(refusal.what(), testing::StartsWith(std::string("array: ") + message)) << source;
-        }
+        EXPECT_THAT([&] { DecodeSplash(ReadSplashSource(source, "array"), "array"); },
+                    testing::ThrowsMessage<Refusal>(testing::StartsWith(std::string("array: ") + message)))
+            << source;
     }
     EXPECT_EQ(DecodeSplash(ReadSplashSource("{" + black + "0xFF, 0x2B, 0x00, 0x00, 0x55}", "array"), "array"),
               Picture(kSplashWidth, kSplashHeight));

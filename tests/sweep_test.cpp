@@ -19,18 +19,13 @@ const SweepFirmware &Builds() {
     return builds;
 }
 
-std::string Describe(const Tally &tally) {
-    std::string text;
-    for (const Finding &finding : tally.findings)
-        text += fmt::format("{} {}: {} {}\n", finding.id, finding.processor, finding.outcome, finding.detail);
-    return text;
-}
-
-SweepPlan PlanFor(const std::vector<std::string> &names, std::size_t sample) {
-    SweepPlan plan;
-    plan.scenarios = FindScenarios(names, Builds());
-    plan.sample = sample;
-    return plan;
+// A sweep in which nothing is found.
+Tally CleanSweep(const SweepPlan &plan) {
+    const Tally all = RunSweep(plan, Builds(), {}).all;
+    EXPECT_EQ(all.found, 0u);
+    for (const Finding &finding : all.findings)
+        ADD_FAILURE() << fmt::format("{} {}: {} {}", finding.id, finding.processor, finding.outcome, finding.detail);
+    return all;
 }
 
 } // namespace
@@ -111,11 +106,11 @@ TEST(Sweep, JudgesWhatItSees) {
 }
 
 TEST(Sweep, EveryCutOfAnUpdateOnNandRecovers) {
-    const SweepResult result = RunSweep(
-        PlanFor({"nand-update/broken-running", "parameters/0-to-1-longer", "parameters/1-to-0-used"}, 0), Builds(), {});
-    EXPECT_EQ(result.all.found, 0u) << Describe(result.all);
-    EXPECT_EQ(result.all.cuts, 3 * result.all.operations);
-    EXPECT_EQ(result.all.outcomes.at(NameOf(Outcome::good)), result.all.cases);
+    const Tally all = CleanSweep(
+        {.scenarios = FindScenarios(
+             {"nand-update/broken-running", "parameters/0-to-1-longer", "parameters/1-to-0-used"}, Builds())});
+    EXPECT_EQ(all.cuts, 3 * all.operations);
+    EXPECT_EQ(all.outcomes.at(NameOf(Outcome::good)), all.cases);
 }
 
 TEST(Sweep, ASampleOfEveryScenarioRecovers) {
@@ -129,25 +124,21 @@ TEST(Sweep, ASampleOfEveryScenarioRecovers) {
         scenario.variants = {scenario.variants[plan.scenarios.size() % scenario.variants.size()]};
         plan.scenarios.push_back(scenario);
     }
-    const SweepResult result = RunSweep(plan, Builds(), {});
-    EXPECT_EQ(result.all.found, 0u) << Describe(result.all);
+    CleanSweep(plan);
 }
 
 TEST(Sweep, TheBootAfterACutCanBeCutAsWell) {
-    SweepPlan plan = PlanFor({"nand-both/retired-running"}, 16);
-    plan.losses = 2;
-    const SweepResult result = RunSweep(plan, Builds(), {});
-    EXPECT_EQ(result.all.found, 0u) << Describe(result.all);
-    EXPECT_GE(result.all.cases, 16u);
+    EXPECT_GE(
+        CleanSweep({.scenarios = FindScenarios({"nand-both/retired-running"}, Builds()), .losses = 2, .sample = 16})
+            .cases,
+        16u);
 }
 
 TEST(Sweep, ProcessorsAgree) {
-    SweepPlan plan =
-        PlanFor({"nand-update/running-updated", "dataflash-rescue/broken", "parameters/1-to-0", "hostile"}, 2);
-    plan.on_arm = true;
-    const SweepResult result = RunSweep(plan, Builds(), {});
-    EXPECT_EQ(result.all.found, 0u) << Describe(result.all);
-    EXPECT_EQ(result.all.compared, result.all.cases);
+    const std::vector<std::string> names = {"nand-update/running-updated", "dataflash-rescue/broken",
+                                            "parameters/1-to-0", "hostile"};
+    const Tally all = CleanSweep({.scenarios = FindScenarios(names, Builds()), .on_arm = true, .sample = 2});
+    EXPECT_EQ(all.compared, all.cases);
 }
 
 TEST(Sweep, HolesAreSeen) {

@@ -10,8 +10,7 @@ using At = SlaveFault::At;
 struct Exchange {
     const char *name;
     bool reads;
-    unsigned command;
-    unsigned length;
+    unsigned command, length;
     std::uint32_t result;
     const char *wire; // null: not looked at
     std::vector<std::uint8_t> reply = {};

@@ -2,11 +2,11 @@
 // file from a boot. The text trace.
 #include "bench.h"
 #include "eeprom_store.h"
+#include "files.h"
 #include "trace.h"
 #include "vcd.h"
 
-#include <array>
-#include <cstdio>
+#include <cstdlib>
 #include <fmt/format.h>
 #include <fstream>
 #include <optional>
@@ -19,10 +19,8 @@ namespace {
 TEST(Vcd, HeaderLevelsAndEdges) {
     Clock clock;
     Journal journal(clock);
-    Net a("PB4", journal);
-    Net b("PB5", journal);
-    Net::Driver &driver_a = a.attach("a");
-    Net::Driver &driver_b = b.attach("b");
+    Net a("PB4", journal), b("PB5", journal);
+    Net::Driver &driver_a = a.attach("a"), &driver_b = b.attach("b");
     std::ostringstream out;
     clock.advance(7 * kNanosecond);
     driver_a.set(Drive::high);
@@ -82,29 +80,13 @@ TEST(Vcd, SignalLists) {
 
 // What sigrok-cli prints for a file: its decoders know nothing of us. A sample every 50 ns will do.
 std::string Decode(const std::filesystem::path &file, const std::string &decoders) {
-    const std::string command =
-        fmt::format("sigrok-cli -i '{}' -I vcd:downsample=50 -P i2c:scl=SCL:sda=SDA{} 2>&1", file.string(), decoders);
-    std::unique_ptr<std::FILE, int (*)(std::FILE *)> pipe(popen(command.c_str(), "r"), pclose);
-    std::string text;
-    std::array<char, 4096> piece;
-    while (const std::size_t count = std::fread(piece.data(), 1, piece.size(), pipe.get()))
-        text.append(piece.data(), count);
-    return text;
-}
-
-// What was written to and read from one 7-bit address.
-std::string Conversations(const std::filesystem::path &file, const std::string &address) {
-    std::istringstream lines(Decode(file, " -A i2c=address-write:address-read:data-write:data-read"));
-    std::string text;
-    bool ours = false;
-    for (std::string line; std::getline(lines, line);) {
-        const std::string value = line.substr(line.rfind(' ') + 1);
-        const bool addresses = line.find("Address") != std::string::npos;
-        if (addresses) ours = value == address;
-        if (!ours || value.size() != 2) continue;
-        text += !addresses ? value + " " : line.find("read") != std::string::npos ? "R " : "W ";
-    }
-    return text;
+    const std::string text = file.string() + ".text";
+    EXPECT_EQ(std::system(fmt::format("sigrok-cli -i '{}' -I vcd:downsample=50 -P i2c:scl=SCL:sda=SDA{} >'{}' 2>&1",
+                                      file.string(), decoders, text)
+                              .c_str()),
+              0);
+    const Bytes bytes = ReadFile(text, 1 << 20);
+    return {bytes.begin(), bytes.end()};
 }
 
 TEST(Vcd, WholeBootAsAnotherProgramReadsIt) {
@@ -133,7 +115,18 @@ TEST(Vcd, WholeBootAsAnotherProgramReadsIt) {
               "eeprom24xx-1: Sequential random read (addr=00, 14 bytes): 00 01 00 0E FD 53 00 94 0A 00 00 02 FF FF\n");
     EXPECT_EQ(transfers(0x52), "eeprom24xx-1: Sequential random read (addr=00, 6 bytes): 00 01 00 0E FD 53\n"
                                "eeprom24xx-1: Page write (addr=00, 6 bytes): FF FF FF FF FF FF\n");
-    EXPECT_EQ(Conversations(file, "10"), "W 01 FF R 00 00 00 W 05 FB W 63 9D R 00 00 00 W 62 01 9D W 60 64 3C ")
+    // What was written to and read from the user interface's address.
+    std::istringstream lines(Decode(file, " -A i2c=address-write:address-read:data-write:data-read"));
+    std::string text;
+    bool ours = false;
+    for (std::string line; std::getline(lines, line);) {
+        const std::string value = line.substr(line.rfind(' ') + 1);
+        const bool addresses = line.find("Address") != std::string::npos;
+        if (addresses) ours = value == "10";
+        if (!ours || value.size() != 2) continue;
+        text += !addresses ? value + " " : line.find("read") != std::string::npos ? "R " : "W ";
+    }
+    EXPECT_EQ(text, "W 01 FF R 00 00 00 W 05 FB W 63 9D R 00 00 00 W 62 01 9D W 60 64 3C ")
         << "awake? start; on? switch on; level 100";
 }
 
