@@ -1,6 +1,6 @@
-#include "speed.h"
+#include "bench/speed.h"
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -27,3 +27,5 @@ std::vector<SpeedRow> DataflashSpeed() {
                             {" write", "SDFlash_Write", wire + (kPages - 1) * kWholePage + kPartOfPage},
                             {" read", "SDFlash_Read", wire});
 }
+
+} // namespace fixture

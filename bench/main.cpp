@@ -1,10 +1,12 @@
 // make bench: speed on the emulated processor, in virtual time and in instructions. Both are exact: the same figures on
 // every machine and every run.
-#include "speed.h"
+#include "bench/speed.h"
 
 #include <algorithm>
 #include <fmt/format.h>
 #include <stdexcept>
+
+using namespace fixture;
 
 std::vector<SpeedRow> MeasureTransfers(Bench &bench, const std::string &chip, const Transfer &write,
                                        const Transfer &read) {
@@ -12,7 +14,7 @@ std::vector<SpeedRow> MeasureTransfers(Bench &bench, const std::string &chip, co
     for (std::uint32_t n = 0; n < kSpeedBytes; n++) bench.at(source)[n] = static_cast<std::uint8_t>(n * 7 + n / 251);
     std::vector<SpeedRow> rows;
     for (const Transfer *transfer : {&write, &read}) {
-        const fixture::Picoseconds start = bench.board().clock.now();
+        const Picoseconds start = bench.board().clock.now();
         const std::uint64_t instructions = bench.machine().instructions();
         if (bench.call(transfer->routine, 0u, transfer == &write ? source : target, kSpeedBytes) != 0)
             throw std::runtime_error(std::string(transfer->routine) + " failed");
@@ -29,8 +31,8 @@ int main() {
     for (const std::vector<SpeedRow> &rows : {NandSpeed(), DataflashSpeed()})
         for (const SpeedRow &row : rows)
             fmt::print("{:28} {:12.3f} {:12.3f} {:8.4f} {:18.2f}\n", row.what,
-                       static_cast<double>(row.time) / static_cast<double>(fixture::kMillisecond),
-                       static_cast<double>(row.limit) / static_cast<double>(fixture::kMillisecond), row.ratio(),
+                       static_cast<double>(row.time) / static_cast<double>(kMillisecond),
+                       static_cast<double>(row.limit) / static_cast<double>(kMillisecond), row.ratio(),
                        row.instructions_per_byte);
     fmt::print("\n{:28} {:>12} {:>12} {:>20}\n", "panel", "pixels", "instructions", "instructions/pixel");
     for (const PixelRow &row : PanelSpeed())

@@ -1,8 +1,8 @@
-#include "speed.h"
+#include "bench/speed.h"
 
 #include <fmt/format.h>
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -33,3 +33,5 @@ std::vector<SpeedRow> NandSpeed() {
     for (const SpeedRow &row : MeasurePart(*FindNandPart("MT29F2G16AAB"))) rows.push_back(row);
     return rows;
 }
+
+} // namespace fixture

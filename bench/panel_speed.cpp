@@ -1,6 +1,6 @@
-#include "speed.h"
+#include "bench/speed.h"
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -26,3 +26,5 @@ std::vector<PixelRow> PanelSpeed() {
     measure("bar at 100 %", kBarPixels, "LCD_DrawProgressBar", 100u);
     return rows;
 }
+
+} // namespace fixture

@@ -2,15 +2,17 @@
 // registers and the chips' busy times leave possible.
 #pragma once
 
-#include "bench.h"
+#include "harness/started_board.h"
 
 #include <string>
 #include <vector>
 
+namespace fixture {
+
 struct SpeedRow {
     std::string what;
-    fixture::Picoseconds time;
-    fixture::Picoseconds limit;
+    Picoseconds time;
+    Picoseconds limit;
     double instructions_per_byte; // on the emulated processor
     double ratio() const { return static_cast<double>(time) / static_cast<double>(limit); }
 };
@@ -21,7 +23,7 @@ inline constexpr std::uint32_t kSpeedBytes = 1 << 20;
 // wrong.
 struct Transfer {
     const char *what, *routine;
-    fixture::Picoseconds limit;
+    Picoseconds limit;
 };
 std::vector<SpeedRow> MeasureTransfers(Bench &bench, const std::string &chip, const Transfer &write,
                                        const Transfer &read);
@@ -39,3 +41,5 @@ struct PixelRow {
     std::uint64_t instructions;
 };
 std::vector<PixelRow> PanelSpeed();
+
+} // namespace fixture

@@ -23,12 +23,18 @@ if(SANITIZE)
     add_link_options(-fsanitize=address,undefined)
 endif()
 
-file(GLOB FIXTURE_SOURCES CONFIGURE_DEPENDS fixture/*.cpp)
-add_library(models STATIC ${FIXTURE_SOURCES})
-target_include_directories(models PUBLIC fixture)
-# The preview's library stands before the emulator's: it brings GLib, of which the emulator library has some routines
-# under the same names, in a version of its own. The first ones at the link serve both libraries, and only GLib's can.
-target_link_libraries(models PUBLIC fmt::fmt PNG::PNG PkgConfig::CHAFA PkgConfig::UNICORN PkgConfig::ELF gif)
+# One library a folder, each on top of those before it: docs/architecture.md says what belongs where.
+function(add_bench_library name folder)
+    file(GLOB sources CONFIGURE_DEPENDS ${folder}/*.cpp ${folder}/*/*.cpp)
+    list(FILTER sources EXCLUDE REGEX "/main\\.cpp$")
+    add_library(${name} STATIC ${sources})
+    target_include_directories(${name} PUBLIC ${CMAKE_SOURCE_DIR})
+    target_link_libraries(${name} PUBLIC ${ARGN})
+endfunction()
+
+add_bench_library(board fixture fmt::fmt PkgConfig::UNICORN)
+add_bench_library(formats formats fmt::fmt PNG::PNG PkgConfig::ELF gif)
+target_include_directories(formats PRIVATE ${MODULE_INCLUDES})
 
 # The modules, and with them the stand-ins that both platforms share, joined into one object whose kernel names are re-pointed to the host platform and whose data lie in
 # sections of their own, so that every start can begin with freshly loaded data.
@@ -56,21 +62,18 @@ add_native_modules(native-modules-fixed ${FIXED_RECORD})
 
 file(GLOB HOST_PLATFORM_SOURCES CONFIGURE_DEPENDS platform/host/*.cpp)
 add_library(host-platform STATIC ${HOST_PLATFORM_SOURCES})
-target_include_directories(host-platform PUBLIC platform/host)
 target_include_directories(host-platform BEFORE PRIVATE platform/host/include)
 target_include_directories(host-platform PRIVATE ${MODULE_INCLUDES} platform/common)
-target_link_libraries(host-platform PUBLIC models)
+target_link_libraries(host-platform PUBLIC board)
 
-file(GLOB TOOL_SOURCES CONFIGURE_DEPENDS tools/*.cpp)
-list(FILTER TOOL_SOURCES EXCLUDE REGEX "/main\\.cpp$")
-add_library(tools STATIC ${TOOL_SOURCES})
-target_include_directories(tools PUBLIC tools)
-target_include_directories(tools PRIVATE ${MODULE_INCLUDES})
-target_link_libraries(tools PUBLIC host-platform models CLI11::CLI11 nlohmann_json::nlohmann_json)
+add_bench_library(machine machine host-platform formats)
+add_bench_library(sweep sweep machine nlohmann_json::nlohmann_json)
+# The preview's library stands before the emulator's: it brings GLib, of which the emulator library has some routines
+# under the same names, in a version of its own. The first ones at the link serve both libraries, and only GLib's can.
+add_bench_library(tools tools PkgConfig::CHAFA sweep CLI11::CLI11 nlohmann_json::nlohmann_json)
 if(SANITIZE)
     target_compile_options(tools PRIVATE -O0) # not where the time goes, but long to compile otherwise
 endif()
-target_compile_definitions(tools PRIVATE FIXTURE_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
 
 # The large headers are read once, not for every file.
 target_precompile_headers(tools PRIVATE <CLI/CLI.hpp> <fmt/format.h> <nlohmann/json.hpp>)
@@ -82,12 +85,14 @@ set(NATIVE_LINK -rdynamic -Wl,--defsym=image_load_buf=0x23000000
 add_executable(fixture tools/main.cpp)
 target_link_libraries(fixture PRIVATE native-modules tools ${NATIVE_LINK})
 
+add_bench_library(harness harness tools)
+
 find_package(GTest REQUIRED)
 if(NOT SANITIZE)
     file(GLOB BENCH_SOURCES CONFIGURE_DEPENDS bench/*.cpp)
-    add_executable(fixture-bench EXCLUDE_FROM_ALL ${BENCH_SOURCES} tests/bench.cpp)
-    target_include_directories(fixture-bench PRIVATE tests ${MODULE_INCLUDES})
-    target_link_libraries(fixture-bench PRIVATE native-modules-fixed tools GTest::gtest ${NATIVE_LINK})
+    add_executable(fixture-bench EXCLUDE_FROM_ALL ${BENCH_SOURCES})
+    target_include_directories(fixture-bench PRIVATE ${MODULE_INCLUDES})
+    target_link_libraries(fixture-bench PRIVATE native-modules-fixed harness GTest::gtest ${NATIVE_LINK})
 endif()
 
 if(SANITIZE)
@@ -99,9 +104,9 @@ if(SANITIZE)
     target_compile_options(fixture-tests PRIVATE -O0) # what they call is optimised; they would compile twice as long
     target_precompile_headers(fixture-tests PRIVATE <fmt/format.h> <gmock/gmock.h> <gtest/gtest.h> <nlohmann/json.hpp>)
     target_include_directories(fixture-tests BEFORE PRIVATE platform/host/include)
-    target_include_directories(fixture-tests PRIVATE tests fuzz ${MODULE_INCLUDES})
+    target_include_directories(fixture-tests PRIVATE ${MODULE_INCLUDES})
     target_compile_definitions(fixture-tests PRIVATE SOURCE_DIR="${CMAKE_SOURCE_DIR}")
-    target_link_libraries(fixture-tests PRIVATE native-modules-fixed tools
+    target_link_libraries(fixture-tests PRIVATE native-modules-fixed harness
                           GTest::gtest GTest::gmock GTest::gtest_main ${NATIVE_LINK})
     gtest_discover_tests(fixture-tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300
                          WORKING_DIRECTORY ${CMAKE_BINARY_DIR})

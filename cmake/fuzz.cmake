@@ -6,11 +6,11 @@ set_source_files_properties(platform/host/native_processor.cpp PROPERTIES
                             COMPILE_OPTIONS "-fno-sanitize=function,fuzzer-no-link;-O2")
 
 file(GLOB FUZZ_SOURCES CONFIGURE_DEPENDS fuzz/*.cpp)
-add_executable(fixture-fuzz ${FUZZ_SOURCES} tests/bench.cpp)
+add_executable(fixture-fuzz ${FUZZ_SOURCES})
 target_include_directories(fixture-fuzz BEFORE PRIVATE platform/host/include)
-target_include_directories(fixture-fuzz PRIVATE tests ${MODULE_INCLUDES})
+target_include_directories(fixture-fuzz PRIVATE ${MODULE_INCLUDES})
 target_link_options(fixture-fuzz PRIVATE -fsanitize=fuzzer)
-target_link_libraries(fixture-fuzz PRIVATE native-modules-fixed tools GTest::gtest ${NATIVE_LINK})
+target_link_libraries(fixture-fuzz PRIVATE native-modules-fixed harness GTest::gtest ${NATIVE_LINK})
 
 file(GLOB FUZZ_CORPORA RELATIVE ${CMAKE_SOURCE_DIR}/fuzz/corpus CONFIGURE_DEPENDS fuzz/corpus/*)
 foreach(target ${FUZZ_CORPORA})

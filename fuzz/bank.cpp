@@ -1,9 +1,11 @@
 // A bank's two texts: the bootloader's reading of them against the tools'.
-#include "bank_check.h"
-#include "fuzz.h"
+#include "formats/bank_check.h"
+#include "fuzz/fuzz.h"
 
 #include <algorithm>
 #include <fmt/format.h>
+
+namespace fixture {
 
 namespace {
 
@@ -131,3 +133,5 @@ void FuzzManifest(std::span<const std::uint8_t> input) {
     CheckRecord(board, bank, FileRole::bootloader, "Boot");
     CheckRecord(board, bank, FileRole::rescue, "Rescue");
 }
+
+} // namespace fixture

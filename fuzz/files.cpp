@@ -1,15 +1,18 @@
 // Files that only the `fixture` command reads: chip files, ELF executables, and texts.
-#include "command.h"
-#include "commands.h"
-#include "elf_image.h"
-#include "firmware.h"
-#include "fuzz.h"
-#include "nand.h"
-#include "sweep_case.h"
-#include "vcd.h"
+#include "fixture/parts/nand.h"
+#include "formats/elf_image.h"
+#include "fuzz/fuzz.h"
+#include "harness/command.h"
+#include "machine/chip_store.h"
+#include "machine/firmware.h"
+#include "machine/vcd.h"
+#include "sweep/case.h"
+#include "tools/commands.h"
 
 #include <elf.h>
 #include <stdexcept>
+
+namespace fixture {
 
 namespace {
 
@@ -88,9 +91,9 @@ void FuzzChipFiles(std::span<const std::uint8_t> input) {
     Shape shape(input);
     const unsigned which = shape.below(3);
     if (which == 0)
-        RunOnFiles(AddFlashCommand, {"flash", "info", "--json", "--nand",
-                                     ChipFile(shape, "nand", fixture::kNandRawPageBytes,
-                                              std::uint64_t{fixture::kNandRows} * fixture::kNandRawPageBytes)});
+        RunOnFiles(AddFlashCommand,
+                   {"flash", "info", "--json", "--nand",
+                    ChipFile(shape, "nand", kNandRawPageBytes, std::uint64_t{kNandRows} * kNandRawPageBytes)});
     if (which == 1)
         RunOnFiles(AddFlashCommand, {"flash", "info", "--json", "--part", shape.pick({"AT45DB642", "AT45DB161"}),
                                      "--dataflash", ChipFile(shape, "dataflash", 1056, 8192 * 1056)});
@@ -112,10 +115,10 @@ void FuzzElf(std::span<const std::uint8_t> input) {
         Require(std::string(error.what()).starts_with(file.string()), error.what());
     }
     try {
-        const fixture::ElfImage elf = fixture::ElfImage::read(bytes);
+        const ElfImage elf = ElfImage::read(bytes);
         elf.place(elf.entry());
-        elf.load(fixture::BoardMemory().memory());
-    } catch (const fixture::ElfError &) { // says what is wrong
+        LoadElf(elf, BoardMemory().memory());
+    } catch (const ElfError &) { // says what is wrong
     }
 }
 
@@ -132,7 +135,7 @@ void FuzzTexts(std::span<const std::uint8_t> input) {
         if (const std::optional<CaseId> id = ParseCase(text))
             Require(ParseCase(NameOf(*id)).has_value(), "a case's own name is none");
     if (which == 2) try {
-            fixture::VcdSignals(text);
+            VcdSignals(text);
         } catch (const std::invalid_argument &) { // names the signals there are
         }
     if (which == 3) {
@@ -140,3 +143,5 @@ void FuzzTexts(std::span<const std::uint8_t> input) {
         RunCommand(AddEepromCommand, {"eeprom", "set", file, "--", text.substr(0, text.find('\0'))});
     }
 }
+
+} // namespace fixture

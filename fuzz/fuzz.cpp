@@ -1,10 +1,12 @@
-#include "fuzz.h"
+#include "fuzz/fuzz.h"
 
-#include "command.h"
-#include "stored_image.h"
+#include "formats/stored_image.h"
+#include "harness/command.h"
 
 #include <algorithm>
 #include <stdexcept>
+
+namespace fixture {
 
 std::span<const FuzzTarget> FuzzTargets() {
     static constexpr FuzzTarget kTargets[] = {{"descriptor", FuzzDescriptor},
@@ -76,23 +78,23 @@ Bytes MakeImage(Shape &shape) {
     return image;
 }
 
-ModuleBoard::ModuleBoard(fixture::Chips chips)
-    : chips_(std::move(chips)), bench_(Processor::host, chips_, volume(), {}, [](fixture::Board &board) {
-          board.eeprom.write_time = 50 * fixture::kMicrosecond; // every poll is simulated
+ModuleBoard::ModuleBoard(Chips chips)
+    : chips_(std::move(chips)), bench_(Processor::host, chips_, volume(), {}, [](Board &board) {
+          board.eeprom.write_time = 50 * kMicrosecond; // every poll is simulated
       }) {}
 
 ModuleBoard::~ModuleBoard() noexcept(false) {
-    const std::vector<fixture::JournalEntry> &violations = bench_.board().journal.violations();
+    const std::vector<JournalEntry> &violations = bench_.board().journal.violations();
     if (!violations.empty() && std::uncaught_exceptions() == 0)
         Require(false, violations.front().where + ": " + violations.front().what);
 }
 
 bool ModuleBoard::resets(const char *routine, const std::vector<std::uint32_t> &arguments) {
     std::uint32_t result = 0;
-    const fixture::StageResult end = bench_.try_call(routine, arguments, result);
-    Require(end.end == fixture::StageEnd::stopped_at || end.end == fixture::StageEnd::reset,
+    const StageResult end = bench_.try_call(routine, arguments, result);
+    Require(end.end == StageEnd::stopped_at || end.end == StageEnd::reset,
             std::string(routine) + " ended at " + end.place);
-    return end.end == fixture::StageEnd::reset;
+    return end.end == StageEnd::reset;
 }
 
 const char *ModuleBoard::text(const char *routine) {
@@ -118,3 +120,5 @@ void RunOnFiles(void (*add)(CLI::App &, int &), std::vector<std::string> argumen
     Require(result.error.empty() || result.error.starts_with(ModuleBoard::volume().string()),
             "a message that names no file: " + result.error);
 }
+
+} // namespace fixture

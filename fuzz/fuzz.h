@@ -6,8 +6,8 @@
 // they are for some inputs. Wherever two readers of the same bytes exist, the bootloader's and a tool's, they agree.
 #pragma once
 
-#include "bench.h"
-#include "files.h"
+#include "formats/file.h"
+#include "harness/started_board.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdint>
@@ -16,6 +16,8 @@
 #include <span>
 #include <string>
 #include <string_view>
+
+namespace fixture {
 
 struct FuzzTarget {
     const char *name;
@@ -57,7 +59,7 @@ Bytes MakeImage(Shape &shape);
 // A board whose modules have just started, natively: with fresh data and an empty heap.
 class ModuleBoard {
 public:
-    explicit ModuleBoard(fixture::Chips chips = {});
+    explicit ModuleBoard(Chips chips = {});
     ~ModuleBoard() noexcept(false);                                                     // has seen no violation
     void start_driver(bool nand) { call(nand ? "NandFlash_if_Init" : "SDFlash_Init"); } // of raw flash
 
@@ -69,13 +71,13 @@ public:
     bool resets(const char *routine, const std::vector<std::uint32_t> &arguments);
     const char *text(const char *routine); // what a routine without arguments returns
     Bench &bench() { return bench_; }
-    fixture::Chips &chips() { return chips_; }
+    Chips &chips() { return chips_; }
 
     // One directory for all boards of the process.
     static const std::filesystem::path &volume();
 
 private:
-    fixture::Chips chips_;
+    Chips chips_;
     Bench bench_;
 };
 
@@ -89,3 +91,5 @@ void RunOnFiles(void (*add)(CLI::App &, int &), std::vector<std::string> argumen
 using FuzzRoutine = void(std::span<const std::uint8_t> input);
 FuzzRoutine FuzzDescriptor, FuzzManifest, FuzzImage, FuzzSlot, FuzzParameters, FuzzPicture, FuzzChipFiles, FuzzElf,
     FuzzPng, FuzzTexts;
+
+} // namespace fixture

@@ -1,15 +1,16 @@
 // Stored images, in a file and in the slots of raw flash: the bootloader's checks against the tools'.
-#include "at45.h"
-#include "commands.h"
-#include "flash_report.h"
-#include "fuzz.h"
-#include "nand.h"
-#include "slots.h"
-#include "stored_image.h"
+#include "fixture/parts/at45.h"
+#include "fixture/parts/nand.h"
+#include "formats/flash_report.h"
+#include "formats/slots.h"
+#include "formats/stored_image.h"
+#include "fuzz/fuzz.h"
+#include "machine/raw_flash.h"
+#include "tools/commands.h"
 
 #include <algorithm>
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -112,3 +113,5 @@ void FuzzSlot(std::span<const std::uint8_t> input) {
     else
         CheckSlots(shape, board, "SDFlash", board.chips().dataflash);
 }
+
+} // namespace fixture

@@ -1,8 +1,10 @@
 // The fuzzer's way to the targets. The program's own name says which one it is: build/fuzz/NAME-fuzz.
-#include "fuzz.h"
+#include "fuzz/fuzz.h"
 
 #include <cstdio>
 #include <cstdlib>
+
+using namespace fixture;
 
 namespace {
 

@@ -1,12 +1,12 @@
 // The parameter store in its EEPROM: the bootloader's reading and writing against the tools'.
-#include "commands.h"
-#include "eeprom_store.h"
-#include "fuzz.h"
+#include "formats/parameter_store.h"
+#include "fuzz/fuzz.h"
+#include "tools/commands.h"
 
 #include <algorithm>
 #include <numeric>
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -50,7 +50,7 @@ EepromContents MakeChip(Shape &shape) {
         return chip;
     }
     for (const int sector : {0, 1})
-        if (!shape.one_in(4)) PlaceStoreImage(chip, sector, MakeSector(shape));
+        if (!shape.one_in(4)) PlaceStoreImage(chip.bytes, sector, MakeSector(shape));
     return chip;
 }
 
@@ -71,7 +71,7 @@ void CheckChange(ModuleBoard &board, const StoredParameter &change) {
     EepromContents chip = board.chips().eeprom;
     bool possible = true;
     try {
-        UpdateStore(chip, {change});
+        UpdateStore(chip.bytes, {change});
     } catch (const std::runtime_error &) {
         possible = false;
     }
@@ -90,7 +90,7 @@ void FuzzParameters(std::span<const std::uint8_t> input) {
     Chips chips;
     chips.eeprom = MakeChip(shape);
     RunOnFiles(AddEepromCommand, {"eeprom", "show", "--json", ScratchFile("eeprom", chips.eeprom.bytes)});
-    const StoreReport report = ReadStore(chips.eeprom);
+    const StoreReport report = ReadStore(chips.eeprom.bytes);
     const StoreSector current = report.current ? report.sectors[*report.current] : StoreSector{};
     std::vector<StoredParameter> parameters = current.parameters;
     // To the bootloader this identifier is the end of all lookups, and an end marker before the end is none.
@@ -105,3 +105,5 @@ void FuzzParameters(std::span<const std::uint8_t> input) {
     // An empty sector is taken where the other one is bad, but not at the next start.
     if (whole && !current.empty()) CheckChange(board, {kIdentifiers[shape.below(8)], shape.bytes(15)});
 }
+
+} // namespace fixture

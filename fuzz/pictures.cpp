@@ -1,14 +1,16 @@
 // The start-up picture: its stream in the bootloader and in the tools, its sources in files.
-#include "board_memory.h"
-#include "commands.h"
-#include "fuzz.h"
-#include "picture.h"
-#include "splash_codec.h"
+#include "fixture/core/board_memory.h"
+#include "formats/picture.h"
+#include "formats/splash.h"
+#include "fuzz/fuzz.h"
+#include "tools/commands.h"
 
 #include <algorithm>
 #include <cstring>
 #include <memory_map.h>
 #include <zlib.h>
+
+namespace fixture {
 
 namespace {
 
@@ -93,7 +95,7 @@ void FuzzPicture(std::span<const std::uint8_t> input) {
     std::vector<std::uint16_t> pixels;
     const Bytes stream = MakeStream(shape, pixels);
     ModuleBoard board;
-    const auto place = static_cast<std::uint32_t>(fixture::kSdram + fixture::kSdramBytes - stream.size());
+    const auto place = static_cast<std::uint32_t>(kSdram + kSdramBytes - stream.size());
     std::copy(stream.begin(), stream.end(), board.bench().at(place));
     board.call("LCD_InsertImage", place);
 
@@ -104,7 +106,7 @@ void FuzzPicture(std::span<const std::uint8_t> input) {
     for (const std::uint8_t *const guard : {video - 4096, video + kVideoRegionSize})
         Require(std::count(guard, guard + 4096, 0) == 4096, "stored outside the video region");
     try {
-        const fixture::Picture picture = DecodeSplash(stream, "stream");
+        const Picture picture = DecodeSplash(stream, "stream");
         for (std::size_t i = 0; i < kFramePixels; i++)
             Require(picture.pixels[i] == SplashColour(pixels[i]), "the tool's picture is another one");
         Require(fits, "the tool takes runs past the end");
@@ -118,3 +120,5 @@ void FuzzPng(std::span<const std::uint8_t> input) {
     const std::filesystem::path png = ScratchFile("picture.png", MakePng(shape));
     RunOnFiles(AddSplashCommand, {"splash", "encode", "--json", png, ModuleBoard::volume() / "picture.cpp"});
 }
+
+} // namespace fixture

@@ -1,12 +1,12 @@
 // The emulated processor on a board of its own: small A32 programs at 0x20000000, vectors at 0, one register model.
-#include "arm_processor.h"
+#include "fixture/processors/arm_processor.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <memory>
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -273,3 +273,5 @@ TEST_F(ArmProcessorTest, ExceptionsOfModelsComeThrough) {
 }
 
 } // namespace
+
+} // namespace fixture

@@ -1,11 +1,12 @@
 // The serial DataFlash's model, from the datasheets' facts alone.
-#include "at45.h"
+#include "fixture/parts/at45.h"
+#include "machine/chip_store.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -163,18 +164,20 @@ TEST(At45Model, ContentsSurviveInFiles) {
     At45Contents contents(*FindAt45Part("AT45DB161")), loaded = contents;
     contents.write(528 * 2 - 1, Bytes{1, 2});
     EXPECT_EQ(contents.read(528 * 2 - 2, 4), (Bytes{0xFF, 1, 2, 0xFF}));
-    contents.save(file);
+    SaveChip(contents, file);
     EXPECT_EQ(std::filesystem::file_size(file), 528u * 3);
     loaded.write(100000, Bytes{7}); // replaced by what the file holds
-    loaded.load(file);
+    LoadChip(loaded, file);
     EXPECT_EQ(loaded, contents);
     std::filesystem::resize_file(file, 528 * 2 + 1);
-    loaded.load(file);
+    LoadChip(loaded, file);
     EXPECT_EQ(loaded, contents) << "a short file is erased to its end";
     std::filesystem::resize_file(file, contents.bytes() + 1);
-    EXPECT_THROW(loaded.load(file), std::runtime_error);
+    EXPECT_THROW(LoadChip(loaded, file), std::runtime_error);
     std::filesystem::remove(file);
     EXPECT_THROW(contents.write(contents.bytes(), Bytes{1}), std::out_of_range);
 }
 
 } // namespace
+
+} // namespace fixture

@@ -1,13 +1,15 @@
 // fixture bank: what it builds, the bootloader itself reads back; what it refuses leaves nothing behind.
-#include "bank_format.h"
-#include "bench.h"
-#include "command.h"
-#include "commands.h"
-#include "stored_image.h"
+#include "formats/bank.h"
+#include "formats/stored_image.h"
+#include "harness/command.h"
+#include "harness/started_board.h"
+#include "tools/commands.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 #include <set>
+
+namespace fixture {
 
 namespace fs = std::filesystem;
 
@@ -186,3 +188,5 @@ TEST_F(BankCommand, TellsWhatIsWrongWithABank) {
 }
 
 } // namespace
+
+} // namespace fixture

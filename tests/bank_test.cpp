@@ -1,12 +1,12 @@
 // Banks as whole boots: what descriptor and manifest make of a bank, to the last character on the console.
-#include "bench.h"
+#include "tests/processors.h"
 
 #include <cstring>
 #include <fmt/format.h>
 #include <map>
 #include <regex>
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -230,3 +230,5 @@ TEST_P(Banks, AreNotLaunchedWhereTheFlushIsLeftOut) {
 }
 
 } // namespace
+
+} // namespace fixture

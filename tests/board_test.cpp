@@ -1,11 +1,11 @@
 // The board around the bootloader: keys, the watchdog, and boots in which something outside never comes.
-#include "bench.h"
-#include "sweep_world.h"
+#include "sweep/world.h"
+#include "tests/processors.h"
 
 #include <cstring>
 #include <fmt/format.h>
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -41,13 +41,13 @@ protected:
         eeprom_kept = world.chips.eeprom == made.chips.eeprom;
         return result.report;
     }
-    static World with(const ::Setup &setup) {
+    static World with(const Situation &setup) {
         static const SweepFirmware builds(FirmwareDirectory() / "fixed");
         return MakeWorld(setup, builds);
     }
 
     const bool all = GetParam() == Processor::host;
-    ::Setup nothing_new;
+    Situation nothing_new;
     std::function<void(Machine &)> prepare;
     std::string console;
     bool flash_kept = false, eeprom_kept = false;
@@ -55,12 +55,12 @@ protected:
 BOTH_PROCESSORS(Boots);
 
 TEST_P(Boots, EndInAVerdict) {
-    const ::Setup two_pages{.medium = Medium::dataflash, .update_bytes = 2 * 1056};
+    const Situation two_pages{.medium = Medium::dataflash, .update_bytes = 2 * 1056};
     const NandFault busy{.kind = NandFault::stays_busy, .times = NandFault::kForever};
-    const ::Setup busy_nand{.nand_faults = {busy}};
+    const Situation busy_nand{.nand_faults = {busy}};
     const struct {
         const char *name;
-        ::Setup setup;
+        Situation setup;
         Picoseconds watchdog; // 0: not armed
         bool dataflash_busy;
         std::string end; // verdict and place begin so
@@ -157,3 +157,5 @@ TEST_P(Boots, LaunchWhateverTheWiresDo) {
 }
 
 } // namespace
+
+} // namespace fixture

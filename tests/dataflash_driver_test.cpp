@@ -1,10 +1,10 @@
 // The serial DataFlash driver against its chip: what goes over the wire, what ends up in the chip, what is printed.
-#include "bench.h"
+#include "tests/processors.h"
 
 #include <cstring>
 #include <fmt/format.h>
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -203,3 +203,5 @@ TEST_P(DataflashDriver, TransfersAsFastAsProgrammedAndLeavesABusyDescriptorAlone
 }
 
 } // namespace
+
+} // namespace fixture

@@ -1,9 +1,9 @@
 // The project descriptor at the limits of its texts, on both processors.
-#include "bench.h"
+#include "tests/processors.h"
 
 #include <fmt/format.h>
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -114,3 +114,5 @@ TEST_P(Descriptor, SaysWhyItCannotBeRead) {
 }
 
 } // namespace
+
+} // namespace fixture

@@ -1,11 +1,11 @@
 // The 24LC16's model by its datasheet, driven by a plain bus master of the test's own.
-#include "eeprom_24lc16.h"
+#include "fixture/parts/eeprom_24lc16.h"
 
 #include <gtest/gtest.h>
 #include <tuple>
 #include <vector>
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -134,3 +134,5 @@ TEST_F(Eeprom, PowerFailsDuringAWrite) {
 }
 
 } // namespace
+
+} // namespace fixture

@@ -1,6 +1,6 @@
 // The parameter store against the 24LC16's model; what it should hold is told by the chip file tool's own reader.
-#include "bench.h"
-#include "eeprom_store.h"
+#include "formats/parameter_store.h"
+#include "tests/processors.h"
 
 #include <array>
 #include <cstring>
@@ -11,7 +11,7 @@
 #include <regex>
 #include <twi_device.h>
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -24,10 +24,10 @@ EepromContents ChipWith(const Parameters &parameters, int sector = 0) {
     EepromContents chip;
     Data old = MakeStoreImage(1, {{9, {1, 1, 1, 1}}, {77, Data(15, 0x77)}, {78, Data(15, 0x78)}});
     std::fill_n(old.begin(), 6, std::uint8_t{0xFF});
-    PlaceStoreImage(chip, 1 - sector, old);
+    PlaceStoreImage(chip.bytes, 1 - sector, old);
     std::vector<StoredParameter> list;
     for (const auto &[identifier, data] : parameters) list.push_back({identifier, data});
-    PlaceStoreImage(chip, sector, MakeStoreImage(1, list));
+    PlaceStoreImage(chip.bytes, sector, MakeStoreImage(1, list));
     return chip;
 }
 
@@ -169,15 +169,15 @@ TEST_P(ParameterStore, ChoosesTheSector) {
             if (choice.words[sector] < 0) continue;
             Data image = MakeStoreImage(static_cast<unsigned>(choice.words[sector]), {{10, mark(sector)}, {11, {}}});
             if (choice.broken[sector]) image[8] ^= 0x40;
-            PlaceStoreImage(chips.eeprom, sector, image);
+            PlaceStoreImage(chips.eeprom.bytes, sector, image);
         }
-        const StoreReport before = ReadStore(chips.eeprom);
+        const StoreReport before = ReadStore(chips.eeprom.bytes);
         EXPECT_EQ(before.current.value_or(-1), choice.chosen) << "the tool: " << before.why;
         EXPECT_EQ(bench->call("IdentifyValidSector"), choice.result);
         EXPECT_EQ(lookup(10), choice.chosen < 0 ? std::nullopt : std::optional(mark(choice.chosen)));
         EXPECT_EQ(lookup(11).has_value(), choice.chosen >= 0) << "a parameter without data";
         EXPECT_EQ(lookup(0xFFF), std::nullopt);
-        const StoreReport after = ReadStore(chips.eeprom);
+        const StoreReport after = ReadStore(chips.eeprom.bytes);
         for (int sector = 0; sector < 2; sector++)
             EXPECT_EQ(after.sectors[sector].empty(), before.sectors[sector].empty() || choice.cleaned == sector);
     }
@@ -195,7 +195,7 @@ TEST_P(ParameterStore, RefusesUnsoundImages) {
         const auto end = image.begin() + std::min<std::ptrdiff_t>(length, std::ssize(image));
         put16(4, 0x10000 - std::accumulate(image.begin(), end, 0u));
         chips.eeprom = EepromContents{};
-        PlaceStoreImage(chips.eeprom, 0, image);
+        PlaceStoreImage(chips.eeprom.bytes, 0, image);
         return bench->call("IdentifyValidSector");
     };
     const Data image = MakeStoreImage(3, {{9, {1, 2, 3, 4}}, {0x0FF, {5}}, {10, {6}}});
@@ -220,7 +220,7 @@ TEST_P(ParameterStore, UpdatesInMemory) {
     EXPECT_EQ(found(updated), updated);
     EXPECT_EQ(bench->call("readNetParameter", 12, buffer, count), 1u);
     EXPECT_EQ(bench->call("CommitBuffer"), 0u);
-    const StoreReport report = ReadStore(chips.eeprom);
+    const StoreReport report = ReadStore(chips.eeprom.bytes);
     ASSERT_EQ(report.current, 1) << report.why;
     EXPECT_EQ(report.sectors[1].length, 6u + 17 + 2 + 4 + 3 + 2) << "old length and the differences";
     EXPECT_EQ(report.sectors[1].word, 1u);
@@ -375,3 +375,5 @@ TEST_P(ParameterStore, CutCommitsLeaveOldOrNewNeverNeither) {
 BOTH_PROCESSORS(ParameterStore);
 
 } // namespace
+
+} // namespace fixture

@@ -1,13 +1,16 @@
+#include "formats/file.h"
 // fixture eeprom: chip files made, updated, shown and refused.
-#include "bench.h"
-#include "command.h"
-#include "commands.h"
-#include "eeprom_store.h"
+#include "formats/parameter_store.h"
+#include "harness/command.h"
+#include "harness/started_board.h"
+#include "machine/chip_store.h"
+#include "tools/commands.h"
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
-using namespace fixture;
+namespace fixture {
+
 using testing::HasSubstr;
 
 namespace {
@@ -24,8 +27,8 @@ protected:
     CommandResult show() { return RunCommand(AddEepromCommand, {"eeprom", "show", file}); }
     void make(const Bytes (&sectors)[2]) {
         EepromContents chip;
-        for (int sector = 0; sector < 2; sector++) PlaceStoreImage(chip, sector, sectors[sector]);
-        chip.save(file);
+        for (int sector = 0; sector < 2; sector++) PlaceStoreImage(chip.bytes, sector, sectors[sector]);
+        SaveChip(chip, file);
     }
 };
 
@@ -122,3 +125,5 @@ TEST_F(EepromTool, RefusesWhatCannotWork) {
 }
 
 } // namespace
+
+} // namespace fixture

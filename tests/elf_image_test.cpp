@@ -1,5 +1,6 @@
 // The ELF reader: a small executable made here, read back, and the same with every part of it damaged.
-#include "elf_image.h"
+#include "formats/elf_image.h"
+#include "machine/firmware.h"
 
 #include <gmock/gmock.h>
 
@@ -7,7 +8,7 @@
 #include <cstddef>
 #include <elf.h>
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -61,11 +62,11 @@ TEST(ElfImageTest, GivesSegmentsSymbolsAndPlaces) {
     EXPECT_EQ(image.flat(), (std::vector<std::uint8_t>{1, 2, 3, 4, 5, 6, 7, 8}));
 
     std::vector<std::uint8_t> ram(0x200, 0xEE);
-    image.load(Memory{{{kBase, ram}}});
+    LoadElf(image, Memory{{{kBase, ram}}});
     EXPECT_EQ(ram[7], 8);
     EXPECT_EQ(ram[8] + ram[15] + ram[0x10F], 0);
     EXPECT_EQ(ram[16], 0xEE);
-    EXPECT_THROW(image.load(Memory{{{kBase, std::span(ram).first(0x108)}}}), ElfError);
+    EXPECT_THROW(LoadElf(image, Memory{{{kBase, std::span(ram).first(0x108)}}}), ElfError);
 }
 
 TEST(ElfImageTest, RefusesWhatIsNoArmExecutable) {
@@ -109,7 +110,7 @@ TEST(ElfImageTest, SurvivesDamageAnywhere) {
             try {
                 const ElfImage image = ElfImage::read(file);
                 image.flat();
-                image.load(Memory{{{kBase, ram}}});
+                LoadElf(image, Memory{{{kBase, ram}}});
             } catch (const ElfError &) {
             }
         }
@@ -117,3 +118,5 @@ TEST(ElfImageTest, SurvivesDamageAnywhere) {
 }
 
 } // namespace
+
+} // namespace fixture

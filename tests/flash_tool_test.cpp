@@ -1,16 +1,19 @@
 // Slots: which image they hold, which one the first stage starts, and the commands that fill and show them.
-#include "at45.h"
-#include "bench.h"
-#include "command.h"
-#include "commands.h"
-#include "flash_report.h"
-#include "nand.h"
-#include "stored_image.h"
+#include "fixture/parts/at45.h"
+#include "fixture/parts/nand.h"
+#include "formats/flash_report.h"
+#include "formats/stored_image.h"
+#include "harness/command.h"
+#include "harness/started_board.h"
+#include "machine/chip_store.h"
+#include "machine/raw_flash.h"
+#include "tools/commands.h"
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
-using namespace fixture;
+namespace fixture {
+
 using nlohmann::json;
 using testing::AllOf, testing::ElementsAre, testing::HasSubstr, testing::Not;
 
@@ -132,14 +135,14 @@ TEST_F(FlashTool, BadBlocksAreNamedWithWhatTheyCost) {
     NandContents nand;
     nand.make_factory_bad(1);
     nand.make_factory_bad(7);
-    nand.save(chip);
+    SaveChip(nand, chip);
     const auto provision = [&](const std::string &stored, const std::string &option, const std::string &value) {
         return run({"provision", "--medium", "nand", "--nand", chip, "--json", "--bootloader", stored, option, value});
     };
     EXPECT_EQ(provision(image, "--rescue", image + ":1").exit_status, 1) << "the record would fall into slot 0";
     EXPECT_EQ(provision(file("large", Wrap(Body(0x1C0000 - 31, 1))), "--part", kDefaultNand).exit_status, 1)
         << "no room left";
-    nand.load(chip);
+    LoadChip(nand, chip);
     EXPECT_EQ(nand.read(0x40000, 4), Bytes(4, 0xFF)) << "a refused call writes nothing";
     const CommandResult fits = provision(file("fits", Wrap(Body(0x1C0000 - 32, 1))), "--slot", "0");
     ASSERT_EQ(fits.exit_status, 0);
@@ -148,7 +151,7 @@ TEST_F(FlashTool, BadBlocksAreNamedWithWhatTheyCost) {
     EXPECT_THAT(warnings(fits), AllOf(HasSubstr("block 1 is bad"), Not(HasSubstr("the last")),
                                       HasSubstr("bootloader 0: 1 bad block inside it; an image above 1835008 bytes")));
     // What an update does that knows nothing of the slot's room.
-    nand.load(chip);
+    LoadChip(nand, chip);
     RawFlashOf(nand).write(0x40000, Wrap(Body(0x1E0000 - 32, 1)));
     EXPECT_THAT(warnings(RawFlashOf(nand)), HasSubstr("push the last 131072 of 1966080 bytes"));
 }
@@ -228,3 +231,5 @@ TEST_F(FlashTool, WhatCannotWorkIsRefused) {
 }
 
 } // namespace
+
+} // namespace fixture

@@ -1,5 +1,7 @@
 // The fuzz targets on their committed corpora: what they once found stays mended.
-#include "fuzz.h"
+#include "fuzz/fuzz.h"
+
+namespace fixture {
 
 namespace {
 
@@ -24,3 +26,5 @@ INSTANTIATE_TEST_SUITE_P(Targets, FuzzCorpus, testing::ValuesIn(FuzzTargets().be
                          });
 
 } // namespace
+
+} // namespace fixture

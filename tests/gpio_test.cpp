@@ -1,10 +1,10 @@
 // Pin set-up: which registers a table of pins writes, in which order. The NAND driver's tests have a pulled-up input.
-#include "bench.h"
+#include "tests/processors.h"
 
 #include <cstring>
 #include <fmt/format.h>
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -69,3 +69,5 @@ TEST_P(PinSetup, WritesTheRegistersOfEachPin) {
 }
 
 } // namespace
+
+} // namespace fixture

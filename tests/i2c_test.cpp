@@ -1,11 +1,11 @@
 // The software two-wire bus, edge by edge: what a device on the wire saw, and what the caller was told.
-#include "bench.h"
+#include "tests/processors.h"
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <optional>
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -193,3 +193,5 @@ TEST_P(TwoWireBus, DelayTakesTime) {
 BOTH_PROCESSORS(TwoWireBus);
 
 } // namespace
+
+} // namespace fixture

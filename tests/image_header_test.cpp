@@ -1,11 +1,11 @@
 // File sums, stored images and versions: the checks behind every launch and every write to raw flash.
-#include "bench.h"
+#include "tests/processors.h"
 
 #include <cstring>
 #include <fmt/format.h>
 #include <optional>
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -187,3 +187,5 @@ TEST_P(Images, AreNewWhereTheirVersionTextDiffers) {
 }
 
 } // namespace
+
+} // namespace fixture

@@ -1,11 +1,13 @@
 // fixture image: headers put on and looked at; ELF files laid out flat.
-#include "bench.h"
-#include "command.h"
-#include "commands.h"
-#include "stored_image.h"
+#include "formats/stored_image.h"
+#include "harness/command.h"
+#include "harness/started_board.h"
+#include "tools/commands.h"
 
 #include <elf.h>
 #include <nlohmann/json.hpp>
+
+namespace fixture {
 
 namespace {
 
@@ -128,3 +130,5 @@ TEST_F(ImageCommand, SaysWhatIsWrongWithAnImage) {
 }
 
 } // namespace
+
+} // namespace fixture

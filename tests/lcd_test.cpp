@@ -1,6 +1,6 @@
 // The panel's drivers on the board: what the start-up writes, what stands on the serial line, which pixels are drawn.
 // Pixels are read from memory, not through the frame renderer.
-#include "bench.h"
+#include "tests/processors.h"
 
 #include <climits>
 #include <cstring>
@@ -8,7 +8,7 @@
 #include <gmock/gmock.h>
 #include <memory_map.h>
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -257,3 +257,5 @@ TEST_P(Lcd, DecoderReadsNoMoreThanItStores) {
 }
 
 } // namespace
+
+} // namespace fixture

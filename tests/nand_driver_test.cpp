@@ -1,12 +1,12 @@
 // The NAND driver against its chip: what goes over the bus, what ends up in the chip, what is printed.
-#include "bench.h"
+#include "tests/processors.h"
 
 #include <cstring>
 #include <fmt/format.h>
 #include <numeric>
 #include <random>
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -352,3 +352,5 @@ TEST(NandSpeed, ComesNearTheWire) {
 }
 
 } // namespace
+
+} // namespace fixture

@@ -1,5 +1,6 @@
 // The NAND chip's model and the bus it hangs on, from the datasheets' facts alone.
-#include "nand_latches.h"
+#include "fixture/chip/nand_latches.h"
+#include "machine/chip_store.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +8,7 @@
 #include <fstream>
 #include <sstream>
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -212,7 +213,7 @@ TEST(NandModel, CopiesAndFilesKeepTheCells) {
     const std::string file = testing::TempDir() + "nand-model-test.bin";
     std::remove(file.c_str());
     NandContents contents;
-    contents.load(file); // none yet: erased
+    LoadChip(contents, file); // none yet: erased
     contents.write(kNandPageBytes - 1, Bytes{0x11, 0x22});
     const NandContents snapshot = contents;
     contents.edit(1).bytes[kNandPageBytes + 3] = 0x33;
@@ -222,19 +223,19 @@ TEST(NandModel, CopiesAndFilesKeepTheCells) {
     EXPECT_EQ(contents.read(kNandBytes - 1, 2), Bytes(2, 0xFF));
     EXPECT_THROW(contents.write(kNandBytes - 1, Bytes{1, 2}), std::out_of_range);
 
-    contents.save(file);
+    SaveChip(contents, file);
     EXPECT_EQ(std::filesystem::file_size(file), 2 * kNandRawPageBytes);
     NandContents loaded;
     loaded.write(kNandBytes - 1, Bytes{0});
-    loaded.load(file);
+    LoadChip(loaded, file);
     EXPECT_EQ(loaded, contents);
     std::filesystem::resize_file(file, kNandPageBytes); // a short file is erased from its end on
-    loaded.load(file);
+    LoadChip(loaded, file);
     EXPECT_TRUE(loaded.page(0)[kNandPageBytes - 1] == 0x11 && loaded.erased(1));
     std::filesystem::resize_file(file, std::uintmax_t{kNandRows} * kNandRawPageBytes + 1);
-    EXPECT_THROW(loaded.load(file), std::runtime_error);
+    EXPECT_THROW(LoadChip(loaded, file), std::runtime_error);
     std::remove(file.c_str());
-    EXPECT_THROW(contents.save(testing::TempDir() + "no such directory/chip"), std::runtime_error);
+    EXPECT_THROW(SaveChip(contents, testing::TempDir() + "no such directory/chip"), std::runtime_error);
 }
 
 // A chip on its bus; a write cycle takes 7 master clock cycles, a read cycle 5.
@@ -302,3 +303,5 @@ TEST(NandLatches, PageDataMoveInTheWidthOfTheChip) {
 }
 
 } // namespace
+
+} // namespace fixture

@@ -1,11 +1,11 @@
 // What somebody in front of the panel sees in whole boots: every frame, compared with pictures of each bar value.
-#include "bench.h"
-#include "sweep_world.h"
+#include "sweep/world.h"
+#include "tests/processors.h"
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -29,13 +29,13 @@ BOTH_PROCESSORS(PanelInBoots);
 
 TEST_P(PanelInBoots, ShowsEveryStep) {
     const SweepFirmware firmware(FirmwareDirectory() / "fixed");
-    ::Setup plain, bootloader, rescue, damaged;
-    for (::Setup *setup : {&plain, &rescue, &damaged}) setup->new_bootloader = false;
+    Situation plain, bootloader, rescue, damaged;
+    for (Situation *setup : {&plain, &rescue, &damaged}) setup->new_bootloader = false;
     rescue.new_rescue = damaged.new_rescue = true;
     damaged.damaged = true;
     const struct {
         const char *name;
-        ::Setup setup;
+        Situation setup;
         bool no_banks;
         std::vector<int> bars;
     } cases[] = {
@@ -71,3 +71,5 @@ TEST_P(PanelInBoots, ShowsEveryStep) {
 }
 
 } // namespace
+
+} // namespace fixture

@@ -1,13 +1,13 @@
 // The panel's serial line, the LCD controller, what they show together, and the files that it is kept in.
-#include "bench.h"
-#include "frames.h"
-#include "panel.h"
-#include "terminal_preview.h"
+#include "fixture/parts/panel.h"
+#include "harness/started_board.h"
+#include "machine/frames.h"
+#include "tools/terminal_preview.h"
 
 #include <gif_lib.h>
 #include <gmock/gmock.h>
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -267,3 +267,5 @@ TEST(Preview, NeedsATerminalWithColours) {
 }
 
 } // namespace
+
+} // namespace fixture

@@ -1,6 +1,6 @@
 // The sweep's own test: each mistake in planted/ is found by the case that stands beside it here, and the bootloader
 // without it passes that case.
-#include "sweep_scenarios.h"
+#include "sweep/scenarios.h"
 
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -8,6 +8,8 @@
 #include <set>
 #include <string>
 #include <string_view>
+
+namespace fixture {
 
 namespace {
 
@@ -75,3 +77,5 @@ TEST_P(AllPlanted, MistakesAreTried) {
     EXPECT_EQ(tried, planted);
 }
 INSTANTIATE_TEST_SUITE_P(, AllPlanted, testing::Values(std::size(kPlants)), testing::PrintToStringParamName());
+
+} // namespace fixture

@@ -1,10 +1,10 @@
 // The reference platform on the emulated processor, beside a debugger that answers as each test wants it to.
-#include "bench.h"
+#include "harness/started_board.h"
 
 #include <cstring>
 #include <map>
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -44,7 +44,7 @@ struct ScriptedDebugger : Semihosting {
 struct PlatformTest : testing::Test {
     PlatformTest() {
         board.console.transmitted = [this](char c) { console += c; };
-        image.load(board.memory.memory());
+        LoadElf(image, board.memory.memory());
     }
     StageResult start() { return processor.run(image.entry(), image.symbol("main")); }
     StageResult try_call(std::uint32_t routine, const std::vector<std::uint32_t> &arguments) {
@@ -205,7 +205,7 @@ TEST_F(PlatformTest, ReportsFaultsOnTheConsole) {
         EXPECT_NE(console.find(fault.text), std::string::npos) << console;
         EXPECT_EQ(console.back(), '\n');
         console.clear();
-        image.load(board.memory.memory());
+        LoadElf(image, board.memory.memory());
     }
 }
 
@@ -224,7 +224,7 @@ TEST_F(PlatformTest, RefusesWrongTables) {
     };
     for (const auto &wrong : cases) {
         SCOPED_TRACE(wrong.text);
-        image.load(board.memory.memory());
+        LoadElf(image, board.memory.memory());
         set_word(image.symbol(wrong.table).value() + wrong.offset, wrong.value);
         console.clear();
         StageResult end = start();
@@ -247,3 +247,5 @@ TEST_F(PlatformTest, TheHeapEnds) {
 }
 
 } // namespace
+
+} // namespace fixture

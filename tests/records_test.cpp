@@ -1,5 +1,6 @@
 // The image records and their texts, the boot straps and the reset: what can be tried routine by routine.
 #include "bench.h"
+#include "tests/processors.h"
 
 #include <at91sam9263.h>
 #include <cstring>

@@ -1,9 +1,9 @@
 // The SPI controller's model, from the datasheet's facts alone.
-#include "spi.h"
+#include "fixture/chip/spi_controller.h"
 
 #include <gtest/gtest.h>
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -174,3 +174,5 @@ TEST_F(SpiModel, TheTraceShowsEveryBit) {
 }
 
 } // namespace
+
+} // namespace fixture

@@ -1,14 +1,14 @@
 // The start-up picture: the committed array and the encoder that made it.
-#include "bench.h"
-#include "command.h"
-#include "commands.h"
-#include "picture.h"
-#include "splash_codec.h"
+#include "formats/picture.h"
+#include "formats/splash.h"
+#include "harness/command.h"
+#include "harness/started_board.h"
+#include "tools/commands.h"
 
 #include <gmock/gmock.h>
 #include <random>
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -106,3 +106,5 @@ TEST(Splash, DecoderSaysWhatItRefuses) {
 }
 
 } // namespace
+
+} // namespace fixture

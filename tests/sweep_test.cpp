@@ -1,16 +1,16 @@
 // The short selection of the sweep: every scenario is represented, every kind of cut is met, and the sweep is tried
 // itself. `fixture sweep --all` does all of it.
-#include "bench.h"
-#include "chips_compare.h"
-#include "command.h"
-#include "commands.h"
-#include "sweep_run.h"
-#include "sweep_scenarios.h"
+#include "harness/command.h"
+#include "harness/started_board.h"
+#include "sweep/chips_compare.h"
+#include "sweep/run.h"
+#include "sweep/scenarios.h"
+#include "tools/commands.h"
 
 #include <fmt/format.h>
 #include <set>
 
-using fixture::CutMoment;
+namespace fixture {
 
 namespace {
 
@@ -151,3 +151,5 @@ TEST(Sweep, HolesAreSeen) {
                   std::string(NameOf(outcome)))
             << name;
 }
+
+} // namespace fixture

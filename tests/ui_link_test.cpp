@@ -1,7 +1,7 @@
 // The link to the user-interface controller: frames on the wire, what the caller is told, and the backlight sequence.
-#include "bench.h"
+#include "tests/processors.h"
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -126,3 +126,5 @@ TEST_P(UiLink, Backlight) {
 BOTH_PROCESSORS(UiLink);
 
 } // namespace
+
+} // namespace fixture

@@ -1,10 +1,10 @@
 // What a boot leaves to look at. Value change dumps: the format, and what an independent logic analyser makes of the
 // file from a boot. The text trace.
-#include "bench.h"
-#include "eeprom_store.h"
-#include "files.h"
-#include "trace.h"
-#include "vcd.h"
+#include "formats/file.h"
+#include "formats/parameter_store.h"
+#include "harness/started_board.h"
+#include "machine/trace.h"
+#include "machine/vcd.h"
 
 #include <cstdlib>
 #include <fmt/format.h>
@@ -12,7 +12,7 @@
 #include <optional>
 #include <sstream>
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -95,7 +95,8 @@ TEST(Vcd, WholeBootAsAnotherProgramReadsIt) {
     std::ofstream out(file);
     std::optional<VcdWriter> vcd;
     Chips chips; // sector 0 is current; sector 1 is to be cleaned by the start-up
-    for (const int sector : {0, 1}) PlaceStoreImage(chips.eeprom, sector, MakeStoreImage(1, {{9, {10, 0, 0, 2}}}));
+    for (const int sector : {0, 1})
+        PlaceStoreImage(chips.eeprom.bytes, sector, MakeStoreImage(1, {{9, {10, 0, 0, 2}}}));
     BootCase boot;
     boot.chips = &chips;
     boot.prepare = [&](Machine &machine) {
@@ -131,3 +132,5 @@ TEST(Vcd, WholeBootAsAnotherProgramReadsIt) {
 }
 
 } // namespace
+
+} // namespace fixture

@@ -1,6 +1,6 @@
 // The XML reader and its tree, on this machine: they touch no hardware. The descriptor's tests run them on the board.
 #include "XmlExtractor.h"
-#include "host_kernel.h"
+#include "platform/host/host_kernel.h"
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+namespace fixture {
+
 namespace {
 
 std::string Name(int number) { return fmt::format("n{}", number); }
@@ -16,8 +18,8 @@ std::int32_t Length(std::string_view text) { return static_cast<std::int32_t>(te
 
 class Xml : public testing::Test {
 protected:
-    Xml() { fixture::release_module_heap(); }
-    ~Xml() override { fixture::release_module_heap(); }
+    Xml() { release_module_heap(); }
+    ~Xml() override { release_module_heap(); }
 
     int parse(const std::string &text) {
         XmlElement_SetupRoot(&root_, nullptr, 0);
@@ -155,7 +157,7 @@ TEST_F(Xml, CleansChildrenOrElseSiblings) {
         {"<z/><a><b/></a><cc>333</cc>", kRecord + 2 + 3},
     };
     for (const auto &[text, kept] : rows) {
-        fixture::release_module_heap();
+        release_module_heap();
         parse(text);
         EXPECT_EQ(XmlElement_Clean(&root_), 1);
         EXPECT_TRUE(heap_keeps(kept)) << text;
@@ -198,3 +200,5 @@ TEST_F(Xml, GoesOnWithoutMemory) {
 }
 
 } // namespace
+
+} // namespace fixture

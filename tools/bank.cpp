@@ -1,17 +1,19 @@
 // fixture bank: makes the bank directories that a board updates itself from, and examines them.
-#include "commands.h"
+#include "tools/commands.h"
 
-#include "bank_check.h"
-#include "bank_format.h"
-#include "chip_files.h"
-#include "firmware.h"
-#include "stored_image.h"
+#include "formats/bank.h"
+#include "formats/bank_check.h"
+#include "formats/stored_image.h"
+#include "machine/firmware.h"
+#include "tools/chip_files.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <fmt/format.h>
 #include <memory>
 #include <nlohmann/json.hpp>
+
+namespace fixture {
 
 namespace fs = std::filesystem;
 using nlohmann::ordered_json;
@@ -85,9 +87,9 @@ void WriteBank(const fs::path &out, const std::vector<BankFile> &files) {
 // A board compares the bank's text with what its bootloader says of itself.
 void WarnOfVersion(const BankFile &file, std::vector<std::string> &warnings) {
     const KnownFirmware known(FirmwareDirectory());
-    const Firmware *build = known.identify(std::span(file.bytes).subspan(fixture::kImageHeaderBytes));
+    const Firmware *build = known.identify(std::span(file.bytes).subspan(kImageHeaderBytes));
     if (!build) return;
-    const fixture::BootVersion &own = build->version;
+    const BootVersion &own = build->version;
     const std::string version = fmt::format("{}.{}.{}", own.major, own.minor, own.build);
     if (version != file.version)
         warnings.push_back(fmt::format("{}: is version {}, not {}; a board would store it and reset at every start, "
@@ -264,3 +266,5 @@ void AddBankCommand(CLI::App &app, int &exit_status) {
     AddBuild(*bank, exit_status);
     AddCheck(*bank, exit_status);
 }
+
+} // namespace fixture

@@ -1,12 +1,13 @@
 // fixture boot: powers a board up and lets it run to its end. The console's bytes go to standard output untouched, the
 // verdict to standard error.
-#include "commands.h"
+#include "machine/chip_store.h"
+#include "tools/commands.h"
 
-#include "machine.h"
-#include "replay.h"
-#include "terminal_preview.h"
-#include "trace.h"
-#include "vcd.h"
+#include "machine/machine.h"
+#include "machine/trace.h"
+#include "machine/vcd.h"
+#include "tools/replay.h"
+#include "tools/terminal_preview.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -16,6 +17,8 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <unistd.h>
+
+namespace fixture {
 
 namespace fs = std::filesystem;
 
@@ -32,9 +35,9 @@ struct BootCall {
     std::string trace;
     bool json = false;
     std::string nand;
-    std::string nand_part = fixture::kDefaultNand;
+    std::string nand_part = kDefaultNand;
     std::string dataflash;
-    std::string dataflash_part = fixture::kDefaultAt45;
+    std::string dataflash_part = kDefaultAt45;
     std::string eeprom;
     std::string vcd;
     std::string vcd_signals;
@@ -47,11 +50,11 @@ struct BootCall {
     std::optional<unsigned> power_up;
 };
 
-const std::map<std::string, fixture::Straps> kStraps = {
+const std::map<std::string, Straps> kStraps = {
     {"none", {}}, {"12-13", {true, false}}, {"14-18", {false, true}}, {"both", {true, true}}};
 
-const std::map<std::string, fixture::PanelWiring> kWirings = {
-    {"bgr", fixture::PanelWiring::bgr}, {"rgb", fixture::PanelWiring::rgb}, {"rgb565", fixture::PanelWiring::rgb565}};
+const std::map<std::string, PanelWiring> kWirings = {
+    {"bgr", PanelWiring::bgr}, {"rgb", PanelWiring::rgb}, {"rgb565", PanelWiring::rgb565}};
 
 // The names of a table of parts, and "none".
 template <typename Parts> std::vector<std::string> PartNames(const Parts &parts) {
@@ -61,32 +64,32 @@ template <typename Parts> std::vector<std::string> PartNames(const Parts &parts)
 }
 
 // The board's chips, as their files have them; a missing file is a blank chip.
-fixture::Chips LoadChips(const BootCall &call) {
-    fixture::Chips chips;
-    chips.nand = fixture::NandContents(fixture::FindNandPart(call.nand_part));
+Chips LoadChips(const BootCall &call) {
+    Chips chips;
+    chips.nand = NandContents(FindNandPart(call.nand_part));
     if (call.dataflash_part == "none")
         chips.dataflash.absent = true;
     else
-        chips.dataflash = fixture::At45Contents(*fixture::FindAt45Part(call.dataflash_part));
-    if (!call.nand.empty()) chips.nand.load(call.nand);
-    if (!call.dataflash.empty()) chips.dataflash.load(call.dataflash);
-    if (!call.eeprom.empty() && fs::exists(call.eeprom)) chips.eeprom = fixture::EepromContents::load(call.eeprom);
+        chips.dataflash = At45Contents(*FindAt45Part(call.dataflash_part));
+    if (!call.nand.empty()) LoadChip(chips.nand, call.nand);
+    if (!call.dataflash.empty()) LoadChip(chips.dataflash, call.dataflash);
+    if (!call.eeprom.empty() && fs::exists(call.eeprom)) LoadChip(chips.eeprom, call.eeprom);
     return chips;
 }
 
-void SaveChips(const BootCall &call, const fixture::Chips &chips) {
-    if (!call.nand.empty()) chips.nand.save(call.nand);
-    if (!call.dataflash.empty()) chips.dataflash.save(call.dataflash);
-    if (!call.eeprom.empty()) chips.eeprom.save(call.eeprom);
+void SaveChips(const BootCall &call, const Chips &chips) {
+    if (!call.nand.empty()) SaveChip(chips.nand, call.nand);
+    if (!call.dataflash.empty()) SaveChip(chips.dataflash, call.dataflash);
+    if (!call.eeprom.empty()) SaveChip(chips.eeprom, call.eeprom);
 }
 
 // The signals of a run as a value change dump.
 class VcdFile {
 public:
-    VcdFile(const std::string &file, const std::string &signals, fixture::Board &board)
+    VcdFile(const std::string &file, const std::string &signals, Board &board)
         : stream_(file), writer_(stream_, board.clock) {
         if (!stream_) throw std::runtime_error(file + ": cannot be written");
-        for (const fixture::VcdSignal &signal : fixture::VcdSignals(signals))
+        for (const VcdSignal &signal : VcdSignals(signals))
             writer_.add(signal.name, board.net(signal.port, signal.bit));
         board.spi0.trace_bits = true;
         writer_.begin();
@@ -94,19 +97,19 @@ public:
 
 private:
     std::ofstream stream_;
-    fixture::VcdWriter writer_;
+    VcdWriter writer_;
 };
 
 // Everything that a call wants written about the panel.
-void WritePanel(const BootCall &call, fixture::FrameRecorder &recorder, fixture::Picoseconds until) {
+void WritePanel(const BootCall &call, FrameRecorder &recorder, Picoseconds until) {
     recorder.look();
-    if (!call.panel.empty()) fixture::WritePng(call.panel, recorder.shown());
-    if (!call.panel_gif.empty()) fixture::WriteGif(call.panel_gif, fixture::Animation(recorder.frames(), until));
+    if (!call.panel.empty()) WritePng(call.panel, recorder.shown());
+    if (!call.panel_gif.empty()) WriteGif(call.panel_gif, Animation(recorder.frames(), until));
     if (!call.panel_frames.empty()) {
         fs::create_directories(call.panel_frames);
         unsigned number = 0;
-        for (const fixture::FrameRecorder::Frame &frame : recorder.frames())
-            fixture::WritePng(fs::path(call.panel_frames) / fmt::format("{:02}.png", number++), frame.picture);
+        for (const FrameRecorder::Frame &frame : recorder.frames())
+            WritePng(fs::path(call.panel_frames) / fmt::format("{:02}.png", number++), frame.picture);
     }
     if (call.preview) PrintPreview(stderr, recorder.shown());
 }
@@ -123,7 +126,7 @@ std::string Describe(const RunReport &report) {
     if (!report.place.empty()) text += ": " + report.place;
     if (!report.launched_end.empty()) text += fmt::format(", which {}", report.launched_end);
     return fmt::format("{}; booting from {}, {:.3f} ms of virtual time, {} reset{}", text, report.medium,
-                       static_cast<double>(report.time) / static_cast<double>(fixture::kMillisecond), report.resets,
+                       static_cast<double>(report.time) / static_cast<double>(kMillisecond), report.resets,
                        report.resets == 1 ? "" : "s");
 }
 
@@ -137,7 +140,7 @@ nlohmann::ordered_json ToJson(const RunReport &report) {
         json["launched_end"] = report.launched_end;
     }
     json["medium"] = report.medium;
-    json["virtual_ms"] = static_cast<double>(report.time) / static_cast<double>(fixture::kMillisecond);
+    json["virtual_ms"] = static_cast<double>(report.time) / static_cast<double>(kMillisecond);
     json["resets"] = report.resets;
     json["instructions"] = report.instructions;
     return json;
@@ -167,7 +170,7 @@ void RequireNewChipFiles(const BootCall &call) {
 }
 
 // Chips, files and options are those of the case; what the call says about them does not count.
-void UseReplay(const Replay &replay, RunOptions &options, fixture::Chips &chips) {
+void UseReplay(const Replay &replay, RunOptions &options, Chips &chips) {
     const std::function<void(char)> console = options.console;
     options = replay.options();
     options.console = console;
@@ -184,8 +187,7 @@ int Boot(const BootCall &call) {
     options.volume = call.volume;
     options.board.straps = kStraps.at(call.straps);
     if (call.watchdog > 0)
-        options.board.watchdog =
-            static_cast<fixture::Picoseconds>(call.watchdog * static_cast<double>(fixture::kSecond));
+        options.board.watchdog = static_cast<Picoseconds>(call.watchdog * static_cast<double>(kSecond));
     options.file_server_fails = call.fail == "file-server";
     options.most_resets = call.most_resets;
     options.console = [](char c) { std::fputc(c, stdout); };
@@ -194,7 +196,7 @@ int Boot(const BootCall &call) {
         ReadFirmware(call.firmware.empty() ? FirmwareDirectory() / "bootloader.elf" : fs::path(call.firmware));
     options.firmware = &firmware;
 
-    fixture::Chips chips = LoadChips(call);
+    Chips chips = LoadChips(call);
     options.slots = !call.nand.empty() || !call.dataflash.empty();
     if (options.slots && call.firmware.empty()) options.firmware = nullptr;
     std::optional<Replay> replay;
@@ -240,11 +242,11 @@ void AddBootCommand(CLI::App &app, int &exit_status) {
     command->add_option("--trace", call->trace, "write every register access and chip operation to this file");
     command->add_option("--nand", call->nand, "file that keeps the NAND chip: raw pages with their spare bytes");
     command->add_option("--nand-part", call->nand_part, "NAND part fitted")
-        ->check(CLI::IsMember(PartNames(fixture::NandParts())))
+        ->check(CLI::IsMember(PartNames(NandParts())))
         ->capture_default_str();
     command->add_option("--dataflash", call->dataflash, "file that keeps the DataFlash chip");
     command->add_option("--dataflash-part", call->dataflash_part, "DataFlash part fitted")
-        ->check(CLI::IsMember(PartNames(fixture::At45Parts())))
+        ->check(CLI::IsMember(PartNames(At45Parts())))
         ->capture_default_str();
     command->add_option("--eeprom", call->eeprom, "file that keeps the parameter EEPROM");
     command->add_option("--vcd", call->vcd, "write pins as a value change dump for logic-analyser programs");
@@ -264,3 +266,5 @@ void AddBootCommand(CLI::App &app, int &exit_status) {
     command->add_flag("--json", call->json, "verdict as one JSON object");
     command->callback([call, &exit_status] { exit_status = Boot(*call); });
 }
+
+} // namespace fixture

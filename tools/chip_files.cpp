@@ -1,9 +1,10 @@
-#include "chip_files.h"
+#include "tools/chip_files.h"
+#include "machine/chip_store.h"
+#include "machine/raw_flash.h"
 
 #include <CLI/CLI.hpp>
 
-using fixture::At45Contents;
-using fixture::NandContents;
+namespace fixture {
 
 namespace {
 
@@ -16,17 +17,12 @@ const Part *PartOf(const ChipFiles &chips, const Part *(*find)(std::string_view)
 }
 
 template <typename Contents> Contents Load(Contents contents, const std::string &file) {
-    if (file.empty()) return contents;
-    try {
-        contents.load(file);
-    } catch (const std::runtime_error &error) {
-        throw Refusal(error.what());
-    }
+    if (!file.empty()) LoadChip(contents, file);
     return contents;
 }
 
 std::string UnknownPart(const std::string &name) {
-    return fixture::FindNandPart(name) || fixture::FindAt45Part(name) ? "" : name + ": no such chip";
+    return FindNandPart(name) || FindAt45Part(name) ? "" : name + ": no such chip";
 }
 
 } // namespace
@@ -41,11 +37,11 @@ void ChipFiles::add_options(CLI::App &command, bool exist) {
 }
 
 NandContents LoadNand(const ChipFiles &chips) {
-    return Load(NandContents(PartOf(chips, fixture::FindNandPart, fixture::kDefaultNand)), chips.nand);
+    return Load(NandContents(PartOf(chips, FindNandPart, kDefaultNand)), chips.nand);
 }
 
 At45Contents LoadDataflash(const ChipFiles &chips) {
-    return Load(At45Contents(*PartOf(chips, fixture::FindAt45Part, fixture::kDefaultAt45)), chips.dataflash);
+    return Load(At45Contents(*PartOf(chips, FindAt45Part, kDefaultAt45)), chips.dataflash);
 }
 
 void ForEachChip(const ChipFiles &chips, const std::function<void(const RawFlash &)> &look) {
@@ -58,3 +54,5 @@ void ForEachChip(const ChipFiles &chips, const std::function<void(const RawFlash
         look(RawFlashOf(contents));
     }
 }
+
+} // namespace fixture

@@ -5,9 +5,9 @@
 //   ForEachChip(chips, [](const RawFlash &flash) { ... });
 #pragma once
 
-#include "at45.h"
-#include "flash_report.h"
-#include "nand.h"
+#include "fixture/parts/at45.h"
+#include "fixture/parts/nand.h"
+#include "formats/flash_report.h"
 
 #include <functional>
 #include <string>
@@ -16,6 +16,8 @@
 namespace CLI {
 class App;
 }
+
+namespace fixture {
 
 struct ChipFiles {
     std::string nand; // files; empty: not named
@@ -28,8 +30,10 @@ struct ChipFiles {
 };
 
 // A missing or short file is an erased chip. Throws Refusal for a file that is none of the part.
-fixture::NandContents LoadNand(const ChipFiles &chips);
-fixture::At45Contents LoadDataflash(const ChipFiles &chips);
+NandContents LoadNand(const ChipFiles &chips);
+At45Contents LoadDataflash(const ChipFiles &chips);
 
 // Calls `look` with each chip that is named; where none is, with a NAND and a DataFlash that are erased.
 void ForEachChip(const ChipFiles &chips, const std::function<void(const RawFlash &)> &look);
+
+} // namespace fixture

@@ -12,6 +12,8 @@ namespace CLI {
 class App;
 }
 
+namespace fixture {
+
 void AddBankCommand(CLI::App &app, int &exit_status);
 void AddBootCommand(CLI::App &app, int &exit_status);
 void AddEepromCommand(CLI::App &app, int &exit_status);
@@ -19,3 +21,5 @@ void AddFlashCommand(CLI::App &app, int &exit_status);
 void AddImageCommand(CLI::App &app, int &exit_status);
 void AddSplashCommand(CLI::App &app, int &exit_status);
 void AddSweepCommand(CLI::App &app, int &exit_status);
+
+} // namespace fixture

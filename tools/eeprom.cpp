@@ -1,8 +1,9 @@
 // fixture eeprom: looks at the parameter store in a chip file, and prepares one.
-#include "commands.h"
+#include "machine/chip_store.h"
+#include "tools/commands.h"
 
-#include "eeprom_store.h"
-#include "files.h"
+#include "formats/file.h"
+#include "formats/parameter_store.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -14,7 +15,7 @@
 #include <optional>
 #include <stdexcept>
 
-using fixture::EepromContents;
+namespace fixture {
 
 namespace {
 
@@ -64,17 +65,13 @@ void Print(int number, const StoreSector &sector) {
 }
 
 EepromContents ReadChip(const std::string &file) {
-    const Bytes bytes = ReadFile(file, EepromContents::kSize);
-    if (bytes.size() != EepromContents::kSize)
-        throw Refusal(file, fmt::format("{} bytes", bytes.size()),
-                      fmt::format("{}", std::size_t{EepromContents::kSize}));
     EepromContents chip;
-    std::copy(bytes.begin(), bytes.end(), chip.bytes.begin());
+    LoadChip(chip, file);
     return chip;
 }
 
 int Show(const EepromCall &call) {
-    const StoreReport report = ReadStore(ReadChip(call.file));
+    const StoreReport report = ReadStore(ReadChip(call.file).bytes);
     if (call.json) {
         fmt::print("{}\n", ToJson(report).dump());
     } else {
@@ -118,14 +115,13 @@ StoredParameter ParseSetting(const std::string &text) {
 int Set(const EepromCall &call) {
     std::vector<StoredParameter> changes;
     for (const std::string &setting : call.settings) changes.push_back(ParseSetting(setting));
-    EepromContents chip;
-    if (std::filesystem::exists(call.file)) chip = ReadChip(call.file);
+    EepromContents chip = ReadChip(call.file);
     try {
-        UpdateStore(chip, changes);
+        UpdateStore(chip.bytes, changes);
     } catch (const std::exception &error) {
         throw Refusal(fmt::format("{}: {}", call.file, error.what()));
     }
-    chip.save(call.file);
+    SaveChip(chip, call.file);
     return 0;
 }
 
@@ -144,3 +140,5 @@ void AddEepromCommand(CLI::App &app, int &exit_status) {
     set->add_option("SETTING", call->settings, "ID=HEX: identifier, up to 15 bytes")->required();
     set->callback([call, &exit_status] { exit_status = Set(*call); });
 }
+
+} // namespace fixture

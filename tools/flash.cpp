@@ -1,8 +1,10 @@
 // fixture flash: makes a board's raw flash as production would, and says what is in one.
-#include "commands.h"
+#include "machine/chip_store.h"
+#include "machine/raw_flash.h"
+#include "tools/commands.h"
 
-#include "chip_files.h"
-#include "stored_image.h"
+#include "formats/stored_image.h"
+#include "tools/chip_files.h"
 
 #include <CLI/CLI.hpp>
 #include <filesystem>
@@ -11,7 +13,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
-using fixture::Medium;
+namespace fixture {
 
 namespace {
 
@@ -25,13 +27,13 @@ struct FlashCall {
 };
 
 nlohmann::ordered_json ToJson(const SlotReport &report) {
-    const fixture::StoredImage &image = report.image;
+    const StoredImage &image = report.image;
     nlohmann::ordered_json json{{"name", report.slot.name},
                                 {"address", report.slot.address},
                                 {"capacity", report.slot.capacity},
                                 {"room", report.room},
-                                {"state", fixture::NameOf(image.verdict)}};
-    if (image.verdict == fixture::ImageVerdict::erased) return json;
+                                {"state", NameOf(image.verdict)}};
+    if (image.verdict == ImageVerdict::erased) return json;
     json.update({{"size", image.size}, {"sum1", image.stored.sum1}, {"sum2", image.stored.sum2}});
     return json;
 }
@@ -47,14 +49,14 @@ nlohmann::ordered_json ToJson(const FlashReport &report) {
     return json;
 }
 
-std::string Describe(const fixture::StoredImage &image) {
+std::string Describe(const StoredImage &image) {
     switch (image.verdict) {
-    case fixture::ImageVerdict::good: return fmt::format("good, {} bytes", image.size);
-    case fixture::ImageVerdict::bad_size: return fmt::format("bad size: {} bytes", image.size);
-    case fixture::ImageVerdict::bad_sums:
+    case ImageVerdict::good: return fmt::format("good, {} bytes", image.size);
+    case ImageVerdict::bad_size: return fmt::format("bad size: {} bytes", image.size);
+    case ImageVerdict::bad_sums:
         return fmt::format("bad sums: {} bytes, 0x{:08X} 0x{:08X}; expected 0x{:08X} 0x{:08X}", image.size,
                            image.stored.sum1, image.stored.sum2, image.computed.sum1, image.computed.sum2);
-    default: return fixture::NameOf(image.verdict);
+    default: return NameOf(image.verdict);
     }
 }
 
@@ -117,7 +119,7 @@ template <typename Contents>
 FlashReport ProvisionChip(Contents contents, const std::string &file, const Provision &provision) {
     const RawFlash flash = RawFlashOf(contents);
     StoreProvision(flash, provision);
-    contents.save(file);
+    SaveChip(contents, file);
     return ExamineFlash(flash);
 }
 
@@ -130,8 +132,8 @@ int ProvisionFlash(const FlashCall &call) {
                                     : ProvisionChip(LoadDataflash(chips), chips.dataflash, provision);
     // The other chip comes erased with the board.
     if (nand && !chips.dataflash.empty() && !std::filesystem::exists(chips.dataflash))
-        LoadDataflash(chips).save(chips.dataflash);
-    if (!nand && !chips.nand.empty() && !std::filesystem::exists(chips.nand)) LoadNand(chips).save(chips.nand);
+        SaveChip(LoadDataflash(chips), chips.dataflash);
+    if (!nand && !chips.nand.empty() && !std::filesystem::exists(chips.nand)) SaveChip(LoadNand(chips), chips.nand);
     return Show({report}, call.json);
 }
 
@@ -161,3 +163,5 @@ void AddFlashCommand(CLI::App &app, int &exit_status) {
     info->add_flag("--json", call->json, "report as one JSON object");
     info->callback([call, &exit_status] { exit_status = ShowFlash(*call); });
 }
+
+} // namespace fixture

@@ -1,14 +1,16 @@
 // fixture image: gives images the header that they carry in raw flash, and says what is in one.
-#include "commands.h"
+#include "tools/commands.h"
 
-#include "chip_files.h"
-#include "stored_image.h"
+#include "formats/stored_image.h"
+#include "tools/chip_files.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <fmt/format.h>
 #include <memory>
 #include <nlohmann/json.hpp>
+
+namespace fixture {
 
 namespace {
 
@@ -110,3 +112,5 @@ void AddImageCommand(CLI::App &app, int &exit_status) {
     info->add_flag("--json", call->json, "report as one JSON object");
     info->callback([call, &exit_status] { exit_status = ShowImage(*call); });
 }
+
+} // namespace fixture

@@ -1,11 +1,13 @@
 // fixture: the virtual fixture and the tools around it, one subcommand each.
-#include "commands.h"
+#include "tools/commands.h"
 
-#include "files.h"
+#include "formats/file.h"
 
 #include <CLI/CLI.hpp>
 #include <exception>
 #include <fmt/format.h>
+
+using namespace fixture;
 
 namespace {
 

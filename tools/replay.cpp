@@ -1,9 +1,9 @@
-#include "replay.h"
+#include "tools/replay.h"
 
 #include <algorithm>
 #include <stdexcept>
 
-using namespace fixture;
+namespace fixture {
 
 namespace {
 
@@ -29,3 +29,5 @@ RunReport Replay::run(Machine &machine) {
     }
     return sweeper_.run(machine, power_up_);
 }
+
+} // namespace fixture

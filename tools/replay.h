@@ -5,10 +5,12 @@
 //   replay.run(machine);
 #pragma once
 
-#include "sweep_scenarios.h"
+#include "sweep/scenarios.h"
 
 #include <optional>
 #include <string>
+
+namespace fixture {
 
 class Replay {
 public:
@@ -16,7 +18,7 @@ public:
     // Throws std::runtime_error where there is no such case, or a cut of it does not come.
     Replay(const std::string &name, std::optional<unsigned> power_up, ProcessorKind processor);
 
-    fixture::Chips chips; // as that power-up finds them
+    Chips chips; // as that power-up finds them
     RunOptions options() const { return sweeper_.options(); }
     // Runs that power-up, with its cut where it has one.
     RunReport run(Machine &machine);
@@ -30,3 +32,5 @@ private:
     Sweeper sweeper_;
     unsigned power_up_;
 };
+
+} // namespace fixture

@@ -1,13 +1,15 @@
 // fixture splash: the start-up picture from a PNG file to the bootloader's array, and back.
-#include "commands.h"
+#include "tools/commands.h"
 
-#include "splash_codec.h"
+#include "formats/splash.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <set>
+
+namespace fixture {
 
 namespace {
 
@@ -20,10 +22,10 @@ struct SplashCall {
 };
 
 int Encode(const SplashCall &call) {
-    const fixture::Picture picture = fixture::ReadPng(call.input);
+    const Picture picture = ReadPng(call.input);
     const SplashStream stream = EncodeSplash(picture, call.input);
     std::set<std::uint16_t> colours;
-    for (const fixture::Colour colour : picture.pixels) colours.insert(SplashPixel(colour));
+    for (const Colour colour : picture.pixels) colours.insert(SplashPixel(colour));
     WriteFile(call.output, SplashSource(stream));
     if (call.json)
         fmt::print("{}\n", nlohmann::ordered_json{{"file", call.output},
@@ -42,7 +44,7 @@ int Encode(const SplashCall &call) {
 int Decode(const SplashCall &call) {
     const Bytes source = ReadFile(call.input, kLargestSource);
     const std::string_view text(reinterpret_cast<const char *>(source.data()), source.size());
-    fixture::WritePng(call.output, DecodeSplash(ReadSplashSource(text, call.input), call.input));
+    WritePng(call.output, DecodeSplash(ReadSplashSource(text, call.input), call.input));
     return 0;
 }
 
@@ -64,3 +66,5 @@ void AddSplashCommand(CLI::App &app, int &exit_status) {
     decode->add_option("OUT.png", call->output, "picture to write")->required();
     decode->callback([call, &exit_status] { exit_status = Decode(*call); });
 }
+
+} // namespace fixture

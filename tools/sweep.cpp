@@ -1,9 +1,9 @@
 // fixture sweep: cuts the power at every operation of the boots that change a chip, and judges what becomes of the
 // board.
-#include "commands.h"
+#include "tools/commands.h"
 
-#include "sweep_report.h"
-#include "sweep_run.h"
+#include "sweep/report.h"
+#include "sweep/run.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -11,6 +11,8 @@
 #include <memory>
 #include <thread>
 #include <unistd.h>
+
+namespace fixture {
 
 namespace {
 
@@ -115,3 +117,5 @@ void AddSweepCommand(CLI::App &app, int &exit_status) {
         ->excludes("SCENARIO", "--list", "--processor", "--losses", "--json");
     command->callback([call, &exit_status] { exit_status = Sweep(*call); });
 }
+
+} // namespace fixture

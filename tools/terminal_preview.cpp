@@ -1,4 +1,4 @@
-#include "terminal_preview.h"
+#include "tools/terminal_preview.h"
 
 #include <algorithm>
 #include <chafa.h>
@@ -8,6 +8,8 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 #include <vector>
+
+namespace fixture {
 
 namespace {
 
@@ -60,7 +62,7 @@ std::optional<Means> BestMeans(const ChafaTermInfo *terminal) {
 
 } // namespace
 
-std::string TerminalPreview(const fixture::Picture &picture, int columns, int rows, const char *const *environment) {
+std::string TerminalPreview(const Picture &picture, int columns, int rows, const char *const *environment) {
     if (!ShowsColours(environment) || picture.pixels.empty()) return {};
     const Terminal terminal = DetectTerminal(environment);
     const std::optional<Means> means = BestMeans(terminal.get());
@@ -88,9 +90,11 @@ std::string TerminalPreview(const fixture::Picture &picture, int columns, int ro
     return result + "\n";
 }
 
-void PrintPreview(std::FILE *stream, const fixture::Picture &picture) {
+void PrintPreview(std::FILE *stream, const Picture &picture) {
     winsize size{};
     if (isatty(fileno(stream)) == 0 || ioctl(fileno(stream), TIOCGWINSZ, &size) != 0) return;
     const std::string text = TerminalPreview(picture, size.ws_col, size.ws_row - 1, environ);
     std::fwrite(text.data(), 1, text.size(), stream);
 }
+
+} // namespace fixture

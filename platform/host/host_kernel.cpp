@@ -1,4 +1,4 @@
-#include "host_kernel.h"
+#include "platform/host/host_kernel.h"
 
 #include <at91sam9263.h>
 #include <kernel.h>
@@ -20,18 +20,18 @@ HostKernel &host_kernel() {
 namespace {
 
 // The modules' heap: no larger than the board's, and emptied at every start.
-std::map<void *, std::size_t> &allocations() {
+std::map<void *, std::size_t> &Allocations() {
     static std::map<void *, std::size_t> record;
     return record;
 }
 std::size_t g_allocated = 0;
 
-int fails(long result) {
+int Fails(long result) {
     errno = static_cast<int>(-result);
     return -1;
 }
 
-void put(char c) {
+void Put(char c) {
     constexpr std::uint32_t kTransmitReady = 0x2;
     while (!(DBGU.SR().read() & kTransmitReady)) {
     }
@@ -40,15 +40,15 @@ void put(char c) {
 
 } // namespace
 
-void release_module_heap() {
-    for (auto &[block, size] : allocations()) std::free(block);
-    allocations().clear();
+void ReleaseModuleHeap() {
+    for (auto &[block, size] : Allocations()) std::free(block);
+    Allocations().clear();
     g_allocated = 0;
 }
 
 } // namespace fixture
 
-using fixture::fails;
+using fixture::Fails;
 using fixture::host_kernel;
 
 extern "C" {
@@ -65,24 +65,24 @@ int host_open(const char *path, int flags, ...) {
     const bool for_writing = (flags & 3) != 0;
     int handle = host_kernel().volume->open(path, for_writing);
     if (handle < 0 && for_writing) handle = host_kernel().volume->open(path, false);
-    return handle < 0 ? fails(handle) : handle;
+    return handle < 0 ? Fails(handle) : handle;
 }
 
 ssize_t host_read(int handle, void *buffer, std::size_t length) {
-    if (handle < 0) return fails(-EBADF);
+    if (handle < 0) return Fails(-EBADF);
     const long count = host_kernel().volume->read(handle, {static_cast<std::uint8_t *>(buffer), length});
-    return count < 0 ? fails(count) : count;
+    return count < 0 ? Fails(count) : count;
 }
 
 int host_close(int handle) {
     const int result = handle < 0 ? -EBADF : host_kernel().volume->close(handle);
-    return result < 0 ? fails(result) : 0;
+    return result < 0 ? Fails(result) : 0;
 }
 
 int host_stat(const char *path, struct stat *record) {
-    fixture::Volume &volume = *host_kernel().volume;
+    fixture::FileSystem &volume = *host_kernel().volume;
     const int handle = volume.open(path, false);
-    if (handle < 0) return fails(handle);
+    if (handle < 0) return Fails(handle);
     record->st_size = volume.size(handle);
     volume.close(handle);
     return 0;
@@ -101,13 +101,13 @@ int host_printf(const char *format, ...) {
     va_end(arguments);
     const std::string copy = length < 0 ? std::string{} : std::string(text, static_cast<std::size_t>(length));
     std::free(text);
-    for (const char c : copy) fixture::put(c);
+    for (const char c : copy) fixture::Put(c);
     return length;
 }
 
 int host_puts(const char *text) { return host_printf("%s\n", text); }
 int host_putchar(int c) {
-    fixture::put(static_cast<char>(c));
+    fixture::Put(static_cast<char>(c));
     return c;
 }
 int host_fflush(std::FILE *) { return 0; }
@@ -116,16 +116,16 @@ void *host_malloc(std::size_t bytes) {
     if (bytes > kHeapSize - fixture::g_allocated) return nullptr;
     void *block = std::malloc(bytes ? bytes : 1);
     if (!block) return nullptr;
-    fixture::allocations()[block] = bytes;
+    fixture::Allocations()[block] = bytes;
     fixture::g_allocated += bytes;
     return block;
 }
 
 void host_free(void *block) {
-    const auto found = fixture::allocations().find(block);
-    if (found != fixture::allocations().end()) {
+    const auto found = fixture::Allocations().find(block);
+    if (found != fixture::Allocations().end()) {
         fixture::g_allocated -= found->second;
-        fixture::allocations().erase(found);
+        fixture::Allocations().erase(found);
     }
     std::free(block); // a block that the modules do not own is the sanitizer's to report
 }

@@ -1,10 +1,10 @@
 // The host process's side of what the modules call on their kernel. Internal to platform/host.
 #pragma once
 
-#include "board_memory.h"
-#include "bus.h"
-#include "processor.h"
-#include "volume.h"
+#include "fixture/core/board_memory.h"
+#include "fixture/core/bus.h"
+#include "fixture/processors/processor.h"
+#include "platform/host/file_system.h"
 
 #include <functional>
 
@@ -14,7 +14,7 @@ namespace fixture {
 struct HostKernel {
     Clock *clock = nullptr;
     Bus *bus = nullptr;
-    Volume *volume = nullptr;
+    FileSystem *volume = nullptr;
     HandoverCache *cache = nullptr;
     std::function<std::uint32_t()> master_clock_hz;
     bool file_server_fails = false;
@@ -24,7 +24,7 @@ struct HostKernel {
 HostKernel &host_kernel();
 
 // Frees everything that the modules have allocated.
-void release_module_heap();
+void ReleaseModuleHeap();
 
 } // namespace fixture
 

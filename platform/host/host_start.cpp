@@ -1,5 +1,5 @@
 // The board's start-up in a host process: the same devices in the same order as on the processor.
-#include "host_kernel.h"
+#include "platform/host/host_kernel.h"
 #include "stand_ins.h"
 
 #include "ol_at91sam926x_lcd.h"

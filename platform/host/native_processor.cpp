@@ -1,6 +1,6 @@
-#include "native_processor.h"
+#include "platform/host/native_processor.h"
 
-#include "host_kernel.h"
+#include "platform/host/host_kernel.h"
 
 #include <array>
 #include <cstring>
@@ -66,7 +66,7 @@ NativeProcessor::NativeProcessor(Wiring wiring) {
 }
 
 NativeProcessor::~NativeProcessor() {
-    release_module_heap();
+    ReleaseModuleHeap();
     host_kernel() = HostKernel{};
 }
 
@@ -91,7 +91,7 @@ template <typename Body> StageResult RunStage(Body body) {
 } // namespace
 
 StageResult NativeProcessor::start(const BootVersion &version) {
-    release_module_heap();
+    ReleaseModuleHeap();
     ReloadModuleData();
     g_version_build = version.build;
     host_version_major = version.major;

@@ -10,10 +10,10 @@
 //   processor.call("SDFlash_Init", {}, result);          then: one routine by name
 #pragma once
 
-#include "board_memory.h"
-#include "bus.h"
-#include "processor.h"
-#include "volume.h"
+#include "fixture/core/board_memory.h"
+#include "fixture/core/bus.h"
+#include "fixture/processors/processor.h"
+#include "platform/host/file_system.h"
 
 #include <span>
 #include <string>
@@ -32,7 +32,7 @@ public:
     struct Wiring {
         Clock &clock;
         Bus &bus;
-        Volume &volume;
+        FileSystem &volume;
         HandoverCache &cache;
         std::function<std::uint32_t()> master_clock_hz;
         bool file_server_fails = false; // the file server's start reports failure

@@ -1,0 +1,270 @@
+#include "formats/bank.h"
+
+#include "XmlElement.h"
+#include "XmlExtractor.h"
+#include "formats/stored_image.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <numeric>
+#include <optional>
+
+namespace fixture {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::size_t kRecordBytes = 282;
+constexpr std::size_t kNumberBytes = 9;
+constexpr std::size_t kSumOffset = 12;
+constexpr std::size_t kPathOffset = 24;
+constexpr std::size_t kPathBytes = 256;
+constexpr std::size_t kLongestExtension = 16;
+constexpr std::size_t kLongestVersion = 16;
+
+struct Section {
+    FileRole role;
+    const char *element;
+    bool required;
+};
+constexpr Section kSections[] = {
+    {FileRole::bootloader, "SecondaryBootloader", true},
+    {FileRole::rescue, "RescueApplication", false},
+    {FileRole::application, "MainApplication", true},
+};
+
+std::string BaseName(const BankFile &file) { return file.source.stem().string(); }
+// Without its ".".
+std::string Extension(const BankFile &file) {
+    const std::string extension = file.source.extension().string();
+    return extension.empty() ? extension : extension.substr(1);
+}
+
+// --- what a bank must not hold
+
+// The first character that the descriptor or the manifest cannot carry as it is.
+std::optional<char> BadCharacter(std::string_view text) {
+    const auto bad =
+        std::find_if(text.begin(), text.end(), [](char c) { return c < 0x20 || c > 0x7E || c == '<' || c == '>'; });
+    return bad == text.end() ? std::nullopt : std::optional<char>(*bad);
+}
+
+void CheckText(const fs::path &file, const char *what, std::string_view text) {
+    if (const std::optional<char> bad = BadCharacter(text))
+        throw Refusal(file, fmt::format("byte 0x{:02X} in its {}", static_cast<unsigned char>(*bad), what),
+                      "printable ASCII without \"<\" and \">\"");
+    if (text.ends_with(' ')) throw Refusal(file, fmt::format("a blank ends its {}", what), "none there");
+}
+
+void CheckName(const BankFile &file) {
+    CheckText(file.source, "name", file.name());
+    std::size_t longest = 0;
+    for (const std::string_view directory : kBankDirectories) longest = std::max(longest, directory.size());
+    const std::size_t room = kLongestPath - longest;
+    if (file.path().size() > room)
+        throw Refusal(file.source, fmt::format("its path in the bank has {} characters", file.path().size()),
+                      fmt::format("at most {}", room));
+    if (file.role == FileRole::none) return;
+    const std::size_t length = Extension(file).size();
+    if (length == 0 || length > kLongestExtension)
+        throw Refusal(file.source, fmt::format("an extension of {} characters", length),
+                      fmt::format("1 to {} behind the \".\"", kLongestExtension));
+}
+
+void CheckVersion(const BankFile &file) {
+    if (file.role == FileRole::none) return;
+    const std::size_t length = file.version.size();
+    if (length == 0 || length > kLongestVersion)
+        throw Refusal(file.source, fmt::format("version \"{}\" has {} characters", file.version, length),
+                      fmt::format("1 to {}", kLongestVersion));
+    CheckText(file.source, "version", file.version);
+}
+
+void CheckStoredImage(const BankFile &file) {
+    const ImageReport image = ExamineImage(file.bytes);
+    if (!image.good()) throw Refusal(file.source, "not a good stored image", image.problem());
+    std::uint32_t largest = 0;
+    for (const SlotFit &slot : image.slots)
+        if (std::string_view(slot.slot).starts_with(NameOf(file.role))) largest = std::max(largest, slot.capacity);
+    if (image.size > largest)
+        throw Refusal(file.source, fmt::format("a stored image of {} bytes", image.size),
+                      fmt::format("at most {}, the largest {} slot", largest, NameOf(file.role)));
+}
+
+void CheckContent(const BankFile &file) {
+    const bool application = file.role == FileRole::application;
+    const std::uint32_t most = application                   ? kLargestApplication
+                               : file.role == FileRole::none ? kLargestNumber
+                                                             : kLoadBufferBytes;
+    const std::uint32_t least = file.role == FileRole::none ? 0 : 1;
+    if (file.bytes.size() < least || file.bytes.size() > most)
+        throw Refusal(file.source, fmt::format("{} bytes", file.bytes.size()), fmt::format("{} to {}", least, most));
+    if (const std::uint32_t sum = ByteSum(file.bytes); sum > kLargestNumber)
+        throw Refusal(file.source, fmt::format("byte-sum {}", sum),
+                      fmt::format("at most {}, what nine digits hold", kLargestNumber));
+    if (file.role == FileRole::bootloader || file.role == FileRole::rescue) CheckStoredImage(file);
+}
+
+// The bootloader takes a file for what it finds anywhere in its path: a base name must stand in no other path.
+void CheckBaseName(const BankFile &file, const std::vector<BankFile> &files) {
+    if (file.role == FileRole::none) return;
+    const std::string base = BaseName(file);
+    const auto refuse_in = [&](const std::string &path) {
+        if (path.find(base) == std::string::npos) return;
+        throw Refusal(file.source, fmt::format("its base name \"{}\" occurs in \"{}\"", base, path),
+                      fmt::format("a name that marks the {} alone", NameOf(file.role)));
+    };
+    for (const char *directory : kBankDirectories) refuse_in(std::string(directory) + kFileDirectory);
+    for (const BankFile &other : files)
+        if (&other != &file) refuse_in(other.path());
+}
+
+void CheckUnique(const BankFile &file, const std::vector<BankFile> &files) {
+    for (const BankFile &other : files)
+        if (&other != &file && other.name() == file.name())
+            throw Refusal(file.source, fmt::format("the bank has a \"{}\" already", file.path()), "another name");
+}
+
+// --- reading texts as the bootloader does
+
+// At most nine characters: blanks, a sign, digits; anything else ends the number.
+std::uint32_t ReadNumber(std::span<const std::uint8_t> column) {
+    std::size_t i = 0;
+    while (i < column.size() && (column[i] == ' ' || (column[i] >= '\t' && column[i] <= '\r'))) ++i;
+    const bool negative = i < column.size() && column[i] == '-';
+    if (i < column.size() && (column[i] == '-' || column[i] == '+')) ++i;
+    std::uint32_t value = 0;
+    for (; i < column.size() && column[i] >= '0' && column[i] <= '9'; ++i)
+        value = value * 10 + static_cast<std::uint32_t>(column[i] - '0');
+    return negative ? 0 - value : value;
+}
+
+bool IsLeading(std::uint8_t c) { return c == '/' || c == '\\' || c == '.'; }
+bool IsPadding(char c) { return c == '\n' || c == '\r' || c == ' '; }
+
+std::string CleanPath(std::span<const std::uint8_t> column, bool &rejects) {
+    const auto start = std::find_if_not(column.begin(), column.end(), IsLeading);
+    rejects = start == column.end();
+    std::string path(start, column.end());
+    const bool ends_in_break = !path.empty() && path.back() != ' ' && IsPadding(path.back());
+    while (!path.empty() && (ends_in_break ? IsPadding(path.back()) : path.back() == ' ')) path.pop_back();
+    return path.substr(0, path.find('\0'));
+}
+
+std::string ValueOf(const XmlElement *element) {
+    return element->value ? std::string(element->value, static_cast<std::size_t>(element->value_length)) : "";
+}
+
+// A section's child by its key; sets the entry's problem where it is missing or longer than allowed.
+std::string TakeValue(XmlElement *root, const Section &section, std::string_view key, std::size_t longest,
+                      DescriptorEntry &entry) {
+    if (!entry.problem.empty()) return "";
+    const std::string_view name = section.element;
+    const XmlElement *child = XmlElement_FindChildElement(root, name.data(), static_cast<std::int32_t>(name.size()),
+                                                          key.data(), static_cast<std::int32_t>(key.size()));
+    const std::string value = child ? ValueOf(child) : "";
+    if (!child) entry.problem = fmt::format("no <{}> in <{}>", key, name);
+    if (value.size() > longest)
+        entry.problem = fmt::format("<{}> in <{}> has {} bytes; expected at most {}", key, name, value.size(), longest);
+    return value.substr(0, value.find('\0'));
+}
+
+DescriptorEntry ReadEntry(XmlElement *root, const Section &section) {
+    DescriptorEntry entry;
+    entry.base_name = TakeValue(root, section, "BaseFileName", 256, entry);
+    entry.extension = TakeValue(root, section, "BaseFileExtension", kLongestExtension, entry);
+    if (!entry.extension.starts_with('.')) entry.extension.insert(0, ".");
+    entry.version = TakeValue(root, section, "Version", kLongestVersion, entry);
+    return entry;
+}
+
+} // namespace
+
+const char *NameOf(FileRole role) {
+    switch (role) {
+    case FileRole::bootloader: return "bootloader";
+    case FileRole::rescue: return "rescue";
+    case FileRole::application: return "application";
+    case FileRole::none: break;
+    }
+    return "other";
+}
+
+std::uint32_t ByteSum(std::span<const std::uint8_t> bytes) {
+    return std::accumulate(bytes.begin(), bytes.end(), std::uint32_t{0});
+}
+
+void CheckBankFiles(const std::vector<BankFile> &files) {
+    for (const BankFile &file : files) {
+        CheckName(file);
+        CheckVersion(file);
+        CheckUnique(file, files);
+        CheckBaseName(file, files);
+        CheckContent(file);
+    }
+}
+
+std::string MakeDescriptor(const std::vector<BankFile> &files) {
+    std::string text = "<?xml version=\"1.0\" encoding=\"US-ASCII\"?>\n<ProjectDescriptor>\n";
+    for (const BankFile &file : files)
+        for (const Section &section : kSections)
+            if (section.role == file.role)
+                text += fmt::format("  <{0}>\n    <BaseFileName>{1}</BaseFileName>\n"
+                                    "    <BaseFileExtension>{2}</BaseFileExtension>\n"
+                                    "    <Version>{3}</Version>\n  </{0}>\n",
+                                    section.element, BaseName(file), Extension(file), file.version);
+    return text + "</ProjectDescriptor>\n";
+}
+
+std::string MakeManifest(const std::vector<BankFile> &files) {
+    constexpr const char *kLine = "{:>9} | {:>9} | {:<256}\r\n";
+    std::string text = fmt::format("{:<9} | {:<9} | {:<256}\r\n", "size", "byte-sum", "path");
+    text += fmt::format("{:-<9}-|-{:-<9}-|-{:-<256}\r\n", "", "", "");
+    for (const BankFile &file : files) text += fmt::format(kLine, file.bytes.size(), ByteSum(file.bytes), file.path());
+    return text;
+}
+
+FileRole Descriptor::role_of(std::string_view path) const {
+    for (const Section &section : kSections) {
+        const DescriptorEntry &entry = entries[static_cast<std::size_t>(section.role)];
+        if (entry.problem.empty() && path.find(entry.extension) != path.npos && path.find(entry.base_name) != path.npos)
+            return section.role;
+    }
+    return FileRole::none;
+}
+
+Descriptor ReadDescriptor(std::span<const std::uint8_t> file) {
+    std::string text(file.begin(), file.end());
+    XmlElement root;
+    XmlElement_SetupRoot(&root, nullptr, 0);
+    root.value = text.data();
+    root.value_length = static_cast<std::int32_t>(text.size());
+    Descriptor descriptor;
+    if (XmlExtractor_Parse(&root) == 0) descriptor.problem = "no whole XML element";
+    for (const Section &section : kSections) {
+        DescriptorEntry &entry = descriptor.entries[static_cast<std::size_t>(section.role)];
+        entry = ReadEntry(&root, section);
+        if (section.required && descriptor.problem.empty()) descriptor.problem = entry.problem;
+    }
+    root.value = nullptr; // not the tree's own
+    XmlElement_Clean(&root);
+    return descriptor;
+}
+
+Manifest ReadManifest(std::span<const std::uint8_t> file) {
+    Manifest manifest{file.size() >= 2 * kRecordBytes, {}, file.size() % kRecordBytes};
+    for (std::size_t offset = 2 * kRecordBytes; offset + kRecordBytes <= file.size(); offset += kRecordBytes) {
+        const std::span<const std::uint8_t> bytes = file.subspan(offset, kRecordBytes);
+        ManifestRecord record{};
+        record.offset = offset;
+        record.size = ReadNumber(bytes.first(kNumberBytes));
+        record.sum = ReadNumber(bytes.subspan(kSumOffset, kNumberBytes));
+        record.path = CleanPath(bytes.subspan(kPathOffset, kPathBytes), record.rejects);
+        record.line_end = bytes[kRecordBytes - 2] == '\r' && bytes[kRecordBytes - 1] == '\n';
+        manifest.records.push_back(record);
+    }
+    return manifest;
+}
+
+} // namespace fixture

@@ -1,0 +1,136 @@
+#include "formats/elf_image.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <fstream>
+#include <gelf.h>
+#include <iterator>
+#include <libelf.h>
+#include <memory>
+
+namespace fixture {
+namespace {
+
+constexpr std::uint64_t kLargestSegment = 64u << 20;
+constexpr std::uint64_t kLargestFile = 256u << 20;
+
+struct ElfEnd {
+    void operator()(Elf *elf) const { elf_end(elf); }
+};
+using ElfHandle = std::unique_ptr<Elf, ElfEnd>;
+
+ElfHandle OpenExecutable(std::span<const std::uint8_t> file) {
+    elf_version(EV_CURRENT);
+    // The library only reads from the memory it is given here.
+    auto *bytes = reinterpret_cast<char *>(const_cast<std::uint8_t *>(file.data()));
+    ElfHandle elf(file.empty() ? nullptr : elf_memory(bytes, file.size()));
+    GElf_Ehdr header;
+    if (!elf || elf_kind(elf.get()) != ELF_K_ELF || !gelf_getehdr(elf.get(), &header))
+        throw ElfError("not an ELF file");
+    if (gelf_getclass(elf.get()) != ELFCLASS32 || header.e_ident[EI_DATA] != ELFDATA2LSB)
+        throw ElfError("not a 32-bit little-endian ELF file");
+    if (header.e_machine != EM_ARM)
+        throw ElfError(fmt::format("made for machine {}, expected {} (ARM)", header.e_machine, EM_ARM));
+    if (header.e_type != ET_EXEC) throw ElfError("not a linked executable");
+    return elf;
+}
+
+ElfSegment ReadSegment(std::span<const std::uint8_t> file, const GElf_Phdr &segment, std::size_t number) {
+    if (segment.p_memsz > kLargestSegment || segment.p_filesz > segment.p_memsz)
+        throw ElfError(
+            fmt::format("segment {}: {} bytes in memory, {} in the file", number, segment.p_memsz, segment.p_filesz));
+    if (segment.p_offset > file.size() || segment.p_filesz > file.size() - segment.p_offset)
+        throw ElfError(fmt::format("segment {}: offset {} and {} bytes reach past the end of the file", number,
+                                   segment.p_offset, segment.p_filesz));
+    const auto bytes = file.subspan(segment.p_offset, segment.p_filesz);
+    return {static_cast<std::uint32_t>(segment.p_paddr),
+            {bytes.begin(), bytes.end()},
+            static_cast<std::uint32_t>(segment.p_memsz)};
+}
+
+// Calls `take(name, symbol)` for every symbol of the symbol table.
+template <typename Take> void EachSymbol(Elf *elf, Take take) {
+    for (Elf_Scn *section = nullptr; (section = elf_nextscn(elf, section));) {
+        GElf_Shdr header;
+        if (!gelf_getshdr(section, &header) || header.sh_type != SHT_SYMTAB || header.sh_entsize == 0) continue;
+        Elf_Data *data = elf_getdata(section, nullptr);
+        const auto count = data ? std::min<std::uint64_t>(header.sh_size / header.sh_entsize, 1u << 20) : 0;
+        for (int i = 0; i < static_cast<int>(count); ++i) {
+            GElf_Sym symbol;
+            if (!gelf_getsym(data, i, &symbol)) break;
+            const char *name = elf_strptr(elf, header.sh_link, symbol.st_name);
+            if (name && *name && *name != '$' && symbol.st_shndx != SHN_UNDEF) take(name, symbol);
+        }
+    }
+}
+
+} // namespace
+
+ElfImage ElfImage::read_file(const std::string &path) {
+    std::ifstream in(path, std::ios::binary | std::ios::ate);
+    if (!in) throw ElfError("cannot be opened");
+    if (static_cast<std::uint64_t>(in.tellg()) > kLargestFile) throw ElfError("larger than any image");
+    in.seekg(0);
+    const std::vector<std::uint8_t> file(std::istreambuf_iterator<char>(in), {});
+    return read(file);
+}
+
+ElfImage ElfImage::read(std::span<const std::uint8_t> file) {
+    const ElfHandle elf = OpenExecutable(file);
+    ElfImage image;
+    GElf_Ehdr header;
+    gelf_getehdr(elf.get(), &header);
+    image.entry_ = static_cast<std::uint32_t>(header.e_entry);
+    std::size_t count = 0;
+    if (elf_getphdrnum(elf.get(), &count) != 0) throw ElfError("program headers cannot be read");
+    for (std::size_t number = 0; number < count; ++number) {
+        GElf_Phdr segment;
+        if (!gelf_getphdr(elf.get(), static_cast<int>(number), &segment))
+            throw ElfError(fmt::format("program header {} lies outside the file", number));
+        if (segment.p_type == PT_LOAD && segment.p_memsz > 0)
+            image.segments_.push_back(ReadSegment(file, segment, number));
+    }
+    if (image.segments_.empty()) throw ElfError("nothing to load");
+    EachSymbol(elf.get(), [&](const char *name, const GElf_Sym &symbol) {
+        const auto value = static_cast<std::uint32_t>(symbol.st_value);
+        const bool global = GELF_ST_BIND(symbol.st_info) != STB_LOCAL;
+        if (global)
+            image.symbols_[name] = value;
+        else
+            image.symbols_.emplace(name, value);
+        if (GELF_ST_TYPE(symbol.st_info) == STT_FUNC) image.routines_.emplace(value & ~1u, name);
+    });
+    return image;
+}
+
+std::optional<std::uint32_t> ElfImage::symbol(const std::string &name) const {
+    const auto found = symbols_.find(name);
+    if (found == symbols_.end()) return std::nullopt;
+    return found->second;
+}
+
+std::string ElfImage::place(std::uint32_t address) const {
+    const auto after = routines_.upper_bound(address);
+    const bool loaded = std::any_of(segments_.begin(), segments_.end(),
+                                    [&](const ElfSegment &s) { return address - s.address < s.bytes.size(); });
+    if (after == routines_.begin() || !loaded) return fmt::format("0x{:08X}", address);
+    const auto &[start, name] = *std::prev(after);
+    return fmt::format("{}+0x{:X}", name, address - start);
+}
+
+std::vector<std::uint8_t> ElfImage::flat() const {
+    std::uint32_t base = 0xFFFFFFFF;
+    for (const ElfSegment &segment : segments_)
+        if (!segment.bytes.empty()) base = std::min(base, segment.address);
+    std::vector<std::uint8_t> all;
+    for (const ElfSegment &segment : segments_) {
+        if (segment.bytes.empty()) continue;
+        const std::uint64_t offset = segment.address - base;
+        if (offset + segment.bytes.size() > kLargestSegment) throw ElfError("segments lie too far apart");
+        if (all.size() < offset + segment.bytes.size()) all.resize(offset + segment.bytes.size());
+        std::copy(segment.bytes.begin(), segment.bytes.end(), all.begin() + static_cast<std::ptrdiff_t>(offset));
+    }
+    return all;
+}
+
+} // namespace fixture

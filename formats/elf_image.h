@@ -1,0 +1,53 @@
+// Reads ELF32 executables for the ARM: segments to load, entry, symbols by name. Nothing in the file is trusted.
+//
+//   ElfImage image = ElfImage::read_file("bootloader.elf");
+//   LoadElf(image, memory);                     (machine/firmware.h)
+//   processor.run(image.entry(), image.symbol("main"));
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace fixture {
+
+// What is wrong with the file, in one line without the file's name.
+class ElfError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+struct ElfSegment {
+    std::uint32_t address;           // physical address: where it is loaded
+    std::vector<std::uint8_t> bytes; // the file's part
+    std::uint32_t memory_size;       // at least bytes.size(); the rest is zero
+};
+
+class ElfImage {
+public:
+    // Both throw ElfError: not an ELF32 little-endian ARM executable, parts outside the file, segments over 64 MiB.
+    static ElfImage read_file(const std::string &path);
+    static ElfImage read(std::span<const std::uint8_t> file);
+
+    std::uint32_t entry() const { return entry_; }
+    const std::vector<ElfSegment> &segments() const { return segments_; }
+    // A global or local symbol's value (routine: entry address; object: address).
+    std::optional<std::uint32_t> symbol(const std::string &name) const;
+    // "name+0x10" of the routine that holds an address, or "0x20001234".
+    std::string place(std::uint32_t address) const;
+
+    // The flat binary: segments from the lowest address to the end of the last file part, gaps zero.
+    std::vector<std::uint8_t> flat() const;
+
+private:
+    std::uint32_t entry_ = 0;
+    std::vector<ElfSegment> segments_;
+    std::map<std::string, std::uint32_t> symbols_;
+    std::map<std::uint32_t, std::string> routines_;
+};
+
+} // namespace fixture

@@ -1,0 +1,275 @@
+#include "formats/flash_report.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <fmt/format.h>
+
+namespace fixture {
+
+namespace {
+
+// A check reads this much behind an image; a DataFlash refuses to read beyond its end.
+constexpr std::uint32_t kReadBehind = 32;
+constexpr std::uint32_t kRecordBlock = 1;
+// A record that reads so is none: it is the beginning of an image, read behind a bad block.
+constexpr std::string_view kNoRecord = "Orvalis Luminati";
+
+std::uint32_t BadBlocksIn(const RawFlash &flash, const Slot &slot) {
+    const std::uint32_t first = slot.address / flash.unit;
+    const std::uint32_t end = (slot.address + slot.capacity) / flash.unit;
+    return static_cast<std::uint32_t>(
+        std::count_if(flash.bad_blocks.begin(), flash.bad_blocks.end(),
+                      [=](std::uint32_t block) { return block >= first && block < end; }));
+}
+
+bool IsBad(const RawFlash &flash, std::uint32_t block) {
+    return std::find(flash.bad_blocks.begin(), flash.bad_blocks.end(), block) != flash.bad_blocks.end();
+}
+
+// Nothing lies behind the rescue image on a DataFlash: it may reach to the end of this chip.
+Slot RescueOn(const RawFlash &flash) {
+    Slot slot = SlotsOf(flash.medium).rescue;
+    if (flash.medium == Medium::dataflash)
+        slot.capacity = flash.bytes < slot.address + kReadBehind ? 0 : flash.bytes - slot.address - kReadBehind;
+    return slot;
+}
+
+std::string RecordText(const std::vector<std::uint8_t> &record) {
+    std::string text;
+    for (const std::uint8_t byte : record) {
+        if (byte == 0) break;
+        text += byte >= 0x20 && byte < 0x7F ? std::string(1, static_cast<char>(byte)) : fmt::format("\\x{:02X}", byte);
+    }
+    return std::all_of(record.begin(), record.end(), [](std::uint8_t byte) { return byte == 0xFF; }) ? "" : text;
+}
+
+// Bytes in use between two addresses.
+std::size_t UsedBytes(const RawFlash &flash, std::uint32_t from, std::uint32_t to) {
+    const std::vector<std::uint8_t> bytes = flash.read(from, to - from);
+    return bytes.size() - static_cast<std::size_t>(std::count(bytes.begin(), bytes.end(), std::uint8_t{0xFF}));
+}
+
+// --- the holes, each named with the place it is in
+
+using Warnings = std::vector<std::string>;
+
+// What lies behind a slot.
+const char *Behind(const RawFlash &flash, const Slot &slot) {
+    const SlotTable &table = SlotsOf(flash.medium);
+    for (const Slot &next : {table.bootloader[1], table.rescue})
+        if (next.address == slot.address + slot.capacity) return next.name;
+    return "the file system's part";
+}
+
+// The largest image that an update tries to store; bad blocks do not stop it.
+std::uint32_t MostIn(const RawFlash &flash, const Slot &slot) {
+    return flash.medium == Medium::nand ? slot.capacity : RoomIn(flash, slot);
+}
+
+void WarnOfBadBlocks(const RawFlash &flash, const Slot &slot, Warnings &warnings) {
+    const std::uint32_t bad = BadBlocksIn(flash, slot);
+    if (bad > 0)
+        warnings.push_back(fmt::format("{}: {} bad block{} inside it; an image above {} bytes runs on into {}",
+                                       slot.name, bad, bad == 1 ? "" : "s", RoomIn(flash, slot), Behind(flash, slot)));
+}
+
+void WarnOfPushedTail(const RawFlash &flash, const Slot &slot, std::uint32_t bytes, Warnings &warnings) {
+    const std::uint32_t room = RoomIn(flash, slot);
+    if (flash.medium == Medium::nand && bytes > room && bytes <= slot.capacity)
+        warnings.push_back(fmt::format("{}: bad blocks push the last {} of {} bytes on into {}; of the two, what is "
+                                       "written last destroys the other",
+                                       slot.name, bytes - room, bytes, Behind(flash, slot)));
+}
+
+void WarnOfRecordBlock(const RawFlash &flash, Warnings &warnings) {
+    if (flash.medium == Medium::nand && IsBad(flash, kRecordBlock))
+        warnings.push_back("block 1 is bad: the version record would lie in bootloader slot 0, so the rescue image is "
+                           "not updated while a bootloader is there");
+}
+
+// A page is rewritten as a whole, so a power cut takes with it what it holds of a neighbour.
+void WarnOfSharedHead(const RawFlash &flash, const Slot &slot, Warnings &warnings) {
+    if (flash.medium == Medium::nand || slot.address >= flash.bytes) return;
+    const std::uint32_t page = slot.address / flash.unit;
+    const std::size_t before = UsedBytes(flash, page * flash.unit, slot.address);
+    if (before > 0)
+        warnings.push_back(fmt::format("{}: page {} holds {} bytes of what lies before it; a power cut while one is "
+                                       "written can destroy the other",
+                                       slot.name, page, before));
+}
+
+void WarnOfSharedTail(const RawFlash &flash, const Slot &slot, std::uint32_t bytes, Warnings &warnings) {
+    const std::uint32_t next = slot.address + slot.capacity;
+    const std::uint32_t page = next / flash.unit;
+    if (flash.medium == Medium::nand || slot.address + bytes <= page * flash.unit) return;
+    warnings.push_back(fmt::format("{}: the last {} of {} bytes share page {} with {}; a power cut while one is "
+                                   "written can destroy the other",
+                                   slot.name, slot.address + bytes - page * flash.unit, bytes, page,
+                                   Behind(flash, slot)));
+}
+
+void WarnOfRecordPage(const RawFlash &flash, Warnings &warnings) {
+    if (flash.medium == Medium::nand) return;
+    const Slot &record = SlotsOf(flash.medium).record;
+    WarnOfSharedHead(flash, record, warnings);
+    const std::uint32_t page = record.address / flash.unit;
+    const std::size_t behind = UsedBytes(flash, record.address + record.capacity, (page + 1) * flash.unit);
+    if (behind > 0)
+        warnings.push_back(
+            fmt::format("version record: page {} holds {} bytes of what lies behind it; a power cut while "
+                        "the record is written can destroy them",
+                        page, behind));
+}
+
+void WarnOfOnlySlot(const RawFlash &flash, std::uint32_t bytes, Warnings &warnings) {
+    const auto &slots = SlotsOf(flash.medium).bootloader;
+    const bool fits[2] = {bytes <= MostIn(flash, slots[0]), bytes <= MostIn(flash, slots[1])};
+    if (fits[0] == fits[1]) return;
+    warnings.push_back(
+        fmt::format("{}: {} bytes fit here alone; a board that starts from here refuses such an update{}",
+                    slots[fits[1]].name, bytes,
+                    fits[1] ? ", and one whose power goes before the old bootloader is retired keeps the "
+                              "old one"
+                            : ""));
+}
+
+void WarnOfChipEnd(const SlotReport &report, Warnings &warnings) {
+    if (report.room >= kImageHeaderBytes) return;
+    warnings.push_back(fmt::format("{}: beyond the end of the chip", report.slot.name));
+}
+
+// There is one rescue slot, and a cut update leaves no image in it.
+void WarnOfLostRescue(const FlashReport &report, Warnings &warnings) {
+    const ImageVerdict verdict = report.slots.back().image.verdict;
+    if (verdict == ImageVerdict::good || (verdict == ImageVerdict::erased && report.record.empty())) return;
+    const std::string same = report.record.empty() ? "" : fmt::format(", unless its version is \"{}\"", report.record);
+    warnings.push_back("rescue: no good image, as a power cut while one is stored leaves it; the next boot with a bank "
+                       "that carries one stores it" +
+                       same);
+}
+
+Warnings WarningsOf(const RawFlash &flash, const FlashReport &report) {
+    Warnings warnings;
+    WarnOfRecordBlock(flash, warnings);
+    WarnOfRecordPage(flash, warnings);
+    for (const SlotReport &slot : report.slots) {
+        WarnOfChipEnd(slot, warnings);
+        WarnOfBadBlocks(flash, slot.slot, warnings);
+        WarnOfSharedHead(flash, slot.slot, warnings);
+        if (slot.image.verdict != ImageVerdict::good) continue;
+        WarnOfPushedTail(flash, slot.slot, slot.image.size, warnings);
+        if (&slot != &report.slots.back()) WarnOfOnlySlot(flash, slot.image.size, warnings);
+    }
+    WarnOfLostRescue(report, warnings);
+    return warnings;
+}
+
+std::string RecordIn(const RawFlash &flash) {
+    const Slot &slot = SlotsOf(flash.medium).record;
+    const std::string record = RecordText(flash.read(slot.address, slot.capacity));
+    return record == kNoRecord ? "" : record;
+}
+
+void RefuseUnlessItFits(const RawFlash &flash, const Slot &slot, const Bytes &image) {
+    const std::uint32_t room = RoomIn(flash, slot);
+    if (image.size() > room)
+        throw Refusal(fmt::format("{} of the {} {}: {} bytes; expected at most {}{}", slot.name, flash.part,
+                                  NameOf(flash.medium), image.size(), room,
+                                  BadBlocksIn(flash, slot) > 0 ? ", which its bad blocks leave" : ""));
+}
+
+void RefuseUnreadableRecord(const RawFlash &flash, const Provision &provision) {
+    const std::size_t most = SlotsOf(flash.medium).record.capacity;
+    const std::string &version = provision.rescue_version;
+    if (version.empty() || version.size() > most)
+        throw Refusal(
+            fmt::format("rescue version \"{}\": {} characters; expected 1 to {}", version, version.size(), most));
+    if (version == kNoRecord)
+        throw Refusal(
+            fmt::format("rescue version \"{}\": the beginning of the maker text counts as no version", version));
+    if (flash.medium == Medium::nand && IsBad(flash, kRecordBlock))
+        throw Refusal("block 1 is bad: a rescue version written there would fall into bootloader slot 0");
+}
+
+void EraseSlot(const RawFlash &flash, const Slot &slot) {
+    const std::uint32_t end = std::min(flash.bytes, slot.address + slot.capacity);
+    if (slot.address >= end) return;
+    // A NAND write moves on behind bad blocks, so it is told only as much as the good ones take.
+    const std::uint32_t length = end - slot.address - BadBlocksIn(flash, slot) * flash.unit;
+    flash.write(slot.address, Bytes(length, 0xFF));
+}
+
+} // namespace
+
+const char *NameOf(Medium medium) { return medium == Medium::nand ? "NAND" : "DataFlash"; }
+
+std::uint32_t RoomIn(const RawFlash &flash, const Slot &slot) {
+    if (flash.medium == Medium::nand) return slot.capacity - BadBlocksIn(flash, slot) * flash.unit;
+    if (flash.bytes < slot.address + kReadBehind) return 0;
+    return std::min(slot.capacity, flash.bytes - slot.address - kReadBehind);
+}
+
+FlashReport ExamineFlash(const RawFlash &flash) {
+    const SlotTable &table = SlotsOf(flash.medium);
+    FlashReport report{flash.medium, flash.part, flash.bad_blocks, {}, "", {}, {}};
+    for (const Slot &slot : {table.bootloader[0], table.bootloader[1], RescueOn(flash)})
+        report.slots.push_back({slot, RoomIn(flash, slot), ReadSlot(flash.read, slot)});
+    report.record = RecordIn(flash);
+    report.first_stage = ChooseBootloader(flash.read, table);
+    report.warnings = WarningsOf(flash, report);
+    return report;
+}
+
+std::vector<std::string> WarningsOfBootloader(const RawFlash &flash, std::uint32_t bytes) {
+    Warnings warnings;
+    bool fits = false;
+    for (const Slot &slot : SlotsOf(flash.medium).bootloader) {
+        if (bytes > MostIn(flash, slot)) continue;
+        fits = true;
+        WarnOfPushedTail(flash, slot, bytes, warnings);
+        WarnOfSharedHead(flash, slot, warnings);
+        WarnOfSharedTail(flash, slot, bytes, warnings);
+    }
+    WarnOfOnlySlot(flash, bytes, warnings);
+    if (!fits) warnings.push_back(fmt::format("{} bytes fit neither bootloader slot; the update is refused", bytes));
+    return warnings;
+}
+
+std::vector<std::string> WarningsOfRescue(const RawFlash &flash, std::uint32_t bytes, const std::string &version) {
+    const Slot slot = RescueOn(flash);
+    if (bytes > MostIn(flash, slot))
+        return {fmt::format("rescue: takes {} bytes, not {}; the update is refused", MostIn(flash, slot), bytes)};
+    Warnings warnings;
+    WarnOfPushedTail(flash, slot, bytes, warnings);
+    WarnOfSharedHead(flash, slot, warnings);
+    WarnOfRecordBlock(flash, warnings);
+    WarnOfRecordPage(flash, warnings);
+    const bool replaces = ReadSlot(flash.read, slot).verdict == ImageVerdict::good;
+    if (replaces && !version.empty() && version != RecordIn(flash))
+        warnings.push_back("rescue: the image there is replaced in place; a power cut meanwhile leaves none until the "
+                           "next boot with this bank");
+    return warnings;
+}
+
+void PrintWarnings(const std::string &place, const std::vector<std::string> &warnings) {
+    std::fflush(stdout);
+    for (const std::string &warning : warnings) fmt::print(stderr, "warning: {}: {}\n", place, warning);
+}
+
+void StoreProvision(const RawFlash &flash, const Provision &provision) {
+    const SlotTable &table = SlotsOf(flash.medium);
+    RefuseUnlessItFits(flash, table.bootloader.at(provision.slot), provision.bootloader);
+    if (!provision.rescue.empty()) {
+        RefuseUnlessItFits(flash, RescueOn(flash), provision.rescue);
+        RefuseUnreadableRecord(flash, provision);
+    }
+    EraseSlot(flash, table.bootloader.at(1 - provision.slot));
+    flash.write(table.bootloader[provision.slot].address, provision.bootloader);
+    if (provision.rescue.empty()) return;
+    flash.write(table.rescue.address, provision.rescue);
+    Bytes record(provision.rescue_version.begin(), provision.rescue_version.end());
+    record.resize(table.record.capacity);
+    flash.write(table.record.address, record);
+}
+
+} // namespace fixture

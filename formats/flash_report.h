@@ -1,0 +1,74 @@
+// What a board's raw flash holds, slot by slot, and what can still go wrong with it; and the writing of it.
+//
+// The layout has holes that no software of the board can close: slots that lose room to bad blocks, a version record
+// whose only block wears out, slots that share a DataFlash page. A report names those that concern the chip at hand.
+#pragma once
+
+#include "formats/file.h"
+#include "formats/slots.h"
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace fixture {
+
+// One chip's data bytes, whichever medium it is. Refers to the chip's contents, which outlive it.
+struct RawFlash {
+    Medium medium;
+    std::string part;
+    std::uint32_t bytes;
+    std::uint32_t unit;                    // what is rewritten as a whole: a block or a page
+    std::vector<std::uint32_t> bad_blocks; // NAND only
+    FlashReader read;
+    // Writes from a byte address on, as the bootloader would: a NAND block is erased first and bad blocks are skipped;
+    // on a DataFlash the rest of a page stays. `bytes` fits.
+    std::function<void(std::uint32_t address, std::span<const std::uint8_t> bytes)> write;
+};
+
+const char *NameOf(Medium medium);
+
+// The largest image that stays inside a slot: less than its capacity where blocks are bad or the chip ends before.
+std::uint32_t RoomIn(const RawFlash &flash, const Slot &slot);
+
+struct SlotReport {
+    Slot slot;
+    std::uint32_t room;
+    StoredImage image;
+};
+
+struct FlashReport {
+    Medium medium;
+    std::string part;
+    std::vector<std::uint32_t> bad_blocks;
+    std::vector<SlotReport> slots;       // bootloader 0, bootloader 1, rescue
+    std::string record;                  // version text of the stored rescue image; empty: none
+    std::optional<unsigned> first_stage; // the bootloader slot that the first stage starts
+    std::vector<std::string> warnings;
+};
+FlashReport ExamineFlash(const RawFlash &flash);
+
+// What an image of `bytes` bytes, header and all, would meet on a chip when an update stores it: which slots it does
+// not fit, where bad blocks push it on, with whom it shares a page. A rescue image's version, where it is known, tells
+// whether it replaces another one.
+std::vector<std::string> WarningsOfBootloader(const RawFlash &flash, std::uint32_t bytes);
+std::vector<std::string> WarningsOfRescue(const RawFlash &flash, std::uint32_t bytes, const std::string &version = "");
+
+// To standard error, a line each: "warning: PLACE: TEXT".
+void PrintWarnings(const std::string &place, const std::vector<std::string> &warnings);
+
+struct Provision {
+    unsigned slot = 0;
+    Bytes bootloader; // stored images, header and all
+    Bytes rescue;     // empty: none
+    std::string rescue_version;
+};
+
+// Stores what production stores. The other bootloader slot is erased, so that the first stage takes this one. Throws
+// Refusal, with nothing written, where something does not fit or would not be found again.
+void StoreProvision(const RawFlash &flash, const Provision &provision);
+
+} // namespace fixture

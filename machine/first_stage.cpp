@@ -1,0 +1,22 @@
+#include "machine/first_stage.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace fixture {
+
+bool MarkerStands(const Memory &memory) {
+    const std::span<std::uint8_t> marker = memory.at(kLaunchMarker, sizeof kLaunchMarkerText);
+    return !marker.empty() && std::memcmp(marker.data(), kLaunchMarkerText, marker.size()) == 0;
+}
+
+std::optional<Handover> TakeHandover(const Memory &memory) {
+    if (!MarkerStands(memory)) return std::nullopt;
+    const std::span<std::uint8_t> marker = memory.at(kLaunchMarker, sizeof kLaunchMarkerText);
+    std::fill(marker.begin(), marker.end(), std::uint8_t{0});
+    const bool has_header =
+        std::memcmp(memory.at(kLoadBuffer, sizeof kMakerText).data(), kMakerText, sizeof kMakerText) == 0;
+    return Handover{kLoadBuffer + (has_header ? kImageHeaderBytes : 0), has_header};
+}
+
+} // namespace fixture

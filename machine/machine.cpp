@@ -1,0 +1,236 @@
+#include "machine/machine.h"
+
+#include "machine/first_stage.h"
+#include "machine/raw_flash.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <fmt/format.h>
+#include <fstream>
+#include <stdexcept>
+
+namespace fixture {
+
+const char *VerdictName(Verdict verdict) {
+    static constexpr std::array kNames = {"launched",   "idle", "no bootloader", "power lost",
+                                          "reset loop", "hang", "fault",         "violation"};
+    return kNames[static_cast<std::size_t>(verdict)];
+}
+
+int RunReport::exit_status() const {
+    switch (verdict) {
+    case Verdict::launched: return 0;
+    case Verdict::idle:
+    case Verdict::no_bootloader: return 1;
+    default: return 3;
+    }
+}
+
+Machine::Machine(Chips &chips, RunOptions options)
+    : options_(std::move(options)), chips_(chips), board_(chips, options_.board), volume_(options_.volume),
+      debugger_(board_.memory.memory(), volume_) {
+    connect();
+    debugger_.file_server_fails = options_.file_server_fails;
+    if (options_.processor != ProcessorKind::host) return;
+    native_ = std::make_unique<NativeProcessor>(
+        NativeProcessor::Wiring{board_.clock, board_.bus, volume_, board_.cache,
+                                [this] { return static_cast<std::uint32_t>(kSecond / board_.pmc.master_cycle()); },
+                                options_.file_server_fails});
+}
+
+Machine::~Machine() = default;
+
+void Machine::connect() {
+    board_.console.transmitted = [this](char c) {
+        if (options_.console) options_.console(c);
+    };
+    board_.reset_controller.processor_reset = [this] { stop({StageEnd::reset, 0, "reset controller"}); };
+    board_.watchdog.expired = [this] {
+        stop({StageEnd::reset, 0, "watchdog, after a look at " + board_.bus.last_read()});
+    };
+    board_.supply.lost = [this] { stop({StageEnd::power_lost, 0, ""}); };
+    board_.bus.endless_wait = [this](const std::string &name) { stop({StageEnd::hang, 0, name}); };
+    board_.bus.unmapped = [this](std::uint32_t address, bool is_write) {
+        stop({StageEnd::fault, 0,
+              fmt::format("{} at 0x{:08X}, where nothing is", is_write ? "write" : "read", address)});
+    };
+}
+
+void Machine::record_frames(PanelWiring wiring) {
+    constexpr unsigned kBarRow = 220; // the first one that changes from one step to the next
+    constexpr unsigned kRowBytes = 640;
+    frames_.emplace(
+        board_.clock, board_.lcdc, board_.memory.sdram(), [this] { return board_.picture_lit(); }, wiring, kBarRow);
+    board_.bus.before_access = volume_.before_open = [this] { frames_->glance(); };
+    // A bar may be drawn over another with nothing between them: the last moment to see the first is before the first
+    // word of the bar is written again. Natively instructions take no time, so there two such bars are one moment.
+    arm().watch_write(kVideoRegion + kBarRow * kRowBytes, [this] {
+        if (frames_->lit()) frames_->glance();
+    });
+}
+
+void Machine::stop(StageResult result) {
+    if (arm_ && arm_->running()) return arm_->stop(std::move(result));
+    if (native_) native_->stop(std::move(result));
+}
+
+ArmProcessor &Machine::arm() {
+    if (!arm_) {
+        arm_ = std::make_unique<ArmProcessor>(ArmProcessor::Wiring{board_.clock, board_.journal, board_.bus,
+                                                                   board_.memory.memory(), debugger_, board_.cache,
+                                                                   [this] { return board_.pmc.core_cycle(); }});
+        arm_->watch_alignment(options_.watch_alignment);
+    }
+    return *arm_;
+}
+
+// The image in the first good slot of the strapped medium. What runs natively must be a build that is known here.
+const Firmware *Machine::bootloader_in_slot() {
+    const bool nand = options_.board.straps.boots_from_nand();
+    const FlashReader read = nand ? ReaderOf(chips_.nand) : ReaderOf(chips_.dataflash);
+    const SlotTable &slots = SlotsOf(nand ? Medium::nand : Medium::dataflash);
+    report_.slot = ChooseBootloader(read, slots);
+    if (!report_.slot) return nullptr;
+    const StoredImage image = ReadSlot(read, slots.bootloader[*report_.slot]);
+    const auto body = std::span(image.bytes).subspan(kImageHeaderBytes);
+    // A known image brings its symbols; natively nothing else can run.
+    const Firmware *known = options_.known ? options_.known->identify(body) : nullptr;
+    if (known || native_) return known;
+    from_slot_ = Firmware{slots.bootloader[*report_.slot].name, {body.begin(), body.end()}, {}, {}};
+    return &*from_slot_;
+}
+
+const Firmware *Machine::choose_bootloader() {
+    const bool given = options_.firmware && (starts_ == 0 || !options_.slots);
+    return given ? options_.firmware : bootloader_in_slot();
+}
+
+StageResult Machine::run_bootloader(const Firmware &firmware) {
+    running_ = &firmware;
+    volume_.close_all();
+    if (native_) return native_->run(firmware.version);
+    const std::span<std::uint8_t> place = board_.memory.memory().at(kBootloaderLinkAddress, firmware.flat.size());
+    if (place.empty()) return {StageEnd::fault, 0, "the image does not fit the memory"};
+    if (firmware.elf)
+        LoadElf(*firmware.elf, board_.memory.memory());
+    else
+        std::copy(firmware.flat.begin(), firmware.flat.end(), place.begin());
+    return arm().run(firmware.entry());
+}
+
+void Machine::name_launched() {
+    const std::filesystem::path path = volume_.last_opened_file();
+    const std::span<std::uint8_t> buffer = board_.memory.memory().at(kLoadBuffer, HandoverCache::kBytes);
+    std::error_code none;
+    const std::uintmax_t size = std::filesystem::file_size(path, none);
+    std::vector<char> bytes(none || size > buffer.size() ? 0 : size);
+    if (!bytes.empty() && std::ifstream(path, std::ios::binary).read(bytes.data(), std::ssize(bytes)) &&
+        std::memcmp(bytes.data(), buffer.data(), bytes.size()) == 0) {
+        report_.launched = volume_.last_opened();
+        report_.launched_bytes = static_cast<std::uint32_t>(bytes.size());
+        return;
+    }
+    report_.launched = "rescue image";
+    std::memcpy(&report_.launched_bytes, &buffer[20], sizeof report_.launched_bytes);
+}
+
+void Machine::launch() {
+    const std::optional<Handover> handover = TakeHandover(board_.memory.memory());
+    report_.verdict = Verdict::launched;
+    name_launched();
+    volume_.close_all();
+    if (!options_.run_launched) return;
+    const StageResult end = arm().run(handover->entry);
+    static constexpr std::array kEnds = {"was reset", "ended", "is still running", "faulted", "lost power", "stopped"};
+    report_.launched_end = kEnds[static_cast<std::size_t>(end.end)];
+    if (end.end == StageEnd::exited)
+        report_.launched_end += fmt::format(" with result {}", end.exit_code);
+    else if (!end.place.empty())
+        report_.launched_end += " at " + end.place;
+}
+
+RunReport Machine::finish(RunReport report) {
+    report.medium = options_.board.straps.boots_from_nand() ? "NAND" : "DataFlash";
+    report.time = board_.clock.now();
+    report.instructions = instructions();
+    const std::vector<JournalEntry> &violations = board_.journal.violations();
+    if (!violations.empty() && report.verdict != Verdict::power_lost) {
+        report.verdict = Verdict::violation;
+        report.place = violations.front().where + ": " + violations.front().what;
+    }
+    return report;
+}
+
+namespace {
+
+// How a bootloader's stage ends the run, where it does.
+std::optional<Verdict> VerdictOf(const StageResult &end) {
+    switch (end.end) {
+    case StageEnd::reset: return std::nullopt;
+    case StageEnd::exited: return end.exit_code == 0 ? Verdict::idle : Verdict::fault;
+    case StageEnd::power_lost: return Verdict::power_lost;
+    case StageEnd::hang: return Verdict::hang;
+    default: return Verdict::fault;
+    }
+}
+
+} // namespace
+
+RunReport Machine::run() {
+    for (;;) {
+        const Firmware *firmware = choose_bootloader();
+        starts_++;
+        if (!firmware) {
+            report_.verdict = Verdict::no_bootloader;
+            return finish(report_);
+        }
+        const StageResult end = run_bootloader(*firmware);
+        if (const std::optional<Verdict> verdict = VerdictOf(end)) {
+            report_.verdict = *verdict;
+            report_.place = end.end == StageEnd::exited && end.exit_code
+                                ? fmt::format("the program ended with result {} {}", end.exit_code, end.place)
+                                : end.place;
+            return finish(report_);
+        }
+        report_.resets++;
+        board_.processor_reset();
+        if (MarkerStands(board_.memory.memory())) {
+            launch();
+            return finish(report_);
+        }
+        if (report_.resets >= options_.most_resets) {
+            report_.verdict = Verdict::reset_loop;
+            report_.place = end.place;
+            return finish(report_);
+        }
+    }
+}
+
+StageResult Machine::start() {
+    const Firmware *firmware = choose_bootloader();
+    if (!firmware) throw std::runtime_error("no bootloader to start");
+    running_ = firmware;
+    if (native_) return native_->start(firmware->version);
+    if (!firmware->elf) throw std::runtime_error(firmware->file.string() + ": no symbols");
+    LoadElf(*firmware->elf, board_.memory.memory());
+    return arm().run(firmware->entry(), symbol("main"));
+}
+
+std::uint32_t Machine::symbol(const char *name) const {
+    const std::optional<std::uint32_t> address = running_->elf ? running_->elf->symbol(name) : std::nullopt;
+    if (!address) throw std::runtime_error(fmt::format("{}: no symbol {}", running_->file.string(), name));
+    return *address;
+}
+
+StageResult Machine::call(const char *routine, std::span<const std::uint32_t> arguments, std::uint32_t &result) {
+    if (native_) return native_->call(routine, arguments, result);
+    return arm().call(symbol(routine), arguments, result);
+}
+
+void *Machine::object(const char *name) {
+    if (native_) return NativeProcessor::object(name);
+    return board_.memory.memory().from(symbol(name)).data();
+}
+
+} // namespace fixture

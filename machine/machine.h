@@ -1,0 +1,118 @@
+// One power-up of a board and all that follows from it: the first-stage stand-in starts a bootloader, the bootloader
+// resets the processor, the first stage starts what was left for it, and so on, until something ends the run.
+//
+//   Machine machine(chips, options);
+//   machine.board().pio('B')...              look at or prepare the board, plan faults
+//   RunReport report = machine.run();
+//
+// A Machine is one power-up; a power cycle is a new Machine on the same chips.
+#pragma once
+
+#include "fixture/board.h"
+#include "fixture/processors/arm_processor.h"
+#include "machine/firmware.h"
+#include "machine/frames.h"
+#include "machine/volume.h"
+#include "platform/host/native_processor.h"
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace fixture {
+
+enum class ProcessorKind : std::uint8_t { arm, host };
+
+struct RunOptions {
+    ProcessorKind processor = ProcessorKind::arm;
+    const KnownFirmware *known = nullptr; // builds that stand behind images; needed on the host
+    const Firmware *firmware = nullptr; // replaces the first stage's choice: at the first start with slots, else always
+    bool slots = false;                 // the first stage looks for bootloaders in the chips' slots
+    std::filesystem::path volume;       // directory of the file system; empty: no files
+    BoardOptions board;
+    bool file_server_fails = false;
+    unsigned most_resets = 8;
+    bool run_launched = true; // false: the run ends where the first stage would start the launched image
+    bool watch_alignment = true;
+    std::function<void(char)> console;
+};
+
+enum class Verdict : std::uint8_t {
+    launched,      // an image was handed over and started
+    idle,          // nothing to launch: main has returned
+    no_bootloader, // the first stage found no good slot
+    power_lost,    // the planned cut came
+    reset_loop,    // more resets than allowed
+    hang,          // a wait that can never end
+    fault,         // the program reported a fault or cannot go on
+    violation,     // something the datasheets forbid was done
+};
+const char *VerdictName(Verdict verdict);
+
+struct RunReport {
+    Verdict verdict = Verdict::idle;
+    std::string place;    // of a hang, fault or violation; what made the last reset of a loop
+    std::string medium;   // "NAND" or "DataFlash": what the board boots from
+    std::string launched; // the file or slot whose image was started
+    std::uint32_t launched_bytes = 0;
+    std::string launched_end;     // how the launched image ended
+    std::optional<unsigned> slot; // the bootloader slot that the first stage took last
+    unsigned resets = 0;
+    Picoseconds time = 0;
+    std::uint64_t instructions = 0; // on the emulated processor
+
+    // 0 launched, 1 nothing to launch, 3 anything that must not happen.
+    int exit_status() const;
+};
+
+class Machine {
+public:
+    Machine(Chips &chips, RunOptions options);
+    ~Machine();
+    Machine(const Machine &) = delete;
+    Machine &operator=(const Machine &) = delete;
+
+    Board &board() { return board_; }
+    RunReport run();
+
+    // Collects the panel's frames from now on. Before the run.
+    void record_frames(PanelWiring wiring);
+    FrameRecorder *frames() { return frames_ ? &*frames_ : nullptr; }
+
+    // For single routines: starts the chosen bootloader up to the entry of main, then calls one routine by its name.
+    StageResult start();
+    StageResult call(const char *routine, std::span<const std::uint32_t> arguments, std::uint32_t &result);
+    // A named object of the bootloader, in this process's memory; null where there is none.
+    void *object(const char *name);
+    // A routine's or object's address on the emulated processor.
+    std::uint32_t symbol(const char *name) const;
+    std::uint64_t instructions() const { return arm_ ? arm_->instructions() : 0; }
+
+private:
+    void connect();
+    void stop(StageResult result);
+    ArmProcessor &arm();
+    StageResult run_bootloader(const Firmware &firmware);
+    void launch();
+    const Firmware *bootloader_in_slot();
+    const Firmware *choose_bootloader();
+    void name_launched();
+    RunReport finish(RunReport report);
+
+    RunOptions options_;
+    Chips &chips_;
+    Board board_;
+    Volume volume_;
+    SemihostingServer debugger_;
+    std::unique_ptr<ArmProcessor> arm_;
+    std::unique_ptr<NativeProcessor> native_;
+    const Firmware *running_ = nullptr;
+    std::optional<Firmware> from_slot_;
+    std::optional<FrameRecorder> frames_;
+    unsigned starts_ = 0;
+    RunReport report_;
+};
+
+} // namespace fixture

@@ -1,0 +1,68 @@
+#include "machine/raw_flash.h"
+
+#include <algorithm>
+
+namespace fixture {
+
+namespace {
+
+std::vector<std::uint32_t> BadBlocksOf(const NandContents &contents) {
+    std::vector<std::uint32_t> bad;
+    for (std::uint32_t block = 0; block < kNandBlocks; ++block)
+        if (contents.marked_bad(block)) bad.push_back(block);
+    return bad;
+}
+
+} // namespace
+
+FlashReader ReaderOf(const At45Contents &contents) {
+    return [&contents](std::uint32_t address, std::uint32_t length) { return contents.read(address, length); };
+}
+
+FlashReader ReaderOf(const NandContents &contents) {
+    return [&contents](std::uint32_t address, std::uint32_t length) {
+        std::vector<std::uint8_t> bytes;
+        for (std::uint32_t block = address / kNandBlockBytes; block < kNandBlocks && bytes.size() < length; ++block) {
+            if (contents.marked_bad(block)) continue;
+            const auto rest = static_cast<std::uint32_t>(length - bytes.size());
+            const std::vector<std::uint8_t> part =
+                contents.read(block * kNandBlockBytes, std::min(rest, kNandBlockBytes));
+            bytes.insert(bytes.end(), part.begin(), part.end());
+        }
+        bytes.resize(length, 0xFF);
+        return bytes;
+    };
+}
+
+RawFlash RawFlashOf(At45Contents &contents) {
+    return {
+        Medium::dataflash,
+        contents.part().name,
+        contents.bytes(),
+        contents.part().page_bytes,
+        {},
+        ReaderOf(contents),
+        [&contents](std::uint32_t address, std::span<const std::uint8_t> bytes) { contents.write(address, bytes); }};
+}
+
+RawFlash RawFlashOf(NandContents &contents) {
+    RawFlash flash{Medium::nand,
+                   contents.part() ? contents.part()->name : "(none)",
+                   kNandBytes,
+                   kNandBlockBytes,
+                   BadBlocksOf(contents),
+                   ReaderOf(contents),
+                   {}};
+    flash.write = [&contents](std::uint32_t address, std::span<const std::uint8_t> bytes) {
+        for (std::uint32_t block = address / kNandBlockBytes; !bytes.empty(); ++block) {
+            if (contents.marked_bad(block)) continue;
+            const auto part = bytes.first(std::min<std::size_t>(bytes.size(), kNandBlockBytes));
+            contents.erase(block);
+            contents.write(block * kNandBlockBytes, part);
+            bytes = bytes.subspan(part.size());
+        }
+    };
+    return flash;
+}
+
+} // namespace fixture

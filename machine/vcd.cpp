@@ -1,0 +1,100 @@
+#include "machine/vcd.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <iterator>
+#include <stdexcept>
+
+namespace fixture {
+
+namespace {
+
+constexpr VcdSignal kSignals[] = {
+    {"SDA", 'B', 4},         {"SCL", 'B', 5},                                 // two-wire bus
+    {"PANEL_DATA", 'B', 13}, {"PANEL_CLOCK", 'B', 14}, {"PANEL_CS", 'B', 15}, // panel's serial line
+    {"NAND_RB", 'A', 22},    {"NAND_CE", 'D', 15},                            // ready/busy and chip enable
+    {"SPI_MISO", 'A', 0},    {"SPI_MOSI", 'A', 1},                            // DataFlash
+    {"SPI_CLOCK", 'A', 2},   {"SPI_CS", 'A', 5},
+};
+
+// Short identifiers out of the printable characters.
+std::string Identifier(std::size_t index) { return std::string(1, static_cast<char>('!' + index)); }
+
+bool Matches(std::string_view name, std::string_view wanted) {
+    if (wanted.ends_with('*')) return name.starts_with(wanted.substr(0, wanted.size() - 1));
+    return name == wanted;
+}
+
+[[noreturn]] void Refuse(std::string_view wanted) {
+    std::string names;
+    for (const VcdSignal &signal : kSignals) names += fmt::format(" {}", signal.name);
+    throw std::invalid_argument(fmt::format("no signal '{}'; there are:{}", wanted, names));
+}
+
+} // namespace
+
+// Shared with the nets' watchers, which stay when the writer has gone.
+struct VcdWriter::File {
+    std::ostream &out;
+    const Clock &clock;
+    std::vector<std::pair<std::string, const Net *>> signals;
+    bool open = false;
+    Picoseconds stamped = 0;
+
+    void stamp() {
+        const Picoseconds now = clock.now() / kNanosecond;
+        if (now == stamped) return;
+        stamped = now;
+        out << '#' << now << '\n';
+    }
+    void level(std::size_t index, bool high) { out << (high ? '1' : '0') << Identifier(index) << '\n'; }
+};
+
+VcdWriter::VcdWriter(std::ostream &out, const Clock &clock) : file_(std::make_shared<File>(File{out, clock, {}})) {}
+
+VcdWriter::~VcdWriter() {
+    if (!file_->open) return;
+    file_->stamp();
+    file_->out.flush();
+    file_->open = false;
+}
+
+void VcdWriter::add(const std::string &name, Net &net) {
+    const std::size_t index = file_->signals.size();
+    file_->signals.emplace_back(name, &net);
+    net.watch([file = file_, index](bool high) {
+        if (!file->open) return;
+        file->stamp();
+        file->level(index, high);
+    });
+}
+
+void VcdWriter::begin() {
+    std::ostream &out = file_->out;
+    out << "$timescale 1 ns $end\n$scope module fixture $end\n";
+    for (std::size_t i = 0; i < file_->signals.size(); ++i)
+        out << "$var wire 1 " << Identifier(i) << ' ' << file_->signals[i].first << " $end\n";
+    file_->stamped = file_->clock.now() / kNanosecond;
+    out << "$upscope $end\n$enddefinitions $end\n#" << file_->stamped << "\n$dumpvars\n";
+    for (std::size_t i = 0; i < file_->signals.size(); ++i) file_->level(i, file_->signals[i].second->high());
+    out << "$end\n";
+    file_->open = true;
+}
+
+std::vector<VcdSignal> VcdSignals(std::string_view list) {
+    std::vector<VcdSignal> chosen;
+    if (list.empty()) list = "*";
+    for (bool more = true; more;) {
+        const std::size_t comma = list.find(',');
+        more = comma != std::string_view::npos;
+        const std::string_view wanted = list.substr(0, comma);
+        const std::size_t before = chosen.size();
+        std::copy_if(std::begin(kSignals), std::end(kSignals), std::back_inserter(chosen),
+                     [&](const VcdSignal &signal) { return Matches(signal.name, wanted); });
+        if (chosen.size() == before) Refuse(wanted);
+        if (more) list.remove_prefix(comma + 1);
+    }
+    return chosen;
+}
+
+} // namespace fixture

@@ -1,0 +1,50 @@
+// A value change dump (IEEE 1364): the levels of chosen nets over virtual time, in nanoseconds, as logic analysers and
+// waveform viewers read it.
+//
+//   VcdWriter vcd(stream, clock);
+//   vcd.add("SCL", board.net('B', 5));     before the first edge
+//   vcd.begin();                           header and first levels; every edge from here on is written
+//
+// Levels of the same instant keep their order. The last line is the time at which the writer went away, so that the
+// last levels have a length.
+#pragma once
+
+#include "fixture/core/clock.h"
+#include "fixture/core/net.h"
+
+#include <memory>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace fixture {
+
+class VcdWriter {
+public:
+    // `out` and `clock` outlive the writer; the nets may outlive it.
+    VcdWriter(std::ostream &out, const Clock &clock);
+    ~VcdWriter();
+    VcdWriter(const VcdWriter &) = delete;
+    VcdWriter &operator=(const VcdWriter &) = delete;
+
+    void add(const std::string &name, Net &net);
+    void begin();
+
+private:
+    struct File;
+    std::shared_ptr<File> file_;
+};
+
+// A signal worth looking at, and the pin it is on.
+struct VcdSignal {
+    const char *name;
+    char port;
+    unsigned bit;
+};
+
+// The signals named in a list ("SDA,SCL,NAND_RB"); all of them for an empty one. A name that ends in "*" stands for all
+// that begin so ("PANEL*"). Throws std::invalid_argument, with the names there are, for a name that there is not.
+std::vector<VcdSignal> VcdSignals(std::string_view list);
+
+} // namespace fixture

@@ -1,0 +1,155 @@
+#include "machine/volume.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <sys/stat.h>
+#include <vector>
+
+namespace fixture {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::string_view kPrefix = "i:/vol0/";
+constexpr std::uint32_t kFailure = 0xFFFFFFFF;
+constexpr std::size_t kLongestText = 4096;
+constexpr std::uint32_t kConsole = 0x7FFFFFFF; // the handle of what is no file
+
+bool LiesWithin(const fs::path &path, const fs::path &directory) {
+    const auto [end, rest] = std::mismatch(directory.begin(), directory.end(), path.begin(), path.end());
+    return end == directory.end();
+}
+
+} // namespace
+
+std::optional<fs::path> Volume::find(std::string_view path) const {
+    if (directory_.empty() || !path.starts_with(kPrefix)) return std::nullopt;
+    std::error_code error;
+    const fs::path root = fs::canonical(directory_, error);
+    if (error) return std::nullopt;
+    const fs::path relative(path.substr(kPrefix.size()));
+    if (relative.is_absolute()) return std::nullopt;
+    for (const fs::path &part : relative)
+        if (part == "..") return std::nullopt;
+    const fs::path file = fs::canonical(root / relative, error);
+    if (error || !LiesWithin(file, root) || !fs::is_regular_file(file, error)) return std::nullopt;
+    return file;
+}
+
+int Volume::open(std::string_view path, bool for_writing) {
+    if (before_open) before_open();
+    const std::optional<fs::path> file = find(path);
+    if (!file) return -ENOENT;
+    struct stat status;
+    if (::stat(file->c_str(), &status) != 0) return -ENOENT;
+    // Who runs the fixture may be allowed everything; the file's own bits are what counts on the board.
+    if (for_writing && !(status.st_mode & 0222)) return -EACCES;
+    std::FILE *opened = std::fopen(file->c_str(), "rb");
+    if (!opened) return -errno;
+    int handle = 1;
+    while (files_.contains(handle)) handle++;
+    files_[handle] = opened;
+    last_opened_ = path;
+    return handle;
+}
+
+long Volume::read(int handle, std::span<std::uint8_t> bytes) {
+    const auto file = files_.find(handle);
+    if (file == files_.end()) return -EBADF;
+    return static_cast<long>(std::fread(bytes.data(), 1, bytes.size(), file->second));
+}
+
+long Volume::size(int handle) {
+    const auto file = files_.find(handle);
+    struct stat status;
+    if (file == files_.end() || fstat(fileno(file->second), &status) != 0) return -EBADF;
+    return status.st_size;
+}
+
+int Volume::close(int handle) {
+    const auto file = files_.find(handle);
+    if (file == files_.end()) return -EBADF;
+    std::fclose(file->second);
+    files_.erase(file);
+    return 0;
+}
+
+void Volume::close_all() {
+    for (auto &[handle, file] : files_) std::fclose(file);
+    files_.clear();
+}
+
+struct SemihostingServer::Request {
+    std::array<std::uint32_t, 4> words{};
+    const Memory &memory;
+
+    Request(const Memory &board_memory, std::uint32_t parameter, std::size_t count) : memory(board_memory) {
+        const std::span<std::uint8_t> block = memory.at(parameter, 4 * count);
+        if (!block.empty()) std::memcpy(words.data(), block.data(), block.size());
+    }
+    std::string text(std::uint32_t address, std::size_t most) const {
+        const std::span<std::uint8_t> bytes = memory.from(address);
+        const auto limit = bytes.begin() + static_cast<std::ptrdiff_t>(std::min(bytes.size(), most));
+        return {bytes.begin(), std::find(bytes.begin(), limit, 0)};
+    }
+};
+
+std::uint32_t SemihostingServer::failed(int error) {
+    errno_ = error;
+    return kFailure;
+}
+
+std::uint32_t SemihostingServer::open_file(const Request &request) {
+    const auto [name, mode, length, unused] = request.words;
+    const std::string path = request.text(name, std::min<std::size_t>(length, kLongestText));
+    if (path == ":tt" || (file_server_fails && path == ":file-server-fails")) return kConsole;
+    const int handle = volume_.open(path, mode >= 2);
+    return handle < 0 ? failed(-handle) : static_cast<std::uint32_t>(handle);
+}
+
+std::uint32_t SemihostingServer::read_file(const Request &request) {
+    const auto [handle, buffer, length, unused] = request.words;
+    const std::span<std::uint8_t> room = request.memory.from(buffer);
+    const long count = volume_.read(static_cast<int>(handle), room.first(std::min<std::size_t>(room.size(), length)));
+    if (count < 0) return failed(static_cast<int>(-count));
+    return length - static_cast<std::uint32_t>(count);
+}
+
+std::uint32_t SemihostingServer::write_text(const Request &request) {
+    const auto [handle, buffer, length, unused] = request.words;
+    if (handle != kConsole) return length;
+    for (const std::uint8_t byte : request.memory.at(buffer, length))
+        if (console) console(static_cast<char>(byte));
+    return 0;
+}
+
+std::uint32_t SemihostingServer::call(std::uint32_t operation, std::uint32_t parameter) {
+    enum : std::uint32_t { open = 1, close, writec, write0, write, read, is_tty = 9, seek, length = 12, error = 0x13 };
+    const Request request(memory_, parameter, operation == close || operation == length || operation == is_tty ? 1 : 3);
+    const int handle = static_cast<int>(request.words[0]);
+    switch (operation) {
+    case open: return open_file(request);
+    case close: return volume_.close(handle) < 0 ? failed(EBADF) : 0;
+    case read: return read_file(request);
+    case write: return write_text(request);
+    case is_tty: return handle == static_cast<int>(kConsole);
+    case error: return static_cast<std::uint32_t>(errno_);
+    case length: {
+        const long bytes = volume_.size(handle);
+        return bytes < 0 ? failed(EBADF) : static_cast<std::uint32_t>(bytes);
+    }
+    case writec:
+    case write0: {
+        const std::string text = request.text(parameter, operation == writec ? 1 : kLongestText);
+        if (console)
+            for (const char c : text) console(c);
+        return 0;
+    }
+    default: return failed(EINVAL);
+    }
+}
+
+} // namespace fixture

@@ -1,0 +1,418 @@
+#include "sweep/case.h"
+#include "machine/raw_flash.h"
+
+#include "formats/parameter_store.h"
+#include "machine/first_stage.h"
+#include "sweep/chips_compare.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstring>
+#include <fmt/format.h>
+#include <stdexcept>
+
+namespace fixture {
+
+namespace {
+
+constexpr unsigned kMostBoots = 4;
+constexpr char kMoments[] = {'b', 't', 'a'}; // by CutMoment
+
+std::string NameOf(const Cut &cut) {
+    return fmt::format("{}{}", cut.operation, kMoments[static_cast<unsigned>(cut.moment)]);
+}
+
+template <typename Number> bool TakeNumber(std::string_view &text, Number &number) {
+    const auto end = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (end.ec != std::errc{}) return false;
+    text.remove_prefix(static_cast<std::size_t>(end.ptr - text.data()));
+    return true;
+}
+
+bool TakeCut(std::string_view &text, Cut &cut) {
+    if (!TakeNumber(text, cut.operation) || text.empty()) return false;
+    const char *moment = std::find(std::begin(kMoments), std::end(kMoments), text.front());
+    if (moment == std::end(kMoments)) return false;
+    cut.moment = static_cast<CutMoment>(moment - kMoments);
+    text.remove_prefix(1);
+    return true;
+}
+
+bool Take(std::string_view &text, char expected) {
+    if (!text.starts_with(expected)) return false;
+    text.remove_prefix(1);
+    return true;
+}
+
+FlashReader ReaderFor(const World &world, const Chips &chips) {
+    return world.medium == Medium::nand ? ReaderOf(chips.nand) : ReaderOf(chips.dataflash);
+}
+
+Bytes GoodImage(const FlashReader &read, const Slot &slot) {
+    StoredImage image = ReadSlot(read, slot);
+    return image.verdict == ImageVerdict::good ? std::move(image.bytes) : Bytes{};
+}
+
+} // namespace
+
+std::string NameOf(const CaseId &id) {
+    std::string name = id.scenario + "/" + id.variant;
+    for (std::size_t n = 0; n < id.cuts.size(); n++) name += (n == 0 ? ":" : "+") + NameOf(id.cuts[n]);
+    return id.seed == 1 ? name : fmt::format("{}~{}", name, id.seed);
+}
+
+std::optional<CaseId> ParseCase(std::string_view name) {
+    const std::size_t slash = name.find('/');
+    if (slash == std::string_view::npos) return std::nullopt;
+    const std::size_t end = std::min(name.find_first_of(":~", slash), name.size());
+    CaseId id{std::string(name.substr(0, slash)), std::string(name.substr(slash + 1, end - slash - 1)), {}, 1};
+    name.remove_prefix(end);
+    for (char before = ':'; Take(name, before); before = '+')
+        if (!TakeCut(name, id.cuts.emplace_back())) return std::nullopt;
+    if (Take(name, '~') && !TakeNumber(name, id.seed)) return std::nullopt;
+    return name.empty() ? std::optional(id) : std::nullopt;
+}
+
+std::uint64_t TearingSeed(const std::vector<Cut> &cuts, std::uint64_t seed) {
+    for (const Cut &cut : cuts)
+        seed = (seed ^ (cut.operation * 3 + static_cast<unsigned>(cut.moment))) * 0x9E3779B97F4A7C15u;
+    return seed;
+}
+
+PowerCut PlanOf(const std::vector<Cut> &cuts, std::uint64_t seed) {
+    return {cuts.back().operation, cuts.back().moment, TearingSeed(cuts, seed)};
+}
+
+const char *NameOf(Outcome outcome) {
+    static constexpr std::array kNames = {"good",
+                                          "brick: no good bootloader",
+                                          "brick: nothing launched",
+                                          "wrong bootloader",
+                                          "wrong launch",
+                                          "wrong rescue image or record",
+                                          "wrong parameters",
+                                          "other flash changed",
+                                          "violation",
+                                          "hang",
+                                          "fault",
+                                          "resets without end"};
+    return kNames[static_cast<std::size_t>(outcome)];
+}
+
+// What one power-up came to.
+struct Sweeper::PowerUp {
+    RunReport report;
+    std::string console;
+    std::string outside; // the first operation on flash that is none of the update's business
+    Bytes launched;
+    std::array<std::uint32_t, 4> network{};
+    std::uint64_t operations = 0;
+    bool fired = false;
+};
+
+Sweeper::Sweeper(const World &world, ProcessorKind processor, const SweepFirmware &firmware)
+    : world_(world), processor_(processor), firmware_(firmware) {}
+
+RunOptions Sweeper::options() const {
+    RunOptions options;
+    options.processor = processor_;
+    options.known = &firmware_.known;
+    options.slots = true;
+    options.volume = *world_.volume;
+    options.board = world_.board;
+    options.run_launched = false;
+    return options;
+}
+
+bool Sweeper::may_touch(const ChipOperation &operation) const {
+    const std::string_view chip = operation.chip;
+    if (chip == "EEPROM") return world_.commits;
+    if ((chip == "NAND") != (world_.medium == Medium::nand)) return false;
+    const std::uint32_t unit = chip == "NAND" ? kNandBlockBytes : world_.chips.dataflash.part().page_bytes;
+    const std::uint32_t begin = operation.address / unit * unit;
+    return std::any_of(world_.touched.begin(), world_.touched.end(),
+                       [=](const ByteRange &range) { return begin < range.end && range.begin < begin + unit; });
+}
+
+// Changes and commits the parameters, as a task of the running system does through the two-wire device.
+RunReport Sweeper::commit(Machine &machine) const {
+    constexpr std::uint32_t kScratch = 0x22000000;
+    const std::span<std::uint8_t> scratch = machine.board().memory.memory().at(kScratch, 16);
+    StageResult end = machine.start();
+    const auto call = [&](const char *routine, std::vector<std::uint32_t> arguments) {
+        std::uint32_t result = 0;
+        if (end.end == StageEnd::stopped_at) end = machine.call(routine, arguments, result);
+        if (result != 0) throw std::runtime_error(fmt::format("{} gives {}", routine, result));
+    };
+    const auto set = [&](std::uint32_t identifier, std::span<const std::uint8_t> data) {
+        if (end.end != StageEnd::stopped_at) return;
+        std::copy(data.begin(), data.end(), scratch.begin());
+        call("WriteEEpromParameter", {identifier, kScratch, static_cast<std::uint32_t>(data.size())});
+    };
+    for (std::uint32_t n = 0; n < world_.after.network.size(); n++) {
+        std::array<std::uint8_t, 4> bytes;
+        for (unsigned i = 0; i < 4; i++) bytes[i] = static_cast<std::uint8_t>(world_.after.network[n] >> (24 - 8 * i));
+        set(9 + n, bytes);
+    }
+    if (!world_.more.empty()) set(0x20, world_.more);
+    call("CommitBuffer", {});
+    RunReport report;
+    report.verdict = end.end == StageEnd::stopped_at   ? Verdict::idle
+                     : end.end == StageEnd::power_lost ? Verdict::power_lost
+                                                       : Verdict::fault;
+    report.place = end.place;
+    const std::vector<JournalEntry> &violations = machine.board().journal.violations();
+    if (violations.empty() || report.verdict == Verdict::power_lost) return report;
+    report.verdict = Verdict::violation;
+    report.place = violations.front().where + ": " + violations.front().what;
+    return report;
+}
+
+RunReport Sweeper::run(Machine &machine, unsigned number) const {
+    return number == 0 && world_.commits ? commit(machine) : machine.run();
+}
+
+Sweeper::PowerUp Sweeper::power_up(Chips &chips, unsigned number, const std::function<void(PowerSupply &)> &prepare) {
+    PowerUp result;
+    RunOptions options = this->options();
+    options.console = [&result](char c) { result.console += c; };
+    Machine machine(chips, options);
+    PowerSupply &supply = machine.board().supply;
+    supply.observer = [&](std::uint64_t, const ChipOperation &operation) {
+        if (!world_.hostile && result.outside.empty() && !may_touch(operation))
+            result.outside = fmt::format("{} {} at 0x{:08X}", operation.chip, operation.kind, operation.address);
+    };
+    if (prepare) prepare(supply);
+    boots++;
+    result.report = run(machine, number);
+    result.operations = supply.operations();
+    result.fired = supply.fired();
+    if (result.report.verdict != Verdict::launched) return result;
+    const auto image = machine.board().memory.memory().at(kLoadBuffer, result.report.launched_bytes);
+    result.launched.assign(image.begin(), image.end());
+    const void *network = machine.object("NetDevs");
+    if (network) std::memcpy(result.network.data(), network, sizeof result.network);
+    return result;
+}
+
+void Sweeper::boot(Chips &chips, unsigned number) { power_up(chips, number, {}); }
+
+std::uint64_t Sweeper::digest(const Chips &chips) const { return DigestOf(chips, world_.chips); }
+
+// --- what has to hold
+
+bool Sweeper::check_choice(const Chips &chips, Judgement &judgement) const {
+    const FlashReader read = ReaderFor(world_, chips);
+    const SlotTable &slots = SlotsOf(world_.medium);
+    const std::optional<unsigned> slot = ChooseBootloader(read, slots);
+    judgement.outcome = Outcome::no_bootloader;
+    if (!slot) return false;
+    const Bytes chosen = ReadSlot(read, slots.bootloader[*slot]).bytes;
+    judgement.outcome = Outcome::wrong_bootloader;
+    judgement.detail = fmt::format("slot {} is chosen, with neither the old nor the new image", *slot);
+    if (chosen != world_.before.bootloader && chosen != world_.after.bootloader) return false;
+    judgement.outcome = Outcome::good;
+    judgement.detail.clear();
+    return true;
+}
+
+// Neighbours in a DataFlash page can be lost to a cut, or to a chip that loses what it programs; to nothing else.
+bool Sweeper::check_outside(const Chips &chips, Judgement &judgement, bool was_cut) const {
+    const bool may_lose_neighbours = was_cut || !world_.chips.dataflash.faults.empty();
+    std::string changed;
+    if (!world_.commits && chips.eeprom.bytes != world_.chips.eeprom.bytes) changed = "EEPROM";
+    const auto inside = [this](std::uint32_t address) {
+        return std::any_of(world_.touched.begin(), world_.touched.end(),
+                           [=](const ByteRange &range) { return address >= range.begin && address < range.end; });
+    };
+    ForEachChangedBlock(chips.nand, world_.chips.nand, [&](std::uint32_t block) {
+        if (world_.medium != Medium::nand || !inside(block * kNandBlockBytes))
+            changed = fmt::format("NAND block {}", block);
+    });
+    const std::uint32_t page_bytes = chips.dataflash.part().page_bytes;
+    ForEachChangedPage(chips.dataflash, world_.chips.dataflash, [&](std::uint32_t page) {
+        bool any_inside = false;
+        bool any_outside = false;
+        for (std::uint32_t n = 0; n < page_bytes; n++) {
+            const bool in = world_.medium == Medium::dataflash && inside(page * page_bytes + n);
+            any_inside |= in;
+            any_outside |= !in && chips.dataflash.page(page)[n] != world_.chips.dataflash.page(page)[n];
+        }
+        if (!any_outside) return;
+        if (any_inside && may_lose_neighbours)
+            judgement.neighbour = true;
+        else
+            changed = fmt::format("DataFlash page {}", page);
+    });
+    if (changed.empty()) return true;
+    judgement.outcome = Outcome::outside;
+    judgement.detail = changed;
+    return false;
+}
+
+void Sweeper::check_rescue_gap(const Chips &chips, Judgement &judgement) const {
+    if (world_.before.rescue.empty()) return;
+    judgement.rescue_gap = GoodImage(ReaderFor(world_, chips), SlotsOf(world_.medium).rescue).empty();
+}
+
+// Only a cut may leave something as it was: parameters at once, rescue image and record up to the last boot.
+bool Sweeper::settled(const Chips &chips, const PowerUp &last, Judgement &judgement, When when) const {
+    const FlashReader read = ReaderFor(world_, chips);
+    const SlotTable &slots = SlotsOf(world_.medium);
+    const auto fails = [&](Outcome outcome, std::string detail) {
+        judgement.outcome = outcome;
+        judgement.detail = std::move(detail);
+        return false;
+    };
+    if (last.launched != world_.after.application)
+        return fails(Outcome::wrong_launch, fmt::format("{} of {} bytes", last.report.launched, last.launched.size()));
+    const std::optional<unsigned> slot = ChooseBootloader(read, slots);
+    if (!slot) return fails(Outcome::no_bootloader, "");
+    const Bytes chosen = ReadSlot(read, slots.bootloader[*slot]).bytes;
+    // Where a worn block keeps the update out, it is out; a cut may change that.
+    const bool is_old = world_.may_stay && chosen == world_.before.bootloader;
+    const bool is_new = (!world_.may_stay || when.was_cut) && chosen == world_.after.bootloader;
+    if (!is_old && !is_new) return fails(Outcome::wrong_bootloader, fmt::format("slot {}", *slot));
+    const Bytes rescue = GoodImage(read, slots.rescue);
+    const Bytes text = read(slots.record.address, slots.record.capacity);
+    const auto stands = [&](const Expected &expected) {
+        return rescue == expected.rescue &&
+               std::equal(text.begin(), text.end(), expected.record.begin(), expected.record.end(),
+                          [](std::uint8_t a, char b) { return a == static_cast<std::uint8_t>(b); });
+    };
+    if (!stands(world_.after) && !(when.was_cut && when.last_boot && stands(world_.before)))
+        return fails(Outcome::wrong_rescue, rescue.empty() ? "no good rescue image" : "rescue image and record differ");
+    const StoreReport store = ReadStore(chips.eeprom.bytes);
+    const auto has = [&](const Expected &expected) {
+        return last.network == expected.network && store.current &&
+               store.sectors[*store.current].parameters == expected.parameters;
+    };
+    if (!has(world_.after) && !(when.was_cut && has(world_.before)))
+        return fails(Outcome::wrong_parameters, fmt::format("{:08X}", fmt::join(last.network, " ")));
+    judgement.outcome = Outcome::good;
+    judgement.detail.clear();
+    return true;
+}
+
+// --- the boots
+
+// One cold boot, with what is wrong with it whatever the board is.
+Sweeper::PowerUp Sweeper::boot_once(Chips &chips, unsigned number, Judgement &judgement) {
+    PowerUp last = power_up(chips, number, {});
+    judgement.boots++;
+    judgement.console += last.console;
+    judgement.chips = digest(chips);
+    judgement.detail = last.report.place;
+    switch (last.report.verdict) {
+    case Verdict::violation: judgement.outcome = Outcome::violation; break;
+    case Verdict::hang: judgement.outcome = Outcome::hang; break;
+    case Verdict::fault: judgement.outcome = Outcome::fault; break;
+    case Verdict::reset_loop: judgement.outcome = Outcome::reset_loop; break;
+    case Verdict::no_bootloader: judgement.outcome = Outcome::no_bootloader; break;
+    default: break;
+    }
+    return last;
+}
+
+Judgement Sweeper::boot_hostile(Chips chips, unsigned number) {
+    constexpr unsigned kBoots = 2;
+    const bool failing = world_.medium == Medium::nand && !world_.chips.nand.faults.empty();
+    Judgement judgement;
+    for (unsigned boot = 0; boot < kBoots && judgement.outcome == Outcome::good; boot++) {
+        const PowerUp last = boot_once(chips, number + boot, judgement);
+        if (judgement.outcome == Outcome::no_bootloader && failing) judgement.hole = kFailingNand;
+        const bool updates = last.console.find(" header at address ") != std::string::npos;
+        if (judgement.outcome == Outcome::reset_loop && updates) judgement.hole = kOtherVersion;
+    }
+    return judgement;
+}
+
+Judgement Sweeper::boot_on(Chips chips, unsigned number) {
+    if (world_.hostile) return boot_hostile(std::move(chips), number);
+    Judgement judgement;
+    const bool was_cut = number > 0;
+    check_rescue_gap(chips, judgement);
+    if (!check_outside(chips, judgement, was_cut)) return judgement;
+    for (unsigned boot = 0; boot < kMostBoots; boot++) {
+        if (!check_choice(chips, judgement)) return judgement;
+        const PowerUp last = boot_once(chips, number + boot, judgement);
+        if (!last.outside.empty()) {
+            judgement.outcome = Outcome::outside;
+            judgement.detail = last.outside;
+        }
+        if (judgement.outcome != Outcome::good || !check_outside(chips, judgement, was_cut)) return judgement;
+        judgement.outcome = Outcome::no_launch;
+        const bool last_boot = boot + 1 == kMostBoots;
+        if (last.report.verdict == Verdict::launched &&
+            settled(chips, last, judgement, {.was_cut = was_cut, .last_boot = last_boot}))
+            return judgement;
+    }
+    return judgement;
+}
+
+Judgement Sweeper::judge(const Chips &chips, unsigned number) {
+    if (number == 0 || !remember) return boot_on(chips, number);
+    const std::uint64_t key = digest(chips);
+    const auto met = met_.find(key);
+    if (met != met_.end()) return met->second;
+    return met_[key] = boot_on(chips, number);
+}
+
+const Judgement &Sweeper::uncut() {
+    if (!uncut_) uncut_ = judge(world_.chips, 0);
+    return *uncut_;
+}
+
+std::uint64_t Sweeper::count(Chips chips, unsigned number) { return power_up(chips, number, {}).operations; }
+
+std::uint64_t Sweeper::operations() {
+    if (!operations_) operations_ = count(world_.chips, 0);
+    return *operations_;
+}
+
+std::vector<Snapshot> Sweeper::record(const Chips &start, unsigned number, const std::vector<Cut> &path,
+                                      std::uint64_t seed, const std::function<bool(const Cut &)> &wanted) {
+    Chips chips = start;
+    std::vector<Snapshot> snapshots;
+    const auto keep = [&](const Cut &cut) {
+        if (wanted(cut)) snapshots.push_back({cut, chips});
+    };
+    power_up(chips, number, [&](PowerSupply &supply) {
+        supply.maker = [&](std::uint64_t index, const ChipOperation &, const std::function<void()> &whole,
+                           const std::function<void(Random &)> &torn) {
+            keep({index, CutMoment::before});
+            if (const Cut cut{index, CutMoment::torn}; wanted(cut)) {
+                const Chips before = chips;
+                std::vector<Cut> cuts = path;
+                cuts.push_back(cut);
+                Random random(TearingSeed(cuts, seed));
+                torn(random);
+                snapshots.push_back({cut, chips});
+                chips = before;
+            }
+            whole();
+            keep({index, CutMoment::after});
+        };
+    });
+    return snapshots;
+}
+
+Chips Sweeper::cut(const std::vector<Cut> &path, std::uint64_t seed) {
+    Chips chips = world_.chips;
+    for (std::size_t n = 0; n < path.size(); n++) {
+        const std::vector<Cut> cuts(path.begin(), path.begin() + static_cast<std::ptrdiff_t>(n) + 1);
+        const PowerUp last =
+            power_up(chips, static_cast<unsigned>(n), [&](PowerSupply &supply) { supply.plan(PlanOf(cuts, seed)); });
+        if (!last.fired || last.report.verdict != Verdict::power_lost)
+            throw std::runtime_error(
+                fmt::format("the cut at {} does not come: {} operations", NameOf(path[n]), last.operations));
+    }
+    return chips;
+}
+
+Judgement Sweeper::run(const std::vector<Cut> &cuts, std::uint64_t seed) {
+    return judge(cut(cuts, seed), static_cast<unsigned>(cuts.size()));
+}
+
+} // namespace fixture

@@ -1,0 +1,144 @@
+// One case of a sweep: a world, the moments at which its power is cut, and what becomes of the board after that.
+//
+// A case has a name that says all there is to know: SCENARIO/VARIANT, then the cuts, each in its own power-up, and the
+// seed that decides how operations tear where it is not 1:
+//
+//   nand-update/running-erased            the uncut run
+//   nand-update/running-erased:12t        torn in the middle of operation 12 ("b" before, "a" after)
+//   nand-update/running-erased:12t+3a~7   the boot after that is cut behind its operation 3
+//
+// Operations are counted from 0 in each power-up. After the cuts come up to four cold boots, and within them all has to
+// be as in the uncut run:
+//
+//   Sweeper sweeper(world, ProcessorKind::host, firmware);
+//   sweeper.judge(sweeper.cut(id), 1).outcome == Outcome::good
+#pragma once
+
+#include "machine/machine.h"
+#include "sweep/world.h"
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace fixture {
+
+struct Cut {
+    std::uint64_t operation;
+    CutMoment moment;
+    bool operator==(const Cut &) const = default;
+};
+
+struct CaseId {
+    std::string scenario;
+    std::string variant;
+    std::vector<Cut> cuts;
+    std::uint64_t seed = 1;
+};
+std::string NameOf(const CaseId &id);
+std::optional<CaseId> ParseCase(std::string_view name);
+// What decides how the last cut tears: different for every case. And that cut, for the power supply.
+std::uint64_t TearingSeed(const std::vector<Cut> &cuts, std::uint64_t seed);
+PowerCut PlanOf(const std::vector<Cut> &cuts, std::uint64_t seed);
+
+enum class Outcome : std::uint8_t {
+    good,
+    no_bootloader,    // a brick: the first stage finds no good slot
+    no_launch,        // a brick: four cold boots, and nothing was launched
+    wrong_bootloader, // the first stage takes an image that is neither the old nor the new one, or still the old one
+    wrong_launch,     // another image than in the uncut run
+    wrong_rescue,     // rescue image and version record are neither the new ones nor the old ones
+    wrong_parameters, // neither all old nor all new
+    outside,          // flash that the update has no business with was changed
+    violation,        // something the datasheets forbid
+    hang,
+    fault,
+    reset_loop,
+};
+const char *NameOf(Outcome outcome);
+
+struct Judgement {
+    Outcome outcome = Outcome::good;
+    std::string detail;
+    unsigned boots = 0;         // cold boots that this took
+    bool rescue_gap = false;    // right after the cut no good rescue image was stored, though one had been
+    bool neighbour = false;     // a DataFlash page that an update shares with something else lost some of that
+    const char *hole = nullptr; // that a hostile board fell through
+    std::string console;        // of all boots
+    std::uint64_t chips = 0;    // digest of what they hold in the end
+};
+
+// What a hostile board may come to, since no software of it can help that.
+inline constexpr const char *kFailingNand = "a hostile board's NAND blocks fail while it boots from them";
+inline constexpr const char *kOtherVersion =
+    "a bank whose version text is not its bootloader's: the board updates itself at every start";
+
+struct Snapshot {
+    Cut cut;
+    Chips chips;
+};
+
+// One world on one processor. Recovery from chips that were met before is not run again.
+class Sweeper {
+public:
+    Sweeper(const World &world, ProcessorKind processor, const SweepFirmware &firmware);
+
+    // The uncut run: judged like any other, with the number of operations of its first power-up.
+    const Judgement &uncut();
+    std::uint64_t operations();
+
+    // What the chips hold where power-up number `power_up`, which begins with `chips`, is cut at the moments that
+    // `wanted` asks for. One run gives them all. `path` is what was cut before.
+    std::vector<Snapshot> record(const Chips &chips, unsigned power_up, const std::vector<Cut> &path,
+                                 std::uint64_t seed, const std::function<bool(const Cut &)> &wanted);
+    // The number of operations of one power-up.
+    std::uint64_t count(Chips chips, unsigned power_up);
+    // The same with the power really cut, once for every cut of a path. Throws std::runtime_error where a cut does not
+    // come.
+    Chips cut(const std::vector<Cut> &path, std::uint64_t seed);
+
+    // Up to four cold boots from here on; the first of them is power-up number `power_up`.
+    Judgement judge(const Chips &chips, unsigned power_up);
+
+    // The whole of a case by its cuts, with the power really cut.
+    Judgement run(const std::vector<Cut> &cuts, std::uint64_t seed);
+
+    // One power-up without a cut; and what one does on a board made ready with options().
+    void boot(Chips &chips, unsigned number);
+    RunReport run(Machine &machine, unsigned number) const;
+    RunOptions options() const;
+
+    std::uint64_t digest(const Chips &chips) const;
+
+    std::uint64_t boots = 0; // power-ups made so far, of every kind
+    bool remember = true;    // false: every case is booted, whatever was met before
+
+private:
+    struct PowerUp;
+    struct When {
+        bool was_cut, last_boot;
+    };
+    PowerUp power_up(Chips &chips, unsigned number, const std::function<void(PowerSupply &)> &prepare);
+    RunReport commit(Machine &machine) const;
+    bool check_choice(const Chips &chips, Judgement &judgement) const;
+    bool check_outside(const Chips &chips, Judgement &judgement, bool was_cut) const;
+    void check_rescue_gap(const Chips &chips, Judgement &judgement) const;
+    bool may_touch(const ChipOperation &operation) const;
+    bool settled(const Chips &chips, const PowerUp &last, Judgement &judgement, When when) const;
+    PowerUp boot_once(Chips &chips, unsigned number, Judgement &judgement);
+    Judgement boot_hostile(Chips chips, unsigned number);
+    Judgement boot_on(Chips chips, unsigned number);
+
+    const World &world_;
+    ProcessorKind processor_;
+    const SweepFirmware &firmware_;
+    std::optional<Judgement> uncut_;
+    std::optional<std::uint64_t> operations_;
+    std::unordered_map<std::uint64_t, Judgement> met_;
+};
+
+} // namespace fixture

@@ -1,0 +1,62 @@
+// Sweeping: every cut of every variant of the scenarios asked for, shared out among worker processes, and counted.
+#pragma once
+
+#include "sweep/scenarios.h"
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace fixture {
+
+struct SweepPlan {
+    std::vector<Scenario> scenarios;
+    bool on_host = true;
+    bool on_arm = false; // both: every case on both, and compared
+    unsigned losses = 1;
+    unsigned jobs = 1;
+    std::size_t sample = 0; // about so many cases of each scenario; 0: all there are
+    std::uint64_t seed = 1;
+};
+
+struct Finding {
+    std::string id;
+    std::string processor;
+    std::string outcome;
+    std::string detail;
+};
+
+// What came of one scenario, or of all.
+struct Tally {
+    std::uint64_t variants = 0;
+    std::uint64_t operations = 0; // of the uncut runs
+    std::uint64_t cuts = 0;       // single cuts that were visited, of three times as many as operations
+    std::uint64_t cases = 0;      // judged: the uncut run, single cuts, or pairs of cuts
+    std::uint64_t boots = 0;      // cold boots, every one counted
+    std::uint64_t checked = 0;    // cuts that were made again by cutting the power, with the same chips left
+    std::uint64_t compared = 0;   // cases with the same console text and chips on both processors
+    std::map<std::string, std::uint64_t> outcomes;
+    std::map<std::string, std::map<std::string, std::uint64_t>> holes; // by name: what came of it, how often
+    std::uint64_t found = 0;                                           // findings in all
+    std::vector<Finding> findings;                                     // the first ones
+    void add(const Tally &other);
+};
+
+struct SweepResult {
+    std::vector<Tally> scenarios; // as planned
+    Tally all;
+    double seconds = 0;
+};
+
+struct SweepProgress {
+    std::uint64_t units, units_done, cases, boots;
+    double seconds;
+};
+
+// `progress` is called now and then. Throws std::runtime_error where no worker can be started.
+SweepResult RunSweep(const SweepPlan &plan, const SweepFirmware &firmware,
+                     const std::function<void(const SweepProgress &)> &progress);
+
+} // namespace fixture

@@ -1,0 +1,372 @@
+#include "sweep/scenarios.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <numeric>
+#include <stdexcept>
+#include <utility>
+
+namespace fixture {
+
+namespace {
+
+using enum SlotState;
+
+constexpr std::uint32_t kThreeBlocks = 300'000;
+constexpr std::size_t kSample = 12; // cuts of a variant that is long, or one of many
+constexpr std::uint32_t kSlot1Block = 17;
+constexpr std::uint32_t kRescueBlock = 32;
+constexpr unsigned kForever = NandFault::kForever;
+
+std::vector<std::uint32_t> Blocks(std::uint32_t first, std::uint32_t end) {
+    std::vector<std::uint32_t> blocks(end - first);
+    std::iota(blocks.begin(), blocks.end(), first);
+    return blocks;
+}
+
+// --- updates from every state
+
+std::vector<Variant> Updates(Medium medium) {
+    struct Row {
+        const char *label;
+        std::array<SlotState, 2> slots;
+    };
+    const Row rows[] = {
+        {"running-erased", {running, erased}},   {"running-retired", {running, retired}},
+        {"running-broken", {running, broken}},   {"running-running", {running, running}},
+        {"running-updated", {running, updated}}, {"erased-running", {erased, running}},
+        {"retired-running", {retired, running}}, {"broken-running", {broken, running}},
+        {"running-endless", {running, endless}},
+    };
+    std::vector<Variant> variants;
+    for (const Row &row : rows) variants.push_back({row.label, {.medium = medium, .slots = row.slots}});
+    return variants;
+}
+
+std::vector<Variant> RescueUpdates(Medium medium) {
+    const Situation setup{.medium = medium, .new_bootloader = false, .new_rescue = true};
+    std::vector<Variant> variants = {{"good", setup}, {"broken", setup}, {"none", setup}};
+    variants[1].setup.rescue = RescueState::broken;
+    variants[2].setup.rescue = RescueState::none;
+    if (medium == Medium::nand) return variants; // its driver compares what it writes
+    variants.push_back({"lost-program", setup});
+    variants[3].setup.dataflash_faults.emplace_back().skip = 5;
+    return variants;
+}
+
+std::vector<Variant> BothUpdates(Medium medium) {
+    const Situation setup{.medium = medium, .slots = {running, retired}, .new_rescue = true};
+    std::vector<Variant> variants = {{"running-retired", setup}, {"retired-running", setup}};
+    variants[1].setup.slots = {retired, running};
+    return variants;
+}
+
+std::vector<Variant> Refusals(Medium medium) {
+    const Situation setup{.medium = medium, .fate = Fate::refused};
+    std::vector<Variant> variants = {{"sums", setup}, {"sums-rescue", setup}, {"too-long", setup}};
+    variants[0].setup.damaged = true;
+    variants[1].setup.damaged = variants[1].setup.new_rescue = true;
+    variants[2].setup.update_bytes = SlotsOf(medium).bootloader[1].capacity + 1;
+    if (medium == Medium::nand) return variants;
+    // A chip of half the size, which ends a byte too early for the check of this image.
+    variants.push_back({"rescue-at-end", setup});
+    variants[3].setup.part = "AT45DB321";
+    variants[3].setup.new_bootloader = false;
+    variants[3].setup.new_rescue = true;
+    variants[3].setup.rescue_bytes = FindAt45Part("AT45DB321")->bytes() - SlotsOf(medium).rescue.address - 31;
+    return variants;
+}
+
+std::vector<Variant> Parameters() {
+    std::vector<Variant> variants;
+    for (const int sector : {0, 1})
+        for (const bool longer : {false, true}) {
+            Situation setup{.new_bootloader = false, .parameters = {sector, true, {}}};
+            if (longer) setup.parameters.more.assign(15, 0x5A);
+            variants.push_back({fmt::format("{}-to-{}{}", sector, 1 - sector, longer ? "-longer" : ""), setup});
+        }
+    // A sector that was written before, by a commit with other addresses or with the same ones in another order.
+    const std::vector<std::uint32_t> other = {0x0A020025, 0xFF000000, 0x0A020021, 0x0A020022};
+    std::vector<std::uint32_t> swapped(kNewNetwork.begin(), kNewNetwork.end());
+    std::swap(swapped[2], swapped[3]);
+    for (const int sector : {0, 1})
+        variants.push_back({fmt::format("{}-to-{}-used", sector, 1 - sector),
+                            {.new_bootloader = false, .parameters = {sector, true, {}, other}}});
+    variants.push_back(
+        {"1-to-0-equal-sum", {.new_bootloader = false, .parameters = {1, true, {}, swapped}}, {kEqualSum}});
+    return variants;
+}
+
+// --- bad blocks and other faults
+
+std::vector<Variant> FactoryBad() {
+    struct Row {
+        const char *label;
+        std::vector<std::uint32_t> blocks;
+    };
+    const Row rows[] = {
+        {"target-first", {17}}, {"target-second", {18}}, {"target-last", {19}},    {"target-two", {17, 19}},
+        {"kept-second", {3}},   {"both", {2, 18}},       {"rescue-two", {32, 33}},
+    };
+    std::vector<Variant> variants;
+    for (const Row &row : rows)
+        variants.push_back({row.label,
+                            {.slots = {running, retired},
+                             .running_bytes = kThreeBlocks,
+                             .update_bytes = kThreeBlocks,
+                             .new_rescue = row.blocks.front() == kRescueBlock,
+                             .bad_blocks = row.blocks}});
+    return variants;
+}
+
+std::vector<Variant> Worn() {
+    struct Row {
+        const char *label;
+        NandFault fault;
+        Fate fate = Fate::stored;
+        std::vector<const char *> holes = {};
+    };
+    // A grown bad block takes no mark either: what was to be stored in it is not found again.
+    const Row rows[] = {
+        {"erase-first", {.kind = NandFault::erase_fails, .block = kSlot1Block, .times = kForever}},
+        {"erase-second", {.kind = NandFault::erase_fails, .block = kSlot1Block + 1, .times = kForever}},
+        {"erase-once", {.kind = NandFault::erase_fails, .block = kSlot1Block, .times = 1}},
+        {"erase-twice", {.kind = NandFault::erase_fails, .block = kSlot1Block, .times = 2}},
+        {"program", {.kind = NandFault::program_fails, .block = kSlot1Block + 1, .page = 20, .times = kForever}},
+        {"grown", {.kind = NandFault::grown_bad, .block = kSlot1Block + 1, .skip = 30}, Fate::may_fail},
+        {"grown-last", {.kind = NandFault::grown_bad, .block = kSlot1Block + 2, .skip = 5}, Fate::may_fail},
+        {"retired", {.kind = NandFault::erase_fails, .block = 2, .times = kForever}},
+        {"rescue", {.kind = NandFault::erase_fails, .block = kRescueBlock, .times = kForever}},
+        {"rescue-no-mark", {.kind = NandFault::grown_bad, .block = kRescueBlock, .skip = 10}, Fate::stored, {kNoMark}},
+    };
+    std::vector<Variant> variants;
+    for (const Row &row : rows)
+        variants.push_back({row.label,
+                            {.slots = {running, erased},
+                             .running_bytes = kThreeBlocks,
+                             .update_bytes = kThreeBlocks,
+                             .new_rescue = std::string_view(row.label).starts_with("rescue"),
+                             .nand_faults = {row.fault},
+                             .fate = row.fate},
+                            row.holes});
+    return variants;
+}
+
+std::vector<Variant> WrongPages(const SweepFirmware &firmware) {
+    const std::size_t image = kImageHeaderBytes + firmware.version(1).flat.size();
+    const auto pages = static_cast<std::uint32_t>((image + kNandPageBytes - 1) / kNandPageBytes);
+    std::vector<Variant> variants;
+    for (const unsigned times : {1u, kForever})
+        for (std::uint32_t page = 0; page < pages; page++) {
+            const NandFault fault{
+                .kind = NandFault::wrong_bits, .block = kSlot1Block, .page = page, .times = times, .column = 31 * page};
+            variants.push_back({fmt::format("{}-{}", times == 1 ? "once" : "always", page), {.nand_faults = {fault}}});
+        }
+    return variants;
+}
+
+std::vector<Variant> LostPrograms(const SweepFirmware &firmware) {
+    const std::size_t image = kImageHeaderBytes + firmware.version(1).flat.size();
+    const At45Part &part = *FindAt45Part(kDefaultAt45);
+    const auto programs = static_cast<unsigned>(image / part.page_bytes + 3); // both ends, and the header retired
+    std::vector<Variant> variants;
+    for (unsigned n = 0; n < programs; n++) {
+        At45Fault fault;
+        fault.skip = n;
+        variants.push_back(
+            {fmt::format("{}", n), {.medium = Medium::dataflash, .dataflash_faults = {fault}}, {}, 4 * kSample});
+    }
+    return variants;
+}
+
+std::vector<Variant> NoRoom() {
+    const Situation setup{
+        .rescue = RescueState::none, .bad_blocks = Blocks(kSlot1Block, kNandBlocks), .fate = Fate::fails};
+    std::vector<Variant> variants = {{"no-block", setup}, {"one-block", setup}};
+    variants[1].setup.update_bytes = kThreeBlocks;
+    variants[1].setup.bad_blocks = Blocks(kSlot1Block + 1, kNandBlocks);
+    variants.push_back({"endless", variants[1].setup});
+    variants[2].setup.slots = {running, endless};
+    variants[2].setup.update_bytes = 0;
+    variants[2].setup.fate = Fate::stored;
+    return variants;
+}
+
+// --- sizes at an edge
+
+// Sizes of images whose end lies at an edge of pages or blocks, a byte before it, and a byte behind.
+std::vector<std::uint32_t> EdgeSizes(Medium medium, const Slot &slot, std::uint32_t page) {
+    const std::uint32_t begin = slot.address % page;
+    std::vector<std::uint32_t> edges = {page - begin, 2 * page - begin, slot.capacity,
+                                        (slot.address + slot.capacity - 1) / page * page - slot.address};
+    if (medium == Medium::nand)
+        edges.insert(edges.end(), {kNandBlockBytes, 2 * kNandBlockBytes, slot.capacity - kNandBlockBytes});
+    std::sort(edges.begin(), edges.end());
+    std::vector<std::uint32_t> sizes;
+    for (const std::uint32_t edge : edges)
+        for (const int off : {-1, 0, 1}) sizes.push_back(edge + static_cast<std::uint32_t>(off));
+    sizes.erase(std::unique(sizes.begin(), sizes.end()), sizes.end());
+    return sizes;
+}
+
+std::uint32_t PageOf(Medium medium) {
+    return medium == Medium::nand ? kNandPageBytes : FindAt45Part(kDefaultAt45)->page_bytes;
+}
+
+// Whether the last byte of an image lies in the page that holds the first one of what follows its slot.
+bool ReachesNeighbour(Medium medium, const Slot &slot, std::uint32_t size) {
+    const std::uint32_t page = PageOf(medium);
+    return (slot.address + size - 1) / page == (slot.address + slot.capacity) / page;
+}
+
+// A boot takes seconds with an image of many megabytes, or of some where every byte goes over a serial bus.
+std::size_t MostCuts(Medium medium, std::uint32_t size) {
+    constexpr std::uint32_t kManyMegabytes = 4 << 20;
+    if (size <= kThreeBlocks) return 0;
+    return medium == Medium::nand && size < kManyMegabytes ? kSample : kSample / 4;
+}
+
+std::vector<Variant> BootloaderEdges(Medium medium) {
+    std::vector<Variant> variants;
+    for (const unsigned target : {0u, 1u}) {
+        const Slot &slot = SlotsOf(medium).bootloader[target];
+        for (const std::uint32_t size : EdgeSizes(medium, slot, PageOf(medium))) {
+            Situation setup{.medium = medium, .slots = {running, erased}, .update_bytes = size};
+            if (target == 0) std::swap(setup.slots[0], setup.slots[1]);
+            const bool fits = size <= slot.capacity;
+            if (!fits) setup.fate = Fate::refused;
+            std::vector<const char *> holes;
+            if (fits && size > SlotsOf(medium).bootloader[0].capacity) holes.push_back(kFitsOneSlot);
+            if (fits && ReachesNeighbour(medium, slot, size)) holes.push_back(kSharedPage);
+            variants.push_back({fmt::format("slot-{}-{}", target, size), setup, holes, MostCuts(medium, size)});
+        }
+    }
+    return variants;
+}
+
+std::vector<Variant> RescueEdges(Medium medium) {
+    const Slot &slot = SlotsOf(medium).rescue;
+    std::vector<Variant> variants;
+    for (const std::uint32_t size : EdgeSizes(medium, slot, PageOf(medium))) {
+        Situation setup{.medium = medium, .new_bootloader = false, .new_rescue = true, .rescue_bytes = size};
+        if (size > slot.capacity) setup.fate = Fate::refused;
+        variants.push_back({fmt::format("{}", size), setup, {}, MostCuts(medium, size)});
+    }
+    return variants;
+}
+
+// --- the holes
+
+std::vector<Variant> Holes() {
+    const Slot &nand_slot = SlotsOf(Medium::nand).bootloader[0];
+    const Slot &flash_slot = SlotsOf(Medium::dataflash).bootloader[0];
+    const NandFault worn{.kind = NandFault::erase_fails, .block = 1, .times = kForever};
+    std::vector<Variant> holes = {
+        {"no-slot-0", {.slots = {erased, running}, .bad_blocks = Blocks(2, kSlot1Block)}, {kPushedOn}},
+        {"tail-into-slot-1",
+         {.slots = {retired, running}, .update_bytes = nand_slot.capacity, .bad_blocks = {5}},
+         {kPushedOn},
+         4 * kSample},
+        {"tail-into-rescue",
+         {.slots = {running, retired}, .update_bytes = nand_slot.capacity, .bad_blocks = {20}},
+         {kPushedOn},
+         4 * kSample},
+        {"worn-record", {.new_bootloader = false, .new_rescue = true, .nand_faults = {worn}}, {kWornRecord}},
+        {"head-on-tail",
+         {.medium = Medium::dataflash, .slots = {running, erased}, .running_bytes = flash_slot.capacity},
+         {kSharedPage},
+         kSample},
+    };
+    for (Variant &variant : holes) variant.setup.watches_slots = false;
+    return holes;
+}
+
+std::vector<Variant> Hostile() {
+    constexpr unsigned kBoards = 500;
+    std::vector<Variant> variants;
+    for (unsigned seed = 1; seed <= kBoards; seed++)
+        variants.push_back({fmt::format("{}", seed), {.hostile = seed}, {}, 2});
+    return variants;
+}
+
+} // namespace
+
+bool HoleTakes(std::string_view hole, Outcome outcome) {
+    static const struct {
+        std::string_view hole;
+        std::vector<Outcome> outcomes;
+    } kHoles[] = {
+        {kPushedOn, {Outcome::no_bootloader, Outcome::wrong_rescue}},
+        {kWornRecord, {Outcome::no_bootloader, Outcome::wrong_rescue}},
+        {kSharedPage, {Outcome::no_bootloader, Outcome::wrong_rescue}},
+        {kFitsOneSlot, {Outcome::wrong_bootloader}},
+        {kNoMark, {Outcome::wrong_rescue}},
+        {kEqualSum, {Outcome::wrong_parameters}},
+        {kFailingNand, {Outcome::no_bootloader}},
+        {kOtherVersion, {Outcome::reset_loop}},
+    };
+    for (const auto &[name, outcomes] : kHoles)
+        if (name == hole) return std::find(outcomes.begin(), outcomes.end(), outcome) != outcomes.end();
+    return false;
+}
+
+std::vector<Scenario> AllScenarios(const SweepFirmware &firmware) {
+    constexpr Medium nand = Medium::nand;
+    constexpr Medium flash = Medium::dataflash;
+    return {
+        {"nand-update", "bootloader update on NAND, from every state of the two slots", Updates(nand)},
+        {"dataflash-update", "bootloader update on DataFlash, from every state of the two slots", Updates(flash)},
+        {"nand-rescue", "rescue update on NAND", RescueUpdates(nand)},
+        {"dataflash-rescue", "rescue update on DataFlash", RescueUpdates(flash)},
+        {"nand-both", "rescue and bootloader update in one boot on NAND", BothUpdates(nand)},
+        {"dataflash-both", "rescue and bootloader update in one boot on DataFlash", BothUpdates(flash)},
+        {"nand-refused", "updates that are refused on NAND", Refusals(nand)},
+        {"dataflash-refused", "updates that are refused on DataFlash", Refusals(flash)},
+        {"parameters", "parameter commit from either sector to the other", Parameters()},
+        {"nand-factory-bad", "updates with factory-bad blocks inside the slots", FactoryBad()},
+        {"nand-worn", "updates during which a block goes bad", Worn()},
+        {"nand-wrong-page", "update with a page that silently keeps wrong bits, each in turn", WrongPages(firmware)},
+        {"dataflash-lost-program", "update with a DataFlash that loses one program, each in turn",
+         LostPrograms(firmware)},
+        {"nand-no-room", "update with every further block bad", NoRoom()},
+        {"nand-edge", "bootloaders that end at an edge on NAND", BootloaderEdges(nand)},
+        {"dataflash-edge", "bootloaders that end at an edge on DataFlash", BootloaderEdges(flash)},
+        {"nand-rescue-edge", "rescue images that end at an edge on NAND", RescueEdges(nand)},
+        {"dataflash-rescue-edge", "rescue images that end at an edge on DataFlash", RescueEdges(flash)},
+        {"holes", "where the layout of the flash leaves a hole", Holes()},
+        {"hostile", "chips and files that nobody means well with", Hostile()},
+    };
+}
+
+std::vector<Scenario> FindScenarios(const std::vector<std::string> &names, const SweepFirmware &firmware) {
+    const std::vector<Scenario> all = AllScenarios(firmware);
+    std::vector<Scenario> found;
+    for (const std::string &name : names) {
+        const std::string scenario = name.substr(0, name.find('/'));
+        const auto has_name = [&](const Scenario &s) { return s.name == scenario; };
+        const auto row = std::find_if(all.begin(), all.end(), has_name);
+        if (row == all.end()) throw std::runtime_error(fmt::format("no scenario \"{}\"; see sweep --list", scenario));
+        std::vector<Variant> variants = row->variants;
+        if (scenario != name)
+            std::erase_if(variants, [&](const Variant &v) { return v.label != name.substr(scenario.size() + 1); });
+        if (variants.empty()) throw std::runtime_error(fmt::format("no variant \"{}\"; see sweep --list", name));
+        const auto before = std::find_if(found.begin(), found.end(), has_name);
+        if (before == found.end())
+            found.push_back({row->name, row->summary, variants});
+        else
+            before->variants.insert(before->variants.end(), variants.begin(), variants.end());
+    }
+    return found;
+}
+
+World WorldOf(const CaseId &id, const SweepFirmware &firmware) {
+    const std::vector<Scenario> scenarios = FindScenarios({id.scenario + "/" + id.variant}, firmware);
+    return MakeWorld(scenarios.front().variants.front().setup, firmware);
+}
+
+Judgement RunCase(const CaseId &id, ProcessorKind processor, const SweepFirmware &firmware) {
+    const World world = WorldOf(id, firmware);
+    return Sweeper(world, processor, firmware).run(id.cuts, id.seed);
+}
+
+} // namespace fixture

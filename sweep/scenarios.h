@@ -1,0 +1,47 @@
+// The scenarios that are swept: what a board is in the middle of when its power goes.
+#pragma once
+
+#include "sweep/case.h"
+#include "sweep/world.h"
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace fixture {
+
+// Where the layout of the flash itself leaves a hole, what falls through is counted by the hole's name.
+inline constexpr const char *kPushedOn = "bad blocks inside a slot push an image into what follows";
+inline constexpr const char *kWornRecord = "block 1 wears out: the version record goes to bootloader slot 0";
+inline constexpr const char *kSharedPage = "slots that share a DataFlash page, which is rewritten as a whole";
+inline constexpr const char *kFitsOneSlot = "an image that fits DataFlash slot 1 alone cannot be moved to slot 0";
+inline constexpr const char *kNoMark = "a rescue block so worn that it cannot even be marked bad";
+inline constexpr const char *kEqualSum = "a parameter commit cut over records of before that add up to the same";
+
+// Whether an outcome is what a hole is known for. Any other one is a finding there too.
+bool HoleTakes(std::string_view hole, Outcome outcome);
+
+struct Variant {
+    std::string label;
+    Situation setup;
+    std::vector<const char *> holes = {}; // that its cases may fall through
+    std::size_t most_cuts = 0; // a seeded sample of about so many, where all of them would take too long; 0: all
+};
+
+struct Scenario {
+    std::string name;
+    const char *summary;
+    std::vector<Variant> variants;
+};
+
+std::vector<Scenario> AllScenarios(const SweepFirmware &firmware);
+// The scenarios whose names, or "scenario/variant", are given. Throws std::runtime_error for an unknown name.
+std::vector<Scenario> FindScenarios(const std::vector<std::string> &names, const SweepFirmware &firmware);
+// What a case starts from. Throws std::runtime_error where there is none of that name.
+World WorldOf(const CaseId &id, const SweepFirmware &firmware);
+
+// The whole of one case, with the power really cut at every cut. Throws as WorldOf does.
+Judgement RunCase(const CaseId &id, ProcessorKind processor, const SweepFirmware &firmware);
+
+} // namespace fixture

@@ -1,0 +1,207 @@
+#include "sweep/variant.h"
+
+#include <algorithm>
+#include <cmath>
+#include <fmt/format.h>
+#include <numeric>
+#include <optional>
+#include <stdexcept>
+
+namespace fixture {
+
+namespace {
+
+constexpr std::size_t kMostFindings = 20;
+constexpr std::size_t kChecks = 4; // one cut in so many of a share, and at most as many, is made again in earnest
+
+constexpr const char *kRescueGap = "a rescue image cut half-way: none is good until a later boot repairs it";
+constexpr const char *kNeighbour = "the neighbours in a DataFlash page that is rewritten";
+
+std::uint64_t HashOf(std::string_view text, std::uint64_t seed) {
+    for (const char c : text) seed = (seed ^ static_cast<unsigned char>(c)) * 0x100000001B3u;
+    return seed;
+}
+
+// All the cuts of a power-up, or a sample of them, in order; where it is asked for with those of its first and its last
+// two operations, since what lies beside an image is touched there: by its first page, by its last one, and where the
+// header of the other one is cleared.
+std::vector<Cut> ChooseCuts(std::uint64_t operations, std::size_t most, std::uint64_t seed, bool with_ends) {
+    std::vector<Cut> cuts;
+    for (std::uint64_t n = 0; n < operations; n++)
+        for (const CutMoment moment : {CutMoment::before, CutMoment::torn, CutMoment::after})
+            cuts.push_back({n, moment});
+    if (most == 0 || most >= cuts.size()) return cuts;
+    std::vector<Cut> chosen;
+    Random random(seed);
+    std::sample(cuts.begin(), cuts.end(), std::back_inserter(chosen), most, random);
+    std::erase_if(cuts, [&](const Cut &cut) {
+        const bool is_end = with_ends && (cut.operation == 0 || cut.operation + 2 >= operations);
+        return !is_end && std::find(chosen.begin(), chosen.end(), cut) == chosen.end();
+    });
+    return cuts;
+}
+
+class VariantSweep {
+public:
+    VariantSweep(const SweepPlan &plan, const Scenario &scenario, const Variant &variant, Share share,
+                 const SweepFirmware &firmware, const std::function<void(const std::string &, std::uint64_t)> &at)
+        : plan_(plan), scenario_(scenario), variant_(variant), share_(share), at_(at),
+          world_(MakeWorld(variant.setup, firmware)), seed_(HashOf(scenario.name + variant.label, plan.seed)) {
+        if (plan.on_host) host_.emplace(world_, ProcessorKind::host, firmware);
+        if (plan.on_arm) arm_.emplace(world_, ProcessorKind::arm, firmware);
+    }
+
+    Tally run() {
+        try {
+            sweep();
+        } catch (const std::exception &error) {
+            found(NameOf(id({})), "the sweep itself failed", error.what());
+        }
+        tally_.boots = boots();
+        return tally_;
+    }
+
+private:
+    Sweeper &first() { return host_ ? *host_ : *arm_; }
+    std::uint64_t boots() const { return (host_ ? host_->boots : 0) + (arm_ ? arm_->boots : 0); }
+    CaseId id(const std::vector<Cut> &cuts) const { return {scenario_.name, variant_.label, cuts, plan_.seed}; }
+
+    std::size_t most() const {
+        const std::size_t wanted =
+            plan_.sample == 0 ? 0 : (plan_.sample + scenario_.variants.size() - 1) / scenario_.variants.size();
+        if (wanted == 0 || variant_.most_cuts == 0) return std::max(wanted, variant_.most_cuts);
+        return std::min(wanted, variant_.most_cuts);
+    }
+
+    void sweep() {
+        const std::uint64_t operations = first().operations();
+        if (share_.number == 0) {
+            tally_.variants++;
+            tally_.operations += operations;
+            tally(world_.chips, {});
+        }
+        const std::size_t most = this->most();
+        const bool pairs = plan_.losses == 2;
+        const auto level = static_cast<std::size_t>(std::ceil(std::sqrt(static_cast<double>(most))));
+        const std::vector<Cut> cuts = share_of(ChooseCuts(operations, pairs ? level : most, seed_, plan_.sample == 0));
+        const std::vector<Snapshot> snapshots = record(world_.chips, {}, cuts);
+        tally_.cuts += snapshots.size();
+        check(snapshots);
+        for (const Snapshot &snapshot : snapshots) {
+            if (pairs)
+                sweep_second(snapshot, most == 0 ? 0 : (most + level - 1) / level);
+            else
+                tally(snapshot.chips, {snapshot.cut});
+        }
+    }
+
+    // The boot that follows a cut, as it is and cut again.
+    void sweep_second(const Snapshot &cut, std::size_t most) {
+        tally(cut.chips, {cut.cut});
+        const std::uint64_t operations = first().count(cut.chips, 1);
+        const std::vector<Cut> cuts = ChooseCuts(operations, most, seed_ ^ TearingSeed({cut.cut}, plan_.seed), false);
+        for (const Snapshot &second : record(cut.chips, {cut.cut}, cuts)) tally(second.chips, {cut.cut, second.cut});
+    }
+
+    // What is left behind one operation is what is there before the next: a worker that gets both boots it once.
+    std::vector<Cut> share_of(std::vector<Cut> cuts) const {
+        std::erase_if(cuts, [&](const Cut &cut) {
+            return (cut.operation + (cut.moment == CutMoment::after)) % share_.of != share_.number;
+        });
+        return cuts;
+    }
+
+    // Every cut must be met exactly once.
+    std::vector<Snapshot> record(const Chips &chips, const std::vector<Cut> &path, const std::vector<Cut> &cuts) {
+        std::size_t next = 0;
+        std::vector<Snapshot> snapshots =
+            first().record(chips, static_cast<unsigned>(path.size()), path, plan_.seed, [&](const Cut &cut) {
+                const bool mine = next < cuts.size() && cuts[next] == cut;
+                next += mine;
+                return mine;
+            });
+        if (snapshots.size() != cuts.size())
+            throw std::runtime_error(fmt::format("{} cuts met, of {}", snapshots.size(), cuts.size()));
+        return snapshots;
+    }
+
+    // That cutting the power leaves what the snapshot holds, on every processor.
+    void check(const std::vector<Snapshot> &snapshots) {
+        if (plan_.losses != 1) return;
+        std::vector<Snapshot> some;
+        Random random(seed_);
+        const std::size_t count = std::clamp<std::size_t>(snapshots.size() / kChecks, 1, kChecks);
+        std::sample(snapshots.begin(), snapshots.end(), std::back_inserter(some), count, random);
+        for (const Snapshot &snapshot : some)
+            for (Sweeper *sweeper : {host_ ? &*host_ : nullptr, arm_ ? &*arm_ : nullptr}) {
+                if (!sweeper) continue;
+                const Chips cut = sweeper->cut({snapshot.cut}, plan_.seed);
+                if (sweeper->digest(cut) != sweeper->digest(snapshot.chips))
+                    found(NameOf(id({snapshot.cut})), "another state than the cut itself leaves", "");
+                tally_.checked++;
+            }
+    }
+
+    void tally(const Chips &chips, const std::vector<Cut> &cuts) {
+        const std::string name = NameOf(id(cuts));
+        at_(name, boots());
+        tally_.cases++;
+        const auto number = static_cast<unsigned>(cuts.size());
+        std::optional<Judgement> host, arm;
+        if (host_) host = host_->judge(chips, number);
+        if (arm_) arm = arm_->judge(chips, number);
+        if (host && arm) compare(name, *host, *arm);
+        count(name, host ? *host : *arm);
+        if (host && arm && arm->outcome != host->outcome) count(name, *arm);
+    }
+
+    void compare(const std::string &name, const Judgement &host, const Judgement &arm) {
+        if (host.boots == 0 && arm.boots == 0) return; // nothing to start
+        tally_.compared++;
+        if (host.console != arm.console)
+            found(name, "console text differs between the processors", "");
+        else if (host.chips != arm.chips)
+            found(name, "chips differ between the processors", "");
+    }
+
+    void count(const std::string &name, const Judgement &judgement) {
+        tally_.outcomes[NameOf(judgement.outcome)]++;
+        if (judgement.rescue_gap && judgement.outcome == Outcome::good) tally_.holes[kRescueGap]["seen"]++;
+        if (judgement.neighbour) tally_.holes[kNeighbour]["seen"]++;
+        std::vector<const char *> holes = variant_.holes;
+        if (judgement.hole) holes = {judgement.hole};
+        const auto hole = std::find_if(holes.begin(), holes.end(), [&](const char *one) {
+            return judgement.outcome == Outcome::good || HoleTakes(one, judgement.outcome);
+        });
+        if (hole != holes.end())
+            tally_.holes[*hole][NameOf(judgement.outcome)]++;
+        else if (judgement.outcome != Outcome::good)
+            found(name, NameOf(judgement.outcome), judgement.detail);
+    }
+
+    void found(const std::string &name, const std::string &outcome, const std::string &detail) {
+        tally_.found++;
+        const char *processor = host_ && arm_ ? "both" : host_ ? "host" : "arm";
+        if (tally_.findings.size() < kMostFindings) tally_.findings.push_back({name, processor, outcome, detail});
+    }
+
+    const SweepPlan &plan_;
+    const Scenario &scenario_;
+    const Variant &variant_;
+    const Share share_;
+    const std::function<void(const std::string &, std::uint64_t)> &at_;
+    const World world_;
+    const std::uint64_t seed_;
+    std::optional<Sweeper> host_;
+    std::optional<Sweeper> arm_;
+    Tally tally_;
+};
+
+} // namespace
+
+Tally SweepVariant(const SweepPlan &plan, const Scenario &scenario, const Variant &variant, Share share,
+                   const SweepFirmware &firmware, const std::function<void(const std::string &, std::uint64_t)> &at) {
+    return VariantSweep(plan, scenario, variant, share, firmware, at).run();
+}
+
+} // namespace fixture

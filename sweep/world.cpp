@@ -1,0 +1,246 @@
+#include "sweep/world.h"
+#include "machine/raw_flash.h"
+
+#include "formats/bank.h"
+#include "formats/flash_report.h"
+#include "formats/parameter_store.h"
+#include "sweep/hostile.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <fmt/format.h>
+#include <stdexcept>
+
+namespace fixture {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::uint32_t kApplicationBytes = 256 * 1024;
+constexpr std::uint8_t kPadding = 0xA5; // never mistaken for erased flash
+constexpr std::uint16_t kMoreParameter = 0x20;
+constexpr std::array<std::uint32_t, 4> kNetwork = {0x0A000005, 0xFFFFFF00, 0x0A000001, 0x0A000002};
+
+// Bytes that differ from page to page, the same in every run.
+Bytes Pattern(std::uint64_t seed, std::size_t length) {
+    Random random(seed);
+    Bytes bytes(length);
+    for (std::uint8_t &byte : bytes) byte = static_cast<std::uint8_t>(random());
+    return bytes;
+}
+
+std::string StandInText(int build) { return fmt::format("stands for 1.9.{}", build); }
+
+Bytes BootloaderImage(const SweepFirmware &firmware, int build, std::uint32_t bytes) {
+    Bytes body = firmware.version(build).flat;
+    if (bytes != 0) {
+        const std::uint32_t length = bytes - kImageHeaderBytes;
+        if (length < body.size()) {
+            const std::string text = StandInText(build);
+            body.assign(text.begin(), text.end());
+        }
+        body.resize(length, kPadding);
+    }
+    return Wrap(body);
+}
+
+// Of small bytes: a bank states a file's sum in nine digits, and the largest rescue image has to have one.
+Bytes RescueImage(std::uint64_t seed, std::uint32_t bytes) {
+    Bytes body = Pattern(seed, bytes - kImageHeaderBytes);
+    for (std::uint8_t &byte : body) byte &= 0x3F;
+    return Wrap(body);
+}
+
+Bytes SlotBytes(SlotState state, const Bytes &running, const Bytes &updated) {
+    Bytes bytes = state == SlotState::updated ? updated : running;
+    if (state == SlotState::erased) bytes.clear();
+    if (state == SlotState::retired) std::fill_n(bytes.begin(), kImageHeaderBytes, std::uint8_t{0});
+    if (state == SlotState::endless) bytes[23] = 0xFF; // the top of its length
+    if (state == SlotState::broken) bytes[bytes.size() / 2] ^= 0x40;
+    return bytes;
+}
+
+std::shared_ptr<const fs::path> VolumeWith(const std::vector<BankFile> &files) {
+    std::shared_ptr<const fs::path> volume = TemporaryVolume();
+    const fs::path bank = *volume / "data" / "app";
+    fs::create_directories(bank / kFileDirectory);
+    for (const BankFile &file : files) WriteFile(bank / file.path(), file.bytes);
+    WriteFile(bank / kDescriptorName, MakeDescriptor(files));
+    WriteFile(bank / kManifestName, MakeManifest(files));
+    return volume;
+}
+
+std::vector<StoredParameter> Parameters(std::span<const std::uint32_t> network, const std::vector<std::uint8_t> &more) {
+    std::vector<StoredParameter> parameters;
+    for (unsigned n = 0; n < network.size(); n++) {
+        StoredParameter parameter{9 + n, {}};
+        for (int shift = 24; shift >= 0; shift -= 8)
+            parameter.data.push_back(static_cast<std::uint8_t>(network[n] >> shift));
+        parameters.push_back(parameter);
+    }
+    if (!more.empty()) parameters.push_back({kMoreParameter, more});
+    return parameters;
+}
+
+// What an update must leave alone holds something everywhere: the first stage's part, the file system's part, and on a
+// DataFlash what lies between the record and the first slot.
+void FillNeighbours(Chips &chips) {
+    constexpr std::uint32_t kFileSystem = 0x01000000;
+    chips.nand.write(0, Pattern(1, 3 * kNandPageBytes));
+    chips.nand.write(kFileSystem, Pattern(2, 2 * kNandPageBytes));
+    chips.nand.write(kNandBytes - kNandBlockBytes, Pattern(3, kNandPageBytes));
+    const SlotTable &slots = SlotsOf(Medium::dataflash);
+    chips.dataflash.write(0, Pattern(4, slots.bootloader[0].address));
+    chips.dataflash.write(slots.record.address, Bytes(slots.record.capacity, 0xFF));
+}
+
+void Place(const RawFlash &flash, const Slot &slot, const Bytes &bytes) {
+    if (!bytes.empty()) flash.write(slot.address, bytes);
+}
+
+class Maker {
+public:
+    Maker(const Situation &setup, const SweepFirmware &firmware)
+        : setup_(setup), running_(BootloaderImage(firmware, 0, setup.running_bytes)),
+          update_(BootloaderImage(firmware, setup.new_bootloader ? 1 : 0, setup.update_bytes)),
+          rescue_(RescueImage(10, std::min(setup.rescue_bytes, SlotsOf(setup.medium).rescue.capacity))),
+          new_rescue_(setup.new_rescue ? RescueImage(11, setup.rescue_bytes) : rescue_),
+          application_(Pattern(12, kApplicationBytes)) {}
+
+    World make() {
+        World world;
+        world.medium = setup_.medium;
+        if (setup_.part) world.chips.dataflash = At45Contents(*FindAt45Part(setup_.part));
+        world.board.straps.pins_12_13 = setup_.medium == Medium::nand;
+        make_chips(world.chips);
+        world.volume = VolumeWith(bank());
+        world.may_stay = setup_.fate == Fate::may_fail;
+        world.commits = setup_.parameters.commits;
+        world.more = setup_.parameters.more;
+        set_touched(world);
+        set_expected(world);
+        return world;
+    }
+
+private:
+    void make_chips(Chips &chips) const {
+        for (const std::uint32_t block : setup_.bad_blocks) chips.nand.make_factory_bad(block);
+        FillNeighbours(chips);
+        if (setup_.medium == Medium::nand)
+            fill_slots(RawFlashOf(chips.nand));
+        else
+            fill_slots(RawFlashOf(chips.dataflash));
+        chips.nand.faults = setup_.nand_faults;
+        chips.dataflash.faults = setup_.dataflash_faults;
+        const int target = 1 - setup_.parameters.sector;
+        if (!setup_.parameters.remains.empty()) {
+            PlaceStoreImage(chips.eeprom.bytes, target, MakeStoreImage(1, Parameters(setup_.parameters.remains, {})));
+            PlaceStoreImage(chips.eeprom.bytes, target, Bytes(6, 0xFF)); // as a commit cleans a header
+        }
+        PlaceStoreImage(chips.eeprom.bytes, setup_.parameters.sector, MakeStoreImage(1, Parameters(kNetwork, {})));
+    }
+
+    void fill_slots(const RawFlash &flash) const {
+        const SlotTable &slots = SlotsOf(setup_.medium);
+        for (const unsigned n : {0u, 1u})
+            Place(flash, slots.bootloader[n], SlotBytes(setup_.slots[n], running_, update_));
+        if (setup_.rescue == RescueState::none) return;
+        Place(flash, slots.rescue,
+              SlotBytes(setup_.rescue == RescueState::broken ? SlotState::broken : SlotState::running, rescue_, {}));
+        Place(flash, slots.record, record("1.0"));
+    }
+
+    static Bytes record(const std::string &version) {
+        Bytes bytes(version.begin(), version.end());
+        bytes.resize(16, 0);
+        return bytes;
+    }
+
+    std::vector<BankFile> bank() const {
+        std::vector<BankFile> files = {
+            {FileRole::application, "application.bin", "3.2.1", application_},
+            {FileRole::bootloader, "bootloader.bin", setup_.new_bootloader ? "1.9.1" : "1.9.0", update_},
+            {FileRole::rescue, "rescue.bin", setup_.new_rescue ? "1.1" : "1.0", new_rescue_}};
+        if (setup_.damaged)
+            for (BankFile &file : files)
+                if (file.role != FileRole::application) file.bytes.back() ^= 1;
+        if (setup_.rescue == RescueState::none && !setup_.new_rescue) files.pop_back();
+        return files;
+    }
+
+    void set_touched(World &world) const {
+        if (setup_.fate == Fate::refused) return;
+        const SlotTable &slots = SlotsOf(setup_.medium);
+        const auto add = [&](const Slot &slot, std::uint32_t bytes) {
+            world.touched.push_back({slot.address, slot.address + bytes});
+        };
+        if (setup_.new_bootloader || !setup_.watches_slots)
+            for (const Slot &slot : slots.bootloader) add(slot, slot.capacity);
+        if (!setup_.new_rescue && setup_.watches_slots) return;
+        add(slots.rescue, slots.rescue.capacity);
+        add(slots.record, setup_.medium == Medium::nand ? kNandBlockBytes : slots.record.capacity);
+    }
+
+    void set_expected(World &world) const {
+        const bool has_record = setup_.rescue != RescueState::none;
+        const Bytes text = has_record ? record("1.0") : Bytes(16, 0xFF);
+        world.before = {running_,
+                        setup_.rescue == RescueState::good ? rescue_ : Bytes{},
+                        {text.begin(), text.end()},
+                        application_,
+                        kNetwork,
+                        Parameters(kNetwork, {})};
+        world.after = world.before;
+        if (setup_.parameters.commits) {
+            world.after.network = kNewNetwork;
+            world.after.parameters = Parameters(kNewNetwork, setup_.parameters.more);
+        }
+        if (setup_.fate != Fate::stored && setup_.fate != Fate::may_fail) return;
+        if (setup_.new_bootloader) world.after.bootloader = update_;
+        if (!setup_.new_rescue) return;
+        const Bytes new_text = record("1.1");
+        world.after.rescue = new_rescue_;
+        world.after.record.assign(new_text.begin(), new_text.end());
+    }
+
+    const Situation &setup_;
+    Bytes running_;
+    Bytes update_;
+    Bytes rescue_;
+    Bytes new_rescue_;
+    Bytes application_;
+};
+
+} // namespace
+
+SweepFirmware::SweepFirmware(const fs::path &directory) : known(directory) {
+    for (const int build : {0, 1}) {
+        Firmware stand_in = version(build);
+        const std::string text = StandInText(build);
+        stand_in.flat.assign(text.begin(), text.end());
+        known.add(std::move(stand_in));
+    }
+}
+
+const Firmware &SweepFirmware::version(int build) const {
+    for (const Firmware &firmware : known.all())
+        if (firmware.version.build == std::to_string(build)) return firmware;
+    throw std::runtime_error(fmt::format("no build 1.9.{} of the bootloader; run make firmware", build));
+}
+
+std::shared_ptr<const fs::path> TemporaryVolume() {
+    std::string name = (fs::temp_directory_path() / "fixture-sweep-XXXXXX").string();
+    if (!mkdtemp(name.data())) throw std::runtime_error(name + ": cannot be made");
+    return {new fs::path(name), [](const fs::path *path) {
+                std::error_code error;
+                fs::remove_all(*path, error);
+                delete path;
+            }};
+}
+
+World MakeWorld(const Situation &setup, const SweepFirmware &firmware) {
+    return setup.hostile ? MakeHostileWorld(*setup.hostile, firmware) : Maker(setup, firmware).make();
+}
+
+} // namespace fixture
