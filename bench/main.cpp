@@ -6,7 +6,7 @@
 #include <fmt/format.h>
 #include <stdexcept>
 
-using namespace fixture;
+namespace fixture {
 
 std::vector<SpeedRow> MeasureTransfers(Bench &bench, const std::string &chip, const Transfer &write,
                                        const Transfer &read) {
@@ -25,6 +25,10 @@ std::vector<SpeedRow> MeasureTransfers(Bench &bench, const std::string &chip, co
         throw std::runtime_error(chip + " does not hold what was written");
     return rows;
 }
+
+} // namespace fixture
+
+using namespace fixture;
 
 int main() {
     fmt::print("{:28} {:>12} {:>12} {:>8} {:>18}\n", "1 MiB", "virtual ms", "limit ms", "ratio", "instructions/byte");

@@ -105,7 +105,6 @@ if(SANITIZE)
     target_precompile_headers(fixture-tests PRIVATE <fmt/format.h> <gmock/gmock.h> <gtest/gtest.h> <nlohmann/json.hpp>)
     target_include_directories(fixture-tests BEFORE PRIVATE platform/host/include)
     target_include_directories(fixture-tests PRIVATE ${MODULE_INCLUDES})
-    target_compile_definitions(fixture-tests PRIVATE SOURCE_DIR="${CMAKE_SOURCE_DIR}")
     target_link_libraries(fixture-tests PRIVATE native-modules-fixed harness
                           GTest::gtest GTest::gmock GTest::gtest_main ${NATIVE_LINK})
     gtest_discover_tests(fixture-tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300

@@ -1,5 +1,6 @@
 // The fuzz targets on their committed corpora: what they once found stays mended.
 #include "fuzz/fuzz.h"
+#include "harness/source_tree.h"
 
 namespace fixture {
 
@@ -9,8 +10,7 @@ class FuzzCorpus : public testing::TestWithParam<FuzzTarget> {};
 
 TEST_P(FuzzCorpus, FindsNothing) {
     unsigned files = 0;
-    for (const auto &file :
-         std::filesystem::directory_iterator(std::string(SOURCE_DIR "/fuzz/corpus/") + GetParam().name)) {
+    for (const auto &file : std::filesystem::directory_iterator(SourceFile("fuzz/corpus") / GetParam().name)) {
         const Bytes input = ReadFile(file.path(), 1 << 20);
         EXPECT_NO_THROW(GetParam().run(input)) << file.path();
         files++;

@@ -1,4 +1,5 @@
 // What somebody in front of the panel sees in whole boots: every frame, compared with pictures of each bar value.
+#include "harness/source_tree.h"
 #include "sweep/world.h"
 #include "tests/processors.h"
 
@@ -14,7 +15,7 @@ int BarOf(const Picture &picture) {
     static const auto golden = [] {
         std::vector<std::pair<int, Picture>> pictures;
         for (const int percent : {0, 5, 12, 25, 40, 50, 70, 80, 100})
-            pictures.emplace_back(percent, ReadPng(fmt::format("{}/tests/golden/bar-{:03}.png", SOURCE_DIR, percent)));
+            pictures.emplace_back(percent, ReadPng(SourceFile(fmt::format("tests/golden/bar-{:03}.png", percent))));
         return pictures;
     }();
     for (const auto &[percent, expected] : golden)

@@ -1,5 +1,6 @@
 // The sweep's own test: each mistake in planted/ is found by the case that stands beside it here, and the bootloader
 // without it passes that case.
+#include "harness/source_tree.h"
 #include "sweep/scenarios.h"
 
 #include <filesystem>
@@ -72,7 +73,7 @@ TEST_P(AllPlanted, MistakesAreTried) {
     std::set<std::string> tried;
     for (const Plant &plant : kPlants) tried.insert(plant.name);
     std::set<std::string> planted;
-    for (const auto &entry : std::filesystem::directory_iterator(SOURCE_DIR "/tests/planted"))
+    for (const auto &entry : std::filesystem::directory_iterator(SourceFile("tests/planted")))
         planted.insert(entry.path().stem().string());
     EXPECT_EQ(tried, planted);
 }

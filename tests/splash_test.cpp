@@ -2,6 +2,7 @@
 #include "formats/picture.h"
 #include "formats/splash.h"
 #include "harness/command.h"
+#include "harness/source_tree.h"
 #include "harness/started_board.h"
 #include "tools/commands.h"
 
@@ -15,12 +16,12 @@ namespace {
 TEST(Splash, ArrayIsMadeFromThePicture) {
     const TemporaryDirectory directory;
     const std::string array = directory.path() / "Images.cpp", back = directory.path() / "back.png";
-    const std::string picture = SOURCE_DIR "/assets/splash.png";
+    const std::string picture = SourceFile("assets/splash.png");
     const CommandResult encoded = RunCommand(AddSplashCommand, {"splash", "encode", picture, array});
     EXPECT_EQ(encoded.exit_status, 0) << encoded.error;
     EXPECT_THAT(encoded.output,
                 testing::HasSubstr("11594 of 12732 bytes in 1475 repeat and 1171 literal runs, 33 colours"));
-    EXPECT_EQ(ReadFile(array, 1 << 20), ReadFile(SOURCE_DIR "/src/Images.cpp", 1 << 20));
+    EXPECT_EQ(ReadFile(array, 1 << 20), ReadFile(SourceFile("src/Images.cpp"), 1 << 20));
     EXPECT_EQ(RunCommand(AddSplashCommand, {"splash", "decode", array, back}).exit_status, 0);
     EXPECT_EQ(ReadPng(back), ReadPng(picture));
 }
