@@ -1,9 +1,11 @@
-// The two-wire device as the platform sees it: start-up and requests. Its manual page is <twi_device.h>.
+// The two-wire device as the platform sees it: start-up and requests. Its manual pages are <bootloader.h> and
+// <twi_device.h>.
 
 #include "at91sam9263_sw_i2c.h"
 #include "at91sam9263_sw_i2c_eeprom.h"
 
-#include <twi_device.h>
+#include <bootloader.h>
+#include <kernel.h>
 
 namespace {
 

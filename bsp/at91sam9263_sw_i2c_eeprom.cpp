@@ -28,9 +28,9 @@ constexpr std::uint16_t kEndIdentifier = 0xFFF;
 
 struct State {
     std::uint8_t images[2][kMaxImage];
-    int current; // index of the current image; the other one is the work image
-    std::uint16_t current_sector;
-    std::uint16_t target_sector; // the next commit goes here
+    int current;                  // index of the current image; the other one is the work image
+    std::uint16_t current_sector; // Kept: a debugger reads it, no routine does.
+    std::uint16_t target_sector;  // the next commit goes here
 };
 // Zero-filled images have length 0: a lookup before the start-up finds nothing.
 constinit State state{{}, 0, kNoSector, kNoSector};
@@ -187,7 +187,7 @@ bool AppendRecord(std::uint8_t *image, int &end, const Record &record) {
     return true;
 }
 
-// Copies the current image's records to the work image with `changed` in its place, or behind them all.
+// Copies the current image's records to the work image with `changed` in its place, or after them all.
 int CopyRecords(const Record &changed, int &end) {
     const std::uint8_t *image = CurrentImage();
     const int used = UsedLength(image);

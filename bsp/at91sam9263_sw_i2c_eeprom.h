@@ -20,13 +20,12 @@
 // not found; 8 and 9 below. Nothing is printed. Calls come from one task at a time.
 #pragma once
 
+#include <bootloader.h>
 #include <cstdint>
 
 inline constexpr int kStoreFailed = 1;
 inline constexpr int kStoreNoRoom = 8;
 inline constexpr int kStoreEmpty = 9; // no sector holds an image
-
-inline constexpr std::uint16_t kMaxParameterLength = 15;
 
 extern "C" {
 
@@ -48,8 +47,6 @@ void encodeParam(std::uint8_t *tag, std::uint16_t identifier, std::uint16_t leng
 
 // Looks a parameter up in the current image: 0 found, 1 not. `buffer` has room for 15 bytes; `length` is only written.
 int readEEpromParameter(std::uint16_t identifier, std::uint8_t *buffer, std::uint16_t *length);
-// The same for the board start-up: non-zero = failed.
-int readNetParameter(std::uint16_t identifier, std::uint8_t *buffer, std::uint16_t *length);
 // Replaces or appends a parameter in memory. 1: length over 15, identifier over 0xFFE, or an image without end marker;
 // 8: no room, a blank image included. Nothing has changed then.
 int WriteEEpromParameter(std::uint16_t identifier, const std::uint8_t *data, std::uint16_t length);

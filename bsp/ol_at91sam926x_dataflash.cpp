@@ -66,7 +66,7 @@ void PutCommand(Opcode opcode, std::uint32_t address) {
     *next = static_cast<std::uint8_t>(address);
 }
 
-// Sends a command of `length` bytes, and data behind it received into `receive`, if there is one. The busy test
+// Sends a command of `length` bytes, and data after it received into `receive`, if there is one. The busy test
 // comes before the shared descriptor is filled. Returns 0, or 1 where a transfer was running.
 std::uint32_t Send(Opcode opcode, std::uint32_t address, std::uint32_t length, SendData data = {},
                    std::uint8_t *receive = nullptr) {

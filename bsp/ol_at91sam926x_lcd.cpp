@@ -1,5 +1,6 @@
 #include "ol_at91sam926x_lcd.h"
 
+#include <bootloader.h>
 #include <memory_map.h>
 
 namespace {

@@ -1,5 +1,7 @@
 // The board's LCD controller: clock, pins and timing for the 320 x 240 panel at 16 bits a pixel.
 //
+// The start-up makes the whole set-up with AT91SAM926X_InitializeLCD (<bootloader.h>); LCD_Init repeats its two steps.
+//
 // Source of register names and fields: AT91SAM9263 datasheet, LCD controller.
 #pragma once
 
@@ -12,11 +14,7 @@ inline constexpr std::uint32_t kPwrconGuardTime = 6u << 1;
 
 extern "C" {
 
-// The whole set-up, for the board's start-up: clock, pins, controller, and the panel's power at last. The picture is
-// whatever the video region holds; panel registers and backlight stay untouched. Returns 0.
-int AT91SAM926X_InitializeLCD(void);
-
-// Step one of it: switches the controller's clock on and hands it the panel's pins; PA30 becomes an output, low.
+// Step one: switches the controller's clock on and hands it the panel's pins; PA30 becomes an output, low.
 void AT91SAM926X_ConnectLCD(void);
 
 // Step two: mode, timing, contrast and the scan of the video region's first 153,600 bytes. Leaves PWRCON alone.

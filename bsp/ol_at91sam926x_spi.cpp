@@ -59,7 +59,7 @@ struct Phase {
 
 // The controller judges the select line at each character's end, so it is told to let go before the last one starts.
 void Move(const Phase &phase, std::uint32_t select, bool release) {
-    for (std::uint32_t n = 0; n < phase.length; n++) {
+    for (std::uint32_t n = 0; n < phase.length; ++n) {
         if (release && n == phase.length - 1) StaySelected(select, false);
         const std::uint8_t received = Exchange(phase.send[n]);
         if (n < phase.receive_length) phase.receive[n] = received;

@@ -8,7 +8,7 @@
 
 extern "C" {
 
-// One transfer: a command, and data behind it under the same selection. Where a pointer goes with a length of 0 it is
+// One transfer: a command, and data after it under the same selection. Where a pointer goes with a length of 0 it is
 // not used. A byte comes in for every byte that goes out; those beyond a receive length are read and dropped.
 struct SpiDescriptor {
     const std::uint8_t *command_send;
@@ -26,7 +26,7 @@ struct SpiDescriptor {
 };
 
 // Resets the controller and sets it up as master: chip-select register 0 for the DataFlash at 33 MHz or the next
-// divider faster, register 3 at 920 kHz; hands the pins to it; waits until it is enabled and for the devices behind it
+// divider faster, register 3 at 920 kHz; hands the pins to it; waits until it is enabled and for the devices on it
 // to come up. Returns what the receive register held.
 std::uint32_t AT91SAM926X_SpiInit(void);
 

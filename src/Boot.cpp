@@ -3,9 +3,8 @@
 #include "App.h"
 #include "ImageRecord.h"
 #include "LCD.h"
-#include "NandFlash_if.h"
+#include "Medium.h"
 #include "PJFS.h"
-#include "SDFlash.h"
 #include "StoredImage.h"
 #include "Validate.h"
 
@@ -30,37 +29,7 @@ struct State {
 };
 State state;
 
-// The update's way to a medium.
-struct Medium {
-    const std::uint32_t *slot;
-    const std::uint32_t *slot_size;
-    int (*check_header)(std::uint32_t address);
-    int (*check_image)(std::uint32_t address, std::uint32_t largest);
-    int (*write)(std::uint32_t address, const void *source, std::uint32_t length);
-    int (*invalidate)(std::uint32_t address);
-    bool announces;
-};
-
-int WriteNand(std::uint32_t address, const void *source, std::uint32_t length) {
-    return NandFlash_if_Write(address, source, static_cast<std::int32_t>(length));
-}
-
-constexpr Medium kNand = {nandFlashBootSector,
-                          kNandBootSlotSize,
-                          Validate_NandFlashHeader,
-                          Validate_NandFlashImageWithin,
-                          WriteNand,
-                          Validate_NandFlashInvalidateImage,
-                          true};
-constexpr Medium kSDFlash = {sdFlashBootSector,
-                             kSDFlashBootSlotSize,
-                             Validate_SDFlashHeader,
-                             Validate_SDFlashImageWithin,
-                             SDFlash_Write,
-                             Validate_SDFlashInvalidateImage,
-                             false};
-
-// The new image waits here while slots are checked: behind what the check of a bootloader slot can overwrite, and
+// The new image waits here while slots are checked: after what the check of a bootloader slot can overwrite, and
 // before the launch marker.
 constexpr std::uint32_t kParking = 0x00C00000;
 constexpr std::uint32_t kLongestSlot =
@@ -74,8 +43,10 @@ const void *Park(const void *image, std::uint32_t length) {
     return std::memmove(image_load_buf + kParking, image, length);
 }
 
+bool HasHeader(const Medium &medium, int slot) { return Validate_Header(medium, medium.boot_slot[slot]) == 0; }
+
 bool HoldsImage(const Medium &medium, int slot) {
-    return medium.check_image(medium.slot[slot], medium.slot_size[slot]) == 0;
+    return Validate_ImageWithin(medium, medium.boot_slot[slot], medium.boot_slot_size[slot]) == 0;
 }
 
 struct Choice {
@@ -85,7 +56,7 @@ struct Choice {
 
 Choice ChooseSlots(const Medium &medium) {
     Choice choice;
-    for (const int slot : {0, 1}) (medium.check_header(medium.slot[slot]) == 0 ? choice.kept : choice.target) = slot;
+    for (const int slot : {0, 1}) (HasHeader(medium, slot) ? choice.kept : choice.target) = slot;
     if (choice.target >= 0) return choice;
     // Two valid headers: what an interrupted update leaves.
     for (const int slot : {0, 1}) (HoldsImage(medium, slot) ? choice.kept : choice.target) = slot;
@@ -96,9 +67,9 @@ Choice ChooseSlots(const Medium &medium) {
 }
 
 int WriteSlot(const Medium &medium, int slot, const void *image, std::uint32_t length) {
-    if (length > medium.slot_size[slot]) return -1;
-    if (medium.write(medium.slot[slot], image, length) != 0) return -1;
-    if (medium.announces) {
+    if (length > medium.boot_slot_size[slot]) return -1;
+    if (medium.write(medium.boot_slot[slot], image, length) != 0) return -1;
+    if (medium.announces_update) {
         std::printf("Bootloader replaced.\n"); // Kept: before the image is verified.
         std::fflush(stdout);
     }
@@ -108,12 +79,12 @@ int WriteSlot(const Medium &medium, int slot, const void *image, std::uint32_t l
 int CopyImage(const Medium &medium, const void *image, std::uint32_t length) {
     const void *const parked = Park(image, length);
     const Choice choice = ChooseSlots(medium);
-    if (medium.announces) {
-        std::printf("Placing new bootloader at %08X.\n", static_cast<unsigned>(medium.slot[choice.target]));
+    if (medium.announces_update) {
+        std::printf("Placing new bootloader at %08X.\n", static_cast<unsigned>(medium.boot_slot[choice.target]));
         std::fflush(stdout);
     }
     if (WriteSlot(medium, choice.target, parked, length) != 0) return -1;
-    return choice.kept < 0 ? 0 : medium.invalidate(medium.slot[choice.kept]);
+    return choice.kept < 0 ? 0 : Validate_InvalidateImage(medium, medium.boot_slot[choice.kept]);
 }
 
 } // namespace
@@ -144,9 +115,7 @@ int Boot_Store(std::uint32_t nand_boot) {
     if (!Validate_HasMaker(image_load_buf)) return -1;
     LCD_DrawProgressBar(80);
     const std::uint32_t length = Validate_ImageSize(image_load_buf);
-    const int copied =
-        nand_boot ? Boot_CopyImageToNandFlash(image_load_buf, length) : Boot_CopyImageToSDFlash(image_load_buf, length);
-    if (copied != 0) return -1;
+    if (CopyImage(Medium_Of(nand_boot), image_load_buf, length) != 0) return -1;
     LCD_DrawProgressBar(100);
     Boot_Reset();
     return 0;
@@ -165,7 +134,7 @@ std::int32_t Boot_LoadImageIntoMemory(const char *path, void *destination) {
     return static_cast<std::int32_t>(count);
 }
 
-int Boot_CopyImageToSDFlash(const void *image, std::uint32_t length) { return CopyImage(kSDFlash, image, length); }
-int Boot_CopyImageToNandFlash(const void *image, std::uint32_t length) { return CopyImage(kNand, image, length); }
+int Boot_CopyImageToSDFlash(const void *image, std::uint32_t length) { return CopyImage(sdFlashMedium, image, length); }
+int Boot_CopyImageToNandFlash(const void *image, std::uint32_t length) { return CopyImage(nandMedium, image, length); }
 
 void Boot_Reset() { App_Reset(); }

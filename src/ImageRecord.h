@@ -11,6 +11,6 @@ inline constexpr std::uint32_t kPathSize = 256;   // bank directory and relative
 // terminator.
 template <std::size_t N> void SetText(char (&field)[N], const char *text) {
     std::size_t i = 0;
-    for (; i < N && text[i] != '\0'; i++) field[i] = text[i];
-    for (; i < N; i++) field[i] = '\0';
+    for (; i < N && text[i] != '\0'; ++i) field[i] = text[i];
+    for (; i < N; ++i) field[i] = '\0';
 }

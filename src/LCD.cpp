@@ -76,12 +76,12 @@ constexpr std::uint32_t kTurnPixels = 4 * kBlockPixels;
     return at;
 }
 
-// Fills at least one pixel from `at`, an even address, and returns the place behind them. Most runs of a picture are
+// Fills at least one pixel from `at`, an even address, and returns the place after them. Most runs of a picture are
 // short: their ends take no loop.
 inline std::uint8_t *Fill(std::uint8_t *at, std::uint32_t pixels, std::uint16_t colour) {
     if (reinterpret_cast<std::uintptr_t>(at) % sizeof(std::uint32_t) != 0) {
         at = StorePixel(at, colour);
-        pixels--;
+        --pixels;
     }
     const std::uint32_t pair = colour * 0x00010001u;
     if (pixels >= kTurnPixels) {
@@ -162,7 +162,7 @@ void LCD_InsertImage(const std::uint8_t *image) {
             pixels = std::min(pixels, kBehindFrame + static_cast<std::uint32_t>(frame_end - at) / kPixelBytes);
         if (header & 0x8000) {
             at = StorePixel(at, NextWord(image)); // most are of one pixel
-            for (; pixels > 1; pixels--) at = StorePixel(at, NextWord(image));
+            for (; pixels > 1; --pixels) at = StorePixel(at, NextWord(image));
         } else {
             at = Fill(at, pixels, NextWord(image));
         }
@@ -184,7 +184,7 @@ void LCD_DrawHLine(std::uint16_t x0, std::uint16_t x1, std::uint16_t y, std::uin
 void LCD_DrawProgressBar(std::int32_t percent) {
     // Kept: no clamping. A value above 100 runs on past the rows' ends, a negative one starts far to the right.
     const auto filled = static_cast<std::uint16_t>(std::int64_t{percent} * kLcdColumns / 100);
-    for (std::uint16_t y = kFirstBarRow; y < kLcdRows; y++) {
+    for (std::uint16_t y = kFirstBarRow; y < kLcdRows; ++y) {
         LCD_DrawHLine(0, filled, y, kBarColour);
         LCD_DrawHLine(filled, kLcdColumns, y, kBlack);
     }

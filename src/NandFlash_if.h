@@ -1,5 +1,5 @@
 // Raw NAND flash as the rest of the bootloader sees it: three calls with byte addresses. They pass everything through
-// to the driver (driver/nandflash.h), so that nobody else depends on which driver stands behind.
+// to the driver (driver/nandflash.h), so that nobody else depends on one driver.
 //
 // Addresses count data bytes only. Block size is 128 KiB and page size 2,048 bytes on every supported chip. Bad blocks
 // are skipped on both sides; failures appear on the console only.

@@ -1,7 +1,7 @@
 #include "PJFS.h"
 
+#include <bootloader.h>
 #include <cstdio>
-#include <file_server.h>
 #include <kernel.h>
 
 constexpr PjfsBackend __ghsentry_pjfs_backends_disk1 = {"i", "FlashDisk1", PJFS_IntegrityIODevDiskInit,

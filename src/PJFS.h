@@ -1,6 +1,6 @@
 // The file system's side of the bootloader: what the file server is configured with, its start, and file sizes.
 //
-// The configuration tables are declared in <file_server.h>; the platform reads them by name. Files are reached through
+// The configuration tables are declared in <bootloader.h>; the platform reads them by name. Files are reached through
 // the platform's open, read, close and stat on drive "i", volume "vol0" ("i:/vol0/...").
 #pragma once
 

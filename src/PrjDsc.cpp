@@ -128,7 +128,7 @@ int PrjDsc_Parse(void) {
     FileText text{};
     if (!ReadFile(&text)) return -1;
     root->value = text.buffer;
-    root->value_length = text.length; // kept: the size asked for, not the count read
+    root->value_length = text.length; // Kept: the size asked for, not the count read.
     // Kept: a text without an element stays allocated.
     if (XmlExtractor_Parse(root) == 0) return -1;
     for (const Section &section : kSections) FillEntry(&g_state.entries[section.type], section.element);

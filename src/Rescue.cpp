@@ -4,8 +4,7 @@
 #include "Boot.h"
 #include "ImageRecord.h"
 #include "LCD.h"
-#include "NandFlash_if.h"
-#include "SDFlash.h"
+#include "Medium.h"
 #include "StoredImage.h"
 #include "Validate.h"
 
@@ -29,10 +28,15 @@ struct State {
 };
 State state;
 
-int WriteVersion(const char *record, std::uint32_t nand_boot) {
-    const int result = nand_boot ? Validate_NandFlashWriteShort(kNandRescueVersion, record, kRescueVersionSize)
-                                 : SDFlash_Write(kSDFlashRescueVersion, record, kRescueVersionSize);
-    return result == 0 ? 0 : -1;
+// The slot is the only one: an image that does not fit is refused before the old one is touched.
+int CopyImage(const Medium &medium, const void *image, std::uint32_t length) {
+    if (medium.admit_rescue(length) != 0) return -1;
+    if (medium.write(medium.rescue_slot, image, length) != 0) return -1;
+    return Validate_Image(medium, medium.rescue_slot);
+}
+
+int WriteVersion(const Medium &medium, const char *record) {
+    return medium.write_short(medium.rescue_version, record, kRescueVersionSize) == 0 ? 0 : -1;
 }
 
 } // namespace
@@ -58,9 +62,8 @@ int Rescue_Store(const char *record, std::uint32_t nand_boot) {
     if (Validate_LoadedImage(image_load_buf, static_cast<std::uint32_t>(loaded)) != 0) return -1;
     LCD_DrawProgressBar(80);
     const std::uint32_t length = Validate_ImageSize(image_load_buf);
-    const int copied = nand_boot ? Rescue_CopyImageToNandFlash(image_load_buf, length)
-                                 : Rescue_CopyImageToSDFlash(image_load_buf, length);
-    if (copied != 0 || WriteVersion(record, nand_boot) != 0) return -1;
+    const Medium &medium = Medium_Of(nand_boot);
+    if (CopyImage(medium, image_load_buf, length) != 0 || WriteVersion(medium, record) != 0) return -1;
     LCD_DrawProgressBar(100);
     return 0;
 }
@@ -70,17 +73,10 @@ std::int32_t Rescue_LoadImageIntoMemory(const char *path, void *destination) {
 }
 
 int Rescue_CopyImageToSDFlash(const void *image, std::uint32_t length) {
-    // The check reads on behind the image: nearer to the chip's end an image could be written, over the only good copy,
-    // but would never pass. A write of nothing asks the driver whether the chip reaches that far.
-    if (SDFlash_Write(kSDFlashRescueSlot + length + kCheckOverrun, image, 0) != 0) return -1;
-    if (SDFlash_Write(kSDFlashRescueSlot, image, length) != 0) return -1;
-    return Validate_SDFlashImage(kSDFlashRescueSlot);
+    return CopyImage(sdFlashMedium, image, length);
 }
-
 int Rescue_CopyImageToNandFlash(const void *image, std::uint32_t length) {
-    if (length > kNandRescueSlotSize) return -1;
-    if (NandFlash_if_Write(kNandRescueSlot, image, static_cast<std::int32_t>(length)) != 0) return -1;
-    return Validate_NandFlashImage(kNandRescueSlot);
+    return CopyImage(nandMedium, image, length);
 }
 
 int Rescue_Load(std::uint32_t nand_boot) {
@@ -89,8 +85,8 @@ int Rescue_Load(std::uint32_t nand_boot) {
     LCD_DrawProgressBar(50);
     std::printf("\tFind valid rescue app...\n");
     std::fflush(stdout);
-    if ((nand_boot ? Validate_NandFlashImage(kNandRescueSlot) : Validate_SDFlashImage(kSDFlashRescueSlot)) != 0)
-        return -1;
+    const Medium &medium = Medium_Of(nand_boot);
+    if (Validate_Image(medium, medium.rescue_slot) != 0) return -1;
     std::printf("\tRescue app found...\n");
     std::printf("\tResetting...\n");
     std::fflush(stdout);

@@ -24,7 +24,7 @@ std::uint32_t Rescue_GetSize(void);
 std::uint32_t Rescue_GetCheckSum(void);
 const char *Rescue_GetVersion(void);
 
-// Writes the record's file to the rescue slot, in place, and `record` (16 bytes of version text) behind its success.
+// Writes the record's file to the rescue slot, in place, and after that `record`, 16 bytes of version text.
 // Overwrites the load buffer; draws 50, 70, 80 and 100 % of the bar. Returns 0, or -1 when the file cannot be read, is
 // not an intact stored image, does not fit the slot or does not read back; the version record then still names the old
 // image, so that the next start tries again.

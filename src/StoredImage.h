@@ -1,4 +1,4 @@
-// The format of every image kept in raw flash, and where those images lie.
+// The format of every image kept in raw flash. Medium.h says where those images lie.
 //
 // Stored image, little-endian: the 32-byte header below, then the body. Files in a bank that go to raw flash carry the
 // same header. The running sums cover the body only: for each byte, sum1 += byte, then sum2 += sum1.
@@ -43,28 +43,11 @@ constexpr RunningSums SumBody(const std::uint8_t *body, std::uint32_t length) {
         sums.add(body[6]);
         sums.add(body[7]);
     }
-    for (; length > 0; length--) sums.add(*body++);
+    for (; length > 0; --length) sums.add(*body++);
     return sums;
 }
 
-// The raw slots as byte addresses of each medium. Each slot ends where the next one begins; the DataFlash's rescue slot
-// ends with the chip.
-inline constexpr std::uint32_t kNandRescueVersion = 0x00020000;
-inline constexpr std::uint32_t kNandRescueSlot = 0x00400000;
-inline constexpr std::uint32_t kNandRescueSlotSize = 0x00C00000;
-inline constexpr std::uint32_t kNandBootSlotSize[2] = {0x001E0000, 0x001E0000};
-
-inline constexpr std::uint32_t kSDFlashRescueVersion = 0x00007F00;
-inline constexpr std::uint32_t kSDFlashRescueSlot = 0x00404000;
-inline constexpr std::uint32_t kSDFlashBootSlotSize[2] = {0x001FC000, 0x00200000};
-
-inline constexpr std::uint32_t kRescueVersionSize = 16; // text, not always terminated
-
 extern "C" {
-
-// The bootloader's two slots on each medium.
-extern const std::uint32_t nandFlashBootSector[2];
-extern const std::uint32_t sdFlashBootSector[2];
 
 // The maker text every stored image begins with.
 extern const char OLramWrapper_StringToken[20];

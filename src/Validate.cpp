@@ -3,11 +3,11 @@
 #include "App.h"
 #include "Boot.h"
 #include "ImageRecord.h"
+#include "Medium.h"
 #include "PJFS.h"
 #include "PrjDsc.h"
 #include "Rescue.h"
-#include "StoredImage.h"
-#include "main.h"
+#include "Watchdog.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -15,6 +15,7 @@
 #include <cstring>
 #include <kernel.h>
 #include <memory>
+#include <memory_map.h>
 
 namespace {
 
@@ -69,10 +70,10 @@ std::uint32_t Number(char (&column)[12]) {
 // 256 separators. Kept: a line end is removed from the field's last bytes only, not from before its padding.
 const char *CleanPath(PathField &field) {
     constexpr std::size_t kLength = sizeof(ManifestRecord::path);
-    for (std::size_t i = kLength; i > 0 && field.text[i - 1] == ' '; i--) field.text[i - 1] = '\0';
+    for (std::size_t i = kLength; i > 0 && field.text[i - 1] == ' '; --i) field.text[i - 1] = '\0';
     const std::size_t skipped = std::strspn(field.text, "/\\.");
     if (skipped == kLength) return nullptr;
-    for (std::size_t i = kLength; i > 0 && field.text[i - 1] != '\0' && std::strchr("\n\r ", field.text[i - 1]); i--)
+    for (std::size_t i = kLength; i > 0 && field.text[i - 1] != '\0' && std::strchr("\n\r ", field.text[i - 1]); --i)
         field.text[i - 1] = '\0';
     return field.text + skipped;
 }
@@ -123,7 +124,7 @@ int ReadManifest(const char *bank) {
     const int file = open(path.text, O_RDONLY, 0777);
     if (file < 0) return -1;
     ManifestRecord record;
-    for (int i = 0; i < kHeaderRecords; i++)
+    for (int i = 0; i < kHeaderRecords; ++i)
         if (!ReadRecord(file, record)) return -1;
     while (ReadRecord(file, record))
         if (TakeRecord(bank, record) != 0) return -1;
@@ -183,7 +184,7 @@ std::uint32_t ByteSum(std::uint32_t length) {
         total += (pairs & 0xFFFF) + (pairs >> 16);
         length -= round;
     }
-    for (; length > 0; length--) total += *byte++;
+    for (; length > 0; --length) total += *byte++;
     return total;
 }
 

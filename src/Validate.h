@@ -7,6 +7,8 @@
 //   image_load_buf (<memory_map.h>) holds whatever was read last; each routine says when it overwrites it
 #pragma once
 
+#include "Medium.h"
+
 #include <cstdint>
 
 extern "C" {
@@ -52,20 +54,22 @@ int Validate_IsNewRescueVersion(char *record, std::uint32_t nand_boot);
 
 // Looks for the maker text at a slot's address. Prints "\tValid header at address 0x%08x\n", "\tInvalid header at
 // address 0x%08x\n", or "\tSDFlash read header failed\n" / "\tNandFlash read header failed\n".
+int Validate_Header(const Medium &medium, std::uint32_t address);
 int Validate_SDFlashHeader(std::uint32_t address);
 int Validate_NandFlashHeader(std::uint32_t address);
 
 // Reads a whole image into the load buffer, from its first byte on, and checks its sums. The maker text is not looked
 // at. Silent but for the drivers' own messages.
+int Validate_Image(const Medium &medium, std::uint32_t address);
 int Validate_SDFlashImage(std::uint32_t address);
 int Validate_NandFlashImage(std::uint32_t address);
 
 // The same for an image of at most `largest` bytes: the load buffer is overwritten up to largest + 32 bytes.
-int Validate_SDFlashImageWithin(std::uint32_t address, std::uint32_t largest);
-int Validate_NandFlashImageWithin(std::uint32_t address, std::uint32_t largest);
+int Validate_ImageWithin(const Medium &medium, std::uint32_t address, std::uint32_t largest);
 
 // Zeroes the header of a slot that has the maker text; leaves any other slot alone and returns 0. On NAND the rest of
 // the header's block is erased with it.
+int Validate_InvalidateImage(const Medium &medium, std::uint32_t address);
 int Validate_SDFlashInvalidateImage(std::uint32_t address);
 int Validate_NandFlashInvalidateImage(std::uint32_t address);
 
@@ -80,11 +84,5 @@ std::uint32_t Validate_ImageSize(const void *image);
 
 // Whether an image in memory begins with the maker text: 1 or 0.
 int Validate_HasMaker(const void *image);
-
-// Writes up to a page to NAND from a buffer that is zero behind the data: the driver programs whole pages.
-//
-//   address   start of a block, all of which is erased first
-//   length    bytes, at most 2,048
-int Validate_NandFlashWriteShort(std::uint32_t address, const void *source, std::uint32_t length);
 
 } // extern "C"

@@ -1,19 +1,10 @@
 #include "Validate.h"
 
-#include "NandFlash_if.h"
-#include "SDFlash.h"
+#include "Medium.h"
 #include "StoredImage.h"
 
 #include <cstdio>
 #include <cstring>
-
-constexpr std::uint32_t nandFlashBootSector[2] = {0x00040000, 0x00220000};
-constexpr std::uint32_t sdFlashBootSector[2] = {0x00008000, 0x00204000};
-
-static_assert(nandFlashBootSector[0] + kNandBootSlotSize[0] == nandFlashBootSector[1]);
-static_assert(nandFlashBootSector[1] + kNandBootSlotSize[1] == kNandRescueSlot);
-static_assert(sdFlashBootSector[0] + kSDFlashBootSlotSize[0] == sdFlashBootSector[1]);
-static_assert(sdFlashBootSector[1] + kSDFlashBootSlotSize[1] == kSDFlashRescueSlot);
 
 constexpr char OLramWrapper_StringToken[20] = "Orvalis Luminations";
 
@@ -33,21 +24,6 @@ static_assert(SumBody(nullptr, 0) == RunningSums{0x01234567, 0x89ABCDEF});
 
 namespace {
 
-constexpr std::uint32_t kNandPage = 2048;
-
-struct State {
-    std::uint8_t nand_page[kNandPage]; // what short writes go out from
-};
-State state;
-
-struct Medium {
-    const char *name;
-    int (*read)(std::uint32_t address, void *buffer, std::uint32_t length);
-    int (*write_short)(std::uint32_t address, const void *source, std::uint32_t length);
-};
-constexpr Medium kNand = {"NandFlash", NandFlash_if_Read, Validate_NandFlashWriteShort};
-constexpr Medium kSDFlash = {"SDFlash", SDFlash_Read, SDFlash_Write};
-
 StoredImageHeader HeaderOf(const void *image) {
     StoredImageHeader header;
     std::memcpy(&header, image, sizeof header);
@@ -66,7 +42,9 @@ int ReadHeader(const Medium &medium, std::uint32_t address, StoredImageHeader &h
     return medium.read(address, &header, sizeof header) == 0 ? 0 : -1;
 }
 
-int CheckHeader(const Medium &medium, std::uint32_t address) {
+} // namespace
+
+int Validate_Header(const Medium &medium, std::uint32_t address) {
     StoredImageHeader header;
     if (ReadHeader(medium, address, header) != 0) {
         std::printf("\t%s read header failed\n", medium.name);
@@ -78,7 +56,7 @@ int CheckHeader(const Medium &medium, std::uint32_t address) {
 }
 
 // One continuous read: bad blocks inside the slot are skipped as they were when it was written.
-int CheckImage(const Medium &medium, std::uint32_t address, std::uint32_t largest) {
+int Validate_ImageWithin(const Medium &medium, std::uint32_t address, std::uint32_t largest) {
     StoredImageHeader header;
     if (ReadHeader(medium, address, header) != 0) return -1;
     const std::uint32_t size = header.size;
@@ -88,7 +66,11 @@ int CheckImage(const Medium &medium, std::uint32_t address, std::uint32_t larges
     return Validate_LoadedImage(image_load_buf, size);
 }
 
-int InvalidateImage(const Medium &medium, std::uint32_t address) {
+int Validate_Image(const Medium &medium, std::uint32_t address) {
+    return Validate_ImageWithin(medium, address, kLoadBufferSize);
+}
+
+int Validate_InvalidateImage(const Medium &medium, std::uint32_t address) {
     constexpr StoredImageHeader kNoHeader = {};
     StoredImageHeader header;
     if (ReadHeader(medium, address, header) != 0) return -1;
@@ -96,23 +78,12 @@ int InvalidateImage(const Medium &medium, std::uint32_t address) {
     return medium.write_short(address, &kNoHeader, sizeof kNoHeader) == 0 ? 0 : -1;
 }
 
-} // namespace
-
-int Validate_SDFlashHeader(std::uint32_t address) { return CheckHeader(kSDFlash, address); }
-int Validate_NandFlashHeader(std::uint32_t address) { return CheckHeader(kNand, address); }
-
-int Validate_SDFlashImage(std::uint32_t address) { return CheckImage(kSDFlash, address, kLoadBufferSize); }
-int Validate_NandFlashImage(std::uint32_t address) { return CheckImage(kNand, address, kLoadBufferSize); }
-
-int Validate_SDFlashImageWithin(std::uint32_t address, std::uint32_t largest) {
-    return CheckImage(kSDFlash, address, largest);
-}
-int Validate_NandFlashImageWithin(std::uint32_t address, std::uint32_t largest) {
-    return CheckImage(kNand, address, largest);
-}
-
-int Validate_SDFlashInvalidateImage(std::uint32_t address) { return InvalidateImage(kSDFlash, address); }
-int Validate_NandFlashInvalidateImage(std::uint32_t address) { return InvalidateImage(kNand, address); }
+int Validate_SDFlashHeader(std::uint32_t address) { return Validate_Header(sdFlashMedium, address); }
+int Validate_NandFlashHeader(std::uint32_t address) { return Validate_Header(nandMedium, address); }
+int Validate_SDFlashImage(std::uint32_t address) { return Validate_Image(sdFlashMedium, address); }
+int Validate_NandFlashImage(std::uint32_t address) { return Validate_Image(nandMedium, address); }
+int Validate_SDFlashInvalidateImage(std::uint32_t address) { return Validate_InvalidateImage(sdFlashMedium, address); }
+int Validate_NandFlashInvalidateImage(std::uint32_t address) { return Validate_InvalidateImage(nandMedium, address); }
 
 int Validate_RamChecksums(const void *image) {
     const StoredImageHeader header = HeaderOf(image);
@@ -129,10 +100,3 @@ int Validate_LoadedImage(const void *image, std::uint32_t loaded) {
 std::uint32_t Validate_ImageSize(const void *image) { return HeaderOf(image).size; }
 
 int Validate_HasMaker(const void *image) { return HasMaker(HeaderOf(image)) ? 1 : 0; }
-
-int Validate_NandFlashWriteShort(std::uint32_t address, const void *source, std::uint32_t length) {
-    if (length > kNandPage) return -1;
-    std::memset(state.nand_page, 0, kNandPage);
-    std::memcpy(state.nand_page, source, length);
-    return NandFlash_if_Write(address, state.nand_page, static_cast<std::int32_t>(length));
-}

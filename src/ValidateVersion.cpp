@@ -2,9 +2,8 @@
 
 #include "Boot.h"
 #include "ImageRecord.h"
-#include "NandFlash_if.h"
+#include "Medium.h"
 #include "Rescue.h"
-#include "SDFlash.h"
 #include "StoredImage.h"
 
 #include <boot_version.h>
@@ -23,9 +22,8 @@ int Validate_IsNewBootVersion() {
 
 int Validate_IsNewRescueVersion(char *record, std::uint32_t nand_boot) {
     std::memset(record, 0, kRescueVersionSize);
-    const int result = nand_boot ? NandFlash_if_Read(kNandRescueVersion, record, kRescueVersionSize)
-                                 : SDFlash_Read(kSDFlashRescueVersion, record, kRescueVersionSize);
-    if (result != 0) return -1;
+    const Medium &medium = Medium_Of(nand_boot);
+    if (medium.read(medium.rescue_version, record, kRescueVersionSize) != 0) return -1;
     // Where the record's NAND block is bad, the read skips on into the first bootloader slot, and so would the write.
     if (std::memcmp(record, OLramWrapper_StringToken, kRescueVersionSize) == 0) return -1;
     if (std::strncmp(record, Rescue_GetVersion(), kRescueVersionSize) == 0) return -1;

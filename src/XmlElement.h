@@ -37,7 +37,7 @@ void XmlElement_SetDynamicString(char **field, std::int32_t *length_field, const
 // Clears the caller's record and names it, where `name` is not null. Frees nothing. Returns `element`.
 XmlElement *XmlElement_SetupRoot(XmlElement *element, const char *name, std::int32_t name_length);
 
-// Make an element as the first child of `parent`, or behind the sibling `previous`. A null name makes an element
+// Make an element as the first child of `parent`, or after the sibling `previous`. A null name makes an element
 // without name and value, a null value one without value. An older first child or next sibling is not looked at: its
 // link is overwritten. Return the element, or null without memory; the tree is then as before.
 XmlElement *XmlElement_CreateChild(XmlElement *parent, const char *name, std::int32_t name_length, const char *value,
@@ -53,7 +53,7 @@ XmlElement *XmlElement_FindChildElement(XmlElement *start, const char *parent_na
 
 // Frees below `element`, and its name and value, but not its own record. Returns 0 for a null element, else 1.
 //
-// Kept: an element releases its children or else its next siblings, never both; behind an element with children the
+// Kept: an element releases its children or else its next siblings, never both; after an element with children the
 // siblings stay allocated, out of reach. A boot reads three descriptors at most, and ends in a reset.
 int XmlElement_Clean(XmlElement *element);
 

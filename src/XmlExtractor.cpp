@@ -30,7 +30,7 @@ bool Append(SiblingList *list, Slice name, Slice value) {
     return true;
 }
 
-// Appends the element whose tag ends before `position`. Returns the position behind the whole element; -1 ends the
+// Appends the element whose tag ends before `position`. Returns the position after the whole element; -1 ends the
 // level.
 std::int32_t AppendElement(SiblingList *list, Slice text, Slice tag, std::int32_t position, int type) {
     if (type == kXmlEmpty) return Append(list, tag, {nullptr, 0}) ? position : -1;
@@ -63,7 +63,7 @@ XmlElement *ParseContent(XmlElement *element) {
     return last != nullptr ? last->next : element->child;
 }
 
-// The element after `element` and all below it, in document order; null behind the last one below `top`.
+// The element after `element` and all below it, in document order; null after the last one below `top`.
 XmlElement *Following(XmlElement *element, const XmlElement *top) {
     while (element != top && element->next == nullptr) element = element->parent;
     return element != top ? element->next : nullptr;

@@ -32,13 +32,13 @@ enum XmlTokenType : int {
 // Kept: an element ends at the first closing tag of its name, also where it holds an element of the same name.
 int XmlExtractor_Parse(XmlElement *element);
 
-// Fetches the next token at or behind `position`. `*token_length` is the capacity of `token` before and the number of
-// bytes stored after; a token is at most capacity - 1 bytes long. Returns the position behind its ">", or -1 with
+// Fetches the next token at or after `position`. `*token_length` is the capacity of `token` before and the number of
+// bytes stored after; a token is at most capacity - 1 bytes long. Returns the position after its ">", or -1 with
 // `*token_length` as it was.
 std::int32_t XmlExtractor_FindNextToken(const char *buffer, std::int32_t buffer_length, std::int32_t position,
                                         char *token, std::int32_t *token_length);
 
-// Returns the position behind the next closing tag of that name, or -1; a position of -1 gives -1. A tag of more than
+// Returns the position after the next closing tag of that name, or -1; a position of -1 gives -1. A tag of more than
 // 1,023 bytes on the way ends the search.
 std::int32_t XmlExtractor_FindEndToken(const char *buffer, std::int32_t buffer_length, std::int32_t position,
                                        const char *name, std::int32_t name_length);
@@ -46,7 +46,7 @@ std::int32_t XmlExtractor_FindEndToken(const char *buffer, std::int32_t buffer_l
 // The XmlTokenType of a token.
 int XmlExtractor_GetTokenType(const char *token, std::int32_t length);
 
-// The last of the siblings behind `element`, or `element` itself. No null check.
+// The last of the siblings after `element`, or `element` itself. No null check.
 XmlElement *XmlExtractor_GotoEndOfNextList(XmlElement *element);
 
 } // extern "C"

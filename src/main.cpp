@@ -11,8 +11,8 @@
 
 #include <at91sam9263.h>
 #include <boot_version.h>
+#include <bootloader.h>
 #include <cstdio>
-#include <flash_ranges.h>
 
 namespace {
 
@@ -25,7 +25,6 @@ constexpr const char *kNandName = "K9Fx NAND Flash Chip";
 constexpr FlashDeviceRange kNandBootRange[] = {{0x01000000, 128, kToLastBlock, kNandClass, 0, kNandName}};
 constexpr FlashDeviceRange kDataFlashBootRange[] = {{0, 0, kToLastBlock, kNandClass, 0, kNandName}};
 static_assert(kNandBootRange[0].offset == kNandBootRange[0].first_block * kBlockBytes);
-static_assert(sizeof(void *) != 4 || sizeof(FlashDeviceRange) == 24);
 
 // A strap joins a sensed pin, which has a pull-up, to a driven one.
 constexpr std::uint32_t kSense1 = 1u << 12;
@@ -97,8 +96,6 @@ const FlashDeviceRange *User_GetFlashDeviceRanges(int *count) {
     nandBoot = GetHardwarePinConfig() != 0 ? 1 : 0;
     return nandBoot ? kNandBootRange : kDataFlashBootRange;
 }
-
-void kickWatchdog() { WDT.CR().write(0xA5000001); }
 
 // Starts the devices, then the first good bank's application, else the rescue image. A launch and a bootloader update
 // end in a reset from inside these calls; coming back means that there is nothing to launch. What fails to start is not

@@ -1,6 +1,6 @@
-// The boot decision and the watchdog.
+// The boot decision.
 //
-// The platform's flash layer calls User_GetFlashDeviceRanges (see <flash_ranges.h>) before main. That call tests the
+// The platform's flash layer calls User_GetFlashDeviceRanges (<bootloader.h>) before main. That call tests the
 // board's straps and is the only one that sets nandBoot; main reads the flag and never tests the pins itself.
 #pragma once
 
@@ -17,8 +17,5 @@ extern const char *const bankPath[3];
 // Tests the board's straps through port B. Bit 0: pins 12 and 13 are joined; bit 1: pins 14 and 18 are joined. The pins
 // are left as the test leaves them: 13 and 18 are outputs and may be high.
 std::uint32_t GetHardwarePinConfig(void);
-
-// Restarts the watchdog's count. Its mode stays as the earlier stages set it.
-void kickWatchdog(void);
 
 } // extern "C"

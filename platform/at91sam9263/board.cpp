@@ -3,11 +3,9 @@
 #include "semihosting.h"
 #include "stand_ins.h"
 
-#include "ol_at91sam926x_lcd.h"
-
 #include <at91sam9263.h>
+#include <bootloader.h>
 #include <cstdio>
-#include <twi_device.h>
 
 int main();
 

@@ -66,7 +66,7 @@ void MapLastMebibyte() {
 void MMU_Enable() {
     g_tables = {};
     for (const Range &range : kRanges) MapSections(range);
-    // The LCD controller reads the picture from memory, behind the data cache.
+    // The LCD controller reads the picture from memory, past the data cache.
     MapSections({reinterpret_cast<std::uint32_t>(__ghsbegin_mr_rwec__videobuffer), 1, kSectionDevice});
     MapLastMebibyte();
     cp15::InvalidateCaches();

@@ -1,13 +1,13 @@
-// The reference platform's own calls, in the order in which the start-up makes them. What the bootloader sees of it is
-// in <kernel.h>, <file_server.h> and <flash_ranges.h>.
+// The reference platform's own calls, in the order in which the start-up makes them. What the bootloader sees of the
+// platform is in <kernel.h>.
 #pragma once
 
 #include <cstdint>
 
-// From the entry, with zero-initialised data cleared. Comes back never: it ends the run and idles.
+// Called from the entry, with zero-initialised data cleared. Never returns: it ends the run and idles.
 extern "C" [[noreturn]] void PLATFORM_Start(void);
-// From the vectors: prints what happened and where, ends the run and idles. `vector` is the exception's number in the
-// vector table.
+// Called from the vectors: prints what happened and where, ends the run and idles. `vector` is the exception's number
+// in the vector table.
 extern "C" [[noreturn]] void FAULT_Report(std::uint32_t vector, std::uint32_t pc, std::uint32_t status);
 
 // Maps memory flat, with caches, alignment checks and high vectors on.

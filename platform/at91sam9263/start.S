@@ -40,7 +40,7 @@ start_up:
 2:  b       2b                          @ idle until somebody resets the board
 
 @ A vector hands on: which exception, the address of the instruction, the saved status. The link register lies
-@ `distance` bytes behind that instruction.
+@ `distance` bytes after that instruction.
     .macro  vector name, number, distance
 \name:
     ldr     sp, =__fault_stack_end

@@ -1,8 +1,9 @@
 // The part of the board start-up that both platforms share: network settings out of the parameter store.
 
-#include "at91sam9263_sw_i2c_eeprom.h"
+#include "stand_ins.h"
 
-#include <twi_device.h>
+#include <bootloader.h>
+#include <kernel.h>
 
 NetDevConfig NetDevs;
 

@@ -2,8 +2,9 @@
 // and cannot work with wrong ones. The files themselves come from elsewhere.
 #include "stand_ins.h"
 
+#include <bootloader.h>
 #include <cstring>
-#include <file_server.h>
+#include <kernel.h>
 
 namespace {
 

@@ -2,8 +2,8 @@
 // use, before main, and cannot work with a wrong answer. The files themselves come from the debugger.
 #include "stand_ins.h"
 
+#include <bootloader.h>
 #include <cstring>
-#include <flash_ranges.h>
 
 namespace {
 

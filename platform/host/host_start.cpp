@@ -2,12 +2,10 @@
 #include "platform/host/host_kernel.h"
 #include "stand_ins.h"
 
-#include "ol_at91sam926x_lcd.h"
-
 #include <at91sam9263.h>
+#include <bootloader.h>
 #include <cstdio>
 #include <fmt/format.h>
-#include <twi_device.h>
 
 extern "C" int host_printf(const char *format, ...);
 

@@ -36,7 +36,7 @@ struct StageEnded {
 // Volatile, or the compiler would call a library routine that the sanitizer does look at.
 __attribute__((no_sanitize("address", "undefined"))) void RawCopy(volatile std::uint8_t *to, const std::uint8_t *from,
                                                                   std::size_t bytes) {
-    for (std::size_t i = 0; i < bytes; i++) to[i] = from ? from[i] : std::uint8_t{0};
+    for (std::size_t i = 0; i < bytes; ++i) to[i] = from ? from[i] : std::uint8_t{0};
 }
 
 void ReloadModuleData() {
@@ -116,7 +116,7 @@ StageResult NativeProcessor::call(const char *routine, std::span<const std::uint
     const auto code = reinterpret_cast<Routine>(object(routine));
     if (!code) throw std::runtime_error(fmt::format("no routine {} among the modules", routine));
     std::array<std::uintptr_t, 6> a{};
-    for (std::size_t i = 0; i < arguments.size() && i < a.size(); i++) a[i] = arguments[i];
+    for (std::size_t i = 0; i < arguments.size() && i < a.size(); ++i) a[i] = arguments[i];
     return RunStage([&] {
         result = static_cast<std::uint32_t>(code(a[0], a[1], a[2], a[3], a[4], a[5]));
         return StageResult{StageEnd::stopped_at, 0, routine};

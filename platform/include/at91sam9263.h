@@ -1,5 +1,5 @@
-// Register blocks of the AT91SAM9263 that the bootloader and its platform touch, under their datasheet names.
-// Source of names, offsets and access rights: AT91SAM9263 datasheet.
+// The registers of the AT91SAM9263 that the bootloader and its platform touch, under their datasheet names; others are
+// left out. Names, offsets and access rights are those of the AT91SAM9263 datasheet.
 //
 // A block is a value holding its base address; a register is a member function returning its door:
 //   RSTC.MR().write(0xA5000001);
@@ -11,51 +11,36 @@
 // Parallel I/O controller. Set and clear registers act on the bits written as 1 and ignore the others.
 struct Pio {
     std::uint32_t base;
-    constexpr WriteOnly PER() const { return {base + 0x00}; } // the I/O controller drives the pin
-    constexpr WriteOnly PDR() const { return {base + 0x04}; } // the selected peripheral drives the pin
-    constexpr ReadOnly PSR() const { return {base + 0x08}; }
-    constexpr WriteOnly OER() const { return {base + 0x10}; } // output enable
-    constexpr WriteOnly ODR() const { return {base + 0x14}; } // output disable: input
-    constexpr ReadOnly OSR() const { return {base + 0x18}; }
+    constexpr WriteOnly PER() const { return {base + 0x00}; }  // the I/O controller drives the pin
+    constexpr WriteOnly PDR() const { return {base + 0x04}; }  // the selected peripheral drives the pin
+    constexpr WriteOnly OER() const { return {base + 0x10}; }  // output enable
+    constexpr WriteOnly ODR() const { return {base + 0x14}; }  // output disable: input
     constexpr WriteOnly IFER() const { return {base + 0x20}; } // input glitch filter
     constexpr WriteOnly IFDR() const { return {base + 0x24}; }
-    constexpr ReadOnly IFSR() const { return {base + 0x28}; }
     constexpr WriteOnly SODR() const { return {base + 0x30}; } // drive high
     constexpr WriteOnly CODR() const { return {base + 0x34}; } // drive low
-    constexpr ReadOnly ODSR() const { return {base + 0x38}; }
-    constexpr ReadOnly PDSR() const { return {base + 0x3C}; } // pin level
-    constexpr WriteOnly IER() const { return {base + 0x40}; }
-    constexpr WriteOnly IDR() const { return {base + 0x44}; } // no pin-change interrupt
-    constexpr ReadOnly IMR() const { return {base + 0x48}; }
-    constexpr ReadOnly ISR() const { return {base + 0x4C}; }
+    constexpr ReadOnly PDSR() const { return {base + 0x3C}; }  // pin level
+    constexpr WriteOnly IDR() const { return {base + 0x44}; }  // no pin-change interrupt
     constexpr WriteOnly MDER() const { return {base + 0x50}; } // multi-drive: open drain
     constexpr WriteOnly MDDR() const { return {base + 0x54}; }
-    constexpr ReadOnly MDSR() const { return {base + 0x58}; }
     constexpr WriteOnly PUDR() const { return {base + 0x60}; } // pull-up disable
     constexpr WriteOnly PUER() const { return {base + 0x64}; } // pull-up enable
-    constexpr ReadOnly PUSR() const { return {base + 0x68}; }
-    constexpr WriteOnly ASR() const { return {base + 0x70}; } // peripheral A select
-    constexpr WriteOnly BSR() const { return {base + 0x74}; } // peripheral B select
-    constexpr ReadOnly ABSR() const { return {base + 0x78}; }
+    constexpr WriteOnly ASR() const { return {base + 0x70}; }  // peripheral A select
+    constexpr WriteOnly BSR() const { return {base + 0x74}; }  // peripheral B select
 };
 inline constexpr Pio PIOA{0xFFFFF200};
 inline constexpr Pio PIOB{0xFFFFF400};
 inline constexpr Pio PIOC{0xFFFFF600};
 inline constexpr Pio PIOD{0xFFFFF800};
-inline constexpr Pio PIOE{0xFFFFFA00};
 
 // Power management controller.
 struct Pmc {
     std::uint32_t base;
     constexpr WriteOnly PCER() const { return {base + 0x10}; } // peripheral clocks on, bit = peripheral identifier
-    constexpr WriteOnly PCDR() const { return {base + 0x14}; }
-    constexpr ReadOnly PCSR() const { return {base + 0x18}; }
-    constexpr ReadWrite MOR() const { return {base + 0x20}; }
-    constexpr ReadOnly MCFR() const { return {base + 0x24}; } // main frequency: cycles in 16 slow periods
+    constexpr ReadOnly MCFR() const { return {base + 0x24}; }  // main frequency: cycles in 16 slow periods
     constexpr ReadWrite PLLAR() const { return {base + 0x28}; }
     constexpr ReadWrite PLLBR() const { return {base + 0x2C}; }
     constexpr ReadWrite MCKR() const { return {base + 0x30}; }
-    constexpr ReadOnly SR() const { return {base + 0x68}; }
 };
 inline constexpr Pmc PMC{0xFFFFFC00};
 
@@ -68,12 +53,10 @@ struct Rstc {
 };
 inline constexpr Rstc RSTC{0xFFFFFD00};
 
-// Watchdog timer. CR needs the key 0xA5; MR can be written once after a reset.
+// Watchdog timer. CR needs the key 0xA5 in bits 31 to 24.
 struct Wdt {
     std::uint32_t base;
     constexpr WriteOnly CR() const { return {base + 0x00}; }
-    constexpr ReadWrite MR() const { return {base + 0x04}; }
-    constexpr ReadOnly SR() const { return {base + 0x08}; }
 };
 inline constexpr Wdt WDT{0xFFFFFD40};
 
@@ -81,8 +64,6 @@ inline constexpr Wdt WDT{0xFFFFFD40};
 struct Pit {
     std::uint32_t base;
     constexpr ReadWrite MR() const { return {base + 0x00}; }
-    constexpr ReadOnly SR() const { return {base + 0x04}; }
-    constexpr ReadOnly PIVR() const { return {base + 0x08}; } // reading clears the period count
     constexpr ReadOnly PIIR() const { return {base + 0x0C}; } // reading changes nothing
 };
 inline constexpr Pit PIT{0xFFFFFD30};
@@ -95,7 +76,6 @@ struct Spi {
     constexpr ReadOnly RDR() const { return {base + 0x08}; }
     constexpr WriteOnly TDR() const { return {base + 0x0C}; }
     constexpr ReadOnly SR() const { return {base + 0x10}; }
-    constexpr WriteOnly IDR() const { return {base + 0x18}; }
     constexpr ReadWrite CSR(std::uint32_t select) const { return {base + 0x30 + 4 * (select & 3u)}; }
 };
 inline constexpr Spi SPI0{0xFFFA4000};
@@ -114,7 +94,6 @@ inline constexpr Smc SMC0{0xFFFFE400};
 // Bus matrix.
 struct Matrix {
     std::uint32_t base;
-    constexpr ReadWrite MRCR() const { return {base + 0x100}; }
     constexpr ReadWrite EBI0_CSA() const { return {base + 0x120}; } // external bus 0: what each chip select carries
 };
 inline constexpr Matrix MATRIX{0xFFFFEC00};
@@ -128,7 +107,6 @@ struct Dbgu {
     constexpr ReadOnly SR() const { return {base + 0x14}; }
     constexpr WriteOnly THR() const { return {base + 0x1C}; }
     constexpr ReadWrite BRGR() const { return {base + 0x20}; }
-    constexpr ReadOnly CIDR() const { return {base + 0x40}; }
 };
 inline constexpr Dbgu DBGU{0xFFFFEE00};
 
@@ -136,7 +114,6 @@ inline constexpr Dbgu DBGU{0xFFFFEE00};
 struct Lcdc {
     std::uint32_t base;
     constexpr ReadWrite DMABADDR1() const { return {base + 0x000}; }
-    constexpr ReadWrite DMABADDR2() const { return {base + 0x004}; }
     constexpr ReadWrite DMAFRMCFG() const { return {base + 0x018}; }
     constexpr ReadWrite DMACON() const { return {base + 0x01C}; }
     constexpr ReadWrite LCDCON1() const { return {base + 0x800}; }
@@ -171,10 +148,10 @@ enum PeripheralId : std::uint32_t {
 };
 
 static_assert(PIOB.PDSR().address == 0xFFFFF43C);
-static_assert(PIOE.BSR().address == 0xFFFFFA74);
+static_assert(PIOD.BSR().address == 0xFFFFF874);
 static_assert(SPI0.CSR(3).address == 0xFFFA403C);
 static_assert(SMC0.MODE(3).address == 0xFFFFE43C);
 static_assert(MATRIX.EBI0_CSA().address == 0xFFFFED20);
-static_assert(DBGU.CIDR().address == 0xFFFFEE40);
+static_assert(DBGU.BRGR().address == 0xFFFFEE20);
 static_assert(LCDC.CONTRAST_VAL().address == 0x00700844);
 static_assert(NAND.COMMAND().address == 0x40400000);

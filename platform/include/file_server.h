@@ -1,15 +1,8 @@
-// The file server's configuration tables and set-up calls.
-//
-// The bootloader provides the tables; the platform reads them by name when it brings the server up. Each table is a
-// list of pointers to entries, ended by a null pointer. Every object here is constant-initialised.
+// What the file server is configured with. The bootloader provides one entry of each kind (<bootloader.h>); the server
+// reads them when it comes up.
 #pragma once
 
 #include <cstdint>
-
-extern "C" {
-
-// Brings up the disk behind a back-end; the server alone looks at the result. Provided by the platform.
-int PJFS_IntegrityIODevDiskInit(void);
 
 struct PjfsBackend {
     const char *drive;       // drive letter
@@ -37,20 +30,3 @@ struct PjfsAutoFormat {
     std::uint32_t value2; // passed as it stands: 100
     std::uint32_t zero2[4];
 };
-
-// Provided by the bootloader.
-extern const PjfsBackend __ghsentry_pjfs_backends_disk1;
-extern const PjfsClient __ghsentry_pjfs_clients_client;
-extern const PjfsAutoFormat __ghsentry_pjfs_autoformats_drive1;
-extern const PjfsBackend *const __ghstable_pjfs_backends[];
-extern const PjfsClient *const __ghstable_pjfs_clients[];
-extern const PjfsAutoFormat *const __ghstable_pjfs_autoformats[];
-
-// Provided by the platform; called in this order. The bootloader configures the server with 0x2000, 0x8000, 1 and a
-// last 0, whose meaning is the server's own, and has it started with `wait` 1. PJFS_Server_Run returns 0 when it is up.
-void PJFS_Server_RequestResources(const PjfsBackend *const *backends, const PjfsClient *const *clients);
-void PJFS_Server_Configure(std::uint32_t size1, std::uint32_t size2, std::uint32_t count,
-                           const PjfsBackend *const *backends, const PjfsClient *const *clients, std::uint32_t zero);
-int PJFS_Server_Run(int wait);
-
-} // extern "C"

@@ -1,7 +1,5 @@
-// How the platform's flash layer learns which part of a flash device belongs to the file system.
-//
-// The flash layer calls User_GetFlashDeviceRanges while it creates its devices, before main: once when it counts
-// them and again when it opens them. It may call at any time and before any dynamic initialiser has run.
+// Which part of a flash device belongs to the file system, as the platform's flash layer is told it: one record a
+// range. User_GetFlashDeviceRanges (<bootloader.h>) gives them out.
 #pragma once
 
 #include <cstdint>
@@ -14,14 +12,4 @@ struct FlashDeviceRange {
     std::uint32_t instance;     // 0 = "WLFSDev0"
     const char *name;
 };
-// 24 bytes on the processor.
-
-extern "C" {
-
-// Provided by the bootloader. Stores the number of ranges (1) and returns the table.
-const FlashDeviceRange *User_GetFlashDeviceRanges(int *count);
-
-// Provided by the board support: the whole chip. Used by programs without a hook of their own.
-const FlashDeviceRange *BSP_GetFlashDeviceRanges(int *count);
-
-} // extern "C"
+static_assert(sizeof(void *) != 4 || sizeof(FlashDeviceRange) == 24, "six words on the board");

@@ -19,7 +19,7 @@ inline constexpr std::uint32_t kLaunchMarkerSize = 0x100;
 static_assert(kLaunchMarkerBase + kLaunchMarkerSize == kLoadBufferBase + kLoadBufferSize);
 static_assert(kLoadBufferBase + kLoadBufferSize == kSdramBase + kSdramSize);
 
-// The heap behind malloc. The bootloader needs little of it: a descriptor's text and tree, a page buffer.
+// The heap that malloc gives out. The bootloader needs little of it: a descriptor's text and tree, a page buffer.
 inline constexpr std::uint32_t kHeapSize = 0x00400000;
 
 // The video region: 0x27000 bytes in the section .mr_rwec__videobuffer, mapped uncached by the platform. The linker

@@ -24,7 +24,7 @@ inline void Write8(std::uint32_t address, std::uint8_t value) {
 }
 
 inline void Spin(std::uint32_t turns) {
-    for (; turns != 0; turns--) asm volatile("" : "+r"(turns)); // else a loop without effect would be removed
+    for (; turns != 0; --turns) asm volatile("" : "+r"(turns)); // else a loop without effect would be removed
 }
 
 } // namespace mmio

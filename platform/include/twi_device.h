@@ -1,13 +1,15 @@
-// The board's two-wire device: how it is started, how other parts of the system ask for a transfer, and where the
-// board start-up keeps the network settings that it reads through it.
+// How other parts of the system ask the board's two-wire device for a transfer: one record a request.
 //
-// Start-up, once, with port B's clock on:
+// The platform fills a record and hands it to dev_at91sam926x_twi_request (<bootloader.h>), which sets the status to
+// kTwiInProgress, acts, sets the final status and calls TWI_NotifyWaitingTask (<kernel.h>), before it returns.
 //
-//   dev_at91sam926x_twi_init();   bus released, parameter store read
-//   BSP_ReadNetDevs();            parameters 9 to 12 into NetDevs
-//
-// Requests come one at a time: the platform fills a record and calls dev_at91sam926x_twi_request, which sets the
-// status to kTwiInProgress, acts, sets the final status and calls TWI_NotifyWaitingTask, before it returns.
+//   std::uint8_t bytes[15];
+//   TwiRequest request{};
+//   request.code = kTwiParameterRead;
+//   request.address = 9;
+//   request.data = bytes;
+//   dev_at91sam926x_twi_request(&request);
+//   if (request.status == 0) std::fwrite(bytes, 1, request.count, stdout);
 #pragma once
 
 #include <cstdint>
@@ -37,25 +39,3 @@ struct TwiRequest {
     std::uint16_t count;          // in: bytes wanted; out: bytes transferred
     std::uint8_t *data;
 };
-
-// The network configuration, one field a parameter, 9 to 12. A field stays 0 where the parameter is not stored.
-struct NetDevConfig {
-    std::uint32_t address;
-    std::uint32_t mask;
-    std::uint32_t gateway;
-    std::uint32_t name_server;
-};
-static_assert(sizeof(NetDevConfig) == 16);
-
-extern "C" {
-
-// Provided by the bootloader's board file. The start returns 0 whatever the store holds.
-int dev_at91sam926x_twi_init(void);
-void dev_at91sam926x_twi_request(TwiRequest *request);
-
-// Provided by the platform.
-void TWI_NotifyWaitingTask(TwiRequest *request);
-void BSP_ReadNetDevs(void);
-extern NetDevConfig NetDevs;
-
-} // extern "C"

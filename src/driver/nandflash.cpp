@@ -37,7 +37,7 @@ constexpr ChipEntry kChips[] = {
 
 struct State {
     NandGeometry geometry;   // of the current chip
-    const ChipEntry *entry;  // null when no part matched
+    const ChipEntry *entry;  // null when no part matched. Kept: a debugger reads it, no routine does.
     std::uint32_t lastBlock; // last block examined, never forgotten: blocks retired later keep their verdict
     int lastVerdict;         // 1 = good, 0 = bad
 };
@@ -305,7 +305,7 @@ struct Progress {
 };
 
 // Walks the pages of a block that hold data and calls `visit(page address, progress)` for each, until one returns
-// false. Kept: an offset within a page is not cleared behind the first page; every later one starts with it too.
+// false. Kept: an offset within a page is not cleared after the first page; every later one starts with it too.
 template <typename Visit>
 bool WalkPages(const NandGeometry &chip, std::uint32_t blockAddress, Progress &progress, Visit visit) {
     for (std::uint32_t page = 0; page < chip.pagesPerBlock && progress.remaining > 0; ++page) {

@@ -28,7 +28,7 @@ struct NandGeometry {
     std::uint32_t totalPages;
     std::uint32_t totalRawSize;
     std::uint32_t totalSpareSize;
-    std::uint32_t totalRawAndSpare; // kept: raw bytes hold the spare bytes already; nothing reads it
+    std::uint32_t totalRawAndSpare; // Kept: counts the spare bytes twice; nothing reads it.
     std::uint32_t rowShift;         // byte address >> rowShift = page (row) number
     std::uint32_t wideBus;          // 1 = 16-bit data bus, 0 = 8-bit
     std::uint32_t markerPosition;   // of the bad-block marker in the spare area
