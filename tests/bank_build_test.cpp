@@ -6,6 +6,7 @@
 #include "tools/commands.h"
 
 #include <fmt/format.h>
+#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <set>
 

@@ -5,6 +5,7 @@
 #include "tools/commands.h"
 
 #include <elf.h>
+#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 namespace fixture {

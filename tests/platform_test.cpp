@@ -2,6 +2,7 @@
 #include "harness/started_board.h"
 
 #include <cstring>
+#include <gtest/gtest.h>
 #include <map>
 
 namespace fixture {

@@ -8,6 +8,7 @@
 #include "tools/commands.h"
 
 #include <fmt/format.h>
+#include <gtest/gtest.h>
 #include <set>
 
 namespace fixture {

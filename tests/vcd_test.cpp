@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <fmt/format.h>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <optional>
 #include <sstream>
 
