@@ -107,6 +107,8 @@ if(SANITIZE)
     target_include_directories(fixture-tests PRIVATE ${MODULE_INCLUDES})
     target_link_libraries(fixture-tests PRIVATE native-modules-fixed harness
                           GTest::gtest GTest::gmock GTest::gtest_main ${NATIVE_LINK})
+    add_test(NAME Protocol.IsSafeAndComesToItsEnd COMMAND ${CMAKE_SOURCE_DIR}/proof/check.sh ${CMAKE_BINARY_DIR}/proof)
+    set_tests_properties(Protocol.IsSafeAndComesToItsEnd PROPERTIES TIMEOUT 300)
     gtest_discover_tests(fixture-tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300
                          WORKING_DIRECTORY ${CMAKE_BINARY_DIR})
 endif()
