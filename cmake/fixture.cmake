@@ -71,9 +71,6 @@ add_bench_library(sweep sweep machine nlohmann_json::nlohmann_json)
 # The preview's library stands before the emulator's: it brings GLib, of which the emulator library has some routines
 # under the same names, in a version of its own. The first ones at the link serve both libraries, and only GLib's can.
 add_bench_library(tools tools PkgConfig::CHAFA sweep CLI11::CLI11 nlohmann_json::nlohmann_json)
-if(SANITIZE)
-    target_compile_options(tools PRIVATE -O0) # not where the time goes, but long to compile otherwise
-endif()
 
 # The large headers are read once, not for every file.
 target_precompile_headers(tools PRIVATE <CLI/CLI.hpp> <fmt/format.h> <nlohmann/json.hpp>)
@@ -86,6 +83,11 @@ add_executable(fixture tools/main.cpp)
 target_link_libraries(fixture PRIVATE native-modules tools ${NATIVE_LINK})
 
 add_bench_library(harness harness tools)
+if(SANITIZE)
+    foreach(library sweep tools harness) # not where the time goes, but long to compile otherwise
+        target_compile_options(${library} PRIVATE -O0)
+    endforeach()
+endif()
 
 find_package(GTest REQUIRED)
 if(NOT SANITIZE)
