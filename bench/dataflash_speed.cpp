@@ -20,10 +20,10 @@ Picoseconds ByteTime(Board &board) {
 
 std::vector<SpeedRow> DataflashSpeed() {
     Chips chips;
-    Bench bench(Processor::arm, chips, {});
-    bench.call("SDFlash_Init");
-    const Picoseconds wire = kSpeedBytes * ByteTime(bench.board());
-    return MeasureTransfers(bench, "DataFlash 1056",
+    StartedBoard started(Processor::arm, chips, {});
+    started.call("SDFlash_Init");
+    const Picoseconds wire = kSpeedBytes * ByteTime(started.board());
+    return MeasureTransfers(started, "DataFlash 1056",
                             {" write", "SDFlash_Write", wire + (kPages - 1) * kWholePage + kPartOfPage},
                             {" read", "SDFlash_Read", wire});
 }

@@ -14,15 +14,15 @@ constexpr unsigned kCommandCycles = 7; // of a page read or program: two command
 std::vector<SpeedRow> MeasurePart(const NandPart &part) {
     Chips chips;
     chips.nand = NandContents(&part);
-    Bench bench(Processor::arm, chips, {});
-    bench.call("NandFlash_if_Init");
-    const std::uint32_t cycle = bench.board().bus.read(kCycleSettings, 4) & 0x7F;
+    StartedBoard started(Processor::arm, chips, {});
+    started.call("NandFlash_if_Init");
+    const std::uint32_t cycle = started.board().bus.read(kCycleSettings, 4) & 0x7F;
     const unsigned accesses = kCommandCycles + kNandPageBytes / (part.wide ? 2 : 1);
-    const Picoseconds page = accesses * cycle * bench.board().bus.cycle;
-    const Nand::Times &chip = bench.board().nand.times;
+    const Picoseconds page = accesses * cycle * started.board().bus.cycle;
+    const Nand::Times &chip = started.board().nand.times;
     const Picoseconds read = kPages * (page + chip.read);
     const Picoseconds write = kPages * (page + chip.program) + kBlocks * chip.erase + read;
-    return MeasureTransfers(bench, fmt::format("NAND {}-bit", part.wide ? 16 : 8),
+    return MeasureTransfers(started, fmt::format("NAND {}-bit", part.wide ? 16 : 8),
                             {" verified write", "NandFlash_if_Write", write}, {" read", "NandFlash_if_Read", read});
 }
 

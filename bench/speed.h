@@ -25,7 +25,7 @@ struct Transfer {
     const char *what, *routine;
     Picoseconds limit;
 };
-std::vector<SpeedRow> MeasureTransfers(Bench &bench, const std::string &chip, const Transfer &write,
+std::vector<SpeedRow> MeasureTransfers(StartedBoard &started, const std::string &chip, const Transfer &write,
                                        const Transfer &read);
 
 // Reads and writes on a DataFlash of 1056-byte pages; throws likewise.

@@ -10,7 +10,7 @@ add_executable(fixture-fuzz ${FUZZ_SOURCES})
 target_include_directories(fixture-fuzz BEFORE PRIVATE platform/host/include)
 target_include_directories(fixture-fuzz PRIVATE ${MODULE_INCLUDES})
 target_link_options(fixture-fuzz PRIVATE -fsanitize=fuzzer)
-target_link_libraries(fixture-fuzz PRIVATE native-modules-fixed harness GTest::gtest ${NATIVE_LINK})
+target_link_libraries(fixture-fuzz PRIVATE native-modules-fixed harness ${NATIVE_LINK})
 
 file(GLOB FUZZ_CORPORA RELATIVE ${CMAKE_SOURCE_DIR}/fuzz/corpus CONFIGURE_DEPENDS fuzz/corpus/*)
 foreach(target ${FUZZ_CORPORA})

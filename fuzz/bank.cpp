@@ -1,6 +1,6 @@
 // A bank's two texts: the bootloader's reading of them against the tools'.
 #include "formats/bank_check.h"
-#include "fuzz/fuzz.h"
+#include "fuzz/targets.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -91,8 +91,8 @@ void CheckRecord(ModuleBoard &board, const BankReport &bank, FileRole role, cons
     const ManifestRecord *record = last == bank.records.rend() ? nullptr : &last->record;
     const std::string path = record ? bank.directory + record->path : "";
     Require(board.text((module + "_GetPathFilename").c_str()) == path, module + ": path");
-    Require(board.bench().call((module + "_GetSize").c_str()) == (record ? record->size : 0), module + ": size");
-    Require(board.bench().call((module + "_GetCheckSum").c_str()) == (record ? record->sum : 0), module + ": sum");
+    Require(board.started().call((module + "_GetSize").c_str()) == (record ? record->size : 0), module + ": size");
+    Require(board.started().call((module + "_GetCheckSum").c_str()) == (record ? record->sum : 0), module + ": sum");
 }
 
 } // namespace
@@ -102,14 +102,14 @@ void FuzzDescriptor(std::span<const std::uint8_t> input) {
     const Bytes text = AsBytes(MakeDescriptorText(shape));
     ScratchFile(kDescriptorFile, text);
     ModuleBoard board;
-    board.call("PrjDsc_SetPathFilename", board.bench().scratch_text(std::string("i:/vol0/") + kDescriptorFile));
+    board.call("PrjDsc_SetPathFilename", board.started().scratch_text(std::string("i:/vol0/") + kDescriptorFile));
     const bool good = board.call("PrjDsc_Parse") == 0;
     const Descriptor read = ReadDescriptor(text); // with the modules' own reader, on what is left of their heap
     constexpr std::size_t kHeapNeverFull = 3000;
     if (text.size() > kHeapNeverFull) return;
     Require(good == read.problem.empty(), "descriptor: " + read.problem);
     for (const char *path : kPaths)
-        Require(board.call("PrjDsc_GetFileType", board.bench().scratch_text(path)) ==
+        Require(board.call("PrjDsc_GetFileType", board.started().scratch_text(path)) ==
                     static_cast<int>(read.role_of(path)),
                 path);
 }
@@ -126,7 +126,7 @@ void FuzzManifest(std::span<const std::uint8_t> input) {
     ModuleBoard board;
     const bool nand = !shape.one_in(8);
     board.start_driver(nand);
-    const bool launched = board.resets("Validate_Bank", {board.bench().scratch_text(kBank), nand});
+    const bool launched = board.resets("Validate_Bank", {board.started().scratch_text(kBank), nand});
     Require(launched == bank.launches, bank.actions.back());
     if (bank.actions.front().starts_with("rejects")) return;
     CheckRecord(board, bank, FileRole::application, "App");

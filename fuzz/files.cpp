@@ -1,7 +1,7 @@
 // Files that only the `fixture` command reads: chip files, ELF executables, and texts.
 #include "fixture/parts/nand.h"
 #include "formats/elf_image.h"
-#include "fuzz/fuzz.h"
+#include "fuzz/targets.h"
 #include "harness/command.h"
 #include "machine/chip_store.h"
 #include "machine/firmware.h"

@@ -4,7 +4,7 @@
 #include "formats/flash_report.h"
 #include "formats/slots.h"
 #include "formats/stored_image.h"
-#include "fuzz/fuzz.h"
+#include "fuzz/targets.h"
 #include "machine/raw_flash.h"
 #include "tools/commands.h"
 
@@ -74,7 +74,7 @@ void CheckSlots(Shape &shape, ModuleBoard &board, const std::string &medium, Con
         board.call(("Validate_" + medium + "InvalidateImage").c_str(), slot.address);
         Require(ReadSlot(read, slot).verdict != ImageVerdict::good, "a retired image is still good");
     }
-    board.call("Validate_IsNewRescueVersion", board.bench().scratch(16), medium == "NandFlash");
+    board.call("Validate_IsNewRescueVersion", board.started().scratch(16), medium == "NandFlash");
     board.resets("Rescue_Load", {medium == "NandFlash"});
 }
 
@@ -89,7 +89,7 @@ void FuzzImage(std::span<const std::uint8_t> input) {
     ModuleBoard board;
     const auto length = static_cast<std::uint32_t>(file.size());
     const std::uint32_t place = kSdramEnd - length;
-    std::copy(file.begin(), file.end(), board.bench().at(place));
+    std::copy(file.begin(), file.end(), board.started().at(place));
     const bool maker = board.call("Validate_HasMaker", place) == 1;
     const bool good = board.call("Validate_LoadedImage", place, length) == 0;
     Require((maker && good) == report.good(), report.problem());

@@ -1,5 +1,5 @@
 // The fuzzer's way to the targets. The program's own name says which one it is: build/fuzz/NAME-fuzz.
-#include "fuzz/fuzz.h"
+#include "fuzz/targets.h"
 
 #include <cstdio>
 #include <cstdlib>

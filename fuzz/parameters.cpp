@@ -1,6 +1,6 @@
 // The parameter store in its EEPROM: the bootloader's reading and writing against the tools'.
 #include "formats/parameter_store.h"
-#include "fuzz/fuzz.h"
+#include "fuzz/targets.h"
 #include "tools/commands.h"
 
 #include <algorithm>
@@ -55,14 +55,14 @@ EepromContents MakeChip(Shape &shape) {
 }
 
 void CheckLookup(ModuleBoard &board, const std::vector<StoredParameter> &parameters, unsigned identifier) {
-    const std::uint32_t data = board.bench().scratch(16), length = board.bench().scratch(4);
+    const std::uint32_t data = board.started().scratch(16), length = board.started().scratch(4);
     const bool found = board.call("readEEpromParameter", identifier, data, length) == 0;
     const auto listed = std::find_if(parameters.begin(), parameters.end(),
                                      [=](const StoredParameter &known) { return known.identifier == identifier; });
     Require(found == (listed != parameters.end()), "a parameter is there for one reader alone");
     if (!found) return;
-    const std::uint8_t *const bytes = board.bench().at(data);
-    Require(std::equal(listed->data.begin(), listed->data.end(), bytes, bytes + *board.bench().at(length)),
+    const std::uint8_t *const bytes = board.started().at(data);
+    Require(std::equal(listed->data.begin(), listed->data.end(), bytes, bytes + *board.started().at(length)),
             "a parameter has two values");
 }
 
@@ -75,9 +75,9 @@ void CheckChange(ModuleBoard &board, const StoredParameter &change) {
     } catch (const std::runtime_error &) {
         possible = false;
     }
-    board.bench().board().clock.advance(board.bench().board().eeprom.write_time); // of what was cleaned last
-    const std::uint32_t data = board.bench().scratch(16);
-    std::copy(change.data.begin(), change.data.end(), board.bench().at(data));
+    board.started().board().clock.advance(board.started().board().eeprom.write_time); // of what was cleaned last
+    const std::uint32_t data = board.started().scratch(16);
+    std::copy(change.data.begin(), change.data.end(), board.started().at(data));
     const bool written = board.call("WriteEEpromParameter", change.identifier, data, change.data.size()) == 0 &&
                          board.call("CommitBuffer") == 0;
     Require(!possible || !written || chip == board.chips().eeprom, "two ways of a commit");

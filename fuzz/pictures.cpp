@@ -2,7 +2,7 @@
 #include "fixture/core/board_memory.h"
 #include "formats/picture.h"
 #include "formats/splash.h"
-#include "fuzz/fuzz.h"
+#include "fuzz/targets.h"
 #include "tools/commands.h"
 
 #include <algorithm>
@@ -96,12 +96,12 @@ void FuzzPicture(std::span<const std::uint8_t> input) {
     const Bytes stream = MakeStream(shape, pixels);
     ModuleBoard board;
     const auto place = static_cast<std::uint32_t>(kSdram + kSdramBytes - stream.size());
-    std::copy(stream.begin(), stream.end(), board.bench().at(place));
+    std::copy(stream.begin(), stream.end(), board.started().at(place));
     board.call("LCD_InsertImage", place);
 
     const bool fits = pixels.size() == kFramePixels;
     pixels.resize(kRegionPixels);
-    const std::uint8_t *const video = board.bench().at(kVideo);
+    const std::uint8_t *const video = board.started().at(kVideo);
     Require(std::memcmp(video, pixels.data(), kVideoRegionSize) == 0, "another picture than the stream's");
     for (const std::uint8_t *const guard : {video - 4096, video + kVideoRegionSize})
         Require(std::count(guard, guard + 4096, 0) == 4096, "stored outside the video region");

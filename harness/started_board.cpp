@@ -20,11 +20,11 @@ const Firmware &Bootloader(const std::string &version) {
     throw std::runtime_error("no build of the bootloader for tests; run make firmware");
 }
 
-Bench::Bench(Processor processor, BoardOptions board, const std::function<void(Board &)> &prepare)
-    : Bench(processor, own_chips_, {}, board, prepare) {}
+StartedBoard::StartedBoard(Processor processor, BoardOptions board, const std::function<void(Board &)> &prepare)
+    : StartedBoard(processor, own_chips_, {}, board, prepare) {}
 
-Bench::Bench(Processor processor, Chips &chips, const std::filesystem::path &volume, BoardOptions board,
-             const std::function<void(Board &)> &prepare) {
+StartedBoard::StartedBoard(Processor processor, Chips &chips, const std::filesystem::path &volume, BoardOptions board,
+                           const std::function<void(Board &)> &prepare) {
     machine_ = std::make_unique<Machine>(chips, RunOptions{.processor = processor,
                                                            .known = &TestFirmware(),
                                                            .firmware = &Bootloader(),
@@ -36,32 +36,33 @@ Bench::Bench(Processor processor, Chips &chips, const std::filesystem::path &vol
     if (started.end != StageEnd::stopped_at) throw std::runtime_error("main not reached: " + started.place);
 }
 
-StageResult Bench::try_call(const char *routine, const std::vector<std::uint32_t> &arguments, std::uint32_t &result) {
+StageResult StartedBoard::try_call(const char *routine, const std::vector<std::uint32_t> &arguments,
+                                   std::uint32_t &result) {
     return machine_->call(routine, arguments, result);
 }
 
-std::uint32_t Bench::call_with(const char *routine, const std::vector<std::uint32_t> &arguments) {
+std::uint32_t StartedBoard::call_with(const char *routine, const std::vector<std::uint32_t> &arguments) {
     std::uint32_t result = 0;
     const StageResult end = try_call(routine, arguments, result);
     if (end.end != StageEnd::stopped_at) throw std::runtime_error(std::string(routine) + " ended at " + end.place);
     return result;
 }
 
-std::uint32_t Bench::scratch(std::size_t bytes) {
+std::uint32_t StartedBoard::scratch(std::size_t bytes) {
     const std::uint32_t address = next_scratch_;
     next_scratch_ += (static_cast<std::uint32_t>(bytes) + 31u) & ~31u;
     return address;
 }
 
-std::uint32_t Bench::scratch_text(const std::string &text) {
+std::uint32_t StartedBoard::scratch_text(const std::string &text) {
     const std::uint32_t address = scratch(text.size() + 1);
     std::copy_n(text.c_str(), text.size() + 1, at(address));
     return address;
 }
 
-std::uint8_t *Bench::at(std::uint32_t address) { return board().memory.memory().from(address).data(); }
+std::uint8_t *StartedBoard::at(std::uint32_t address) { return board().memory.memory().from(address).data(); }
 
-std::string Bench::console() { return std::exchange(console_, {}); }
+std::string StartedBoard::console() { return std::exchange(console_, {}); }
 
 BootResult RunBoot(const BootCase &boot) {
     BootResult result;

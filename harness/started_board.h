@@ -1,7 +1,7 @@
 // What tests stand on: whole boots, and single routines of the bootloader, on either processor.
 //
-//   Bench bench(Processor::arm);                      a powered board, started up to the entry of main
-//   bench.call("NandFlash_if_Read", 0x40000, buffer, 2048);
+//   StartedBoard started(Processor::arm);                      a powered board, started up to the entry of main
+//   started.call("NandFlash_if_Read", 0x40000, buffer, 2048);
 //
 //   BootResult boot = RunBoot({.processor = Processor::host, .volume = directory});
 //   EXPECT_EQ(boot.console, "...");
@@ -24,13 +24,14 @@ using Processor = ProcessorKind;
 const KnownFirmware &TestFirmware();
 const Firmware &Bootloader(const std::string &version = "1.9.0");
 
-class Bench {
+class StartedBoard {
 public:
     // `prepare` sees the board before it starts.
-    explicit Bench(Processor processor, BoardOptions board = {}, const std::function<void(Board &)> &prepare = {});
-    // The same on chips that outlive the bench, with files.
-    Bench(Processor processor, Chips &chips, const std::filesystem::path &volume, BoardOptions board = {},
-          const std::function<void(Board &)> &prepare = {});
+    explicit StartedBoard(Processor processor, BoardOptions board = {},
+                          const std::function<void(Board &)> &prepare = {});
+    // The same on chips that outlive the started, with files.
+    StartedBoard(Processor processor, Chips &chips, const std::filesystem::path &volume, BoardOptions board = {},
+                 const std::function<void(Board &)> &prepare = {});
 
     Board &board() { return machine_->board(); }
     Machine &machine() { return *machine_; }

@@ -1,0 +1,19 @@
+#include "fuzz/targets.h"
+
+namespace fixture {
+
+std::span<const FuzzTarget> FuzzTargets() {
+    static constexpr FuzzTarget kTargets[] = {{"descriptor", FuzzDescriptor},
+                                              {"manifest", FuzzManifest},
+                                              {"image", FuzzImage},
+                                              {"slot", FuzzSlot},
+                                              {"parameters", FuzzParameters},
+                                              {"picture", FuzzPicture},
+                                              {"chip-files", FuzzChipFiles},
+                                              {"elf", FuzzElf},
+                                              {"png", FuzzPng},
+                                              {"texts", FuzzTexts}};
+    return kTargets;
+}
+
+} // namespace fixture

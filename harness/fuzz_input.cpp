@@ -1,0 +1,110 @@
+#include "harness/fuzz_input.h"
+
+#include "formats/stored_image.h"
+#include "harness/command.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+namespace fixture {
+
+void Require(bool holds, std::string_view what) {
+    if (!holds) throw std::logic_error(std::string(what));
+}
+
+std::uint32_t Shape::below(std::uint32_t limit) {
+    std::uint32_t value = 0;
+    for (std::uint32_t range = 1; range < limit && !rest_.empty(); range *= 256, rest_ = rest_.subspan(1))
+        value = value * 256 + rest_.front();
+    return value % limit;
+}
+
+std::uint32_t Shape::word() { return below(65536) << 16 | below(65536); }
+
+std::uint32_t Shape::number() {
+    switch (below(4)) {
+    case 0: return below(256);
+    case 1: return (1u << below(32)) + below(8) - 4;
+    case 2: return below(65536);
+    default: return word();
+    }
+}
+
+Bytes Shape::bytes(std::size_t most) {
+    const std::size_t wanted = below(static_cast<std::uint32_t>(most) + 1);
+    const std::span<const std::uint8_t> taken = rest_.first(std::min(wanted, rest_.size()));
+    rest_ = rest_.subspan(taken.size());
+    return {taken.begin(), taken.end()};
+}
+
+std::string Shape::text(std::size_t most) { return AsText(bytes(most)); }
+
+std::optional<Bytes> Shape::whole_in(std::uint32_t times) {
+    if (!one_in(times)) return std::nullopt;
+    return Bytes(rest_.begin(), rest_.end());
+}
+
+void Append(Bytes &bytes, std::span<const std::uint8_t> more) { bytes.insert(bytes.end(), more.begin(), more.end()); }
+
+void Put32(Bytes &bytes, std::size_t at, std::uint32_t value) {
+    for (std::size_t i = 0; i < 4; i++) bytes.at(at + i) = static_cast<std::uint8_t>(value >> 8 * i);
+}
+
+Bytes MakeImage(Shape &shape) {
+    if (const std::optional<Bytes> whole = shape.whole_in(8)) return *whole;
+    Bytes body(shape.pick({5u, 0u, 1u, 7u, 8u, 9u, 2048u - 32, 2048u - 31, 4096u, 9000u}), 0x5A);
+    const Bytes start = shape.bytes(64);
+    std::copy_n(start.begin(), std::min(start.size(), body.size()), body.begin());
+    Bytes image = Wrap(body);
+    const auto size = static_cast<std::uint32_t>(image.size());
+    if (shape.one_in(4)) image[shape.below(20)] ^= static_cast<std::uint8_t>(1 + shape.below(255));
+    if (shape.one_in(4)) Put32(image, 20, shape.pick({size - 1, size + 1, size + 32, 0u, 31u, 32u, shape.number()}));
+    if (shape.one_in(4)) image[24 + shape.below(8)] ^= static_cast<std::uint8_t>(1 + shape.below(255));
+    if (shape.one_in(8)) image.resize(shape.below(size + 1));
+    return image;
+}
+
+ModuleBoard::ModuleBoard(Chips chips)
+    : chips_(std::move(chips)), started_(Processor::host, chips_, volume(), {}, [](Board &board) {
+          board.eeprom.write_time = 50 * kMicrosecond; // every poll is simulated
+      }) {}
+
+ModuleBoard::~ModuleBoard() noexcept(false) {
+    const std::vector<JournalEntry> &violations = started_.board().journal.violations();
+    if (!violations.empty() && std::uncaught_exceptions() == 0)
+        Require(false, violations.front().where + ": " + violations.front().what);
+}
+
+bool ModuleBoard::resets(const char *routine, const std::vector<std::uint32_t> &arguments) {
+    std::uint32_t result = 0;
+    const StageResult end = started_.try_call(routine, arguments, result);
+    Require(end.end == StageEnd::stopped_at || end.end == StageEnd::reset,
+            std::string(routine) + " ended at " + end.place);
+    return end.end == StageEnd::reset;
+}
+
+const char *ModuleBoard::text(const char *routine) {
+    return reinterpret_cast<const char *>(std::uintptr_t{started_.call(routine)});
+}
+
+const std::filesystem::path &ModuleBoard::volume() {
+    static const TemporaryDirectory directory;
+    return directory.path();
+}
+
+std::filesystem::path ScratchFile(const char *name, std::span<const std::uint8_t> content) {
+    const std::filesystem::path file = ModuleBoard::volume() / name;
+    if (file.has_parent_path()) std::filesystem::create_directories(file.parent_path());
+    std::ofstream(file, std::ios::binary)
+        .write(reinterpret_cast<const char *>(content.data()), static_cast<std::streamsize>(content.size()));
+    return file;
+}
+
+void RunOnFiles(void (*add)(CLI::App &, int &), std::vector<std::string> arguments) {
+    const CommandResult result = RunCommand(add, std::move(arguments));
+    Require(result.exit_status >= 0 && result.exit_status <= 2, "exit status");
+    Require(result.error.empty() || result.error.starts_with(ModuleBoard::volume().string()),
+            "a message that names no file: " + result.error);
+}
+
+} // namespace fixture

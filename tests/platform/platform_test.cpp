@@ -1,0 +1,223 @@
+// The reference platform on the emulated processor, beside a debugger that answers as each test wants it to.
+#include "harness/scripted_debugger.h"
+#include "harness/started_board.h"
+
+#include <cstring>
+#include <gtest/gtest.h>
+
+namespace fixture {
+
+namespace {
+
+constexpr std::uint32_t kPath = 0x21000000;
+constexpr std::uint32_t kBuffer = 0x21001000;
+constexpr std::uint32_t kFailed = ScriptedDebugger::kFailed;
+
+struct PlatformTest : testing::Test {
+    PlatformTest() {
+        board.console.transmitted = [this](char c) { console += c; };
+        LoadElf(image, board.memory.memory());
+    }
+    StageResult start() { return processor.run(image.entry(), image.symbol("main")); }
+    StageResult try_call(std::uint32_t routine, const std::vector<std::uint32_t> &arguments) {
+        result = 0;
+        return processor.call(routine, arguments, result);
+    }
+    std::uint32_t call(const char *routine, const std::vector<std::uint32_t> &arguments) {
+        EXPECT_EQ(try_call(image.symbol(routine).value(), arguments).end, StageEnd::stopped_at) << routine;
+        return result;
+    }
+    std::uint8_t *at(std::uint32_t address) { return board.memory.memory().from(address).data(); }
+    void set_word(std::uint32_t address, std::uint32_t value) { std::memcpy(at(address), &value, 4); }
+    void put_path(const char *path) { std::memcpy(at(kPath), path, std::strlen(path) + 1); }
+    std::uint32_t last_errno() {
+        std::uint32_t value;
+        std::memcpy(&value, at(call("__errno", {})), 4);
+        return value;
+    }
+
+    Chips chips;
+    Board board{chips, {}};
+    ScriptedDebugger debugger{board.memory.memory()};
+    ArmProcessor processor{{board.clock, board.journal, board.bus, board.memory.memory(), debugger, board.cache,
+                            [this] { return board.pmc.core_cycle(); }}};
+    const ElfImage &image = *Bootloader().elf;
+    std::string console;
+    std::uint32_t result = 0;
+};
+
+TEST_F(PlatformTest, OpensForReadingAndWritingOnlyAndTellsWhyNot) {
+    ASSERT_EQ(start().end, StageEnd::stopped_at);
+    EXPECT_EQ(console, "");
+    debugger.writable = {{"i:/vol0/a", true}, {"i:/vol0/ro", false}};
+    const struct {
+        const char *path;
+        std::uint32_t flags;
+        std::uint32_t error; // what the debugger answers
+        std::vector<std::uint32_t> modes;
+        std::uint32_t expected_errno; // 0: opened
+    } cases[] = {
+        {"i:/vol0/a", 0, 0, {1}, 0},
+        {"i:/vol0/a", 2, 0, {3}, 0},
+        {"i:/vol0/a", 0xFFFFFFF0, 0, {1}, 0}, // creating and appending bits count for nothing
+        {"i:/vol0/ro", 2, 13, {3, 1}, 0},
+        {"i:/vol0/none", 0, 2, {1}, 2},
+        {"i:/vol0/none", 2, 0, {3, 1}, 2}, // a debugger that keeps no error number
+        {"i:/vol0/none", 0, 0xFFFFFFFF, {1}, 2},
+        {"i:/vol0/none", 0, 13, {1}, 13}, // there, but not to be read
+        {"", 0, 2, {1}, 2},
+    };
+    for (const auto &open : cases) {
+        SCOPED_TRACE(testing::Message() << open.path << " " << open.flags << " " << open.error);
+        put_path(open.path);
+        debugger.error = open.error;
+        debugger.modes.clear();
+        EXPECT_EQ(call("open", {kPath, open.flags, 0x1FF}), open.expected_errno ? kFailed : 7u);
+        EXPECT_EQ(debugger.modes, open.modes);
+        if (open.expected_errno) {
+            EXPECT_EQ(last_errno(), open.expected_errno);
+        }
+    }
+}
+
+TEST_F(PlatformTest, ReadsClosesAndMeasuresFilesAsTheDebuggerSays) {
+    start();
+    for (const auto &[routine, handle] : {std::pair{"read", kFailed}, {"close", kFailed}, {"read", 0x80000000u}}) {
+        debugger.asked = false;
+        EXPECT_EQ(call(routine, {handle, kBuffer, 8}), kFailed);
+        EXPECT_EQ(last_errno(), 9u);
+        EXPECT_FALSE(debugger.asked) << "nobody is asked about a negative descriptor";
+    }
+    debugger.error = 5;
+    for (const auto &[missing, expected] : {std::pair{0u, 8u}, {3u, 5u}, {8u, 0u}, {9u, kFailed}, {kFailed, kFailed}}) {
+        debugger.missing = missing;
+        EXPECT_EQ(call("read", {7, kBuffer, 8}), expected);
+    }
+    EXPECT_EQ(last_errno(), 5u);
+    EXPECT_EQ(call("close", {7}), 0u);
+    EXPECT_EQ(call("close", {8}), kFailed);
+
+    debugger.writable = {{"i:/vol0/a", true}};
+    debugger.length = 1234;
+    put_path("i:/vol0/a");
+    EXPECT_EQ(call("PJFS_FileSize", {kPath}), 1234u);
+    debugger.length = kFailed;
+    EXPECT_EQ(call("stat", {kPath, kBuffer}), kFailed);
+    EXPECT_EQ(last_errno(), 5u);
+    put_path("a:/vol0/a");
+    EXPECT_EQ(call("stat", {kPath, kBuffer}), kFailed);
+}
+
+TEST_F(PlatformTest, PausesAtLeastAsLongAsAsked) {
+    start();
+    for (const std::uint32_t microseconds : {0u, 1u, 10u, 999u, 300'000u, 5'000'000u, 70'000'001u}) {
+        const Picoseconds before = board.clock.now();
+        EXPECT_EQ(call("usleep", {microseconds}), 0u);
+        const Picoseconds slept = board.clock.now() - before;
+        EXPECT_GE(slept, microseconds * kMicrosecond);
+        EXPECT_LE(slept, microseconds * kMicrosecond * 105 / 100 + 5 * kMicrosecond) << microseconds;
+    }
+}
+
+TEST_F(PlatformTest, KnowsTheMasterClock) {
+    start();
+    const std::uint32_t pll = board.bus.read(0xFFFFFC28, 4);
+    const std::uint32_t settings[][2] = {
+        {pll, board.bus.read(0xFFFFFC30, 4)}, {pll, 0x002}, {pll, 0x206}, {0x20606309, 0x102}, {pll, 0x001}};
+    for (const auto &[pll_setting, clock_setting] : settings) {
+        board.bus.write(0xFFFFFC28, 4, pll_setting);
+        board.bus.write(0xFFFFFC30, 4, clock_setting);
+        const double expected = static_cast<double>(kSecond) / static_cast<double>(board.pmc.master_cycle());
+        EXPECT_NEAR(call("GetMasterClock", {}), expected, expected / 1000) << std::hex << clock_setting;
+    }
+}
+
+TEST_F(PlatformTest, FlushesWholeLinesOfExactlyTheRange) {
+    start();
+    const struct {
+        std::uint32_t address, length, first, end; // survive a reset: [first, end)
+    } cases[] = {{0x21, 0x40, 0x20, 0x80},
+                 {0x3F, 2, 0x20, 0x60},
+                 {0x20, 0x20, 0x20, 0x40},
+                 {0x20, 0, 0x20, 0x20},
+                 {0xFFFF00, 0xFF, 0xFFFF00, 0x1000000}};
+    for (const auto &flush : cases) {
+        const auto buffer = board.memory.memory().from(HandoverCache::kBase);
+        std::fill(buffer.begin(), buffer.end(), std::uint8_t{0});
+        board.cache.clean(HandoverCache::kBase, HandoverCache::kBytes);
+        std::fill(buffer.begin(), buffer.end(), std::uint8_t{0x55});
+        call("ASP_FlushCaches", {HandoverCache::kBase + flush.address, flush.length});
+        board.processor_reset();
+        EXPECT_EQ(std::count(buffer.begin(), buffer.end(), 0x55), flush.end - flush.first);
+        if (flush.end > flush.first) {
+            EXPECT_EQ(buffer[flush.first] + buffer[flush.end - 1], 2 * 0x55);
+        }
+    }
+}
+
+TEST_F(PlatformTest, ReportsFaultsOnTheConsole) {
+    const struct {
+        std::uint32_t routine; // 0: strlen
+        std::uint32_t argument;
+        const char *place, *text;
+    } cases[] = {
+        {0, 0, "data abort", ", address 0x00000000, fault status 0x00000005, program status 0x"},
+        {0, 0xFFFF2000, "data abort", ", address 0xFFFF2000, fault status 0x00000008, program status 0x"},
+        {0x10, 0, "prefetch abort", "\nFault: prefetch abort at 0x00000010, fault status 0x00000005"},
+        {kPath, 0, "undefined instruction", "\nFault: undefined instruction at 0x21000000, program status 0x"},
+    };
+    for (const auto &fault : cases) {
+        SCOPED_TRACE(fault.text);
+        start();
+        set_word(kPath, 0xE7F000F0);
+        const StageResult end = try_call(fault.routine ? fault.routine : *image.symbol("strlen"), {fault.argument});
+        EXPECT_EQ(end.end, StageEnd::fault);
+        EXPECT_EQ(end.exit_code, 101);
+        EXPECT_EQ(end.place.rfind(fault.place, 0), 0u) << end.place;
+        EXPECT_NE(console.find(fault.text), std::string::npos) << console;
+        EXPECT_EQ(console.back(), '\n');
+        console.clear();
+        LoadElf(image, board.memory.memory());
+    }
+}
+
+// The kernel's parts that the bootloader configures cannot work with wrong tables, and say so.
+TEST_F(PlatformTest, RefusesWrongTables) {
+    const struct {
+        const char *table;
+        std::uint32_t offset, value;
+        const char *text;
+    } cases[] = {
+        {"__ghsentry_pjfs_clients_client", 16, 0x20200000, "File server: wrong working memory\n"},
+        {"__ghsentry_pjfs_backends_disk1", 20, 1, "File server: words of the back-end that must be 0\n"},
+        {"__ghstable_pjfs_autoformats", 4, 1, "File server: wrong table of volumes to create\n"},
+        {"_ZN12_GLOBAL__N_1L19kDataFlashBootRangeE", 12, 1, "Flash layer: the range is not on a NAND device\n"},
+        {"_ZN12_GLOBAL__N_1L19kDataFlashBootRangeE", 4, 5, "Flash layer: offset and first block differ\n"},
+    };
+    for (const auto &wrong : cases) {
+        SCOPED_TRACE(wrong.text);
+        LoadElf(image, board.memory.memory());
+        set_word(image.symbol(wrong.table).value() + wrong.offset, wrong.value);
+        console.clear();
+        StageResult end = start();
+        if (end.end == StageEnd::stopped_at) end = try_call(*image.symbol("PJFS_InitServer"), {});
+        EXPECT_EQ(end.end, StageEnd::exited);
+        EXPECT_NE(end.exit_code, 0);
+        EXPECT_EQ(console, "\n" + std::string(wrong.text));
+    }
+}
+
+TEST_F(PlatformTest, TheHeapEnds) {
+    start();
+    EXPECT_EQ(call("malloc", {0x00500000}), 0u);
+    const std::uint32_t block = call("malloc", {0x00300000});
+    EXPECT_GT(block, image.symbol("__bss_end"));
+    EXPECT_LT(block + 0x00300000, 0x21000000u);
+    EXPECT_EQ(call("malloc", {0x00200000}), 0u);
+    call("free", {block});
+    EXPECT_NE(call("malloc", {0x00200000}), 0u);
+}
+
+} // namespace
+
+} // namespace fixture

@@ -1,0 +1,221 @@
+// Banks as whole boots: what descriptor and manifest make of a bank, to the last character on the console.
+#include "harness/bank_texts.h"
+#include "tests/processors.h"
+
+#include <cstring>
+#include <fmt/format.h>
+#include <map>
+#include <regex>
+
+namespace fixture {
+
+namespace {
+
+const std::string kStart = "Secondary Bootloader ver 1.9.0 started...\n"
+                           "************************************************************\n"
+                           "* SVNInfo:                                                 *\n"
+                           "*----------------------------------------------------------*\n"
+                           "*   Revision:         319                                  *\n"
+                           "*   Date:             2013/04/02 15:18:51                  *\n"
+                           "*   Build Time:       2013/04/02 15:26:48                  *\n"
+                           "*   Revision Range:   319                                  *\n"
+                           "*   Mixed Revisions:  no                                   *\n"
+                           "*   Modified:         no                                   *\n"
+                           "*   URL:              https://code.orvalis.example/fir     *\n"
+                           "*                     mware/fixture/secondary-bootload     *\n"
+                           "*                     er/trunk/sources-of-the-tree/x/y     *\n"
+                           "*                     /z                                   *\n"
+                           "*                                                          *\n"
+                           "************************************************************\n"
+                           "\tInit NandFlash...\n"
+                           "Boot pin reports: SD boot\n"
+                           "\tInit LCD...\n"
+                           "\tInit PJFS...\n"
+                           "\tInit SDFlash...\n"
+                           "\tFind valid bank...\n";
+const std::string kBadDescriptor = "error processing project descriptor file\n";
+const std::string kNoBank =
+    "FileSize failed with errno=2\tFatal Error : read file failed with errno=9" + kBadDescriptor;
+const std::string kVersions = "Current bootlaoder is: 1.9.0\nBank bootloader is: ";
+const std::string kSameVersion = kVersions + "1.9.0\n";
+const std::string kFatal = "\tNo valid bank found...\n"
+                           "\tStart rescue app...\n"
+                           "\tFind valid rescue app...\n"
+                           "\tFatal Error : No valid application or bootloader in the filesystem\n";
+const std::string kApplication = "an application of some length, not a multiple of anything";
+const std::string kBootloader = "another bootloader";
+
+std::string Application(const std::string &path) { return ManifestLine(path, kApplication); }
+const std::string kHeadings = ManifestLine("Path", "") + ManifestLine("----", "");
+const std::string kBootRecord = ManifestLine("bin/boot2.bin", kBootloader);
+const std::string kDemoRecord = Application("bin/demo.bin");
+
+std::map<std::string, std::string> Files(const std::string &application, const std::string &bootloader = kBootloader) {
+    return {{"bin/demo.bin", application}, {"bin/boot2.bin", bootloader}};
+}
+
+std::string Descriptor(const std::string &boot_version) {
+    return "<?xml version=\"1.0\"?>\n<Project>\n" + DescriptorElement("MainApplication", {}) +
+           DescriptorElement("SecondaryBootloader", {.base = "boot2", .version = boot_version}) + "</Project>\n";
+}
+
+struct Bank {
+    std::string descriptor = Descriptor("1.9.0");
+    std::string manifest = kHeadings + kDemoRecord + kBootRecord;
+    std::map<std::string, std::string> files = Files(kApplication);
+
+    void write(const TemporaryDirectory &volume, const std::string &name) const {
+        const std::filesystem::path bank = std::filesystem::path("data") / name;
+        volume.write(bank / "ProjectDescriptorFile.xml", descriptor);
+        volume.write(bank / "BankContent.txt", manifest);
+        for (const auto &[path, content] : files) volume.write(bank / path, content);
+    }
+};
+
+std::string FileFailed(const std::string &path, const std::string &content, std::optional<int> size = {}) {
+    return fmt::format("\tValidate_File(i:/vol0/data/app/{}, {}, {}) Failed!!!", path, SumOf(content),
+                       size.value_or(static_cast<int>(content.size())));
+}
+const std::string kLongest = "bin/" + std::string(226, 'x') + "demo.bin"; // with the bank's directory before it
+const std::string kDemoFailed = FileFailed("bin/demo.bin", kApplication);
+
+class Banks : public testing::TestWithParam<Processor> {
+protected:
+    // Boots, and compares everything the search for banks prints.
+    RunReport boot(const TemporaryDirectory &volume, const std::string &search, Verdict verdict,
+                   BootCase boot_case = {}) {
+        boot_case.processor = GetParam();
+        boot_case.volume = volume.path();
+        const BootResult result = RunBoot(boot_case);
+        std::string start = kStart;
+        if (boot_case.file_server_fails)
+            start.insert(start.find("\tInit SDFlash"), "PJFS Server : PJFS_Server_Run Failed!!!\n");
+        EXPECT_EQ(result.console, start + search + (verdict == Verdict::launched ? "" : kFatal));
+        EXPECT_EQ(result.report.verdict, verdict) << result.report.place;
+        return result.report;
+    }
+};
+BOTH_PROCESSORS(Banks);
+
+std::string Changed(std::string content) {
+    content.back() ^= 1;
+    return content;
+}
+// The usual manifest with other digits from the application's size on.
+std::string Numbered(const std::string &digits) { return Bank{}.manifest.replace(2 * 282, digits.size(), digits); }
+// A manifest with these records of the application behind the bootloader's.
+std::string Listing(const std::string &path, const std::string &more = "") {
+    return kHeadings + kBootRecord + Application(path) + more;
+}
+
+// One bank, wrong or unusual in one way; the other two are missing. It launches where it prints the versions alone.
+const struct {
+    const char *name;
+    std::string printed;
+    Bank bank;
+} kBanks[] = {
+    {"empty descriptor", kBadDescriptor, {.descriptor = ""}},
+    {"rescue image named, none listed",
+     kSameVersion,
+     {.descriptor = DescriptorElement("RescueApplication", {.base = "resc", .version = "2"}) + Descriptor("1.9.0")}},
+    {"bootloader of another version that is no image",
+     kVersions + "1234567890123456\n\tBootloader image replace failed.\n" + kDemoFailed,
+     {.descriptor = Descriptor("1234567890123456"), .files = Files(Changed(kApplication))}},
+    {"bootloader of another version, file check failing",
+     kVersions + "1.8.0\n" + FileFailed("bin/boot2.bin", kBootloader) + kDemoFailed,
+     {.descriptor = Descriptor("1.8.0"), .files = Files(Changed(kApplication), Changed(kBootloader))}},
+
+    {"listed size wrong",
+     kSameVersion + fmt::format("filesize check {} != 3\n", kApplication.size()) + kDemoFailed,
+     {.files = Files("abc")}},
+    {"file missing", kSameVersion + kDemoFailed, {.files = {{"bin/boot2.bin", kBootloader}}}},
+    {"empty application",
+     kSameVersion + FileFailed("bin/demo.bin", ""),
+     {.manifest = kHeadings + kBootRecord + ManifestLine("bin/demo.bin", ""), .files = Files("")}},
+    {"negative size",
+     kSameVersion + fmt::format("filesize check -7 != {}\n", kApplication.size()) +
+         FileFailed("bin/demo.bin", kApplication, -7),
+     {.manifest = Numbered("       -7")}},
+
+    {"no manifest to speak of", "", {.manifest = ""}},
+    {"one heading", "", {.manifest = kBootRecord}},
+    {"headings alone", "", {.manifest = kHeadings}},
+    {"no bootloader listed", "", {.manifest = kHeadings + kDemoRecord}},
+    {"last line without its end", "", {.manifest = Listing("bin/demo.bin").substr(0, 4 * 282 - 2)}},
+    {"line feeds alone", "", {.manifest = std::regex_replace(Listing("bin/demo.bin"), std::regex("\r\n"), "\n")}},
+    {"the later record counts", kSameVersion, {.manifest = Listing("bin/demo2.bin", kDemoRecord)}},
+    {"leading zeros, text behind the digits", kSameVersion, {.manifest = Numbered("000000057999")}},
+    {"separators before the path", kSameVersion, {.manifest = Listing(".\\.././/\\bin/demo.bin")}},
+    {"path of backslashes", "", {.manifest = Listing("\\bin\\demo.bin")}},
+    {"another directory", "", {.manifest = Listing("BIN/demo.bin")}},
+    {"256 separators reject the bank", "", {.manifest = Listing(std::string(256, '/'), kDemoRecord)}},
+    {"255 separators and a line end do not",
+     kSameVersion,
+     {.manifest = Listing(std::string(255, '.') + "\n", kDemoRecord)}},
+    {"blank path", kSameVersion, {.manifest = Listing("", kDemoRecord)}},
+    {"line end in the last byte", kSameVersion, {.manifest = Listing("bin/demo.bin" + std::string(243, ' ') + "\n")}},
+    {"line end before the padding",
+     kSameVersion + FileFailed("bin/demo.bin\n", kApplication),
+     {.manifest = Listing("bin/demo.bin\n")}},
+    {"path too long by one", kSameVersion, {.manifest = Listing("bin/demo.bin", Application(kLongest + "x"))}},
+    {"longest path", kSameVersion + FileFailed(kLongest, kApplication), {.manifest = Listing(kLongest)}},
+};
+
+TEST_P(Banks, AreTakenAsTheirDescriptorFilesAndManifestSay) {
+    for (const auto &row : kBanks) {
+        SCOPED_TRACE(row.name);
+        TemporaryDirectory volume;
+        row.bank.write(volume, "app");
+        const bool launches = row.printed == kSameVersion;
+        boot(volume, launches ? kSameVersion : row.printed + kNoBank + kNoBank,
+             launches ? Verdict::launched : Verdict::idle);
+    }
+}
+
+TEST_P(Banks, AreTriedInTheirOrder) {
+    TemporaryDirectory volume;
+    for (const bool without_file_server : {false, true}) {
+        BootCase boot_case;
+        boot_case.file_server_fails = without_file_server;
+        boot(volume, kNoBank + kNoBank + kNoBank, Verdict::idle, boot_case);
+    }
+    Bank{}.write(volume, "newapp");
+    boot(volume, kNoBank + kNoBank + kSameVersion, Verdict::launched);
+    Bank{}.write(volume, "oldapp");
+    Bank{.files = Files(Changed(kApplication))}.write(volume, "app");
+    const RunReport report = boot(volume, kSameVersion + kDemoFailed + kSameVersion, Verdict::launched);
+    EXPECT_EQ(report.launched_bytes, kApplication.size());
+    EXPECT_NE(report.launched.find("oldapp"), std::string::npos) << report.launched;
+    EXPECT_EQ(report.resets, 1u);
+}
+
+// What the first-stage loader finds: the file, the marker, and nothing else changed, all of it in memory proper.
+TEST_P(Banks, LeaveTheirApplicationForTheNextStage) {
+    TemporaryDirectory volume;
+    Bank{}.write(volume, "app");
+    BootCase boot_case;
+    boot_case.prepare = [](Machine &machine) {
+        std::memset(machine.board().memory.memory().from(0x23FFFF00).data(), 0xA5, 256);
+    };
+    boot_case.inspect = [](Machine &machine) {
+        const std::uint8_t *const left = machine.board().memory.memory().from(0x23000000).data();
+        EXPECT_EQ(std::string(left, left + kApplication.size()), kApplication);
+        EXPECT_EQ(std::string(left + 0xFFFF00 + 25, left + 0x1000000), std::string(231, '\xA5'));
+    };
+    boot(volume, kSameVersion, Verdict::launched, boot_case);
+}
+
+TEST_P(Banks, AreNotLaunchedWhereTheFlushIsLeftOut) {
+    TemporaryDirectory volume;
+    Bank{}.write(volume, "app");
+    BootCase boot_case;
+    boot_case.processor = GetParam();
+    boot_case.volume = volume.path();
+    boot_case.most_resets = 2;
+    boot_case.prepare = [](Machine &machine) { machine.board().cache.ignores_flushes = true; };
+    EXPECT_EQ(RunBoot(boot_case).report.verdict, Verdict::reset_loop);
+}
+
+} // namespace
+
+} // namespace fixture

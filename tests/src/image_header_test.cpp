@@ -1,0 +1,191 @@
+// File sums, stored images and versions: the checks behind every launch and every write to raw flash.
+#include "harness/noise.h"
+#include "tests/processors.h"
+
+#include <cstring>
+#include <fmt/format.h>
+#include <optional>
+
+namespace fixture {
+
+namespace {
+
+constexpr std::uint32_t kLoadBuffer = 0x23000000;
+constexpr std::uint32_t kRescueSlot = 0x404000; // of the DataFlash, as are the following
+constexpr std::uint32_t kBootSlot = 0x8000;
+constexpr std::uint32_t kVersionRecord = 0x7F00;
+
+struct Header {
+    char maker[20];
+    std::uint32_t size, sum1, sum2;
+};
+
+// Made the slow way, from the format's description.
+std::string StoredImage(const std::string &body, std::optional<std::uint32_t> size = {}) {
+    const auto whole = static_cast<std::uint32_t>(sizeof(Header) + body.size());
+    Header header{"Orvalis Luminations", size.value_or(whole), 0x01234567, 0x89ABCDEF};
+    for (const char c : body) {
+        header.sum1 += static_cast<std::uint8_t>(c);
+        header.sum2 += header.sum1;
+    }
+    return std::string(reinterpret_cast<const char *>(&header), sizeof header) + body;
+}
+
+std::string NoiseText(std::size_t length) {
+    const Bytes bytes = Noise(length);
+    return {bytes.begin(), bytes.end()};
+}
+
+class Images : public testing::TestWithParam<Processor> {
+protected:
+    int ram_checksums(const std::string &image) {
+        return static_cast<int>(started_.call("Validate_RamChecksums", started_.scratch_text(image)));
+    }
+    void put(std::uint32_t address, const std::string &bytes) {
+        const auto *const data = reinterpret_cast<const std::uint8_t *>(bytes.data());
+        chips_.dataflash.write(address, {data, bytes.size()});
+    }
+    int call(const char *routine, std::uint32_t a0, std::uint32_t a1 = 0) {
+        return static_cast<int>(started_.call(routine, a0, a1));
+    }
+
+    void SetUp() override { call("SDFlash_Init", 0); }
+
+    TemporaryDirectory volume_;
+    Chips chips_;
+    StartedBoard started_{GetParam(), chips_, volume_.path()};
+};
+BOTH_PROCESSORS(Images);
+
+TEST_P(Images, HaveSumsOverTheBodyAlone) {
+    for (const std::size_t length : {0, 1, 7, 8, 9, 15, 16, 17, 1000}) {
+        std::string image = StoredImage(NoiseText(length));
+        EXPECT_EQ(ram_checksums(image), 0) << length;
+        image[3] ^= 1;
+        EXPECT_EQ(ram_checksums(image), 0) << "another maker";
+        for (const std::size_t at : {std::size_t{24}, std::size_t{31}, image.size() - 1}) {
+            std::string changed = image;
+            changed[at] ^= 0x10;
+            EXPECT_EQ(ram_checksums(changed), -1) << length << " changed at " << at;
+        }
+    }
+    const auto reference = [&](const char *name) { return static_cast<const char *>(started_.object(name)); };
+    EXPECT_EQ(ram_checksums({reference("TestApplicationData"), 48}), 0);
+    EXPECT_EQ(ram_checksums({reference("TestBootData"), 41}), 0);
+}
+
+TEST_P(Images, AreTakenUpToTheLargestSizeAlone) {
+    for (const std::uint32_t size : {0u, 31u, 32u, 0x1000001u, 0xFFFFFFE0u, 0xFFFFFFFFu}) {
+        const int result = size == 32 ? 0 : -1;
+        const std::string image = StoredImage("", size);
+        EXPECT_EQ(ram_checksums(image), result) << size;
+        put(kRescueSlot, image);
+        EXPECT_EQ(call("Validate_SDFlashImage", kRescueSlot), result) << size;
+        EXPECT_EQ(started_.console(), "") << size;
+    }
+    // What was read is less than what the size field claims, though it may lie in memory from before.
+    const std::uint32_t image = started_.scratch_text(StoredImage("left over"));
+    EXPECT_EQ(call("Validate_LoadedImage", image, 40), -1);
+    EXPECT_EQ(call("Validate_LoadedImage", image, 41), 0);
+    std::string largest = StoredImage(std::string(0x1000000 - sizeof(Header), '\0'));
+    for (const int result : {0, -1}) {
+        std::memcpy(started_.at(kLoadBuffer), largest.data(), largest.size());
+        EXPECT_EQ(call("Validate_RamChecksums", kLoadBuffer), result);
+        largest.back() = 1;
+    }
+}
+
+TEST_P(Images, InSlotsAreCheckedByHeaderAndWhole) {
+    const std::string good = StoredImage("body");
+    std::string unterminated = good, other_case = good, broken = good;
+    unterminated[19] = 's';
+    other_case[0] = 'o';
+    broken.back() ^= 1;
+    const struct {
+        std::string content;
+        int header, whole;
+    } rows[] = {
+        {StoredImage(NoiseText(3000)), 0, 0},
+        {broken, 0, -1},
+        {unterminated, -1, 0},
+        {other_case, -1, 0},
+        {std::string(64, '\xFF'), -1, -1},
+        {std::string(64, '\0'), -1, -1},
+    };
+    for (const auto &row : rows) {
+        put(kBootSlot, row.content);
+        std::memset(started_.at(kLoadBuffer), 0x5A, 4096);
+        EXPECT_EQ(call("Validate_SDFlashHeader", kBootSlot), row.header);
+        EXPECT_EQ(started_.console(),
+                  fmt::format("\t{} header at address 0x00008000\n", row.header ? "Invalid" : "Valid"));
+        EXPECT_EQ(*started_.at(kLoadBuffer), 0x5A) << "a header check leaves the load buffer alone";
+        EXPECT_EQ(call("Validate_SDFlashImage", kBootSlot), row.whole);
+        EXPECT_EQ(call("Validate_SDFlashInvalidateImage", kBootSlot), 0);
+        std::string after = row.content;
+        if (row.header == 0) std::memset(after.data(), 0, sizeof(Header)); // it is retired
+        const auto kept = chips_.dataflash.read(kBootSlot, static_cast<std::uint32_t>(after.size()));
+        EXPECT_EQ(std::string(kept.begin(), kept.end()), after);
+        EXPECT_EQ(started_.console(), "");
+    }
+    EXPECT_EQ(call("Validate_SDFlashHeader", 0x0FFFFFF0), -1);
+    EXPECT_EQ(started_.console(), "\tAT91SAM926X_ReadDataflash : Failed with Error=1\n\tSDFlash read header failed\n");
+}
+
+TEST_P(Images, FilesAreSummedInEveryLength) {
+    const auto check = [&](const std::string &bytes, std::uint32_t off_by, std::uint32_t size) {
+        volume_.write("f", bytes);
+        std::uint32_t sum = off_by;
+        for (const char c : bytes) sum += static_cast<std::uint8_t>(c);
+        return static_cast<int>(started_.call("Validate_File", started_.scratch_text("i:/vol0/f"), sum, size));
+    };
+    for (const std::size_t length : {0, 1, 3, 4, 15, 16, 17, 31, 511, 512, 513, 1040, 100'003}) {
+        const auto size = static_cast<std::uint32_t>(length);
+        EXPECT_EQ(check(NoiseText(length), 0, size), 0) << length;
+        EXPECT_EQ(std::memcmp(started_.at(kLoadBuffer), NoiseText(length).data(), length), 0) << length;
+        EXPECT_EQ(check(std::string(length, '\xFF'), 0, size), 0) << length;
+        EXPECT_EQ(check(std::string(length, '\xFF'), 0x10000, size), -1) << length;
+        EXPECT_EQ(started_.console(), "");
+        EXPECT_EQ(check(NoiseText(length), 0, size + 1), -1);
+        EXPECT_EQ(started_.console(), fmt::format("filesize check {} != {}\n", length + 1, length));
+    }
+    EXPECT_EQ(started_.call("Validate_File", started_.scratch_text("i:/vol0/none"), 0, 0), 0xFFFFFFFFu);
+    EXPECT_EQ(started_.console(), "");
+}
+
+TEST_P(Images, AreNewWhereTheirVersionTextDiffers) {
+    const struct {
+        std::string stored, in_bank;
+        bool is_new;
+    } rows[] = {
+        {std::string(16, '\xFF'), "1.0", true},
+        {"1.0", "1.0", false},
+        {"1.0.1", "1.0", true},
+        {"2.0", "1.0", true},
+        {"", "", false},
+        {"1234567890123456", "1234567890123456", false},
+        {"1234567890123456", "1234567890123457", true},
+        {"1234567890123456", "123456789012345", true},
+        {"Orvalis Luminati", "1.0", false}, // a bootloader lies where the record should be
+        {"Orvalis Luminat", "1.0", true},
+    };
+    const std::uint32_t record = started_.scratch(16);
+    const auto padded = [](std::string text) { return text.resize(16), text; };
+    for (const auto &row : rows) {
+        put(kVersionRecord, padded(row.stored));
+        call("Rescue_SetVersion", started_.scratch_text(row.in_bank));
+        EXPECT_EQ(call("Validate_IsNewRescueVersion", record, 0), row.is_new ? 0 : -1) << row.stored;
+        const std::string given(started_.at(record), started_.at(record) + 16);
+        EXPECT_TRUE(!row.is_new || given == padded(row.in_bank)) << row.stored << ' ' << given;
+
+        call("Boot_SetVersion", started_.scratch_text(row.in_bank));
+        EXPECT_EQ(call("Validate_IsNewBootVersion", 0), 0);
+        EXPECT_EQ(started_.console(),
+                  fmt::format("Current bootlaoder is: 1.9.0\nBank bootloader is: {}\n", row.in_bank));
+    }
+    call("Boot_SetVersion", started_.scratch_text("1.9.0"));
+    EXPECT_EQ(call("Validate_IsNewBootVersion", 0), -1);
+}
+
+} // namespace
+
+} // namespace fixture
