@@ -12,7 +12,7 @@ libgtest-dev libgmock-dev sigrok-cli spin
 "
 # Only what CI, `make lint` and `make fuzz` use beyond that.
 case "${1:-}" in
---lint) packages="$packages clang-format clang-tidy" ;;
+--lint) packages="$packages clang-format clang-tidy python3" ;;
 --fuzz) packages="$packages clang libclang-rt-14-dev" ;;
 esac
 

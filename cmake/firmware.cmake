@@ -6,7 +6,8 @@ add_compile_options(${ARM_FLAGS} $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions> $<$<
                     $<$<COMPILE_LANGUAGE:CXX>:-fno-threadsafe-statics> $<$<COMPILE_LANGUAGE:CXX>:-fno-use-cxa-atexit>)
 
 set(PLATFORM ${CMAKE_SOURCE_DIR}/platform/at91sam9263)
-file(GLOB PLATFORM_SOURCES CONFIGURE_DEPENDS ${PLATFORM}/*.cpp ${PLATFORM}/*.S ${CMAKE_SOURCE_DIR}/platform/common/*.cpp)
+file(GLOB PLATFORM_SOURCES CONFIGURE_DEPENDS ${PLATFORM}/*.cpp ${PLATFORM}/*.S
+     ${CMAKE_SOURCE_DIR}/platform/common/*.cpp)
 
 # Everything is kept, called or not, so that each routine can be reached by its symbol.
 function(link_image target map)

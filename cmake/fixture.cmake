@@ -36,8 +36,9 @@ add_bench_library(board fixture fmt::fmt PkgConfig::UNICORN)
 add_bench_library(formats formats fmt::fmt PNG::PNG PkgConfig::ELF gif)
 target_include_directories(formats PRIVATE ${MODULE_INCLUDES})
 
-# The modules, and with them the stand-ins that both platforms share, joined into one object whose kernel names are re-pointed to the host platform and whose data lie in
-# sections of their own, so that every start can begin with freshly loaded data.
+# The modules, and with them the stand-ins that both platforms share, joined into one object. Its kernel names are
+# re-pointed to the host platform; its data lie in sections of their own, so that every start can begin with freshly
+# loaded data.
 file(GLOB SHARED_PLATFORM_SOURCES CONFIGURE_DEPENDS platform/common/*.cpp)
 function(add_native_modules name record)
     add_library(${name}-objects OBJECT ${MODULE_SOURCES} ${SHARED_PLATFORM_SOURCES})
@@ -89,15 +90,13 @@ if(SANITIZE)
     endforeach()
 endif()
 
-find_package(GTest REQUIRED)
-if(NOT SANITIZE)
-    file(GLOB BENCH_SOURCES CONFIGURE_DEPENDS bench/*.cpp)
-    add_executable(fixture-bench EXCLUDE_FROM_ALL ${BENCH_SOURCES})
-    target_include_directories(fixture-bench PRIVATE ${MODULE_INCLUDES})
-    target_link_libraries(fixture-bench PRIVATE native-modules-fixed harness ${NATIVE_LINK})
-endif()
+file(GLOB BENCH_SOURCES CONFIGURE_DEPENDS bench/*.cpp)
+add_executable(fixture-bench EXCLUDE_FROM_ALL ${BENCH_SOURCES})
+target_include_directories(fixture-bench PRIVATE ${MODULE_INCLUDES})
+target_link_libraries(fixture-bench PRIVATE native-modules-fixed harness ${NATIVE_LINK})
 
 if(SANITIZE)
+    find_package(GTest REQUIRED)
     enable_testing()
     include(GoogleTest)
     file(GLOB TEST_SOURCES CONFIGURE_DEPENDS tests/*/*.cpp fuzz/*.cpp)

@@ -1,6 +1,6 @@
 // Whole files in, whole files out: what is written appears under its name complete or not at all.
 //
-//   const Bytes image = ReadFile("bootloader.bin", kLargestImage);
+//   const Bytes image = ReadFile("bootloader.bin", kLargestStoredImage);
 //   WriteFile("wrapped.bin", Wrap(image));
 //
 //   NewDirectory bank("out/app");              an empty directory beside the target

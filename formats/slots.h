@@ -2,9 +2,10 @@
 // medium. The first-stage loader and the tools read slots with these routines, which skip bad blocks exactly as the
 // bootloader's own driver does, so all of them see the same image.
 //
-//   const FlashReader read = ReaderOf(board_chips.nand);
+//   const FlashReader read = ReaderOf(chips.nand);
+//   Bytes image;
 //   if (const auto slot = ChooseBootloader(read, SlotsOf(Medium::nand)))
-//       start(ReadSlot(read, SlotsOf(Medium::nand).bootloader[*slot]).bytes);
+//       image = ReadSlot(read, SlotsOf(Medium::nand).bootloader[*slot]).bytes;
 #pragma once
 
 #include <array>

@@ -17,8 +17,8 @@ for committed in fuzz/corpus/*; do
     grown=build/fuzz/corpus/$name
     log=build/fuzz/$name.log
     mkdir -p "$grown"
-    if build/fuzz/$name-fuzz -timeout=20 -rss_limit_mb=2048 -len_control=0 -max_len=2048 -close_fd_mask=1 -artifact_prefix=build/fuzz/$name- "$@" \
-        "$grown" "$committed" 2>"$log"; then
+    if build/fuzz/$name-fuzz -timeout=20 -rss_limit_mb=2048 -len_control=0 -max_len=2048 -close_fd_mask=1 \
+        -artifact_prefix=build/fuzz/$name- "$@" "$grown" "$committed" 2>"$log"; then
         awk -v name="$name" '/cov: /{covered = $4; for (i = 1; i < NF; i++) if ($i == "corp:") corpus = $(i + 1)}
             /^Done/{printf "%-12s %10s %8s %8s %8s\n", name, $2, $5, covered, corpus}' "$log"
     else

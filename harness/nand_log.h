@@ -2,7 +2,7 @@
 //
 //   NandLog log(started.board().bus);
 //   started.call("NandFlash_if_Read", 0x40000, buffer, 2048);
-//   EXPECT_EQ(log.operations(), "r2.0-1 R2.0");
+//   log.operations() == "r2.0-1 R2.0";     two markers looked at, one page read
 #pragma once
 
 #include "fixture/core/bus.h"

@@ -2,7 +2,7 @@
 //
 //   NandContents contents;
 //   NandPins pins(contents);
-//   pins.talk("c90 a00 rEC");       "c90 a00 rEC": the identifier's first byte is as expected
+//   pins.talk("c90 a00 rEC");       gives "c90 a00 rEC" back: the identifier's first byte is as expected
 #pragma once
 
 #include "fixture/chip/nand_latches.h"

@@ -4,7 +4,7 @@
 //   started.call("NandFlash_if_Read", 0x40000, buffer, 2048);
 //
 //   BootResult boot = RunBoot({.processor = Processor::host, .volume = directory});
-//   EXPECT_EQ(boot.console, "...");
+//   boot.console.ends_with("Start application\n");
 //
 // The bootloader is the build with the fixed build record.
 #pragma once
@@ -29,7 +29,7 @@ public:
     // `prepare` sees the board before it starts.
     explicit StartedBoard(Processor processor, BoardOptions board = {},
                           const std::function<void(Board &)> &prepare = {});
-    // The same on chips that outlive the started, with files.
+    // The same on chips that outlive it, with files.
     StartedBoard(Processor processor, Chips &chips, const std::filesystem::path &volume, BoardOptions board = {},
                  const std::function<void(Board &)> &prepare = {});
 

@@ -1,8 +1,8 @@
 // One power-up of a board and all that follows from it: the first-stage stand-in starts a bootloader, the bootloader
 // resets the processor, the first stage starts what was left for it, and so on, until something ends the run.
 //
-//   Machine machine(chips, options);
-//   machine.board().pio('B')...              look at or prepare the board, plan faults
+//   Machine machine(chips, run_options);
+//   machine.board().two_wire_trouble.inject({LineFault::Line::scl, 37});     prepare the board, plan faults
 //   RunReport report = machine.run();
 //
 // A Machine is one power-up; a power cycle is a new Machine on the same chips.

@@ -1,8 +1,7 @@
 // The data bytes of a board's flash chips, as the formats and the first stage read and write them.
 //
-//   const FlashReader read = ReaderOf(chips.nand);
-//   if (const auto slot = ChooseBootloader(read, SlotsOf(Medium::nand)))
-//       Start(ReadSlot(read, SlotsOf(Medium::nand).bootloader[*slot]).bytes);
+//   const RawFlash flash = RawFlashOf(chips.nand);
+//   const FlashReport report = ExamineFlash(flash);     (formats/flash_report.h)
 #pragma once
 
 #include "fixture/parts/at45.h"

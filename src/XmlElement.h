@@ -3,7 +3,7 @@
 //   XmlElement root;
 //   XmlElement_SetupRoot(&root, "Root", 4);          the caller owns the root's record
 //   root.value = text; root.value_length = length;   heap text, which the root then owns
-//   XmlExtractor_Parse(&root);
+//   XmlExtractor_Parse(&root);                       (XmlExtractor.h)
 //   XmlElement_FindChildElement(&root, "MainApplication", 15, "Version", 7);
 //   XmlElement_Clean(&root);                         frees what hangs below the root, its name and its value
 //

@@ -5,13 +5,14 @@
 //
 //   nand-update/running-erased            the uncut run
 //   nand-update/running-erased:12t        torn in the middle of operation 12 ("b" before, "a" after)
-//   nand-update/running-erased:12t+3a~7   the boot after that is cut behind its operation 3
+//   nand-update/running-erased:12t+3a~7   the boot after that is cut after its operation 3
 //
 // Operations are counted from 0 in each power-up. After the cuts come up to four cold boots, and within them all has to
 // be as in the uncut run:
 //
 //   Sweeper sweeper(world, ProcessorKind::host, firmware);
-//   sweeper.judge(sweeper.cut(id), 1).outcome == Outcome::good
+//   const Chips left = sweeper.cut({{12, CutMoment::torn}}, 1);
+//   bool recovers = sweeper.judge(left, 1).outcome == Outcome::good;
 #pragma once
 
 #include "machine/machine.h"

@@ -2,7 +2,7 @@
 //
 //   ChipFiles chips;
 //   chips.add_options(*command);
-//   ForEachChip(chips, [](const RawFlash &flash) { ... });
+//   ForEachChip(chips, [](const RawFlash &flash) { ExamineFlash(flash); });
 #pragma once
 
 #include "fixture/parts/at45.h"

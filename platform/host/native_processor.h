@@ -4,7 +4,7 @@
 // that the modules call (open, printf, malloc, ...) are re-pointed to this platform when their objects are joined; the
 // C library's own stay what they are. A stage ends by an exception that passes through the modules' frames.
 //
-//   NativeProcessor processor({clock, bus, memory, volume, cache});
+//   NativeProcessor processor({clock, bus, volume, cache, master_clock_hz});
 //   StageResult end = processor.run({1, 9, "0"});        one stage, from power-on to its end
 //   processor.start({1, 9, "0"});                        the same up to the entry of main
 //   processor.call("SDFlash_Init", {}, result);          then: one routine by name

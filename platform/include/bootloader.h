@@ -3,11 +3,12 @@
 //
 // A start-up makes these calls in this order, with port B's clock on:
 //
-//   AT91SAM926X_InitializeLCD();              the LCD controller scans the video region
-//   dev_at91sam926x_twi_init();               two-wire bus released, parameter store read
-//   User_GetFlashDeviceRanges(&count);        from the flash layer, when it counts its devices and when it opens them
-//   readNetParameter(9, bytes, &length);      9 to 12: the network's settings
-//   main();                                   in the initial task, which ends with its result
+//   AT91SAM926X_InitializeLCD();                    the LCD controller scans the video region
+//   dev_at91sam926x_twi_init();                     two-wire bus released, parameter store read
+//   User_GetFlashDeviceRanges(&ranges);             from the flash layer, as it counts and as it opens its devices
+//   readNetParameter(9, bytes, &parameter_length);  9 to 12: the network's settings
+//
+// Then main is called in the initial task, which ends with its result.
 //
 // Every object here is constant-initialised, and no call but main needs a constructor to have run.
 #pragma once

@@ -1,8 +1,8 @@
 // Typed doors over <mmio.h>: 32-bit registers by access right, and the 8- and 16-bit doors of the NAND latches.
 //
-//   PIOB.CODR().write(0x20);                   one 32-bit store
-//   std::uint32_t levels = PIOB.PDSR().read(); one 32-bit load
-//   PIOB.CODR().read();                        does not compile: CODR is write-only
+//   PIOB.CODR().write(0x20);                    one 32-bit store
+//   std::uint32_t levels = PIOB.PDSR().read();  one 32-bit load
+//   PIOB.CODR().read();                         does not compile: CODR is write-only
 //
 // A door is an address with an access width and an access right that are part of its type: a write-only register has
 // no read(), a read-only one no write(), and nothing reads, modifies and writes in one step.

@@ -2,6 +2,8 @@
 #include "fuzz/targets.h"
 #include "harness/source_tree.h"
 
+#include <gtest/gtest.h>
+
 namespace fixture {
 
 namespace {

@@ -1,0 +1,63 @@
+// What the examples in headers take as given. Nothing here is defined anywhere: examples are compiled, never linked.
+#pragma once
+
+#include "formats/elf_image.h"
+#include "formats/stored_image.h"
+#include "harness/started_board.h"
+#include "machine/machine.h"
+#include "machine/raw_flash.h"
+#include "sweep/case.h"
+#include "src/StoredImage.h"
+#include "src/XmlExtractor.h"
+#include "src/main.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <memory_map.h>
+#include <ostream>
+
+namespace fixture::examples {
+
+extern Chips chips;
+extern Board board;
+extern const BoardOptions board_options;
+extern const RunOptions run_options;
+extern Clock clock;
+extern Journal journal;
+extern Bus bus;
+extern Memory memory;
+extern HandoverCache cache;
+extern PowerSupply supply;
+extern FileSystem &volume;
+extern Semihosting &semihosting;
+extern CacheObserver &lines;
+extern ArmProcessor processor;
+extern std::function<Picoseconds()> core_cycle;
+extern std::function<std::uint32_t()> master_clock_hz;
+extern StartedBoard started;
+extern std::span<std::uint8_t> cells;
+extern const SweepFirmware &firmware;
+extern const World &world;
+extern const FlashReader &read;
+extern CLI::App *command;
+extern std::ostream &stream;
+extern std::filesystem::path directory;
+extern Bytes manifest;
+
+// A pointer among the arguments of a routine is an address.
+extern std::uint32_t address, buffer, entry, main_address, routine, a0, a1, result;
+
+} // namespace fixture::examples
+
+// The bootloader's own names lie in no namespace.
+namespace examples {
+
+extern char *text;
+extern std::int32_t length;
+extern std::uint16_t parameter_length;
+extern std::uint8_t *buffer, *bytes;
+extern const std::uint8_t *image;
+extern std::int32_t size;
+extern int ranges;
+
+} // namespace examples
