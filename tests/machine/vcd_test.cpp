@@ -1,12 +1,11 @@
 // What a boot leaves to look at. Value change dumps: the format, and what an independent logic analyser makes of the
 // file from a boot. The text trace.
-#include "formats/file.h"
 #include "formats/parameter_store.h"
+#include "harness/logic_analyser.h"
 #include "harness/started_board.h"
 #include "machine/trace.h"
 #include "machine/vcd.h"
 
-#include <cstdlib>
 #include <fmt/format.h>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -79,17 +78,6 @@ TEST(Vcd, SignalLists) {
         EXPECT_THROW(VcdSignals(wrong), std::invalid_argument) << wrong;
 }
 
-// What sigrok-cli prints for a file: its decoders know nothing of us. A sample every 50 ns will do.
-std::string Decode(const std::filesystem::path &file, const std::string &decoders) {
-    const std::string text = file.string() + ".text";
-    EXPECT_EQ(std::system(fmt::format("sigrok-cli -i '{}' -I vcd:downsample=50 -P i2c:scl=SCL:sda=SDA{} >'{}' 2>&1",
-                                      file.string(), decoders, text)
-                              .c_str()),
-              0);
-    const Bytes bytes = ReadFile(text, 1 << 20);
-    return {bytes.begin(), bytes.end()};
-}
-
 TEST(Vcd, WholeBootAsAnotherProgramReadsIt) {
     const TemporaryDirectory directory;
     const std::filesystem::path file = directory.path() / "bus.vcd";
@@ -110,25 +98,15 @@ TEST(Vcd, WholeBootAsAnotherProgramReadsIt) {
     RunBoot(boot);
     // A chip of 256 bytes with one address byte, at either block's address.
     const auto transfers = [&](unsigned address) {
-        return Decode(file, fmt::format(",i2cfilter:address={},eeprom24xx:chip=generic -A eeprom24xx=ops", address));
+        return DecodeTwoWire(file,
+                             fmt::format(",i2cfilter:address={},eeprom24xx:chip=generic -A eeprom24xx=ops", address));
     };
     EXPECT_EQ(transfers(0x50),
               "eeprom24xx-1: Sequential random read (addr=00, 6 bytes): 00 01 00 0E FD 53\n"
               "eeprom24xx-1: Sequential random read (addr=00, 14 bytes): 00 01 00 0E FD 53 00 94 0A 00 00 02 FF FF\n");
     EXPECT_EQ(transfers(0x52), "eeprom24xx-1: Sequential random read (addr=00, 6 bytes): 00 01 00 0E FD 53\n"
                                "eeprom24xx-1: Page write (addr=00, 6 bytes): FF FF FF FF FF FF\n");
-    // What was written to and read from the user interface's address.
-    std::istringstream lines(Decode(file, " -A i2c=address-write:address-read:data-write:data-read"));
-    std::string text;
-    bool ours = false;
-    for (std::string line; std::getline(lines, line);) {
-        const std::string value = line.substr(line.rfind(' ') + 1);
-        const bool addresses = line.find("Address") != std::string::npos;
-        if (addresses) ours = value == "10";
-        if (!ours || value.size() != 2) continue;
-        text += !addresses ? value + " " : line.find("read") != std::string::npos ? "R " : "W ";
-    }
-    EXPECT_EQ(text, "W 01 FF R 00 00 00 W 05 FB W 63 9D R 00 00 00 W 62 01 9D W 60 64 3C ")
+    EXPECT_EQ(TwoWireTraffic(file, 0x10), "W 01 FF R 00 00 00 W 05 FB W 63 9D R 00 00 00 W 62 01 9D W 60 64 3C ")
         << "awake? start; on? switch on; level 100";
 }
 

@@ -274,26 +274,6 @@ TEST_P(NandDriver, WithoutAChipOrAGoodBlockReadsGiveErasedFlash) {
     EXPECT_EQ(raw.read(2000 * kBlock, 5), Bytes(5, 0xFF));
 }
 
-// What the emulated processor makes of what the bus and the chip dictate.
-TEST(NandSpeed, ComesNearTheWire) {
-    for (const char *part : {"K9F2G08U0M", "MT29F2G16AAB"}) {
-        Raw raw(Processor::arm, part);
-        ASSERT_EQ(raw.init(), 1);
-        raw.started.board().bus.observer = nullptr;
-        const Nand::Times times;
-        const Picoseconds page = (7 + kPage / (raw.nand.part()->wide ? 2 : 1)) * 5 * raw.started.board().bus.cycle;
-        const Picoseconds read = 512 * (page + times.read),
-                          write = read + 512 * (page + times.program) + 8 * times.erase;
-        const auto share = [&](const char *routine, Picoseconds limit) {
-            const Picoseconds start = raw.started.board().clock.now();
-            raw.call(routine, 0, raw.buffer, 512 * kPage);
-            return static_cast<double>(limit) / static_cast<double>(raw.started.board().clock.now() - start);
-        };
-        EXPECT_GE(share("NandFlash_if_Write", write), 0.90) << part;
-        EXPECT_GE(share("NandFlash_if_Read", read), 0.80) << part;
-    }
-}
-
 } // namespace
 
 } // namespace fixture

@@ -1,4 +1,4 @@
-#include "bench/speed.h"
+#include "harness/speed.h"
 
 namespace fixture {
 

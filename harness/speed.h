@@ -1,5 +1,6 @@
-// Speed of the raw flash drivers in virtual time, each figure beside its limit: what the controllers' own timing
-// registers and the chips' busy times leave possible.
+// Speed of the drivers on the emulated processor, in virtual time and in instructions. Both are exact: the same figures
+// on every machine and in every run. Each time stands beside its limit: what the controllers' own timing registers and
+// the chips' busy times leave possible.
 #pragma once
 
 #include "harness/started_board.h"
