@@ -14,7 +14,7 @@ namespace fixture {
 
 namespace {
 
-constexpr std::uint32_t kSdramEnd = kSdram + kSdramBytes; // behind it lies a page that nobody may touch
+constexpr std::uint32_t kSdramEnd = kSdram + kSdramBytes; // the page after it may not be touched
 
 void MarkBadBlocks(Shape &shape, NandContents &nand) {
     for (unsigned blocks = shape.pick({0u, 0u, 1u, 2u, 3u}); blocks > 0; blocks--) {
@@ -42,10 +42,10 @@ template <typename Contents> void FillSlots(Shape &shape, Contents &contents) {
     const SlotTable &slots = SlotsOf(flash.medium);
     for (const Slot &slot : {slots.bootloader[0], slots.bootloader[1], slots.rescue})
         if (!shape.one_in(3)) {
-            const bool behind_bad_blocks = shape.one_in(2);
+            const bool past_bad_blocks = shape.one_in(2);
             const Bytes image = MakeShortImage(shape);
             if (slot.address + image.size() > flash.bytes) continue;
-            if (behind_bad_blocks)
+            if (past_bad_blocks)
                 flash.write(slot.address, image);
             else
                 contents.write(slot.address, image);

@@ -56,7 +56,9 @@ def widths():
 
 # What is wrong, and what to write.
 SPELLINGS = [
-    (re.compile(r"(?<![\w.>\])])[\w.\->\[\]]*\w\+\+(?=\)|;)(?<!operator\+\+)|(?<=; )\w+--(?=\))"), "++i, --i"),
+    # As a step or a statement; where the old value is used, i++ is meant.
+    (re.compile(r"(?:^\s*|[;{)] |: |\bfor \(.*, )[A-Za-z_][\w.]*(?:->\w+|\[[^\]]*\])*(?:\+\+|--)(?=[;,)])"),
+     "++i, --i"),
     (re.compile(r"//\s*(?:kept|KEPT|Kept on purpose|Kept -)(?=\s*[:,-]|\s+(?:as|on)\b)"), "Kept: and the reason"),
     (re.compile(r"\bNULL\b"), "nullptr"),
     (re.compile(r"^\s*typedef\b"), "using"),

@@ -103,7 +103,7 @@ std::string Changed(std::string content) {
 }
 // The usual manifest with other digits from the application's size on.
 std::string Numbered(const std::string &digits) { return Bank{}.manifest.replace(2 * 282, digits.size(), digits); }
-// A manifest with these records of the application behind the bootloader's.
+// A manifest with these records of the application after the bootloader's.
 std::string Listing(const std::string &path, const std::string &more = "") {
     return kHeadings + kBootRecord + Application(path) + more;
 }
@@ -144,7 +144,7 @@ const struct {
     {"last line without its end", "", {.manifest = Listing("bin/demo.bin").substr(0, 4 * 282 - 2)}},
     {"line feeds alone", "", {.manifest = std::regex_replace(Listing("bin/demo.bin"), std::regex("\r\n"), "\n")}},
     {"the later record counts", kSameVersion, {.manifest = Listing("bin/demo2.bin", kDemoRecord)}},
-    {"leading zeros, text behind the digits", kSameVersion, {.manifest = Numbered("000000057999")}},
+    {"leading zeros, text after the digits", kSameVersion, {.manifest = Numbered("000000057999")}},
     {"separators before the path", kSameVersion, {.manifest = Listing(".\\.././/\\bin/demo.bin")}},
     {"path of backslashes", "", {.manifest = Listing("\\bin\\demo.bin")}},
     {"another directory", "", {.manifest = Listing("BIN/demo.bin")}},

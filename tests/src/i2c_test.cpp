@@ -64,7 +64,7 @@ const Conversation kConversations[] = {
     {"sub-address to read refused", "TWIReadSub1", 0x30, 0xAB, 1, "S 30+ AB-", 6, 1, {{At::sub_address}}},
     {"read address refused", "TWIReadSub1", 0x30, 0xAB, 1, "S 30+ AB+ Sr 31-", 5, 1, {{At::address, 1}}},
     {"data refused", "TWIWrite", 0x30, {}, 3, "S 30+ A1+ A2-", 7, 3, {{At::data, 1}}},
-    {"data behind sub-address refused", "TWIWriteSub1", 0x30, 0xAB, 1, "S 30+ AB+ A1-", 7, 1, {{At::data}}},
+    {"data after sub-address refused", "TWIWriteSub1", 0x30, 0xAB, 1, "S 30+ AB+ A1-", 7, 1, {{At::data}}},
 
     {"SCL held", "TWIWrite", 0x30, {}, 1, "", 3, 1, {}, {{Line::scl}}},
     {"SCL held at repeated start", "TWIReadSub1", 0x30, 0xAB, 1, "S 30+ AB+", 3, 1, {}, {{Line::scl, 19}}},

@@ -119,7 +119,7 @@ TEST_P(Lcd, SerialLineCarriesTwoTransfers) {
     EXPECT_THAT(started.board().panel.registers(), testing::ElementsAre(testing::Pair(0x1E, 0xDF)));
     std::string expected = "B.PER=E000 B.OER=E000 B.SODR=E000 ";
     for (const Panel::Transfer &t : transfers) {
-        // 1 us before the first bit, two halves of 1 us a bit, 10 us behind each byte, 10 us between the transfers.
+        // 1 us before the first bit, two halves of 1 us a bit, 10 us after each byte, 10 us between the transfers.
         EXPECT_GE(t.end - t.start, (1 + 3 * (16 + 10)) * kMicrosecond);
         expected += "B.CODR=8000 ";
         for (const unsigned byte : t.bytes)
@@ -218,7 +218,7 @@ TEST_P(Lcd, LinesOfAnyKind) {
 TEST_P(Lcd, DecoderAtItsLimits) {
     const struct {
         const char *name;
-        Pixels stream; // behind two longest runs; the last is one that must not be decoded
+        Pixels stream; // after two longest runs; the last is one that must not be decoded
         std::vector<std::pair<std::size_t, std::uint16_t>> stretches; // then paint
     } cases[] = {
         {"repeat at the end", {0x2BFF, 3, 0, 4}, {{11264, 3}}},

@@ -101,7 +101,7 @@ const Transfer kTransfers[] = {
     {"first piece fails", kRead, 0x0F0, 32, 0, 32, "S A0- Sr A0+ 00+ Sr A1+ *16 P", {{At::address}}},
     {"last piece fails", kRead, 0x0F0, 32, 5, 32, nullptr, {{At::address, 2}}},
     {"no byte comes", kRead, 0x0F0, 32, 2, 0, nullptr, {}, {{LineFault::Line::scl, 29, 150}}},
-    {"broken off, goes on behind", kRead, 0x000, 4, 0, 4, nullptr, {}, {{LineFault::Line::scl, 40, 150}}},
+    {"broken off, goes on after", kRead, 0x000, 4, 0, 4, nullptr, {}, {{LineFault::Line::scl, 40, 150}}},
 };
 
 // With the data bytes, which are EE, counted: "S A0+ 0C+ *2 P".
@@ -282,7 +282,7 @@ struct Request {
 };
 const Request kRequests[] = {
     {"generic read at a sub-address", 1, 0xD0, 0, 1, {}, 2, 0, {0, 1}}, // the header: word 1
-    {"generic read, no sub-address", 1, 0x50, 0, 0, {}, 2, 0, {0, 14}}, // goes on behind: length 14
+    {"generic read, no sub-address", 1, 0x50, 0, 0, {}, 2, 0, {0, 14}}, // goes on from there: length 14
     {"generic read, sub-address too long", 1, 0x50, 0, 4, {}, 2, 1},
     {"generic read of nobody", 1, 0x11, 0, 2, {}, 2, 5},
     {"raw read, no 16-bit address", 2, 0x10000, 0, 0, {}, 4, 1},

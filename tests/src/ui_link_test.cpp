@@ -27,7 +27,7 @@ const Exchange kExchanges[] = {
     {"reply of no byte", true, 0x01, 0, 0, "S 20+ 01+ FF+ P S 21+ 00- P", {}},
     // The controller has less to say: FF follow, the last one made into a checksum.
     {"longest reply", true, 0x01, 16, 0, nullptr, kLongestReply, {{At::reply, 16, 1, 0xFF ^ 13}}},
-    {"no checksum behind it", true, 0x01, 16, 1, nullptr},
+    {"no checksum after it", true, 0x01, 16, 1, nullptr},
     {"reply too long", true, 0x01, 17, 1, ""},
     {"bad reply", true, 0x63, 2, 1, "S 20+ 63+ 9D+ P S 21+ 00+ 01+ 00- P", {}, {{At::reply, 1, 1, 0x01}}},
     {"bad checksum", true, 0x63, 2, 1, "S 20+ 63+ 9D+ P S 21+ 00+ 00+ 80- P", {}, {{At::reply, 2, 1, 0x80}}},

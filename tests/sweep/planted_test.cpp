@@ -60,7 +60,7 @@ TEST_P(Planted, MistakeIsFound) {
 }
 INSTANTIATE_TEST_SUITE_P(, Planted, testing::ValuesIn(kPlants), [](const auto &plant) { return plant.param.name; });
 
-// The number behind these tests' names says how many mistakes there are.
+// The number after these tests' names says how many mistakes there are.
 class AllPlanted : public testing::TestWithParam<std::size_t> {};
 
 TEST_P(AllPlanted, CasesPassWithoutThem) {

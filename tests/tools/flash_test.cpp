@@ -43,7 +43,7 @@ TEST(FlashSlots, AnImageIsJudgedByMakerSizeAndSums) {
     }
 }
 
-// Blocks 3 and 4 of slot 0 (blocks 2 to 16) are bad: its image goes on behind them, and reading it does likewise.
+// Blocks 3 and 4 of slot 0 (blocks 2 to 16) are bad: its image goes on after them, and reading it does likewise.
 TEST(FlashSlots, ReadingSkipsBadBlocks) {
     NandContents nand;
     nand.make_factory_bad(3);
