@@ -18,8 +18,8 @@ std::int32_t Length(std::string_view text) { return static_cast<std::int32_t>(te
 
 class Xml : public testing::Test {
 protected:
-    Xml() { release_module_heap(); }
-    ~Xml() override { release_module_heap(); }
+    Xml() { ReleaseModuleHeap(); }
+    ~Xml() override { ReleaseModuleHeap(); }
 
     int parse(const std::string &text) {
         XmlElement_SetupRoot(&root_, nullptr, 0);
@@ -157,7 +157,7 @@ TEST_F(Xml, CleansChildrenOrElseSiblings) {
         {"<z/><a><b/></a><cc>333</cc>", kRecord + 2 + 3},
     };
     for (const auto &[text, kept] : rows) {
-        release_module_heap();
+        ReleaseModuleHeap();
         parse(text);
         EXPECT_EQ(XmlElement_Clean(&root_), 1);
         EXPECT_TRUE(heap_keeps(kept)) << text;
