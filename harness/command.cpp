@@ -10,12 +10,13 @@ namespace fixture {
 
 namespace {
 
-// Standard output goes to a file without a name, until text() or the end of this object.
+// Standard output goes to a file without a name, until text() or the end of this object. A file, not a pipe: nobody
+// reads while the subcommand runs, and a pipe would fill up.
 class CapturedOutput {
 public:
     CapturedOutput() : file_(std::tmpfile()) {
         if (!file_) throw std::runtime_error("no temporary file for standard output");
-        std::fflush(stdout);
+        std::fflush(stdout); // what was printed before is not the subcommand's
         saved_ = dup(STDOUT_FILENO);
         dup2(fileno(file_), STDOUT_FILENO);
     }
@@ -58,6 +59,7 @@ CommandResult RunCommand(void (*add)(CLI::App &, int &), std::vector<std::string
     CapturedOutput output;
     try {
         app.parse(arguments);
+        // As tools/main.cpp tells a bad input from a wrong call.
     } catch (const Refusal &refusal) {
         result = {1, "", refusal.what()};
     } catch (const std::exception &error) {

@@ -18,6 +18,7 @@ DataflashLog::DataflashLog(Board &board, unsigned address_bytes) : address_bytes
     board.bus.observer = [this](const BusAccess &access) {
         if (access.is_write && access.address == kTransmit) sent_.push_back(static_cast<std::uint8_t>(access.value));
     };
+    // PA5 selects the chip; a command ends as the line rises.
     board.net('A', 5).watch([this](bool high) {
         if (high) write_down();
     });

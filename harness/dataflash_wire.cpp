@@ -26,6 +26,7 @@ void DataflashWire::page_command(std::uint8_t opcode, std::uint32_t page, Picose
 }
 
 Bytes DataflashWire::array(std::uint32_t page, std::uint32_t offset, std::size_t length) {
+    // Opcode, address and don't-care bytes are eight in all before the first byte comes.
     return talk_to(0xE8, page, offset, Bytes(7 - part.address_bytes), length);
 }
 

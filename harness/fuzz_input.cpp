@@ -21,6 +21,7 @@ std::uint32_t Shape::below(std::uint32_t limit) {
 
 std::uint32_t Shape::word() { return below(65536) << 16 | below(65536); }
 
+// Bounds are where mistakes are: half of the numbers lie at a power of two or below 256.
 std::uint32_t Shape::number() {
     switch (below(4)) {
     case 0: return below(256);
@@ -69,6 +70,7 @@ ModuleBoard::ModuleBoard(Chips chips)
           board.eeprom.write_time = 50 * kMicrosecond; // every poll is simulated
       }) {}
 
+// Throws where the run itself did not: a violation is a finding, but must not hide the one that came first.
 ModuleBoard::~ModuleBoard() noexcept(false) {
     const std::vector<JournalEntry> &violations = started_.board().journal.violations();
     if (!violations.empty() && std::uncaught_exceptions() == 0)
@@ -87,6 +89,7 @@ const char *ModuleBoard::text(const char *routine) {
     return reinterpret_cast<const char *>(std::uintptr_t{started_.call(routine)});
 }
 
+// One for the whole process: a fuzzer makes a board for every input.
 const std::filesystem::path &ModuleBoard::volume() {
     static const TemporaryDirectory directory;
     return directory.path();

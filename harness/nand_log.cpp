@@ -58,6 +58,7 @@ void NandLog::add(const std::string &word) {
     if (!word.empty()) accesses_ += (accesses_.empty() ? "" : " ") + word;
 }
 
+// A page is 2,048 accesses: they count up in the word that the first of them opened.
 void NandLog::data(const BusAccess &access) {
     const unsigned before = std::exchange(count_, 0);
     if (before == 0) add(fmt::format("{}{}x", access.is_write ? 'w' : 'r', 8 * access.bytes));
@@ -73,6 +74,8 @@ void NandLog::command(std::uint32_t opcode) {
     cycles_.clear();
 }
 
+// Read and program address a column in two cycles and then a row in three, erase a row alone. Column 0 is the page's
+// data; the driver addresses nothing else but the spare bytes.
 void NandLog::operation(char on_data, char on_spare, std::size_t row_cycle) {
     const std::uint32_t *const cycle = cycles_.data() + row_cycle;
     const std::uint32_t row = cycle[0] | cycle[1] << 8 | cycle[2] << 16, page = row % kNandPagesPerBlock;

@@ -17,10 +17,12 @@ std::vector<SpeedRow> MeasurePart(const NandPart &part) {
     StartedBoard started(Processor::arm, chips, {});
     started.call("NandFlash_if_Init");
     const std::uint32_t cycle = started.board().bus.read(kCycleSettings, 4) & 0x7F;
+    // Commands, address and data all take the programmed cycle.
     const unsigned accesses = kCommandCycles + kNandPageBytes / (part.wide ? 2 : 1);
     const Picoseconds page = accesses * cycle * started.board().bus.cycle;
     const Nand::Times &chip = started.board().nand.times;
     const Picoseconds read = kPages * (page + chip.read);
+    // The driver reads every page back, so a write holds a read.
     const Picoseconds write = kPages * (page + chip.program) + kBlocks * chip.erase + read;
     return MeasureTransfers(started, fmt::format("NAND {}-bit", part.wide ? 16 : 8),
                             {" verified write", "NandFlash_if_Write", write}, {" read", "NandFlash_if_Read", read});

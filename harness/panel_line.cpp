@@ -4,6 +4,7 @@
 
 namespace fixture {
 
+// Lines first: a panel that comes up on low ones sees a reset and a selection.
 PanelLine::PanelLine() {
     for (Net::Driver *driver : {&drive_bit_, &drive_select_, &drive_reset_}) driver->set(Drive::high);
     panel = std::make_unique<Panel>(clock, journal, Panel::Line{data_, bit_, select_, reset_});

@@ -50,7 +50,7 @@ std::uint32_t StartedBoard::call_with(const char *routine, const std::vector<std
 
 std::uint32_t StartedBoard::scratch(std::size_t bytes) {
     const std::uint32_t address = next_scratch_;
-    next_scratch_ += (static_cast<std::uint32_t>(bytes) + 31u) & ~31u;
+    next_scratch_ += (static_cast<std::uint32_t>(bytes) + 31u) & ~31u; // whole cache lines: buffers do not share one
     return address;
 }
 
@@ -89,6 +89,7 @@ TemporaryDirectory::TemporaryDirectory() {
     path_ = name;
 }
 
+// Not removed: no reason for a test to fail, and no place to throw from.
 TemporaryDirectory::~TemporaryDirectory() {
     std::error_code error;
     std::filesystem::remove_all(path_, error);
