@@ -3,9 +3,8 @@
 // bootloader's own driver does, so all of them see the same image.
 //
 //   const FlashReader read = ReaderOf(chips.nand);
-//   Bytes image;
-//   if (const auto slot = ChooseBootloader(read, SlotsOf(Medium::nand)))
-//       image = ReadSlot(read, SlotsOf(Medium::nand).bootloader[*slot]).bytes;
+//   const std::optional<unsigned> slot = ChooseBootloader(read, SlotsOf(Medium::nand));
+//   StoredImage image = ReadSlot(read, SlotsOf(Medium::nand).bootloader[slot.value()]);
 #pragma once
 
 #include <array>

@@ -1,6 +1,7 @@
 // The data bytes of a board's flash chips, as the formats and the first stage read and write them.
 //
 //   const RawFlash flash = RawFlashOf(chips.nand);
+//   flash.write(0x40000, Bytes(100, 0x55));
 //   const FlashReport report = ExamineFlash(flash);     (formats/flash_report.h)
 #pragma once
 

@@ -7,8 +7,7 @@
 //   nand-update/running-erased:12t        torn in the middle of operation 12 ("b" before, "a" after)
 //   nand-update/running-erased:12t+3a~7   the boot after that is cut after its operation 3
 //
-// Operations are counted from 0 in each power-up. After the cuts come up to four cold boots, and within them all has to
-// be as in the uncut run:
+// Operations count from 0 in each power-up. Up to four cold boots follow the cuts; all must then be as in the uncut run:
 //
 //   Sweeper sweeper(world, ProcessorKind::host, firmware);
 //   const Chips left = sweeper.cut({{12, CutMoment::torn}}, 1);

@@ -8,8 +8,7 @@
 //   User_GetFlashDeviceRanges(&ranges);             from the flash layer, as it counts and as it opens its devices
 //   readNetParameter(9, bytes, &parameter_length);  9 to 12: the network's settings
 //
-// Then main is called in the initial task, which ends with its result.
-//
+// Then the initial task calls main, and ends with its result.
 // Every object here is constant-initialised, and no call but main needs a constructor to have run.
 #pragma once
 
