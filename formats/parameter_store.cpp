@@ -1,6 +1,7 @@
 #include "formats/parameter_store.h"
 
 #include <algorithm>
+#include <charconv>
 #include <fmt/format.h>
 #include <stdexcept>
 
@@ -132,6 +133,58 @@ StoreReport ReadStore(const EepromBytes &chip) {
     for (int sector = 0; sector < 2; ++sector) report.sectors[sector] = ReadSector(chip, sector);
     Choose(report);
     return report;
+}
+
+// Walks the records as the bootloader's lookups do, which the end marker does not stop.
+std::array<std::uint32_t, 4> NetworkOf(const EepromBytes &chip) {
+    std::array<std::uint32_t, 4> network{};
+    const StoreReport report = ReadStore(chip);
+    if (!report.current) return network;
+    const std::vector<std::uint8_t> image = Fetch(chip, *report.current, report.sectors[*report.current].length);
+    std::array<bool, 4> found{};
+    for (std::size_t at = kHeaderSize; at + 2 <= image.size();) {
+        const unsigned tag = Get16(image, at);
+        const std::size_t data = at + 2;
+        at = data + (tag & 0xF);
+        if (tag >> 4 == kSearchEnd || at > image.size()) break;
+        for (std::size_t n = 0; n < network.size(); ++n) {
+            if (tag >> 4 != kNetworkParameters[n].identifier || found[n]) continue;
+            found[n] = true;
+            if (at - data == 4) network[n] = Get16(image, data) << 16 | Get16(image, data + 2);
+        }
+    }
+    return network;
+}
+
+const char *NameOfParameter(unsigned identifier) {
+    for (const NetworkParameter &parameter : kNetworkParameters)
+        if (parameter.identifier == identifier) return parameter.name;
+    return "";
+}
+
+std::optional<unsigned> FindParameter(std::string_view name) {
+    for (const NetworkParameter &parameter : kNetworkParameters)
+        if (parameter.name == name) return parameter.identifier;
+    return std::nullopt;
+}
+
+std::string AddressText(std::uint32_t address) {
+    return fmt::format("{}.{}.{}.{}", address >> 24, address >> 16 & 0xFF, address >> 8 & 0xFF, address & 0xFF);
+}
+
+std::optional<std::uint32_t> ParseAddress(std::string_view text) {
+    std::uint32_t address = 0;
+    for (int n = 0; n < 4; ++n) {
+        unsigned number = 0;
+        const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+        if (error != std::errc() || number > 0xFF) return std::nullopt;
+        address = address << 8 | number;
+        text.remove_prefix(static_cast<std::size_t>(end - text.data()));
+        if (n == 3) break;
+        if (!text.starts_with('.')) return std::nullopt;
+        text.remove_prefix(1);
+    }
+    return text.empty() ? std::optional(address) : std::nullopt;
 }
 
 std::vector<std::uint8_t> MakeStoreImage(unsigned word, const std::vector<StoredParameter> &parameters) {

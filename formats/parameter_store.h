@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace fixture {
@@ -40,12 +41,31 @@ struct StoreReport {
     std::string why;
 };
 
+// The parameters that the board's start-up reads, and what it takes them for: 4 bytes each, an address with its first
+// number in the first byte.
+struct NetworkParameter {
+    unsigned identifier;
+    const char *name;
+};
+inline constexpr std::array<NetworkParameter, 4> kNetworkParameters = {
+    {{9, "address"}, {10, "mask"}, {11, "gateway"}, {12, "name-server"}}};
+const char *NameOfParameter(unsigned identifier); // empty: it has none
+std::optional<unsigned> FindParameter(std::string_view name);
+
 inline constexpr unsigned kLongestImage = 1000;
 inline constexpr unsigned kLongestSafeImage = 256;
 
 using EepromBytes = std::array<std::uint8_t, 2048>; // a 24LC16
 
 StoreReport ReadStore(const EepromBytes &chip);
+
+// The network settings that the board starts with, in the order of kNetworkParameters. One that is not found, or has
+// another length, is 0.
+std::array<std::uint32_t, 4> NetworkOf(const EepromBytes &chip);
+
+// "10.0.0.5", and back; nothing for a text that is no such address.
+std::string AddressText(std::uint32_t address);
+std::optional<std::uint32_t> ParseAddress(std::string_view text);
 
 // An image with its checksum. Throws std::invalid_argument for what no image can hold.
 std::vector<std::uint8_t> MakeStoreImage(unsigned word, const std::vector<StoredParameter> &parameters);

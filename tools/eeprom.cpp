@@ -31,6 +31,20 @@ std::string Hex(const std::vector<std::uint8_t> &bytes) {
     return text;
 }
 
+// A network parameter as people write it; empty for what is none.
+std::string Address(const StoredParameter &parameter) {
+    if (!*NameOfParameter(parameter.identifier) || parameter.data.size() != 4) return "";
+    std::uint32_t address = 0;
+    for (const std::uint8_t byte : parameter.data) address = address << 8 | byte;
+    return AddressText(address);
+}
+
+// What stands after the bytes: "  (gateway 10.0.0.1)".
+std::string Meaning(const StoredParameter &parameter) {
+    const std::string address = Address(parameter);
+    return address.empty() ? "" : fmt::format("  ({} {})", NameOfParameter(parameter.identifier), address);
+}
+
 const char *StateOf(const StoreSector &sector) { return sector.empty() ? "empty" : sector.good ? "good" : "bad"; }
 
 nlohmann::ordered_json ToJson(const StoreSector &sector) {
@@ -42,8 +56,12 @@ nlohmann::ordered_json ToJson(const StoreSector &sector) {
     if (!sector.empty() && !sector.problem.empty()) json["problem"] = sector.problem;
     if (!sector.warning.empty()) json["warning"] = sector.warning;
     json["parameters"] = nlohmann::ordered_json::array();
-    for (const StoredParameter &parameter : sector.parameters)
-        json["parameters"].push_back({{"id", parameter.identifier}, {"hex", Hex(parameter.data)}});
+    for (const StoredParameter &parameter : sector.parameters) {
+        nlohmann::ordered_json entry = {{"id", parameter.identifier}, {"hex", Hex(parameter.data)}};
+        if (*NameOfParameter(parameter.identifier)) entry["name"] = NameOfParameter(parameter.identifier);
+        if (const std::string address = Address(parameter); !address.empty()) entry["address"] = address;
+        json["parameters"].push_back(entry);
+    }
     return json;
 }
 
@@ -61,7 +79,7 @@ void Print(int number, const StoreSector &sector) {
     fmt::print("\n  word 0x{:04X}, length {}, checksum 0x{:04X}\n", sector.word, sector.length, sector.checksum);
     if (!sector.warning.empty()) fmt::print("  warning: {}\n", sector.warning);
     for (const StoredParameter &parameter : sector.parameters)
-        fmt::print("  {:4} = {}\n", parameter.identifier, Hex(parameter.data));
+        fmt::print("  {:4} = {}{}\n", parameter.identifier, Hex(parameter.data), Meaning(parameter));
 }
 
 EepromContents ReadChip(const std::string &file) {
@@ -89,17 +107,33 @@ std::optional<unsigned> ParseNumber(std::string_view text, int base) {
     return value;
 }
 
-// "9=C0A80001", "0x123=" (no data).
+// "address=10.0.0.5"; nothing for a setting that begins with no name.
+std::optional<StoredParameter> ParseNamed(std::string_view name, std::string_view value) {
+    const std::optional<unsigned> identifier = FindParameter(name);
+    if (!identifier) return std::nullopt;
+    const std::optional<std::uint32_t> address = ParseAddress(value);
+    if (!address)
+        throw std::runtime_error(
+            fmt::format("'{}={}': four numbers from 0 to 255 expected after '=', as in 10.0.0.5", name, value));
+    StoredParameter parameter{*identifier, {}};
+    for (int shift = 24; shift >= 0; shift -= 8) parameter.data.push_back(static_cast<std::uint8_t>(*address >> shift));
+    return parameter;
+}
+
+// "address=10.0.0.5", "9=C0A80001", "0x123=" (no data).
 StoredParameter ParseSetting(const std::string &text) {
     const auto refuse = [&text](const char *expected) -> std::runtime_error {
         return std::runtime_error(fmt::format("'{}': {}", text, expected));
     };
     const std::size_t equals = text.find('=');
-    if (equals == std::string::npos) throw refuse("ID=HEX expected");
+    if (equals == std::string::npos) throw refuse("ID=HEX or NAME=ADDRESS expected");
     const std::string id = text.substr(0, equals);
+    if (const std::optional<StoredParameter> named = ParseNamed(id, std::string_view(text).substr(equals + 1)))
+        return *named;
     const bool hex = id.starts_with("0x");
     const std::optional<unsigned> identifier = ParseNumber(std::string_view(id).substr(hex ? 2 : 0), hex ? 16 : 10);
-    if (!identifier || *identifier > 0xFFE) throw refuse("an identifier from 0 to 4094 expected before '='");
+    if (!identifier || *identifier > 0xFFE)
+        throw refuse("an identifier from 0 to 4094, or address, mask, gateway or name-server, expected before '='");
     StoredParameter parameter{*identifier, {}};
     const std::string digits = text.substr(equals + 1);
     if (digits.size() % 2 != 0 || digits.size() > 30)
@@ -137,7 +171,10 @@ void AddEepromCommand(CLI::App &app, int &exit_status) {
     show->callback([call, &exit_status] { exit_status = Show(*call); });
     CLI::App *set = eeprom->add_subcommand("set", "Set parameters as a commit would; makes the file and the store");
     set->add_option("FILE", call->file, "contents of the chip, 2048 bytes")->required();
-    set->add_option("SETTING", call->settings, "ID=HEX: identifier, up to 15 bytes")->required();
+    set->add_option("SETTING", call->settings,
+                    "ID=HEX: identifier, up to 15 bytes; or NAME=ADDRESS: address, mask, gateway or name-server, as in "
+                    "address=10.0.0.5")
+        ->required();
     set->callback([call, &exit_status] { exit_status = Set(*call); });
 }
 

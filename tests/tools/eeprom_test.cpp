@@ -38,15 +38,15 @@ TEST_F(EepromTool, MakesAndUpdatesAStore) {
     fresh.resize(2048, 0xFF);
     EXPECT_EQ(ReadFile(file, 4096), fresh);
 
-    EXPECT_EQ(set({"10=FFFF0000", "11=0A000001"}).exit_status, 0);
+    EXPECT_EQ(set({"mask=255.255.0.0", "11=0A000001"}).exit_status, 0);
     EXPECT_EQ(show().output, "sector 0 at 0x000: empty\n"
                              "  word 0xFFFF, length 65535, checksum 0xFFFF\n"
                              "sector 1 at 0x200: good\n"
                              "  word 0x0001, length 28, checksum 0xF9C3\n"
-                             "     9 = 0A000002\n"
+                             "     9 = 0A000002  (address 10.0.0.2)\n"
                              "    18 = \n"
-                             "    10 = FFFF0000\n"
-                             "    11 = 0A000001\n"
+                             "    10 = FFFF0000  (mask 255.255.0.0)\n"
+                             "    11 = 0A000001  (gateway 10.0.0.1)\n"
                              "current: sector 1, since the other sector is empty\n");
 }
 
@@ -81,16 +81,21 @@ TEST_F(EepromTool, TellsWhichSectorIsCurrentAndWhy) {
     const auto json = nlohmann::json::parse(RunCommand(AddEepromCommand, {"eeprom", "show", file, "--json"}).output);
     EXPECT_EQ(json["current"], 0);
     EXPECT_EQ(json["sectors"][0]["state"], "good");
-    EXPECT_EQ(json["sectors"][0]["parameters"][0], nlohmann::json({{"id", 9}, {"hex", "01"}}));
+    EXPECT_EQ(json["sectors"][0]["parameters"][0], nlohmann::json({{"id", 9}, {"hex", "01"}, {"name", "address"}}));
     EXPECT_EQ(json["sectors"][1]["state"], "empty");
 }
 
 TEST_F(EepromTool, RefusesWhatCannotWork) {
     const std::pair<const char *, const char *> kWrongCalls[] = {
-        {"9", "ID=HEX"},           {"=00", "identifier"},
-        {"4095=00", "identifier"}, {"0xFFF=", "identifier"},
-        {"-1=00", "identifier"},   {"9=0", "two hex digits"},
-        {"9=0G", "hex digits"},    {"9=00112233445566778899AABBCCDDEEFF", "0 to 15 bytes"},
+        {"9", "ID=HEX"},
+        {"=00", "identifier"},
+        {"4095=00", "identifier"},
+        {"0xFFF=", "identifier"},
+        {"-1=00", "identifier"},
+        {"9=0", "two hex digits"},
+        {"gateway=10.0.0.256", "0 to 255"},
+        {"9=0G", "hex digits"},
+        {"9=00112233445566778899AABBCCDDEEFF", "0 to 15 bytes"},
     };
     for (const auto &[setting, text] : kWrongCalls) {
         const CommandResult result = set({"8=00", setting});
