@@ -54,7 +54,7 @@ RawFlash RawFlashOf(NandContents &contents) {
                    ReaderOf(contents),
                    {}};
     flash.write = [&contents](std::uint32_t address, std::span<const std::uint8_t> bytes) {
-        for (std::uint32_t block = address / kNandBlockBytes; !bytes.empty(); ++block) {
+        for (std::uint32_t block = address / kNandBlockBytes; !bytes.empty() && block < kNandBlocks; ++block) {
             if (contents.marked_bad(block)) continue;
             const auto part = bytes.first(std::min<std::size_t>(bytes.size(), kNandBlockBytes));
             contents.erase(block);

@@ -1,5 +1,7 @@
 #include "machine/volume.h"
 
+#include "formats/board_volume.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -13,31 +15,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::string_view kPrefix = "i:/vol0/";
 constexpr std::uint32_t kFailure = 0xFFFFFFFF;
 constexpr std::size_t kLongestText = 4096;
 constexpr std::uint32_t kConsole = 0x7FFFFFFF; // the handle of what is no file
 
-bool LiesWithin(const fs::path &path, const fs::path &directory) {
-    const auto [end, rest] = std::mismatch(directory.begin(), directory.end(), path.begin(), path.end());
-    return end == directory.end();
-}
-
 } // namespace
 
-std::optional<fs::path> Volume::find(std::string_view path) const {
-    if (directory_.empty() || !path.starts_with(kPrefix)) return std::nullopt;
-    std::error_code error;
-    const fs::path root = fs::canonical(directory_, error);
-    if (error) return std::nullopt;
-    const fs::path relative(path.substr(kPrefix.size()));
-    if (relative.is_absolute()) return std::nullopt;
-    for (const fs::path &part : relative)
-        if (part == "..") return std::nullopt;
-    const fs::path file = fs::canonical(root / relative, error);
-    if (error || !LiesWithin(file, root) || !fs::is_regular_file(file, error)) return std::nullopt;
-    return file;
-}
+std::optional<fs::path> Volume::find(std::string_view path) const { return FindOnVolume(directory_, path); }
 
 int Volume::open(std::string_view path, bool for_writing) {
     if (before_open) before_open();

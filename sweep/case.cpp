@@ -4,6 +4,7 @@
 #include "formats/parameter_store.h"
 #include "machine/first_stage.h"
 #include "sweep/chips_compare.h"
+#include "sweep/foretold.h"
 
 #include <algorithm>
 #include <array>
@@ -96,7 +97,8 @@ const char *NameOf(Outcome outcome) {
                                           "violation",
                                           "hang",
                                           "fault",
-                                          "resets without end"};
+                                          "resets without end",
+                                          "not as foretold"};
     return kNames[static_cast<std::size_t>(outcome)];
 }
 
@@ -109,6 +111,7 @@ struct Sweeper::PowerUp {
     std::array<std::uint32_t, 4> network{};
     std::uint64_t operations = 0;
     bool fired = false;
+    std::string difference; // from what was foretold
 };
 
 Sweeper::Sweeper(const World &world, ProcessorKind processor, const SweepFirmware &firmware)
@@ -185,7 +188,14 @@ Sweeper::PowerUp Sweeper::power_up(Chips &chips, unsigned number, const std::fun
     };
     if (prepare) prepare(supply);
     boots++;
+    const bool boots_uncut = !prepare && !(number == 0 && world_.commits);
+    std::optional<Foretold> foretold;
+    if (foretells && boots_uncut && Foretold::possible(world_)) foretold.emplace(world_, chips, firmware_.known);
     result.report = run(machine, number);
+    if (foretold) {
+        ++foretold_boots;
+        result.difference = foretold->compare(result.report, result.console, machine.board().memory.memory(), chips);
+    }
     result.operations = supply.operations();
     result.fired = supply.fired();
     if (result.report.verdict != Verdict::launched) return result;
@@ -193,6 +203,8 @@ Sweeper::PowerUp Sweeper::power_up(Chips &chips, unsigned number, const std::fun
     result.launched.assign(image.begin(), image.end());
     const void *network = machine.object("NetDevs");
     if (network) std::memcpy(result.network.data(), network, sizeof result.network);
+    if (foretold && result.difference.empty() && network && result.network != foretold->prediction().network)
+        result.difference = fmt::format("network {:08X} foretold", fmt::join(foretold->prediction().network, " "));
     return result;
 }
 
@@ -312,6 +324,9 @@ Sweeper::PowerUp Sweeper::boot_once(Chips &chips, unsigned number, Judgement &ju
     case Verdict::no_bootloader: judgement.outcome = Outcome::no_bootloader; break;
     default: break;
     }
+    if (last.difference.empty()) return last;
+    judgement.outcome = Outcome::not_foretold;
+    judgement.detail = last.difference;
     return last;
 }
 

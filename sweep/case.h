@@ -7,7 +7,8 @@
 //   nand-update/running-erased:12t        torn in the middle of operation 12 ("b" before, "a" after)
 //   nand-update/running-erased:12t+3a~7   the boot after that is cut after its operation 3
 //
-// Operations count from 0 in each power-up. Up to four cold boots follow the cuts; all must then be as in the uncut run:
+// Operations count from 0 in each power-up. Up to four cold boots follow the cuts; all must then be as in the uncut
+// run:
 //
 //   Sweeper sweeper(world, ProcessorKind::host, firmware);
 //   const Chips left = sweeper.cut({{12, CutMoment::torn}}, 1);
@@ -58,6 +59,7 @@ enum class Outcome : std::uint8_t {
     hang,
     fault,
     reset_loop,
+    not_foretold, // the prediction from the chips and files said something else
 };
 const char *NameOf(Outcome outcome);
 
@@ -116,6 +118,8 @@ public:
 
     std::uint64_t boots = 0; // power-ups made so far, of every kind
     bool remember = true;    // false: every case is booted, whatever was met before
+    bool foretells = false;  // true: every boot without a cut is foretold first, and compared (sweep/foretold.h)
+    std::uint64_t foretold_boots = 0; // how many were
 
 private:
     struct PowerUp;

@@ -61,6 +61,7 @@ void PrintSweep(const SweepPlan &plan, const SweepResult &result) {
     fmt::print("\n{} on {}, {:.0f} s, {:.0f} cold boots a second; {} cuts made again by cutting the power",
                plan.losses == 1 ? "one loss of power" : "two losses of power", ProcessorOf(plan), result.seconds,
                Rate(result.all, result.seconds), result.all.checked);
+    if (result.all.foretold) fmt::print("; {} boots as explain foretells them", result.all.foretold);
     if (result.all.compared) fmt::print("; {} cases the same on both processors", result.all.compared);
     fmt::print("\n");
 }
@@ -68,17 +69,11 @@ void PrintSweep(const SweepPlan &plan, const SweepResult &result) {
 std::string SweepJson(const SweepPlan &plan, const SweepResult &result) {
     using nlohmann::ordered_json;
     const auto row = [](const Tally &tally) {
-        ordered_json json{{"variants", tally.variants},
-                          {"operations", tally.operations},
-                          {"cuts", tally.cuts},
-                          {"cases", tally.cases},
-                          {"boots", tally.boots},
-                          {"checked", tally.checked},
-                          {"compared", tally.compared},
-                          {"outcomes", tally.outcomes},
-                          {"holes", tally.holes},
-                          {"found", tally.found},
-                          {"findings", ordered_json::array()}};
+        ordered_json json{
+            {"variants", tally.variants}, {"operations", tally.operations}, {"cuts", tally.cuts},
+            {"cases", tally.cases},       {"boots", tally.boots},           {"checked", tally.checked},
+            {"compared", tally.compared}, {"foretold", tally.foretold},     {"outcomes", tally.outcomes},
+            {"holes", tally.holes},       {"found", tally.found},           {"findings", ordered_json::array()}};
         for (const Finding &finding : tally.findings)
             json["findings"].push_back({{"id", finding.id},
                                         {"processor", finding.processor},

@@ -20,8 +20,8 @@ namespace fixture {
 using nlohmann::json;
 
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Finding, id, processor, outcome, detail)
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Tally, variants, operations, cuts, cases, boots, checked, compared, outcomes, holes,
-                                   found, findings)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Tally, variants, operations, cuts, cases, boots, checked, compared, foretold,
+                                   outcomes, holes, found, findings)
 
 namespace {
 
@@ -164,6 +164,7 @@ void Tally::add(const Tally &other) {
     boots += other.boots;
     checked += other.checked;
     compared += other.compared;
+    foretold += other.foretold;
     found += other.found;
     for (const auto &[outcome, count] : other.outcomes) outcomes[outcome] += count;
     for (const auto &[hole, what] : other.holes)

@@ -19,6 +19,7 @@ struct SweepPlan {
     unsigned jobs = 1;
     std::size_t sample = 0; // about so many cases of each scenario; 0: all there are
     std::uint64_t seed = 1;
+    bool foretells = false; // every boot without a cut is foretold as well, and compared
 };
 
 struct Finding {
@@ -37,6 +38,7 @@ struct Tally {
     std::uint64_t boots = 0;      // cold boots, every one counted
     std::uint64_t checked = 0;    // cuts that were made again by cutting the power, with the same chips left
     std::uint64_t compared = 0;   // cases with the same console text and chips on both processors
+    std::uint64_t foretold = 0;   // boots that went as PredictBoot said
     std::map<std::string, std::uint64_t> outcomes;
     std::map<std::string, std::map<std::string, std::uint64_t>> holes; // by name: what came of it, how often
     std::uint64_t found = 0;                                           // findings in all

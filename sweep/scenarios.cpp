@@ -281,15 +281,16 @@ std::vector<Variant> Holes() {
     return holes;
 }
 
-std::vector<Variant> Hostile() {
-    constexpr unsigned kBoards = 500;
+constexpr unsigned kHostileBoards = 500;
+
+} // namespace
+
+std::vector<Variant> HostileBoards(unsigned count) {
     std::vector<Variant> variants;
-    for (unsigned seed = 1; seed <= kBoards; seed++)
+    for (unsigned seed = 1; seed <= count; seed++)
         variants.push_back({fmt::format("{}", seed), {.hostile = seed}, {}, 2});
     return variants;
 }
-
-} // namespace
 
 bool HoleTakes(std::string_view hole, Outcome outcome) {
     static const struct {
@@ -334,7 +335,7 @@ std::vector<Scenario> AllScenarios(const SweepFirmware &firmware) {
         {"nand-rescue-edge", "rescue images that end at an edge on NAND", RescueEdges(nand)},
         {"dataflash-rescue-edge", "rescue images that end at an edge on DataFlash", RescueEdges(flash)},
         {"holes", "where the layout of the flash leaves a hole", Holes()},
-        {"hostile", "chips and files that nobody means well with", Hostile()},
+        {"hostile", "chips and files that nobody means well with", HostileBoards(kHostileBoards)},
     };
 }
 

@@ -36,6 +36,8 @@ struct Scenario {
 };
 
 std::vector<Scenario> AllScenarios(const SweepFirmware &firmware);
+// The variants of the scenario "hostile", by seeds from 1: as many as are wanted. All scenarios have 500 of them.
+std::vector<Variant> HostileBoards(unsigned count);
 // The scenarios whose names, or "scenario/variant", are given. Throws std::runtime_error for an unknown name.
 std::vector<Scenario> FindScenarios(const std::vector<std::string> &names, const SweepFirmware &firmware);
 // What a case starts from. Throws std::runtime_error where there is none of that name.

@@ -49,6 +49,8 @@ public:
           world_(MakeWorld(variant.setup, firmware)), seed_(HashOf(scenario.name + variant.label, plan.seed)) {
         if (plan.on_host) host_.emplace(world_, ProcessorKind::host, firmware);
         if (plan.on_arm) arm_.emplace(world_, ProcessorKind::arm, firmware);
+        for (std::optional<Sweeper> *sweeper : {&host_, &arm_})
+            if (*sweeper) (*sweeper)->foretells = plan.foretells;
     }
 
     Tally run() {
@@ -58,6 +60,7 @@ public:
             found(NameOf(id({})), "the sweep itself failed", error.what());
         }
         tally_.boots = boots();
+        tally_.foretold = (host_ ? host_->foretold_boots : 0) + (arm_ ? arm_->foretold_boots : 0);
         return tally_;
     }
 

@@ -16,7 +16,10 @@ namespace fixture {
 
 void AddBankCommand(CLI::App &app, int &exit_status);
 void AddBootCommand(CLI::App &app, int &exit_status);
+void AddDiffCommand(CLI::App &app, int &exit_status);
+void AddDoctorCommand(CLI::App &app, int &exit_status);
 void AddEepromCommand(CLI::App &app, int &exit_status);
+void AddExplainCommand(CLI::App &app, int &exit_status);
 void AddFlashCommand(CLI::App &app, int &exit_status);
 void AddImageCommand(CLI::App &app, int &exit_status);
 void AddSplashCommand(CLI::App &app, int &exit_status);

@@ -5,6 +5,7 @@
 
 #include "formats/stored_image.h"
 #include "tools/chip_files.h"
+#include "tools/flash_slot.h"
 
 #include <CLI/CLI.hpp>
 #include <filesystem>
@@ -162,6 +163,7 @@ void AddFlashCommand(CLI::App &app, int &exit_status) {
     call->chips.add_options(*info);
     info->add_flag("--json", call->json, "report as one JSON object");
     info->callback([call, &exit_status] { exit_status = ShowFlash(*call); });
+    AddFlashSlotCommands(*command, exit_status);
 }
 
 } // namespace fixture

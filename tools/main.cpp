@@ -36,8 +36,8 @@ int main(int argc, char **argv) {
     app.footer("Exit status: 0 good, 1 the thing examined is bad, 2 the call is wrong, 3 a run that ended badly.");
 
     int exit_status = 0;
-    for (const auto add : {AddBootCommand, AddBankCommand, AddEepromCommand, AddFlashCommand, AddImageCommand,
-                           AddSplashCommand, AddSweepCommand})
+    for (const auto add : {AddBootCommand, AddBankCommand, AddDiffCommand, AddDoctorCommand, AddEepromCommand,
+                           AddExplainCommand, AddFlashCommand, AddImageCommand, AddSplashCommand, AddSweepCommand})
         add(app, exit_status);
     try {
         const int parsed = Parse(app, argc, argv);

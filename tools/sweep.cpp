@@ -21,6 +21,8 @@ struct SweepCall {
     bool all = false;
     bool list = false;
     std::string processor = "host";
+    bool foretells = false;
+    unsigned boards = 0;
     unsigned losses = 1;
     unsigned jobs = std::max(1u, std::thread::hardware_concurrency());
     std::size_t sample = 0;
@@ -80,8 +82,11 @@ int Sweep(const SweepCall &call) {
         throw std::runtime_error("which scenarios? names of some, or --all; --list names them");
     SweepPlan plan;
     plan.scenarios = call.all ? AllScenarios(firmware) : FindScenarios(call.scenarios, firmware);
+    for (Scenario &scenario : plan.scenarios)
+        if (scenario.name == "hostile" && call.boards > 0) scenario.variants = HostileBoards(call.boards);
     plan.on_host = call.processor != "arm";
     plan.on_arm = call.processor != "host";
+    plan.foretells = call.foretells;
     plan.losses = call.losses;
     plan.jobs = call.jobs;
     plan.sample = call.sample;
@@ -106,6 +111,9 @@ void AddSweepCommand(CLI::App &app, int &exit_status) {
     command->add_option("--processor", call->processor, "what runs the bootloader; both: and compare them")
         ->check(CLI::IsMember({"arm", "host", "both"}))
         ->capture_default_str();
+    command->add_flag("--foretell", call->foretells, "compare every boot with what explain says of it");
+    command->add_option("--boards", call->boards, "so many boards in the scenario hostile [500]")
+        ->check(CLI::Range(1, 1'000'000));
     command->add_option("--losses", call->losses, "power losses a case: 2 cuts the boot after the first cut as well")
         ->check(CLI::Range(1, 2))
         ->capture_default_str();
@@ -114,7 +122,7 @@ void AddSweepCommand(CLI::App &app, int &exit_status) {
     command->add_option("--seed", call->seed, "decides how operations tear and what is sampled")->capture_default_str();
     command->add_flag("--json", call->json, "results as one JSON object");
     command->add_option("--report", call->report, "run the whole campaign and write its document to this file")
-        ->excludes("SCENARIO", "--list", "--processor", "--losses", "--json");
+        ->excludes("SCENARIO", "--list", "--processor", "--losses", "--foretell", "--boards", "--json");
     command->callback([call, &exit_status] { exit_status = Sweep(*call); });
 }
 

@@ -1,0 +1,34 @@
+#include "formats/board_volume.h"
+
+#include <algorithm>
+
+namespace fixture {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::string_view kPrefix = "i:/vol0/";
+
+bool LiesWithin(const fs::path &path, const fs::path &directory) {
+    const auto [end, rest] = std::mismatch(directory.begin(), directory.end(), path.begin(), path.end());
+    return end == directory.end();
+}
+
+} // namespace
+
+std::optional<fs::path> FindOnVolume(const fs::path &directory, std::string_view path) {
+    if (directory.empty() || !path.starts_with(kPrefix)) return std::nullopt;
+    std::error_code error;
+    const fs::path root = fs::canonical(directory, error);
+    if (error) return std::nullopt;
+    const fs::path relative(path.substr(kPrefix.size()));
+    if (relative.is_absolute()) return std::nullopt;
+    for (const fs::path &part : relative)
+        if (part == "..") return std::nullopt;
+    const fs::path file = fs::canonical(root / relative, error);
+    if (error || !LiesWithin(file, root) || !fs::is_regular_file(file, error)) return std::nullopt;
+    return file;
+}
+
+} // namespace fixture

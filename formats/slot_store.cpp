@@ -1,0 +1,73 @@
+#include "formats/slot_store.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+
+namespace fixture {
+
+namespace {
+
+constexpr std::uint32_t kReadBehind = 32; // a check reads so much after an image
+constexpr std::uint32_t kRecordBlock = 1;
+
+bool IsBad(const RawFlash &flash, std::uint32_t block) {
+    return std::find(flash.bad_blocks.begin(), flash.bad_blocks.end(), block) != flash.bad_blocks.end();
+}
+
+Refusal Refused(const RawFlash &flash, const char *place, const std::string &found, const std::string &expected) {
+    return Refusal(fmt::format("{} of the {}", place, flash.part), found, expected);
+}
+
+// A write there would go on into block 2, where bootloader 0 begins.
+void RefuseBadRecordBlock(const RawFlash &flash) {
+    if (flash.medium == Medium::nand && IsBad(flash, kRecordBlock))
+        throw Refused(flash, "version record", "block 1 is bad", "a good one: the next belongs to bootloader 0");
+}
+
+} // namespace
+
+std::array<Slot, 3> SlotsOn(const RawFlash &flash) {
+    const SlotTable &table = SlotsOf(flash.medium);
+    Slot rescue = table.rescue;
+    if (flash.medium == Medium::dataflash)
+        rescue.capacity = flash.bytes < rescue.address + kReadBehind ? 0 : flash.bytes - rescue.address - kReadBehind;
+    return {table.bootloader[0], table.bootloader[1], rescue};
+}
+
+void StoreInSlot(const RawFlash &flash, const Slot &slot, const Bytes &image) {
+    const std::uint32_t room = RoomIn(flash, slot);
+    if (image.size() > room)
+        throw Refused(flash, slot.name, fmt::format("{} bytes", image.size()),
+                      fmt::format("at most {}, what the chip leaves of the slot", room));
+    flash.write(slot.address, image);
+}
+
+void EraseSlot(const RawFlash &flash, const Slot &slot) {
+    const std::uint32_t end = std::min(flash.bytes, slot.address + slot.capacity);
+    if (slot.address >= end) return;
+    // A NAND write moves on after bad blocks, so it is told only as much as the good ones take.
+    std::uint32_t length = end - slot.address;
+    for (const std::uint32_t block : flash.bad_blocks)
+        if (block >= slot.address / flash.unit && block < end / flash.unit) length -= flash.unit;
+    flash.write(slot.address, Bytes(length, 0xFF));
+}
+
+void StoreRecord(const RawFlash &flash, const std::string &version) {
+    const Slot &slot = SlotsOf(flash.medium).record;
+    const bool begins_an_image = version == std::string_view(kMakerText).substr(0, slot.capacity);
+    if (version.empty() || version.size() > slot.capacity || begins_an_image)
+        throw Refused(flash, slot.name, fmt::format("\"{}\", {} characters", version, version.size()),
+                      fmt::format("1 to {}, and not the beginning of the maker text", slot.capacity));
+    RefuseBadRecordBlock(flash);
+    Bytes record(version.begin(), version.end());
+    record.resize(slot.capacity);
+    flash.write(slot.address, record);
+}
+
+void EraseRecord(const RawFlash &flash) {
+    RefuseBadRecordBlock(flash);
+    const Slot &slot = SlotsOf(flash.medium).record;
+    flash.write(slot.address, Bytes(slot.capacity, 0xFF));
+}
+
+} // namespace fixture

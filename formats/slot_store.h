@@ -1,0 +1,25 @@
+// Writing one slot of a chip, and nothing but it.
+//
+//   StoreInSlot(flash, SlotsOn(flash)[1], image);     bootloader 1; slot 0, the rescue image and the record stay
+//
+// Everything here throws Refusal, with nothing written, where what is asked for does not fit or would be lost.
+#pragma once
+
+#include "formats/flash_report.h"
+
+#include <array>
+#include <string>
+
+namespace fixture {
+
+// Bootloader 0, bootloader 1 and rescue, the last as long as this chip lets it be.
+std::array<Slot, 3> SlotsOn(const RawFlash &flash);
+
+void StoreInSlot(const RawFlash &flash, const Slot &slot, const Bytes &image);
+void EraseSlot(const RawFlash &flash, const Slot &slot);
+
+// The version of the stored rescue image: 1 to 16 characters.
+void StoreRecord(const RawFlash &flash, const std::string &version);
+void EraseRecord(const RawFlash &flash);
+
+} // namespace fixture

@@ -1,0 +1,193 @@
+// fixture doctor, diff and the slot commands of fixture flash. A diagnosis is tried on what every cut of an update
+// leaves.
+#include "formats/doctor.h"
+#include "formats/slot_store.h"
+#include "formats/stored_image.h"
+#include "harness/command.h"
+#include "harness/started_board.h"
+#include "machine/chip_store.h"
+#include "machine/raw_flash.h"
+#include "sweep/scenarios.h"
+#include "tools/commands.h"
+
+#include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
+
+namespace fixture {
+
+using nlohmann::json;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace {
+
+const SweepFirmware &Builds() {
+    static const SweepFirmware builds(FirmwareDirectory() / "fixed");
+    return builds;
+}
+
+std::vector<ReferenceImage> References(const World &world) {
+    return {{"old", FileRole::bootloader, world.before.bootloader, "1.9.0", ""},
+            {"new", FileRole::bootloader, world.after.bootloader, "1.9.1", ""}};
+}
+
+// The operations of an update on NAND: slot 1 is erased, its pages are programmed, then slot 0 is erased and its header
+// cleared. The page at which the diagnosis sees the cut is the one that was being programmed.
+TEST(Doctor, NamesThePageAtWhichAnUpdateWasCut) {
+    const World world = WorldOf({"nand-update", "running-broken", {}, 1}, Builds());
+    Sweeper sweeper(world, ProcessorKind::host, Builds());
+    const auto pages =
+        static_cast<std::uint32_t>((world.after.bootloader.size() + kNandPageBytes - 1) / kNandPageBytes);
+    ASSERT_EQ(sweeper.operations(), pages + 3u);
+    const auto some = [pages](const Cut &each) { return each.operation % 4 == 1 || each.operation + 1 >= pages; };
+    for (Snapshot &cut : sweeper.record(world.chips, 0, {}, 1, some)) {
+        SCOPED_TRACE(testing::Message() << cut.cut.operation << " " << static_cast<int>(cut.cut.moment));
+        const FlashDiagnosis found = DiagnoseFlash(RawFlashOf(cut.chips.nand), References(world));
+        const auto operation = static_cast<std::uint32_t>(cut.cut.operation);
+        const bool after = cut.cut.moment == CutMoment::after, torn = cut.cut.moment == CutMoment::torn;
+        if (operation == 0 || (operation == pages && torn)) continue; // before the update; a page whole or not
+        if (operation <= pages) {
+            const SlotDiagnosis &slot = found.slots[1];
+            if (operation == pages && after) {
+                EXPECT_EQ(slot.condition, SlotCondition::good);
+                EXPECT_THAT(found.history, ElementsAre(HasSubstr("both copies are good")));
+                continue;
+            }
+            const std::uint32_t page = operation - 1 + after;
+            if (page == 0) continue; // nothing of it is there yet
+            ASSERT_TRUE(slot.cut_page) << NameOf(slot.condition) << " " << slot.holds;
+            EXPECT_TRUE(slot.cut_page == page || (torn && slot.cut_page == page + 1)) << *slot.cut_page;
+            EXPECT_EQ(found.running, 0u);
+            EXPECT_THAT(found.history,
+                        ElementsAre(HasSubstr("update to new cut at page " + std::to_string(*slot.cut_page + 1))));
+        } else if (operation == pages + 2 && after) {
+            EXPECT_EQ(found.slots[0].condition, SlotCondition::retired) << found.slots[0].holds;
+        }
+        for (const Repair &repair : found.repairs) repair.apply(RawFlashOf(cut.chips.nand));
+        EXPECT_TRUE(DiagnoseFlash(RawFlashOf(cut.chips.nand), References(world)).healthy());
+    }
+}
+
+// After the first page, which the update shares with what lies before the slot, every odd operation erases one.
+TEST(Doctor, NamesThePageOfADataflash) {
+    const World world = WorldOf({"dataflash-update", "running-retired", {}, 1}, Builds());
+    Sweeper sweeper(world, ProcessorKind::host, Builds());
+    const auto erases = [](const Cut &cut) { return cut.moment == CutMoment::after && cut.operation % 16 == 1; };
+    for (Snapshot &cut : sweeper.record(world.chips, 0, {}, 1, erases)) {
+        const RawFlash flash = RawFlashOf(cut.chips.dataflash);
+        const FlashDiagnosis found = DiagnoseFlash(flash, References(world));
+        EXPECT_EQ(found.running, 0u);
+        EXPECT_EQ(found.slots[1].cut_page, (cut.cut.operation + 1) / 2) << found.slots[1].holds;
+        for (const Repair &repair : found.repairs) repair.apply(flash);
+        EXPECT_TRUE(DiagnoseFlash(flash, References(world)).healthy());
+    }
+}
+
+struct Repairs : testing::Test {
+    TemporaryDirectory directory;
+    std::string file(const std::string &name) const { return (directory.path() / name).string(); }
+    const Bytes known = Wrap(KnownFirmware(FirmwareDirectory()).all().front().flat);
+    const Bytes rescue = Wrap(Bytes(9000, 3));
+
+    // A board whose only bootloader has a bit that flipped, with a rescue image of version 1.0.
+    NandContents board(bool damaged) const {
+        NandContents nand;
+        StoreProvision(RawFlashOf(nand), {0, known, rescue, "1.0"});
+        if (!damaged) return nand;
+        const std::uint32_t row = 0x40000 / kNandPageBytes + 5;
+        NandContents::Page page = nand.page(row);
+        page[17] ^= 4;
+        nand.set_page(row, page);
+        return nand;
+    }
+};
+
+TEST_F(Repairs, ADamagedBitIsNamedAndMendedInACopy) {
+    SaveChip(board(true), file("bad.bin"));
+    const Bytes before = ReadFile(file("bad.bin"), 1u << 30);
+    const CommandResult result =
+        RunCommand(AddDoctorCommand, {"doctor", "--json", "--nand", file("bad.bin"), "--fix", file("good.bin")});
+    EXPECT_EQ(result.exit_status, 1);
+    const json slot = json::parse(result.output)["chips"][0]["slots"][0];
+    EXPECT_EQ(slot["condition"], "damaged");
+    EXPECT_EQ(slot["damages"][0]["page"], 5);
+    EXPECT_EQ(slot["damages"][0]["unit"], 2);
+    EXPECT_THAT(slot["damages"][0]["text"].get<std::string>(), HasSubstr("1 bit wrong, first in byte 0x11"));
+    EXPECT_EQ(ReadFile(file("bad.bin"), 1u << 30), before) << "the input stays";
+    SaveChip(board(false), file("right.bin"));
+    EXPECT_EQ(ReadFile(file("good.bin"), 1u << 30), ReadFile(file("right.bin"), 1u << 30));
+    EXPECT_EQ(RunCommand(AddDoctorCommand, {"doctor", "--nand", file("good.bin")}).exit_status, 0);
+    EXPECT_NE(
+        RunCommand(AddDoctorCommand, {"doctor", "--nand", file("bad.bin"), "--fix", file("good.bin")}).exit_status, 1)
+        << "an older file is never written over";
+}
+
+TEST_F(Repairs, ASectorThatACutCommitLeftIsCleared) {
+    EepromContents chip;
+    PlaceStoreImage(chip.bytes, 0, MakeStoreImage(1, {{9, {10, 0, 0, 5}}}));
+    Bytes half = MakeStoreImage(1, {{9, {10, 0, 0, 6}}});
+    half.resize(10);
+    PlaceStoreImage(chip.bytes, 1, half);
+    SaveChip(chip, file("eeprom.bin"));
+    const CommandResult result =
+        RunCommand(AddDoctorCommand, {"doctor", "--eeprom", file("eeprom.bin"), "--fix", file("fixed.bin")});
+    EXPECT_THAT(result.output, HasSubstr("a commit to sector 1 was cut; sector 0 is whole"));
+    EXPECT_EQ(RunCommand(AddDoctorCommand, {"doctor", "--eeprom", file("fixed.bin")}).exit_status, 0);
+    EXPECT_THAT(RunCommand(AddDiffCommand, {"diff", file("eeprom.bin"), file("fixed.bin")}).output,
+                HasSubstr("sector 1\n"));
+}
+
+TEST_F(Repairs, OneSlotIsWrittenAndTheOthersStay) {
+    SaveChip(board(false), file("a.bin"));
+    WriteFile(file("image"), known);
+    const auto flash = [&](std::vector<std::string> words) {
+        words.insert(words.begin(), "flash");
+        return RunCommand(AddFlashCommand, words);
+    };
+    const auto diff = [&](const char *other) {
+        json places = json::array();
+        const json found = json::parse(
+            RunCommand(AddDiffCommand, {"diff", "--json", "--as", "nand", file("a.bin"), file(other)}).output);
+        for (const json &difference : found["differences"]) places.push_back(difference["where"]);
+        return places;
+    };
+    ASSERT_EQ(flash({"write", "bootloader1", "--nand", file("a.bin"), "--image", file("image"), "--out", file("b.bin")})
+                  .exit_status,
+              0);
+    EXPECT_THAT(diff("b.bin"), ElementsAre("bootloader 1", "bootloader 1, pages"));
+    ASSERT_EQ(flash({"erase", "record", "--nand", file("a.bin"), "--out", file("c.bin")}).exit_status, 0);
+    EXPECT_THAT(diff("c.bin"), ElementsAre("version record", "before the slots, pages"));
+    ASSERT_EQ(flash({"erase", "bootloader1", "--nand", file("b.bin")}).exit_status, 0);
+    EXPECT_EQ(RunCommand(AddDiffCommand, {"diff", "--as", "nand", file("a.bin"), file("b.bin")}).exit_status, 0);
+    ASSERT_EQ(flash({"extract", "rescue", "--nand", file("a.bin"), "--out", file("rescue")}).exit_status, 0);
+    EXPECT_EQ(ReadFile(file("rescue"), 1u << 20), rescue);
+    EXPECT_EQ(flash({"extract", "bootloader1", "--nand", file("a.bin"), "--out", file("none")}).exit_status, 1);
+    EXPECT_FALSE(std::filesystem::exists(file("none")));
+}
+
+TEST_F(Repairs, AChipIsVerifiedAgainstABank) {
+    const std::vector<BankFile> files = {{FileRole::application, "application.bin", "2.0", Bytes(3000, 5)},
+                                         {FileRole::bootloader, "bootloader.bin", "1.9.0", known},
+                                         {FileRole::rescue, "rescue.bin", "1.1", rescue}};
+    directory.write(std::string("bank/") + kDescriptorName, MakeDescriptor(files));
+    directory.write(std::string("bank/") + kManifestName, MakeManifest(files));
+    for (const BankFile &each : files) directory.write("bank/" + each.path(), {each.bytes.begin(), each.bytes.end()});
+    SaveChip(board(false), file("a.bin"));
+    const auto verify = [&](const char *chip) {
+        return RunCommand(AddFlashCommand,
+                          {"flash", "verify", "--json", "--nand", file(chip), "--against", file("bank")});
+    };
+    const CommandResult result = verify("a.bin");
+    EXPECT_EQ(result.exit_status, 1);
+    const json problems = json::parse(result.output)["problems"];
+    ASSERT_EQ(problems.size(), 1u) << result.output;
+    EXPECT_EQ(problems[0]["where"], "version record");
+    ASSERT_EQ(RunCommand(AddFlashCommand, {"flash", "write", "record", "--nand", file("a.bin"), "--version", "1.1"})
+                  .exit_status,
+              0);
+    EXPECT_EQ(verify("a.bin").exit_status, 0);
+}
+
+} // namespace
+
+} // namespace fixture

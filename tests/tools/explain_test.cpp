@@ -1,0 +1,148 @@
+// fixture explain: what it says of boards whose fate is known. That it is right is shown by the sweeps, which compare
+// every boot with what was foretold of it (tests/sweep/sweep_test.cpp).
+#include "formats/bank.h"
+#include "formats/flash_report.h"
+#include "formats/stored_image.h"
+#include "harness/command.h"
+#include "harness/started_board.h"
+#include "machine/chip_store.h"
+#include "machine/raw_flash.h"
+#include "tools/commands.h"
+
+#include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
+
+namespace fixture {
+
+using nlohmann::json;
+using testing::HasSubstr;
+
+namespace {
+
+struct BankText {
+    const char *directory;
+    const char *image;   // which build the bank carries
+    const char *version; // and what its descriptor calls it
+    bool good_application = true;
+};
+
+struct Board {
+    const char *name;
+    const char *straps;
+    const char *running; // which build slot 0 holds; "other": an image that no build stands for; empty: none
+    std::vector<BankText> banks;
+    bool rescue;
+    int exit_status;
+    const char *reason;
+    const char *shown; // somewhere in the object
+};
+
+const KnownFirmware &Builds() {
+    static const KnownFirmware builds(FirmwareDirectory());
+    return builds;
+}
+
+Bytes ImageOf(const std::string &version) {
+    for (const Firmware &build : Builds().all())
+        if ("1.9." + build.version.build == version) return Wrap(build.flat);
+    return Wrap(Bytes(5000, 7));
+}
+
+class Explain : public testing::Test {
+protected:
+    TemporaryDirectory directory;
+
+    void write_bank(const BankText &bank) const {
+        std::vector<BankFile> files = {{FileRole::application, "application.bin", "2.0", Bytes(3000, 5)},
+                                       {FileRole::bootloader, "bootloader.bin", bank.version, ImageOf(bank.image)}};
+        const std::string at = std::string("volume/data/") + bank.directory + "/";
+        const auto write = [&](const std::string &name, const std::string &text) { directory.write(at + name, text); };
+        write(kDescriptorName, MakeDescriptor(files));
+        write(kManifestName, MakeManifest(files));
+        if (!bank.good_application) files[0].bytes[9] ^= 1;
+        for (const BankFile &file : files) write(file.path(), {file.bytes.begin(), file.bytes.end()});
+    }
+    CommandResult run(const Board &board) const {
+        std::filesystem::create_directories(directory.path() / "volume");
+        NandContents nand;
+        const RawFlash flash = RawFlashOf(nand);
+        if (*board.running) flash.write(0x40000, ImageOf(board.running));
+        if (board.rescue) flash.write(0x400000, Wrap(Bytes(900, 3)));
+        SaveChip(nand, directory.path() / "nand.bin");
+        for (const BankText &bank : board.banks) write_bank(bank);
+        return RunCommand(AddExplainCommand, {"explain", "--json", "--straps", board.straps, "--nand",
+                                              (directory.path() / "nand.bin").string(), "--volume",
+                                              (directory.path() / "volume").string()});
+    }
+};
+
+TEST_F(Explain, TellsWhatABoardWillDoAndWhy) {
+    const Board boards[] = {
+        {"an update",
+         "12-13",
+         "1.9.0",
+         {{"app", "1.9.1", "1.9.1"}},
+         false,
+         0,
+         "launches i:/vol0/data/app/bin/application.bin",
+         "stored in bootloader 1, bootloader 0 is retired, and the board resets"},
+        {"the second bank",
+         "14-18",
+         "1.9.1",
+         {{"app", "1.9.1", "1.9.1", false}, {"oldapp", "1.9.1", "1.9.1"}},
+         true,
+         0,
+         "launches i:/vol0/data/oldapp/bin/application.bin",
+         "byte-sum 14999 found, 15000 listed: the next bank is tried"},
+        {"banks that fight",
+         "both",
+         "1.9.0",
+         {{"app", "1.9.1", "1.9.1", false}, {"oldapp", "1.9.0", "1.9.0"}},
+         true,
+         1,
+         "resets for ever: i:/vol0/data/app/bin/bootloader.bin and i:/vol0/data/oldapp/bin/bootloader.bin replace each "
+         "other",
+         "2 resets a turn, 4 block erases each"},
+        {"a version text that is not its build's",
+         "12-13",
+         "1.9.0",
+         {{"app", "1.9.1", "2.0"}},
+         true,
+         1,
+         "resets for ever: i:/vol0/data/app/bin/bootloader.bin is stored at every start",
+         "version-text"},
+        {"no bank, a rescue image", "12-13", "1.9.0", {}, true, 1, "falls back to the rescue image (932 bytes)", ""},
+        {"nothing at all",
+         "12-13",
+         "1.9.0",
+         {},
+         false,
+         1,
+         "launches nothing",
+         "rescue slot holds no good image (erased)"},
+        {"a strap forgotten", "none", "1.9.0", {}, true, 1, "no bootloader", "try --straps 12-13"},
+        {"an empty chip", "12-13", "", {}, false, 1, "neither slot of the NAND holds a good one", ""},
+        {"a bootloader from elsewhere",
+         "12-13",
+         "other",
+         {},
+         false,
+         1,
+         "no known build stands for",
+         "--assume-version"},
+    };
+    for (const Board &board : boards) {
+        SCOPED_TRACE(board.name);
+        std::filesystem::remove_all(directory.path() / "volume");
+        const CommandResult result = run(board);
+        EXPECT_EQ(result.exit_status, board.exit_status);
+        const json told = json::parse(result.output);
+        EXPECT_EQ(told["ok"], board.exit_status == 0);
+        EXPECT_THAT(told["reason"].get<std::string>(), HasSubstr(board.reason));
+        EXPECT_THAT(result.output, HasSubstr(board.shown));
+    }
+}
+
+} // namespace
+
+} // namespace fixture

@@ -1,0 +1,212 @@
+// fixture doctor: what ails the chips of a board, what has led to it, and what mends it.
+#include "formats/doctor.h"
+#include "machine/chip_store.h"
+#include "machine/raw_flash.h"
+#include "tools/chip_files.h"
+#include "tools/commands.h"
+#include "tools/references.h"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+
+namespace fixture {
+
+namespace fs = std::filesystem;
+using nlohmann::ordered_json;
+
+namespace {
+
+struct DoctorCall {
+    ChipFiles chips;
+    std::string eeprom;
+    std::vector<std::string> banks;
+    std::string fix;
+    std::string only;
+    bool json = false;
+};
+
+// What was found on one chip, and the repairs that were made of it.
+struct Patient {
+    std::string file;
+    std::string option; // the file as an argument
+    std::optional<FlashDiagnosis> flash;
+    std::optional<StoreDiagnosis> store;
+    std::vector<std::string> mended;
+    bool healthy() const { return flash ? flash->healthy() : store->healthy(); }
+};
+
+std::vector<ReferenceImage> References(const DoctorCall &call) {
+    std::vector<ReferenceImage> references = KnownReferences();
+    for (const std::string &bank : call.banks) {
+        std::vector<ReferenceImage> more = BankReferences(bank);
+        references.insert(references.end(), more.begin(), more.end());
+    }
+    return references;
+}
+
+bool Wanted(const DoctorCall &call, const std::string &place) { return call.only.empty() || call.only == place; }
+
+// Mends a copy of the chip, one slot after another, and looks at it again.
+template <typename Contents>
+Patient Treat(const DoctorCall &call, Contents contents, const std::string &file, const char *option,
+              const std::vector<ReferenceImage> &references) {
+    Patient patient{file, fmt::format("{} {}", option, file), DiagnoseFlash(RawFlashOf(contents), references), {}, {}};
+    if (call.fix.empty()) return patient;
+    for (const Repair &repair : patient.flash->repairs) {
+        if (!Wanted(call, repair.place)) continue;
+        repair.apply(RawFlashOf(contents));
+        patient.mended.push_back(fmt::format("{}: {}", repair.place, repair.text));
+    }
+    SaveChip(contents, call.fix);
+    return patient;
+}
+
+Patient TreatEeprom(const DoctorCall &call) {
+    EepromContents chip;
+    LoadChip(chip, call.eeprom);
+    Patient patient{call.eeprom, "--eeprom " + call.eeprom, {}, DiagnoseStore(chip.bytes), {}};
+    if (call.fix.empty()) return patient;
+    if (const std::optional<int> sector = patient.store->clean;
+        sector && Wanted(call, fmt::format("sector {}", *sector))) {
+        CleanSector(chip.bytes, *sector);
+        patient.mended.push_back(fmt::format("sector {}: header cleared", *sector));
+    }
+    SaveChip(chip, call.fix);
+    return patient;
+}
+
+ordered_json ToJson(const SlotDiagnosis &slot) {
+    ordered_json json{{"slot", slot.slot.name}, {"condition", NameOf(slot.condition)}, {"holds", slot.holds}};
+    if (slot.pages > 0) json["pages"] = slot.pages;
+    if (slot.cut_page) json["cut_page"] = *slot.cut_page;
+    json["damaged_pages"] = slot.damaged_pages;
+    json["damages"] = ordered_json::array();
+    for (const PageDamage &damage : slot.damages)
+        json["damages"].push_back(
+            {{"page", damage.page}, {"address", damage.address}, {"unit", damage.unit}, {"text", damage.text}});
+    return json;
+}
+
+ordered_json ToJson(const Patient &patient) {
+    ordered_json json{{"file", patient.file}, {"healthy", patient.healthy()}};
+    if (patient.store) {
+        json["history"] = patient.store->history.empty() ? ordered_json::array() : ordered_json{patient.store->history};
+        json["clean_sector"] = patient.store->clean ? ordered_json(*patient.store->clean) : ordered_json();
+    } else {
+        const FlashDiagnosis &flash = *patient.flash;
+        json["medium"] = NameOf(flash.medium);
+        json["bad_blocks"] = flash.bad_blocks;
+        json["slots"] = ordered_json::array();
+        for (const SlotDiagnosis &slot : flash.slots) json["slots"].push_back(ToJson(slot));
+        json["rescue_version"] = flash.record;
+        json["running"] = flash.running ? ordered_json(*flash.running) : ordered_json();
+        json["history"] = flash.history;
+        json["repairs"] = ordered_json::array();
+        for (const Repair &repair : flash.repairs)
+            json["repairs"].push_back({{"id", repair.id},
+                                       {"where", repair.place},
+                                       {"text", repair.text},
+                                       {"command", fmt::format("fixture {} {}", repair.command, patient.option)}});
+    }
+    json["mended"] = patient.mended;
+    return json;
+}
+
+void Print(const FlashDiagnosis &flash, const std::string &option) {
+    const bool nand = flash.medium == Medium::nand;
+    for (const SlotDiagnosis &slot : flash.slots) {
+        fmt::print("  {:<16}{:<9}{}\n", slot.slot.name, NameOf(slot.condition), slot.holds);
+        for (const PageDamage &damage : slot.damages)
+            fmt::print("    page {} at 0x{:08X}, {} {}: {}\n", damage.page, damage.address,
+                       nand ? "block" : "page of the chip", damage.unit, damage.text);
+        if (slot.damaged_pages > slot.damages.size())
+            fmt::print("    and {} more\n", slot.damaged_pages - slot.damages.size());
+    }
+    fmt::print("  {:<16}{}\n", "version record", flash.record.empty() ? "none" : flash.record);
+    if (nand)
+        fmt::print("  {:<16}{}\n", "bad blocks",
+                   flash.bad_blocks.empty() ? "none" : fmt::format("{}", fmt::join(flash.bad_blocks, ", ")));
+    fmt::print("  {:<16}{}\n", "first stage",
+               flash.running ? fmt::format("starts {}", flash.slots[*flash.running].slot.name) : "starts nothing");
+    for (const std::string &line : flash.history) fmt::print("history: {}\n", line);
+    for (const Repair &repair : flash.repairs)
+        fmt::print("mend {}: {}\n  fixture {} {} --out FIXED\n", repair.place, repair.text, repair.command, option);
+}
+
+void Print(const StoreDiagnosis &store) {
+    for (const int sector : {0, 1}) {
+        const StoreSector &s = store.store.sectors[sector];
+        fmt::print("  sector {}      {}\n", sector, s.good ? "good" : s.empty() ? "empty" : "damaged: " + s.problem);
+    }
+    fmt::print("  current       {}, since {}\n",
+               store.store.current ? fmt::format("sector {}", *store.store.current) : "none", store.store.why);
+    if (!store.history.empty()) fmt::print("history: {}\n", store.history);
+    if (store.clean)
+        fmt::print("mend sector {}: clear its header, as the board's next start does; --fix OUT does so\n",
+                   *store.clean);
+    if (!store.store.current)
+        fmt::print("mend: set the parameters anew in a blank file: fixture eeprom set FILE ...\n");
+}
+
+void Print(const DoctorCall &call, const Patient &patient) {
+    fmt::print("{}: {}\n", patient.file, patient.healthy() ? "healthy" : "not healthy");
+    if (patient.flash)
+        Print(*patient.flash, patient.option);
+    else
+        Print(*patient.store);
+    for (const std::string &line : patient.mended) fmt::print("mended in {}: {}\n", call.fix, line);
+}
+
+void CheckFix(const DoctorCall &call, std::size_t chips) {
+    if (chips == 0) throw CLI::RequiredError("--nand, --dataflash or --eeprom");
+    if (call.fix.empty()) return;
+    if (chips != 1) throw CLI::ValidationError("--fix", "mends one chip a call");
+    if (fs::exists(fs::symlink_status(call.fix)))
+        throw std::runtime_error(call.fix + ": exists already; expected a new name");
+}
+
+int Diagnose(const DoctorCall &call) {
+    CheckFix(call, std::size_t{!call.chips.nand.empty()} + !call.chips.dataflash.empty() + !call.eeprom.empty());
+    const std::vector<ReferenceImage> references = References(call);
+    std::vector<Patient> patients;
+    if (!call.chips.nand.empty())
+        patients.push_back(Treat(call, LoadNand(call.chips), call.chips.nand, "--nand", references));
+    if (!call.chips.dataflash.empty())
+        patients.push_back(Treat(call, LoadDataflash(call.chips), call.chips.dataflash, "--dataflash", references));
+    if (!call.eeprom.empty()) patients.push_back(TreatEeprom(call));
+    const bool healthy = std::all_of(patients.begin(), patients.end(), [](const Patient &p) { return p.healthy(); });
+    ordered_json chips = ordered_json::array();
+    for (const Patient &patient : patients) {
+        if (call.json)
+            chips.push_back(ToJson(patient));
+        else
+            Print(call, patient);
+    }
+    if (call.json)
+        fmt::print("{}\n", ordered_json{{"command", "doctor"}, {"ok", healthy}, {"chips", chips}}.dump(
+                               2, ' ', true, ordered_json::error_handler_t::replace));
+    return healthy ? 0 : 1;
+}
+
+} // namespace
+
+void AddDoctorCommand(CLI::App &app, int &exit_status) {
+    auto call = std::make_shared<DoctorCall>();
+    CLI::App *command = app.add_subcommand("doctor", "Find what ails a board's chips, how it came, and what mends it");
+    call->chips.add_options(*command);
+    command->add_option("--eeprom", call->eeprom, "EEPROM chip file")->check(CLI::ExistingFile);
+    command->add_option("--bank", call->banks, "bank whose images the chip may have held; may be given again")
+        ->check(CLI::ExistingDirectory);
+    CLI::Option *fix =
+        command->add_option("--fix", call->fix, "write a mended chip to this new file; the named one stays as it is");
+    command->add_option("--only", call->only, "mend this slot or sector alone, by its name in the report")->needs(fix);
+    command->add_flag("--json", call->json, "report as one JSON object");
+    command->footer("Exit status: 0 every chip is healthy, 1 one is not, mended or not.");
+    command->callback([call, &exit_status] { exit_status = Diagnose(*call); });
+}
+
+} // namespace fixture

@@ -1,0 +1,212 @@
+#include "tools/flash_slot.h"
+
+#include "formats/slot_store.h"
+#include "formats/stored_image.h"
+#include "machine/chip_store.h"
+#include "machine/raw_flash.h"
+#include "tools/chip_files.h"
+#include "tools/references.h"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+namespace fixture {
+
+namespace {
+
+using nlohmann::ordered_json;
+
+struct SlotCall {
+    std::string slot;
+    ChipFiles chips;
+    std::string image;
+    std::string version;
+    std::string bank;
+    std::string out;
+    bool raw = false;
+    bool json = false;
+};
+
+const std::vector<std::string> kSlotNames = {"bootloader0", "bootloader1", "rescue"};
+
+std::optional<Slot> FindSlot(const RawFlash &flash, const std::string &name) {
+    for (std::size_t n = 0; n < kSlotNames.size(); ++n)
+        if (kSlotNames[n] == name) return SlotsOn(flash)[n];
+    return std::nullopt;
+}
+
+const std::string &OnlyChip(const SlotCall &call) {
+    if (call.chips.nand.empty() == call.chips.dataflash.empty())
+        throw CLI::ValidationError("--nand, --dataflash", "one of them is required, and only one");
+    return call.chips.nand.empty() ? call.chips.dataflash : call.chips.nand;
+}
+
+// Calls `work` with the one chip of the call. Where it changes the chip, the file, or OUT, gets what it leaves.
+template <typename Work> void OnChip(const SlotCall &call, bool changes, Work work) {
+    const std::string &file = OnlyChip(call);
+    const std::string &target = call.out.empty() ? file : call.out;
+    const auto run = [&](auto contents) {
+        work(RawFlashOf(contents));
+        if (changes) SaveChip(contents, target);
+    };
+    if (call.chips.nand.empty())
+        run(LoadDataflash(call.chips));
+    else
+        run(LoadNand(call.chips));
+}
+
+int Extract(const SlotCall &call) {
+    std::size_t size = 0;
+    OnChip(call, false, [&](const RawFlash &flash) {
+        const Slot slot = *FindSlot(flash, call.slot);
+        const StoredImage image = ReadSlot(flash.read, slot);
+        if (!call.raw && image.verdict != ImageVerdict::good)
+            throw Refusal(OnlyChip(call), fmt::format("{}: {}", slot.name, NameOf(image.verdict)),
+                          "a good image, or --raw for the slot's bytes as they are");
+        const Bytes bytes = call.raw ? flash.read(slot.address, RoomIn(flash, slot)) : image.bytes;
+        WriteFile(call.out, bytes);
+        size = bytes.size();
+    });
+    if (call.json)
+        fmt::print(
+            "{}\n",
+            ordered_json{
+                {"command", "flash extract"}, {"ok", true}, {"slot", call.slot}, {"file", call.out}, {"size", size}}
+                .dump(2));
+    else
+        fmt::print("{}: {} bytes of {}\n", call.out, size, call.slot);
+    return 0;
+}
+
+int Report(const SlotCall &call, const char *command, const std::string &text) {
+    const std::string &file = call.out.empty() ? OnlyChip(call) : call.out;
+    if (call.json)
+        fmt::print("{}\n",
+                   ordered_json{{"command", command}, {"ok", true}, {"slot", call.slot}, {"file", file}}.dump(2));
+    else
+        fmt::print("{}: {}: {}\n", file, call.slot, text);
+    return 0;
+}
+
+int Write(const SlotCall &call) {
+    const bool record = call.slot == "record";
+    if (record == !call.image.empty()) throw CLI::RequiredError(record ? "--version without --image" : "--image");
+    if (record && call.version.empty()) throw CLI::RequiredError("--version");
+    if (!call.version.empty() && !record && call.slot != "rescue")
+        throw CLI::ValidationError("--version", "only a rescue image has a version record");
+    const Bytes image = record ? Bytes{} : ReadImage(call.image);
+    OnChip(call, true, [&](const RawFlash &flash) {
+        if (!record) StoreInSlot(flash, *FindSlot(flash, call.slot), image);
+        if (!call.version.empty()) StoreRecord(flash, call.version);
+    });
+    return Report(call, "flash write",
+                  record ? fmt::format("\"{}\" written", call.version) : fmt::format("{} bytes written", image.size()));
+}
+
+int Erase(const SlotCall &call) {
+    OnChip(call, true, [&](const RawFlash &flash) {
+        if (const std::optional<Slot> slot = FindSlot(flash, call.slot))
+            EraseSlot(flash, *slot);
+        else
+            EraseRecord(flash);
+    });
+    return Report(call, "flash erase", "erased");
+}
+
+struct Check {
+    std::string where;
+    std::string found;
+    std::string expected;
+    bool good() const { return found == expected; }
+};
+
+std::string Describe(const ReferenceImage &image) {
+    return fmt::format("{}, {} bytes", image.version, image.image.size());
+}
+
+Check CheckSlot(const RawFlash &flash, const Slot &slot, const ReferenceImage &expected) {
+    const StoredImage image = ReadSlot(flash.read, slot);
+    Check check{slot.name, NameOf(image.verdict), Describe(expected)};
+    if (image.verdict == ImageVerdict::good)
+        check.found =
+            image.bytes == expected.image ? check.expected : fmt::format("another good image, {} bytes", image.size);
+    return check;
+}
+
+// What the chip holds against what a board that has taken the bank would hold.
+std::vector<Check> Verify(const RawFlash &flash, const std::vector<ReferenceImage> &bank) {
+    const FlashReport report = ExamineFlash(flash);
+    const auto slots = SlotsOn(flash);
+    std::vector<Check> checks;
+    for (const ReferenceImage &image : bank) {
+        if (image.role == FileRole::rescue) {
+            checks.push_back(CheckSlot(flash, slots[2], image));
+            checks.push_back({"version record", report.record.empty() ? "none" : report.record, image.version});
+        } else if (report.first_stage) {
+            checks.push_back(CheckSlot(flash, slots[*report.first_stage], image));
+        } else {
+            checks.push_back({"bootloader", "no good one in either slot", Describe(image)});
+        }
+    }
+    return checks;
+}
+
+int VerifyChip(const SlotCall &call) {
+    const std::vector<ReferenceImage> bank = BankReferences(call.bank);
+    if (bank.empty()) throw Refusal(call.bank, "neither a bootloader nor a rescue image", "a bank that lists one");
+    std::vector<Check> checks;
+    OnChip(call, false, [&](const RawFlash &flash) { checks = Verify(flash, bank); });
+    const bool good = std::all_of(checks.begin(), checks.end(), [](const Check &check) { return check.good(); });
+    ordered_json problems = ordered_json::array();
+    for (const Check &check : checks) {
+        if (!check.good())
+            problems.push_back(
+                {{"id", "differs"}, {"where", check.where}, {"found", check.found}, {"expected", check.expected}});
+        if (!call.json)
+            fmt::print("{:<16}{}\n", check.where,
+                       check.good() ? "good: " + check.expected
+                                    : fmt::format("DIFFERS: {}; expected {}", check.found, check.expected));
+    }
+    if (call.json)
+        fmt::print("{}\n", ordered_json{{"command", "flash verify"}, {"ok", good}, {"problems", problems}}.dump(
+                               2, ' ', true, ordered_json::error_handler_t::replace));
+    return good ? 0 : 1;
+}
+
+} // namespace
+
+void AddFlashSlotCommands(CLI::App &flash, int &exit_status) {
+    auto call = std::make_shared<SlotCall>();
+    const auto add = [&](const char *name, const char *help, bool with_record, int (*run)(const SlotCall &)) {
+        CLI::App *command = flash.add_subcommand(name, help);
+        std::vector<std::string> names = kSlotNames;
+        if (with_record) names.emplace_back("record");
+        command->add_option("SLOT", call->slot, "which slot; record: the rescue image's version")
+            ->required()
+            ->check(CLI::IsMember(names));
+        call->chips.add_options(*command);
+        command->add_flag("--json", call->json, "report as one JSON object");
+        command->callback([call, run, &exit_status] { exit_status = run(*call); });
+        return command;
+    };
+    const char *const kOut = "write the changed chip to this file and leave the named one as it is";
+    CLI::App *extract = add("extract", "Copy the image of one slot to a file", false, Extract);
+    extract->add_option("--out", call->out, "file to write")->required();
+    extract->add_flag("--raw", call->raw, "all bytes of the slot, whatever they are");
+    CLI::App *write = add("write", "Store an image in one slot; the others stay as they are", true, Write);
+    write->add_option("--image", call->image, "stored image, flat binary or ELF")->check(CLI::ExistingFile);
+    write->add_option("--version", call->version, "version to record, with a rescue image or alone");
+    write->add_option("--out", call->out, kOut);
+    CLI::App *erase = add("erase", "Erase one slot; the others stay as they are", true, Erase);
+    erase->add_option("--out", call->out, kOut);
+
+    CLI::App *verify = flash.add_subcommand("verify", "Compare the slots with what a bank carries");
+    call->chips.add_options(*verify);
+    verify->add_option("--against", call->bank, "bank directory")->required()->check(CLI::ExistingDirectory);
+    verify->add_flag("--json", call->json, "report as one JSON object");
+    verify->callback([call, &exit_status] { exit_status = VerifyChip(*call); });
+}
+
+} // namespace fixture

@@ -1,0 +1,54 @@
+#include "tools/references.h"
+
+#include "formats/bank_check.h"
+#include "formats/stored_image.h"
+#include "sweep/foretold.h"
+
+#include <fmt/format.h>
+
+namespace fixture {
+
+namespace fs = std::filesystem;
+
+std::string Shown(std::string_view text) {
+    std::string shown;
+    for (const char c : text)
+        shown += c >= 0x20 && c < 0x7F ? std::string(1, c) : fmt::format("\\x{:02X}", static_cast<unsigned char>(c));
+    return shown;
+}
+
+Bytes ReadImage(const fs::path &file) {
+    Bytes content = ReadFlatImage(file);
+    if (!HasMaker(content)) return WrapFile(file);
+    const ImageReport report = ExamineImage(content);
+    if (!report.good()) throw Refusal(file, "not a good stored image", report.problem());
+    content.resize(report.size);
+    return content;
+}
+
+std::vector<ReferenceImage> KnownReferences() {
+    const KnownFirmware known(FirmwareDirectory());
+    std::vector<ReferenceImage> references;
+    for (const Firmware &build : known.all()) {
+        const std::string version = VersionText(build);
+        references.push_back(
+            {"build " + version, FileRole::bootloader, Wrap(build.flat), version, build.file.string()});
+    }
+    return references;
+}
+
+std::vector<ReferenceImage> BankReferences(const fs::path &bank) {
+    std::vector<ReferenceImage> references;
+    const BankReport report = ExamineBank(bank, kBankDirectories[0]);
+    for (const RecordReport &record : report.records) {
+        if (record.role != FileRole::bootloader && record.role != FileRole::rescue) continue;
+        const fs::path file = bank / record.record.path;
+        if (!record.problem.empty()) throw Refusal(file, record.problem, "a good image");
+        const std::string &version = report.descriptor.entries[static_cast<std::size_t>(record.role)].version;
+        references.push_back({fmt::format("{} {} of {}", NameOf(record.role), version, bank.string()), record.role,
+                              ReadImage(file), version, file.string()});
+    }
+    return references;
+}
+
+} // namespace fixture
