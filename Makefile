@@ -39,6 +39,7 @@ fixture: setup
 	@cmake --build build/host
 
 asan: setup
+	@./setup.sh --test
 	@cmake --preset asan >build/asan.log || { cat build/asan.log; exit 1; }
 	@cmake --build build/asan
 

@@ -6,13 +6,14 @@ set -eu
 packages="
 cmake ninja-build g++ pkg-config binutils git patch
 gcc-arm-none-eabi libnewlib-arm-none-eabi libstdc++-arm-none-eabi-newlib
-libunicorn-dev libelf-dev libcli11-dev libfmt-dev nlohmann-json3-dev
+libunicorn-dev libelf-dev libdw-dev libcli11-dev libfmt-dev nlohmann-json3-dev
 libpng-dev libgif-dev libchafa-dev libglib2.0-dev
 libgtest-dev libgmock-dev sigrok-cli spin
 "
-# Only what CI, `make lint` and `make fuzz` use beyond that.
+# Only what CI, `make test`, `make lint` and `make fuzz` use beyond that.
 case "${1:-}" in
 --lint) packages="$packages clang-format clang-tidy python3" ;;
+--test) packages="$packages gdb gdb-multiarch chromium chromium-driver libcpp-httplib-dev" ;;
 --fuzz) packages="$packages clang libclang-rt-14-dev" ;;
 esac
 

@@ -6,7 +6,7 @@ find_package(nlohmann_json REQUIRED)
 find_package(PNG REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(UNICORN REQUIRED IMPORTED_TARGET unicorn)
-pkg_check_modules(ELF REQUIRED IMPORTED_TARGET libelf)
+pkg_check_modules(ELF REQUIRED IMPORTED_TARGET libelf libdw)
 pkg_check_modules(CHAFA REQUIRED IMPORTED_TARGET chafa)
 
 option(SANITIZE "build everything with the address and undefined-behaviour sanitizers" OFF)
@@ -68,6 +68,11 @@ target_include_directories(host-platform PRIVATE ${MODULE_INCLUDES} platform/com
 target_link_libraries(host-platform PUBLIC board)
 
 add_bench_library(machine machine host-platform formats)
+# The page that a report fills in is a document of its own.
+file(READ machine/report_page.html REPORT_PAGE)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS machine/report_page.html)
+configure_file(cmake/report_page.h.in ${CMAKE_BINARY_DIR}/made/machine/report_page.h @ONLY)
+target_include_directories(machine PRIVATE ${CMAKE_BINARY_DIR}/made)
 add_bench_library(sweep sweep machine nlohmann_json::nlohmann_json)
 # The preview's library stands before the emulator's: it brings GLib, of which the emulator library has some routines
 # under the same names, in a version of its own. The first ones at the link serve both libraries, and only GLib's can.
@@ -99,14 +104,16 @@ if(SANITIZE)
     find_package(GTest REQUIRED)
     enable_testing()
     include(GoogleTest)
+    pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
     file(GLOB TEST_SOURCES CONFIGURE_DEPENDS tests/*/*.cpp fuzz/*.cpp)
     list(FILTER TEST_SOURCES EXCLUDE REGEX "/fuzz/main\\.cpp$")
     add_executable(fixture-tests ${TEST_SOURCES})
     target_compile_options(fixture-tests PRIVATE -O0) # what they call is optimised; they would compile twice as long
+    add_dependencies(fixture-tests fixture) # a recipe of the documents is run on it
     target_precompile_headers(fixture-tests PRIVATE <fmt/format.h> <gmock/gmock.h> <gtest/gtest.h> <nlohmann/json.hpp>)
     target_include_directories(fixture-tests BEFORE PRIVATE platform/host/include)
     target_include_directories(fixture-tests PRIVATE ${MODULE_INCLUDES})
-    target_link_libraries(fixture-tests PRIVATE native-modules-fixed harness
+    target_link_libraries(fixture-tests PRIVATE native-modules-fixed harness PkgConfig::HTTPLIB
                           GTest::gtest GTest::gmock GTest::gtest_main ${NATIVE_LINK})
     add_test(NAME Protocol.IsSafeAndComesToItsEnd COMMAND ${CMAKE_SOURCE_DIR}/proof/check.sh ${CMAKE_BINARY_DIR}/proof)
     set_tests_properties(Protocol.IsSafeAndComesToItsEnd PROPERTIES TIMEOUT 300)

@@ -12,7 +12,8 @@ std::span<const FuzzTarget> FuzzTargets() {
                                               {"chip-files", FuzzChipFiles},
                                               {"elf", FuzzElf},
                                               {"png", FuzzPng},
-                                              {"texts", FuzzTexts}};
+                                              {"texts", FuzzTexts},
+                                              {"gdb", FuzzGdb}};
     return kTargets;
 }
 

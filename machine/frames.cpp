@@ -89,6 +89,7 @@ void FrameRecorder::look() {
     was_lit_ = lit;
     seen_.assign(now.begin(), now.end());
     frames_.push_back({clock_.now(), lit, shown()});
+    if (observer) observer(frames_.back());
 }
 
 std::vector<GifFrame> Animation(std::span<const FrameRecorder::Frame> frames, Picoseconds until) {

@@ -53,6 +53,9 @@ public:
     // In order. A dark panel counts as a frame once it has been lit.
     const std::vector<Frame> &frames() const { return frames_; }
 
+    // Told of every frame as it is seen.
+    std::function<void(const Frame &)> observer;
+
     // What the panel shows now: the frame, or black.
     Picture shown() const;
 

@@ -2,6 +2,7 @@
 
 #include "machine/first_stage.h"
 #include "machine/raw_flash.h"
+#include "machine/symbols.h"
 
 #include <algorithm>
 #include <array>
@@ -49,8 +50,17 @@ void Machine::connect() {
     board_.watchdog.expired = [this] {
         stop({StageEnd::reset, 0, "watchdog, after a look at " + board_.bus.last_read()});
     };
-    board_.supply.lost = [this] { stop({StageEnd::power_lost, 0, ""}); };
+    board_.supply.lost = [this] {
+        tell(EventKind::power, "supply", "the power goes");
+        stop({StageEnd::power_lost, 0, ""});
+    };
     board_.bus.endless_wait = [this](const std::string &name) { stop({StageEnd::hang, 0, name}); };
+    board_.journal.after_violation = [this](const JournalEntry &entry) {
+        sight(1);
+        if (troubled) troubled(Trouble::violation, entry.where + ": " + entry.what);
+        if (!options_.keep_going) stop({StageEnd::fault, 0, entry.where + ": " + entry.what});
+    };
+    volume_.observer = [this](std::string call) { tell(EventKind::file, "volume", std::move(call)); };
     board_.bus.unmapped = [this](std::uint32_t address, bool is_write) {
         stop({StageEnd::fault, 0,
               fmt::format("{} at 0x{:08X}, where nothing is", is_write ? "write" : "read", address)});
@@ -70,7 +80,41 @@ void Machine::record_frames(PanelWiring wiring) {
     });
 }
 
+void Machine::tell(EventKind kind, std::string where, std::string what) const {
+    if (observer) observer(kind, std::move(where), std::move(what));
+}
+
+std::vector<std::string> Machine::call_chain() const {
+    if (!arm_) return {};
+    DebugInfo::Registers registers{};
+    const std::array<std::uint32_t, 17> all = arm_->registers();
+    std::copy_n(all.begin(), registers.size(), registers.begin());
+    return Symbols(running()).call_chain(registers, [this](std::uint32_t address) -> std::optional<std::uint32_t> {
+        const std::span<const std::uint8_t> bytes = const_cast<Board &>(board_).memory.memory().at(address, 4);
+        if (bytes.empty()) return std::nullopt;
+        std::uint32_t word;
+        std::memcpy(&word, bytes.data(), sizeof word);
+        return word;
+    });
+}
+
+// The first thing that goes wrong is the one to be looked at; what follows may be of its making.
+void Machine::sight(std::uint64_t times) {
+    if (!options_.sightings || sighting_) return;
+    sighting_ = {board_.clock.now(), pc(), pc() ? call_chain() : std::vector<std::string>{}, times};
+}
+
+void Machine::stage_ends(const StageResult &end) {
+    const bool loops = end.end == StageEnd::reset && report_.resets + 1 >= options_.most_resets;
+    if (end.end == StageEnd::hang) sight(1);
+    if (loops) sight(options_.most_resets);
+    if (end.end == StageEnd::exited && end.exit_code != 0) sight(1);
+    if (troubled && end.end == StageEnd::hang) troubled(Trouble::hang, end.place);
+    if (troubled && end.end == StageEnd::reset) troubled(Trouble::reset, end.place);
+}
+
 void Machine::stop(StageResult result) {
+    if (native_) stage_ends(result);
     if (arm_ && arm_->running()) return arm_->stop(std::move(result));
     if (native_) native_->stop(std::move(result));
 }
@@ -81,6 +125,11 @@ ArmProcessor &Machine::arm() {
                                                                    board_.memory.memory(), debugger_, board_.cache,
                                                                    [this] { return board_.pmc.core_cycle(); }});
         arm_->watch_alignment(options_.watch_alignment);
+        arm_->faulted = [this](const std::string &what) {
+            sight(1);
+            if (troubled) troubled(Trouble::fault, what);
+        };
+        arm_->ending = [this](const StageResult &end) { stage_ends(end); };
     }
     return *arm_;
 }
@@ -91,6 +140,10 @@ const Firmware *Machine::bootloader_in_slot() {
     const FlashReader read = nand ? ReaderOf(chips_.nand) : ReaderOf(chips_.dataflash);
     const SlotTable &slots = SlotsOf(nand ? Medium::nand : Medium::dataflash);
     report_.slot = ChooseBootloader(read, slots);
+    tell(EventKind::stage, "first stage",
+         report_.slot
+             ? fmt::format("takes {} of the {}", slots.bootloader[*report_.slot].name, nand ? "NAND" : "DataFlash")
+             : "finds no good bootloader");
     if (!report_.slot) return nullptr;
     const StoredImage image = ReadSlot(read, slots.bootloader[*report_.slot]);
     const auto body = std::span(image.bytes).subspan(kImageHeaderBytes);
@@ -108,6 +161,7 @@ const Firmware *Machine::choose_bootloader() {
 
 StageResult Machine::run_bootloader(const Firmware &firmware) {
     running_ = &firmware;
+    tell(EventKind::stage, "first stage", "starts " + firmware.file.filename().string());
     volume_.close_all();
     if (native_) return native_->run(firmware.version);
     const std::span<std::uint8_t> place = board_.memory.memory().at(kBootloaderLinkAddress, firmware.flat.size());
@@ -140,7 +194,10 @@ void Machine::launch() {
     report_.verdict = Verdict::launched;
     name_launched();
     volume_.close_all();
+    tell(EventKind::stage, "first stage",
+         fmt::format("launches {} ({} bytes) at 0x{:08X}", report_.launched, report_.launched_bytes, handover->entry));
     if (!options_.run_launched) return;
+    in_launched_ = true;
     const StageResult end = arm().run(handover->entry);
     static constexpr std::array kEnds = {"was reset", "ended", "is still running", "faulted", "lost power", "stopped"};
     report_.launched_end = kEnds[static_cast<std::size_t>(end.end)];
@@ -158,7 +215,13 @@ RunReport Machine::finish(RunReport report) {
     if (!violations.empty() && report.verdict != Verdict::power_lost) {
         report.verdict = Verdict::violation;
         report.place = violations.front().where + ": " + violations.front().what;
+        if (sighting_)
+            sighting_->times = static_cast<std::uint64_t>(
+                std::count_if(violations.begin(), violations.end(), [&](const JournalEntry &entry) {
+                    return entry.where == violations.front().where && entry.what == violations.front().what;
+                }));
     }
+    if (report.exit_status() == 3) report.sighting = sighting_;
     return report;
 }
 
@@ -194,6 +257,7 @@ RunReport Machine::run() {
             return finish(report_);
         }
         report_.resets++;
+        tell(EventKind::reset, "processor", "reset by the " + end.place);
         board_.processor_reset();
         if (MarkerStands(board_.memory.memory())) {
             launch();

@@ -20,6 +20,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace fixture {
 
@@ -36,6 +37,8 @@ struct RunOptions {
     unsigned most_resets = 8;
     bool run_launched = true; // false: the run ends where the first stage would start the launched image
     bool watch_alignment = true;
+    bool keep_going = true; // false: the first violation ends the run
+    bool sightings = false; // whether the report shows the place of a bad end; reads the ELF again when there is one
     std::function<void(char)> console;
 };
 
@@ -51,6 +54,14 @@ enum class Verdict : std::uint8_t {
 };
 const char *VerdictName(Verdict verdict);
 
+// What the processor was at when something went wrong.
+struct Sighting {
+    Picoseconds time = 0;
+    std::uint32_t pc = 0;           // 0 natively
+    std::vector<std::string> chain; // the place and the calls that led there, innermost first; empty natively
+    std::uint64_t times = 1;        // how often it happened: a violation in this run, a read in a wait, a reset
+};
+
 struct RunReport {
     Verdict verdict = Verdict::idle;
     std::string place;    // of a hang, fault or violation; what made the last reset of a loop
@@ -62,10 +73,26 @@ struct RunReport {
     unsigned resets = 0;
     Picoseconds time = 0;
     std::uint64_t instructions = 0; // on the emulated processor
+    std::optional<Sighting> sighting;
 
     // 0 launched, 1 nothing to launch, 3 anything that must not happen.
     int exit_status() const;
 };
+
+// What a run goes through, for those who look on.
+enum class EventKind : std::uint8_t {
+    access,    // a register is read or written
+    chip,      // a chip does something
+    violation, // something the datasheets forbid
+    console,   // a line of the console
+    file,      // a call of the file system
+    reset,     // the processor is reset
+    stage,     // what the first stage chooses and starts; how a stage ends
+    power,     // the power goes
+};
+
+// What stops a run for a look at it.
+enum class Trouble : std::uint8_t { violation, hang, fault, reset };
 
 class Machine {
 public:
@@ -81,6 +108,23 @@ public:
     void record_frames(PanelWiring wiring);
     FrameRecorder *frames() { return frames_ ? &*frames_ : nullptr; }
 
+    // Told of resets, stages and file calls as they happen.
+    std::function<void(EventKind kind, std::string where, std::string what)> observer;
+    // Told of trouble at the place where it arises, before anything is done about it.
+    std::function<void(Trouble trouble, const std::string &what)> troubled;
+    Chips &chips() { return chips_; }
+    const RunOptions &options() const { return options_; }
+    // Where the emulated processor is: 0 where none runs. Exact inside a bus access.
+    std::uint32_t pc() const { return arm_ && arm_->running() ? arm_->pc() : 0; }
+    // The build that runs; null for an image that no build here made.
+    const Firmware *running() const { return in_launched_ ? nullptr : running_; }
+    // The processor of the run, made if it is not there yet: for a debugger. Not for a native run.
+    ArmProcessor &arm();
+    // The calls that led to where the emulated processor is.
+    std::vector<std::string> call_chain() const;
+    // Ends the running stage from outside: a debugger's reset, or its loss of power.
+    void stop(StageResult result);
+
     // For single routines: starts the chosen bootloader up to the entry of main, then calls one routine by its name.
     StageResult start();
     StageResult call(const char *routine, std::span<const std::uint32_t> arguments, std::uint32_t &result);
@@ -92,8 +136,9 @@ public:
 
 private:
     void connect();
-    void stop(StageResult result);
-    ArmProcessor &arm();
+    void tell(EventKind kind, std::string where, std::string what) const;
+    void sight(std::uint64_t times);
+    void stage_ends(const StageResult &end);
     StageResult run_bootloader(const Firmware &firmware);
     void launch();
     const Firmware *bootloader_in_slot();
@@ -111,7 +156,9 @@ private:
     const Firmware *running_ = nullptr;
     std::optional<Firmware> from_slot_;
     std::optional<FrameRecorder> frames_;
+    bool in_launched_ = false;
     unsigned starts_ = 0;
+    std::optional<Sighting> sighting_; // of the first thing that went wrong
     RunReport report_;
 };
 

@@ -1,31 +1,59 @@
-// The text trace: every register access and chip operation with its virtual time, one a line. Accesses in a row to
-// the same data port, or of a register with the same value, are one line with a count.
+// The text trace: the events of a run, one a line, with virtual time, kind and the routine at work.
+//
+//      12345.678 us  register   W PIOB.CODR <- 0x00002000   LCD_Send+0x1C
+//
+// Accesses in a row to the same data port, or of a register with the same value, are one line with a count.
 #pragma once
 
-#include "fixture/board.h"
+#include "machine/events.h"
 
 #include <cstdio>
+#include <functional>
 #include <memory>
+#include <set>
 #include <string>
+#include <vector>
 
 namespace fixture {
 
+// Which events a trace keeps. What is left empty lets all pass.
+struct TraceFilter {
+    std::set<EventKind> kinds = {};
+    std::vector<std::string> peripherals = {}; // "PIOB", "NAND", "PIO*": of accesses and of what happens to chips
+    std::vector<std::string> functions = {};   // "NandFlash_if_Read", "SD*": the routine at work
+    Picoseconds from = 0;
+    Picoseconds until = kNever;
+
+    bool passes(const Event &event) const;
+};
+
+// A list of words between commas. Throws std::invalid_argument, with the kinds there are, for one that there is not.
+std::set<EventKind> EventKinds(const std::string &list);
+std::vector<std::string> Words(const std::string &list);
+
+// One line of a trace, with its end.
+std::string TraceLine(const Event &event);
+
 class Trace {
 public:
-    // Throws std::runtime_error where the file cannot be written. The board outlives the trace.
-    Trace(const std::string &file, Board &board);
+    // `file`: "-" is standard output. `last`: only so many events, written when the trace goes; 0: all, at once. Throws
+    // std::runtime_error where the file cannot be written.
+    Trace(const std::string &file, TraceFilter filter, std::size_t last);
     ~Trace();
     Trace(const Trace &) = delete;
     Trace &operator=(const Trace &) = delete;
 
-private:
-    void access(const BusAccess &access);
-    void finish_run();
+    // A sink for the machine's events; gone when the trace has gone.
+    void add(const Event &event);
 
-    Board &board_;
+private:
+    void print(const Event &event);
+
+    TraceFilter filter_;
+    std::size_t last_;
+    EventRing ring_;
+    std::string buffer_;
     std::unique_ptr<std::FILE, int (*)(std::FILE *)> file_;
-    BusAccess last_{};
-    unsigned repeats_ = 0;
 };
 
 } // namespace fixture

@@ -14,7 +14,12 @@ constexpr VcdSignal kSignals[] = {
     {"PANEL_DATA", 'B', 13}, {"PANEL_CLOCK", 'B', 14}, {"PANEL_CS", 'B', 15}, // panel's serial line
     {"NAND_RB", 'A', 22},    {"NAND_CE", 'D', 15},                            // ready/busy and chip enable
     {"SPI_MISO", 'A', 0},    {"SPI_MOSI", 'A', 1},                            // DataFlash
-    {"SPI_CLOCK", 'A', 2},   {"SPI_CS", 'A', 5},
+    {"SPI_CLOCK", 'A', 2},   {"SPI_CS", 'A', 5},       {"STRAP_12", 'B', 12},
+    {"STRAP_18", 'B', 18},                                                 // the straps' pins that nothing else uses
+    {"CONSOLE", 0, 0},                                                     // the console's line: 8 bits, no parity
+    {"RESET", 0, 0},                                                       // low for 1 us: the processor is reset
+    {"NAND_IO", 0, 0},       {"NAND_CLE", 0, 0},       {"NAND_ALE", 0, 0}, // the chip's bus
+    {"NAND_WE", 0, 0},       {"NAND_RE", 0, 0},
 };
 
 // Short identifiers out of the printable characters.
@@ -35,9 +40,16 @@ bool Matches(std::string_view name, std::string_view wanted) {
 
 // Shared with the nets' watchers, which stay when the writer has gone.
 struct VcdWriter::File {
+    struct Signal {
+        std::string name;
+        const Net *net; // or none, and the level it was given last
+        unsigned bits = 1;
+        unsigned level = 0;
+        unsigned now() const { return net ? net->high() : level; }
+    };
     std::ostream &out;
     const Clock &clock;
-    std::vector<std::pair<std::string, const Net *>> signals;
+    std::vector<Signal> signals;
     bool open = false;
     Picoseconds stamped = 0;
 
@@ -47,7 +59,12 @@ struct VcdWriter::File {
         stamped = now;
         out << '#' << now << '\n';
     }
-    void level(std::size_t index, bool high) { out << (high ? '1' : '0') << Identifier(index) << '\n'; }
+    void level(std::size_t index, unsigned level) {
+        if (signals[index].bits == 1)
+            out << (level ? '1' : '0') << Identifier(index) << '\n';
+        else
+            out << fmt::format("b{:0{}b} {}\n", level, signals[index].bits, Identifier(index));
+    }
 };
 
 VcdWriter::VcdWriter(std::ostream &out, const Clock &clock) : file_(std::make_shared<File>(File{out, clock, {}})) {}
@@ -61,7 +78,7 @@ VcdWriter::~VcdWriter() {
 
 void VcdWriter::add(const std::string &name, Net &net) {
     const std::size_t index = file_->signals.size();
-    file_->signals.emplace_back(name, &net);
+    file_->signals.push_back({name, &net});
     net.watch([file = file_, index](bool high) {
         if (!file->open) return;
         file->stamp();
@@ -69,14 +86,26 @@ void VcdWriter::add(const std::string &name, Net &net) {
     });
 }
 
+std::function<void(unsigned)> VcdWriter::add(const std::string &name, unsigned bits, unsigned level) {
+    const std::size_t index = file_->signals.size();
+    file_->signals.push_back({name, nullptr, bits, level});
+    return [file = file_, index](unsigned now) {
+        if (file->signals[index].level == now) return;
+        file->signals[index].level = now;
+        if (!file->open) return;
+        file->stamp();
+        file->level(index, now);
+    };
+}
+
 void VcdWriter::begin() {
     std::ostream &out = file_->out;
     out << "$timescale 1 ns $end\n$scope module fixture $end\n";
     for (std::size_t i = 0; i < file_->signals.size(); ++i)
-        out << "$var wire 1 " << Identifier(i) << ' ' << file_->signals[i].first << " $end\n";
+        out << fmt::format("$var wire {} {} {} $end\n", file_->signals[i].bits, Identifier(i), file_->signals[i].name);
     file_->stamped = file_->clock.now() / kNanosecond;
     out << "$upscope $end\n$enddefinitions $end\n#" << file_->stamped << "\n$dumpvars\n";
-    for (std::size_t i = 0; i < file_->signals.size(); ++i) file_->level(i, file_->signals[i].second->high());
+    for (std::size_t i = 0; i < file_->signals.size(); ++i) file_->level(i, file_->signals[i].now());
     out << "$end\n";
     file_->open = true;
 }

@@ -12,6 +12,7 @@
 #include "fixture/core/clock.h"
 #include "fixture/core/net.h"
 
+#include <functional>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -29,6 +30,8 @@ public:
     VcdWriter &operator=(const VcdWriter &) = delete;
 
     void add(const std::string &name, Net &net);
+    // A signal that is no net: its level is told by calling the result, also after the writer has gone.
+    std::function<void(unsigned level)> add(const std::string &name, unsigned bits, unsigned level);
     void begin();
 
 private:
@@ -36,10 +39,10 @@ private:
     std::shared_ptr<File> file_;
 };
 
-// A signal worth looking at, and the pin it is on.
+// A signal worth looking at, and where it comes from.
 struct VcdSignal {
     const char *name;
-    char port;
+    char port; // of a pin; 0: not a pin
     unsigned bit;
 };
 

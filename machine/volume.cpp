@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <vector>
 
@@ -25,6 +26,14 @@ std::optional<fs::path> Volume::find(std::string_view path) const { return FindO
 
 int Volume::open(std::string_view path, bool for_writing) {
     if (before_open) before_open();
+    const int handle = open_file(path, for_writing);
+    if (observer)
+        observer(handle < 0 ? fmt::format("open {}: {}", path, std::strerror(-handle))
+                            : fmt::format("open {}: handle {}", path, handle));
+    return handle;
+}
+
+int Volume::open_file(std::string_view path, bool for_writing) {
     const std::optional<fs::path> file = find(path);
     if (!file) return -ENOENT;
     struct stat status;
@@ -43,7 +52,9 @@ int Volume::open(std::string_view path, bool for_writing) {
 long Volume::read(int handle, std::span<std::uint8_t> bytes) {
     const auto file = files_.find(handle);
     if (file == files_.end()) return -EBADF;
-    return static_cast<long>(std::fread(bytes.data(), 1, bytes.size(), file->second));
+    const auto count = static_cast<long>(std::fread(bytes.data(), 1, bytes.size(), file->second));
+    if (observer) observer(fmt::format("read handle {}: {} of {} bytes", handle, count, bytes.size()));
+    return count;
 }
 
 long Volume::size(int handle) {
@@ -58,6 +69,7 @@ int Volume::close(int handle) {
     if (file == files_.end()) return -EBADF;
     std::fclose(file->second);
     files_.erase(file);
+    if (observer) observer(fmt::format("close handle {}", handle));
     return 0;
 }
 

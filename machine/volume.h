@@ -39,8 +39,11 @@ public:
 
     // Called before a file is opened.
     std::function<void()> before_open;
+    // Told of every call and what came of it, in words.
+    std::function<void(std::string call)> observer;
 
 private:
+    int open_file(std::string_view path, bool for_writing);
     std::optional<std::filesystem::path> find(std::string_view path) const;
 
     std::filesystem::path directory_;

@@ -3,9 +3,9 @@
 #include "machine/chip_store.h"
 #include "tools/commands.h"
 
+#include "machine/board_vcd.h"
 #include "machine/machine.h"
-#include "machine/trace.h"
-#include "machine/vcd.h"
+#include "tools/boot_debug.h"
 #include "tools/replay.h"
 #include "tools/terminal_preview.h"
 
@@ -32,7 +32,6 @@ struct BootCall {
     std::string fail;
     double watchdog = 0;
     unsigned most_resets = 8;
-    std::string trace;
     bool json = false;
     std::string nand;
     std::string nand_part = kDefaultNand;
@@ -48,6 +47,7 @@ struct BootCall {
     bool preview = false;
     std::string replay;
     std::optional<unsigned> power_up;
+    ObserveCall observe;
 };
 
 const std::map<std::string, Straps> kStraps = {
@@ -83,22 +83,7 @@ void SaveChips(const BootCall &call, const Chips &chips) {
     if (!call.eeprom.empty()) SaveChip(chips.eeprom, call.eeprom);
 }
 
-// The signals of a run as a value change dump.
-class VcdFile {
-public:
-    VcdFile(const std::string &file, const std::string &signals, Board &board)
-        : stream_(file), writer_(stream_, board.clock) {
-        if (!stream_) throw std::runtime_error(file + ": cannot be written");
-        for (const VcdSignal &signal : VcdSignals(signals))
-            writer_.add(signal.name, board.net(signal.port, signal.bit));
-        board.spi0.trace_bits = true;
-        writer_.begin();
-    }
-
-private:
-    std::ofstream stream_;
-    VcdWriter writer_;
-};
+double Milliseconds(Picoseconds time) { return static_cast<double>(time) / static_cast<double>(kMillisecond); }
 
 // Everything that a call wants written about the panel.
 void WritePanel(const BootCall &call, FrameRecorder &recorder, Picoseconds until) {
@@ -107,15 +92,16 @@ void WritePanel(const BootCall &call, FrameRecorder &recorder, Picoseconds until
     if (!call.panel_gif.empty()) WriteGif(call.panel_gif, Animation(recorder.frames(), until));
     if (!call.panel_frames.empty()) {
         fs::create_directories(call.panel_frames);
-        unsigned number = 0;
         for (const FrameRecorder::Frame &frame : recorder.frames())
-            WritePng(fs::path(call.panel_frames) / fmt::format("{:02}.png", number++), frame.picture);
+            WritePng(fs::path(call.panel_frames) / fmt::format("{:015.6f}ms.png", Milliseconds(frame.time)),
+                     frame.picture);
     }
     if (call.preview) PrintPreview(stderr, recorder.shown());
 }
 
 bool WantsPanel(const BootCall &call) {
-    return !call.panel.empty() || !call.panel_gif.empty() || !call.panel_frames.empty() || call.preview;
+    return call.observe.wants_frames() || !call.panel.empty() || !call.panel_gif.empty() ||
+           !call.panel_frames.empty() || call.preview;
 }
 
 std::string Describe(const RunReport &report) {
@@ -126,8 +112,7 @@ std::string Describe(const RunReport &report) {
     if (!report.place.empty()) text += ": " + report.place;
     if (!report.launched_end.empty()) text += fmt::format(", which {}", report.launched_end);
     return fmt::format("{}; booting from {}, {:.3f} ms of virtual time, {} reset{}", text, report.medium,
-                       static_cast<double>(report.time) / static_cast<double>(kMillisecond), report.resets,
-                       report.resets == 1 ? "" : "s");
+                       Milliseconds(report.time), report.resets, report.resets == 1 ? "" : "s");
 }
 
 nlohmann::ordered_json ToJson(const RunReport &report) {
@@ -140,7 +125,7 @@ nlohmann::ordered_json ToJson(const RunReport &report) {
         json["launched_end"] = report.launched_end;
     }
     json["medium"] = report.medium;
-    json["virtual_ms"] = static_cast<double>(report.time) / static_cast<double>(kMillisecond);
+    json["virtual_ms"] = Milliseconds(report.time);
     json["resets"] = report.resets;
     json["instructions"] = report.instructions;
     return json;
@@ -171,14 +156,18 @@ void RequireNewChipFiles(const BootCall &call) {
 
 // Chips, files and options are those of the case; what the call says about them does not count.
 void UseReplay(const Replay &replay, RunOptions &options, Chips &chips) {
-    const std::function<void(char)> console = options.console;
+    const RunOptions asked = std::move(options);
     options = replay.options();
-    options.console = console;
+    options.console = asked.console;
+    options.keep_going = asked.keep_going;
+    options.sightings = asked.sightings;
     chips = replay.chips;
 }
 
 int Boot(const BootCall &call) {
     if (!call.replay.empty()) RequireNewChipFiles(call);
+    if (call.host && call.observe.gdb_port)
+        throw std::runtime_error("--gdb needs the emulated processor; with --host use this machine's own debugger");
     if (call.host) HandOverToSanitizedBuild();
     const KnownFirmware known(FirmwareDirectory());
     RunOptions options;
@@ -190,7 +179,10 @@ int Boot(const BootCall &call) {
         options.board.watchdog = static_cast<Picoseconds>(call.watchdog * static_cast<double>(kSecond));
     options.file_server_fails = call.fail == "file-server";
     options.most_resets = call.most_resets;
-    options.console = [](char c) { std::fputc(c, stdout); };
+    BootObservers *observers = nullptr;
+    options.console = [&observers](char c) { observers->console(c); };
+    options.keep_going = call.observe.keep_going;
+    options.sightings = true;
 
     const Firmware firmware =
         ReadFirmware(call.firmware.empty() ? FirmwareDirectory() / "bootloader.elf" : fs::path(call.firmware));
@@ -206,16 +198,21 @@ int Boot(const BootCall &call) {
     }
     Machine machine(chips, options);
 
-    std::optional<Trace> trace;
-    if (!call.trace.empty()) trace.emplace(call.trace, machine.board());
-    std::optional<VcdFile> vcd;
-    if (!call.vcd.empty()) vcd.emplace(call.vcd, call.vcd_signals, machine.board());
+    BootObservers looking_on(call.observe, machine);
+    observers = &looking_on;
+    std::optional<BoardVcd> vcd;
+    if (!call.vcd.empty()) vcd.emplace(call.vcd, call.vcd_signals, machine);
     if (WantsPanel(call)) machine.record_frames(kWirings.at(call.panel_wiring));
+    looking_on.start();
     const RunReport report = replay ? replay->run(machine) : machine.run();
+    looking_on.finish(report, Describe(report));
     SaveChips(call, chips);
     if (WantsPanel(call)) WritePanel(call, *machine.frames(), report.time);
     std::fflush(stdout);
-    fmt::print(stderr, "{}\n", call.json ? ToJson(report).dump() : Describe(report));
+    nlohmann::ordered_json json = ToJson(report);
+    looking_on.add_end(report, json);
+    fmt::print(stderr, "{}\n{}", call.json ? json.dump() : Describe(report),
+               call.json ? "" : looking_on.describe_end(report));
     if (replay) fmt::print(stderr, "{}: {}\n", call.replay, NameOf(replay->judgement().outcome));
     return report.exit_status();
 }
@@ -239,7 +236,7 @@ void AddBootCommand(CLI::App &app, int &exit_status) {
     command->add_option("--max-resets", call->most_resets, "resets before the run counts as a loop")
         ->check(CLI::PositiveNumber)
         ->capture_default_str();
-    command->add_option("--trace", call->trace, "write every register access and chip operation to this file");
+    AddObserveOptions(*command, call->observe);
     command->add_option("--nand", call->nand, "file that keeps the NAND chip: raw pages with their spare bytes");
     command->add_option("--nand-part", call->nand_part, "NAND part fitted")
         ->check(CLI::IsMember(PartNames(NandParts())))

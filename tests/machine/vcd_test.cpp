@@ -3,6 +3,7 @@
 #include "formats/parameter_store.h"
 #include "harness/logic_analyser.h"
 #include "harness/started_board.h"
+#include "machine/board_vcd.h"
 #include "machine/trace.h"
 #include "machine/vcd.h"
 
@@ -44,36 +45,92 @@ TEST(Vcd, HeaderLevelsAndEdges) {
                          "#7\n$dumpvars\n1!\n1\"\n$end\n#10\n0!\n0\"\n1\"\n#1010\n1!\n#1011\n");
 }
 
-TEST(Trace, EveryValueOfARegisterIsShown) {
-    const TemporaryDirectory here;
-    const std::string file = here.path() / "trace";
-    Chips chips;
-    Board board(chips, {});
-    {
-        const Trace trace(file, board);
-        for (const std::uint32_t value : {1u, 2u, 2u, 2u, 1u}) board.bus.write(0xFFFFF434, 4, value);
-        for (const std::uint32_t value : {3u, 4u, 5u}) board.bus.write(0x40000000, 1, value); // not connected yet
-        board.bus.read(0xFFFFF418, 4);
+// A board whose events are traced while somebody works on its registers.
+class TraceTest : public testing::Test {
+protected:
+    std::string traced(const TraceFilter &filter, std::size_t last, const std::function<void(Machine &)> &work) {
+        const std::string file = here_.path() / "trace";
+        Chips chips;
+        Machine machine(chips, {});
+        {
+            EventStream events(machine);
+            Trace trace(file, filter, last);
+            events.sinks.push_back([&](const Event &event) { trace.add(event); });
+            work(machine);
+            for (const char c : std::string("hello\nthere")) events.console(c);
+            events.finish();
+        }
+        machine.board().bus.read(0xFFFFF418, 4); // nobody looks any more
+        std::ifstream stream(file);
+        std::string text;
+        for (std::string line; std::getline(stream, line);) text += line.substr(30) + "\n"; // without time and kind
+        return text;
     }
-    board.bus.read(0xFFFFF418, 4); // the trace has gone
-    std::ifstream stream(file);
-    std::string text;
-    for (std::string line; std::getline(stream, line);) text += line.substr(19) + "\n"; // without the time
-    EXPECT_EQ(text, "W PIOB.CODR <- 0x00000001\nW PIOB.CODR <- 0x00000002\n... and 2 more\n"
-                    "W PIOB.CODR <- 0x00000001\nW NAND.DATA <- 0x03\n... and 2 more\nR PIOB.OSR -> 0x00000000\n");
+    static void work(Machine &machine) {
+        Bus &bus = machine.board().bus;
+        for (const std::uint32_t value : {1u, 2u, 2u, 2u, 1u}) bus.write(0xFFFFF434, 4, value);
+        for (const std::uint32_t value : {3u, 4u, 5u}) bus.write(0x40000000, 1, value); // not connected yet
+        bus.read(0xFFFFF418, 4);
+        machine.board().journal.note("panel", [] { return "lit"; });
+        machine.board().journal.violation("NAND", "too soon");
+    }
+
+private:
+    const TemporaryDirectory here_;
+};
+
+TEST_F(TraceTest, EveryEventOnce) {
+    EXPECT_EQ(traced({}, 0, work), "W PIOB.CODR <- 0x00000001\nW PIOB.CODR <- 0x00000002, and 2 more\n"
+                                   "W PIOB.CODR <- 0x00000001\nW NAND.DATA <- 0x03, and 2 more\n"
+                                   "R PIOB.OSR -> 0x00000000\npanel: lit\nNAND: too soon\n"
+                                   "console: hello\nconsole: there\n");
+}
+
+TEST_F(TraceTest, Filters) {
+    EXPECT_EQ(traced({}, 2, work), "console: hello\nconsole: there\n");
+    EXPECT_EQ(traced({.kinds = EventKinds("chip,violation")}, 0, work), "panel: lit\nNAND: too soon\n");
+    EXPECT_EQ(traced({.peripherals = Words("NAND,con*")}, 0, work),
+              "W NAND.DATA <- 0x03, and 2 more\nNAND: too soon\nconsole: hello\nconsole: there\n");
+    EXPECT_EQ(traced({.functions = Words("main")}, 0, work), "") << "no routine is at work";
+    EXPECT_EQ(traced({.until = 15 * kNanosecond}, 0, work), "W PIOB.CODR <- 0x00000001\n");
+    EXPECT_EQ(traced({.from = kSecond}, 0, work), "");
+    EXPECT_THROW(EventKinds("chips"), std::invalid_argument);
+}
+
+// Whoever looks on, and at whatever: the run is the same to the last instruction.
+TEST(Observers, ChangeNoCount) {
+    const TemporaryDirectory here;
+    Chips dataflash;
+    BootCase boot;
+    boot.chips = &dataflash;
+    boot.board.straps.pins_12_13 = false;
+    const RunReport plain = RunBoot(boot).report;
+    std::optional<EventStream> events;
+    std::optional<BoardVcd> vcd;
+    boot.prepare = [&](Machine &machine) {
+        events.emplace(machine);
+        vcd.emplace(here.path() / "all.vcd", "", machine);
+    };
+    boot.inspect = [&](Machine &) {
+        vcd.reset();
+        events.reset();
+    };
+    const RunReport watched = RunBoot(boot).report;
+    EXPECT_EQ(watched.time, plain.time);
+    EXPECT_EQ(watched.instructions, plain.instructions);
 }
 
 TEST(Vcd, SignalLists) {
     const auto names = [](std::string_view list) {
         std::string text;
         for (const VcdSignal &signal : VcdSignals(list))
-            text += fmt::format("{}=P{}{} ", signal.name, signal.port, signal.bit);
+            if (signal.port) text += fmt::format("{}=P{}{} ", signal.name, signal.port, signal.bit);
         return text;
     };
     EXPECT_EQ(names("SCL,SDA"), "SCL=PB5 SDA=PB4 ");
     EXPECT_EQ(names("PANEL*,NAND*,SPI_CS"),
               "PANEL_DATA=PB13 PANEL_CLOCK=PB14 PANEL_CS=PB15 NAND_RB=PA22 NAND_CE=PD15 SPI_CS=PA5 ");
-    EXPECT_EQ(VcdSignals("").size(), 11u);
+    EXPECT_EQ(VcdSignals("").size(), 20u);
     for (const char *wrong : {"SCK", "SDA,", "SDA, SCL", "scl"})
         EXPECT_THROW(VcdSignals(wrong), std::invalid_argument) << wrong;
 }

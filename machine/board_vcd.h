@@ -1,0 +1,32 @@
+// The signals of a run as a value change dump: pins, the console's serial line, resets, the NAND chip's bus.
+//
+//   BoardVcd vcd("boot.vcd", "NAND*,CONSOLE", machine);      before the run; complete when it goes
+#pragma once
+
+#include "machine/machine.h"
+#include "machine/vcd.h"
+
+#include <fstream>
+#include <functional>
+#include <string>
+
+namespace fixture {
+
+class BoardVcd {
+public:
+    // Looks on beside whoever looks on already. Throws std::runtime_error where the file cannot be written,
+    // std::invalid_argument for a signal that there is not.
+    BoardVcd(const std::string &file, const std::string &signals, Machine &machine);
+
+private:
+    using Line = std::function<void(unsigned level)>;
+    void add_console(Machine &machine, const Line &line);
+    void add_reset(Machine &machine, const Line &line);
+    void add_nand(Machine &machine);
+
+    std::ofstream stream_;
+    VcdWriter writer_;
+    Line nand_io_, nand_cle_, nand_ale_, nand_we_, nand_re_;
+};
+
+} // namespace fixture

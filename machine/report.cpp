@@ -1,0 +1,368 @@
+#include "machine/report.h"
+
+#include "formats/file.h"
+#include "machine/raw_flash.h"
+#include "machine/report_page.h"
+
+#include <algorithm>
+#include <array>
+#include <fmt/format.h>
+#include <map>
+#include <png.h>
+#include <stdexcept>
+
+namespace fixture {
+
+namespace {
+
+constexpr Picoseconds kShortestPause = 20 * kMillisecond;
+constexpr unsigned kBlocksPerRow = 64;
+constexpr std::size_t kEventsMost = 12'000; // in the table and under the cursor: what keeps the page below 2 MB
+
+// The drawing's own units.
+constexpr unsigned kView = 1000;
+constexpr unsigned kLeft = 78;
+constexpr unsigned kWidth = kView - kLeft - 12;
+constexpr unsigned kLaneHeight = 26;
+
+double Ms(Picoseconds time) { return static_cast<double>(time) / static_cast<double>(kMillisecond); }
+
+std::string Escaped(std::string_view text) {
+    std::string html;
+    for (const char c : text) {
+        switch (c) {
+        case '<': html += "&lt;"; break;
+        case '>': html += "&gt;"; break;
+        case '&': html += "&amp;"; break;
+        case '"': html += "&quot;"; break;
+        default:
+            if (static_cast<unsigned char>(c) >= 0x20 || c == '\n' || c == '\t') html += c;
+        }
+    }
+    return html;
+}
+
+// Inside a script element nothing may look like its end.
+std::string JsonText(std::string_view text) {
+    std::string json = "\"";
+    for (const char c : text) {
+        if (c == '"' || c == '\\')
+            json += fmt::format("\\{}", c);
+        else if (static_cast<unsigned char>(c) < 0x20 || c == '<' || c == '&' || static_cast<unsigned char>(c) >= 0x7F)
+            json += fmt::format("\\u{:04x}", static_cast<unsigned char>(c));
+        else
+            json += c;
+    }
+    return json + "\"";
+}
+
+std::string Base64(std::span<const std::uint8_t> bytes) {
+    static constexpr char kDigits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string text;
+    for (std::size_t i = 0; i < bytes.size(); i += 3) {
+        const std::size_t count = std::min<std::size_t>(3, bytes.size() - i);
+        unsigned group = 0;
+        for (std::size_t n = 0; n < 3; ++n) group = group << 8 | (n < count ? bytes[i + n] : 0u);
+        for (std::size_t n = 0; n < 4; ++n) text += n <= count ? kDigits[group >> (18 - 6 * n) & 63u] : '=';
+    }
+    return text;
+}
+
+std::string DataUrl(const Picture &picture) {
+    png_image image{};
+    image.version = PNG_IMAGE_VERSION;
+    image.width = picture.width;
+    image.height = picture.height;
+    image.format = PNG_FORMAT_RGB;
+    png_alloc_size_t size = PNG_IMAGE_PNG_SIZE_MAX(image);
+    Bytes bytes(size);
+    if (!png_image_write_to_memory(&image, bytes.data(), &size, 0, picture.pixels.data(), 0, nullptr))
+        throw std::runtime_error("a frame cannot be made a picture");
+    bytes.resize(size);
+    return "data:image/png;base64," + Base64(bytes);
+}
+
+struct Piece {
+    unsigned x = 0, y = 0;
+    Picture picture{1, 1};
+};
+
+// The smallest rectangle that holds every pixel in which two pictures differ; one pixel where they are the same.
+Piece Changed(const Picture &before, const Picture &now) {
+    if (before.width != now.width || before.height != now.height) return {0, 0, now};
+    unsigned left = now.width, right = 0, top = now.height, bottom = 0;
+    for (unsigned row = 0; row < now.height; ++row)
+        for (unsigned column = 0; column < now.width; ++column) {
+            if (before.at(column, row) == now.at(column, row)) continue;
+            left = std::min(left, column);
+            right = std::max(right, column);
+            top = std::min(top, row);
+            bottom = std::max(bottom, row);
+        }
+    if (left > right) left = right = top = bottom = 0;
+    Piece piece{left, top, Picture(right - left + 1, bottom - top + 1)};
+    for (unsigned row = top; row <= bottom; ++row)
+        for (unsigned column = left; column <= right; ++column)
+            piece.picture.at(column - left, row - top) = now.at(column, row);
+    return piece;
+}
+
+bool ChangesChip(const Event &event) {
+    return event.what.starts_with("program") || event.what.starts_with("erase") || event.what.starts_with("writes") ||
+           event.what.find("program") != std::string::npos;
+}
+
+// ---------------------------------------------------------------------------------------------------------------------
+// The timeline
+
+struct Lane {
+    const char *name;
+    const char *style;
+};
+enum LaneNumber : unsigned { lane_stage, lane_console, lane_file, lane_chip, lane_change, lane_frame, kLanes };
+constexpr Lane kLaneFacts[kLanes] = {{"stages", "reset"}, {"console", "console"}, {"files", "file"},
+                                     {"chips", "chip"},   {"changes", "change"},  {"panel", "frame"}};
+
+unsigned LaneOf(const Event &event) {
+    switch (event.kind) {
+    case EventKind::console: return lane_console;
+    case EventKind::file: return lane_file;
+    case EventKind::chip: return ChangesChip(event) ? lane_change : lane_chip;
+    default: return lane_stage;
+    }
+}
+
+class Timeline {
+public:
+    explicit Timeline(Picoseconds end) : end_(std::max<Picoseconds>(end, 1)) {}
+
+    double x(Picoseconds time) const {
+        return kLeft + static_cast<double>(time) / static_cast<double>(end_) * double{kWidth};
+    }
+    void tick(unsigned lane, Picoseconds time) {
+        ticks_[lane] += fmt::format("M{:.2f} {}v{}", x(time), lane * kLaneHeight + 4, kLaneHeight - 8);
+        counts_[lane]++;
+    }
+    void band(const char *style, unsigned lane, unsigned lanes, Picoseconds from, Picoseconds to,
+              const std::string &title) {
+        bands_ +=
+            fmt::format("<rect class=\"{}\" x=\"{:.2f}\" y=\"{}\" width=\"{:.2f}\" height=\"{}\"><title>{}</title>"
+                        "</rect>",
+                        style, x(from), lane * kLaneHeight + 2, std::max(0.5, x(to) - x(from)), lanes * kLaneHeight - 4,
+                        Escaped(title));
+    }
+    std::string svg() const;
+
+private:
+    std::string axis() const;
+
+    Picoseconds end_;
+    std::string bands_;
+    std::array<std::string, kLanes> ticks_;
+    std::array<std::size_t, kLanes> counts_{};
+};
+
+// A line about every tenth of the width, at 1, 2 or 5 times a power of ten.
+std::string Timeline::axis() const {
+    double step = 1e-6;
+    for (unsigned n = 0; Ms(end_) / step > 10; ++n) step *= n % 3 == 1 ? 2.5 : 2;
+    const unsigned bottom = kLanes * kLaneHeight;
+    std::string text;
+    for (double ms = 0; ms <= Ms(end_); ms += step) {
+        const double at = x(static_cast<Picoseconds>(ms * static_cast<double>(kMillisecond)));
+        text += fmt::format("<line class=\"axis\" x1=\"{0:.2f}\" x2=\"{0:.2f}\" y1=\"0\" y2=\"{1}\"/>"
+                            "<text class=\"axis-text\" text-anchor=\"middle\" x=\"{0:.2f}\" y=\"{2}\">{3:g}</text>",
+                            at, bottom, bottom + 14, ms);
+    }
+    return text;
+}
+
+std::string Timeline::svg() const {
+    const unsigned height = kLanes * kLaneHeight + 22;
+    std::string text = fmt::format("<svg class=\"timeline\" role=\"img\" aria-label=\"What happened when\" "
+                                   "viewBox=\"0 0 {} {}\">",
+                                   kView, height);
+    text += axis() + bands_;
+    for (unsigned lane = 0; lane < kLanes; ++lane)
+        text += fmt::format("<text x=\"4\" y=\"{}\">{}</text><path class=\"t t-{}\" data-events=\"{}\" d=\"{}\"/>",
+                            lane * kLaneHeight + 17, kLaneFacts[lane].name, kLaneFacts[lane].style, counts_[lane],
+                            ticks_[lane]);
+    return text + fmt::format("<line id=\"cursor\" x1=\"{0}\" x2=\"{0}\" y1=\"0\" y2=\"{1}\"/></svg>", kLeft,
+                              kLanes * kLaneHeight);
+}
+
+// From one start to the next: a stage ends where another begins.
+void AddStages(Timeline &timeline, const RunRecord &record, Picoseconds end) {
+    std::vector<std::pair<Picoseconds, std::string>> starts;
+    for (const Event &event : record.events())
+        if (event.kind == EventKind::stage && !event.what.starts_with("takes"))
+            starts.emplace_back(event.time, event.what);
+    for (std::size_t i = 0; i < starts.size(); ++i)
+        timeline.band("stage", lane_stage, 1, starts[i].first, i + 1 < starts.size() ? starts[i + 1].first : end,
+                      starts[i].second);
+}
+
+std::string DrawTimeline(const RunRecord &record, Picoseconds end, std::span<const FrameRecorder::Frame> frames) {
+    Timeline timeline(end);
+    for (const RunRecord::Pause &pause : record.pauses())
+        timeline.band("pause", lane_console, kLanes - 1, pause.begin, pause.end,
+                      fmt::format("waits {:.3f} ms", Ms(pause.end - pause.begin)));
+    AddStages(timeline, record, end);
+    for (const Event &event : record.events()) timeline.tick(LaneOf(event), event.time);
+    for (const FrameRecorder::Frame &frame : frames) timeline.tick(lane_frame, frame.time);
+    return timeline.svg();
+}
+
+// ---------------------------------------------------------------------------------------------------------------------
+// The rest of the page
+
+std::string DrawMap(const FlashMap &map, const FlashMap *before) {
+    const auto rows = static_cast<unsigned>((map.fill.size() + kBlocksPerRow - 1) / kBlocksPerRow);
+    std::string text = fmt::format("<svg role=\"img\" aria-label=\"Blocks in use\" viewBox=\"0 0 {} {}\">",
+                                   kBlocksPerRow * 4, rows * 4);
+    for (std::size_t block = 0; block < map.fill.size(); ++block) {
+        const std::uint8_t fill = map.fill[block];
+        const bool changed = before && block < before->fill.size() && before->fill[block] != fill;
+        if (fill == 0 && !changed) continue;
+        text += fmt::format("<rect class=\"m-{}\" x=\"{}\" y=\"{}\" width=\"3.4\" height=\"3.4\" opacity=\"{:.2f}\"/>",
+                            fill == FlashMap::kBad ? "bad"
+                            : changed              ? "changed"
+                                                   : "data",
+                            block % kBlocksPerRow * 4, block / kBlocksPerRow * 4,
+                            fill == FlashMap::kBad ? 1.0 : 0.35 + 0.65 * fill / 64);
+    }
+    return text + "</svg>";
+}
+
+std::string DrawFlash(const FlashMap &before, const FlashMap &after, const std::string &medium) {
+    const auto one = [](const char *title, const FlashMap &map, const FlashMap *other) {
+        std::string text = fmt::format("<div><h3>{}</h3>{}<ul>", title, DrawMap(map, other));
+        for (const std::string &slot : map.slots) text += "<li>" + Escaped(slot) + "</li>";
+        return text + "</ul></div>";
+    };
+    return fmt::format(
+        "<p class=\"quiet\">{}: a square is a block, darker the more of it is in use; red is marked bad, "
+        "amber has changed.</p><div class=\"map\">{}{}</div>",
+        Escaped(medium), one("Before", before, nullptr), one("After", after, &before));
+}
+
+std::string EventRows(std::span<const Event> events) {
+    std::string rows;
+    for (const Event &event : events)
+        rows += fmt::format("<tr><td class=\"num\">{:.3f}</td><td>{}</td><td>{}</td><td>{}</td></tr>\n", Ms(event.time),
+                            NameOf(event.kind), Escaped(DescribeEvent(event)),
+                            event.pc ? Escaped(event.symbols->place(event.pc)) : "");
+    return rows;
+}
+
+std::string FramesJson(std::span<const FrameRecorder::Frame> frames) {
+    std::string json;
+    Picture before(0, 0);
+    for (const FrameRecorder::Frame &frame : frames) {
+        const Piece piece = Changed(before, frame.picture);
+        before = frame.picture;
+        json += fmt::format("{}{{\"ms\":{:.6f},\"lit\":{},\"x\":{},\"y\":{},\"png\":\"{}\"}}", json.empty() ? "" : ",",
+                            Ms(frame.time), frame.lit, piece.x, piece.y, DataUrl(piece.picture));
+    }
+    return json;
+}
+
+std::string EventsJson(std::span<const Event> events) {
+    std::string json;
+    for (const Event &event : events)
+        json += fmt::format("{}{{\"ms\":{:.6f},\"text\":{}}}", json.empty() ? "" : ",", Ms(event.time),
+                            JsonText(DescribeEvent(event)));
+    return json;
+}
+
+std::string Fill(std::string_view page, const std::map<std::string_view, std::string> &texts) {
+    std::string filled;
+    while (!page.empty()) {
+        const std::size_t begin = std::min(page.find("{{"), page.size());
+        filled += page.substr(0, begin);
+        page.remove_prefix(begin);
+        if (page.empty()) break;
+        const std::size_t end = page.find("}}");
+        filled += texts.at(page.substr(2, end - 2));
+        page.remove_prefix(end + 2);
+    }
+    return filled;
+}
+
+} // namespace
+
+FlashMap MapOf(const Chips &chips, bool nand) {
+    FlashMap map;
+    if (nand) {
+        for (std::uint32_t block = 0; block < kNandBlocks; ++block) {
+            std::uint8_t used = 0;
+            for (std::uint32_t page = 0; page < kNandPagesPerBlock; ++page)
+                used = static_cast<std::uint8_t>(used + !chips.nand.erased(block * kNandPagesPerBlock + page));
+            map.fill.push_back(chips.nand.marked_bad(block) ? FlashMap::kBad : used);
+        }
+    } else {
+        const std::uint32_t pages = chips.dataflash.bytes() / chips.dataflash.part().page_bytes;
+        constexpr std::uint32_t kGroup = 8;
+        for (std::uint32_t first = 0; first < pages; first += kGroup) {
+            std::uint8_t used = 0;
+            for (std::uint32_t page = first; page < std::min(first + kGroup, pages); ++page)
+                used = static_cast<std::uint8_t>(used + (chips.dataflash.erased(page) ? 0 : 64 / kGroup));
+            map.fill.push_back(used);
+        }
+    }
+    const SlotTable &slots = SlotsOf(nand ? Medium::nand : Medium::dataflash);
+    const FlashReader read = nand ? ReaderOf(chips.nand) : ReaderOf(chips.dataflash);
+    for (const Slot &slot : {slots.bootloader[0], slots.bootloader[1], slots.rescue}) {
+        const StoredImage image = ReadSlot(read, slot);
+        map.slots.push_back(fmt::format("{} at 0x{:X}: {}", slot.name, slot.address, NameOf(image.verdict)));
+        if (image.verdict == ImageVerdict::good) map.slots.back() += fmt::format(", {} bytes", image.size);
+    }
+    return map;
+}
+
+RunRecord::RunRecord(Machine &machine)
+    : before_(MapOf(machine.chips(), machine.options().board.straps.boots_from_nand())) {}
+
+void RunRecord::add(const Event &event) {
+    const bool looks_at_timer = event.kind == EventKind::access && event.where.starts_with("PIT.");
+    if (!looks_at_timer) {
+        if (event.time - last_work_ > kShortestPause) pauses_.push_back({last_work_, event.time});
+        last_work_ = event.time;
+    }
+    if (event.kind != EventKind::access) events_.push_back(event);
+}
+
+std::string ReportPage(const RunRecord &record, const RunReport &report, const FlashMap &after,
+                       std::span<const FrameRecorder::Frame> frames, const PageTexts &texts) {
+    const std::span<const Event> listed =
+        std::span(record.events()).first(std::min(record.events().size(), kEventsMost));
+    std::string note = fmt::format("{} events; register accesses are in the trace", record.events().size());
+    if (listed.size() < record.events().size()) note += fmt::format("; the first {} are listed", listed.size());
+    const std::string facts =
+        fmt::format("Boots from {}; {:.3f} ms of virtual time, {} reset{}, {} instructions.", report.medium,
+                    Ms(report.time), report.resets, report.resets == 1 ? "" : "s", report.instructions);
+    const std::string last =
+        frames.empty()
+            ? "<p class=\"quiet\">The panel shows nothing.</p>"
+            : fmt::format("<img id=\"still\" alt=\"the panel at the end\" width=\"320\" height=\"240\" src=\"{}\">",
+                          DataUrl(frames.back().picture));
+    return Fill(
+        kReportPage,
+        {{"title", Escaped("fixture: " + texts.verdict)},
+         {"tone", report.exit_status() == 0 ? "good" : "bad"},
+         {"verdict", Escaped(texts.verdict)},
+         {"facts", Escaped(facts)},
+         {"explanation", texts.explanation.empty() ? "" : "<pre>" + Escaped(texts.explanation) + "</pre>"},
+         {"timeline", DrawTimeline(record, report.time, frames)},
+         {"last_frame", last},
+         {"console", Escaped(record.console())},
+         {"flash", DrawFlash(record.before(), after, report.medium)},
+         {"events_note", Escaped(note)},
+         {"events", EventRows(listed)},
+         {"call", Escaped(texts.call)},
+         {"data",
+          fmt::format("{{\"left\":{},\"width\":{},\"view\":{},\"end\":{:.6f},\"frames\":[{}],\"events\":[{}]}}", kLeft,
+                      kWidth, kView, std::max(Ms(report.time), 1e-6), FramesJson(frames), EventsJson(listed))}});
+}
+
+} // namespace fixture

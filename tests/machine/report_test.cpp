@@ -1,0 +1,88 @@
+// The page of a run, in a browser that knows nothing of us.
+#include "tests/machine/browser.h"
+#include "harness/started_board.h"
+#include "machine/report.h"
+
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <thread>
+
+namespace fixture {
+
+namespace {
+
+struct Page {
+    std::string html;
+    std::size_t events = 0;
+    std::vector<FrameRecorder::Frame> frames;
+    RunReport report;
+};
+
+// A board that shows its splash and its bar and finds nothing to launch.
+Page MakePage() {
+    Chips chips;
+    std::optional<EventStream> events;
+    RunOptions options;
+    options.known = &TestFirmware();
+    options.firmware = &Bootloader();
+    options.console = [&](char c) { events->console(c); };
+    Machine machine(chips, options);
+    RunRecord record(machine);
+    events.emplace(machine);
+    events->sinks.push_back([&](const Event &event) { record.add(event); });
+    machine.record_frames(PanelWiring::bgr);
+    Page page;
+    page.report = machine.run();
+    events->finish();
+    machine.frames()->look();
+    page.frames = machine.frames()->frames();
+    page.events = record.events().size();
+    page.html = ReportPage(record, page.report, record.before(), page.frames,
+                           {"idle <nothing> & \"none\"", "", "fixture boot '</script>'"});
+    return page;
+}
+
+TEST(Report, InABrowser) {
+    const Page page = MakePage();
+    ASSERT_GT(page.frames.size(), 1u);
+    EXPECT_LT(page.html.size(), 2'000'000u);
+    const TemporaryDirectory here;
+    const std::string url = "file://" + here.write("report.html", page.html).string();
+    Browser browser;
+    browser.open(url);
+    EXPECT_EQ(browser.run("return document.querySelector('h1').textContent"), "idle <nothing> & \"none\"");
+    EXPECT_EQ(browser.run("return [...document.querySelectorAll('svg.timeline path')]"
+                          ".reduce((sum, path) => sum + Number(path.dataset.events), 0)"),
+              page.events + page.frames.size());
+    EXPECT_EQ(browser.run("return document.querySelectorAll('.events tbody tr').length"), page.events);
+    // A click between two frames shows the first of them, whatever was shown before.
+    for (const std::size_t wanted : {page.frames.size() - 2, std::size_t{0}}) {
+        const double ms = static_cast<double>(page.frames[wanted].time + page.frames[wanted + 1].time) / 2 /
+                          static_cast<double>(kMillisecond);
+        const auto place = browser.run(fmt::format(
+            "const svg = document.querySelector('svg.timeline'), data = JSON.parse(document.getElementById('data')"
+            ".textContent); svg.scrollIntoView(); const box = svg.getBoundingClientRect();"
+            "return [box.left + (data.left + {} / data.end * data.width) / data.view * box.width, box.top + 20]",
+            ms));
+        for (int clicks = 0; clicks < 2; ++clicks) // the second one lets go again
+            browser.click(static_cast<int>(std::lround(place[0].get<double>())),
+                          static_cast<int>(std::lround(place[1].get<double>())));
+        nlohmann::json shown;
+        for (unsigned tries = 0; tries < 100 && shown != std::to_string(wanted); ++tries) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            shown = browser.run("return document.getElementById('panel').dataset.frame");
+        }
+        EXPECT_EQ(shown, std::to_string(wanted));
+        const Colour pixel = page.frames[wanted].picture.at(160, 120);
+        EXPECT_EQ(browser.run("return [...document.getElementById('panel').getContext('2d')"
+                              ".getImageData(160, 120, 1, 1).data].slice(0, 3)"),
+                  nlohmann::json({pixel.red, pixel.green, pixel.blue}));
+    }
+    EXPECT_THAT(browser.errors(), testing::IsEmpty());
+    EXPECT_THAT(browser.requests(), testing::Each(testing::AnyOf(testing::StartsWith("data:"), url)));
+}
+
+} // namespace
+
+} // namespace fixture

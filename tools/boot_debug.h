@@ -1,0 +1,64 @@
+// What `fixture boot` shows of a run besides its console: the trace, the place of a bad end and what led to it.
+#pragma once
+
+#include "machine/debugger.h"
+#include "machine/report.h"
+#include "machine/trace.h"
+#include "tools/live.h"
+
+#include <CLI/CLI.hpp>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+namespace fixture {
+
+struct ObserveCall {
+    std::string trace;
+    std::size_t trace_last = 0;
+    std::string kinds;
+    std::string peripherals;
+    std::string functions;
+    double from_ms = 0;
+    double until_ms = 0;
+    bool keep_going = false;
+    std::optional<std::uint16_t> gdb_port;
+    std::string gdb_on = "entry";
+    std::string report;
+    std::optional<double> live; // seconds of virtual time in a second
+    bool wants_frames() const { return !report.empty() || live; }
+};
+void AddObserveOptions(CLI::App &command, ObserveCall &call);
+
+// Everything that looks on while a machine runs.
+class BootObservers {
+public:
+    // Before the run. Throws where a file cannot be written or a name in a filter does not exist.
+    BootObservers(const ObserveCall &call, Machine &machine);
+
+    void console(char c);
+    // When everybody else who looks on is in place: shows frames as they come, and waits for a debugger.
+    void start();
+    // After the run: what is left to be written and told. `verdict` in one line.
+    void finish(const RunReport &report, const std::string &verdict);
+
+    // A bad end's place, the calls that led there and the last events, in lines; empty for a good end.
+    std::string describe_end(const RunReport &report) const;
+    void add_end(const RunReport &report, nlohmann::ordered_json &json) const;
+
+private:
+    void write_report(const RunReport &report, const std::string &verdict) const;
+
+    const ObserveCall &call_;
+    Machine &machine_;
+    bool console_is_traced_;
+    EventStream events_;
+    EventRing last_{20};
+    std::optional<Trace> trace_;
+    std::optional<Debugger> debugger_;
+    std::optional<RunRecord> record_;
+    std::optional<Live> live_;
+};
+
+} // namespace fixture
