@@ -71,8 +71,8 @@ add_bench_library(machine machine host-platform formats)
 # The page that a report fills in is a document of its own.
 file(READ machine/report_page.html REPORT_PAGE)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS machine/report_page.html)
-configure_file(cmake/report_page.h.in ${CMAKE_BINARY_DIR}/made/machine/report_page.h @ONLY)
-target_include_directories(machine PRIVATE ${CMAKE_BINARY_DIR}/made)
+configure_file(cmake/report_page.cpp.in ${CMAKE_BINARY_DIR}/made/report_page.cpp @ONLY)
+target_sources(machine PRIVATE ${CMAKE_BINARY_DIR}/made/report_page.cpp)
 add_bench_library(sweep sweep machine nlohmann_json::nlohmann_json)
 # The preview's library stands before the emulator's: it brings GLib, of which the emulator library has some routines
 # under the same names, in a version of its own. The first ones at the link serve both libraries, and only GLib's can.

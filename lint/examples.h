@@ -1,15 +1,20 @@
 // What the examples in headers take as given. Nothing here is defined anywhere: examples are compiled, never linked.
 #pragma once
 
+#include "formats/debug_info.h"
 #include "formats/elf_image.h"
 #include "formats/stored_image.h"
 #include "harness/started_board.h"
+#include "machine/board_vcd.h"
+#include "machine/debugger.h"
+#include "machine/events.h"
 #include "machine/machine.h"
 #include "machine/raw_flash.h"
-#include "sweep/case.h"
+#include "machine/report.h"
 #include "src/StoredImage.h"
 #include "src/XmlExtractor.h"
 #include "src/main.h"
+#include "sweep/case.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -35,6 +40,13 @@ extern ArmProcessor processor;
 extern std::function<Picoseconds()> core_cycle;
 extern std::function<std::uint32_t()> master_clock_hz;
 extern StartedBoard started;
+extern Machine machine;
+extern std::vector<Event> listed;
+extern RunReport report;
+extern PageTexts texts;
+extern DebugInfo::Registers registers;
+extern DebugInfo::ReadWord read_word;
+extern std::span<const std::uint8_t> file_bytes;
 extern std::span<std::uint8_t> cells;
 extern const SweepFirmware &firmware;
 extern const World &world;

@@ -74,7 +74,7 @@ void EventStream::access(const BusAccess &made) {
     const bool same_place = made.address == last.address && made.is_write == last.is_write && made.bytes == last.bytes;
     const bool data_port = made.bytes < 4; // registers are words
     if (has_pending_ && same_place && (data_port || made.value == last.value)) {
-        pending_.more++;
+        ++pending_.more;
         return;
     }
     flush();

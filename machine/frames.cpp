@@ -43,7 +43,7 @@ std::optional<Picture> RenderFrame(const Lcdc &lcdc, std::span<const std::uint8_
     // Big-endian order turns whole words round: their bytes, and with them the order of the two pixels.
     const std::size_t turn = scan->little_endian ? 0 : 3;
     Picture picture(scan->width, scan->height);
-    for (std::size_t i = 0; i < picture.pixels.size(); i++) {
+    for (std::size_t i = 0; i < picture.pixels.size(); ++i) {
         const std::size_t at = i * kPixelBytes;
         const unsigned low = bytes[at ^ turn];
         const unsigned high = bytes[(at + 1) ^ turn];
@@ -96,7 +96,7 @@ std::vector<GifFrame> Animation(std::span<const FrameRecorder::Frame> frames, Pi
     constexpr Picoseconds kCentisecond = 10 * kMillisecond;
     constexpr unsigned kShortest = 2;
     std::vector<GifFrame> animation;
-    for (std::size_t i = 0; i < frames.size(); i++) {
+    for (std::size_t i = 0; i < frames.size(); ++i) {
         const Picoseconds end = std::max(i + 1 < frames.size() ? frames[i + 1].time : until, frames[i].time);
         const Picoseconds stands = std::min<Picoseconds>((end - frames[i].time) / kCentisecond, 0xFFFF);
         if (!frames[i].lit && stands < kShortest) continue;

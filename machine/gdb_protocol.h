@@ -2,8 +2,8 @@
 // that turns commands into replies.
 //
 //   GdbPacketReader reader;
-//   reader.feed(bytes);
-//   while (const auto item = reader.next()) ...
+//   reader.feed("$g#67");
+//   while (const auto item = reader.next()) std::puts(item->data.c_str());
 //
 // Whatever bytes come in, the reader and the session answer or ignore them: nothing of a packet is trusted.
 #pragma once

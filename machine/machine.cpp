@@ -243,7 +243,7 @@ std::optional<Verdict> VerdictOf(const StageResult &end) {
 RunReport Machine::run() {
     for (;;) {
         const Firmware *firmware = choose_bootloader();
-        starts_++;
+        ++starts_;
         if (!firmware) {
             report_.verdict = Verdict::no_bootloader;
             return finish(report_);
@@ -256,7 +256,7 @@ RunReport Machine::run() {
                                 : end.place;
             return finish(report_);
         }
-        report_.resets++;
+        ++report_.resets;
         tell(EventKind::reset, "processor", "reset by the " + end.place);
         board_.processor_reset();
         if (MarkerStands(board_.memory.memory())) {

@@ -2,7 +2,6 @@
 
 #include "formats/file.h"
 #include "machine/raw_flash.h"
-#include "machine/report_page.h"
 
 #include <algorithm>
 #include <array>
@@ -12,6 +11,8 @@
 #include <stdexcept>
 
 namespace fixture {
+
+extern const char *const kReportPage; // report_page.html, as the build has made it a text
 
 namespace {
 
@@ -141,7 +142,7 @@ public:
     }
     void tick(unsigned lane, Picoseconds time) {
         ticks_[lane] += fmt::format("M{:.2f} {}v{}", x(time), lane * kLaneHeight + 4, kLaneHeight - 8);
-        counts_[lane]++;
+        ++counts_[lane];
     }
     void band(const char *style, unsigned lane, unsigned lanes, Picoseconds from, Picoseconds to,
               const std::string &title) {

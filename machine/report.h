@@ -1,9 +1,8 @@
 // A run as one page of HTML that needs nothing but itself: verdict, timeline, panel, console, flash, events.
 //
 //   RunRecord record(machine);                    before the run: what the flash holds
-//   events.sinks.push_back([&](const Event &event) { record.add(event); });
-//   ...the run...
-//   const std::string page = ReportPage(record, ...);
+//   for (const Event &event : listed) record.add(event);
+//   const std::string page = ReportPage(record, report, MapOf(chips, true), machine.frames()->frames(), texts);
 #pragma once
 
 #include "machine/events.h"

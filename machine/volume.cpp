@@ -43,7 +43,7 @@ int Volume::open_file(std::string_view path, bool for_writing) {
     std::FILE *opened = std::fopen(file->c_str(), "rb");
     if (!opened) return -errno;
     int handle = 1;
-    while (files_.contains(handle)) handle++;
+    while (files_.contains(handle)) ++handle;
     files_[handle] = opened;
     last_opened_ = path;
     return handle;
