@@ -39,9 +39,9 @@ void FuzzGdb(std::span<const std::uint8_t> input) {
     GdbSession session(target);
     GdbPacketReader reader;
     const auto answer = [&](const std::string &packet) {
-        const GdbSession::Answer answer = session.handle(packet);
-        Require(answer.reply.size() <= 2 * kGdbPacketMost, "a reply longer than any packet");
-        Require(answer.replies || answer.then != GdbSession::Then::wait, "a command without an answer");
+        const GdbSession::Answer given = session.handle(packet);
+        Require(given.reply.size() <= 2 * kGdbPacketMost, "a reply longer than any packet");
+        Require(given.replies || given.then != GdbSession::Then::wait, "a command without an answer");
     };
     // The line as it comes, in two pieces, and then each of its lines as a packet that arrived whole.
     reader.feed(std::string_view(bytes).substr(0, bytes.size() / 2));
