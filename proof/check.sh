@@ -91,7 +91,7 @@ check() {
         ! grep -q 'search depth too small\|out of memory' "$log.log" || found=unknown
         states=$(sed -n 's/^ *\([0-9]*\) states, stored.*/\1/p' "$log.log")
         [ "$found" != refuted ] ||
-            (cd "$medium" && ./pan -S -r update.pml.trail) | grep '^power-up\|^loss\|^launched\|^no boot' >"$log.trail"
+            (cd "$medium" && TRAIL=1 ./pan -S -r update.pml.trail) | grep '^power-up\|^loss\|^edge\|^launched\|^no boot' >"$log.trail"
         verdict=ok
         [ "$found" = "$expected" ] || { verdict=WRONG; failed=1; }
         printf '%-5s %-9s %-7s %8s states  %s\n' "$verdict" "$medium" "$found" "$states" "$what${experiment:+ ($experiment)}"

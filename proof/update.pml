@@ -202,7 +202,7 @@ c_code {
         if (!getenv("EDGES")) return;
         const unsigned long long key = from << 32 | to, also = 2 + (unsigned)cut;
         unsigned place = (unsigned)((key * 31 + also) * 0x9E3779B97F4A7C15u >> 48);
-        for (; known[place][1]; place = (place + 1) % SIZE)
+        for (; known[place][1] && !getenv("TRAIL"); place = (place + 1) % SIZE)
             if (known[place][0] == key && known[place][1] == also) return;
         known[place][0] = key;
         known[place][1] = also;
@@ -613,8 +613,8 @@ inline choose_board() {
         place_any(SLOT(0), OLD, NEW);
         place_any(SLOT(1), OLD, NEW);
         if
-        :: true
         :: place(RESCUE_SLOT, OLD_RESCUE); cell[RECORD] = OLD_TEXT; was_rescue = true
+        :: true
         :: place(RESCUE_SLOT, OLD_RESCUE); cell[at] = HEADER; cell[RECORD] = OLD_TEXT
         fi;
         at = 0;
