@@ -1,7 +1,7 @@
 // The page of a run, in a browser that knows nothing of us.
-#include "tests/machine/browser.h"
 #include "harness/started_board.h"
 #include "machine/report.h"
+#include "tests/machine/browser.h"
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
@@ -56,6 +56,8 @@ TEST(Report, InABrowser) {
                           ".reduce((sum, path) => sum + Number(path.dataset.events), 0)"),
               page.events + page.frames.size());
     EXPECT_EQ(browser.run("return document.querySelectorAll('.events tbody tr').length"), page.events);
+    EXPECT_EQ(browser.run("return document.getElementById('still').offsetParent === null"), true)
+        << "one panel, not the picture for pages without scripts as well";
     // A click between two frames shows the first of them, whatever was shown before.
     for (const std::size_t wanted : {page.frames.size() - 2, std::size_t{0}}) {
         const double ms = static_cast<double>(page.frames[wanted].time + page.frames[wanted + 1].time) / 2 /
