@@ -27,7 +27,7 @@ std::string Value(Shape &shape, const char *usual) {
 
 void PutElement(Shape &shape, std::string &text, std::string name, const std::string &content) {
     if (shape.one_in(16)) name += shape.text(8);
-    for (unsigned copies = shape.pick({1u, 1u, 1u, 1u, 1u, 1u, 1u, 0u, 2u}); copies > 0; copies--) {
+    for (unsigned copies = shape.pick({1u, 1u, 1u, 1u, 1u, 1u, 1u, 0u, 2u}); copies > 0; --copies) {
         text += "<" + name + shape.pick({">", ">", ">", ">", ">", ">", "/>", ""}) + content;
         if (!shape.one_in(12)) text += "</" + name + ">";
     }
@@ -48,7 +48,7 @@ std::string MakeDescriptorText(Shape &shape) {
         PutElement(shape, parts, "Version", Value(shape, section.version));
         PutElement(shape, inner, section.element, parts);
     }
-    for (unsigned depth = shape.pick({1u, 0u, 2u, 40u, 200u}); depth > 0; depth--) inner = "<P>" + inner + "</P>";
+    for (unsigned depth = shape.pick({1u, 0u, 2u, 40u, 200u}); depth > 0; --depth) inner = "<P>" + inner + "</P>";
     return shape.pick({"<?xml version=\"1.0\"?>\n", "", "<", "<a>"}) + inner + shape.pick({"\n", "", "<", "</"});
 }
 
@@ -80,7 +80,7 @@ std::string Record(Shape &shape, std::size_t size, std::size_t sum) {
 std::string MakeManifestText(Shape &shape, std::size_t size, std::size_t sum) {
     if (const std::optional<Bytes> whole = shape.whole_in(8)) return AsText(*whole);
     std::string text(282 * shape.pick({2u, 2u, 2u, 2u, 1u, 0u}), '-');
-    for (unsigned records = 1 + shape.below(6); records > 0; records--) text += Record(shape, size, sum);
+    for (unsigned records = 1 + shape.below(6); records > 0; --records) text += Record(shape, size, sum);
     return text + shape.text(8);
 }
 

@@ -61,7 +61,7 @@ Bytes MakeElf(Shape &shape) {
     const auto content_at = static_cast<std::uint32_t>(names_at + names.size());
     Bytes file;
     PutRecord(file, header);
-    for (unsigned i = 0; i < segments; i++) {
+    for (unsigned i = 0; i < segments; ++i) {
         const std::uint32_t address =
             i == 0 ? 0x20010000 : shape.pick({0x20010010u, 0x20000000u, 0x24000000u, shape.number()});
         const std::uint32_t bytes = wrong(16);
@@ -74,8 +74,8 @@ Bytes MakeElf(Shape &shape) {
         {1, wrong(SHT_SYMTAB), 0, 0, wrong(symbols_at), wrong(table), wrong(2), 0, wrong(4), wrong(sizeof(Elf32_Sym))},
         {1, wrong(SHT_STRTAB), 0, 0, wrong(names_at), wrong(static_cast<std::uint32_t>(names.size())), 0, 0, 1, 0},
     };
-    for (unsigned i = 0; i < sections; i++) PutRecord(file, tables[i]);
-    for (unsigned i = 0; i < symbols; i++)
+    for (unsigned i = 0; i < sections; ++i) PutRecord(file, tables[i]);
+    for (unsigned i = 0; i < symbols; ++i)
         PutRecord(file, Elf32_Sym{wrong(1), 0x20010000 + 4 * i, 4,
                                   static_cast<unsigned char>(shape.pick({0x12u, 0x02u, 0x11u, shape.below(256)})), 0,
                                   half(1)});

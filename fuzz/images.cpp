@@ -17,7 +17,7 @@ namespace {
 constexpr std::uint32_t kSdramEnd = kSdram + kSdramBytes; // the page after it may not be touched
 
 void MarkBadBlocks(Shape &shape, NandContents &nand) {
-    for (unsigned blocks = shape.pick({0u, 0u, 1u, 2u, 3u}); blocks > 0; blocks--) {
+    for (unsigned blocks = shape.pick({0u, 0u, 1u, 2u, 3u}); blocks > 0; --blocks) {
         const std::uint32_t block = shape.one_in(3) ? shape.below(kNandBlocks) : shape.below(36);
         if (shape.one_in(2)) {
             nand.make_factory_bad(block);

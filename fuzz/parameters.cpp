@@ -20,7 +20,7 @@ void Put16(Bytes &bytes, std::size_t at, std::uint32_t value) {
 // A sector's image: records, some of them cut short or without end, and a header that fits them or does not.
 Bytes MakeSector(Shape &shape) {
     Bytes image(6);
-    for (unsigned records = shape.pick({1u, 0u, 2u, 3u, 4u, 6u, 20u, 60u}); records > 0; records--) {
+    for (unsigned records = shape.pick({1u, 0u, 2u, 3u, 4u, 6u, 20u, 60u}); records > 0; --records) {
         const Bytes data = shape.bytes(15);
         const unsigned identifier = shape.one_in(8) ? shape.below(4096) : kIdentifiers[shape.below(8)];
         const auto length = static_cast<unsigned>(shape.one_in(16) ? shape.below(16) : data.size());

@@ -32,7 +32,7 @@ Bytes MakeStream(Shape &shape, std::vector<std::uint16_t> &pixels) {
         const bool literal = shape.one_in(2);
         const std::uint32_t colour = shape.below(65536);
         PutWord(stream, (literal ? 0x8000u : 0u) | (count - 1));
-        for (std::uint32_t i = 0; i < count; i++) {
+        for (std::uint32_t i = 0; i < count; ++i) {
             pixels.push_back(static_cast<std::uint16_t>(literal ? colour + i : colour));
             if (literal || i == 0) PutWord(stream, pixels.back());
         }
@@ -73,7 +73,7 @@ Bytes MakePng(Shape &shape) {
     header.push_back(shape.pick<std::uint8_t>({2, 0, 3, 4, 6, 1}));
     header.insert(header.end(), {0, 0, shape.pick<std::uint8_t>({0, 0, 1, 2})});
     if (!shape.one_in(16)) PutChunk(shape, png, "IHDR", header);
-    for (unsigned chunks = shape.below(4); chunks > 0; chunks--)
+    for (unsigned chunks = shape.below(4); chunks > 0; --chunks)
         PutChunk(shape, png,
                  shape.pick({"PLTE", "tRNS", "gAMA", "sRGB", "cHRM", "iCCP", "bKGD", "tEXt", "zTXt", "IHDR"}),
                  shape.bytes(96));
@@ -81,7 +81,7 @@ Bytes MakePng(Shape &shape) {
     Bytes rows(shape.pick({std::size_t{240} * 961, std::size_t{0}, std::size_t{shape.below(65536)}}));
     const Bytes start = shape.bytes(128);
     std::copy_n(start.begin(), std::min(start.size(), rows.size()), rows.begin());
-    for (unsigned chunks = shape.pick({1u, 1u, 1u, 0u, 2u}); chunks > 0; chunks--)
+    for (unsigned chunks = shape.pick({1u, 1u, 1u, 0u, 2u}); chunks > 0; --chunks)
         PutChunk(shape, png, "IDAT", shape.one_in(8) ? shape.bytes(64) : Compressed(rows));
     if (!shape.one_in(8)) PutChunk(shape, png, "IEND", {});
     return png;
@@ -107,7 +107,7 @@ void FuzzPicture(std::span<const std::uint8_t> input) {
         Require(std::count(guard, guard + 4096, 0) == 4096, "stored outside the video region");
     try {
         const Picture picture = DecodeSplash(stream, "stream");
-        for (std::size_t i = 0; i < kFramePixels; i++)
+        for (std::size_t i = 0; i < kFramePixels; ++i)
             Require(picture.pixels[i] == SplashColour(pixels[i]), "the tool's picture is another one");
         Require(fits, "the tool takes runs past the end");
     } catch (const Refusal &) {

@@ -48,7 +48,7 @@ std::optional<Bytes> Shape::whole_in(std::uint32_t times) {
 void Append(Bytes &bytes, std::span<const std::uint8_t> more) { bytes.insert(bytes.end(), more.begin(), more.end()); }
 
 void Put32(Bytes &bytes, std::size_t at, std::uint32_t value) {
-    for (std::size_t i = 0; i < 4; i++) bytes.at(at + i) = static_cast<std::uint8_t>(value >> 8 * i);
+    for (std::size_t i = 0; i < 4; ++i) bytes.at(at + i) = static_cast<std::uint8_t>(value >> 8 * i);
 }
 
 Bytes MakeImage(Shape &shape) {

@@ -15,7 +15,7 @@ protected:
     const std::filesystem::path file = directory.path() / "picture";
     Picture colourful(unsigned step) {
         Picture picture(20, 20);
-        for (unsigned i = 0; i < 400; i++)
+        for (unsigned i = 0; i < 400; ++i)
             picture.pixels[i] = {static_cast<std::uint8_t>(i / step * step), static_cast<std::uint8_t>(i >> 8), 7};
         return picture;
     }
@@ -40,14 +40,14 @@ TEST_F(PictureFiles, GifKeepsFramesAndDelays) {
     GifFileType *const gif = DGifOpenFileName(file.c_str(), &error);
     ASSERT_TRUE(gif && DGifSlurp(gif) == GIF_OK);
     ASSERT_EQ(gif->ImageCount, 3);
-    for (int i = 0; i < 3; i++) {
+    for (int i = 0; i < 3; ++i) {
         const GifFrame &frame = frames[static_cast<std::size_t>(i)];
         GraphicsControlBlock control{};
         DGifSavedExtensionToGCB(gif, i, &control);
         EXPECT_EQ(static_cast<unsigned>(control.DelayTime), frame.centiseconds);
         const SavedImage &image = gif->SavedImages[i];
         Picture picture(20, 20);
-        for (std::size_t p = 0; p < picture.pixels.size(); p++) {
+        for (std::size_t p = 0; p < picture.pixels.size(); ++p) {
             const GifColorType colour = image.ImageDesc.ColorMap->Colors[image.RasterBits[p]];
             picture.pixels[p] = {colour.Red, colour.Green, colour.Blue};
             EXPECT_NEAR(colour.Red, frame.picture.pixels[p].red, 16) << "400 colours become 256, and stay near";

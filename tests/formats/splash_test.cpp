@@ -34,7 +34,7 @@ Picture Stretches(std::mt19937 &random, unsigned colours, unsigned longest) {
     for (std::uint16_t &pixel : palette) pixel = static_cast<std::uint16_t>(random() & 0x7FFF);
     for (std::size_t i = 0; i < drawn;) {
         const Colour colour = SplashColour(palette[random() % colours]);
-        for (std::size_t left = random() % longest + 1; left > 0 && i < drawn; left--) picture.pixels[i++] = colour;
+        for (std::size_t left = random() % longest + 1; left > 0 && i < drawn; --left) picture.pixels[i++] = colour;
     }
     return picture;
 }
@@ -47,9 +47,9 @@ TEST(Splash, RoundTripIsExact) {
     // Single pixels at both ends of a row, single pixels side by side, and a row of nothing else.
     Picture &single = pictures.emplace_back(kSplashWidth, kSplashHeight);
     for (const unsigned column : {0u, 2u, 3u, 318u, 319u}) single.at(column, 0) = SplashColour(1);
-    for (unsigned column = 0; column < kSplashWidth; column++)
+    for (unsigned column = 0; column < kSplashWidth; ++column)
         single.at(column, 1) = SplashColour(static_cast<std::uint16_t>(column));
-    for (std::size_t i = 0; i < pictures.size(); i++) {
+    for (std::size_t i = 0; i < pictures.size(); ++i) {
         SCOPED_TRACE(i);
         const SplashStream stream = EncodeSplash(pictures[i], "picture");
         EXPECT_EQ(DecodeSplash(stream.bytes, "stream"), pictures[i]);

@@ -15,7 +15,7 @@ TEST_P(FuzzCorpus, FindsNothing) {
     for (const auto &file : std::filesystem::directory_iterator(SourceFile("fuzz/corpus") / GetParam().name)) {
         const Bytes input = ReadFile(file.path(), 1 << 20);
         EXPECT_NO_THROW(GetParam().run(input)) << file.path();
-        files++;
+        ++files;
     }
     EXPECT_GT(files, 0u);
 }

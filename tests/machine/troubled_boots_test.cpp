@@ -15,7 +15,7 @@ TEST(Board, ResetsNeedTheirKey) {
     Chips chips;
     Board board(chips, {});
     int resets = 0;
-    board.reset_controller.processor_reset = [&] { resets++; };
+    board.reset_controller.processor_reset = [&] { ++resets; };
     board.bus.write(0xFFFFFD00, 4, 0x5A000001);
     EXPECT_EQ(resets, 0);
     EXPECT_EQ(board.journal.violations().size(), 1u);
@@ -92,7 +92,7 @@ TEST_P(Boots, HangWhereTheNandStaysBusy) {
     World world = with({});
     unsigned hangs = 0;
     RunReport report;
-    for (unsigned skip = 0; skip == 0 || report.verdict == Verdict::hang; skip += all ? 7 : 97, hangs++) {
+    for (unsigned skip = 0; skip == 0 || report.verdict == Verdict::hang; skip += all ? 7 : 97, ++hangs) {
         world.chips.nand.faults = {{.kind = NandFault::stays_busy, .skip = skip, .times = NandFault::kForever}};
         report = boot(world);
         EXPECT_EQ(report.place, report.verdict == Verdict::hang ? "PIOA.PDSR" : "reset controller") << skip;
@@ -137,7 +137,7 @@ TEST_P(Boots, LaunchWhateverTheWiresDo) {
     EXPECT_EQ(good.light, (UiState{true, true, 100}));
     std::size_t starts = 1;
     const std::string wire = monitor->take();
-    for (std::size_t at = 0; (at = wire.find("Sr", at)) != std::string::npos; at++) starts++;
+    for (std::size_t at = 0; (at = wire.find("Sr", at)) != std::string::npos; ++at) ++starts;
     const LineFault faults[] = {{Line::scl, 0, 100}, {Line::scl, 0, 150}, {Line::scl}, {Line::sda, 0, 30}, {Line::sda}};
     std::size_t lost = 0;
     for (std::uint64_t clock = 0; clock <= good.clocks; clock += all ? 1 : 97)

@@ -98,8 +98,8 @@ protected:
     void begin_again() {
         started.board().two_wire_trouble.clear();
         device.clear_faults();
-        for (int clock = 0; clock < 9; clock++) started.call("I2C_SendNack");
-        for (int stop = 0; stop < 2; stop++) started.call("I2C_Stop");
+        for (int clock = 0; clock < 9; ++clock) started.call("I2C_SendNack");
+        for (int stop = 0; stop < 2; ++stop) started.call("I2C_Stop");
         monitor.take();
     }
     // The register accesses of a call: "CODR=20 PER=20 PDSR ".
@@ -126,7 +126,7 @@ TEST_P(TwoWireBus, Conversations) {
         const bool reads = routine.starts_with("TWIRead");
         device.next_reply = c.reply;
         device.sub_addresses = std::isdigit(routine.back()) ? static_cast<unsigned>(routine.back() - '0') : 0;
-        for (unsigned i = 0; i < 16; i++) started.at(data)[i] = reads ? 0xEE : static_cast<std::uint8_t>(0xA1 + i);
+        for (unsigned i = 0; i < 16; ++i) started.at(data)[i] = reads ? 0xEE : static_cast<std::uint8_t>(0xA1 + i);
         started.at(count)[0] = static_cast<std::uint8_t>(c.count);
         started.at(count)[1] = 0;
         for (const SlaveFault &fault : c.device) device.inject(fault);
@@ -140,7 +140,7 @@ TEST_P(TwoWireBus, Conversations) {
         while (wire.ends_with(" 00+")) wire.resize(wire.size() - 4); // the clocks of a recovery look like bytes
         EXPECT_EQ(wire, c.wire);
         const unsigned stored = reads && c.result != 5 && c.result != 6 && c.result != 3 ? c.counted : 0;
-        for (unsigned i = 0; reads && i < 16; i++)
+        for (unsigned i = 0; reads && i < 16; ++i)
             EXPECT_EQ(started.at(data)[i], i < stored ? c.reply + i : 0xEE) << "byte " << i;
     }
     EXPECT_TRUE(started.board().journal.violations().empty());

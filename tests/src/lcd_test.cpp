@@ -175,7 +175,7 @@ TEST_P(Lcd, BacklightBranches) {
 
 // The bar by its definition, pixel by pixel, on the region with its guards.
 void ExpectedLine(Pixels &pixels, std::uint16_t x0, std::uint16_t x1, std::uint16_t y, std::uint16_t colour) {
-    for (std::int32_t i = 0, count = static_cast<std::int16_t>(x1 - x0); i < count; i++) {
+    for (std::int32_t i = 0, count = static_cast<std::int16_t>(x1 - x0); i < count; ++i) {
         const std::size_t at = std::size_t{y} * 320 + x0 + static_cast<std::size_t>(i);
         if (at < kRegionPixels) pixels[kGuardPixels + at] = colour;
     }
@@ -188,7 +188,7 @@ TEST_P(Lcd, BarFillsColumnsAndStaysInTheRegion) {
         SCOPED_TRACE(percent);
         Pixels expected = painted();
         const auto filled = static_cast<std::uint16_t>(std::int64_t{percent} * 320 / 100);
-        for (std::uint16_t y = 220; y < 240; y++) {
+        for (std::uint16_t y = 220; y < 240; ++y) {
             ExpectedLine(expected, 0, filled, y, 0x035F);
             ExpectedLine(expected, filled, 320, y, 0x0000);
         }
@@ -248,7 +248,7 @@ TEST_P(Lcd, DecoderAtItsLimits) {
 // A literal run that would pass the region's end: what is stored comes from the stream, the rest is not read.
 TEST_P(Lcd, DecoderReadsNoMoreThanItStores) {
     Pixels words = {0x7FFF, 1, 0x7FFF, 2, 0x2BFE, 3, 0xFFFF}; // 76,799 pixels, then a literal run of 32,768
-    for (std::size_t i = 0; i < kRegionPixels - 76799; i++) words.push_back(static_cast<std::uint16_t>(i));
+    for (std::size_t i = 0; i < kRegionPixels - 76799; ++i) words.push_back(static_cast<std::uint16_t>(i));
     const std::uint32_t stream = kSdramBase + kSdramSize - static_cast<std::uint32_t>(words.size()) * 2;
     std::memcpy(started.at(stream), words.data(), words.size() * 2); // memory ends with it
     const Pixels pixels = drawn_by("LCD_InsertImage", stream);

@@ -264,7 +264,7 @@ TEST_P(NandDriver, WithoutAChipOrAGoodBlockReadsGiveErasedFlash) {
         EXPECT_EQ(raw.accesses() + raw.started.console(), "");
     }
     Raw raw(GetParam());
-    for (std::uint32_t block = 0; block < kNandBlocks; block++) raw.nand.make_factory_bad(block);
+    for (std::uint32_t block = 0; block < kNandBlocks; ++block) raw.nand.make_factory_bad(block);
     const NandContents before = raw.nand;
     ASSERT_EQ(raw.init(), 1);
     raw.write(0, Bytes(5, 0), 5);

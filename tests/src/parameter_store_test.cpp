@@ -165,7 +165,7 @@ TEST_P(ParameterStore, ChoosesTheSector) {
     for (const Choice &choice : kChoices) {
         SCOPED_TRACE(choice.name);
         chips.eeprom = EepromContents{};
-        for (int sector = 0; sector < 2; sector++) {
+        for (int sector = 0; sector < 2; ++sector) {
             if (choice.words[sector] < 0) continue;
             Data image = MakeStoreImage(static_cast<unsigned>(choice.words[sector]), {{10, mark(sector)}, {11, {}}});
             if (choice.broken[sector]) image[8] ^= 0x40;
@@ -178,7 +178,7 @@ TEST_P(ParameterStore, ChoosesTheSector) {
         EXPECT_EQ(lookup(11).has_value(), choice.chosen >= 0) << "a parameter without data";
         EXPECT_EQ(lookup(0xFFF), std::nullopt);
         const StoreReport after = ReadStore(chips.eeprom.bytes);
-        for (int sector = 0; sector < 2; sector++)
+        for (int sector = 0; sector < 2; ++sector)
             EXPECT_EQ(after.sectors[sector].empty(), before.sectors[sector].empty() || choice.cleaned == sector);
     }
 }
@@ -247,7 +247,7 @@ TEST_P(ParameterStore, RandomUpdates) {
     write_time = 0;
     boot();
     Parameters current = stored;
-    for (int step = 0; step < (GetParam() == Processor::arm ? 24 : 400); step++) {
+    for (int step = 0; step < (GetParam() == Processor::arm ? 24 : 400); ++step) {
         Data data(random() % 16);
         for (std::uint8_t &byte : data) byte = static_cast<std::uint8_t>(random());
         const unsigned identifier = 9 + static_cast<unsigned>(random() % 13); // at most 235 bytes: within the safe 256
@@ -341,8 +341,8 @@ TEST_P(ParameterStore, CutCommitsLeaveOldOrNewNeverNeither) {
     unsigned olds = 0, news = 0;
     write_time = 0;
     for (const int sector : {0, 1})
-        for (std::uint64_t operation = 0; operation <= kOperations; operation++)
-            for (unsigned tear = arm ? 3u : 0u; tear <= (arm ? 3u : Eeprom24lc16::kPageSize + 8); tear++) {
+        for (std::uint64_t operation = 0; operation <= kOperations; ++operation)
+            for (unsigned tear = arm ? 3u : 0u; tear <= (arm ? 3u : Eeprom24lc16::kPageSize + 8); ++tear) {
                 SCOPED_TRACE(fmt::format("from sector {}, operation {}, tear {}", sector, operation, tear));
                 chips.eeprom = ChipWith(before, sector);
                 boot();

@@ -59,10 +59,10 @@ TEST_P(UiLink, Exchanges) {
         trouble.clear();
         ui.clear_faults();
         ui.state = UiState{};
-        for (int i = 0; i < 9; i++) started.call("I2C_SendNack");
-        for (int i = 0; i < 2; i++) started.call("I2C_Stop");
+        for (int i = 0; i < 9; ++i) started.call("I2C_SendNack");
+        for (int i = 0; i < 2; ++i) started.call("I2C_Stop");
         monitor.take();
-        for (unsigned i = 0; i < 32; i++) started.at(data)[i] = static_cast<std::uint8_t>(i == 0 ? 0x64 : i);
+        for (unsigned i = 0; i < 32; ++i) started.at(data)[i] = static_cast<std::uint8_t>(i == 0 ? 0x64 : i);
         std::vector<std::uint8_t> expected(started.at(data), started.at(data) + 32);
         std::copy(x.reply.begin(), x.reply.end(), expected.begin());
         started.at(length)[0] = static_cast<std::uint8_t>(x.length);
@@ -84,7 +84,7 @@ TEST_P(UiLink, Exchanges) {
 TEST_P(UiLink, ReplyWithoutChecksum) {
     const std::uint32_t data = started.scratch(2);
     const std::uint32_t length = started.scratch_text(std::string("\2\0", 2));
-    for (unsigned flip = 0; flip < 256; flip++) {
+    for (unsigned flip = 0; flip < 256; ++flip) {
         ui.inject({At::reply, 0, 1, static_cast<std::uint8_t>(flip)});
         trouble.inject({LineFault::Line::scl, 57, 150});
         ASSERT_EQ(started.call("uiReadCmd", 0x63, data, length), 1u) << flip;

@@ -65,7 +65,7 @@ TEST(Sweep, ChipsOfACutAreThoseThatTheCutLeaves) {
     const std::vector<Snapshot> snapshots = sweeper.record(world.chips, 0, {}, 1, [](const Cut &) { return true; });
     ASSERT_EQ(snapshots.size(), 3 * sweeper.operations());
     std::set<std::uint64_t> states;
-    for (std::size_t n = 0; n < snapshots.size(); n++) {
+    for (std::size_t n = 0; n < snapshots.size(); ++n) {
         states.insert(sweeper.digest(snapshots[n].chips));
         if (n % 31 > 2) continue;
         EXPECT_EQ(sweeper.digest(sweeper.cut({snapshots[n].cut}, 1)), sweeper.digest(snapshots[n].chips)) << n;

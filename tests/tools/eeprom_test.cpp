@@ -27,7 +27,7 @@ protected:
     CommandResult show() { return RunCommand(AddEepromCommand, {"eeprom", "show", file}); }
     void make(const Bytes (&sectors)[2]) {
         EepromContents chip;
-        for (int sector = 0; sector < 2; sector++) PlaceStoreImage(chip.bytes, sector, sectors[sector]);
+        for (int sector = 0; sector < 2; ++sector) PlaceStoreImage(chip.bytes, sector, sectors[sector]);
         SaveChip(chip, file);
     }
 };
@@ -106,7 +106,7 @@ TEST_F(EepromTool, RefusesWhatCannotWork) {
     EXPECT_EQ(show().exit_status, 2) << "no such file";
 
     std::vector<std::string> settings;
-    for (unsigned id = 0; id < 14; id++) settings.push_back(std::to_string(id) + "=" + std::string(30, 'A'));
+    for (unsigned id = 0; id < 14; ++id) settings.push_back(std::to_string(id) + "=" + std::string(30, 'A'));
     ASSERT_EQ(set(settings).exit_status, 0); // 246 bytes
     EXPECT_EQ(set({"20=" + std::string(16, 'A')}).exit_status, 0) << "256 bytes";
     const Bytes full = ReadFile(file, 4096);

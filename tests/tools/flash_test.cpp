@@ -38,7 +38,7 @@ TEST(FlashSlots, AnImageIsJudgedByMakerSizeAndSums) {
     for (const auto &[bytes, verdict] : rows) EXPECT_EQ(JudgeImage(bytes, kCapacity).verdict, verdict) << bytes.size();
     for (const std::uint32_t size : {0u, 31u, kCapacity + 1, 0xFFFFFFE0u, 0xFFFFFFFFu}) {
         Bytes image = full;
-        for (int n = 0; n < 4; n++) image[20 + n] = static_cast<std::uint8_t>(size >> 8 * n);
+        for (int n = 0; n < 4; ++n) image[20 + n] = static_cast<std::uint8_t>(size >> 8 * n);
         EXPECT_EQ(JudgeImage(image, kCapacity).verdict, ImageVerdict::bad_size) << size;
     }
 }
@@ -181,7 +181,7 @@ TEST_F(FlashTool, AnImageIsWarnedOfTheHolesItWouldMeet) {
         const RawFlash flash = row.part ? RawFlashOf(dataflash) : RawFlashOf(nand);
         std::vector<std::string> found =
             row.rescue ? WarningsOfRescue(flash, row.bytes) : WarningsOfBootloader(flash, row.bytes);
-        for (std::size_t n = 0; n < found.size() && n < row.warnings.size(); n++)
+        for (std::size_t n = 0; n < found.size() && n < row.warnings.size(); ++n)
             found[n].resize(std::min(found[n].size(), row.warnings[n].size()));
         EXPECT_EQ(found, row.warnings) << row.bytes;
     }
