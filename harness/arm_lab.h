@@ -57,8 +57,9 @@ struct Debugger : Semihosting {
 struct Lines : CacheObserver {
     void clean_line(std::uint32_t address) override { cleaned.push_back(address); }
     void clean_all() override { ++all; }
+    void drain() override { ++drains; }
     Words cleaned;
-    unsigned all = 0;
+    unsigned all = 0, drains = 0;
 };
 
 } // namespace arm_lab

@@ -16,7 +16,8 @@ struct DataflashWire {
                   std::size_t read = 0);
     void page_command(std::uint8_t opcode, std::uint32_t page, Picoseconds wait = 50 * kMillisecond);
     Bytes array(std::uint32_t page, std::uint32_t offset, std::size_t length);
-    std::uint8_t status() { return talk({0xD7}, 1)[0]; }
+    // The bits that mean something on every part.
+    std::uint8_t status() { return talk({0xD7}, 1)[0] & 0xBC; }
     std::size_t violations() const { return journal.violations().size(); }
 
     Clock clock;

@@ -5,7 +5,8 @@
 
 namespace fixture {
 
-NandPins::NandPins(NandContents &on) : contents(on), chip(clock, journal, supply, contents, enable_net, ready_net) {
+NandPins::NandPins(NandContents &on, std::uint64_t seed)
+    : contents(on), chip(clock, journal, supply, contents, enable_net, ready_net, seed) {
     ready_net.attach("pull-up").set(Drive::pull_high); // the pin is an open drain
     enable.set(Drive::low);
 }
@@ -24,7 +25,7 @@ std::string NandPins::take(const std::string &step) {
     case 'c': chip.command(static_cast<std::uint8_t>(value)); break;
     case 'a': chip.address(static_cast<std::uint8_t>(value)); break;
     case 'w': chip.write(value); break;
-    case 's': chip.command(0x70); [[fallthrough]]; // read status
+    case 's': chip.command(0x70); return fmt::format("s{:0{}X}", chip.read() & (digits == 2 ? 0xC1 : 0xFFC1), digits);
     case 'r': return fmt::format("{}{:0{}X}", step[0], digits == 2 ? chip.read() & 0xFF : chip.read(), digits);
     case 'l': enable.set(Drive::low); break;
     case 'h': enable.set(Drive::high); break;

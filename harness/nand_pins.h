@@ -14,10 +14,11 @@
 namespace fixture {
 
 // A conversation is a text of steps:
-//   cXX command, aXX address cycle, wXX data in (words as wXXXX), rXX data out with what is expected, sXX status,
-//   l and h the level of chip enable, "." waits until the chip is ready, ? gives the ready/busy level as ?0 or ?1
+//   cXX command, aXX address cycle, wXX data in (words as wXXXX), rXX data out with what is expected, sXX the bits
+//   of the status that every part defines, l and h the level of chip enable, "." waits until the chip is ready, ? gives
+//   the ready/busy level as ?0 or ?1
 struct NandPins {
-    explicit NandPins(NandContents &on);
+    explicit NandPins(NandContents &on, std::uint64_t seed = 1);
 
     // Holds a conversation; gives it back with what the chip said in place of what was expected.
     std::string talk(const std::string &script);
@@ -42,9 +43,10 @@ struct NandOnBus : NandPins {
         : NandPins(on), mode(mode_register), chip_selects(selects) {
         bus.map(0x40000000, NandLatches::kSize, latches, "NAND");
     }
-    const std::uint32_t cycle = 0x00050007, mode, chip_selects;
+    std::uint32_t pulse = 0x03030303, cycle = 0x00050007;
+    const std::uint32_t mode, chip_selects;
     Bus bus{clock};
-    NandLatches latches{clock, journal, bus, chip, {cycle, mode, chip_selects}};
+    NandLatches latches{clock, journal, bus, chip, {pulse, cycle, mode, chip_selects}};
 };
 
 } // namespace fixture

@@ -13,12 +13,13 @@ namespace fixture {
 struct SmallScreen {
     Clock clock;
     Journal journal{clock};
-    bool clocked = true, backlight = true;
-    Lcdc lcdc{journal, [this] { return clocked; }};
+    bool clocked = true, pins = true, backlight = true;
+    Lcdc lcdc{journal, {[this] { return clocked; }, [this] { return pins; }}};
     std::vector<std::uint8_t> sdram = std::vector<std::uint8_t>(0x1000);
 
     SmallScreen() {
-        constexpr std::uint32_t kSettings[][2] = {{0x000, 0x20000100},    {0x018, 4},   {0x01C, 1}, {0x804, 0x80000082},
+        constexpr std::uint32_t kSettings[][2] = {{0x000, 0x20000100},    {0x018, 4},          {0x01C, 1},
+                                                  {0x804, 0x80009E82},    {0x808, 0x00020E04}, {0x80C, 0x02601D25},
                                                   {0x810, 3u << 21 | 1u}, {0x83C, 0x0D}};
         for (const auto &[offset, value] : kSettings) lcdc.write(offset, 4, value);
     }

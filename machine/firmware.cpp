@@ -81,13 +81,14 @@ fs::path FirmwareDirectory() {
     return fs::read_symlink("/proc/self/exe", error).parent_path().parent_path() / "arm";
 }
 
-void LoadElf(const ElfImage &image, const Memory &memory) {
+void LoadElf(const ElfImage &image, const Memory &memory, bool clear) {
     for (const ElfSegment &segment : image.segments()) {
         const std::span<std::uint8_t> place = memory.at(segment.address, segment.memory_size);
         if (place.empty())
             throw ElfError(fmt::format("{} bytes at 0x{:08X}: no memory there", segment.memory_size, segment.address));
         std::copy(segment.bytes.begin(), segment.bytes.end(), place.begin());
-        std::fill(place.begin() + static_cast<std::ptrdiff_t>(segment.bytes.size()), place.end(), std::uint8_t{0});
+        if (clear)
+            std::fill(place.begin() + static_cast<std::ptrdiff_t>(segment.bytes.size()), place.end(), std::uint8_t{0});
     }
 }
 

@@ -46,8 +46,9 @@ private:
     std::vector<Firmware> builds_;
 };
 
-// Copies an ELF's segments into memory. Throws ElfError if one does not fit.
-void LoadElf(const ElfImage &image, const Memory &memory);
+// Copies an ELF's segments into memory. Throws ElfError if one does not fit. `clear`: what a segment has beyond its
+// file part is zeroed, as a loader of ELF files has to; a first stage that copies a flat image leaves it as it was.
+void LoadElf(const ElfImage &image, const Memory &memory, bool clear = true);
 
 // Reads an ELF or a flat binary. Throws std::runtime_error with the file's name and what is wrong.
 Firmware ReadFirmware(const std::filesystem::path &file);

@@ -54,6 +54,9 @@ void Machine::connect() {
         tell(EventKind::power, "supply", "the power goes");
         stop({StageEnd::power_lost, 0, ""});
     };
+    board_.lcdc.behind_cache = [this](std::uint32_t address) {
+        return arm_ && arm_->running() && arm_->cached(address);
+    };
     board_.bus.endless_wait = [this](const std::string &name) { stop({StageEnd::hang, 0, name}); };
     board_.journal.after_violation = [this](const JournalEntry &entry) {
         sight(1);
@@ -137,7 +140,10 @@ ArmProcessor &Machine::arm() {
 // The image in the first good slot of the strapped medium. What runs natively must be a build that is known here.
 const Firmware *Machine::bootloader_in_slot() {
     const bool nand = options_.board.straps.boots_from_nand();
-    const FlashReader read = nand ? ReaderOf(chips_.nand) : ReaderOf(chips_.dataflash);
+    NoiseSource noise(options_.board.seed, 5 + starts_); // what it reads once, it checks and starts
+    const NandContents nand_read = chips_.nand.as_read(noise);
+    const At45Contents dataflash_read = chips_.dataflash.as_read(noise);
+    const FlashReader read = nand ? ReaderOf(nand_read) : ReaderOf(dataflash_read);
     const SlotTable &slots = SlotsOf(nand ? Medium::nand : Medium::dataflash);
     report_.slot = ChooseBootloader(read, slots);
     tell(EventKind::stage, "first stage",
@@ -167,7 +173,7 @@ StageResult Machine::run_bootloader(const Firmware &firmware) {
     const std::span<std::uint8_t> place = board_.memory.memory().at(kBootloaderLinkAddress, firmware.flat.size());
     if (place.empty()) return {StageEnd::fault, 0, "the image does not fit the memory"};
     if (firmware.elf)
-        LoadElf(*firmware.elf, board_.memory.memory());
+        LoadElf(*firmware.elf, board_.memory.memory(), false);
     else
         std::copy(firmware.flat.begin(), firmware.flat.end(), place.begin());
     return arm().run(firmware.entry());
@@ -210,6 +216,7 @@ void Machine::launch() {
 RunReport Machine::finish(RunReport report) {
     report.medium = options_.board.straps.boots_from_nand() ? "NAND" : "DataFlash";
     report.time = board_.clock.now();
+    report.two_wire = board_.two_wire_times.shortest();
     report.instructions = instructions();
     const std::vector<JournalEntry> &violations = board_.journal.violations();
     if (!violations.empty() && report.verdict != Verdict::power_lost) {
@@ -277,7 +284,7 @@ StageResult Machine::start() {
     running_ = firmware;
     if (native_) return native_->start(firmware->version);
     if (!firmware->elf) throw std::runtime_error(firmware->file.string() + ": no symbols");
-    LoadElf(*firmware->elf, board_.memory.memory());
+    LoadElf(*firmware->elf, board_.memory.memory(), false);
     return arm().run(firmware->entry(), symbol("main"));
 }
 

@@ -74,6 +74,7 @@ struct RunReport {
     Picoseconds time = 0;
     std::uint64_t instructions = 0; // on the emulated processor
     std::optional<Sighting> sighting;
+    TwoWireTimes two_wire; // the shortest bit times that were seen
 
     // 0 launched, 1 nothing to launch, 3 anything that must not happen.
     int exit_status() const;

@@ -36,7 +36,10 @@ bool SameBlock(const NandContents &one, const NandContents &other, std::uint32_t
 }
 
 void AddNand(Digest &digest, const NandContents &nand, const NandContents &base) {
+    const bool disturbed = nand.disturbed() || base.disturbed();
     for (std::uint32_t block = 0; block < kNandBlocks; block++) {
+        if (disturbed || !nand.shares_block(base, block))
+            if (const std::uint64_t hidden = nand.hidden(block); hidden != base.hidden(block)) digest.add(hidden);
         if (SameBlock(nand, base, block)) continue;
         for (std::uint32_t row = block * kNandPagesPerBlock; row < (block + 1) * kNandPagesPerBlock; row++) {
             if (&nand.page(row) == &base.page(row) || nand.page(row) == base.page(row)) continue;
@@ -56,6 +59,7 @@ void AddDataflash(Digest &digest, const At45Contents &flash, const At45Contents 
         digest.add(page);
         digest.add(flash.page(page));
     });
+    digest.add(flash.hidden());
 }
 
 } // namespace
@@ -67,6 +71,7 @@ std::uint64_t DigestOf(const Chips &chips, const Chips &base) {
     AddFaults(digest, chips.nand.faults);
     AddFaults(digest, chips.dataflash.faults);
     digest.add(chips.eeprom.bytes);
+    digest.add(HashOf(chips.eeprom.unstable, 0, EepromContents::kSize));
     return digest.value();
 }
 

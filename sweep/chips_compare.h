@@ -10,7 +10,8 @@ namespace fixture {
 
 // A number that differs where the chips' contents or what is wrong with them differ. Only what is not shared with
 // `base` is looked at; digests of one base can be compared.
-// How often a page was programmed counts for nothing.
+// What no read shows counts as well: cells that a loss of power left between two states, how often a page was
+// programmed.
 std::uint64_t DigestOf(const Chips &chips, const Chips &base);
 
 // Calls for every block or page whose data differ, with its number.

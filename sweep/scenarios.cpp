@@ -360,9 +360,18 @@ std::vector<Scenario> FindScenarios(const std::vector<std::string> &names, const
     return found;
 }
 
+World MakeWorld(const std::string &scenario, const Variant &variant, std::uint64_t seed,
+                const SweepFirmware &firmware) {
+    World world = MakeWorld(variant.setup, firmware);
+    for (const char c : scenario + "/" + variant.label) seed = NoiseSource(seed, static_cast<unsigned char>(c))();
+    world.board.seed = seed;
+    world.board.slow_chips = seed % 2 != 0;
+    return world;
+}
+
 World WorldOf(const CaseId &id, const SweepFirmware &firmware) {
     const std::vector<Scenario> scenarios = FindScenarios({id.scenario + "/" + id.variant}, firmware);
-    return MakeWorld(scenarios.front().variants.front().setup, firmware);
+    return MakeWorld(id.scenario, scenarios.front().variants.front(), id.seed, firmware);
 }
 
 Judgement RunCase(const CaseId &id, ProcessorKind processor, const SweepFirmware &firmware) {

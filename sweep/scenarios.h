@@ -40,6 +40,9 @@ std::vector<Scenario> AllScenarios(const SweepFirmware &firmware);
 std::vector<Variant> HostileBoards(unsigned count);
 // The scenarios whose names, or "scenario/variant", are given. Throws std::runtime_error for an unknown name.
 std::vector<Scenario> FindScenarios(const std::vector<std::string> &names, const SweepFirmware &firmware);
+// What the cases of a variant start from. What the datasheets leave open is drawn from the variant's name and the seed:
+// noise in memory, reserved status bits, and whether the chips take their typical or their maximum times.
+World MakeWorld(const std::string &scenario, const Variant &variant, std::uint64_t seed, const SweepFirmware &firmware);
 // What a case starts from. Throws std::runtime_error where there is none of that name.
 World WorldOf(const CaseId &id, const SweepFirmware &firmware);
 

@@ -46,7 +46,8 @@ public:
     VariantSweep(const SweepPlan &plan, const Scenario &scenario, const Variant &variant, Share share,
                  const SweepFirmware &firmware, const std::function<void(const std::string &, std::uint64_t)> &at)
         : plan_(plan), scenario_(scenario), variant_(variant), share_(share), at_(at),
-          world_(MakeWorld(variant.setup, firmware)), seed_(HashOf(scenario.name + variant.label, plan.seed)) {
+          world_(MakeWorld(scenario.name, variant, plan.seed, firmware)),
+          seed_(HashOf(scenario.name + variant.label, plan.seed)) {
         if (plan.on_host) host_.emplace(world_, ProcessorKind::host, firmware);
         if (plan.on_arm) arm_.emplace(world_, ProcessorKind::arm, firmware);
         for (std::optional<Sweeper> *sweeper : {&host_, &arm_})

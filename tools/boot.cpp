@@ -128,6 +128,11 @@ nlohmann::ordered_json ToJson(const RunReport &report) {
     json["virtual_ms"] = Milliseconds(report.time);
     json["resets"] = report.resets;
     json["instructions"] = report.instructions;
+    const auto nanoseconds = [](Picoseconds time) { return time / kNanosecond; };
+    json["two_wire_ns"] = {{"clock_low", nanoseconds(report.two_wire.clock_low)},
+                           {"clock_high", nanoseconds(report.two_wire.clock_high)},
+                           {"start_hold", nanoseconds(report.two_wire.start_hold)},
+                           {"data_setup", nanoseconds(report.two_wire.data_setup)}};
     return json;
 }
 

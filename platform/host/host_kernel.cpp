@@ -7,6 +7,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <string>
 
@@ -116,6 +117,7 @@ void *host_malloc(std::size_t bytes) {
     if (bytes > kHeapSize - fixture::g_allocated) return nullptr;
     void *block = std::malloc(bytes ? bytes : 1);
     if (!block) return nullptr;
+    std::memset(block, 0xA5, bytes); // the board's heap is not cleared either
     fixture::Allocations()[block] = bytes;
     fixture::g_allocated += bytes;
     return block;

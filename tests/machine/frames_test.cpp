@@ -17,10 +17,14 @@ TEST(LcdController, ScansOnlyWhatIsProgrammedAndOn) {
         {"as it is", 0x844, 0, true, true},
         {"DMA off", 0x01C, 0, false, true},
         {"panel power off", 0x83C, 0x0C, false, true},
-        {"8 bits a pixel", 0x804, 0x80000062, true, false},
-        {"no TFT", 0x804, 0x80000081, true, false},
+        {"8 bits a pixel", 0x804, 0x80009E62, true, false},
+        {"no TFT", 0x804, 0x80009E81, true, false},
         {"frame of another size", 0x018, 5, true, false},
         {"panel of another size", 0x810, 3u << 21 | 2u, true, false},
+        {"sync not inverted", 0x804, 0x80009882, false, true},
+        {"no vertical porch", 0x808, 0x00020E00, false, true},
+        {"no line timing", 0x80C, 0, false, true},
+        {"pixel clock not divided", 0x800, 0x00005001, false, true},
         {"before SDRAM", 0x000, 0x1FFFFFF8, true, false},
         {"up to the end of SDRAM", 0x000, 0x20000FF0, true, true},
         {"past the end of SDRAM", 0x000, 0x20000FF4, true, false},
@@ -37,6 +41,9 @@ TEST(LcdController, ScansOnlyWhatIsProgrammedAndOn) {
     screen.lcdc.write(0x018, 4, 5);
     screen.lcdc.write(0x83C, 4, 0x8000000D);
     EXPECT_EQ(screen.journal.violations().size(), 1u) << "power on without a picture";
+    screen.pins = false;
+    EXPECT_FALSE(screen.lcdc.scanning()) << "pins of somebody else";
+    screen.pins = true;
     EXPECT_EQ(screen.lcdc.read(0x83C, 4), 0x0Du) << "busy cannot be written";
     screen.clocked = false;
     screen.lcdc.write(0x018, 4, 4);
@@ -67,7 +74,7 @@ TEST(LcdController, ColoursFollowTheWiring) {
             expected.at(2, 1) = colour;
             EXPECT_EQ(RenderFrame(screen.lcdc, screen.sdram, wiring), expected) << std::hex << c.pixel;
         }
-        screen.lcdc.write(0x804, 4, 0x00000082); // big-endian words: bytes and pixel pairs turned round
+        screen.lcdc.write(0x804, 4, 0x00009E82); // big-endian words: bytes and pixel pairs turned round
         const auto turned = static_cast<std::uint16_t>(c.pixel << 8 | c.pixel >> 8);
         EXPECT_EQ(RenderFrame(screen.lcdc, screen.sdram, PanelWiring::bgr)->at(3, 1),
                   PixelColour(turned, PanelWiring::bgr));

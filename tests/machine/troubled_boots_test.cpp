@@ -23,6 +23,102 @@ TEST(Board, ResetsNeedTheirKey) {
     EXPECT_EQ(resets, 1);
 }
 
+// What a board punishes that plain storage would let pass.
+TEST(Board, RecordsWhatTheDatasheetsForbid) {
+    struct Write {
+        std::uint32_t address, value;
+        unsigned bytes = 4;
+    };
+    const std::vector<Write> console = {{0xFFFFF670, 0xC0000000}, {0xFFFFF604, 0xC0000000}, {0xFFFFEE20, 54}};
+    const auto on = [&](std::vector<Write> more) {
+        more.insert(more.begin(), console.begin(), console.end());
+        return more;
+    };
+    const struct {
+        std::vector<Write> writes;
+        const char *violation;
+    } rows[] = {
+        {{{0xFFFFF208, 1}}, "bus: PIOA.PSR written: it can only be read"},
+        {{{0xFFFFF230, 1, 1}}, "bus: PIOA.SODR written with 8 bits"},
+        {{{0xFFFFED20, 0x10008}}, "MATRIX: EBI0_CSA takes chip select 1 from the SDRAM that the program runs in"},
+        {{{0xFFFFEE1C, 'x'}}, "DBGU: a character is written while the transmitter, its clock or its pin is off"},
+        {on({{0xFFFFEE1C, 'x'}}), "DBGU: a character is written while the transmitter, its clock or its pin is off"},
+        {on({{0xFFFFEE00, 0x40}, {0xFFFFEE1C, 'x'}}), ""},
+        {on({{0xFFFFEE00, 0x40}, {0xFFFFEE1C, 'x'}, {0xFFFFEE1C, 'y'}}),
+         "DBGU: a character is written before the last one is sent"},
+        {on({{0xFFFFEE20, 27}, {0xFFFFEE00, 0x40}, {0xFFFFEE1C, 'x'}}),
+         "DBGU: a character at 231528 baud, for a terminal at 115,200"},
+        {{{0xFFFFFD44, 0x3FFF2FFF}}, "WDT: MR written a second time"},
+        {{{0xFFFFFD40, 0x00000001}}, "WDT: CR written without the key: 0x00000001"},
+        {{{0xFFFFFD40, 0xA5000001}}, ""},
+        {{{0xFFFFFD00, 0xA5000009}}, "RSTC: the external reset line is not modelled"},
+        {{{0xFFFFFD00, 0xA5000004}}, "RSTC: a reset of the peripherals without the processor"},
+        {{{0xFFFFF430, 0x30}, {0xFFFFF410, 0x30}}, "PB4: driven high, but only ever to be pulled low"},
+        {{{0xFFFFF410, 0x30}}, ""},
+    };
+    for (const auto &row : rows) {
+        Chips chips;
+        Board board(chips, {});
+        for (const auto &[address, value, bytes] : row.writes) board.bus.write(address, bytes, value);
+        const std::vector<JournalEntry> &found = board.journal.violations();
+        EXPECT_EQ(found.empty() ? "" : found[0].where + ": " + found[0].what, row.violation);
+    }
+}
+
+// A watchdog's reset takes the peripherals with it, as the reset controller does when it is asked to.
+TEST(Board, ResetsWhatTheirBitsName) {
+    constexpr std::uint32_t kPins = 0xFFFFF618; // PIOC.OSR
+    for (const bool watchdog : {true, false})
+        for (const bool peripherals : {true, false}) {
+            Chips chips;
+            BoardOptions options;
+            if (watchdog) options.watchdog = kSecond;
+            Board board(chips, options);
+            board.bus.write(0xFFFFF610, 4, 0xFF);
+            if (!watchdog) board.bus.write(0xFFFFFD00, 4, peripherals ? 0xA5000005 : 0xA5000001);
+            if (watchdog && peripherals) board.clock.advance(2 * kSecond);
+            board.processor_reset();
+            EXPECT_EQ(board.bus.read(kPins, 4), peripherals ? 0u : 0xFFu);
+        }
+}
+
+// Nothing is zero that nobody zeroed, and the same seed gives the same noise.
+TEST(Board, PowersUpWithNoiseInMemory) {
+    Chips chips;
+    const auto some = [&](std::uint64_t seed) {
+        BoardOptions options;
+        options.seed = seed;
+        Board board(chips, options);
+        std::vector<std::uint8_t> bytes;
+        for (const std::uint32_t address : {0x20000000u, 0x22F00000u, 0x23000000u, 0x00300000u, 0x00500000u}) {
+            const auto memory = board.memory.memory().at(address, 4096);
+            EXPECT_LT(std::count(memory.begin(), memory.end(), 0), 100) << std::hex << address;
+            bytes.insert(bytes.end(), memory.begin(), memory.end());
+            memory[0] ^= 0xFF; // gone with the power
+        }
+        return bytes;
+    };
+    const auto first = some(1);
+    EXPECT_EQ(some(1), first);
+    EXPECT_NE(some(2), first);
+}
+
+// The chips have stopped before the processor: what it still does has no effect.
+TEST(Board, ABrownOutStopsTheChipsFirst) {
+    Chips chips;
+    Board board(chips, {});
+    bool lost = false;
+    board.supply.lost = [&] { lost = true; };
+    board.supply.plan(PowerCut{0, CutMoment::brownout, 1});
+    for (int n = 0; n < 2; ++n)
+        board.supply.change(
+            {"NAND", "erase", 0}, [&] { chips.nand.make_factory_bad(7); }, [](Random &) {});
+    EXPECT_TRUE(board.supply.on() && !board.supply.chips_on() && !lost);
+    EXPECT_FALSE(chips.nand.factory_bad(7));
+    board.clock.advance(5 * kMillisecond);
+    EXPECT_TRUE(lost && !board.supply.on());
+}
+
 // One power-up of a board with 1.9.0 and a bank on its volume, up to the first reset.
 class Boots : public testing::TestWithParam<Processor> {
 protected:

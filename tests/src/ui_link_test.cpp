@@ -66,6 +66,7 @@ TEST_P(UiLink, Exchanges) {
         std::vector<std::uint8_t> expected(started.at(data), started.at(data) + 32);
         std::copy(x.reply.begin(), x.reply.end(), expected.begin());
         started.at(length)[0] = static_cast<std::uint8_t>(x.length);
+        started.at(length)[1] = 0;
         for (const SlaveFault &fault : x.device) ui.inject(fault);
         for (const LineFault &fault : x.lines) trouble.inject(fault);
 
