@@ -3,12 +3,13 @@
 #   make boot       build all, boot the virtual fixture from a demo bank, show its console and panel
 #   make test       build what tests need, run every test
 #   make firmware   the bootloader for the board: build/arm/bootloader.elf, .bin, .map, libbootloader.a
-#   make bench      speed in virtual time and instructions
+#   make bench      speed in virtual time and instructions, compared with docs/bench.txt; make bench-record records it
+#   make size       the image's bytes by module and function, recorded in docs/size.txt
 #   make fuzz       run the fuzz targets on from their corpora, TIME=60 seconds each; FUZZ_ARGS: other fuzzer options
 #   make lint       format and lint, as CI checks them
 #   make clean
 
-.PHONY: boot test firmware fixture asan bench fuzz lint setup clean
+.PHONY: boot test firmware fixture asan bench bench-record size fuzz lint setup clean
 
 TIME = 60
 FUZZ_ARGS = -max_total_time=$(TIME)
@@ -22,7 +23,16 @@ test: firmware asan
 
 bench: firmware fixture
 	@cmake --build build/host --target fixture-bench
-	@build/host/fixture-bench
+	@build/host/fixture-bench docs/bench.txt
+
+bench-record: firmware fixture
+	@cmake --build build/host --target fixture-bench
+	@build/host/fixture-bench >build/bench.txt && mv build/bench.txt docs/bench.txt
+
+size: firmware
+	@cmake/size_ledger.sh arm-none-eabi-nm build/arm/fixed/bootloader.map build/arm/fixed/bootloader.elf >build/size.txt
+	@mv build/size.txt docs/size.txt
+	@sed -n '/^image\|^modules/p' docs/size.txt
 
 fuzz: firmware
 	@./setup.sh --fuzz

@@ -8,7 +8,7 @@ cmake ninja-build g++ pkg-config binutils git patch
 gcc-arm-none-eabi libnewlib-arm-none-eabi libstdc++-arm-none-eabi-newlib
 libunicorn-dev libelf-dev libdw-dev libcli11-dev libfmt-dev nlohmann-json3-dev
 libpng-dev libgif-dev libchafa-dev libglib2.0-dev
-libgtest-dev libgmock-dev sigrok-cli spin
+libgtest-dev libgmock-dev sigrok-cli spin z3
 "
 # Only what CI, `make test`, `make lint` and `make fuzz` use beyond that.
 case "${1:-}" in

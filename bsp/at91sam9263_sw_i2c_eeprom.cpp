@@ -28,30 +28,34 @@ constexpr std::uint16_t kEndIdentifier = 0xFFF;
 
 struct State {
     std::uint8_t images[2][kMaxImage];
-    int current;                  // index of the current image; the other one is the work image
-    std::uint16_t current_sector; // Kept: a debugger reads it, no routine does.
-    std::uint16_t target_sector;  // the next commit goes here
+    int current; // index of the current image; the other one is the work image
 };
 // Zero-filled images have length 0: a lookup before the start-up finds nothing.
-constinit State state{{}, 0, kNoSector, kNoSector};
+constinit State state{};
+
+// Apart from the images, whose zeros its start values would bring into the program's image.
+struct Sectors {
+    std::uint16_t current; // Kept: a debugger reads it, no routine does.
+    std::uint16_t target;  // the next commit goes here
+};
+constinit Sectors sectors{kNoSector, kNoSector};
 
 std::uint8_t *CurrentImage() { return state.images[state.current]; }
 std::uint8_t *WorkImage() { return state.images[1 - state.current]; }
 void SwapImages() { state.current = 1 - state.current; }
-std::uint16_t TargetSector() { return state.target_sector; }
+std::uint16_t TargetSector() { return sectors.target; }
 
 std::uint16_t OtherSector(std::uint16_t sector) { return kSectorAddress[sector == kSectorAddress[0] ? 1 : 0]; }
 
 void SetCurrentSector(std::uint16_t sector) {
-    state.current_sector = sector;
-    state.target_sector = OtherSector(sector);
+    sectors.current = sector;
+    sectors.target = OtherSector(sector);
 }
 
 void ResetState() {
     std::memset(state.images, 0xFF, sizeof state.images);
     state.current = 0;
-    state.current_sector = kNoSector;
-    state.target_sector = kNoSector;
+    sectors = {kNoSector, kNoSector};
 }
 
 std::uint16_t Get16(const std::uint8_t *bytes) { return static_cast<std::uint16_t>(bytes[0] << 8 | bytes[1]); }

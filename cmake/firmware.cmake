@@ -9,14 +9,34 @@ set(PLATFORM ${CMAKE_SOURCE_DIR}/platform/at91sam9263)
 file(GLOB PLATFORM_SOURCES CONFIGURE_DEPENDS ${PLATFORM}/*.cpp ${PLATFORM}/*.S
      ${CMAKE_SOURCE_DIR}/platform/common/*.cpp)
 
-# Everything is kept, called or not, so that each routine can be reached by its symbol.
+# How a module is compiled. What is done for every byte of an image or a picture is compiled for speed. The rest runs a
+# few times in a boot and is compiled for size, in the 16-bit instruction set but for two: the two-wire bus is timed by
+# its own instructions, and main is called by whoever starts the program, in the set of the entry.
+set(FAST_MODULES src/LCDPixels.cpp src/Sums.cpp src/driver/nandbus.cpp src/driver/nandflash.cpp
+                 bsp/ol_at91sam926x_spi.cpp bsp/ol_at91sam926x_dataflash.cpp)
+set(WIDE_MODULES ${FAST_MODULES} src/main.cpp bsp/at91sam9263_sw_i2c.cpp)
+foreach(file ${MODULE_SOURCES})
+    file(RELATIVE_PATH name ${CMAKE_SOURCE_DIR} ${file})
+    set(options -Os -mthumb)
+    if(name IN_LIST WIDE_MODULES)
+        set(options -Os)
+    endif()
+    if(name IN_LIST FAST_MODULES)
+        set(options -O2)
+    endif()
+    set_source_files_properties(${file} PROPERTIES COMPILE_OPTIONS "${options}")
+endforeach()
+
+# Every routine of the library is kept, called or not, so that each can be reached by its symbol. The C library is the
+# small one, in the 16-bit set.
 function(link_image target map)
-    target_link_options(${target} PRIVATE -mcpu=arm926ej-s -marm -nostartfiles -T ${PLATFORM}/linker.ld
-                        -Wl,-Map=${map} -Wl,--no-warn-rwx-segments -Wl,-z,noexecstack)
+    target_link_options(${target} PRIVATE -mcpu=arm926ej-s -mthumb --specs=nano.specs -nostartfiles
+                        -T ${PLATFORM}/linker.ld -Wl,-Map=${map} -Wl,--no-warn-rwx-segments -Wl,-z,noexecstack)
     set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${PLATFORM}/linker.ld)
 endfunction()
 
 add_library(platform OBJECT ${PLATFORM_SOURCES})
+target_compile_options(platform PRIVATE -Os)
 target_include_directories(platform PRIVATE ${MODULE_INCLUDES} ${CMAKE_SOURCE_DIR}/platform/common)
 
 # One image: the modules with a version and a build record of their own, on the reference platform. Kind `board` is the

@@ -119,4 +119,16 @@ if(SANITIZE)
     set_tests_properties(Protocol.IsSafeAndComesToItsEnd PROPERTIES TIMEOUT 300)
     gtest_discover_tests(fixture-tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300
                          WORKING_DIRECTORY ${CMAKE_BINARY_DIR})
+
+    # Why the fast sums are exact, for a solver.
+    file(GLOB LEMMAS CONFIGURE_DEPENDS tests/lemmas/*.smt2)
+    foreach(file ${LEMMAS})
+        get_filename_component(name ${file} NAME_WE)
+        add_test(NAME lemmas.${name} COMMAND ${CMAKE_SOURCE_DIR}/tests/lemmas/check.sh ${file})
+    endforeach()
+
+    # No line of the image's ledger grows unseen.
+    set(image ${CMAKE_SOURCE_DIR}/build/arm/fixed/bootloader)
+    add_test(NAME size.ledger COMMAND ${CMAKE_SOURCE_DIR}/cmake/size_ledger.sh arm-none-eabi-nm ${image}.map
+                                      ${image}.elf ${CMAKE_SOURCE_DIR}/docs/size.txt)
 endif()

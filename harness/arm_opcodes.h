@@ -64,3 +64,39 @@ inline Words operator+(Words a, const Words &b) {
 }
 
 } // namespace fixture::a32
+
+// The same for the 16-bit set.
+namespace fixture::t16 {
+
+enum : std::uint16_t {
+    NOP = 0x46C0,
+    B_HERE = 0xE7FE,
+    MOV_SP_R0 = 0x4685,
+    SVC_7 = 0xDF07,
+    BKPT = 0xBE00,
+    UNDEFINED = 0xDE00,
+    BL_NEXT_HIGH = 0xF000, // both halves: to the instruction after them
+    BL_NEXT_LOW = 0xF800,
+
+    STR_R1_R0 = 0x6001,
+    LDR_R3_R0_4 = 0x6843,
+    STRB_R3_R0_1 = 0x7043,
+    STRH_R3_R0_2 = 0x8043,
+    LDRSH_R3_R0_R4 = 0x5F03,
+    STR_R3_R0_R4 = 0x5103,
+    STR_R3_SP_8 = 0x9302,
+    PUSH_R1_LR = 0xB502,
+    POP_R1 = 0xBC02,
+    STM_R0_R1_R2_R3 = 0xC00E,
+};
+
+// Goes over to the 16-bit set, with r7, and on through these instructions. The first of them follows these two words.
+inline a32::Words Enter(std::vector<std::uint16_t> program) {
+    if (program.size() % 2 != 0) program.push_back(NOP);
+    a32::Words words{0xE28F7001, 0xE12FFF17}; // add r7, pc, #1; bx r7
+    for (std::size_t i = 0; i < program.size(); i += 2)
+        words.push_back(program[i] | std::uint32_t{program[i + 1]} << 16);
+    return words;
+}
+
+} // namespace fixture::t16

@@ -18,7 +18,7 @@ Picoseconds ByteTime(Board &board) {
 
 } // namespace
 
-std::vector<SpeedRow> DataflashSpeed() {
+SpeedRows DataflashSpeed() {
     Chips chips;
     StartedBoard started(Processor::arm, chips, {});
     started.call("SDFlash_Init");

@@ -11,7 +11,7 @@ constexpr std::uint32_t kPages = kSpeedBytes / kNandPageBytes;
 constexpr std::uint32_t kBlocks = kSpeedBytes / kNandBlockBytes;
 constexpr unsigned kCommandCycles = 7; // of a page read or program: two commands, five address bytes
 
-std::vector<SpeedRow> MeasurePart(const NandPart &part) {
+SpeedRows MeasurePart(const NandPart &part) {
     Chips chips;
     chips.nand = NandContents(&part);
     StartedBoard started(Processor::arm, chips, {});
@@ -30,8 +30,8 @@ std::vector<SpeedRow> MeasurePart(const NandPart &part) {
 
 } // namespace
 
-std::vector<SpeedRow> NandSpeed() {
-    std::vector<SpeedRow> rows = MeasurePart(*FindNandPart("K9F2G08U0M"));
+SpeedRows NandSpeed() {
+    SpeedRows rows = MeasurePart(*FindNandPart("K9F2G08U0M"));
     for (const SpeedRow &row : MeasurePart(*FindNandPart("MT29F2G16AAB"))) rows.push_back(row);
     return rows;
 }

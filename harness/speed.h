@@ -1,6 +1,5 @@
-// Speed of the drivers on the emulated processor, in virtual time and in instructions. Both are exact: the same figures
-// on every machine and in every run. Each time stands beside its limit: what the controllers' own timing registers and
-// the chips' busy times leave possible.
+// Speed of the shipped image on the emulated processor: in virtual time and in instructions, both exact. Each figure
+// stands beside its limit, which is computed, not measured.
 #pragma once
 
 #include "harness/started_board.h"
@@ -10,13 +9,16 @@
 
 namespace fixture {
 
+// One figure; less is better.
 struct SpeedRow {
     std::string what;
-    Picoseconds time;
-    Picoseconds limit;
-    double instructions_per_byte; // on the emulated processor
-    double ratio() const { return static_cast<double>(time) / static_cast<double>(limit); }
+    double value;
+    std::string unit;
+    double limit;
+    std::string limit_is; // how the limit comes about
+    double ratio() const { return value / limit; }
 };
+using SpeedRows = std::vector<SpeedRow>;
 
 inline constexpr std::uint32_t kSpeedBytes = 1 << 20;
 
@@ -26,21 +28,18 @@ struct Transfer {
     const char *what, *routine;
     Picoseconds limit;
 };
-std::vector<SpeedRow> MeasureTransfers(StartedBoard &started, const std::string &chip, const Transfer &write,
-                                       const Transfer &read);
+SpeedRows MeasureTransfers(StartedBoard &started, const std::string &chip, const Transfer &write, const Transfer &read);
 
 // Reads and writes on a DataFlash of 1056-byte pages; throws likewise.
-std::vector<SpeedRow> DataflashSpeed();
+SpeedRows DataflashSpeed();
 
 // Reads and writes (with verification) on an 8-bit and on a 16-bit NAND chip; throws likewise.
-std::vector<SpeedRow> NandSpeed();
+SpeedRows NandSpeed();
 
-// What drawing costs the emulated processor, beside a plain memset of the same memory.
-struct PixelRow {
-    std::string what;
-    unsigned pixels;
-    std::uint64_t instructions;
-};
-std::vector<PixelRow> PanelSpeed();
+// What each byte of an image costs where it is checked, and the shortest pause; throws likewise.
+SpeedRows PathSpeed();
+
+// What drawing costs.
+SpeedRows PanelSpeed();
 
 } // namespace fixture

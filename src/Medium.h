@@ -3,8 +3,9 @@
 // Everything in which the two differ stands here; the checks, the updates and the rescue launch are written once, for
 // any record. Start the drivers first (NandFlash_if_Init, SDFlash_Init).
 //
-//   const Medium &medium = Medium_Of(nandBoot);
-//   if (medium.read(medium.rescue_slot, image_load_buf, kHeaderSize) != 0) return -1;
+//   char version[kRescueVersionSize] = "1.0";
+//   const Medium &medium = Medium_Of(1);
+//   medium.write_short(medium.rescue_version, version, sizeof version);
 //
 // Addresses are byte addresses from the start of the medium. Nothing is printed but by the drivers.
 #pragma once

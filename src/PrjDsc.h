@@ -2,10 +2,8 @@
 // firmware files are recognised, and which version they carry.
 //
 //   PrjDsc_SetPathFilename("i:/vol0/data/app/ProjectDescriptorFile.xml");
-//   if (PrjDsc_Parse() == 0) {
-//       int type = PrjDsc_GetFileType("i:/vol0/data/app/bin/demo.bin");
-//       const char *version = PrjDsc_GetVersion(kPrjDscBootloader);
-//   }
+//   if (PrjDsc_Parse() == 0 && PrjDsc_GetFileType("i:/vol0/data/app/bin/boot.bin") == kPrjDscBootloader)
+//       std::printf("%s\n", PrjDsc_GetVersion(kPrjDscBootloader));
 //
 // The file has, at any depth, one element a type, with three direct children:
 //

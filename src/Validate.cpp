@@ -7,14 +7,13 @@
 #include "PJFS.h"
 #include "PrjDsc.h"
 #include "Rescue.h"
+#include "Sums.h"
 #include "Watchdog.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <kernel.h>
-#include <memory>
 #include <memory_map.h>
 
 namespace {
@@ -162,32 +161,6 @@ int LaunchApplication() {
     return -1;
 }
 
-// The four bytes of an aligned word, added up to two: one sum in each half.
-std::uint32_t PairSums(const std::uint8_t *bytes) {
-    constexpr std::uint32_t kEveryOther = 0x00FF00FF;
-    std::uint32_t word;
-    std::memcpy(&word, std::assume_aligned<4>(bytes), sizeof word);
-    return (word & kEveryOther) + ((word >> 8) & kEveryOther);
-}
-
-// The sum of the load buffer's first `length` bytes. Words are added without a carry between their halves, which hold
-// what 128 words can bring.
-std::uint32_t ByteSum(std::uint32_t length) {
-    constexpr std::uint32_t kRound = 128 * 4;
-    const std::uint8_t *byte = image_load_buf;
-    std::uint32_t total = 0;
-    while (length >= 16) {
-        const std::uint32_t round = std::min(length & ~15u, kRound);
-        std::uint32_t pairs = 0;
-        for (const std::uint8_t *const end = byte + round; byte != end; byte += 16)
-            pairs += PairSums(byte) + PairSums(byte + 4) + PairSums(byte + 8) + PairSums(byte + 12);
-        total += (pairs & 0xFFFF) + (pairs >> 16);
-        length -= round;
-    }
-    for (; length > 0; --length) total += *byte++;
-    return total;
-}
-
 } // namespace
 
 int Validate_Bank(const char *bank, std::uint32_t nand_boot) {
@@ -226,5 +199,5 @@ int Validate_File(const char *path, std::uint32_t checksum, std::uint32_t size) 
     }
     if (size > kLoadBufferSize) return -1;
     if (read(file, image_load_buf, size) != static_cast<ssize_t>(size)) return -1;
-    return ByteSum(size) == checksum ? 0 : -1;
+    return Sums_Bytes(image_load_buf, size) == checksum ? 0 : -1;
 }

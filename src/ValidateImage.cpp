@@ -2,6 +2,7 @@
 
 #include "Medium.h"
 #include "StoredImage.h"
+#include "Sums.h"
 
 #include <cstdio>
 #include <cstring>
@@ -89,7 +90,9 @@ int Validate_RamChecksums(const void *image) {
     const StoredImageHeader header = HeaderOf(image);
     if (!SizeIsUsable(header.size)) return -1;
     const std::uint8_t *const body = static_cast<const std::uint8_t *>(image) + kHeaderSize;
-    return SumBody(body, header.size - kHeaderSize) == RunningSums{header.sum1, header.sum2} ? 0 : -1;
+    RunningSums sums;
+    Sums_Running(&sums, body, header.size - kHeaderSize);
+    return sums == RunningSums{header.sum1, header.sum2} ? 0 : -1;
 }
 
 int Validate_LoadedImage(const void *image, std::uint32_t loaded) {

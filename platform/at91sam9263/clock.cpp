@@ -17,7 +17,9 @@ std::uint32_t PllClock(std::uint32_t setting) {
     const std::uint32_t divider = setting & 0xFF;
     const std::uint32_t multiplier = setting >> 16 & 0x7FF;
     if (divider == 0 || multiplier == 0) return 0;
-    return static_cast<std::uint32_t>(std::uint64_t{MainClock()} * (multiplier + 1) / divider);
+    // The product of a whole clock does not fit 32 bits; that of what the division leaves does.
+    const std::uint32_t main_clock = MainClock();
+    return main_clock / divider * (multiplier + 1) + main_clock % divider * (multiplier + 1) / divider;
 }
 
 std::uint32_t SourceClock(std::uint32_t selection) {

@@ -2,14 +2,6 @@
 //
 // The platform fills a record and hands it to dev_at91sam926x_twi_request (<bootloader.h>), which sets the status to
 // kTwiInProgress, acts, sets the final status and calls TWI_NotifyWaitingTask (<kernel.h>), before it returns.
-//
-//   std::uint8_t bytes[15];
-//   TwiRequest request{};
-//   request.code = kTwiParameterRead;
-//   request.address = 9;
-//   request.data = bytes;
-//   dev_at91sam926x_twi_request(&request);
-//   if (request.status == 0) std::fwrite(bytes, 1, request.count, stdout);
 #pragma once
 
 #include <cstdint>

@@ -1,14 +1,13 @@
 #include "nandflash.h"
 
 #include "gpio.h"
+#include "nandbus.h"
 
 #include <at91sam9263.h>
 #include <bit>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
-#include <utility>
 
 std::uint8_t *pWorkBuffer = nullptr;
 
@@ -36,19 +35,19 @@ constexpr ChipEntry kChips[] = {
 };
 
 struct State {
-    NandGeometry geometry;   // of the current chip
-    const ChipEntry *entry;  // null when no part matched. Kept: a debugger reads it, no routine does.
-    std::uint32_t lastBlock; // last block examined, never forgotten: blocks retired later keep their verdict
-    int lastVerdict;         // 1 = good, 0 = bad
+    NandGeometry geometry;    // of the current chip
+    const ChipEntry *entry;   // null when no part matched. Kept: a debugger reads it, no routine does.
+    std::uint32_t afterBlock; // 1 + the last block examined, never forgotten: blocks retired later keep their verdict
+    int lastVerdict;          // 1 = good, 0 = bad
 };
-constinit State state{{}, nullptr, 0xFFFFFFFF, 0};
+constinit State state{};
 
 NandGeometry &Geometry() { return state.geometry; }
 void SetEntry(const ChipEntry *entry) { state.entry = entry; }
-bool IsLastBlock(std::uint32_t block) { return state.lastBlock == block; }
+bool IsLastBlock(std::uint32_t block) { return state.afterBlock == block + 1; }
 int LastVerdict() { return state.lastVerdict; }
 int SetVerdict(std::uint32_t block, int verdict) {
-    state.lastBlock = block;
+    state.afterBlock = block + 1;
     return state.lastVerdict = verdict;
 }
 bool IsReady() { return Geometry().pageSize != 0 && pWorkBuffer != nullptr; }
@@ -108,101 +107,6 @@ void WaitReadyTwice() {
     WaitReady();
 }
 
-// --- the data register ---
-//
-// Memory is moved by words or half-words where both ends allow it, and always in unrolled turns; the chip always sees
-// single accesses of its bus width. Words hold the chip's first byte lowest.
-
-static_assert(std::endian::native == std::endian::little);
-constexpr std::uint32_t kTurn = 32; // bytes
-
-template <std::uint32_t Width> bool IsAligned(const void *address) {
-    return reinterpret_cast<std::uintptr_t>(address) % Width == 0;
-}
-
-template <typename Word> Word Load(const std::uint8_t *from) {
-    Word word;
-    std::memcpy(&word, std::assume_aligned<sizeof word>(from), sizeof word);
-    return word;
-}
-
-void StoreWord(std::uint8_t *to, std::uint32_t word) { std::memcpy(std::assume_aligned<4>(to), &word, sizeof word); }
-
-std::uint32_t TakeWord8() {
-    const std::uint32_t byte0 = NAND.DATA().read8();
-    const std::uint32_t byte1 = NAND.DATA().read8();
-    const std::uint32_t byte2 = NAND.DATA().read8();
-    const std::uint32_t byte3 = NAND.DATA().read8();
-    return ((byte3 << 8 | byte2) << 8 | byte1) << 8 | byte0;
-}
-
-std::uint32_t TakeWord16() {
-    const std::uint32_t low = NAND.DATA().read16();
-    return low | std::uint32_t{NAND.DATA().read16()} << 16;
-}
-
-template <std::uint32_t Width, typename Step, std::uint32_t... Index>
-void Unroll(Step step, std::integer_sequence<std::uint32_t, Index...>) {
-    (step(Width * Index), ...);
-}
-
-// Calls `step` with 0, Width, 2 x Width and so on, up to the end of a turn.
-template <std::uint32_t Width, typename Step> void ForTurn(Step step) {
-    Unroll<Width>(step, std::make_integer_sequence<std::uint32_t, kTurn / Width>{});
-}
-
-template <std::uint32_t (*TakeWord)()> std::uint8_t *TakeTurn(std::uint8_t *to) {
-    ForTurn<4>([to](std::uint32_t i) { StoreWord(to + i, TakeWord()); });
-    return to + kTurn;
-}
-
-void TakeBytes8(std::uint8_t *to, std::uint32_t count) {
-    if (IsAligned<4>(to))
-        for (; count >= kTurn; count -= kTurn) to = TakeTurn<TakeWord8>(to);
-    for (; count > 0; --count) *to++ = NAND.DATA().read8();
-}
-
-void TakeBytes16(std::uint8_t *to, std::uint32_t count) {
-    if (IsAligned<4>(to))
-        for (; count >= kTurn; count -= kTurn) to = TakeTurn<TakeWord16>(to);
-    for (; count > 1; count -= 2) {
-        const std::uint16_t pair = NAND.DATA().read16();
-        *to++ = static_cast<std::uint8_t>(pair);
-        *to++ = static_cast<std::uint8_t>(pair >> 8);
-    }
-}
-
-void GiveBytes8(const std::uint8_t *from, std::uint32_t count) {
-    for (; count >= kTurn; count -= kTurn, from += kTurn)
-        ForTurn<1>([from](std::uint32_t i) { NAND.DATA().write8(from[i]); });
-    for (; count > 0; --count) NAND.DATA().write8(*from++);
-}
-
-void GiveBytes16(const std::uint8_t *from, std::uint32_t count) {
-    if (IsAligned<2>(from))
-        for (; count >= kTurn; count -= kTurn, from += kTurn)
-            ForTurn<2>([from](std::uint32_t i) { NAND.DATA().write16(Load<std::uint16_t>(from + i)); });
-    for (; count > 1; count -= 2, from += 2) NAND.DATA().write16(static_cast<std::uint16_t>(from[0] | from[1] << 8));
-}
-
-bool SameBytes(const std::uint8_t *one, const std::uint8_t *other, std::uint32_t count) {
-    if (IsAligned<4>(one) && IsAligned<4>(other))
-        for (; count >= kTurn; count -= kTurn, one += kTurn, other += kTurn) {
-            std::uint32_t differences = 0;
-            ForTurn<4>(
-                [&](std::uint32_t i) { differences |= Load<std::uint32_t>(one + i) ^ Load<std::uint32_t>(other + i); });
-            if (differences != 0) return false;
-        }
-    return std::memcmp(one, other, count) == 0;
-}
-
-void CopyBytes(std::uint8_t *to, const std::uint8_t *from, std::uint32_t count) {
-    if (IsAligned<4>(to) && IsAligned<4>(from))
-        for (; count >= kTurn; count -= kTurn, to += kTurn, from += kTurn) // in place: loads and stores of many words
-            std::memcpy(std::assume_aligned<4>(to), std::assume_aligned<4>(from), kTurn);
-    std::memcpy(to, from, count);
-}
-
 // --- pages ---
 
 // Which part of a page a transfer moves. Any other value moves nothing.
@@ -238,7 +142,7 @@ int ReadPage(const NandGeometry &chip, std::uint32_t address, std::uint8_t *buff
     if (OpenPage(chip, address, area, READ, transfer) == 0) return 0;
     SendCommand(READ_CONFIRM);
     WaitReadyTwice();
-    (chip.wideBus != 0 ? TakeBytes16 : TakeBytes8)(buffer + transfer.offset, transfer.count);
+    (chip.wideBus != 0 ? NandBus_Take16 : NandBus_Take8)(buffer + transfer.offset, transfer.count);
     DisableChip();
     return 1;
 }
@@ -247,7 +151,7 @@ int ReadPage(const NandGeometry &chip, std::uint32_t address, std::uint8_t *buff
 int WritePage(const NandGeometry &chip, std::uint32_t address, const std::uint8_t *buffer, Area area) {
     Transfer transfer;
     if (OpenPage(chip, address, area, PROGRAM, transfer) == 0) return 0;
-    (chip.wideBus != 0 ? GiveBytes16 : GiveBytes8)(buffer + transfer.offset, transfer.count);
+    (chip.wideBus != 0 ? NandBus_Give16 : NandBus_Give8)(buffer + transfer.offset, transfer.count);
     SendCommand(PROGRAM_CONFIRM);
     WaitReadyTwice();
     DisableChip();
@@ -330,7 +234,7 @@ bool ProgramPage(const NandGeometry &chip, std::uint32_t address, const Progress
 
 bool VerifyPage(const NandGeometry &chip, std::uint32_t address, const Progress &at) {
     if (ReadPage(chip, address, pWorkBuffer, AREA_DATA) != 1) return false;
-    return SameBytes(pWorkBuffer + at.offset, at.source, chip.pageSize - at.offset);
+    return NandBus_Same(pWorkBuffer + at.offset, at.source, chip.pageSize - at.offset);
 }
 
 // Erases, programs and verifies one block; `progress` moves on only when all of it succeeded.
@@ -375,7 +279,7 @@ bool ReadBlock(const NandGeometry &chip, std::uint32_t block, std::uint32_t byte
     for (std::uint32_t done = 0; done < bytes; done += chip.pageSize) {
         if (AT91F_NandRead(&chip, block, done / chip.pageSize, 0, pWorkBuffer) == 0) return false;
         const std::uint32_t part = bytes - done < chip.pageSize ? bytes - done : chip.pageSize;
-        CopyBytes(to, pWorkBuffer, part);
+        NandBus_Copy(to, pWorkBuffer, part);
         to += part;
     }
     return true;

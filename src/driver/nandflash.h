@@ -1,9 +1,10 @@
 // Driver of the NAND flash chip on chip select 3: polled, without interrupts, DMA or error correction. It serves the
 // raw boot slots only; the file system has a driver of its own, and the two must not be active at the same moment.
 //
-//   NandFlash_Init();                       first; may run again and then replaces the page buffer
-//   NandFlash_Write(0x40000, image, size);  erases, programs and verifies block by block
-//   NandFlash_Read(0x40000, buffer, size);
+//   static std::uint8_t block[0x20000];
+//   NandFlash_Init();                               // first; may run again and then replaces the page buffer
+//   NandFlash_Read(0x40000, block, sizeof block);
+//   NandFlash_Write(0x220000, block, sizeof block); // erases, programs and verifies block by block
 //
 // Addresses are byte addresses in the chip's data space; spare bytes do not count. Block number = address / block size.
 // Bad blocks, by the marker in the spare area of their pages 0 and 1, are skipped by reads and writes alike. Nothing

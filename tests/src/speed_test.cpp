@@ -7,7 +7,7 @@ namespace fixture {
 
 namespace {
 
-void ExpectNear(const std::vector<SpeedRow> &rows, double write, double read) {
+void ExpectNear(const SpeedRows &rows, double write, double read) {
     for (const SpeedRow &row : rows) {
         EXPECT_GE(row.ratio(), 1.0) << row.what << ": faster than the wire";
         EXPECT_LE(row.ratio(), row.what.ends_with("write") ? write : read) << row.what;
