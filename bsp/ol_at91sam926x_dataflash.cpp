@@ -93,7 +93,7 @@ void ReadStatus() {
 
 // Returns 0 when the chip is ready, 1 when it was not in all the polls.
 std::uint32_t WaitReady() {
-    for (std::uint32_t poll = 0; poll < kReadyPolls; poll++) {
+    for (std::uint32_t poll = 0; poll < kReadyPolls; ++poll) {
         device.transfer.status = 0;
         ReadStatus();
         if (device.transfer.status & kReady) return 0;

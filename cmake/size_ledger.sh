@@ -25,7 +25,9 @@ function decimal(hex,    i, value) {
 !loaded { next }
 /^ [.*][^ ]+$/ { getline; $0 = " x " $0 }
 /^ \*fill\*/ { print decimal($2), decimal($3), "(gaps)"; next }
-/^ [^ ]+ +0x[0-9a-f]+ +0x[0-9a-f]+ [^ ]/ && decimal($3) > 0 { print decimal($2), decimal($3), $4 ($5 == "stubs" ? " stubs" : "") }
+/^ [^ ]+ +0x[0-9a-f]+ +0x[0-9a-f]+ [^ ]/ && decimal($3) > 0 {
+    print decimal($2), decimal($3), $4 ($5 == "stubs" ? " stubs" : "")
+}
 ' "$map" | sort -n > "$work/parts"
 
 # Every routine and object with a size: address, bytes, name. Two names of one place count once.
@@ -86,7 +88,8 @@ BEGIN {
     if ($4 == "stubs") place = "calls between the instruction sets"
     module[place] += $2
     for (; next_symbol <= count && address[next_symbol] < $1 + $2; ++next_symbol)
-        if (address[next_symbol] >= $1 && bytes[next_symbol] > 0) print place "\t1\t" bytes[next_symbol] "\t" called[next_symbol]
+        if (address[next_symbol] >= $1 && bytes[next_symbol] > 0)
+            print place "\t1\t" bytes[next_symbol] "\t" called[next_symbol]
 }
 END {
     for (place in module) {
@@ -103,7 +106,7 @@ image=$(wc -c < "${elf%.elf}.bin")
 sort -t '	' -k1,1 -k2,2n -k3,3nr -k4,4 "$work/lines" | awk -F '\t' -v picture="$picture" -v image="$image" '
 BEGIN {
     print "# Bytes of the image, by module and function. Made by `make size`; `make test` fails where a line grows."
-    print "# The picture is left out of the first two lines, and strings and tables without a name show in their module alone."
+    print "# The picture is left out of the first two lines. Strings without a name show in their module alone."
 }
 $4 == "image" { printf "%-58s %6d\n", "image without its picture (aim 49152)", image - picture; next }
 $1 == "" { printf "%-58s %6d\n", "modules without the picture (aim 24576)", $3 - picture; next }
