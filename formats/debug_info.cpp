@@ -140,7 +140,9 @@ std::vector<std::uint32_t> DebugInfo::call_chain(Registers registers, const Read
         const bool moves = (*before)[kStackPointer] > registers[kStackPointer] || chain.size() == 1;
         if (!moves) return chain; // stacks grow downwards: anything else would go round for ever
         // A call may be a routine's last instruction, and what it returns to another routine's first.
-        const std::uint32_t call = (*before)[kProgramCounter] - 4;
+        // The lowest bit of a return address says that the caller is in the 16-bit instruction set.
+        const std::uint32_t back = (*before)[kProgramCounter];
+        const std::uint32_t call = back & 1 ? back - 3 : back - 4;
         chain.push_back(call);
         registers = *before;
         registers[kProgramCounter] = call;
