@@ -569,12 +569,12 @@ inline place_any(base, old, new) {
 /* One block that is bad, wears out or takes a program ill; or none. */
 inline choose_damage() {
     if
-#ifndef DATAFLASH
-    :: select(worn : 2 .. 10); select(wear : 1 .. 3)
-    :: select(at : 2 .. 10); bad[at] = true; at = 0
-#endif
-    :: may_fail = true
     :: true
+    :: may_fail = true
+#ifndef DATAFLASH
+    :: select(at : 2 .. 10); bad[at] = true; at = 0
+    :: select(worn : 2 .. 10); select(wear : 1 .. 3)
+#endif
     fi
 }
 
@@ -591,6 +591,7 @@ inline choose_experiment() {
     :: IS(worn_record) -> worn = RECORD; wear = 1
     :: IS(dead_rescue) -> worn = RESCUE_SLOT; wear = 4
     :: IS(dead_slot) -> select(worn : 2 .. 7); wear = 4
+    :: IS(no_mark_on_bad_blocks) || IS(no_verify_of_pages) || IS(reads_bad_blocks) -> select(worn : 2 .. 10); select(wear : 1 .. 3)
     :: IS(unsure) || IS(unsure_once) || IS(wrong_text) /* nothing else is wrong */
     :: else -> choose_damage()
     fi;
