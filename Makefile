@@ -6,12 +6,16 @@
 #   make bench      speed in virtual time and instructions, compared with docs/bench.txt; make bench-record records it
 #   make size       the image's bytes by module and function, recorded in docs/size.txt
 #   make fuzz       run the fuzz targets on from their corpora, TIME=60 seconds each; FUZZ_ARGS: other fuzzer options
+#   make campaign  count the tables of docs/reliability.md, in PARTS=8 parts; ENGINE=local or slurm; goes on where it was
+#   make cluster-test   a campaign on a Slurm of this one machine; needs root
 #   make lint       format and lint, as CI checks them
 #   make clean
 
-.PHONY: boot test firmware fixture asan bench bench-record size fuzz lint setup clean
+.PHONY: campaign cluster-test boot test firmware fixture asan bench bench-record size fuzz lint setup clean
 
 TIME = 60
+ENGINE = local
+PARTS = 8
 FUZZ_ARGS = -max_total_time=$(TIME)
 
 boot: firmware fixture
@@ -39,6 +43,12 @@ fuzz: firmware
 	@cmake --preset fuzz >build/fuzz.log || { cat build/fuzz.log; exit 1; }
 	@cmake --build build/fuzz --target fixture-fuzz
 	@fuzz/run.sh $(FUZZ_ARGS)
+
+campaign: firmware fixture
+	@MERGE="--report docs/reliability.md" cluster/campaign.sh $(ENGINE) $(PARTS) build/campaign --report docs/reliability.md $(CAMPAIGN_ARGS)
+
+cluster-test: firmware fixture
+	@cluster/test.sh
 
 firmware: setup
 	@cmake --preset arm >build/arm.log || { cat build/arm.log; exit 1; }

@@ -21,7 +21,8 @@ constexpr unsigned kMostBoots = 4;
 constexpr char kMoments[] = {'b', 't', 'a'}; // by CutMoment
 
 std::string NameOf(const Cut &cut) {
-    return fmt::format("{}{}", cut.operation, kMoments[static_cast<unsigned>(cut.moment)]);
+    std::string name = fmt::format("{}{}", cut.operation, kMoments[static_cast<unsigned>(cut.moment)]);
+    return cut.way == 1 ? name : fmt::format("{}.{}", name, cut.way);
 }
 
 template <typename Number> bool TakeNumber(std::string_view &text, Number &number) {
@@ -31,19 +32,20 @@ template <typename Number> bool TakeNumber(std::string_view &text, Number &numbe
     return true;
 }
 
+bool Take(std::string_view &text, char expected) {
+    if (!text.starts_with(expected)) return false;
+    text.remove_prefix(1);
+    return true;
+}
+
 bool TakeCut(std::string_view &text, Cut &cut) {
     if (!TakeNumber(text, cut.operation) || text.empty()) return false;
     const char *moment = std::find(std::begin(kMoments), std::end(kMoments), text.front());
     if (moment == std::end(kMoments)) return false;
     cut.moment = static_cast<CutMoment>(moment - kMoments);
     text.remove_prefix(1);
-    return true;
-}
-
-bool Take(std::string_view &text, char expected) {
-    if (!text.starts_with(expected)) return false;
-    text.remove_prefix(1);
-    return true;
+    if (!Take(text, '.')) return true;
+    return cut.moment == CutMoment::torn && TakeNumber(text, cut.way) && cut.way > 1;
 }
 
 FlashReader ReaderFor(const World &world, const Chips &chips) {
@@ -76,9 +78,20 @@ std::optional<CaseId> ParseCase(std::string_view name) {
 }
 
 std::uint64_t TearingSeed(const std::vector<Cut> &cuts, std::uint64_t seed) {
-    for (const Cut &cut : cuts)
-        seed = (seed ^ (cut.operation * 3 + static_cast<unsigned>(cut.moment))) * 0x9E3779B97F4A7C15u;
-    return seed;
+    const Cut &cut = cuts.back();
+    const std::uint64_t operation = cut.operation * 3 + static_cast<unsigned>(cut.moment);
+    const auto seed_of = [&](std::uint64_t way) { return (seed ^ operation ^ way << 40) * 0x9E3779B97F4A7C15u; };
+    if (cut.way != 2) return seed_of(cut.way - 1);
+    // Chips choose by their first numbers, odd or even, between part of the bytes and part of the bits: the second way
+    // is the other one.
+    const auto choices = [](std::uint64_t from) {
+        Random random(from);
+        const std::uint64_t first = random() % 2;
+        return first << 1 | random() % 2;
+    };
+    std::uint64_t way = 1;
+    while (choices(seed_of(way << 8)) != 3 - choices(seed_of(0))) ++way;
+    return seed_of(way << 8);
 }
 
 PowerCut PlanOf(const std::vector<Cut> &cuts, std::uint64_t seed) {
@@ -379,7 +392,21 @@ const Judgement &Sweeper::uncut() {
     return *uncut_;
 }
 
-std::uint64_t Sweeper::count(Chips chips, unsigned number) { return power_up(chips, number, {}).operations; }
+// A task whose commit was cut commits again once the board is up.
+unsigned Sweeper::to_cut(const Chips &chips, unsigned number) const {
+    if (!world_.commits) return number;
+    const StoreReport store = ReadStore(chips.eeprom.bytes);
+    const bool done = store.current && store.sectors[*store.current].parameters == world_.after.parameters;
+    return done ? std::max(number, 1u) : 0;
+}
+
+void Sweeper::watch(Chips &chips, unsigned number, const decltype(PowerSupply::maker) &maker) {
+    power_up(chips, to_cut(chips, number), [&](PowerSupply &supply) { supply.maker = maker; });
+}
+
+std::uint64_t Sweeper::count(Chips chips, unsigned number) {
+    return power_up(chips, to_cut(chips, number), {}).operations;
+}
 
 std::uint64_t Sweeper::operations() {
     if (!operations_) operations_ = count(world_.chips, 0);
@@ -393,23 +420,22 @@ std::vector<Snapshot> Sweeper::record(const Chips &start, unsigned number, const
     const auto keep = [&](const Cut &cut) {
         if (wanted(cut)) snapshots.push_back({cut, chips});
     };
-    power_up(chips, number, [&](PowerSupply &supply) {
-        supply.maker = [&](std::uint64_t index, const ChipOperation &, const std::function<void()> &whole,
-                           const std::function<void(Random &)> &torn) {
-            keep({index, CutMoment::before});
-            if (const Cut cut{index, CutMoment::torn}; wanted(cut)) {
-                const Chips before = chips;
-                std::vector<Cut> cuts = path;
-                cuts.push_back(cut);
-                Random random(TearingSeed(cuts, seed));
-                torn(random);
-                snapshots.push_back({cut, chips});
-                chips = before;
-            }
-            whole();
-            keep({index, CutMoment::after});
-        };
-    });
+    watch(chips, number,
+          [&](std::uint64_t index, const ChipOperation &, const std::function<void()> &whole,
+              const std::function<void(Random &)> &torn) {
+              keep({index, CutMoment::before});
+              if (const Cut cut{index, CutMoment::torn}; wanted(cut)) {
+                  const Chips before = chips;
+                  std::vector<Cut> cuts = path;
+                  cuts.push_back(cut);
+                  Random random(TearingSeed(cuts, seed));
+                  torn(random);
+                  snapshots.push_back({cut, chips});
+                  chips = before;
+              }
+              whole();
+              keep({index, CutMoment::after});
+          });
     return snapshots;
 }
 
@@ -417,8 +443,8 @@ Chips Sweeper::cut(const std::vector<Cut> &path, std::uint64_t seed) {
     Chips chips = world_.chips;
     for (std::size_t n = 0; n < path.size(); n++) {
         const std::vector<Cut> cuts(path.begin(), path.begin() + static_cast<std::ptrdiff_t>(n) + 1);
-        const PowerUp last =
-            power_up(chips, static_cast<unsigned>(n), [&](PowerSupply &supply) { supply.plan(PlanOf(cuts, seed)); });
+        const PowerUp last = power_up(chips, to_cut(chips, static_cast<unsigned>(n)),
+                                      [&](PowerSupply &supply) { supply.plan(PlanOf(cuts, seed)); });
         if (!last.fired || last.report.verdict != Verdict::power_lost)
             throw std::runtime_error(
                 fmt::format("the cut at {} does not come: {} operations", NameOf(path[n]), last.operations));

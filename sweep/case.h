@@ -5,6 +5,7 @@
 //
 //   nand-update/running-erased            the uncut run
 //   nand-update/running-erased:12t        torn in the middle of operation 12 ("b" before, "a" after)
+//   nand-update/running-erased:12t.2      the same, torn in another way
 //   nand-update/running-erased:12t+3a~7   the boot after that is cut after its operation 3
 //
 // Operations count from 0 in each power-up. Up to four cold boots follow the cuts; all must then be as in the uncut
@@ -31,6 +32,7 @@ namespace fixture {
 struct Cut {
     std::uint64_t operation;
     CutMoment moment;
+    unsigned way = 1; // how it is torn, where it is
     bool operator==(const Cut &) const = default;
 };
 
@@ -42,7 +44,8 @@ struct CaseId {
 };
 std::string NameOf(const CaseId &id);
 std::optional<CaseId> ParseCase(std::string_view name);
-// What decides how the last cut tears: different for every case. And that cut, for the power supply.
+// What decides how the last cut tears: the same operation of any power-up, torn the same way, is torn alike, so that
+// what can be left is finite. And that cut, for the power supply.
 std::uint64_t TearingSeed(const std::vector<Cut> &cuts, std::uint64_t seed);
 PowerCut PlanOf(const std::vector<Cut> &cuts, std::uint64_t seed);
 
@@ -97,6 +100,8 @@ public:
     // `wanted` asks for. One run gives them all. `path` is what was cut before.
     std::vector<Snapshot> record(const Chips &chips, unsigned power_up, const std::vector<Cut> &path,
                                  std::uint64_t seed, const std::function<bool(const Cut &)> &wanted);
+    // One power-up whose changes `maker` makes, on these chips.
+    void watch(Chips &chips, unsigned power_up, const decltype(PowerSupply::maker) &maker);
     // The number of operations of one power-up.
     std::uint64_t count(Chips chips, unsigned power_up);
     // The same with the power really cut, once for every cut of a path. Throws std::runtime_error where a cut does not
@@ -112,6 +117,8 @@ public:
     // One power-up without a cut; and what one does on a board made ready with options().
     void boot(Chips &chips, unsigned number);
     RunReport run(Machine &machine, unsigned number) const;
+    // The number that a power-up to be cut counts as: 0, which commits, as long as a commit has not come to its end.
+    unsigned to_cut(const Chips &chips, unsigned number) const;
     RunOptions options() const;
 
     std::uint64_t digest(const Chips &chips) const;

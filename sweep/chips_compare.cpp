@@ -2,6 +2,8 @@
 
 #include <cstring>
 #include <span>
+#include <string_view>
+#include <type_traits>
 
 namespace fixture {
 
@@ -62,7 +64,83 @@ void AddDataflash(Digest &digest, const At45Contents &flash, const At45Contents 
     digest.add(flash.hidden());
 }
 
+// --- sums
+
+std::uint64_t Spread(std::uint64_t value) {
+    value = (value ^ value >> 32) * 0xD6E8FEB86659FD93u;
+    return (value ^ value >> 32) * 0xD6E8FEB86659FD93u;
+}
+
+enum class Unit : std::uint8_t { nand_page, dataflash_page, eeprom };
+
+std::uint64_t SumOf(Unit unit, std::uint64_t number, std::span<const std::uint8_t> bytes, std::uint64_t more = 0) {
+    Digest digest;
+    digest.add(number << 8 | static_cast<std::uint64_t>(unit));
+    digest.add(bytes);
+    digest.add(more);
+    return Spread(digest.value());
+}
+
+// Null: an erased page with no cells of its own. The bytes are the first member of their cells, and so have their
+// address.
+const NandContents::Cells *CellsOf(const NandContents &nand, std::uint32_t row) {
+    static_assert(std::is_standard_layout_v<NandContents::Cells>);
+    static const NandContents kBlank;
+    const NandContents::Page &page = nand.page(row);
+    return &page == &kBlank.page(0) ? nullptr : reinterpret_cast<const NandContents::Cells *>(&page);
+}
+
+std::uint64_t NandPageSum(const NandContents &nand, std::uint32_t row) {
+    const NandContents::Cells *cells = CellsOf(nand, row);
+    if (!cells || (cells->spare_programs == 0 && nand.erased(row))) return 0;
+    return SumOf(Unit::nand_page, row, cells->bytes, cells->spare_programs);
+}
+
+std::uint64_t NandBlockSum(const NandContents &nand, std::uint32_t block) {
+    std::uint64_t sum = 0;
+    for (std::uint32_t row = block * kNandPagesPerBlock; row < (block + 1) * kNandPagesPerBlock; ++row)
+        sum += NandPageSum(nand, row);
+    return sum;
+}
+
+std::uint64_t DataflashPageSum(const At45Contents &flash, std::uint32_t page) {
+    return SumOf(Unit::dataflash_page, page, flash.page(page));
+}
+
 } // namespace
+
+std::uint64_t ChancesSum(const Chips &chips) {
+    Digest digest;
+    AddFaults(digest, chips.nand.faults);
+    AddFaults(digest, chips.dataflash.faults);
+    return Spread(digest.value());
+}
+
+std::uint64_t CellsSum(const Chips &chips, const Chips &base) {
+    std::uint64_t sum = SumOf(Unit::eeprom, 0, chips.eeprom.bytes);
+    for (std::uint32_t block = 0; block < kNandBlocks; ++block)
+        if (!chips.nand.shares_block(base.nand, block))
+            sum += NandBlockSum(chips.nand, block) - NandBlockSum(base.nand, block);
+    for (std::uint32_t page = 0; page < chips.dataflash.part().pages; ++page)
+        if (&chips.dataflash.page(page) != &base.dataflash.page(page))
+            sum += DataflashPageSum(chips.dataflash, page) - DataflashPageSum(base.dataflash, page);
+    return sum;
+}
+
+std::uint64_t TouchedSum(const Chips &chips, const ChipOperation &operation) {
+    const std::string_view chip = operation.chip;
+    if (chip == "EEPROM") return SumOf(Unit::eeprom, 0, chips.eeprom.bytes);
+    if (chip == "DataFlash")
+        return DataflashPageSum(chips.dataflash, operation.address / chips.dataflash.part().page_bytes);
+    const std::uint32_t block = operation.address / kNandBlockBytes;
+    if (std::string_view(operation.kind) == "erase") return NandBlockSum(chips.nand, block);
+    return NandPageSum(chips.nand, operation.address / kNandPageBytes);
+}
+
+unsigned DataPrograms(const NandContents &nand, std::uint32_t row) {
+    const NandContents::Cells *cells = CellsOf(nand, row);
+    return cells ? cells->data_programs : 0;
+}
 
 std::uint64_t DigestOf(const Chips &chips, const Chips &base) {
     Digest digest;

@@ -14,6 +14,24 @@ namespace fixture {
 // programmed.
 std::uint64_t DigestOf(const Chips &chips, const Chips &base);
 
+// A number for all that the chips hold and that can matter later: every byte with its address, spare bytes and marks,
+// how often spare areas were programmed, what is left of the faults' chances. How often, and in which order, data pages
+// were programmed is left out: it matters to a power-up that programs a block which it has not erased, and whoever uses
+// these sums has to see that there is none. It is a sum over units (a NAND page, a DataFlash page, the EEPROM), so that
+// a change costs what it touches:
+//
+//   std::uint64_t cells = CellsSum(chips, base);       sums of one base can be compared
+//   cells -= TouchedSum(chips, operation);
+//   ...the operation is made...
+//   cells += TouchedSum(chips, operation);
+//   const std::uint64_t state = cells + ChancesSum(chips);
+std::uint64_t CellsSum(const Chips &chips, const Chips &base);
+std::uint64_t TouchedSum(const Chips &chips, const ChipOperation &operation); // of what one operation can change
+std::uint64_t ChancesSum(const Chips &chips);                                 // of the faults
+
+// Since the last erase.
+unsigned DataPrograms(const NandContents &nand, std::uint32_t row);
+
 // Calls for every block or page whose data differ, with its number.
 void ForEachChangedBlock(const NandContents &one, const NandContents &other,
                          const std::function<void(std::uint32_t block)> &call);

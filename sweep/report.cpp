@@ -1,16 +1,20 @@
 #include "sweep/report.h"
 
-#include "formats/file.h"
-
 #include <algorithm>
 #include <fmt/format.h>
+#include <map>
 #include <nlohmann/json.hpp>
+#include <set>
+#include <stdexcept>
 
 namespace fixture {
 
 namespace {
 
-double Rate(const Tally &tally, double seconds) { return seconds > 0 ? static_cast<double>(tally.boots) / seconds : 0; }
+// Cold boots a second of one processor core.
+double Rate(const Tally &tally) {
+    return tally.processor_seconds > 0 ? static_cast<double>(tally.boots) / tally.processor_seconds : 0;
+}
 
 std::uint64_t Good(const Tally &tally) {
     const auto good = tally.outcomes.find(NameOf(Outcome::good));
@@ -30,16 +34,16 @@ const char *ProcessorOf(const SweepPlan &plan) {
     return plan.on_host && plan.on_arm ? "both" : plan.on_host ? "host" : "arm";
 }
 
-void PrintFindings(const Tally &tally) {
+void PrintFindings(const std::vector<Finding> &all, std::uint64_t found) {
     std::map<std::string, std::vector<const Finding *>> grouped;
-    for (const Finding &finding : tally.findings) grouped[finding.outcome].push_back(&finding);
+    for (const Finding &finding : all) grouped[finding.outcome].push_back(&finding);
     for (const auto &[outcome, findings] : grouped) {
         fmt::print("\n{}\n", outcome);
         for (const Finding *finding : findings)
             fmt::print("  {} {}{}{}\n", finding->id, finding->processor, finding->detail.empty() ? "" : ": ",
                        finding->detail);
     }
-    if (tally.found > tally.findings.size()) fmt::print("  ... {} in all\n", tally.found);
+    if (found > all.size()) fmt::print("  ... {} in all\n", found);
 }
 
 } // namespace
@@ -57,12 +61,13 @@ void PrintSweep(const SweepPlan &plan, const SweepResult &result) {
         fmt::print("\nhole: {}\n", hole);
         for (const auto &[outcome, count] : what) fmt::print("  {:>8} {}\n", count, outcome);
     }
-    PrintFindings(result.all);
-    fmt::print("\n{} on {}, {:.0f} s, {:.0f} cold boots a second; {} cuts made again by cutting the power",
-               plan.losses == 1 ? "one loss of power" : "two losses of power", ProcessorOf(plan), result.seconds,
-               Rate(result.all, result.seconds), result.all.checked);
-    if (result.all.foretold) fmt::print("; {} boots as explain foretells them", result.all.foretold);
+    PrintFindings(result.all.findings, result.all.found);
+    fmt::print("\n{} on {}, {:.0f} processor seconds, {:.0f} cold boots a second; {} cuts made again by cutting the "
+               "power",
+               plan.losses == 1 ? "one loss of power" : "two losses of power", ProcessorOf(plan),
+               result.all.processor_seconds, Rate(result.all), result.all.checked);
     if (result.all.compared) fmt::print("; {} cases the same on both processors", result.all.compared);
+    if (result.all.foretold) fmt::print("; {} boots as explain foretells them", result.all.foretold);
     fmt::print("\n");
 }
 
@@ -81,86 +86,114 @@ std::string SweepJson(const SweepPlan &plan, const SweepResult &result) {
                                         {"detail", finding.detail}});
         return json;
     };
-    ordered_json json{{"processor", ProcessorOf(plan)}, {"losses", plan.losses},
-                      {"sample", plan.sample},          {"seed", plan.seed},
-                      {"seconds", result.seconds},      {"scenarios", ordered_json::object()},
+    ordered_json json{{"processor", ProcessorOf(plan)},
+                      {"losses", plan.losses},
+                      {"sample", plan.sample},
+                      {"seed", plan.seed},
+                      {"processor_seconds", result.all.processor_seconds},
+                      {"scenarios", ordered_json::object()},
                       {"all", row(result.all)}};
     for (std::size_t n = 0; n < plan.scenarios.size(); n++)
         json["scenarios"][plan.scenarios[n].name] = row(result.scenarios[n]);
     return json.dump(2, ' ', true, nlohmann::json::error_handler_t::replace);
 }
 
-// --- the document
+// --- closures
 
 namespace {
 
-struct Stage {
-    const char *title;
-    bool host, arm;
-    unsigned losses;
-    std::size_t sample;
-    std::vector<std::string> scenarios; // none: all
+struct ClosureRow {
+    std::uint64_t variants = 0, closed = 0, states = 0, cuts = 0, boots = 0, left = 0, depth = 0, longest = 0,
+                  checked = 0;
+    std::uint64_t good = 0, found = 0, kilobytes = 0;
+    double processor_seconds = 0;
+    std::map<std::string, std::map<std::string, std::uint64_t>> holes;
+    std::vector<Finding> findings;
+    std::set<std::string> edges;
+
+    void add(const ClosureTally &tally) {
+        ++variants;
+        closed += tally.closed();
+        states += tally.states;
+        cuts += tally.cuts;
+        boots += tally.boots;
+        left += tally.left;
+        checked += tally.checked;
+        depth = std::max<std::uint64_t>(depth, tally.depths.empty() ? 0 : tally.depths.size() - 1);
+        longest = std::max(longest, tally.longest_recovery);
+        const auto all_well = tally.outcomes.find(NameOf(Outcome::good));
+        good += all_well == tally.outcomes.end() ? 0 : all_well->second;
+        found += tally.found;
+        kilobytes = std::max(kilobytes, tally.peak_kilobytes);
+        processor_seconds += tally.processor_seconds;
+        for (const auto &[hole, what] : tally.holes)
+            for (const auto &[outcome, count] : what) holes[hole][outcome] += count;
+        findings.insert(findings.end(), tally.findings.begin(), tally.findings.end());
+        edges.insert(tally.edges.begin(), tally.edges.end());
+    }
 };
 
-// All but images of megabytes, which take minutes a case.
-const std::vector<std::string> kShort = {"nand-update",
-                                         "dataflash-update",
-                                         "nand-rescue",
-                                         "dataflash-rescue",
-                                         "nand-both",
-                                         "dataflash-both",
-                                         "nand-refused/sums",
-                                         "dataflash-refused/sums",
-                                         "parameters",
-                                         "nand-factory-bad",
-                                         "nand-worn",
-                                         "nand-wrong-page",
-                                         "dataflash-lost-program",
-                                         "nand-no-room",
-                                         "nand-edge/slot-0-2049",
-                                         "nand-edge/slot-1-131072",
-                                         "nand-edge/slot-1-262145",
-                                         "dataflash-edge/slot-0-1023",
-                                         "dataflash-edge/slot-1-1633",
-                                         "nand-rescue-edge/2048",
-                                         "nand-rescue-edge/131073",
-                                         "dataflash-rescue-edge/1697",
-                                         "holes/worn-record",
-                                         "holes/no-slot-0",
-                                         "hostile"};
+std::string NameOf(const ClosurePlan &plan, const ClosureUnit &unit) {
+    const char *processor = unit.processor == ProcessorKind::host ? "" : ", ARM image";
+    return fmt::format("{}/{}{}", plan.scenarios.at(unit.scenario).name, unit.variant->label, processor);
+}
 
-// The others, and those with images that fill a slot.
-const std::vector<std::string> kLong = {
-    "nand-edge",         "dataflash-edge", "nand-rescue-edge", "dataflash-rescue-edge", "nand-refused",
-    "dataflash-refused", "holes"};
+std::string Closed(const ClosureTally &tally) {
+    return tally.closed() ? "yes" : fmt::format("no: {} states left", tally.left);
+}
 
-// The order in which the document states them.
-const Stage kCampaign[] = {
-    {"One loss of power, on this machine's processor", true, false, 1, 0, {}},
-    {"One loss of power at every operation, on the shipped ARM image",
-     false,
-     true,
-     1,
-     0,
-     {"nand-update", "dataflash-update", "nand-rescue", "dataflash-rescue", "nand-both", "dataflash-both",
-      "nand-refused/sums", "dataflash-refused/sums", "parameters", "nand-factory-bad", "nand-worn", "nand-no-room",
-      "holes"}},
-    {"Both processors compared: console text and final chips", true, true, 1, 70, kShort},
-    {"Both processors compared, with images that fill a slot", true, true, 1, 6, kLong},
-    {"Two losses of power, on this machine's processor", true, false, 2, 150, kShort},
-    {"Two losses of power, on the shipped ARM image",
-     false,
-     true,
-     2,
-     200,
-     {"nand-update", "dataflash-update", "nand-rescue", "parameters"}},
-    {"Two losses of power at every pair of operations",
-     true,
-     false,
-     2,
-     0,
-     {"nand-update/running-erased", "nand-update/erased-running", "parameters"}},
-};
+std::string DepthsOf(const ClosureTally &tally) { return fmt::format("{}", fmt::join(tally.depths, " ")); }
+
+ClosureRow SumOf(const std::vector<ClosureTally> &tallies) {
+    ClosureRow all;
+    for (const ClosureTally &tally : tallies) all.add(tally);
+    return all;
+}
+
+} // namespace
+
+void PrintClosure(const ClosurePlan &plan, const std::vector<ClosureTally> &tallies) {
+    constexpr const char *kRow = "{:<44} {:>7} {:>9} {:>6} {:>9} {:>8} {:>8}  {}\n";
+    const std::vector<ClosureUnit> units = UnitsOf(plan);
+    fmt::print(kRow, "variant", "states", "cuts", "losses", "recovery", "findings", "seconds", "closed");
+    for (std::size_t n = 0; n < units.size(); ++n) {
+        ClosureRow row;
+        row.add(tallies.at(n));
+        fmt::print(kRow, NameOf(plan, units[n]), row.states, row.cuts, row.depth, row.longest, row.found,
+                   fmt::format("{:.1f}", row.processor_seconds), Closed(tallies[n]));
+    }
+    const ClosureRow all = SumOf(tallies);
+    for (const auto &[hole, what] : all.holes) {
+        fmt::print("\nhole: {}\n", hole);
+        for (const auto &[outcome, count] : what) fmt::print("  {:>8} {}\n", count, outcome);
+    }
+    PrintFindings(all.findings, all.found);
+    fmt::print("\n{} of {} closed: {} states, {} cuts, {} boots, {:.0f} processor seconds, at most {} MB a process; {} "
+               "states reached again by cutting the power\n",
+               all.closed, all.variants, all.states, all.cuts, all.boots, all.processor_seconds, all.kilobytes / 1024,
+               all.checked);
+}
+
+std::string ClosureJson(const ClosurePlan &plan, const std::vector<ClosureTally> &tallies) {
+    using nlohmann::ordered_json;
+    const std::vector<ClosureUnit> units = UnitsOf(plan);
+    ordered_json json{{"ways", plan.limits.ways},
+                      {"near", plan.limits.near},
+                      {"most_states", plan.limits.most_states},
+                      {"seed", plan.limits.seed},
+                      {"variants", ordered_json::object()}};
+    for (std::size_t n = 0; n < units.size(); ++n) {
+        ordered_json row = ordered_json::parse(ToText(tallies.at(n)));
+        row["closed"] = tallies[n].closed();
+        row["medium"] = units[n].variant->setup.medium == Medium::nand ? "nand" : "dataflash";
+        json["variants"][NameOf(plan, units[n])] = row;
+    }
+    return json.dump(2);
+}
+
+// --- the document
+
+namespace {
 
 std::string Extent(std::size_t sample) {
     if (sample == 0)
@@ -183,9 +216,11 @@ std::string Table(const SweepPlan &plan, const SweepResult &result) {
     return text;
 }
 
-std::string HoleTable(const Tally &tally) {
+using HoleCounts = std::map<std::string, std::map<std::string, std::uint64_t>>;
+
+std::string HoleTable(const HoleCounts &holes) {
     std::string text = "| hole | what came of it | cases |\n|---|---|--:|\n";
-    for (const auto &[hole, what] : tally.holes)
+    for (const auto &[hole, what] : holes)
         for (const auto &[outcome, count] : what) text += fmt::format("| {} | {} | {} |\n", hole, outcome, count);
     return text;
 }
@@ -200,119 +235,70 @@ std::uint64_t Outside(const Tally &tally, Outcome outcome) {
     return outside;
 }
 
+std::string ClosureTable(const ClosurePlan &plan, const std::vector<ClosureTally> &tallies) {
+    const std::vector<ClosureUnit> units = UnitsOf(plan);
+    std::string text = "| variant | states | cuts | states by losses | longest recovery | closed | not good |\n"
+                       "|---|--:|--:|---|--:|---|--:|\n";
+    for (std::size_t n = 0; n < units.size(); ++n) {
+        ClosureRow row;
+        row.add(tallies.at(n));
+        text += fmt::format("| `{}` | {} | {} | {} | {} | {} | {} |\n", NameOf(plan, units[n]), row.states, row.cuts,
+                            DepthsOf(tallies[n]), row.longest, Closed(tallies[n]), row.states - row.left - row.good);
+    }
+    const ClosureRow all = SumOf(tallies);
+    text +=
+        fmt::format("\n{} of {} variants closed: {} states, {} cuts, {} boots; {} states were reached again by really "
+                    "cutting the power. {} findings.\n\n{:.0f} processor seconds, at most {} MB a process.\n",
+                    all.closed, all.variants, all.states, all.cuts, all.boots, all.checked, all.found,
+                    all.processor_seconds, all.kilobytes / 1024);
+    return all.holes.empty() ? text : text + "\n" + HoleTable(all.holes);
+}
+
+std::string SweepSection(const SweepPlan &plan, const SweepResult &result) {
+    std::string text = fmt::format("{}\n\n{}\n{} cuts made again by cutting the power.", Extent(plan.sample),
+                                   Table(plan, result), result.all.checked);
+    if (result.all.compared) text += fmt::format(" {} cases compared on both processors.", result.all.compared);
+    return text +
+           fmt::format("\n\n{:.0f} processor seconds, {:.0f} cold boots in each, every boot counted.\n\n",
+                       result.all.processor_seconds, Rate(result.all)) +
+           HoleTable(result.all.holes);
+}
+
 std::string Figures(const Tally &all) {
     return fmt::format(
-        "\n## In all\n\n{} cases, {} cold boots. Outside the named holes: {} bricks, {} boards that lost a "
-        "parameter, {} findings of any kind.\n",
+        "{} cases, {} cold boots. Outside the named holes: {} bricks, {} boards that lost a parameter, {} "
+        "findings of any kind.",
         all.cases, all.boots, Outside(all, Outcome::no_bootloader) + Outside(all, Outcome::no_launch),
         Outside(all, Outcome::wrong_parameters), all.found);
 }
 
-// Of the plain row, on each processor alone.
-std::string Speed(unsigned jobs, std::uint64_t seed, std::size_t most, const SweepFirmware &firmware) {
-    const auto rate = [&](bool on_arm) {
-        const SweepPlan plan{FindScenarios({"nand-update"}, firmware), !on_arm, on_arm, 1, jobs, most, seed};
-        const SweepResult result = RunSweep(plan, firmware, {});
-        return Rate(result.all, result.seconds);
-    };
-    return fmt::format(
-        "\n## Speed\n\nCold boots a second of `nand-update` alone, with {} worker processes on the machine "
-        "of this run, every boot counted: {:.0f} on its own processor, {:.1f} on the shipped ARM image.\n",
-        jobs, rate(false), rate(true));
+void Fill(std::string &text, std::string_view place, const std::string &with) {
+    const std::size_t at = text.find(place);
+    if (at == std::string::npos) throw std::runtime_error(fmt::format("the document's template has no {}", place));
+    text.replace(at, place.size(), with);
 }
-
-constexpr const char *kIntroduction = R"(# What a loss of power can do to a board
-
-Every number below was counted by the command that wrote this document:
-
-    fixture sweep --all --report {} --jobs {} --seed {}{}
-
-A boot that changes a chip is cut at every one of its operations (NAND page program and block erase, DataFlash program,
-erase and page program with erase, EEPROM page write): before it, torn in the middle of it, and after it. From there the board is
-started cold up to four times. A case is good where the first stage always finds a good bootloader, an image is launched
-within those boots, the bootloader and the launched image are then byte for byte those of the uncut run, rescue image and
-version record are both the new ones (or both the old ones), the parameters are all old or all new, no other flash was changed
-at any moment, and nothing was done that the datasheets forbid. An update that is refused has changed no byte.
-
-Two kinds of boards are held to something else. Where a worn block takes no mark and keeps an update out (`nand-worn/grown`),
-a cut may leave what passes for a mark and let it in: old or new bootloader is good then. Of a hostile board nothing is
-expected but that its boots end, break no rule of its chips and leave a bootloader where its chips are sound.
-
-The power is cut by snapshots: one clean run gives the chips before, within and after each operation, and a cut costs the boots
-that follow it. With one loss, some cuts of every variant that has any are made again by really cutting the power; the chips were the same each time,
-or it would be a finding. Chips from which a board was started before are counted and not started again.
-)";
-
-constexpr const char *kHoles = R"(
-## What can still go wrong
-
-The layout of the flash and the way its drivers skip bad blocks leave holes that no software of the board closes. The sweeps
-above count what falls through them. Given a board's chips, `fixture flash info`, `fixture image info` and `fixture bank
-build` warn of those that lie in its bad blocks and in the sizes of its images.
-
-- **Bad blocks inside a slot push an image into what follows.** A slot has no spare blocks. An image that fills its slot, in
-  a slot with a bad block, ends in the next slot: the copy of the bootloader there, or the rescue image, is lost.
-- **Block 1 wears out.** The version record of the rescue image is the only content of block 1. When that block cannot be
-  erased any more, the record is written to the next one, which is the first of bootloader slot 0.
-- **Slots share DataFlash pages.** A page is rewritten as a whole, so a cut while slot 1's first page is written can take the
-  last bytes of slot 0, and one while slot 0's last page is written can take the header in slot 1; slot 1's
-  last page likewise holds the header of the rescue image. It matters for images that fill their slot to the last page.
-- **An image that fits DataFlash slot 1 alone.** Slot 1 is the larger one. Where the power goes after such an image was written
-  and before the old copy in slot 0 is retired, the old one stays in use: there is no room for the new one in slot 0.
-- **A rescue block that cannot even be marked bad.** Where neither an erase nor a program of a block works, it keeps
-  looking good, and what is stored behind it is not found again: there is no rescue image then. In a bootloader slot the
-  update is given up and the old bootloader stays in use, unless a cut leaves what passes for a mark.
-- **The neighbours in a rewritten DataFlash page.** The bytes before slot 0 and around the version record share pages with
-  them and can be lost to the same cut.
-- **A parameter commit torn over records that add up to the same.** The store's checksum is the sum of its bytes, and
-  the page with the header is written first. Where what an older commit left behind that page happens to have the same sum as
-  what was to be written, the mixture passes for good, and in sector 0 it goes first. Two addresses that trade places do it.
-- **A sound parameter sector that calls itself empty.** Its first word is 0 or FFFF. Beside a bad sector it is used all the
-  same, and a commit carries the word over: then both sectors call themselves empty, and the next start finds no parameters.
-  The board makes no such word itself, and `fixture eeprom` neither; its `show` warns of one. No sweep counts this.
-- **A bank whose version text is not its bootloader's.** The board compares texts: it stores that bootloader, starts it, finds
-  another version again, and so on at every start. `fixture bank build` warns where it knows the image.
-- **A rescue image cut half-way.** There is one rescue slot. From the cut on no rescue image is there, until a later boot
-  with the same bank has written it again.
-
-Wires have a hole of their own. The two-wire bus has no defence against a data line that is held low for a while in the
-address byte of an EEPROM read: it makes a write of it, and the EEPROM keeps what the line shows then.
-)";
 
 } // namespace
 
-int WriteReliability(const std::filesystem::path &file, unsigned jobs, std::uint64_t seed, std::size_t most,
-                     const SweepFirmware &firmware, const std::function<void(const SweepProgress &)> &progress) {
-    std::string text = fmt::format(kIntroduction, (file.is_relative() ? file : file.filename()).string(), jobs, seed,
-                                   most == 0 ? "" : fmt::format(" --sample {}", most));
-    const std::string speed = Speed(jobs, seed, most, firmware);
+std::string FillDocument(std::string text, const std::string &command, const std::vector<Stage> &stages,
+                         const std::vector<TableResult> &results) {
+    std::string closures, sweeps;
     Tally all;
-    for (const Stage &stage : kCampaign) {
-        const std::size_t sample = std::min(stage.sample - 1, most - 1) + 1; // 0, which is all, is the largest
-        SweepPlan plan{stage.scenarios.empty() ? AllScenarios(firmware) : FindScenarios(stage.scenarios, firmware),
-                       stage.host,
-                       stage.arm,
-                       stage.losses,
-                       jobs,
-                       sample,
-                       seed};
-        const SweepResult result = RunSweep(plan, firmware, progress);
-        PrintSweep(plan, result);
+    for (std::size_t n = 0; n < stages.size(); ++n) {
+        const std::string title = fmt::format("## {}\n\n", stages[n].title);
+        if (const auto *plan = std::get_if<ClosurePlan>(&stages[n].plan)) {
+            closures += title + ClosureTable(*plan, std::get<std::vector<ClosureTally>>(results.at(n))) + "\n";
+            continue;
+        }
+        const SweepResult &result = std::get<SweepResult>(results.at(n));
+        sweeps += title + SweepSection(std::get<SweepPlan>(stages[n].plan), result) + "\n";
         all.add(result.all);
-        text += fmt::format(
-            "\n## {}\n\n{}\n\n{}\n{} worker processes, {:.0f} s, {:.0f} cold boots a second, every boot counted. {} "
-            "cuts made again by cutting the power.",
-            stage.title, Extent(sample), Table(plan, result), jobs, result.seconds, Rate(result.all, result.seconds),
-            result.all.checked);
-        if (result.all.compared) text += fmt::format(" {} cases compared on both processors.", result.all.compared);
-        text += "\n\n" + HoleTable(result.all);
-        const std::size_t done = static_cast<std::size_t>(&stage - kCampaign) + 1;
-        const std::string missing = done == std::size(kCampaign) ? ""
-                                                                 : fmt::format("\n**Not complete:** {} of {} sweeps.\n",
-                                                                               done, std::size(kCampaign));
-        WriteFile(file, text + missing + Figures(all) + speed + kHoles); // again after every sweep: they take long
     }
-    return all.found == 0 ? 0 : 1;
+    Fill(text, "@COMMAND@", command);
+    Fill(text, "@CLOSURES@", closures);
+    Fill(text, "@SWEEPS@", sweeps);
+    Fill(text, "@FIGURES@", Figures(all));
+    return text;
 }
 
 } // namespace fixture

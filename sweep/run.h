@@ -2,6 +2,7 @@
 #pragma once
 
 #include "sweep/scenarios.h"
+#include "sweep/workers.h"
 
 #include <cstdint>
 #include <functional>
@@ -16,7 +17,7 @@ struct SweepPlan {
     bool on_host = true;
     bool on_arm = false; // both: every case on both, and compared
     unsigned losses = 1;
-    unsigned jobs = 1;
+    unsigned jobs = 1;      // worker processes: nothing of the result depends on their number
     std::size_t sample = 0; // about so many cases of each scenario; 0: all there are
     std::uint64_t seed = 1;
     bool foretells = false; // every boot without a cut is foretold as well, and compared
@@ -43,22 +44,33 @@ struct Tally {
     std::map<std::string, std::map<std::string, std::uint64_t>> holes; // by name: what came of it, how often
     std::uint64_t found = 0;                                           // findings in all
     std::vector<Finding> findings;                                     // the first ones
+    double processor_seconds = 0;
     void add(const Tally &other);
 };
 
 struct SweepResult {
     std::vector<Tally> scenarios; // as planned
     Tally all;
-    double seconds = 0;
 };
 
-struct SweepProgress {
-    std::uint64_t units, units_done, cases, boots;
-    double seconds;
+// What one worker does at a time: a variant, or a share of its cuts.
+struct SweepUnit {
+    std::size_t scenario;
+    const Variant *variant; // of the plan
+    unsigned share = 0;
+    unsigned shares = 1;
 };
+std::vector<SweepUnit> UnitsOf(const SweepPlan &plan);
+// The tallies of all units, in their order.
+SweepResult Collect(const SweepPlan &plan, const std::vector<SweepUnit> &units, const std::vector<Tally> &tallies);
+// What is told of a unit whose process died at a case.
+Tally DeathOf(const std::string &at, const std::string &reason);
 
-// `progress` is called now and then. Throws std::runtime_error where no worker can be started.
+std::string ToText(const Tally &tally); // one line of JSON
+Tally TallyFrom(const std::string &text);
+
+// All of it. Throws std::runtime_error where no worker can be started.
 SweepResult RunSweep(const SweepPlan &plan, const SweepFirmware &firmware,
-                     const std::function<void(const SweepProgress &)> &progress);
+                     const std::function<void(const JobProgress &)> &progress);
 
 } // namespace fixture

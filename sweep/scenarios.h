@@ -29,6 +29,9 @@ struct Variant {
     std::size_t most_cuts = 0; // a seeded sample of about so many, where all of them would take too long; 0: all
 };
 
+// The hole that takes what came of a case; null: none does.
+const char *HoleOf(const Variant &variant, const Judgement &judgement);
+
 struct Scenario {
     std::string name;
     const char *summary;

@@ -43,11 +43,9 @@ std::vector<Cut> ChooseCuts(std::uint64_t operations, std::size_t most, std::uin
 
 class VariantSweep {
 public:
-    VariantSweep(const SweepPlan &plan, const Scenario &scenario, const Variant &variant, Share share,
-                 const SweepFirmware &firmware, const std::function<void(const std::string &, std::uint64_t)> &at)
-        : plan_(plan), scenario_(scenario), variant_(variant), share_(share), at_(at),
-          world_(MakeWorld(scenario.name, variant, plan.seed, firmware)),
-          seed_(HashOf(scenario.name + variant.label, plan.seed)) {
+    VariantSweep(const SweepPlan &plan, const SweepUnit &unit, const SweepFirmware &firmware, JobNotes &notes)
+        : plan_(plan), scenario_(plan.scenarios.at(unit.scenario)), variant_(*unit.variant), unit_(unit), notes_(notes),
+          world_(MakeWorld(scenario_.name, variant_, plan.seed, firmware)), seed_(HashOf(scenario_.name + variant_.label, plan.seed)) {
         if (plan.on_host) host_.emplace(world_, ProcessorKind::host, firmware);
         if (plan.on_arm) arm_.emplace(world_, ProcessorKind::arm, firmware);
         for (std::optional<Sweeper> *sweeper : {&host_, &arm_})
@@ -55,6 +53,7 @@ public:
     }
 
     Tally run() {
+        const double begin = ProcessorSeconds();
         try {
             sweep();
         } catch (const std::exception &error) {
@@ -62,6 +61,7 @@ public:
         }
         tally_.boots = boots();
         tally_.foretold = (host_ ? host_->foretold_boots : 0) + (arm_ ? arm_->foretold_boots : 0);
+        tally_.processor_seconds = ProcessorSeconds() - begin;
         return tally_;
     }
 
@@ -79,7 +79,7 @@ private:
 
     void sweep() {
         const std::uint64_t operations = first().operations();
-        if (share_.number == 0) {
+        if (unit_.share == 0) {
             tally_.variants++;
             tally_.operations += operations;
             tally(world_.chips, {});
@@ -110,7 +110,7 @@ private:
     // What is left behind one operation is what is there before the next: a worker that gets both boots it once.
     std::vector<Cut> share_of(std::vector<Cut> cuts) const {
         std::erase_if(cuts, [&](const Cut &cut) {
-            return (cut.operation + (cut.moment == CutMoment::after)) % share_.of != share_.number;
+            return (cut.operation + (cut.moment == CutMoment::after)) % unit_.shares != unit_.share;
         });
         return cuts;
     }
@@ -148,7 +148,7 @@ private:
 
     void tally(const Chips &chips, const std::vector<Cut> &cuts) {
         const std::string name = NameOf(id(cuts));
-        at_(name, boots());
+        notes_.at(name, boots());
         tally_.cases++;
         const auto number = static_cast<unsigned>(cuts.size());
         std::optional<Judgement> host, arm;
@@ -172,13 +172,8 @@ private:
         tally_.outcomes[NameOf(judgement.outcome)]++;
         if (judgement.rescue_gap && judgement.outcome == Outcome::good) tally_.holes[kRescueGap]["seen"]++;
         if (judgement.neighbour) tally_.holes[kNeighbour]["seen"]++;
-        std::vector<const char *> holes = variant_.holes;
-        if (judgement.hole) holes = {judgement.hole};
-        const auto hole = std::find_if(holes.begin(), holes.end(), [&](const char *one) {
-            return judgement.outcome == Outcome::good || HoleTakes(one, judgement.outcome);
-        });
-        if (hole != holes.end())
-            tally_.holes[*hole][NameOf(judgement.outcome)]++;
+        if (const char *hole = HoleOf(variant_, judgement))
+            tally_.holes[hole][NameOf(judgement.outcome)]++;
         else if (judgement.outcome != Outcome::good)
             found(name, NameOf(judgement.outcome), judgement.detail);
     }
@@ -192,8 +187,8 @@ private:
     const SweepPlan &plan_;
     const Scenario &scenario_;
     const Variant &variant_;
-    const Share share_;
-    const std::function<void(const std::string &, std::uint64_t)> &at_;
+    const SweepUnit unit_;
+    JobNotes &notes_;
     const World world_;
     const std::uint64_t seed_;
     std::optional<Sweeper> host_;
@@ -203,9 +198,17 @@ private:
 
 } // namespace
 
-Tally SweepVariant(const SweepPlan &plan, const Scenario &scenario, const Variant &variant, Share share,
-                   const SweepFirmware &firmware, const std::function<void(const std::string &, std::uint64_t)> &at) {
-    return VariantSweep(plan, scenario, variant, share, firmware, at).run();
+const char *HoleOf(const Variant &variant, const Judgement &judgement) {
+    std::vector<const char *> holes = variant.holes;
+    if (judgement.hole) holes = {judgement.hole};
+    const auto hole = std::find_if(holes.begin(), holes.end(), [&](const char *one) {
+        return judgement.outcome == Outcome::good || HoleTakes(one, judgement.outcome);
+    });
+    return hole == holes.end() ? nullptr : *hole;
+}
+
+Tally SweepVariant(const SweepPlan &plan, const SweepUnit &unit, const SweepFirmware &firmware, JobNotes &notes) {
+    return VariantSweep(plan, unit, firmware, notes).run();
 }
 
 } // namespace fixture

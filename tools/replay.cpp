@@ -23,11 +23,12 @@ Replay::Replay(const std::string &name, std::optional<unsigned> power_up, Proces
 }
 
 RunReport Replay::run(Machine &machine) {
-    if (power_up_ < id_.cuts.size()) {
+    const bool is_cut = power_up_ < id_.cuts.size();
+    if (is_cut) {
         const std::vector<Cut> cuts(id_.cuts.begin(), id_.cuts.begin() + power_up_ + 1);
         machine.board().supply.plan(PlanOf(cuts, id_.seed));
     }
-    return sweeper_.run(machine, power_up_);
+    return sweeper_.run(machine, is_cut ? sweeper_.to_cut(chips, power_up_) : power_up_);
 }
 
 } // namespace fixture

@@ -2,13 +2,15 @@
 // board.
 #include "tools/commands.h"
 
-#include "sweep/report.h"
-#include "sweep/run.h"
+#include "formats/file.h"
+#include "sweep/campaign.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <fmt/format.h>
 #include <memory>
+#include <set>
+#include <sstream>
 #include <thread>
 #include <unistd.h>
 
@@ -17,42 +19,42 @@ namespace fixture {
 namespace {
 
 struct SweepCall {
-    std::vector<std::string> scenarios;
+    CampaignCall asked;
     bool all = false;
     bool list = false;
-    std::string processor = "host";
-    bool foretells = false;
-    unsigned boards = 0;
-    unsigned losses = 1;
     unsigned jobs = std::max(1u, std::thread::hardware_concurrency());
-    std::size_t sample = 0;
-    std::uint64_t seed = 1;
     bool json = false;
     std::string report;
+    std::string edges;
+    std::string follow;
+    std::string firmware;
+    std::string shard;
+    std::string out;
+    std::vector<std::string> parts;
 };
 
-void ShowProgress(const SweepProgress &now) {
+void ShowProgress(const JobProgress &now) {
     constexpr std::size_t kWidth = 30;
-    const double part = now.units ? static_cast<double>(now.units_done) / static_cast<double>(now.units) : 1;
+    const double part = now.jobs ? static_cast<double>(now.jobs_done) / static_cast<double>(now.jobs) : 1;
     const std::size_t filled = static_cast<std::size_t>(part * kWidth);
     const double rate = now.seconds > 0 ? static_cast<double>(now.boots) / now.seconds : 0;
     const double left = part > 0 ? now.seconds / part - now.seconds : 0;
     fmt::print(stderr, "\r[{:#<{}}{:.<{}}] {} cases, {:.0f} boots/s, {:.0f} s left \x1b[K", "", filled, "",
                kWidth - filled, now.cases, rate, left);
-    if (now.units_done == now.units) fmt::print(stderr, "\r\x1b[K");
+    if (now.jobs_done == now.jobs) fmt::print(stderr, "\r\x1b[K");
     std::fflush(stderr);
 }
 
 // On a terminal a bar that stays in its place; into a file a line every minute.
-std::function<void(const SweepProgress &)> Progress() {
+std::function<void(const JobProgress &)> Progress() {
     if (isatty(fileno(stderr))) return ShowProgress;
-    return [told = 0.0](const SweepProgress &now) mutable {
+    return [told = 0.0](const JobProgress &now) mutable {
         constexpr double kEvery = 60;
         if (now.seconds < told) told = 0; // the next sweep
         if (now.seconds < told + kEvery) return;
         told = now.seconds;
-        fmt::print(stderr, "{:.0f} s: {} of {} parts, {} cases, {:.0f} boots/s\n", now.seconds, now.units_done,
-                   now.units, now.cases, static_cast<double>(now.boots) / now.seconds);
+        fmt::print(stderr, "{:.0f} s: {} of {} parts, {} cases, {:.0f} boots/s\n", now.seconds, now.jobs_done, now.jobs,
+                   now.cases, static_cast<double>(now.boots) / now.seconds);
         std::fflush(stderr);
     };
 }
@@ -73,30 +75,121 @@ int List(const std::vector<Scenario> &scenarios) {
     return 0;
 }
 
+constexpr const char *kDocument = "docs/reliability.md";
+
+Shard ParseShard(const std::string &text) {
+    Shard shard;
+    char rest = 0;
+    if (std::sscanf(text.c_str(), "%zu/%zu%c", &shard.number, &shard.of, &rest) != 2 || shard.number < 1 ||
+        shard.number > shard.of)
+        throw std::runtime_error(fmt::format("--shard {}: expected K/N, the Kth of N parts, such as 2/8", text));
+    return shard;
+}
+
+std::filesystem::path TemplateOf(std::filesystem::path document) {
+    return document.replace_extension(".in" + document.extension().string());
+}
+
+int WriteDocument(const std::filesystem::path &file, const CampaignCall &call, const Campaign &campaign,
+                  const std::vector<TableResult> &results) {
+    constexpr std::uintmax_t kMost = 1 << 20;
+    const Bytes text = ReadFile(TemplateOf(file), kMost);
+    const std::string command = fmt::format("fixture sweep --report {} --seed {}{}", kDocument, call.seed,
+                                            call.sample == 0 ? "" : fmt::format(" --sample {}", call.sample));
+    WriteFile(file, FillDocument({text.begin(), text.end()}, command, campaign.stages(), results));
+    return FindingsOf(results) == 0 ? 0 : 1;
+}
+
+// The edges of a closure, for the protocol's model: MEDIUM, how, from, to.
+void WriteEdges(const std::filesystem::path &file, const ClosurePlan &plan, const std::vector<ClosureTally> &tallies) {
+    const std::vector<ClosureUnit> units = UnitsOf(plan);
+    std::set<std::string> edges;
+    for (std::size_t n = 0; n < units.size(); ++n)
+        for (const std::string &edge : tallies.at(n).edges)
+            edges.insert((units[n].variant->setup.medium == Medium::nand ? "nand " : "dataflash ") + edge);
+    WriteFile(file, fmt::format("{}\n", fmt::join(edges, "\n")));
+}
+
+int Show(const SweepCall &call, const CampaignCall &asked, const Campaign &campaign,
+         const std::vector<TableResult> &results) {
+    if (asked.document) return WriteDocument(call.report.empty() ? kDocument : call.report, asked, campaign, results);
+    const Stage &stage = campaign.stages().front();
+    if (const auto *closure = std::get_if<ClosurePlan>(&stage.plan)) {
+        const auto &tallies = std::get<std::vector<ClosureTally>>(results.front());
+        if (!call.edges.empty()) WriteEdges(call.edges, *closure, tallies);
+        if (call.json)
+            fmt::print("{}\n", ClosureJson(*closure, tallies));
+        else
+            PrintClosure(*closure, tallies);
+    } else if (call.json) {
+        fmt::print("{}\n", SweepJson(std::get<SweepPlan>(stage.plan), std::get<SweepResult>(results.front())));
+    } else {
+        PrintSweep(std::get<SweepPlan>(stage.plan), std::get<SweepResult>(results.front()));
+    }
+    return FindingsOf(results) == 0 ? 0 : 1;
+}
+
+SweepFirmware FirmwareOf(const SweepCall &call) {
+    return SweepFirmware(call.firmware.empty() ? FirmwareDirectory() : std::filesystem::path(call.firmware));
+}
+
+// The history of a trail of the model's: "edge KIND FROM TO" lines, of which the losses count.
+std::vector<std::string> ReadHistory(const std::string &file) {
+    constexpr std::uintmax_t kMost = 1 << 20;
+    const Bytes bytes = ReadFile(file, kMost);
+    std::istringstream lines(std::string(bytes.begin(), bytes.end()));
+    std::vector<std::string> history;
+    for (std::string word, kind, from, to; lines >> word;) {
+        if (word != "edge" || !(lines >> kind >> from >> to) || kind != "cut") continue;
+        if (history.empty()) history.push_back(from);
+        history.push_back(to);
+    }
+    if (history.empty()) throw Refusal(file, "no loss", "lines such as: edge cut oeoo0000 oheo0000");
+    return history;
+}
+
+// A case of the program for a history that the model found.
+int Follow(const SweepCall &call, const SweepFirmware &firmware) {
+    const std::vector<Scenario> scenarios =
+        call.asked.scenarios.empty() ? AllScenarios(firmware) : FindScenarios(call.asked.scenarios, firmware);
+    const ClosurePlan plan{scenarios,
+                           call.asked.processor != "arm",
+                           call.asked.processor == "arm",
+                           {.ways = call.asked.ways,
+                            .near = call.asked.near,
+                            .seed = call.asked.seed,
+                            .history = ReadHistory(call.follow)}};
+    for (const ClosureTally &tally : RunClosure(plan, call.jobs, firmware, Progress())) {
+        if (tally.findings.empty()) continue;
+        fmt::print("{}: {}\n", tally.findings.front().id, tally.findings.front().outcome);
+        return 1;
+    }
+    fmt::print("nothing bad comes of it\n");
+    return 0;
+}
+
 int Sweep(const SweepCall &call) {
-    const SweepFirmware firmware(FirmwareDirectory());
+    const SweepFirmware firmware = FirmwareOf(call);
+    if (!call.follow.empty()) return Follow(call, firmware);
     if (call.list) return List(AllScenarios(firmware));
-    if (!call.report.empty())
-        return WriteReliability(call.report, call.jobs, call.seed, call.sample, firmware, Progress());
-    if (call.all == !call.scenarios.empty())
+    CampaignCall asked = call.asked;
+    asked.document = !call.report.empty();
+    if (!asked.document && !asked.closure && call.all == !asked.scenarios.empty())
         throw std::runtime_error("which scenarios? names of some, or --all; --list names them");
-    SweepPlan plan;
-    plan.scenarios = call.all ? AllScenarios(firmware) : FindScenarios(call.scenarios, firmware);
-    for (Scenario &scenario : plan.scenarios)
-        if (scenario.name == "hostile" && call.boards > 0) scenario.variants = HostileBoards(call.boards);
-    plan.on_host = call.processor != "arm";
-    plan.on_arm = call.processor != "host";
-    plan.foretells = call.foretells;
-    plan.losses = call.losses;
-    plan.jobs = call.jobs;
-    plan.sample = call.sample;
-    plan.seed = call.seed;
-    const SweepResult result = RunSweep(plan, firmware, Progress());
-    if (call.json)
-        fmt::print("{}\n", SweepJson(plan, result));
-    else
-        PrintSweep(plan, result);
-    return result.all.found == 0 ? 0 : 1;
+    if (call.shard.empty() != call.out.empty()) throw std::runtime_error("--shard and --out come together");
+    const Shard shard = call.shard.empty() ? Shard{} : ParseShard(call.shard);
+    const Campaign campaign(asked, firmware);
+    const UnitTexts texts = campaign.run(shard, call.jobs, Progress());
+    if (call.out.empty()) return Show(call, asked, campaign, campaign.results(texts));
+    WritePart(call.out, {asked, BuildOf(firmware), shard, texts});
+    return 0;
+}
+
+int Merge(const SweepCall &call) {
+    const SweepFirmware firmware = FirmwareOf(call);
+    const Part whole = MergeParts({call.parts.begin(), call.parts.end()}, BuildOf(firmware));
+    const Campaign campaign(whole.call, firmware);
+    return Show(call, whole.call, campaign, campaign.results(whole.units));
 }
 
 } // namespace
@@ -105,25 +198,52 @@ void AddSweepCommand(CLI::App &app, int &exit_status) {
     auto call = std::make_shared<SweepCall>();
     CLI::App *command =
         app.add_subcommand("sweep", "Cut the power at every operation and judge what becomes of the board");
-    command->add_option("SCENARIO", call->scenarios, "scenarios, or SCENARIO/VARIANT, by name");
+    CampaignCall &asked = call->asked;
+    command->require_subcommand(0, 1);
+    command->add_option("SCENARIO", asked.scenarios, "scenarios, or SCENARIO/VARIANT, by name");
     command->add_flag("--all", call->all, "all scenarios");
     command->add_flag("--list", call->list, "name the scenarios and their variants");
-    command->add_option("--processor", call->processor, "what runs the bootloader; both: and compare them")
+    command->add_option("--processor", asked.processor, "what runs the bootloader; both: and compare them")
         ->check(CLI::IsMember({"arm", "host", "both"}))
         ->capture_default_str();
-    command->add_flag("--foretell", call->foretells, "compare every boot with what explain says of it");
-    command->add_option("--boards", call->boards, "so many boards in the scenario hostile [500]")
+    command->add_flag("--foretell", asked.foretells, "compare every boot with what explain says of it");
+    command->add_option("--boards", asked.boards, "so many boards in the scenario hostile [500]")
         ->check(CLI::Range(1, 1'000'000));
-    command->add_option("--losses", call->losses, "power losses a case: 2 cuts the boot after the first cut as well")
+    command->add_option("--losses", asked.losses, "power losses a case: 2 cuts the boot after the first cut as well")
         ->check(CLI::Range(1, 2))
         ->capture_default_str();
+    command->add_flag("--closure", asked.closure,
+                      "any number of losses: every state of the chips that they can lead to, until none is new");
+    command->add_option("--ways", asked.ways, "ways of tearing an operation, for a closure")
+        ->check(CLI::Range(1, 64))
+        ->capture_default_str();
+    command->add_option("--near", asked.near,
+                        "for a closure, cut only so many operations on each side of another kind or block [all]");
+    command->add_option("--most-states", asked.most_states,
+                        "explore no more states of a variant, and close nothing [all]");
+    command->add_option("--edges", call->edges,
+                        "write what a closure's power-ups made of what, for the protocol's model");
+    command->add_option("--follow", call->follow, "find the case that is like a trail of the protocol's model")
+        ->check(CLI::ExistingFile);
+    command->add_option("--firmware", call->firmware, "directory of the bootloader's builds [beside this program]")
+        ->check(CLI::ExistingDirectory);
     command->add_option("--jobs", call->jobs, "worker processes")->check(CLI::Range(1, 256))->capture_default_str();
-    command->add_option("--sample", call->sample, "about so many cases of each scenario, chosen by the seed");
-    command->add_option("--seed", call->seed, "decides how operations tear and what is sampled")->capture_default_str();
+    command->add_option("--sample", asked.sample, "about so many cases of each scenario, chosen by the seed");
+    command->add_option("--seed", asked.seed, "decides how operations tear and what is sampled")->capture_default_str();
     command->add_flag("--json", call->json, "results as one JSON object");
     command->add_option("--report", call->report, "run the whole campaign and write its document to this file")
         ->excludes("SCENARIO", "--list", "--processor", "--losses", "--foretell", "--boards", "--json");
-    command->callback([call, &exit_status] { exit_status = Sweep(*call); });
+    command->add_option("--shard", call->shard, "run only K/N, the Kth of N parts, and keep what came of it in --out");
+    command->add_option("--out", call->out, "the part's file, for merge");
+    CLI::App *merge = command->add_subcommand("merge", "Make of all parts what one run would have made");
+    merge->add_option("PART", call->parts, "the parts' files, in any order")->required()->check(CLI::ExistingFile);
+    merge->add_flag("--json", call->json, "results as one JSON object");
+    merge->add_option("--report", call->report, "the document's file [docs/reliability.md]");
+    merge->add_option("--edges", call->edges, "write what a closure's power-ups made of what");
+    merge->callback([call, &exit_status] { exit_status = Merge(*call); });
+    command->callback([call, command, &exit_status] {
+        if (command->get_subcommands().empty()) exit_status = Sweep(*call);
+    });
 }
 
 } // namespace fixture

@@ -46,6 +46,7 @@ TEST(SweepCase, NamesSayAllThereIs) {
     const CaseId cases[] = {
         {"nand-update", "running-erased", {}, 1},
         {"nand-update", "running-erased", {{12, CutMoment::torn}}, 1},
+        {"nand-update", "running-erased", {{12, CutMoment::torn, 3}}, 1},
         {"parameters", "0-to-1", {{0, CutMoment::before}, {3, CutMoment::after}}, 77},
     };
     for (const CaseId &id : cases) {
@@ -54,7 +55,8 @@ TEST(SweepCase, NamesSayAllThereIs) {
         EXPECT_EQ(NameOf(*parsed), NameOf(id));
         EXPECT_EQ(parsed->cuts, id.cuts);
     }
-    for (const char *bad : {"", "nand-update", "a/b:", "a/b:12", "a/b:t", "a/b:12x", "a/b:1t+", "a/b:1t~", "a/b:1t2"})
+    for (const char *bad : {"", "nand-update", "a/b:", "a/b:12", "a/b:t", "a/b:12x", "a/b:1t+", "a/b:1t~", "a/b:1t2",
+                            "a/b:1t.", "a/b:1t.1", "a/b:1b.2"})
         EXPECT_FALSE(ParseCase(bad)) << bad;
 }
 

@@ -1,0 +1,357 @@
+#include "sweep/closure.h"
+
+#include "sweep/chips_compare.h"
+#include "sweep/regions.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <stdexcept>
+#include <string_view>
+#include <sys/resource.h>
+#include <unordered_map>
+
+namespace fixture {
+
+using nlohmann::json;
+
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Finding, id, processor, outcome, detail)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(ClosureTally, states, cuts, boots, left, depths, longest_recovery, checked,
+                                   fingerprint, outcomes, holes, found, findings, edges, processor_seconds,
+                                   peak_kilobytes)
+
+namespace {
+
+constexpr std::size_t kMostFindings = 20;
+constexpr std::uint64_t kChecks = 8; // states of a variant that are reached again with the power really cut
+
+// Chips that were not changed are the world's own.
+struct KeptChips {
+    EepromContents eeprom;
+    std::optional<NandContents> nand;
+    std::optional<At45Contents> dataflash;
+
+    KeptChips(const Chips &chips, const World &world) : eeprom(chips.eeprom) {
+        // What no update on this medium touches is compared in no time, since it shares every page.
+        if (world.medium == Medium::nand || !(chips.nand == world.chips.nand)) nand = chips.nand;
+        if (world.medium == Medium::dataflash || !(chips.dataflash == world.chips.dataflash))
+            dataflash = chips.dataflash;
+    }
+    Chips restore(const World &world) const {
+        return {eeprom, nand ? *nand : world.chips.nand, dataflash ? *dataflash : world.chips.dataflash};
+    }
+};
+
+struct State {
+    std::uint64_t sum;
+    std::size_t parent; // of the first: itself
+    Cut cut;            // of the parent's power-up
+    std::size_t losses;
+    std::uint32_t letters;          // their number
+    std::optional<KeptChips> chips; // until it has been explored
+};
+
+// What one operation changes, as it was before it.
+class Undo {
+public:
+    Undo(Chips &chips, const ChipOperation &operation) : chips_(chips) {
+        const std::string_view chip = operation.chip;
+        if (chip == "NAND")
+            nand_ = chips.nand;
+        else if (chip == "DataFlash")
+            dataflash_ = chips.dataflash;
+        else
+            eeprom_ = chips.eeprom;
+    }
+    void restore() {
+        if (nand_) chips_.nand = *nand_;
+        if (dataflash_) chips_.dataflash = *dataflash_;
+        if (eeprom_) chips_.eeprom = *eeprom_;
+    }
+
+private:
+    Chips &chips_;
+    std::optional<NandContents> nand_;
+    std::optional<At45Contents> dataflash_;
+    std::optional<EepromContents> eeprom_;
+};
+
+// That a power-up programs data into no block that it has not erased. Then it cannot matter how often, and in which
+// order, pages were programmed before, and the sums of states may leave that out.
+class EraseWatch {
+public:
+    void make(const Chips &chips, const ChipOperation &operation, const std::function<void()> &whole) {
+        if (std::string_view(operation.chip) != "NAND") return whole();
+        const std::uint32_t row = operation.address / kNandPageBytes;
+        const std::uint32_t block = operation.address / kNandBlockBytes;
+        const unsigned before = DataPrograms(chips.nand, row);
+        whole();
+        const unsigned after = DataPrograms(chips.nand, row);
+        if (std::string_view(operation.kind) == "erase" && after == 0 && chips.nand.erased(row)) erased_.insert(block);
+        if (after > before && !erased_.contains(block)) block_not_erased = block;
+    }
+
+    std::optional<std::uint32_t> block_not_erased;
+
+private:
+    std::set<std::uint32_t> erased_;
+};
+
+class Explorer {
+public:
+    Explorer(const ClosureLimits &limits, const Scenario &scenario, const Variant &variant, ProcessorKind processor,
+             const SweepFirmware &firmware, JobNotes &notes)
+        : limits_(limits), scenario_(scenario), variant_(variant), processor_(processor), notes_(notes),
+          world_(MakeWorld(scenario.name, variant, limits.seed, firmware)), sweeper_(world_, processor, firmware) {
+        sweeper_.remember = false; // no state is met twice
+    }
+
+    ClosureTally run() {
+        const double begin = ProcessorSeconds();
+        try {
+            close();
+        } catch (const std::exception &error) {
+            found({}, "the closure itself failed", error.what());
+        }
+        tally_.boots = sweeper_.boots;
+        tally_.processor_seconds = ProcessorSeconds() - begin;
+        rusage usage{};
+        getrusage(RUSAGE_SELF, &usage);
+        tally_.peak_kilobytes = static_cast<std::uint64_t>(usage.ru_maxrss);
+        return tally_;
+    }
+
+private:
+    bool follows(const std::string &letters, std::size_t losses) const {
+        return limits_.history.empty() || (losses < limits_.history.size() && limits_.history[losses] == letters);
+    }
+
+    void close() {
+        if (!follows(RegionLetters(world_.chips, world_), 0)) return;
+        meet(CellsSum(world_.chips, world_.chips), world_.chips, 0, {}, 0);
+        for (std::size_t n = 0; n < states_.size(); ++n) {
+            if (limits_.most_states != 0 && n >= limits_.most_states) break;
+            const std::vector<Cut> cuts = history(n);
+            notes_.at(NameOf(id(cuts)), sweeper_.boots);
+            const Chips chips = states_[n].chips->restore(world_);
+            states_[n].chips.reset();
+            const bool is_last = limits_.history.size() == cuts.size() + 1;
+            check(chips, n, cuts);
+            if (limits_.history.empty() || is_last) judge(chips, cuts);
+            if (!is_last) explore(chips, n);
+            if (is_last && tally_.found > 0) break; // one case tells it all
+        }
+        tally_.states = states_.size();
+        tally_.left =
+            states_.size() - std::min(states_.size(), limits_.most_states ? limits_.most_states : states_.size());
+        for (const State &state : states_) {
+            tally_.depths.resize(std::max(tally_.depths.size(), state.losses + 1));
+            ++tally_.depths[state.losses];
+            tally_.fingerprint += state.sum * (2 * state.losses + 1);
+        }
+    }
+
+    CaseId id(const std::vector<Cut> &cuts) const { return {scenario_.name, variant_.label, cuts, limits_.seed}; }
+
+    std::vector<Cut> history(std::size_t n) const {
+        std::vector<Cut> cuts;
+        for (; states_[n].losses > 0; n = states_[n].parent) cuts.push_back(states_[n].cut);
+        std::reverse(cuts.begin(), cuts.end());
+        return cuts;
+    }
+
+    // A state is known by its sum. Chips are kept for new ones alone.
+    std::uint32_t meet(std::uint64_t cells, const Chips &chips, std::size_t parent, const Cut &cut,
+                       std::size_t losses) {
+        const std::uint64_t sum = cells + ChancesSum(chips);
+        const auto [known, is_new] = known_.try_emplace(sum, states_.size());
+        if (!is_new) return states_[known->second].letters;
+        const std::string letters = RegionLetters(chips, world_);
+        const std::uint32_t number = number_of(letters);
+        if (!follows(letters, losses)) {
+            known_.erase(known);
+            return number;
+        }
+        states_.push_back({sum, parent, cut, losses, number, KeptChips(chips, world_)});
+        return number;
+    }
+
+    void add_edge(const char *how, std::uint32_t from, std::uint32_t to) {
+        const bool is_cut = how[0] == 'c';
+        if (!edges_.insert(std::uint64_t{is_cut} << 63 | std::uint64_t{from} << 32 | to).second) return;
+        const auto text = [&](std::uint32_t number) -> const std::string & {
+            return std::find_if(letters_.begin(), letters_.end(), [=](const auto &l) { return l.second == number; })
+                ->first;
+        };
+        tally_.edges.insert(fmt::format("{} {} {}", how, text(from), text(to)));
+    }
+
+    void explore(Chips chips, std::size_t n) {
+        const unsigned number = states_[n].losses > 0;
+        const std::uint32_t from = states_[n].letters;
+        const std::vector<bool> wanted = limits_.near == 0 ? std::vector<bool>{} : near_changes(chips, number);
+        std::uint64_t cells = CellsSum(chips, world_.chips);
+        const std::uint64_t begins_with = cells;
+        EraseWatch erases;
+        const auto cut = [&](const Cut &one, std::uint64_t now) {
+            ++tally_.cuts;
+            add_edge("cut", from, meet(now, chips, n, one, states_[n].losses + 1));
+        };
+        sweeper_.watch(chips, number,
+                       [&](std::uint64_t index, const ChipOperation &operation, const std::function<void()> &whole,
+                           const std::function<void(Random &)> &torn) {
+                           const bool is_cut = wanted.empty() || wanted.at(index);
+                           const std::uint64_t rest = cells - TouchedSum(chips, operation);
+                           if (is_cut) cut({index, CutMoment::before}, cells);
+                           for (unsigned way = 1; is_cut && way <= limits_.ways; ++way) {
+                               Undo undo(chips, operation);
+                               const Cut one{index, CutMoment::torn, way};
+                               Random random(TearingSeed({one}, limits_.seed));
+                               torn(random);
+                               cut(one, rest + TouchedSum(chips, operation));
+                               undo.restore();
+                           }
+                           erases.make(chips, operation, whole);
+                           cells = rest + TouchedSum(chips, operation);
+                           if (is_cut) cut({index, CutMoment::after}, cells);
+                       });
+        if (erases.block_not_erased)
+            throw std::runtime_error(
+                fmt::format("block {} is programmed and was not erased by this power-up", *erases.block_not_erased));
+        if (cells != CellsSum(chips, world_.chips))
+            throw std::runtime_error("the sum of what the chips hold went astray");
+        add_edge("run", from, cells == begins_with ? from : number_of(RegionLetters(chips, world_)));
+    }
+
+    std::uint32_t number_of(const std::string &letters) {
+        return letters_.try_emplace(letters, static_cast<std::uint32_t>(letters_.size())).first->second;
+    }
+
+    // Which operations lie at most `near` from one of another kind or block, or from the first or the last one.
+    std::vector<bool> near_changes(Chips chips, unsigned number) {
+        struct Place {
+            std::string_view kind;
+            std::uint32_t block;
+            bool operator==(const Place &) const = default;
+        };
+        std::vector<Place> places;
+        sweeper_.watch(chips, number,
+                       [&](std::uint64_t, const ChipOperation &operation, const std::function<void()> &whole,
+                           const std::function<void(Random &)> &) {
+                           places.push_back({operation.kind, operation.address / kNandBlockBytes});
+                           whole();
+                       });
+        std::vector<bool> wanted(places.size());
+        for (std::size_t n = 0; n < places.size(); ++n) {
+            if (n > 0 && places[n] == places[n - 1] && n + 1 < places.size()) continue;
+            const std::size_t begin = n - std::min<std::size_t>(n, limits_.near);
+            const std::size_t end = std::min(n + limits_.near, places.size());
+            for (std::size_t i = begin; i < std::max(end, n + 1); ++i) wanted[i] = true;
+        }
+        return wanted;
+    }
+
+    // That the power really cut leaves what the state holds.
+    void check(const Chips &chips, std::size_t n, const std::vector<Cut> &cuts) {
+        if (cuts.empty() || states_[n].sum % 64 >= 8 || tally_.checked >= kChecks) return;
+        ++tally_.checked;
+        const Chips really = sweeper_.cut(cuts, limits_.seed);
+        if (CellsSum(really, world_.chips) != CellsSum(chips, world_.chips))
+            found(cuts, "another state than the cuts themselves leave", "");
+    }
+
+    void judge(const Chips &chips, const std::vector<Cut> &cuts) {
+        const Judgement judgement = sweeper_.judge(chips, cuts.empty() ? 0 : 1);
+        ++tally_.outcomes[NameOf(judgement.outcome)];
+        if (judgement.outcome == Outcome::good)
+            tally_.longest_recovery = std::max<std::uint64_t>(tally_.longest_recovery, judgement.boots);
+        const char *hole = HoleOf(variant_, judgement);
+        if (hole)
+            ++tally_.holes[hole][NameOf(judgement.outcome)];
+        else if (judgement.outcome != Outcome::good)
+            found(cuts, NameOf(judgement.outcome), judgement.detail);
+    }
+
+    void found(const std::vector<Cut> &cuts, const std::string &outcome, const std::string &detail) {
+        ++tally_.found;
+        if (tally_.findings.size() < kMostFindings)
+            tally_.findings.push_back(
+                {NameOf(id(cuts)), processor_ == ProcessorKind::host ? "host" : "arm", outcome, detail});
+    }
+
+    const ClosureLimits &limits_;
+    const Scenario &scenario_;
+    const Variant &variant_;
+    const ProcessorKind processor_;
+    JobNotes &notes_;
+    const World world_;
+    Sweeper sweeper_;
+    std::vector<State> states_;
+    std::unordered_map<std::uint64_t, std::size_t> known_;
+    std::map<std::string, std::uint32_t> letters_;
+    std::set<std::uint64_t> edges_;
+    ClosureTally tally_;
+};
+
+} // namespace
+
+ClosureTally CloseVariant(const ClosureLimits &limits, const Scenario &scenario, const Variant &variant,
+                          ProcessorKind processor, const SweepFirmware &firmware, JobNotes &notes) {
+    return Explorer(limits, scenario, variant, processor, firmware, notes).run();
+}
+
+std::vector<ClosureUnit> UnitsOf(const ClosurePlan &plan) {
+    std::vector<ClosureUnit> units;
+    for (std::size_t n = 0; n < plan.scenarios.size(); ++n)
+        for (const Variant &variant : plan.scenarios[n].variants) {
+            if (plan.on_host) units.push_back({n, &variant, ProcessorKind::host});
+            if (plan.on_arm) units.push_back({n, &variant, ProcessorKind::arm});
+        }
+    return units;
+}
+
+ClosureTally RunUnit(const ClosurePlan &plan, const ClosureUnit &unit, const SweepFirmware &firmware, JobNotes &notes) {
+    return CloseVariant(plan.limits, plan.scenarios.at(unit.scenario), *unit.variant, unit.processor, firmware, notes);
+}
+
+ClosureTally ClosureDeathOf(const std::string &at, const std::string &reason) {
+    ClosureTally died;
+    died.found = 1;
+    died.findings.push_back({at, "", "the process that ran it died", reason});
+    return died;
+}
+
+std::string ToText(const ClosureTally &tally) {
+    return json(tally).dump(-1, ' ', true, json::error_handler_t::replace);
+}
+ClosureTally ClosureTallyFrom(const std::string &text) { return json::parse(text).get<ClosureTally>(); }
+
+void CompareProcessors(const std::vector<ClosureUnit> &units, std::vector<ClosureTally> &tallies) {
+    for (std::size_t n = 1; n < units.size(); ++n) {
+        const ClosureTally &host = tallies.at(n - 1);
+        ClosureTally &arm = tallies.at(n);
+        if (units[n].variant != units[n - 1].variant || host.fingerprint == arm.fingerprint) continue;
+        ++arm.found;
+        arm.findings.push_back({units[n].variant->label, "both", "other states on the other processor",
+                                fmt::format("{} and {}", host.states, arm.states)});
+    }
+}
+
+std::vector<ClosureTally> RunClosure(const ClosurePlan &plan, unsigned jobs, const SweepFirmware &firmware,
+                                     const std::function<void(const JobProgress &)> &progress) {
+    const std::vector<ClosureUnit> units = UnitsOf(plan);
+    std::vector<ClosureTally> tallies(units.size());
+    RunJobs(
+        {.count = units.size(),
+         .workers = jobs,
+         .died = [](std::size_t, const std::string &at,
+                    const std::string &reason) { return ToText(ClosureDeathOf(at, reason)); },
+         .progress = progress},
+        [&](std::size_t n, JobNotes &notes) { return ToText(RunUnit(plan, units[n], firmware, notes)); },
+        [&](std::size_t n, const std::string &text) { tallies.at(n) = ClosureTallyFrom(text); });
+    CompareProcessors(units, tallies);
+    return tallies;
+}
+
+} // namespace fixture

@@ -1,0 +1,186 @@
+#include "sweep/workers.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <ctime>
+#include <fmt/format.h>
+#include <memory>
+#include <new>
+#include <poll.h>
+#include <span>
+#include <stdexcept>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace fixture {
+
+namespace {
+
+constexpr std::size_t kNothing = SIZE_MAX;
+
+// Memory that the workers share with their parent. A worker writes its own board alone.
+struct Board {
+    std::atomic<std::uint64_t> cases{0}, boots{0};
+    std::atomic<std::size_t> job{kNothing};
+    char at[160] = "";
+};
+
+struct Shared {
+    std::atomic<std::size_t> next{0};
+    std::atomic<std::size_t> done{0};
+};
+
+class SharedMemory {
+public:
+    explicit SharedMemory(unsigned workers) : bytes_(sizeof(Shared) + workers * sizeof(Board)) {
+        place_ = mmap(nullptr, bytes_, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        if (place_ == MAP_FAILED) throw std::runtime_error("no memory to share with workers");
+        shared_ = new (place_) Shared;
+        boards_ = {new (static_cast<char *>(place_) + sizeof(Shared)) Board[workers], workers};
+    }
+    ~SharedMemory() { munmap(place_, bytes_); }
+    SharedMemory(const SharedMemory &) = delete;
+    SharedMemory &operator=(const SharedMemory &) = delete;
+    Shared &shared() { return *shared_; }
+    std::span<Board> boards() { return boards_; }
+
+private:
+    std::size_t bytes_;
+    void *place_;
+    Shared *shared_;
+    std::span<Board> boards_;
+};
+
+class Notes : public JobNotes {
+public:
+    explicit Notes(Board &board) : board_(board) {}
+    void at(const std::string &name, std::uint64_t boots) override {
+        const std::size_t length = std::min(name.size(), sizeof board_.at - 1);
+        std::memcpy(board_.at, name.data(), length);
+        board_.at[length] = 0;
+        ++board_.cases;
+        board_.boots += boots - std::min(boots, counted_);
+        counted_ = boots;
+    }
+    void begin() { counted_ = 0; }
+
+private:
+    Board &board_;
+    std::uint64_t counted_ = 0;
+};
+
+void Write(int pipe, const std::string &text) {
+    for (std::size_t done = 0; done < text.size();) {
+        const ssize_t count = write(pipe, text.data() + done, text.size() - done);
+        if (count < 0 && errno != EINTR) _exit(1);
+        if (count > 0) done += static_cast<std::size_t>(count);
+    }
+}
+
+void Work(SharedMemory &memory, Board &board, std::size_t count,
+          const std::function<std::string(std::size_t, JobNotes &)> &work, int pipe) {
+    Notes notes(board);
+    for (std::size_t n; (n = memory.shared().next++) < count;) {
+        board.job = n;
+        notes.begin();
+        Write(pipe, fmt::format("{} {}\n", n, work(n, notes)));
+        board.job = kNothing;
+        ++memory.shared().done;
+    }
+}
+
+struct Worker {
+    pid_t process = -1;
+    int pipe = -1;
+    std::string unread;
+};
+
+Worker Start(const std::function<void(int pipe)> &work) {
+    int ends[2];
+    if (pipe(ends) != 0) throw std::runtime_error("no pipe for a worker");
+    Worker worker;
+    worker.process = fork();
+    if (worker.process < 0) throw std::runtime_error("no worker can be started");
+    if (worker.process == 0) {
+        close(ends[0]);
+        work(ends[1]);
+        _exit(0);
+    }
+    close(ends[1]);
+    worker.pipe = ends[0];
+    return worker;
+}
+
+// Takes what a worker has written; false at its end.
+bool Read(Worker &worker, const std::function<void(std::size_t, const std::string &)> &take) {
+    char buffer[65536];
+    const ssize_t count = read(worker.pipe, buffer, sizeof buffer);
+    if (count <= 0) return false;
+    worker.unread.append(buffer, static_cast<std::size_t>(count));
+    for (std::size_t end; (end = worker.unread.find('\n')) != std::string::npos; worker.unread.erase(0, end + 1)) {
+        std::size_t digits = 0;
+        const std::size_t n = std::stoul(worker.unread, &digits);
+        take(n, worker.unread.substr(digits + 1, end - digits - 1));
+    }
+    return true;
+}
+
+} // namespace
+
+double ProcessorSeconds() {
+    timespec now;
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+double RunJobs(const JobPlan &plan, const std::function<std::string(std::size_t, JobNotes &)> &work,
+               const std::function<void(std::size_t, const std::string &)> &take) {
+    const auto start = std::chrono::steady_clock::now();
+    SharedMemory memory(plan.workers);
+    std::vector<Worker> workers;
+    const auto launch = [&](unsigned n) {
+        return Start([&, n](int pipe) { Work(memory, memory.boards()[n], plan.count, work, pipe); });
+    };
+    for (unsigned n = 0; n < plan.workers; ++n) workers.push_back(launch(n));
+    // The job that a dead worker was at is given up, and another worker takes its place.
+    const auto finish = [&](unsigned n) {
+        Board &board = memory.boards()[n];
+        close(workers[n].pipe);
+        workers[n].pipe = -1;
+        int status = 0;
+        waitpid(workers[n].process, &status, 0);
+        if (status == 0 || board.job == kNothing) return false;
+        const std::string reason =
+            WIFSIGNALED(status) ? strsignal(WTERMSIG(status)) : fmt::format("status {}", WEXITSTATUS(status));
+        if (plan.died) take(board.job, plan.died(board.job, board.at, reason));
+        ++memory.shared().done;
+        board.job = kNothing;
+        workers[n] = launch(n);
+        return true;
+    };
+    JobProgress now{plan.count, 0, 0, 0, 0};
+    std::vector<pollfd> waiting(plan.workers);
+    for (std::size_t open = workers.size(); open > 0;) {
+        for (unsigned n = 0; n < plan.workers; ++n) waiting[n] = {workers[n].pipe, POLLIN, 0};
+        constexpr int kTick = 200; // ms
+        poll(waiting.data(), waiting.size(), kTick);
+        for (unsigned n = 0; n < plan.workers; ++n)
+            if (waiting[n].revents && !Read(workers[n], take) && !finish(n)) --open;
+        now.jobs_done = memory.shared().done;
+        now.cases = now.boots = 0;
+        for (const Board &board : memory.boards()) {
+            now.cases += board.cases;
+            now.boots += board.boots;
+        }
+        now.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        if (plan.progress) plan.progress(now);
+    }
+    return now.seconds;
+}
+
+} // namespace fixture

@@ -1,0 +1,44 @@
+// Work in many processes: jobs by number, each done by whichever worker is free, with a text that comes of it.
+//
+//   RunJobs({.count = units.size(), .workers = 2}, [&](std::size_t n, JobNotes &notes) { return DoIt(units[n]); },
+//            [&](std::size_t n, const std::string &text) { results[n] = text; }, {});
+//
+// What comes of a job depends on its number alone, so the results are the same for any number of workers. A job whose
+// process dies gives what `died` makes of it, and the others go on.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace fixture {
+
+// What a worker tells while it works.
+class JobNotes {
+public:
+    virtual ~JobNotes() = default;
+    // The case that is begun, by name, and the boots that the job has made so far.
+    virtual void at(const std::string &name, std::uint64_t boots) = 0;
+};
+
+struct JobProgress {
+    std::uint64_t jobs, jobs_done, cases, boots;
+    double seconds;
+};
+
+struct JobPlan {
+    std::size_t count;
+    unsigned workers = 1;
+    std::function<std::string(std::size_t n, const std::string &at, const std::string &reason)> died = {};
+    std::function<void(const JobProgress &)> progress = {}; // called now and then
+};
+
+// Returns the seconds that it took. Throws std::runtime_error where no worker can be started.
+double RunJobs(const JobPlan &plan, const std::function<std::string(std::size_t n, JobNotes &notes)> &work,
+               const std::function<void(std::size_t n, const std::string &text)> &take);
+
+// Of this process so far. Two processes on one core do not take twice as many.
+double ProcessorSeconds();
+
+} // namespace fixture

@@ -1,0 +1,122 @@
+// Closures and campaigns: that a closure ends, tells the shortest history, and that parts give what one run gives.
+#include "formats/file.h"
+#include "harness/started_board.h"
+#include "sweep/campaign.h"
+
+#include <algorithm>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace fixture {
+namespace {
+
+const SweepFirmware &Builds() {
+    static const SweepFirmware builds(FirmwareDirectory() / "fixed");
+    return builds;
+}
+
+class NoNotes : public JobNotes {
+    void at(const std::string &, std::uint64_t) override {}
+};
+
+ClosureTally Close(const char *name, const ClosureLimits &limits, void (*change)(Variant &) = nullptr) {
+    Scenario scenario = FindScenarios({name}, Builds()).front();
+    if (change) change(scenario.variants.front());
+    NoNotes notes;
+    return CloseVariant(limits, scenario, scenario.variants.front(), ProcessorKind::host, Builds(), notes);
+}
+
+TEST(Closure, OfACommitEndsAndAllIsGood) {
+    const ClosureTally tally = Close("parameters/0-to-1", {});
+    EXPECT_TRUE(tally.closed());
+    EXPECT_EQ(tally.found, 0u) << tally.findings.front().id << tally.findings.front().detail;
+    EXPECT_GT(tally.depths.size(), 2u); // a commit that was cut is cut again
+    EXPECT_EQ(tally.states, tally.outcomes.at(NameOf(Outcome::good)));
+    EXPECT_GT(tally.cuts, tally.states);
+}
+
+// The hole is no finding of its own: taken from the variant, it is one.
+TEST(Closure, TellsTheShortestHistoryThatReplays) {
+    const ClosureTally tally =
+        Close("parameters/1-to-0-equal-sum", {}, [](Variant &variant) { variant.holes.clear(); });
+    ASSERT_GT(tally.found, 0u);
+    const Finding &first = tally.findings.front();
+    const CaseId id = ParseCase(first.id).value();
+    EXPECT_EQ(id.cuts.size(), 1u) << first.id;
+    EXPECT_EQ(NameOf(RunCase(id, ProcessorKind::host, Builds()).outcome), first.outcome);
+}
+
+// A second way that tears as the first does would be none.
+TEST(Closure, WaysOfTearingDiffer) {
+    const auto states = [](unsigned ways) {
+        return Close("nand-update/running-erased", {.ways = ways, .most_states = 1, .near = 1}).states;
+    };
+    EXPECT_LT(states(1), states(2));
+    EXPECT_LT(states(2), states(3));
+}
+
+TEST(Closure, ThatIsCutShortSaysSo) {
+    const ClosureTally tally = Close("parameters/0-to-1", {.most_states = 2});
+    EXPECT_FALSE(tally.closed());
+    EXPECT_EQ(tally.left, tally.states - 2);
+}
+
+// --- parts
+
+class Parts : public testing::Test {
+protected:
+    static constexpr std::size_t kParts = 3;
+    TemporaryDirectory here;
+    CampaignCall call{.scenarios = {"parameters", "nand-refused/sums"}};
+
+    void SetUp() override {
+        const Campaign campaign(call, Builds());
+        for (std::size_t n = 1; n <= kParts; ++n)
+            WritePart(file(n), {call, "this build", {n, kParts}, campaign.run({n, kParts}, 1, {})});
+    }
+    std::filesystem::path file(std::size_t n) const { return here.path() / (std::to_string(n) + ".part"); }
+    std::string refusal(const std::vector<std::filesystem::path> &files) const {
+        try {
+            MergeParts(files, "this build");
+        } catch (const Refusal &error) {
+            return error.what();
+        }
+        return "merged";
+    }
+};
+
+std::string Same(std::string json) {
+    for (std::size_t at; (at = json.find("\"processor_seconds\"")) != std::string::npos;)
+        json.erase(at, json.find('\n', at) - at);
+    return json;
+}
+
+TEST_F(Parts, GiveWhatOneRunGives) {
+    const Campaign campaign(call, Builds());
+    const auto text = [&](const UnitTexts &units) {
+        return Same(SweepJson(std::get<SweepPlan>(campaign.stages().front().plan),
+                              std::get<SweepResult>(campaign.results(units).front())));
+    };
+    const Part merged = MergeParts({file(3), file(1), file(2)}, "this build");
+    EXPECT_EQ(text(merged.units), text(campaign.run({}, 2, {})));
+}
+
+TEST_F(Parts, ThatDoNotFitAreRefusedByName) {
+    EXPECT_EQ(refusal({file(1), file(3)}), "part 2 of 3 is missing");
+    EXPECT_THAT(refusal({file(1), file(2), file(1), file(3)}), testing::HasSubstr(file(1).string() + " is it, too"));
+    CampaignCall other = call;
+    other.seed = 2;
+    WritePart(here.path() / "seed.part", {other, "this build", {2, kParts}, {}});
+    EXPECT_THAT(refusal({file(1), here.path() / "seed.part", file(3)}),
+                testing::StartsWith((here.path() / "seed.part").string() + ": a part of another campaign"));
+    WritePart(here.path() / "build.part", {call, "that build", {2, kParts}, {}});
+    EXPECT_THAT(refusal({file(1), here.path() / "build.part", file(3)}),
+                testing::StartsWith((here.path() / "build.part").string() + ": a part that build that build made"));
+    WritePart(here.path() / "of.part", {call, "this build", {2, 4}, {}});
+    EXPECT_THAT(refusal({file(1), here.path() / "of.part"}), testing::HasSubstr("part 2 of 4"));
+    WriteFile(here.path() / "no.part", "{}");
+    EXPECT_THAT(refusal({here.path() / "no.part"}), testing::StartsWith((here.path() / "no.part").string()));
+}
+
+} // namespace
+} // namespace fixture
