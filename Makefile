@@ -6,7 +6,7 @@
 #   make bench      speed in virtual time and instructions, compared with docs/bench.txt; make bench-record records it
 #   make size       the image's bytes by module and function, recorded in docs/size.txt
 #   make fuzz       run the fuzz targets on from their corpora, TIME=60 seconds each; FUZZ_ARGS: other fuzzer options
-#   make campaign  count the tables of docs/reliability.md, in PARTS=8 parts; ENGINE=local or slurm; goes on where it was
+#   make campaign   count the tables of docs/reliability.md in PARTS=8 parts, ENGINE=local or slurm
 #   make cluster-test   a campaign on a Slurm of this one machine; needs root
 #   make lint       format and lint, as CI checks them
 #   make clean
@@ -45,7 +45,8 @@ fuzz: firmware
 	@fuzz/run.sh $(FUZZ_ARGS)
 
 campaign: firmware fixture
-	@MERGE="--report docs/reliability.md" cluster/campaign.sh $(ENGINE) $(PARTS) build/campaign --report docs/reliability.md $(CAMPAIGN_ARGS)
+	@MERGE="--report docs/reliability.md" cluster/campaign.sh $(ENGINE) $(PARTS) build/campaign \
+		--report docs/reliability.md $(CAMPAIGN_ARGS)
 
 cluster-test: firmware fixture
 	@cluster/test.sh

@@ -3,10 +3,11 @@
 #
 #   cluster/campaign.sh local|slurm PARTS DIRECTORY SWEEP-ARGUMENT...
 #
-# Part K is DIRECTORY/K.part. A part that is there is not run again, so a campaign that was interrupted goes on where it was; parts of
-# another build or another call are refused by the merge, by name. `slurm` runs the parts as one array job, whatever nodes they fall to:
-# DIRECTORY and this tree have to be where all nodes see them. Tasks that are lost are submitted again, twice.
-# FIXTURE names another program than build/host/fixture, MERGE more arguments for the merge (--json, --report FILE).
+# Part K is DIRECTORY/K.part. A part that is there is not run again, so a campaign that was interrupted goes on where
+# it was; parts of another build or another call are refused by the merge, by name. `slurm` runs the parts as one
+# array job, whatever nodes they fall to: DIRECTORY and this tree have to be where all nodes see them. Tasks that are
+# lost are submitted again, twice. FIXTURE names another program than build/host/fixture, MERGE more arguments for the
+# merge (--json, --report FILE).
 set -eu
 cd "$(dirname "$0")/.."
 engine=$1
@@ -36,7 +37,8 @@ slurm)
         [ -n "$lost" ] || break
         echo "round $round: parts $lost"
         FIXTURE=$fixture PARTS=$parts DIRECTORY=$directory \
-            sbatch --wait --requeue --array="$lost" --chdir="$PWD" --output="$directory/%a.log" --export=ALL cluster/part.sbatch "$@" || true
+            sbatch --wait --requeue --array="$lost" --chdir="$PWD" \
+                --output="$directory/%a.log" --export=ALL cluster/part.sbatch "$@" || true
     done
     ;;
 *)

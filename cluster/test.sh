@@ -1,6 +1,7 @@
 #!/bin/sh
-# A campaign on a real Slurm of this one machine: controller, node and munge from packages. An array of 8, one task killed half-way and
-# run again; what is merged has to be what one run gives. Needs root. Ends what it started, and nothing else.
+# A campaign on a real Slurm of this one machine: controller, node and munge from packages. An array of 8, one task
+# killed half-way and run again; what is merged has to be what one run gives. Needs root. Ends what it started, and
+# nothing else.
 set -eu
 cd "$(dirname "$0")/.."
 [ "$(id -u)" = 0 ] || { echo "a controller and a node are started as root" >&2; exit 2; }
@@ -81,7 +82,8 @@ scancel --signal=KILL --full "$killed"
 echo "task 2 killed in the middle"
 wait "$array"
 
-grep -q '^round 2: parts 2$' "$here/array.log" || { echo "the killed task was not run again:" >&2; cat "$here/array.log" >&2; exit 1; }
+grep -q '^round 2: parts 2$' "$here/array.log" || {
+    echo "the killed task was not run again:" >&2; cat "$here/array.log" >&2; exit 1; }
 sed -n '/^{/,$p' "$here/array.log" >"$here/merged.json"
 for one in one merged; do grep -v processor_seconds "$here/$one.json" >"$here/$one.same"; done
 cmp "$here/one.same" "$here/merged.same"

@@ -5,9 +5,9 @@
 //
 //   NandContents copy = chips.nand;                       a prediction changes the flash as the board would
 //   BoardState board{.pins_12_13 = true, .flash = RawFlashOf(copy), .volume = "demo/volume"};
-//   board.version_of = [&](auto body) { return VersionOf(known.identify(body)); };
+//   board.version_of = version_of;                        names the build that an image's body is
 //   const Prediction told = PredictBoot(board);
-//   fmt::print("{}\n", told.reason);
+//   std::puts(told.reason.c_str());
 //
 // What it cannot foretell: chips that fail while the board runs, a watchdog that bites, a file server that does not
 // start, and what a bootloader does that no known build stands for.

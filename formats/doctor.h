@@ -1,8 +1,8 @@
 // What ails a board's raw flash and its parameter store, what has led to it, and what mends it.
 //
-//   const std::vector<ReferenceImage> references = ...;      known builds, and what banks carry
-//   const FlashDiagnosis found = DiagnoseFlash(RawFlashOf(copy), references);
-//   for (const Repair &repair : found.repairs) repair.apply(RawFlashOf(copy));
+//   const std::vector<ReferenceImage> references{};           known builds, and what banks carry
+//   const FlashDiagnosis found = DiagnoseFlash(RawFlashOf(chips.nand), references);
+//   for (const Repair &repair : found.repairs) repair.apply(RawFlashOf(chips.nand));
 //
 // A slot without a good image is held against every reference. The order in which an update erases and programs tells
 // how far it came: tests compare the answer with every place at which a sweep cuts the power.

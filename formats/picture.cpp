@@ -125,7 +125,7 @@ void PutFrame(GifFileType *gif, const GifFrame &frame) {
     const int width = static_cast<int>(frame.picture.width);
     const int height = static_cast<int>(frame.picture.height);
     CheckGif(EGifPutImageDesc(gif, 0, 0, width, height, false, map.get()), gif);
-    for (int row = 0; row < height; row++)
+    for (int row = 0; row < height; ++row)
         CheckGif(EGifPutLine(gif, indexed.pixels.data() + std::ptrdiff_t{row} * width, width), gif);
 }
 

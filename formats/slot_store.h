@@ -1,6 +1,7 @@
 // Writing one slot of a chip, and nothing but it.
 //
-//   StoreInSlot(flash, SlotsOn(flash)[1], image);     bootloader 1; slot 0, the rescue image and the record stay
+//   const RawFlash flash = RawFlashOf(chips.nand);
+//   StoreInSlot(flash, SlotsOn(flash)[1], manifest);     bootloader 1; slot 0, the rescue image and the record stay
 //
 // Everything here throws Refusal, with nothing written, where what is asked for does not fit or would be lost.
 #pragma once

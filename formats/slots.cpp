@@ -73,7 +73,7 @@ StoredImage ReadSlot(const FlashReader &read, const Slot &slot) {
 }
 
 std::optional<unsigned> ChooseBootloader(const FlashReader &read, const SlotTable &slots) {
-    for (unsigned slot = 0; slot < slots.bootloader.size(); slot++)
+    for (unsigned slot = 0; slot < slots.bootloader.size(); ++slot)
         if (ReadSlot(read, slots.bootloader[slot]).verdict == ImageVerdict::good) return slot;
     return std::nullopt;
 }

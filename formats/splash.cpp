@@ -20,14 +20,14 @@ using Row = std::span<const std::uint16_t>;
 // How many pixels from the front of the row have one colour.
 std::size_t Stretch(Row row) {
     std::size_t count = 1;
-    while (count < row.size() && row[count] == row[0]) count++;
+    while (count < row.size() && row[count] == row[0]) ++count;
     return count;
 }
 
 // How many pixels from the front of the row differ from their right neighbours.
 std::size_t Mixed(Row row) {
     std::size_t count = 0;
-    while (count < row.size() && Stretch(row.subspan(count)) == 1) count++;
+    while (count < row.size() && Stretch(row.subspan(count)) == 1) ++count;
     return count;
 }
 
@@ -37,20 +37,20 @@ void EncodeRow(SplashStream &stream, Row row) {
         if (mixed != 0) {
             PutWord(stream.bytes, kLiteral | static_cast<unsigned>(mixed - 1));
             for (const std::uint16_t pixel : row.first(mixed)) PutWord(stream.bytes, pixel);
-            stream.literals++;
+            ++stream.literals;
             row = row.subspan(mixed);
             continue;
         }
         const std::size_t count = Stretch(row);
         PutWord(stream.bytes, static_cast<unsigned>(count - 1));
         PutWord(stream.bytes, row[0]);
-        stream.repeats++;
+        ++stream.repeats;
         row = row.subspan(count);
     }
 }
 
 void RequireBlackFoot(Row pixels, const std::filesystem::path &file) {
-    for (std::size_t i = std::size_t{kSplashFirstBlackRow} * kSplashWidth; i < kPixels; i++)
+    for (std::size_t i = std::size_t{kSplashFirstBlackRow} * kSplashWidth; i < kPixels; ++i)
         if (pixels[i] != 0)
             throw Refusal(file,
                           fmt::format("row {}, column {} is 0x{:04X}", i / kSplashWidth, i % kSplashWidth, pixels[i]),
@@ -80,7 +80,7 @@ SplashStream EncodeSplash(const Picture &picture, const std::filesystem::path &f
     RequireBlackFoot(pixels, file);
 
     SplashStream stream;
-    for (unsigned row = 0; row < kSplashHeight; row++)
+    for (unsigned row = 0; row < kSplashHeight; ++row)
         EncodeRow(stream, Row(pixels).subspan(std::size_t{row} * kSplashWidth, kSplashWidth));
     if (stream.bytes.size() > kSplashArrayBytes)
         throw Refusal(file, fmt::format("compressed to {} bytes", stream.bytes.size()),
@@ -106,7 +106,7 @@ Picture DecodeSplash(std::span<const std::uint8_t> stream, const std::filesystem
             throw Refusal(file, fmt::format("the run at byte {} has {} pixels", start, count),
                           fmt::format("at most the {} left", kPixels - done));
         std::uint16_t pixel = next_word();
-        for (std::size_t i = 0; i < count; i++) {
+        for (std::size_t i = 0; i < count; ++i) {
             if (literal && i != 0) pixel = next_word();
             picture.pixels[done++] = SplashColour(pixel);
         }
@@ -121,7 +121,7 @@ std::string SplashSource(const SplashStream &stream) {
                        "\n"
                        "// clang-format off\n"
                        "const std::uint8_t BootImageBitmap[kBootImageSize] = {";
-    for (std::size_t i = 0; i < stream.bytes.size(); i++)
+    for (std::size_t i = 0; i < stream.bytes.size(); ++i)
         text += fmt::format("{}0x{:02X},", i % kInLine == 0 ? "\n    " : " ", stream.bytes[i]);
     return text + "\n};\n// clang-format on\n";
 }

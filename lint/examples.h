@@ -1,6 +1,7 @@
 // What the examples in headers take as given. Nothing here is defined anywhere: examples are compiled, never linked.
 #pragma once
 
+#include "formats/boot_prediction.h"
 #include "formats/debug_info.h"
 #include "formats/elf_image.h"
 #include "formats/stored_image.h"
@@ -55,6 +56,7 @@ extern CLI::App *command;
 extern std::ostream &stream;
 extern std::filesystem::path directory;
 extern Bytes manifest;
+extern decltype(BoardState::version_of) version_of;
 
 // A pointer among the arguments of a routine is an address.
 extern std::uint32_t address, buffer, entry, main_address, routine, a0, a1, result;

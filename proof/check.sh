@@ -1,6 +1,7 @@
 #!/bin/sh
-# Checks the protocol model with Spin: what must hold holds, each mistake is refuted, each hole is found. Leaves in OUT the edges of both media
-# (what one power-up can make of what the regions hold), for the comparison with the program's own, and the trail of every refutation.
+# Checks the protocol model with Spin: what must hold holds, each mistake is refuted, each hole is found. Leaves in
+# OUT the edges of both media (what one power-up can make of what the regions hold), for the comparison with the
+# program's own, and the trail of every refutation.
 #
 #   proof/check.sh OUT
 set -eu
@@ -23,8 +24,8 @@ make_verifier() {
 
 # Bits of what is asked, as the model names them: 1 brick, 2 launch, 4 others, 8 neighbour, 16 rescue.
 cat >table <<'END'
-nand      7  -                          holds   a bootloader at every moment, the new one in the end, nothing else changed
-dataflash 7  -                          holds   a bootloader at every moment, the new one in the end, nothing else changed
+nand      7  -                          holds   a bootloader always, the new one in the end, nothing else changed
+dataflash 7  -                          holds   a bootloader always, the new one in the end, nothing else changed
 
 # mistakes
 nand      1  retires_before_writing     refuted the old copy retired before the new one is written
@@ -65,7 +66,7 @@ dataflash 1  unsure                     refuted bits that read either way, and t
 # what looks like a hole and is none
 nand      5  too_long                   holds   an image longer than its slot is refused
 dataflash 5  too_long                   holds   an image longer than its slot is refused
-nand      1  dead_slot                  holds   a bootloader block that takes no mark keeps the update out and the old one in
+nand      1  dead_slot                  holds   a bootloader block that takes no mark keeps the update out
 nand      3  unsure_once                holds   bits that read either way, and one loss
 dataflash 3  unsure_once                holds   bits that read either way, and one loss
 nand      1  wrong_text                 holds   updates without end
@@ -91,10 +92,12 @@ check() {
         ! grep -q 'search depth too small\|out of memory' "$log.log" || found=unknown
         states=$(sed -n 's/^ *\([0-9]*\) states, stored.*/\1/p' "$log.log")
         [ "$found" != refuted ] ||
-            (cd "$medium" && TRAIL=1 ./pan -S -r update.pml.trail) | grep '^power-up\|^loss\|^edge\|^launched\|^no boot' >"$log.trail"
+            (cd "$medium" && TRAIL=1 ./pan -S -r update.pml.trail) |
+                grep '^power-up\|^loss\|^edge\|^launched\|^no boot' >"$log.trail"
         verdict=ok
         [ "$found" = "$expected" ] || { verdict=WRONG; failed=1; }
-        printf '%-5s %-9s %-7s %8s states  %s\n' "$verdict" "$medium" "$found" "$states" "$what${experiment:+ ($experiment)}"
+        printf '%-5s %-9s %-7s %8s states  %s\n' \
+            "$verdict" "$medium" "$found" "$states" "$what${experiment:+ ($experiment)}"
     done <"$medium/table"
     return $failed
 }

@@ -1,16 +1,19 @@
 #!/bin/sh
-# Holds the program against the model, and shows that the comparison can fail: builds with a planted mistake have edges that the model has not, and
-# the history by which the model refutes a mistake is a case of the build that has it.
+# Holds the program against the model, and shows that the comparison can fail: builds with a planted mistake have
+# edges that the model has not, and the history by which the model refutes a mistake is a case of the build that has
+# it.
 #
-#   proof/refine_test.sh FIXTURE OUT PLANTED      OUT: what check.sh left; PLANTED: the folder of the builds with mistakes
+#   proof/refine_test.sh FIXTURE OUT PLANTED    OUT: what check.sh left; PLANTED: the folder of the planted builds
 set -eu
 here=$(dirname "$0")
 fixture=$1
 out=$2
 planted=$3
 
-"$fixture" sweep --closure --near 1 nand-update dataflash-update nand-rescue dataflash-rescue nand-both/running-retired \
-    dataflash-both/running-retired nand-factory-bad/target-second nand-worn/erase-first nand-worn/retired --edges "$out/program"
+"$fixture" sweep --closure --near 1 nand-update dataflash-update nand-rescue dataflash-rescue \
+    nand-both/running-retired \
+    dataflash-both/running-retired nand-factory-bad/target-second nand-worn/erase-first nand-worn/retired \
+    --edges "$out/program"
 "$here/refines.sh" "$out" "$out/program"
 
 while read -r mistake variant; do
@@ -30,7 +33,8 @@ record_before_image nand-rescue/good
 END
 
 for mistake in retires_before_writing writes_over_the_good_slot; do
-    if case=$("$fixture" sweep --follow "$out/nand-$mistake-1.trail" --processor arm --near 2 nand-update --firmware "$planted/$mistake"); then
+    if case=$("$fixture" sweep --follow "$out/nand-$mistake-1.trail" --processor arm --near 2 nand-update \
+        --firmware "$planted/$mistake"); then
         echo "$mistake: no case is like the model's history: $case"
         exit 1
     fi

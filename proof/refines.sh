@@ -5,7 +5,8 @@
 #   fixture sweep --closure --edges FILE
 #   proof/refines.sh OUT FILE
 #
-# A line of FILE is "MEDIUM edge-kind FROM TO". Prints what the model does not have, and the share of the model's edges that the program shows.
+# A line of FILE is "MEDIUM edge-kind FROM TO". Prints what the model does not have, and the share of the model's
+# edges that the program shows.
 set -eu
 status=0
 for medium in nand dataflash; do
@@ -16,6 +17,7 @@ for medium in nand dataflash; do
         sed "s/^/$medium: not in the model: /" "$1/$medium.foreign"
         status=1
     fi
-    echo "$medium: $(wc -l <"$1/$medium.seen") edges of the program, $(wc -l <"$1/$medium.foreign") of them not among the $(wc -l <"$1/$medium.edges") of the model"
+    echo "$medium: $(wc -l <"$1/$medium.seen") edges of the program," \
+        "$(wc -l <"$1/$medium.foreign") of them not among the $(wc -l <"$1/$medium.edges") of the model"
 done
 exit $status

@@ -1,14 +1,9 @@
 // A campaign: tables to be counted, made of independent units, which any number of machines can share.
 //
-//   const Campaign campaign(call, firmware);
-//   campaign.run({.number = 2, .of = 8}, jobs, progress)        the texts of the units of part 2
+// Campaign(call, firmware).run({.number = 2, .of = 8}, jobs, progress) gives the texts of the units of part 2.
 //
 // A part is a file with the call, the build, and what came of its units. All parts of one campaign together give what
-// one run of all units gives:
-//
-//   WritePart("2.part", {call, BuildOf(firmware), 2, 8, units});
-//   const Part whole = MergeParts({"1.part", "2.part", ...}, BuildOf(firmware));
-//   Campaign(whole.call, firmware).results(whole.units);
+// one run of all units gives: WritePart writes one, MergeParts reads all of them, results() makes the tables.
 #pragma once
 
 #include "sweep/report.h"

@@ -61,7 +61,7 @@ Bytes GoodImage(const FlashReader &read, const Slot &slot) {
 
 std::string NameOf(const CaseId &id) {
     std::string name = id.scenario + "/" + id.variant;
-    for (std::size_t n = 0; n < id.cuts.size(); n++) name += (n == 0 ? ":" : "+") + NameOf(id.cuts[n]);
+    for (std::size_t n = 0; n < id.cuts.size(); ++n) name += (n == 0 ? ":" : "+") + NameOf(id.cuts[n]);
     return id.seed == 1 ? name : fmt::format("{}~{}", name, id.seed);
 }
 
@@ -166,9 +166,9 @@ RunReport Sweeper::commit(Machine &machine) const {
         std::copy(data.begin(), data.end(), scratch.begin());
         call("WriteEEpromParameter", {identifier, kScratch, static_cast<std::uint32_t>(data.size())});
     };
-    for (std::uint32_t n = 0; n < world_.after.network.size(); n++) {
+    for (std::uint32_t n = 0; n < world_.after.network.size(); ++n) {
         std::array<std::uint8_t, 4> bytes;
-        for (unsigned i = 0; i < 4; i++) bytes[i] = static_cast<std::uint8_t>(world_.after.network[n] >> (24 - 8 * i));
+        for (unsigned i = 0; i < 4; ++i) bytes[i] = static_cast<std::uint8_t>(world_.after.network[n] >> (24 - 8 * i));
         set(9 + n, bytes);
     }
     if (!world_.more.empty()) set(0x20, world_.more);
@@ -200,7 +200,7 @@ Sweeper::PowerUp Sweeper::power_up(Chips &chips, unsigned number, const std::fun
             result.outside = fmt::format("{} {} at 0x{:08X}", operation.chip, operation.kind, operation.address);
     };
     if (prepare) prepare(supply);
-    boots++;
+    ++boots;
     const bool boots_uncut = !prepare && !(number == 0 && world_.commits);
     std::optional<Foretold> foretold;
     if (foretells && boots_uncut && Foretold::possible(world_)) foretold.emplace(world_, chips, firmware_.known);
@@ -259,7 +259,7 @@ bool Sweeper::check_outside(const Chips &chips, Judgement &judgement, bool was_c
     ForEachChangedPage(chips.dataflash, world_.chips.dataflash, [&](std::uint32_t page) {
         bool any_inside = false;
         bool any_outside = false;
-        for (std::uint32_t n = 0; n < page_bytes; n++) {
+        for (std::uint32_t n = 0; n < page_bytes; ++n) {
             const bool in = world_.medium == Medium::dataflash && inside(page * page_bytes + n);
             any_inside |= in;
             any_outside |= !in && chips.dataflash.page(page)[n] != world_.chips.dataflash.page(page)[n];
@@ -325,7 +325,7 @@ bool Sweeper::settled(const Chips &chips, const PowerUp &last, Judgement &judgem
 // One cold boot, with what is wrong with it whatever the board is.
 Sweeper::PowerUp Sweeper::boot_once(Chips &chips, unsigned number, Judgement &judgement) {
     PowerUp last = power_up(chips, number, {});
-    judgement.boots++;
+    ++judgement.boots;
     judgement.console += last.console;
     judgement.chips = digest(chips);
     judgement.detail = last.report.place;
@@ -347,7 +347,7 @@ Judgement Sweeper::boot_hostile(Chips chips, unsigned number) {
     constexpr unsigned kBoots = 2;
     const bool failing = world_.medium == Medium::nand && !world_.chips.nand.faults.empty();
     Judgement judgement;
-    for (unsigned boot = 0; boot < kBoots && judgement.outcome == Outcome::good; boot++) {
+    for (unsigned boot = 0; boot < kBoots && judgement.outcome == Outcome::good; ++boot) {
         const PowerUp last = boot_once(chips, number + boot, judgement);
         if (judgement.outcome == Outcome::no_bootloader && failing) judgement.hole = kFailingNand;
         const bool updates = last.console.find(" header at address ") != std::string::npos;
@@ -362,7 +362,7 @@ Judgement Sweeper::boot_on(Chips chips, unsigned number) {
     const bool was_cut = number > 0;
     check_rescue_gap(chips, judgement);
     if (!check_outside(chips, judgement, was_cut)) return judgement;
-    for (unsigned boot = 0; boot < kMostBoots; boot++) {
+    for (unsigned boot = 0; boot < kMostBoots; ++boot) {
         if (!check_choice(chips, judgement)) return judgement;
         const PowerUp last = boot_once(chips, number + boot, judgement);
         if (!last.outside.empty()) {
@@ -441,7 +441,7 @@ std::vector<Snapshot> Sweeper::record(const Chips &start, unsigned number, const
 
 Chips Sweeper::cut(const std::vector<Cut> &path, std::uint64_t seed) {
     Chips chips = world_.chips;
-    for (std::size_t n = 0; n < path.size(); n++) {
+    for (std::size_t n = 0; n < path.size(); ++n) {
         const std::vector<Cut> cuts(path.begin(), path.begin() + static_cast<std::ptrdiff_t>(n) + 1);
         const PowerUp last = power_up(chips, to_cut(chips, static_cast<unsigned>(n)),
                                       [&](PowerSupply &supply) { supply.plan(PlanOf(cuts, seed)); });

@@ -32,18 +32,18 @@ private:
 
 bool SameBlock(const NandContents &one, const NandContents &other, std::uint32_t block) {
     if (one.shares_block(other, block)) return true;
-    for (std::uint32_t row = block * kNandPagesPerBlock; row < (block + 1) * kNandPagesPerBlock; row++)
+    for (std::uint32_t row = block * kNandPagesPerBlock; row < (block + 1) * kNandPagesPerBlock; ++row)
         if (&one.page(row) != &other.page(row) && one.page(row) != other.page(row)) return false;
     return true;
 }
 
 void AddNand(Digest &digest, const NandContents &nand, const NandContents &base) {
     const bool disturbed = nand.disturbed() || base.disturbed();
-    for (std::uint32_t block = 0; block < kNandBlocks; block++) {
+    for (std::uint32_t block = 0; block < kNandBlocks; ++block) {
         if (disturbed || !nand.shares_block(base, block))
             if (const std::uint64_t hidden = nand.hidden(block); hidden != base.hidden(block)) digest.add(hidden);
         if (SameBlock(nand, base, block)) continue;
-        for (std::uint32_t row = block * kNandPagesPerBlock; row < (block + 1) * kNandPagesPerBlock; row++) {
+        for (std::uint32_t row = block * kNandPagesPerBlock; row < (block + 1) * kNandPagesPerBlock; ++row) {
             if (&nand.page(row) == &base.page(row) || nand.page(row) == base.page(row)) continue;
             digest.add(row);
             digest.add(nand.page(row));
@@ -155,13 +155,13 @@ std::uint64_t DigestOf(const Chips &chips, const Chips &base) {
 
 void ForEachChangedBlock(const NandContents &one, const NandContents &other,
                          const std::function<void(std::uint32_t)> &call) {
-    for (std::uint32_t block = 0; block < kNandBlocks; block++)
+    for (std::uint32_t block = 0; block < kNandBlocks; ++block)
         if (!SameBlock(one, other, block)) call(block);
 }
 
 void ForEachChangedPage(const At45Contents &one, const At45Contents &other,
                         const std::function<void(std::uint32_t)> &call) {
-    for (std::uint32_t page = 0; page < one.part().pages; page++)
+    for (std::uint32_t page = 0; page < one.part().pages; ++page)
         if (&one.page(page) != &other.page(page) && one.page(page) != other.page(page)) call(page);
 }
 

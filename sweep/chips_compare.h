@@ -18,13 +18,8 @@ std::uint64_t DigestOf(const Chips &chips, const Chips &base);
 // how often spare areas were programmed, what is left of the faults' chances. How often, and in which order, data pages
 // were programmed is left out: it matters to a power-up that programs a block which it has not erased, and whoever uses
 // these sums has to see that there is none. It is a sum over units (a NAND page, a DataFlash page, the EEPROM), so that
-// a change costs what it touches:
-//
-//   std::uint64_t cells = CellsSum(chips, base);       sums of one base can be compared
-//   cells -= TouchedSum(chips, operation);
-//   ...the operation is made...
-//   cells += TouchedSum(chips, operation);
-//   const std::uint64_t state = cells + ChancesSum(chips);
+// a change costs what it touches: take TouchedSum off before an operation and add it after. Sums of one base can be
+// compared. The state is CellsSum plus ChancesSum.
 std::uint64_t CellsSum(const Chips &chips, const Chips &base);
 std::uint64_t TouchedSum(const Chips &chips, const ChipOperation &operation); // of what one operation can change
 std::uint64_t ChancesSum(const Chips &chips);                                 // of the faults

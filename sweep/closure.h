@@ -5,8 +5,7 @@
 // nothing that any number of losses could lead to that was not looked at. Every state is judged as a sweep judges what
 // a cut leaves.
 //
-//   const ClosureTally tally = CloseVariant({.ways = 3}, scenario, variant, ProcessorKind::host, firmware, notes);
-//   tally.closed && tally.found == 0
+// CloseVariant({.ways = 3}, scenario, variant, ProcessorKind::host, firmware, notes) gives the tally.
 //
 // Holds for what the chips' models can do: an operation torn in `ways` ways of all there are.
 #pragma once

@@ -1,8 +1,6 @@
 // What PredictBoot says of a power-up, held against what the bootloader then does.
 //
-//   const Foretold foretold(world, chips, known);        before the power-up
-//   ... run ...
-//   const std::string difference = foretold.compare(report, console, memory, chips);
+// Make a Foretold before the power-up, run it, then compare(): the text is empty if the two agree.
 #pragma once
 
 #include "formats/boot_prediction.h"

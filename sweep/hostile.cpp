@@ -94,7 +94,7 @@ private:
     }
     template <typename Text> Text spoil(Text text) {
         if (one_in(3)) return text;
-        for (std::uint32_t times = 1 + below(3); times > 0; times--) spoil_once(text);
+        for (std::uint32_t times = 1 + below(3); times > 0; --times) spoil_once(text);
         return text;
     }
 
@@ -107,7 +107,7 @@ private:
         constexpr std::uint32_t kSizes[] = {0, 1, 31, 32, 33, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF, 0x00FFFFE1};
         const std::uint32_t size = pick(kSizes);
         if (one_in(2))
-            for (unsigned i = 0; i < 4; i++) bytes[20 + i] = static_cast<std::uint8_t>(size >> 8 * i);
+            for (unsigned i = 0; i < 4; ++i) bytes[20 + i] = static_cast<std::uint8_t>(size >> 8 * i);
         else
             spoil_once(bytes);
         return bytes;
@@ -118,7 +118,7 @@ private:
     // --- chips
 
     void spoil_nand(NandContents &nand) {
-        for (std::uint32_t count = below(6); count > 0; count--) nand.make_factory_bad(below(kNandEnd));
+        for (std::uint32_t count = below(6); count > 0; --count) nand.make_factory_bad(below(kNandEnd));
     }
 
     void place(const RawFlash &flash, const Slot &slot, Bytes bytes) {
@@ -154,7 +154,7 @@ private:
         if (one_in(4)) return;
         for (const int sector : {0, 1}) {
             std::vector<StoredParameter> parameters;
-            for (unsigned n = below(12); n > 0; n--) parameters.push_back({below(0xFFF), noise(below(16))});
+            for (unsigned n = below(12); n > 0; --n) parameters.push_back({below(0xFFF), noise(below(16))});
             Bytes bytes = spoil(MakeStoreImage(below(0x10000), parameters));
             if (bytes.size() > kLongestImage) bytes.resize(kLongestImage);
             if (!one_in(3)) PlaceStoreImage(chip.bytes, sector, bytes);

@@ -55,7 +55,7 @@ void PrintSweep(const SweepPlan &plan, const SweepResult &result) {
         fmt::print(kRow, name, tally.variants, tally.operations, tally.cuts, tally.cases, tally.boots, Good(tally),
                    InHoles(tally), tally.found);
     };
-    for (std::size_t n = 0; n < plan.scenarios.size(); n++) row(plan.scenarios[n].name, result.scenarios[n]);
+    for (std::size_t n = 0; n < plan.scenarios.size(); ++n) row(plan.scenarios[n].name, result.scenarios[n]);
     if (plan.scenarios.size() > 1) row("all", result.all);
     for (const auto &[hole, what] : result.all.holes) {
         fmt::print("\nhole: {}\n", hole);
@@ -93,7 +93,7 @@ std::string SweepJson(const SweepPlan &plan, const SweepResult &result) {
                       {"processor_seconds", result.all.processor_seconds},
                       {"scenarios", ordered_json::object()},
                       {"all", row(result.all)}};
-    for (std::size_t n = 0; n < plan.scenarios.size(); n++)
+    for (std::size_t n = 0; n < plan.scenarios.size(); ++n)
         json["scenarios"][plan.scenarios[n].name] = row(result.scenarios[n]);
     return json.dump(2, ' ', true, nlohmann::json::error_handler_t::replace);
 }
@@ -210,7 +210,7 @@ std::string Table(const SweepPlan &plan, const SweepResult &result) {
         text += fmt::format("| {} | {} | {} | {} | {} | {} | {} | {} | {} | {} |\n", name, summary, t.variants,
                             t.operations, t.cuts, t.cases, t.boots, Good(t), InHoles(t), t.found);
     };
-    for (std::size_t n = 0; n < plan.scenarios.size(); n++)
+    for (std::size_t n = 0; n < plan.scenarios.size(); ++n)
         row("`" + plan.scenarios[n].name + "`", plan.scenarios[n].summary, result.scenarios[n]);
     row("**all**", "", result.all);
     return text;

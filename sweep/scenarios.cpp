@@ -157,7 +157,7 @@ std::vector<Variant> WrongPages(const SweepFirmware &firmware) {
     const auto pages = static_cast<std::uint32_t>((image + kNandPageBytes - 1) / kNandPageBytes);
     std::vector<Variant> variants;
     for (const unsigned times : {1u, kForever})
-        for (std::uint32_t page = 0; page < pages; page++) {
+        for (std::uint32_t page = 0; page < pages; ++page) {
             const NandFault fault{
                 .kind = NandFault::wrong_bits, .block = kSlot1Block, .page = page, .times = times, .column = 31 * page};
             variants.push_back({fmt::format("{}-{}", times == 1 ? "once" : "always", page), {.nand_faults = {fault}}});
@@ -170,7 +170,7 @@ std::vector<Variant> LostPrograms(const SweepFirmware &firmware) {
     const At45Part &part = *FindAt45Part(kDefaultAt45);
     const auto programs = static_cast<unsigned>(image / part.page_bytes + 3); // both ends, and the header retired
     std::vector<Variant> variants;
-    for (unsigned n = 0; n < programs; n++) {
+    for (unsigned n = 0; n < programs; ++n) {
         At45Fault fault;
         fault.skip = n;
         variants.push_back(
@@ -287,7 +287,7 @@ constexpr unsigned kHostileBoards = 500;
 
 std::vector<Variant> HostileBoards(unsigned count) {
     std::vector<Variant> variants;
-    for (unsigned seed = 1; seed <= count; seed++)
+    for (unsigned seed = 1; seed <= count; ++seed)
         variants.push_back({fmt::format("{}", seed), {.hostile = seed}, {}, 2});
     return variants;
 }

@@ -27,7 +27,7 @@ std::uint64_t HashOf(std::string_view text, std::uint64_t seed) {
 // header of the other one is cleared.
 std::vector<Cut> ChooseCuts(std::uint64_t operations, std::size_t most, std::uint64_t seed, bool with_ends) {
     std::vector<Cut> cuts;
-    for (std::uint64_t n = 0; n < operations; n++)
+    for (std::uint64_t n = 0; n < operations; ++n)
         for (const CutMoment moment : {CutMoment::before, CutMoment::torn, CutMoment::after})
             cuts.push_back({n, moment});
     if (most == 0 || most >= cuts.size()) return cuts;
@@ -45,7 +45,8 @@ class VariantSweep {
 public:
     VariantSweep(const SweepPlan &plan, const SweepUnit &unit, const SweepFirmware &firmware, JobNotes &notes)
         : plan_(plan), scenario_(plan.scenarios.at(unit.scenario)), variant_(*unit.variant), unit_(unit), notes_(notes),
-          world_(MakeWorld(scenario_.name, variant_, plan.seed, firmware)), seed_(HashOf(scenario_.name + variant_.label, plan.seed)) {
+          world_(MakeWorld(scenario_.name, variant_, plan.seed, firmware)),
+          seed_(HashOf(scenario_.name + variant_.label, plan.seed)) {
         if (plan.on_host) host_.emplace(world_, ProcessorKind::host, firmware);
         if (plan.on_arm) arm_.emplace(world_, ProcessorKind::arm, firmware);
         for (std::optional<Sweeper> *sweeper : {&host_, &arm_})
@@ -80,7 +81,7 @@ private:
     void sweep() {
         const std::uint64_t operations = first().operations();
         if (unit_.share == 0) {
-            tally_.variants++;
+            ++tally_.variants;
             tally_.operations += operations;
             tally(world_.chips, {});
         }
@@ -142,14 +143,14 @@ private:
                 const Chips cut = sweeper->cut({snapshot.cut}, plan_.seed);
                 if (sweeper->digest(cut) != sweeper->digest(snapshot.chips))
                     found(NameOf(id({snapshot.cut})), "another state than the cut itself leaves", "");
-                tally_.checked++;
+                ++tally_.checked;
             }
     }
 
     void tally(const Chips &chips, const std::vector<Cut> &cuts) {
         const std::string name = NameOf(id(cuts));
         notes_.at(name, boots());
-        tally_.cases++;
+        ++tally_.cases;
         const auto number = static_cast<unsigned>(cuts.size());
         std::optional<Judgement> host, arm;
         if (host_) host = host_->judge(chips, number);
@@ -161,7 +162,7 @@ private:
 
     void compare(const std::string &name, const Judgement &host, const Judgement &arm) {
         if (host.boots == 0 && arm.boots == 0) return; // nothing to start
-        tally_.compared++;
+        ++tally_.compared;
         if (host.console != arm.console)
             found(name, "console text differs between the processors", "");
         else if (host.chips != arm.chips)
@@ -169,17 +170,17 @@ private:
     }
 
     void count(const std::string &name, const Judgement &judgement) {
-        tally_.outcomes[NameOf(judgement.outcome)]++;
-        if (judgement.rescue_gap && judgement.outcome == Outcome::good) tally_.holes[kRescueGap]["seen"]++;
-        if (judgement.neighbour) tally_.holes[kNeighbour]["seen"]++;
+        ++tally_.outcomes[NameOf(judgement.outcome)];
+        if (judgement.rescue_gap && judgement.outcome == Outcome::good) ++tally_.holes[kRescueGap]["seen"];
+        if (judgement.neighbour) ++tally_.holes[kNeighbour]["seen"];
         if (const char *hole = HoleOf(variant_, judgement))
-            tally_.holes[hole][NameOf(judgement.outcome)]++;
+            ++tally_.holes[hole][NameOf(judgement.outcome)];
         else if (judgement.outcome != Outcome::good)
             found(name, NameOf(judgement.outcome), judgement.detail);
     }
 
     void found(const std::string &name, const std::string &outcome, const std::string &detail) {
-        tally_.found++;
+        ++tally_.found;
         const char *processor = host_ && arm_ ? "both" : host_ ? "host" : "arm";
         if (tally_.findings.size() < kMostFindings) tally_.findings.push_back({name, processor, outcome, detail});
     }

@@ -1,7 +1,6 @@
 // Work in many processes: jobs by number, each done by whichever worker is free, with a text that comes of it.
 //
-//   RunJobs({.count = units.size(), .workers = 2}, [&](std::size_t n, JobNotes &notes) { return DoIt(units[n]); },
-//            [&](std::size_t n, const std::string &text) { results[n] = text; }, {});
+// RunJobs calls the work with a number and hands its text on with the same number.
 //
 // What comes of a job depends on its number alone, so the results are the same for any number of workers. A job whose
 // process dies gives what `died` makes of it, and the others go on.

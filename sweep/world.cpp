@@ -73,7 +73,7 @@ std::shared_ptr<const fs::path> VolumeWith(const std::vector<BankFile> &files) {
 
 std::vector<StoredParameter> Parameters(std::span<const std::uint32_t> network, const std::vector<std::uint8_t> &more) {
     std::vector<StoredParameter> parameters;
-    for (unsigned n = 0; n < network.size(); n++) {
+    for (unsigned n = 0; n < network.size(); ++n) {
         StoredParameter parameter{9 + n, {}};
         for (int shift = 24; shift >= 0; shift -= 8)
             parameter.data.push_back(static_cast<std::uint8_t>(network[n] >> shift));

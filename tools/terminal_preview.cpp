@@ -25,7 +25,7 @@ using Terminal = Held<ChafaTermInfo, chafa_term_info_unref>;
 
 Terminal DetectTerminal(const char *const *environment) {
     std::vector<gchar *> variables;
-    for (; *environment != nullptr; environment++) variables.push_back(const_cast<gchar *>(*environment));
+    for (; *environment != nullptr; ++environment) variables.push_back(const_cast<gchar *>(*environment));
     variables.push_back(nullptr);
     return Terminal(chafa_term_db_detect(chafa_term_db_get_default(), variables.data()));
 }
@@ -33,7 +33,7 @@ Terminal DetectTerminal(const char *const *environment) {
 // The library takes a terminal that it does not know for one with colours.
 bool ShowsColours(const char *const *environment) {
     constexpr std::string_view kName = "TERM=";
-    for (; *environment != nullptr; environment++) {
+    for (; *environment != nullptr; ++environment) {
         const std::string_view variable = *environment;
         if (variable.starts_with(kName)) return variable != kName && variable.substr(kName.size()) != "dumb";
     }
