@@ -20,7 +20,7 @@ $fixture flash provision --medium nand --nand "$board/nand.bin" --bootloader bui
 echo
 echo "--- serial console ----------------------------------------------------------"
 status=0
-$fixture boot --straps 12-13 --volume "$out/volume" --nand "$board/nand.bin" --eeprom "$board/eeprom.bin" \
+$fixture boot --straps 12-13 --volume "$out/volume" --nand "$board/nand.bin" --eeprom "$board/eeprom.bin" --create \
     --panel "$out/panel.png" --preview || status=$?
 echo "--- the panel's picture is $out/panel.png"
 exit $status

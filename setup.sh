@@ -8,7 +8,7 @@ cmake ninja-build g++ pkg-config binutils git patch
 gcc-arm-none-eabi libnewlib-arm-none-eabi libstdc++-arm-none-eabi-newlib
 libunicorn-dev libelf-dev libdw-dev libcli11-dev libfmt-dev nlohmann-json3-dev
 libpng-dev libgif-dev libchafa-dev libglib2.0-dev
-libgtest-dev libgmock-dev sigrok-cli spin z3
+libgtest-dev libgmock-dev sigrok-cli spin z3 python3-jsonschema
 "
 # Only what CI, `make test`, `make lint`, `make fuzz` and `make cluster-test` use beyond that.
 case "${1:-}" in

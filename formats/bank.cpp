@@ -1,8 +1,8 @@
 #include "formats/bank.h"
 
-#include "XmlElement.h"
-#include "XmlExtractor.h"
+#include "formats/slots.h"
 #include "formats/stored_image.h"
+#include "formats/xml_subset.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -87,9 +87,12 @@ void CheckStoredImage(const BankFile &file) {
     std::uint32_t largest = 0;
     for (const SlotFit &slot : image.slots)
         if (std::string_view(slot.slot).starts_with(NameOf(file.role))) largest = std::max(largest, slot.capacity);
-    if (image.size > largest)
-        throw Refusal(file.source, fmt::format("a stored image of {} bytes", image.size),
-                      fmt::format("at most {}, the largest {} slot", largest, NameOf(file.role)));
+    if (image.image.size > largest)
+        throw Refusal(file.source, fmt::format("a stored image of {} bytes", image.image.size),
+                      fmt::format("at most {}, the largest {} slot", largest, NameOf(file.role)), "too-large");
+    if (image.image.has_no_body())
+        throw Refusal(file.source, "a stored image without a body",
+                      "something to start: a board that stores it is lost", "no-body");
 }
 
 void CheckContent(const BankFile &file) {
@@ -152,30 +155,27 @@ std::string CleanPath(std::span<const std::uint8_t> column, bool &rejects) {
     return path.substr(0, path.find('\0'));
 }
 
-std::string ValueOf(const XmlElement *element) {
-    return element->value ? std::string(element->value, static_cast<std::size_t>(element->value_length)) : "";
-}
-
 // A section's child by its key; sets the entry's problem where it is missing or longer than allowed.
-std::string TakeValue(XmlElement *root, const Section &section, std::string_view key, std::size_t longest,
+std::string TakeValue(const XmlSubset &document, const Section &section, std::string_view key, std::size_t longest,
                       DescriptorEntry &entry) {
     if (!entry.problem.empty()) return "";
-    const std::string_view name = section.element;
-    const XmlElement *child = XmlElement_FindChildElement(root, name.data(), static_cast<std::int32_t>(name.size()),
-                                                          key.data(), static_cast<std::int32_t>(key.size()));
-    const std::string value = child ? ValueOf(child) : "";
-    if (!child) entry.problem = fmt::format("no <{}> in <{}>", key, name);
-    if (value.size() > longest)
-        entry.problem = fmt::format("<{}> in <{}> has {} bytes; expected at most {}", key, name, value.size(), longest);
-    return value.substr(0, value.find('\0'));
+    const XmlSubset::Element *const child = document.find(section.element, key);
+    if (!child) {
+        entry.problem = fmt::format("no <{}> in <{}>", key, section.element);
+        return "";
+    }
+    if (child->value.size() > longest)
+        entry.problem = fmt::format("<{}> in <{}> has {} bytes; expected at most {}", key, section.element,
+                                    child->value.size(), longest);
+    return std::string(child->value.substr(0, child->value.find('\0')));
 }
 
-DescriptorEntry ReadEntry(XmlElement *root, const Section &section) {
+DescriptorEntry ReadEntry(const XmlSubset &document, const Section &section) {
     DescriptorEntry entry;
-    entry.base_name = TakeValue(root, section, "BaseFileName", 256, entry);
-    entry.extension = TakeValue(root, section, "BaseFileExtension", kLongestExtension, entry);
+    entry.base_name = TakeValue(document, section, "BaseFileName", 256, entry);
+    entry.extension = TakeValue(document, section, "BaseFileExtension", kLongestExtension, entry);
     if (!entry.extension.starts_with('.')) entry.extension.insert(0, ".");
-    entry.version = TakeValue(root, section, "Version", kLongestVersion, entry);
+    entry.version = TakeValue(document, section, "Version", kLongestVersion, entry);
     return entry;
 }
 
@@ -235,20 +235,16 @@ FileRole Descriptor::role_of(std::string_view path) const {
 }
 
 Descriptor ReadDescriptor(std::span<const std::uint8_t> file) {
-    std::string text(file.begin(), file.end());
-    XmlElement root;
-    XmlElement_SetupRoot(&root, nullptr, 0);
-    root.value = text.data();
-    root.value_length = static_cast<std::int32_t>(text.size());
+    const std::string text(file.begin(), file.end());
+    const XmlSubset document(text);
     Descriptor descriptor;
-    if (XmlExtractor_Parse(&root) == 0) descriptor.problem = "no whole XML element";
+    if (document.empty()) descriptor.problem = "no whole XML element";
+    if (document.exhausts_heap()) descriptor.problem = "elements nest beyond what the bootloader's heap holds";
     for (const Section &section : kSections) {
         DescriptorEntry &entry = descriptor.entries[static_cast<std::size_t>(section.role)];
-        entry = ReadEntry(&root, section);
+        entry = ReadEntry(document, section);
         if (section.required && descriptor.problem.empty()) descriptor.problem = entry.problem;
     }
-    root.value = nullptr; // not the tree's own
-    XmlElement_Clean(&root);
     return descriptor;
 }
 

@@ -8,7 +8,8 @@
 //            9  3  separator                21  3  separator
 //                                           24 256 path in the bank, padded with blanks
 //
-// Texts are read here exactly as the bootloader reads them; its own XML reader is used.
+// Texts are read here exactly as the bootloader reads them, by code of its own: the same mistake on both sides would
+// be seen by no test.
 #pragma once
 
 #include "formats/file.h"
@@ -36,7 +37,7 @@ inline constexpr const char *kBankDirectories[] = {"i:/vol0/data/app/", "i:/vol0
 inline constexpr std::size_t kLongestPath = 255; // bank directory and path, in the bootloader's buffer
 
 inline constexpr std::uint32_t kLoadBufferBytes = 16u << 20;
-inline constexpr std::uint32_t kLargestApplication = 0xFFFF00; // behind it the launch marker is written
+inline constexpr std::uint32_t kLargestApplication = 0xFFFF00; // after it the launch marker is written
 inline constexpr std::uint32_t kLargestNumber = 999999999;     // nine digits
 
 std::uint32_t ByteSum(std::span<const std::uint8_t> bytes);
@@ -88,8 +89,8 @@ struct ManifestRecord {
 
 struct Manifest {
     bool has_headings;                   // both, whole
-    std::vector<ManifestRecord> records; // whole ones behind the headings
-    std::size_t left_over;               // bytes behind the last whole record; the bootloader drops them
+    std::vector<ManifestRecord> records; // whole ones after the headings
+    std::size_t left_over;               // bytes after the last whole record; the bootloader drops them
 };
 Manifest ReadManifest(std::span<const std::uint8_t> file);
 

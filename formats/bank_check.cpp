@@ -1,9 +1,12 @@
 #include "formats/bank_check.h"
 
+#include "formats/slots.h"
 #include "formats/stored_image.h"
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <fmt/ranges.h>
+#include <sys/stat.h>
 
 namespace fixture {
 
@@ -12,6 +15,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr std::uintmax_t kLargestText = 4u << 20; // the bootloader's whole heap
+constexpr std::size_t kRecordText = 16;
 
 // A file of the bank, never one outside it; none for anything that is not a regular file.
 fs::path FindFile(const fs::path &directory, const std::string &relative) {
@@ -23,37 +27,120 @@ fs::path FindFile(const fs::path &directory, const std::string &relative) {
     return ends.first == root.end() ? file : fs::path{};
 }
 
-// The bytes of one of the bank's own two texts; empty, with a problem noted, where it cannot be read.
-Bytes ReadText(const fs::path &directory, const char *name, std::vector<std::string> &problems) {
+// The bootloader opens the descriptor, and every file that it stores, for writing too.
+bool MayBeWritten(const fs::path &file) {
+    struct stat status {};
+    return stat(file.c_str(), &status) == 0 && (status.st_mode & 0222) != 0;
+}
+
+void AddProblem(BankReport &bank, const char *id, const std::string &where, const std::string &found,
+                const std::string &expected = "") {
+    bank.problems.push_back({id, where, found, expected});
+}
+
+// The bytes of one of the bank's own two texts; none, with a problem noted, where it cannot be read.
+std::optional<Bytes> ReadText(const fs::path &directory, const char *name, BankReport &bank) {
     const fs::path file = FindFile(directory, name);
-    try {
-        if (!file.empty()) return ReadFile(file, kLargestText);
-        problems.push_back(fmt::format("{}: no such file", name));
-    } catch (const std::exception &error) {
-        problems.emplace_back(error.what());
+    if (file.empty()) {
+        AddProblem(bank, "missing", name, "no such file");
+        return std::nullopt;
     }
-    return {};
+    try {
+        return ReadFile(file, kLargestText);
+    } catch (const Refusal &refusal) {
+        AddProblem(bank, refusal.problem().id.c_str(), name, refusal.problem().found, refusal.problem().expected);
+    }
+    return std::nullopt;
 }
 
-std::string ContentProblem(FileRole role, const Bytes &bytes) {
-    if (role == FileRole::application && bytes.empty()) return "0 bytes; expected an application";
-    if (role == FileRole::application && bytes.size() > kLargestApplication)
-        return fmt::format("{} bytes; expected at most {}, behind which the launch marker is written", bytes.size(),
-                           kLargestApplication);
-    return role == FileRole::bootloader || role == FileRole::rescue ? ExamineImage(bytes).problem() : "";
-}
-
-std::string FileProblem(const fs::path &directory, const ManifestRecord &record, FileRole role) {
-    const fs::path file = FindFile(directory, record.path);
+// Why the bootloader's file check fails; empty where it does not.
+std::string CheckFailure(const fs::path &file, const ManifestRecord &record, Bytes &bytes) {
     if (file.empty()) return "no such file in the bank";
     const std::uintmax_t size = fs::file_size(file);
     if (size != record.size) return fmt::format("the file has {} bytes; expected {}", size, record.size);
-    if (role != FileRole::none && size > kLoadBufferBytes)
+    if (size > kLoadBufferBytes)
         return fmt::format("{} bytes; expected at most {}, the load buffer", size, kLoadBufferBytes);
-    const Bytes bytes = ReadFile(file, kLargestNumber);
-    if (ByteSum(bytes) != record.sum)
-        return fmt::format("the file's byte-sum is {}; expected {}", ByteSum(bytes), record.sum);
-    return ContentProblem(role, bytes);
+    try {
+        bytes = ReadFile(file, kLoadBufferBytes);
+    } catch (const Refusal &refusal) {
+        return refusal.problem().found;
+    }
+    const std::uint32_t sum = ByteSum(bytes);
+    return sum == record.sum ? "" : fmt::format("the file's byte-sum is {}; expected {}", sum, record.sum);
+}
+
+// Why an image is not stored, slots apart. A rescue image may be of any maker.
+std::string StoreFailure(FileRole role, const fs::path &file, const ImageReport &image) {
+    if (!MayBeWritten(file)) return "the file is write-protected; the bootloader opens it for writing";
+    const bool any_maker = role == FileRole::rescue;
+    if (any_maker ? image.image.sums_agree() : image.image.sums_agree() && image.image.maker) return "";
+    for (const ImageField &field : image.fields)
+        if (!field.valid && !(any_maker && field.name == "maker"))
+            return fmt::format("{} {}; expected {}", field.name, field.value, field.expected);
+    return "no stored image";
+}
+
+void WarnOfImage(BankReport &bank, const RecordReport &report, const StoredImage &image, const BoardView &board) {
+    const auto warn = [&](const char *id, std::string text) {
+        bank.warnings.push_back({id, report.record.path, std::move(text), ""});
+    };
+    const std::string &version = bank.version(report.role);
+    if (report.role == FileRole::rescue && !image.maker)
+        warn("foreign-maker",
+             "has another maker's text; the bootloader stores it, and the first stage starts it at its "
+             "header instead of after it");
+    if (report.role == FileRole::bootloader && board.version_of && !report.calls_itself &&
+        image.size > kImageHeaderBytes)
+        warn("unknown-build", "no build known here stands for it; whether it starts cannot be said");
+    if (report.calls_itself && *report.calls_itself != version)
+        warn("resets-for-ever", fmt::format("is version {}, not {}; a board stores it, resets at every start and never "
+                                            "launches the application",
+                                            *report.calls_itself, version));
+    for (const RawFlash &flash : board.chips) {
+        const Problems holes = report.role == FileRole::rescue ? WarningsOfRescue(flash, image.size, version)
+                                                               : WarningsOfBootloader(flash, image.size);
+        for (const Problem &hole : holes)
+            warn(hole.id.c_str(), fmt::format("on {}: {}: {}", NameOf(flash.medium), hole.where, hole.found));
+    }
+}
+
+void ExamineImageFile(BankReport &bank, RecordReport &report, const fs::path &file, const Bytes &bytes,
+                      const BoardView &board) {
+    const ImageReport image = ExamineImage(bytes);
+    report.image_size = image.image.size;
+    report.problem = StoreFailure(report.role, file, image);
+    report.storable = report.problem.empty();
+    if (!report.storable) return;
+    if (image.image.size == kImageHeaderBytes)
+        report.problem = "a header alone, with nothing to start: a board that stores it is lost";
+    const auto body = std::span(image.image.bytes).subspan(kImageHeaderBytes);
+    if (report.role == FileRole::bootloader && board.version_of) report.calls_itself = board.version_of(body);
+    WarnOfImage(bank, report, image.image, board);
+}
+
+void ExamineApplication(BankReport &bank, RecordReport &report, const Bytes &bytes) {
+    if (bytes.empty()) report.problem = "0 bytes; expected an application";
+    if (bytes.size() > kLargestApplication)
+        bank.warnings.push_back({"launch-marker-overlap", report.record.path,
+                                 fmt::format("{} bytes: the bootloader launches it, but the launch marker is written "
+                                             "over what lies from byte {} on",
+                                             bytes.size(), kLargestApplication),
+                                 ""});
+}
+
+RecordReport ExamineRecord(BankReport &bank, const fs::path &directory, const ManifestRecord &record, FileRole role,
+                           const BoardView &board) {
+    RecordReport report;
+    report.record = record;
+    report.role = role;
+    const fs::path file = FindFile(directory, record.path);
+    Bytes bytes;
+    report.problem = CheckFailure(file, record, bytes);
+    report.passes = report.problem.empty();
+    if (!report.passes) return report;
+    if (role == FileRole::application) ExamineApplication(bank, report, bytes);
+    if (role == FileRole::bootloader || role == FileRole::rescue) ExamineImageFile(bank, report, file, bytes, board);
+    return report;
 }
 
 FileRole RoleOf(const BankReport &bank, const ManifestRecord &record) {
@@ -62,60 +149,55 @@ FileRole RoleOf(const BankReport &bank, const ManifestRecord &record) {
     return bank.descriptor.role_of(path);
 }
 
-void ExamineRecords(const fs::path &directory, const Manifest &manifest, BankReport &bank) {
+std::string At(std::size_t offset) { return fmt::format("{}: offset {}", kManifestName, offset); }
+
+void ExamineRecords(const fs::path &directory, const Manifest &manifest, BankReport &bank, const BoardView &board) {
     for (const ManifestRecord &record : manifest.records) {
-        const FileRole role = RoleOf(bank, record);
-        if (record.rejects)
-            bank.problems.push_back(fmt::format("{}: offset {}: a path of nothing but \"/\", \"\\\" and \".\"; "
-                                                "the bootloader gives the bank up there",
-                                                kManifestName, record.offset + 24));
+        if (record.rejects) {
+            bank.rejected = true;
+            AddProblem(bank, "bad-path", At(record.offset + 24),
+                       "a path of nothing but \"/\", \"\\\" and \".\"; the bootloader gives the bank up there");
+        }
         if (!record.line_end)
-            bank.problems.push_back(fmt::format("{}: offset {}: no line end; expected carriage return and line feed",
-                                                kManifestName, record.offset + 280));
-        if (!record.path.empty()) bank.records.push_back({record, role, FileProblem(directory, record, role)});
+            AddProblem(bank, "no-line-end", At(record.offset + 280), "no line end", "carriage return and line feed");
+        if (record.path.empty()) continue;
+        bank.records.push_back(ExamineRecord(bank, directory, record, RoleOf(bank, record), board));
+        if (const RecordReport &report = bank.records.back(); !report.problem.empty())
+            AddProblem(bank, "bad-file", record.path, report.problem);
     }
     if (manifest.left_over > 0)
-        bank.problems.push_back(fmt::format("{}: {} bytes behind the last whole record of 282, which are dropped",
-                                            kManifestName, manifest.left_over));
-}
-
-// The record that counts for a role: the last one.
-const RecordReport *Listed(const BankReport &bank, FileRole role) {
-    const auto found = std::find_if(bank.records.rbegin(), bank.records.rend(),
-                                    [role](const RecordReport &record) { return record.role == role; });
-    return found == bank.records.rend() ? nullptr : &*found;
+        AddProblem(bank, "short-record", kManifestName,
+                   fmt::format("{} bytes after the last whole record, which are dropped", manifest.left_over),
+                   "records of 282 bytes");
 }
 
 void TellUpdate(BankReport &bank, FileRole role, const char *otherwise) {
-    const RecordReport *file = Listed(bank, role);
+    const RecordReport *file = bank.listed(role);
     if (!file) return;
-    const std::string &version = bank.descriptor.entries[static_cast<std::size_t>(role)].version;
-    bank.actions.push_back(
-        file->problem.empty()
-            ? fmt::format("stores {} {} from {}{}", NameOf(role), version, file->record.path, otherwise)
-            : fmt::format("does not store the {}: {}: {}", NameOf(role), file->record.path, file->problem));
+    const std::string version = Escaped(bank.version(role)), path = Escaped(file->record.path);
+    bank.actions.push_back(file->storable
+                               ? fmt::format("stores {} {} from {}{}", NameOf(role), version, path, otherwise)
+                               : fmt::format("does not store the {}: {}: {}", NameOf(role), path, file->problem));
 }
 
 void TellLaunch(BankReport &bank) {
-    const RecordReport *application = Listed(bank, FileRole::application);
-    bank.launches = application->problem.empty();
-    bank.actions.push_back(
-        bank.launches ? fmt::format("launches {} ({} bytes)", application->record.path, application->record.size)
-                      : fmt::format("does not launch {}: {}", application->record.path, application->problem));
+    const RecordReport *application = bank.listed(FileRole::application);
+    const std::string path = Escaped(application->record.path);
+    bank.launches = application->passes && application->record.size > 0;
+    bank.actions.push_back(bank.launches ? fmt::format("launches {} ({} bytes)", path, application->record.size)
+                                         : fmt::format("does not launch {}: {}", path, application->problem));
 }
 
 // The bootloader's order: rescue image, bootloader, application.
-void TellActions(BankReport &bank, const Manifest &manifest) {
-    const bool given_up = std::any_of(manifest.records.begin(), manifest.records.end(),
-                                      [](const ManifestRecord &record) { return record.rejects; });
-    if (!bank.descriptor.problem.empty() || !manifest.has_headings || given_up) {
+void TellActions(BankReport &bank) {
+    if (bank.rejected) {
         bank.actions.emplace_back("rejects the bank and tries the next");
         return;
     }
     TellUpdate(bank, FileRole::rescue, ", unless the board's version record names it already");
     for (const FileRole role : {FileRole::bootloader, FileRole::application}) {
-        if (Listed(bank, role)) continue;
-        bank.problems.push_back(fmt::format("{}: no record for the {}", kManifestName, NameOf(role)));
+        if (bank.listed(role)) continue;
+        AddProblem(bank, "not-listed", kManifestName, fmt::format("no record for the {}", NameOf(role)));
         bank.actions.emplace_back("launches nothing from the bank and tries the next");
         return;
     }
@@ -123,27 +205,188 @@ void TellActions(BankReport &bank, const Manifest &manifest) {
     TellLaunch(bank);
 }
 
-} // namespace
-
-bool BankReport::good() const {
-    return launches && problems.empty() && std::all_of(records.begin(), records.end(), [](const RecordReport &record) {
-               return record.problem.empty();
-           });
+void RequireDirectory(const fs::path &directory) {
+    std::error_code error;
+    const fs::file_status status = fs::status(directory, error);
+    if (!fs::exists(status)) throw Refusal(Fault::unreadable, {"missing", directory.string(), "no such directory", ""});
+    if (!fs::is_directory(status))
+        throw Refusal(Fault::unreadable, {"not-a-directory", directory.string(), "not a directory", "a directory"});
 }
 
-BankReport ExamineBank(const fs::path &directory, const std::string &board_directory) {
-    if (!fs::is_directory(directory)) throw std::runtime_error(fmt::format("{}: not a directory", directory.string()));
+} // namespace
+
+const RecordReport *BankReport::listed(FileRole role) const {
+    const auto found = std::find_if(records.rbegin(), records.rend(),
+                                    [role](const RecordReport &record) { return record.role == role; });
+    return found == records.rend() ? nullptr : &*found;
+}
+
+const std::string &BankReport::version(FileRole role) const {
+    return descriptor.entries.at(static_cast<std::size_t>(role)).version;
+}
+
+BankReport ExamineBank(const fs::path &directory, const std::string &board_directory, const BoardView &board) {
+    RequireDirectory(directory);
     BankReport bank;
     bank.directory = board_directory;
-    bank.descriptor = ReadDescriptor(ReadText(directory, kDescriptorName, bank.problems));
-    if (!bank.descriptor.problem.empty())
-        bank.problems.push_back(fmt::format("{}: {}", kDescriptorName, bank.descriptor.problem));
-    const Manifest manifest = ReadManifest(ReadText(directory, kManifestName, bank.problems));
-    if (!manifest.has_headings)
-        bank.problems.push_back(fmt::format("{}: no two whole records of headings", kManifestName));
-    ExamineRecords(directory, manifest, bank);
-    TellActions(bank, manifest);
+    const std::optional<Bytes> descriptor = ReadText(directory, kDescriptorName, bank);
+    if (descriptor) {
+        bank.descriptor = ReadDescriptor(*descriptor);
+        if (!MayBeWritten(directory / kDescriptorName))
+            bank.descriptor.problem = "write-protected; the bootloader opens it for writing";
+        if (!bank.descriptor.problem.empty())
+            AddProblem(bank, "bad-descriptor", kDescriptorName, bank.descriptor.problem);
+    }
+    const std::optional<Bytes> text = ReadText(directory, kManifestName, bank);
+    const Manifest manifest = ReadManifest(text.value_or(Bytes{}));
+    if (text && !manifest.has_headings)
+        AddProblem(bank, "no-headings", kManifestName, "the two 282-byte heading records are missing or cut short");
+    bank.rejected = !descriptor || !bank.descriptor.problem.empty() || !manifest.has_headings;
+    ExamineRecords(directory, manifest, bank, board);
+    TellActions(bank);
     return bank;
+}
+
+// --- what a board does
+
+UpdateState StateOf(const RawFlash &flash, const std::string &running) {
+    const SlotTable &table = SlotsOf(flash.medium);
+    const Bytes record = flash.read(table.record.address, kRecordText);
+    const Slot &target = table.bootloader.at(ChooseUpdateSlot(flash.read, table));
+    // NAND is written on past bad blocks and past the slot's end; a DataFlash refuses what the chip does not have.
+    const bool nand = flash.medium == Medium::nand;
+    return {running, std::string(record.begin(), std::find(record.begin(), record.end(), 0)),
+            nand ? target.capacity : RoomIn(flash, target), nand ? table.rescue.capacity : RescueRoomOn(flash)};
+}
+
+const char *NameOf(UpdateStep step) {
+    constexpr const char *kNames[] = {"none", "same version", "file check fails", "refused", "stored"};
+    return kNames[static_cast<std::size_t>(step)];
+}
+
+const char *NameOf(BankEnd end) {
+    constexpr const char *kNames[] = {"rejected", "incomplete", "resets", "launches", "not launched"};
+    return kNames[static_cast<std::size_t>(end)];
+}
+
+namespace {
+
+UpdateStep StepOf(const RecordReport &file, bool same_version, std::uint32_t room) {
+    if (same_version) return UpdateStep::same;
+    if (!file.passes) return UpdateStep::file_fails;
+    return file.storable && file.image_size <= room ? UpdateStep::stored : UpdateStep::refused;
+}
+
+} // namespace
+
+BankSteps StepsOf(const BankReport &bank, const UpdateState &state) {
+    BankSteps steps;
+    if (bank.rejected) return steps;
+    if (const RecordReport *const rescue = bank.listed(FileRole::rescue))
+        steps.rescue = StepOf(*rescue, state.rescue_record == bank.version(FileRole::rescue), state.rescue_room);
+    const RecordReport *const bootloader = bank.listed(FileRole::bootloader);
+    const RecordReport *const application = bank.listed(FileRole::application);
+    steps.end = BankEnd::incomplete;
+    if (!bootloader || !application) return steps;
+    const bool same = state.running == bank.version(FileRole::bootloader);
+    steps.bootloader = StepOf(*bootloader, same, state.bootloader_room);
+    steps.end = steps.bootloader == UpdateStep::stored ? BankEnd::resets
+                : bank.launches                        ? BankEnd::launches
+                                                       : BankEnd::not_launched;
+    return steps;
+}
+
+// --- volumes
+
+namespace {
+
+VolumeBoot Boot(const std::vector<BankReport> &banks, UpdateState &state) {
+    VolumeBoot boot{state.running, {}};
+    for (const BankReport &bank : banks) {
+        const BankSteps steps = StepsOf(bank, state);
+        boot.steps.push_back(steps);
+        if (steps.rescue == UpdateStep::stored) state.rescue_record = bank.version(FileRole::rescue);
+        if (steps.end == BankEnd::launches) boot.launches = true;
+        if (steps.end == BankEnd::resets) {
+            boot.resets = true;
+            state.running =
+                bank.listed(FileRole::bootloader)->calls_itself.value_or(bank.version(FileRole::bootloader));
+        }
+        if (boot.launches || boot.resets) break;
+    }
+    return boot;
+}
+
+// Power-ups one after another, until the board stands as it stood before one of them.
+void RunBoots(VolumeReport &volume, UpdateState state) {
+    std::vector<UpdateState> before;
+    for (;;) {
+        const auto again = std::find(before.begin(), before.end(), state);
+        if (again != before.end()) {
+            volume.cycle_start = static_cast<std::size_t>(again - before.begin());
+            return;
+        }
+        before.push_back(state);
+        volume.boots.push_back(Boot(volume.banks, state));
+    }
+}
+
+// "BANK installs VERSION" for every bank that stores a bootloader in the boots that repeat.
+std::string Installers(const VolumeReport &volume) {
+    std::vector<std::string> parts;
+    for (std::size_t i = volume.cycle_start; i < volume.boots.size(); ++i) {
+        const BankReport &bank = volume.banks.at(volume.boots[i].steps.size() - 1);
+        parts.push_back(fmt::format("{} installs {}", bank.directory, Escaped(bank.version(FileRole::bootloader))));
+    }
+    return fmt::format("{}", fmt::join(parts, " and "));
+}
+
+void JudgeCycle(VolumeReport &volume, const std::string &where) {
+    const auto first = volume.boots.begin() + static_cast<std::ptrdiff_t>(volume.cycle_start);
+    if (std::all_of(first, volume.boots.end(), [](const VolumeBoot &boot) { return boot.resets; })) {
+        const bool alone = volume.boots.end() - first == 1;
+        volume.problems.push_back(
+            {alone ? "resets-for-ever" : "two-banks-fight", where,
+             fmt::format("{}: the board {} at every start, with two block erases each time, and never launches",
+                         Installers(volume), alone ? "stores that bootloader again" : "replaces its bootloader"),
+             ""});
+        return;
+    }
+    volume.launches = std::any_of(first, volume.boots.end(), [](const VolumeBoot &boot) { return boot.launches; });
+    for (auto boot = first; boot != volume.boots.end(); ++boot)
+        if (std::any_of(boot->steps.begin(), boot->steps.end(),
+                        [](const BankSteps &steps) { return steps.rescue == UpdateStep::stored; })) {
+            volume.warnings.push_back({"rescue-rewritten", where,
+                                       "its banks carry different rescue images: the board rewrites the rescue slot at "
+                                       "every start, and a power cut then leaves none",
+                                       ""});
+            return;
+        }
+}
+
+} // namespace
+
+bool VolumeReport::good() const {
+    return launches && problems.empty() &&
+           std::all_of(banks.begin(), banks.end(), [](const BankReport &bank) { return bank.good(); });
+}
+
+VolumeReport ExamineVolume(const fs::path &volume, const BoardView &board, UpdateState state) {
+    RequireDirectory(volume);
+    constexpr std::string_view kRoot = "i:/vol0/";
+    VolumeReport report;
+    for (const std::string_view name : kBankDirectories) {
+        const fs::path directory = volume / name.substr(kRoot.size());
+        std::error_code error;
+        if (fs::is_directory(directory, error))
+            report.banks.push_back(ExamineBank(directory, std::string(name), board));
+    }
+    if (report.banks.empty())
+        report.problems.push_back({"no-bank", volume.string(), "no bank", "data/app, data/oldapp or data/newapp"});
+    // The first record is not known: at the second start it is what the first has left.
+    RunBoots(report, std::move(state));
+    if (!report.banks.empty()) JudgeCycle(report, volume.string());
+    return report;
 }
 
 } // namespace fixture

@@ -237,9 +237,9 @@ bool Predictor::first_stage() {
     for (unsigned n = 0; n < slots_.bootloader.size() && !chosen; ++n) {
         const Slot &slot = slots_.bootloader[n];
         const StoredImage image = ReadSlot(board_.flash.read, slot);
-        if (image.verdict != ImageVerdict::good) {
+        if (image.verdict() != ImageVerdict::good) {
             tell("slot-passed-over", slot.name,
-                 fmt::format("{}: the first stage passes it over", NameOf(image.verdict)));
+                 fmt::format("{}: the first stage passes it over", NameOf(image.verdict())));
             continue;
         }
         chosen = n;
@@ -529,7 +529,7 @@ void Predictor::rescue() {
         told_.steps.back().id = "nothing-launched";
         told_.steps.back().text =
             fmt::format("no bank launched, and the rescue slot holds no good image ({}): the board stops",
-                        found.verdict == ImageVerdict::good ? "out of the chip" : NameOf(found.verdict));
+                        found.verdict() == ImageVerdict::good ? "out of the chip" : NameOf(found.verdict()));
         say("\tFatal Error : No valid application or bootloader in the filesystem\n");
         return end(BootEnd::nothing, "launches nothing: no bank is good, and there is no good rescue image");
     }
@@ -561,7 +561,7 @@ bool Predictor::met_before() {
     now.flash.push_back(board_.flash.read(slots_.record.address, kVersionBytes));
     for (const Slot &slot : slots_.bootloader) {
         const StoredImage image = ReadSlot(board_.flash.read, slot);
-        now.flash.push_back({static_cast<std::uint8_t>(image.verdict)});
+        now.flash.push_back({static_cast<std::uint8_t>(image.verdict())});
     }
     const auto same =
         std::find_if(met_.begin(), met_.end(), [&](const Met &before) { return before.flash == now.flash; });
@@ -597,13 +597,10 @@ void Predictor::loop_found(std::size_t first) {
 // --- what may come later
 
 void Predictor::look_ahead() {
-    for (const std::string &warning : ExamineFlash(board_.flash).warnings) {
-        const std::size_t colon = warning.find(": ");
-        const bool placed = colon != std::string::npos;
-        warn("flash-layout", placed ? warning.substr(0, colon) : Chip(nand_),
-             placed ? warning.substr(colon + 2) : warning, "flash info tells more");
-    }
-    const bool has_rescue = ReadSlot(board_.flash.read, slots_.rescue).verdict == ImageVerdict::good;
+    for (const Problem &warning : ExamineFlash(board_.flash).warnings)
+        warn("flash-layout", warning.where.empty() ? Chip(nand_) : warning.where,
+             Problem{"", "", warning.found, warning.expected}.text(), "flash info tells more");
+    const bool has_rescue = ReadSlot(board_.flash.read, slots_.rescue).verdict() == ImageVerdict::good;
     if (told_.end == BootEnd::application && !has_rescue)
         warn("no-fallback", slots_.rescue.name, "no good rescue image: if the banks are lost, nothing is launched",
              "put a rescue image into the bank, or store one with flash write rescue");

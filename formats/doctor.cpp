@@ -201,7 +201,7 @@ void SlotDoctor::judge_without_reference(const StoredImage &image) {
     } else if (all_zero && role_ == FileRole::bootloader) {
         found_.condition = SlotCondition::retired;
         found_.holds = "a retired bootloader; nothing tells which";
-    } else if (image.verdict == ImageVerdict::bad_sums) {
+    } else if (image.verdict() == ImageVerdict::bad_sums) {
         const std::vector<Piece> pieces = PiecesOf(flash_, slot_, image.size);
         found_.pages = static_cast<std::uint32_t>(pieces.size());
         const auto blank =
@@ -212,13 +212,13 @@ void SlotDoctor::judge_without_reference(const StoredImage &image) {
         found_.cut_page = static_cast<std::uint32_t>(blank - pieces.begin());
         found_.holds += fmt::format(", erased from page {} of {} on", *found_.cut_page, found_.pages);
     } else {
-        found_.holds = fmt::format("no image ({})", NameOf(image.verdict));
+        found_.holds = fmt::format("no image ({})", NameOf(image.verdict()));
     }
 }
 
 SlotDiagnosis SlotDoctor::diagnose() {
     const StoredImage image = ReadSlot(flash_.read, slot_);
-    if (image.verdict == ImageVerdict::good) {
+    if (image.verdict() == ImageVerdict::good) {
         found_.condition = SlotCondition::good;
         for (std::size_t n = 0; n < references_.size() && !found_.reference; ++n)
             if (references_[n].role == role_ && references_[n].image == image.bytes) found_.reference = n;

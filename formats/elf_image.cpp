@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <fmt/format.h>
-#include <fstream>
 #include <gelf.h>
 #include <iterator>
 #include <libelf.h>
@@ -12,36 +11,48 @@ namespace fixture {
 namespace {
 
 constexpr std::uint64_t kLargestSegment = 64u << 20;
-constexpr std::uint64_t kLargestFile = 256u << 20;
 
 struct ElfEnd {
     void operator()(Elf *elf) const { elf_end(elf); }
 };
 using ElfHandle = std::unique_ptr<Elf, ElfEnd>;
 
-ElfHandle OpenExecutable(std::span<const std::uint8_t> file) {
+// A file that cannot be loaded: what was found, and what a loader expects.
+class Complaint {
+public:
+    explicit Complaint(const std::filesystem::path &name) : name_(name) {}
+    [[noreturn]] void refuse(std::string_view found) const {
+        throw Refusal(name_, found, name_.empty() ? "" : "an ELF executable for the ARM or a flat binary", "bad-elf");
+    }
+
+private:
+    std::filesystem::path name_;
+};
+
+ElfHandle OpenExecutable(std::span<const std::uint8_t> file, const Complaint &complaint) {
     elf_version(EV_CURRENT);
     // The library only reads from the memory it is given here.
     auto *bytes = reinterpret_cast<char *>(const_cast<std::uint8_t *>(file.data()));
     ElfHandle elf(file.empty() ? nullptr : elf_memory(bytes, file.size()));
     GElf_Ehdr header;
     if (!elf || elf_kind(elf.get()) != ELF_K_ELF || !gelf_getehdr(elf.get(), &header))
-        throw ElfError("not an ELF file");
+        complaint.refuse("not an ELF file");
     if (gelf_getclass(elf.get()) != ELFCLASS32 || header.e_ident[EI_DATA] != ELFDATA2LSB)
-        throw ElfError("not a 32-bit little-endian ELF file");
+        complaint.refuse("not a 32-bit little-endian ELF file");
     if (header.e_machine != EM_ARM)
-        throw ElfError(fmt::format("made for machine {}, expected {} (ARM)", header.e_machine, EM_ARM));
-    if (header.e_type != ET_EXEC) throw ElfError("not a linked executable");
+        complaint.refuse(fmt::format("made for machine {}, not {} (ARM)", header.e_machine, EM_ARM));
+    if (header.e_type != ET_EXEC) complaint.refuse("not a linked executable");
     return elf;
 }
 
-ElfSegment ReadSegment(std::span<const std::uint8_t> file, const GElf_Phdr &segment, std::size_t number) {
+ElfSegment ReadSegment(std::span<const std::uint8_t> file, const GElf_Phdr &segment, std::size_t number,
+                       const Complaint &complaint) {
     if (segment.p_memsz > kLargestSegment || segment.p_filesz > segment.p_memsz)
-        throw ElfError(
+        complaint.refuse(
             fmt::format("segment {}: {} bytes in memory, {} in the file", number, segment.p_memsz, segment.p_filesz));
     if (segment.p_offset > file.size() || segment.p_filesz > file.size() - segment.p_offset)
-        throw ElfError(fmt::format("segment {}: offset {} and {} bytes reach past the end of the file", number,
-                                   segment.p_offset, segment.p_filesz));
+        complaint.refuse(fmt::format("segment {}: offset {} and {} bytes reach past the end of the file", number,
+                                     segment.p_offset, segment.p_filesz));
     const auto bytes = file.subspan(segment.p_offset, segment.p_filesz);
     return {static_cast<std::uint32_t>(segment.p_paddr),
             {bytes.begin(), bytes.end()},
@@ -66,39 +77,37 @@ template <typename Take> void EachSymbol(Elf *elf, Take take) {
 
 } // namespace
 
-ElfImage ElfImage::read_file(const std::string &path) {
-    std::ifstream in(path, std::ios::binary | std::ios::ate);
-    if (!in) throw ElfError("cannot be opened");
-    if (static_cast<std::uint64_t>(in.tellg()) > kLargestFile) throw ElfError("larger than any image");
-    in.seekg(0);
-    const std::vector<std::uint8_t> file(std::istreambuf_iterator<char>(in), {});
-    return read(file);
+bool IsElf(std::span<const std::uint8_t> file) {
+    constexpr std::uint8_t kMagic[] = {0x7F, 'E', 'L', 'F'};
+    return file.size() >= sizeof kMagic && std::equal(std::begin(kMagic), std::end(kMagic), file.begin());
 }
 
-ElfImage ElfImage::read(std::span<const std::uint8_t> file) {
-    const ElfHandle elf = OpenExecutable(file);
+ElfImage ElfImage::read(std::span<const std::uint8_t> file, const std::filesystem::path &name) {
+    const Complaint complaint(name);
+    const ElfHandle elf = OpenExecutable(file, complaint);
     ElfImage image;
+    image.name_ = name;
     GElf_Ehdr header;
     gelf_getehdr(elf.get(), &header);
     image.entry_ = static_cast<std::uint32_t>(header.e_entry);
     std::size_t count = 0;
-    if (elf_getphdrnum(elf.get(), &count) != 0) throw ElfError("program headers cannot be read");
+    if (elf_getphdrnum(elf.get(), &count) != 0) complaint.refuse("program headers cannot be read");
     for (std::size_t number = 0; number < count; ++number) {
         GElf_Phdr segment;
         if (!gelf_getphdr(elf.get(), static_cast<int>(number), &segment))
-            throw ElfError(fmt::format("program header {} lies outside the file", number));
+            complaint.refuse(fmt::format("program header {} lies outside the file", number));
         if (segment.p_type == PT_LOAD && segment.p_memsz > 0)
-            image.segments_.push_back(ReadSegment(file, segment, number));
+            image.segments_.push_back(ReadSegment(file, segment, number, complaint));
     }
-    if (image.segments_.empty()) throw ElfError("nothing to load");
-    EachSymbol(elf.get(), [&](const char *name, const GElf_Sym &symbol) {
+    if (image.segments_.empty()) complaint.refuse("nothing to load");
+    EachSymbol(elf.get(), [&](const char *symbol_name, const GElf_Sym &symbol) {
         const auto value = static_cast<std::uint32_t>(symbol.st_value);
         const bool global = GELF_ST_BIND(symbol.st_info) != STB_LOCAL;
         if (global)
-            image.symbols_[name] = value;
+            image.symbols_[symbol_name] = value;
         else
-            image.symbols_.emplace(name, value);
-        if (GELF_ST_TYPE(symbol.st_info) == STT_FUNC) image.routines_.emplace(value & ~1u, name);
+            image.symbols_.emplace(symbol_name, value);
+        if (GELF_ST_TYPE(symbol.st_info) == STT_FUNC) image.routines_.emplace(value & ~1u, symbol_name);
     });
     return image;
 }
@@ -126,7 +135,7 @@ std::vector<std::uint8_t> ElfImage::flat() const {
     for (const ElfSegment &segment : segments_) {
         if (segment.bytes.empty()) continue;
         const std::uint64_t offset = segment.address - base;
-        if (offset + segment.bytes.size() > kLargestSegment) throw ElfError("segments lie too far apart");
+        if (offset + segment.bytes.size() > kLargestSegment) Complaint(name_).refuse("segments lie too far apart");
         if (all.size() < offset + segment.bytes.size()) all.resize(offset + segment.bytes.size());
         std::copy(segment.bytes.begin(), segment.bytes.end(), all.begin() + static_cast<std::ptrdiff_t>(offset));
     }

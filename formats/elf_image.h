@@ -1,25 +1,24 @@
 // Reads ELF32 executables for the ARM: segments to load, entry, symbols by name. Nothing in the file is trusted.
 //
-//   ElfImage image = ElfImage::read_file("bootloader.elf");
+//   const ElfImage image = ElfImage::read(ReadFile("bootloader.elf", kLargest), "bootloader.elf");
 //   LoadElf(image, memory);                     (machine/firmware.h)
 //   processor.run(image.entry(), image.symbol("main"));
 #pragma once
 
+#include "formats/refusal.h"
+
 #include <cstdint>
+#include <filesystem>
 #include <map>
 #include <optional>
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace fixture {
 
-// What is wrong with the file, in one line without the file's name.
-class ElfError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
+// Whether a file begins as an ELF file does.
+bool IsElf(std::span<const std::uint8_t> file);
 
 struct ElfSegment {
     std::uint32_t address;           // physical address: where it is loaded
@@ -29,9 +28,9 @@ struct ElfSegment {
 
 class ElfImage {
 public:
-    // Both throw ElfError: not an ELF32 little-endian ARM executable, parts outside the file, segments over 64 MiB.
-    static ElfImage read_file(const std::string &path);
-    static ElfImage read(std::span<const std::uint8_t> file);
+    // Throws Refusal, with the name that messages give the file: not an ELF32 little-endian ARM executable, parts
+    // outside the file, segments over 64 MiB.
+    static ElfImage read(std::span<const std::uint8_t> file, const std::filesystem::path &name = {});
 
     std::uint32_t entry() const { return entry_; }
     const std::vector<ElfSegment> &segments() const { return segments_; }
@@ -40,10 +39,12 @@ public:
     // "name+0x10" of the routine that holds an address, or "0x20001234".
     std::string place(std::uint32_t address) const;
 
-    // The flat binary: segments from the lowest address to the end of the last file part, gaps zero.
+    // The flat binary: segments from the lowest address to the end of the last file part, gaps zero. Throws Refusal
+    // where they lie more than 64 MiB apart.
     std::vector<std::uint8_t> flat() const;
 
 private:
+    std::filesystem::path name_;
     std::uint32_t entry_ = 0;
     std::vector<ElfSegment> segments_;
     std::map<std::string, std::uint32_t> symbols_;

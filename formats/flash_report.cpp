@@ -1,7 +1,6 @@
 #include "formats/flash_report.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <fmt/format.h>
 
 namespace fixture {
@@ -35,12 +34,8 @@ Slot RescueOn(const RawFlash &flash) {
 }
 
 std::string RecordText(const std::vector<std::uint8_t> &record) {
-    std::string text;
-    for (const std::uint8_t byte : record) {
-        if (byte == 0) break;
-        text += byte >= 0x20 && byte < 0x7F ? std::string(1, static_cast<char>(byte)) : fmt::format("\\x{:02X}", byte);
-    }
-    return std::all_of(record.begin(), record.end(), [](std::uint8_t byte) { return byte == 0xFF; }) ? "" : text;
+    const bool erased = std::all_of(record.begin(), record.end(), [](std::uint8_t byte) { return byte == 0xFF; });
+    return erased ? "" : std::string(record.begin(), std::find(record.begin(), record.end(), 0));
 }
 
 // Bytes in use between two addresses.
@@ -51,7 +46,11 @@ std::size_t UsedBytes(const RawFlash &flash, std::uint32_t from, std::uint32_t t
 
 // --- the holes, each named with the place it is in
 
-using Warnings = std::vector<std::string>;
+using Warnings = Problems;
+
+void Add(Warnings &warnings, const char *id, std::string where, std::string text) {
+    warnings.push_back({id, std::move(where), std::move(text), ""});
+}
 
 // What lies behind a slot.
 const char *Behind(const RawFlash &flash, const Slot &slot) {
@@ -69,22 +68,25 @@ std::uint32_t MostIn(const RawFlash &flash, const Slot &slot) {
 void WarnOfBadBlocks(const RawFlash &flash, const Slot &slot, Warnings &warnings) {
     const std::uint32_t bad = BadBlocksIn(flash, slot);
     if (bad > 0)
-        warnings.push_back(fmt::format("{}: {} bad block{} inside it; an image above {} bytes runs on into {}",
-                                       slot.name, bad, bad == 1 ? "" : "s", RoomIn(flash, slot), Behind(flash, slot)));
+        Add(warnings, "slot-loses-room", slot.name,
+            fmt::format("{} bad block{} inside it; an image above {} bytes runs on into {}", bad, bad == 1 ? "" : "s",
+                        RoomIn(flash, slot), Behind(flash, slot)));
 }
 
 void WarnOfPushedTail(const RawFlash &flash, const Slot &slot, std::uint32_t bytes, Warnings &warnings) {
     const std::uint32_t room = RoomIn(flash, slot);
     if (flash.medium == Medium::nand && bytes > room && bytes <= slot.capacity)
-        warnings.push_back(fmt::format("{}: bad blocks push the last {} of {} bytes on into {}; of the two, what is "
-                                       "written last destroys the other",
-                                       slot.name, bytes - room, bytes, Behind(flash, slot)));
+        Add(warnings, "image-runs-on", slot.name,
+            fmt::format("bad blocks push the last {} of {} bytes on into {}; of the two, what is written last destroys "
+                        "the other",
+                        bytes - room, bytes, Behind(flash, slot)));
 }
 
 void WarnOfRecordBlock(const RawFlash &flash, Warnings &warnings) {
     if (flash.medium == Medium::nand && IsBad(flash, kRecordBlock))
-        warnings.push_back("block 1 is bad: the version record would lie in bootloader slot 0, so the rescue image is "
-                           "not updated while a bootloader is there");
+        Add(warnings, "record-block-bad", "version record",
+            "block 1 is bad: the record would lie in bootloader slot 0, so the rescue image is not updated while a "
+            "bootloader is there");
 }
 
 // A page is rewritten as a whole, so a power cut takes with it what it holds of a neighbour.
@@ -93,19 +95,20 @@ void WarnOfSharedHead(const RawFlash &flash, const Slot &slot, Warnings &warning
     const std::uint32_t page = slot.address / flash.unit;
     const std::size_t before = UsedBytes(flash, page * flash.unit, slot.address);
     if (before > 0)
-        warnings.push_back(fmt::format("{}: page {} holds {} bytes of what lies before it; a power cut while one is "
-                                       "written can destroy the other",
-                                       slot.name, page, before));
+        Add(warnings, "shared-page", slot.name,
+            fmt::format("page {} holds {} bytes of what lies before it; a power cut while one is written can destroy "
+                        "the other",
+                        page, before));
 }
 
 void WarnOfSharedTail(const RawFlash &flash, const Slot &slot, std::uint32_t bytes, Warnings &warnings) {
     const std::uint32_t next = slot.address + slot.capacity;
     const std::uint32_t page = next / flash.unit;
     if (flash.medium == Medium::nand || slot.address + bytes <= page * flash.unit) return;
-    warnings.push_back(fmt::format("{}: the last {} of {} bytes share page {} with {}; a power cut while one is "
-                                   "written can destroy the other",
-                                   slot.name, slot.address + bytes - page * flash.unit, bytes, page,
-                                   Behind(flash, slot)));
+    Add(warnings, "shared-page", slot.name,
+        fmt::format("the last {} of {} bytes share page {} with {}; a power cut while one is written can destroy the "
+                    "other",
+                    slot.address + bytes - page * flash.unit, bytes, page, Behind(flash, slot)));
 }
 
 void WarnOfRecordPage(const RawFlash &flash, Warnings &warnings) {
@@ -115,9 +118,9 @@ void WarnOfRecordPage(const RawFlash &flash, Warnings &warnings) {
     const std::uint32_t page = record.address / flash.unit;
     const std::size_t behind = UsedBytes(flash, record.address + record.capacity, (page + 1) * flash.unit);
     if (behind > 0)
-        warnings.push_back(
-            fmt::format("version record: page {} holds {} bytes of what lies behind it; a power cut while "
-                        "the record is written can destroy them",
+        Add(warnings, "shared-page", record.name,
+            fmt::format("page {} holds {} bytes of what lies after it; a power cut while the record is written can "
+                        "destroy them",
                         page, behind));
 }
 
@@ -125,39 +128,55 @@ void WarnOfOnlySlot(const RawFlash &flash, std::uint32_t bytes, Warnings &warnin
     const auto &slots = SlotsOf(flash.medium).bootloader;
     const bool fits[2] = {bytes <= MostIn(flash, slots[0]), bytes <= MostIn(flash, slots[1])};
     if (fits[0] == fits[1]) return;
-    warnings.push_back(
-        fmt::format("{}: {} bytes fit here alone; a board that starts from here refuses such an update{}",
-                    slots[fits[1]].name, bytes,
-                    fits[1] ? ", and one whose power goes before the old bootloader is retired keeps the "
-                              "old one"
+    Add(warnings, "only-one-slot", slots[fits[1]].name,
+        fmt::format("{} bytes fit here alone; a board that starts from here refuses such an update{}", bytes,
+                    fits[1] ? ", and one whose power goes before the old bootloader is retired keeps the old one"
                             : ""));
 }
 
 void WarnOfChipEnd(const SlotReport &report, Warnings &warnings) {
     if (report.room >= kImageHeaderBytes) return;
-    warnings.push_back(fmt::format("{}: beyond the end of the chip", report.slot.name));
+    Add(warnings, "beyond-the-chip", report.slot.name, "beyond the end of the chip");
 }
 
 // There is one rescue slot, and a cut update leaves no image in it.
 void WarnOfLostRescue(const FlashReport &report, Warnings &warnings) {
-    const ImageVerdict verdict = report.slots.back().image.verdict;
+    const ImageVerdict verdict = report.slots.back().image.verdict();
     if (verdict == ImageVerdict::good || (verdict == ImageVerdict::erased && report.record.empty())) return;
     const std::string same = report.record.empty() ? "" : fmt::format(", unless its version is \"{}\"", report.record);
-    warnings.push_back("rescue: no good image, as a power cut while one is stored leaves it; the next boot with a bank "
-                       "that carries one stores it" +
-                       same);
+    Add(warnings, "rescue-lost", report.slots.back().slot.name,
+        "no good image, as a power cut while one is stored leaves it; the next boot with a bank that carries one "
+        "stores "
+        "it" +
+            same);
+}
+
+// Header and sums are right, so the first stage starts it: at what erased flash left in memory.
+void WarnOfNoBody(const Slot &slot, Warnings &warnings) {
+    Add(warnings, "no-body", slot.name, "a header alone, with nothing to start: it counts as good and ends the board");
+}
+
+// More marks than any chip leaves the factory with come from a file read in the wrong layout.
+void WarnOfManyBadBlocks(const RawFlash &flash, Warnings &warnings) {
+    constexpr std::size_t kMostFromFactory = 40; // 2,008 of 2,048 blocks are good in a new K9F2G08U0M
+    if (flash.bad_blocks.size() <= kMostFromFactory) return;
+    Add(warnings, "many-bad-blocks", NameOf(flash.medium),
+        fmt::format("{} bad blocks, and a new chip has at most {}; is the file laid out otherwise?",
+                    flash.bad_blocks.size(), kMostFromFactory));
 }
 
 Warnings WarningsOf(const RawFlash &flash, const FlashReport &report) {
     Warnings warnings;
+    WarnOfManyBadBlocks(flash, warnings);
     WarnOfRecordBlock(flash, warnings);
     WarnOfRecordPage(flash, warnings);
     for (const SlotReport &slot : report.slots) {
         WarnOfChipEnd(slot, warnings);
         WarnOfBadBlocks(flash, slot.slot, warnings);
         WarnOfSharedHead(flash, slot.slot, warnings);
-        if (slot.image.verdict != ImageVerdict::good) continue;
+        if (slot.image.verdict() != ImageVerdict::good) continue;
         WarnOfPushedTail(flash, slot.slot, slot.image.size, warnings);
+        if (slot.image.has_no_body()) WarnOfNoBody(slot.slot, warnings);
         if (&slot != &report.slots.back()) WarnOfOnlySlot(flash, slot.image.size, warnings);
     }
     WarnOfLostRescue(report, warnings);
@@ -173,22 +192,24 @@ std::string RecordIn(const RawFlash &flash) {
 void RefuseUnlessItFits(const RawFlash &flash, const Slot &slot, const Bytes &image) {
     const std::uint32_t room = RoomIn(flash, slot);
     if (image.size() > room)
-        throw Refusal(fmt::format("{} of the {} {}: {} bytes; expected at most {}{}", slot.name, flash.part,
-                                  NameOf(flash.medium), image.size(), room,
-                                  BadBlocksIn(flash, slot) > 0 ? ", which its bad blocks leave" : ""));
+        throw Refusal(
+            fmt::format("{} of the {} {}", slot.name, flash.part, NameOf(flash.medium)),
+            fmt::format("{} bytes", image.size()),
+            fmt::format("at most {}{}", room, BadBlocksIn(flash, slot) > 0 ? ", which its bad blocks leave" : ""),
+            "too-large");
 }
 
 void RefuseUnreadableRecord(const RawFlash &flash, const Provision &provision) {
     const std::size_t most = SlotsOf(flash.medium).record.capacity;
     const std::string &version = provision.rescue_version;
+    const std::string where = fmt::format("rescue version \"{}\"", version);
     if (version.empty() || version.size() > most)
-        throw Refusal(
-            fmt::format("rescue version \"{}\": {} characters; expected 1 to {}", version, version.size(), most));
+        throw Refusal(where, fmt::format("{} characters", version.size()), fmt::format("1 to {}", most), "bad-version");
     if (version == kNoRecord)
-        throw Refusal(
-            fmt::format("rescue version \"{}\": the beginning of the maker text counts as no version", version));
+        throw Refusal(where, "the beginning of the maker text counts as no version", "", "bad-version");
     if (flash.medium == Medium::nand && IsBad(flash, kRecordBlock))
-        throw Refusal("block 1 is bad: a rescue version written there would fall into bootloader slot 0");
+        throw Refusal(where, "block 1 is bad: written there it would fall into bootloader slot 0", "",
+                      "record-block-bad");
 }
 
 void EraseSlot(const RawFlash &flash, const Slot &slot) {
@@ -201,13 +222,13 @@ void EraseSlot(const RawFlash &flash, const Slot &slot) {
 
 } // namespace
 
-const char *NameOf(Medium medium) { return medium == Medium::nand ? "NAND" : "DataFlash"; }
-
 std::uint32_t RoomIn(const RawFlash &flash, const Slot &slot) {
     if (flash.medium == Medium::nand) return slot.capacity - BadBlocksIn(flash, slot) * flash.unit;
     if (flash.bytes < slot.address + kReadBehind) return 0;
     return std::min(slot.capacity, flash.bytes - slot.address - kReadBehind);
 }
+
+std::uint32_t RescueRoomOn(const RawFlash &flash) { return RoomIn(flash, RescueOn(flash)); }
 
 FlashReport ExamineFlash(const RawFlash &flash) {
     const SlotTable &table = SlotsOf(flash.medium);
@@ -220,7 +241,7 @@ FlashReport ExamineFlash(const RawFlash &flash) {
     return report;
 }
 
-std::vector<std::string> WarningsOfBootloader(const RawFlash &flash, std::uint32_t bytes) {
+Problems WarningsOfBootloader(const RawFlash &flash, std::uint32_t bytes) {
     Warnings warnings;
     bool fits = false;
     for (const Slot &slot : SlotsOf(flash.medium).bootloader) {
@@ -231,29 +252,28 @@ std::vector<std::string> WarningsOfBootloader(const RawFlash &flash, std::uint32
         WarnOfSharedTail(flash, slot, bytes, warnings);
     }
     WarnOfOnlySlot(flash, bytes, warnings);
-    if (!fits) warnings.push_back(fmt::format("{} bytes fit neither bootloader slot; the update is refused", bytes));
+    if (!fits)
+        Add(warnings, "fits-no-slot", "bootloader",
+            fmt::format("{} bytes fit neither slot; the update is refused", bytes));
     return warnings;
 }
 
-std::vector<std::string> WarningsOfRescue(const RawFlash &flash, std::uint32_t bytes, const std::string &version) {
+Problems WarningsOfRescue(const RawFlash &flash, std::uint32_t bytes, const std::string &version) {
     const Slot slot = RescueOn(flash);
     if (bytes > MostIn(flash, slot))
-        return {fmt::format("rescue: takes {} bytes, not {}; the update is refused", MostIn(flash, slot), bytes)};
+        return {{"fits-no-slot", slot.name,
+                 fmt::format("takes {} bytes, not {}; the update is refused", MostIn(flash, slot), bytes), ""}};
     Warnings warnings;
     WarnOfPushedTail(flash, slot, bytes, warnings);
     WarnOfSharedHead(flash, slot, warnings);
     WarnOfRecordBlock(flash, warnings);
     WarnOfRecordPage(flash, warnings);
-    const bool replaces = ReadSlot(flash.read, slot).verdict == ImageVerdict::good;
+    const bool replaces = ReadSlot(flash.read, slot).verdict() == ImageVerdict::good;
     if (replaces && !version.empty() && version != RecordIn(flash))
-        warnings.push_back("rescue: the image there is replaced in place; a power cut meanwhile leaves none until the "
-                           "next boot with this bank");
+        Add(warnings, "replaced-in-place", slot.name,
+            "the image there is replaced in place; a power cut meanwhile leaves none until the next boot with this "
+            "bank");
     return warnings;
-}
-
-void PrintWarnings(const std::string &place, const std::vector<std::string> &warnings) {
-    std::fflush(stdout);
-    for (const std::string &warning : warnings) fmt::print(stderr, "warning: {}: {}\n", place, warning);
 }
 
 void StoreProvision(const RawFlash &flash, const Provision &provision) {

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "formats/file.h"
+#include "formats/refusal.h"
 #include "formats/slots.h"
 
 #include <cstdint>
@@ -29,10 +30,11 @@ struct RawFlash {
     std::function<void(std::uint32_t address, std::span<const std::uint8_t> bytes)> write;
 };
 
-const char *NameOf(Medium medium);
-
 // The largest image that stays inside a slot: less than its capacity where blocks are bad or the chip ends before.
 std::uint32_t RoomIn(const RawFlash &flash, const Slot &slot);
+
+// The same for the rescue slot: on a DataFlash nothing lies after it, so it may reach to the end of this chip.
+std::uint32_t RescueRoomOn(const RawFlash &flash);
 
 struct SlotReport {
     Slot slot;
@@ -45,20 +47,17 @@ struct FlashReport {
     std::string part;
     std::vector<std::uint32_t> bad_blocks;
     std::vector<SlotReport> slots;       // bootloader 0, bootloader 1, rescue
-    std::string record;                  // version text of the stored rescue image; empty: none
+    std::string record;                  // version of the stored rescue image, byte for byte; empty: none
     std::optional<unsigned> first_stage; // the bootloader slot that the first stage starts
-    std::vector<std::string> warnings;
+    Problems warnings;
 };
 FlashReport ExamineFlash(const RawFlash &flash);
 
 // What an image of `bytes` bytes, header and all, would meet on a chip when an update stores it: which slots it does
 // not fit, where bad blocks push it on, with whom it shares a page. A rescue image's version, where it is known, tells
 // whether it replaces another one.
-std::vector<std::string> WarningsOfBootloader(const RawFlash &flash, std::uint32_t bytes);
-std::vector<std::string> WarningsOfRescue(const RawFlash &flash, std::uint32_t bytes, const std::string &version = "");
-
-// To standard error, a line each: "warning: PLACE: TEXT".
-void PrintWarnings(const std::string &place, const std::vector<std::string> &warnings);
+Problems WarningsOfBootloader(const RawFlash &flash, std::uint32_t bytes);
+Problems WarningsOfRescue(const RawFlash &flash, std::uint32_t bytes, const std::string &version = "");
 
 struct Provision {
     unsigned slot = 0;

@@ -2,69 +2,61 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cstring>
 #include <fmt/format.h>
-#include <fstream>
 #include <gif_lib.h>
 #include <memory>
+#include <new>
 #include <png.h>
-#include <stdexcept>
-#include <string>
 
 namespace fixture {
 
 namespace {
 
 constexpr unsigned kLargest = 4096;
+constexpr std::uintmax_t kLargestFile = 256u << 20;
 
-[[noreturn]] void Refuse(const std::filesystem::path &file, const std::string &what) {
-    throw std::runtime_error(fmt::format("{}: {}", file.string(), what));
-}
-
-void WriteWhole(const std::filesystem::path &file, const std::string &bytes) {
-    std::filesystem::path beside = file;
-    beside += ".part";
-    std::ofstream stream(beside, std::ios::binary);
-    stream.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    stream.close();
-    std::error_code error;
-    if (stream) std::filesystem::rename(beside, file, error);
-    if (!stream || error) {
-        std::filesystem::remove(beside, error);
-        Refuse(file, "cannot be written");
-    }
+// What the library found, in this tool's words where it says no more than a name of its own.
+[[noreturn]] void RefusePng(const std::filesystem::path &file) {
+    throw Refusal(file, "not a whole and sound PNG picture", "a PNG file", "bad-picture");
 }
 
 } // namespace
 
 Picture ReadPng(const std::filesystem::path &file) {
+    const Bytes bytes = ReadFile(file, kLargestFile);
     png_image image{};
     image.version = PNG_IMAGE_VERSION;
     const std::unique_ptr<png_image, decltype(&png_image_free)> guard(&image, png_image_free);
-    if (!png_image_begin_read_from_file(&image, file.c_str())) Refuse(file, image.message);
+    if (!png_image_begin_read_from_memory(&image, bytes.data(), bytes.size())) RefusePng(file);
     if (image.width > kLargest || image.height > kLargest)
-        Refuse(file,
-               fmt::format("{} x {} pixels, at most {} x {} are read", image.width, image.height, kLargest, kLargest));
+        throw Refusal(file, fmt::format("{} x {} pixels", image.width, image.height),
+                      fmt::format("at most {} x {}", kLargest, kLargest), "too-large");
     image.format = PNG_FORMAT_RGB;
     Picture picture(image.width, image.height);
     const png_color black{0, 0, 0};
-    if (!png_image_finish_read(&image, &black, picture.pixels.data(), 0, nullptr)) Refuse(file, image.message);
+    if (!png_image_finish_read(&image, &black, picture.pixels.data(), 0, nullptr)) RefusePng(file);
     return picture;
 }
 
-void WritePng(const std::filesystem::path &file, const Picture &picture) {
+Bytes PngOf(const Picture &picture) {
+    assert(!picture.pixels.empty() && "a picture has pixels");
     png_image image{};
     image.version = PNG_IMAGE_VERSION;
     image.width = picture.width;
     image.height = picture.height;
     image.format = PNG_FORMAT_RGB;
     png_alloc_size_t size = PNG_IMAGE_PNG_SIZE_MAX(image);
-    std::string bytes(size, '\0');
+    Bytes bytes(size);
+    // Fails for want of memory alone, since the buffer takes the largest file that such a picture can give.
     if (!png_image_write_to_memory(&image, bytes.data(), &size, 0, picture.pixels.data(), 0, nullptr))
-        Refuse(file, image.message);
+        throw std::bad_alloc();
     bytes.resize(size);
-    WriteWhole(file, bytes);
+    return bytes;
 }
+
+void WritePng(const std::filesystem::path &file, const Picture &picture) { WriteFile(file, PngOf(picture)); }
 
 namespace {
 
@@ -75,8 +67,8 @@ struct Indexed {
 
 void CheckGif(int result, const GifFileType *gif) {
     if (result != GIF_ERROR) return;
-    const char *reason = GifErrorString(gif ? gif->Error : E_GIF_ERR_OPEN_FAILED);
-    throw std::runtime_error(fmt::format("the animation cannot be made: {}", reason ? reason : "unknown reason"));
+    const char *const reason = GifErrorString(gif ? gif->Error : E_GIF_ERR_OPEN_FAILED);
+    throw Refusal("animation", fmt::format("cannot be made: {}", reason ? reason : "unknown reason"));
 }
 
 // More than 256 colours: the nearest that the library's median cut finds.
@@ -130,8 +122,8 @@ void PutFrame(GifFileType *gif, const GifFrame &frame) {
 }
 
 int Append(GifFileType *gif, const GifByteType *bytes, int length) {
-    static_cast<std::string *>(gif->UserData)
-        ->append(reinterpret_cast<const char *>(bytes), static_cast<std::size_t>(length));
+    auto *const all = static_cast<Bytes *>(gif->UserData);
+    all->insert(all->end(), bytes, bytes + length);
     return length;
 }
 
@@ -144,19 +136,21 @@ struct CloseGif {
 
 } // namespace
 
-void WriteGif(const std::filesystem::path &file, std::span<const GifFrame> frames) {
-    if (frames.empty()) Refuse(file, "no frame to write");
-    std::string bytes;
+Bytes GifOf(std::span<const GifFrame> frames) {
+    assert(!frames.empty() && "an animation has frames");
+    Bytes bytes;
     int error = 0;
     std::unique_ptr<GifFileType, CloseGif> gif(EGifOpen(&bytes, Append, &error));
-    if (!gif) Refuse(file, "the animation cannot be made");
+    if (!gif) CheckGif(GIF_ERROR, nullptr);
     EGifSetGifVersion(gif.get(), true);
     const Picture &first = frames.front().picture;
     CheckGif(EGifPutScreenDesc(gif.get(), static_cast<int>(first.width), static_cast<int>(first.height), 8, 0, nullptr),
              gif.get());
     for (const GifFrame &frame : frames) PutFrame(gif.get(), frame);
     gif.reset();
-    WriteWhole(file, bytes);
+    return bytes;
 }
+
+void WriteGif(const std::filesystem::path &file, std::span<const GifFrame> frames) { WriteFile(file, GifOf(frames)); }
 
 } // namespace fixture

@@ -1,9 +1,9 @@
 #include "formats/stored_image.h"
 
-#include "formats/elf_image.h"
 #include "formats/slots.h"
 
 #include <algorithm>
+#include <cstring>
 #include <fmt/format.h>
 
 namespace fixture {
@@ -23,36 +23,24 @@ void AppendLittle32(Bytes &bytes, std::uint32_t value) {
     for (int shift = 0; shift < 32; shift += 8) bytes.push_back(static_cast<std::uint8_t>(value >> shift));
 }
 
-// Text up to its terminator, with what is not printable as "\xNN".
-std::string Escape(std::span<const std::uint8_t> bytes) {
-    std::string text;
-    for (const std::uint8_t byte : bytes) {
-        if (byte == 0) return text;
-        text += byte >= 0x20 && byte < 0x7F ? std::string(1, static_cast<char>(byte)) : fmt::format("\\x{:02X}", byte);
-    }
-    return text + " (no terminator)";
+// The maker field up to its terminator.
+std::string MakerOf(std::span<const std::uint8_t> file) {
+    const auto field = file.first(std::min(file.size(), kSizeOffset));
+    const auto end = std::find(field.begin(), field.end(), 0);
+    const std::string text = Escaped(std::string(field.begin(), end));
+    return fmt::format("\"{}\"{}", text, end == field.end() ? " (no terminator)" : "");
 }
 
-Bytes Flatten(const std::filesystem::path &file, const Bytes &content) {
-    try {
-        const ElfImage elf = ElfImage::read(content);
-        Bytes flat = elf.flat();
-        std::uint32_t first = 0xFFFFFFFF;
-        for (const ElfSegment &segment : elf.segments())
-            if (!segment.bytes.empty()) first = std::min(first, segment.address);
-        if (!flat.empty() && elf.entry() != first)
-            throw Refusal(file, fmt::format("entry at 0x{:08X}", elf.entry()),
-                          fmt::format("it at the image's first byte, 0x{:08X}, where images are started", first));
-        return flat;
-    } catch (const ElfError &error) {
-        throw Refusal(file, error.what(), "an ELF executable for the ARM or a flat binary");
-    }
+std::uint32_t LowestAddress(const ElfImage &elf) {
+    std::uint32_t lowest = 0xFFFFFFFF;
+    for (const ElfSegment &segment : elf.segments())
+        if (!segment.bytes.empty()) lowest = std::min(lowest, segment.address);
+    return lowest;
 }
 
-ImageField SizeField(std::uint32_t size, std::size_t file_size) {
-    ImageField field{"size", fmt::format("{} (0x{:08X})", size, size), true, ""};
+ImageField SizeField(const StoredImage &image, std::size_t file_size) {
+    ImageField field{"size", fmt::format("{} (0x{:08X})", image.size, image.size), image.sized, ""};
     const std::size_t most = std::min<std::size_t>(file_size, kLargestStoredImage);
-    field.valid = size >= kImageHeaderBytes && size <= most;
     if (!field.valid)
         field.expected = fmt::format("{} to {}, {}", kImageHeaderBytes, most,
                                      most == file_size ? "the file's length" : "what the load buffer takes");
@@ -60,27 +48,63 @@ ImageField SizeField(std::uint32_t size, std::size_t file_size) {
 }
 
 // A sum can be judged only where the size says how far the body goes.
-ImageField SumField(const char *name, std::uint32_t stored, const std::uint32_t *computed) {
-    const bool valid = computed && stored == *computed;
+ImageField SumField(const char *name, std::uint32_t stored, std::uint32_t computed, bool sized) {
+    const bool valid = sized && stored == computed;
     const std::string expected =
-        computed ? fmt::format("0x{:08X}, the sum over the body", *computed) : "the sum over a body of valid size";
+        sized ? fmt::format("0x{:08X}, the sum over the body", computed) : "the sum over a body of valid size";
     return {name, fmt::format("0x{:08X}", stored), valid, valid ? "" : expected};
 }
 
 std::vector<SlotFit> FitSlots(std::uint32_t size) {
     std::vector<SlotFit> fits;
-    const auto add = [&](const char *medium, const Slot &slot) {
-        fits.push_back({medium, slot.name, slot.capacity, size <= slot.capacity});
-    };
-    for (const auto &[medium, name] : {std::pair{Medium::nand, "NAND"}, std::pair{Medium::dataflash, "DataFlash"}}) {
+    for (const Medium medium : {Medium::nand, Medium::dataflash}) {
         const SlotTable &table = SlotsOf(medium);
-        for (const Slot &slot : table.bootloader) add(name, slot);
-        add(name, table.rescue);
+        for (const Slot &slot : {table.bootloader[0], table.bootloader[1], table.rescue})
+            fits.push_back({NameOf(medium), slot.name, slot.capacity, size <= slot.capacity});
     }
     return fits;
 }
 
 } // namespace
+
+const char *NameOf(ImageVerdict verdict) {
+    constexpr const char *kNames[] = {"erased", "no maker text", "bad size", "bad sums", "good"};
+    return kNames[static_cast<unsigned>(verdict)];
+}
+
+ImageSums SumsOf(std::span<const std::uint8_t> body) {
+    ImageSums sums;
+    for (const std::uint8_t byte : body) {
+        sums.sum1 += byte;
+        sums.sum2 += sums.sum1;
+    }
+    return sums;
+}
+
+ImageVerdict StoredImage::verdict() const {
+    if (erased) return ImageVerdict::erased;
+    if (!whole_header) return ImageVerdict::bad_size;
+    if (!maker) return ImageVerdict::no_maker;
+    if (!sized) return ImageVerdict::bad_size;
+    return sums_agree() ? ImageVerdict::good : ImageVerdict::bad_sums;
+}
+
+StoredImage JudgeImage(std::span<const std::uint8_t> bytes, std::uint32_t capacity) {
+    StoredImage image;
+    const std::span<const std::uint8_t> header = bytes.first(std::min<std::size_t>(bytes.size(), kImageHeaderBytes));
+    image.bytes.assign(header.begin(), header.end());
+    image.erased = std::all_of(header.begin(), header.end(), [](std::uint8_t byte) { return byte == 0xFF; });
+    image.maker = HasMaker(header);
+    image.whole_header = header.size() == kImageHeaderBytes;
+    if (!image.whole_header) return image;
+    image.size = Little32(&header[kSizeOffset]);
+    image.stored = {Little32(&header[kSizeOffset + 4]), Little32(&header[kSizeOffset + 8])};
+    image.sized = image.size >= kImageHeaderBytes && image.size <= capacity && image.size <= bytes.size();
+    if (!image.sized) return image;
+    image.bytes.assign(bytes.begin(), bytes.begin() + image.size);
+    image.computed = SumsOf(bytes.subspan(kImageHeaderBytes, image.size - kImageHeaderBytes));
+    return image;
+}
 
 bool HasMaker(std::span<const std::uint8_t> bytes) {
     return bytes.size() >= sizeof kMakerText && std::equal(std::begin(kMakerText), std::end(kMakerText), bytes.begin());
@@ -97,25 +121,51 @@ Bytes Wrap(std::span<const std::uint8_t> body) {
     return image;
 }
 
-Bytes ReadFlatImage(const std::filesystem::path &file) {
-    Bytes content = ReadFile(file, kLargestInput);
-    constexpr std::uint8_t kElfMagic[] = {0x7F, 'E', 'L', 'F'};
-    const bool is_elf = content.size() >= 4 && std::equal(std::begin(kElfMagic), std::end(kElfMagic), content.begin());
-    return is_elf ? Flatten(file, content) : content;
+FlatImage ReadFlatImage(const std::filesystem::path &file) {
+    FlatImage image{ReadFile(file, kLargestInput), {}};
+    if (!IsElf(image.bytes)) return image;
+    image.elf = ElfImage::read(image.bytes, file);
+    image.bytes = image.elf->flat();
+    return image;
 }
 
-Bytes WrapFile(const std::filesystem::path &file) {
-    const Bytes body = ReadFlatImage(file);
-    if (body.empty()) throw Refusal(file, "no bytes to load", "an image");
-    if (HasMaker(body)) throw Refusal(file, "carries a stored image header already", "an image without one");
+Bytes ReadStartedImage(const std::filesystem::path &file) {
+    FlatImage image = ReadFlatImage(file);
+    if (image.elf && !image.bytes.empty())
+        if (const std::uint32_t first = LowestAddress(*image.elf); image.elf->entry() != first)
+            throw Refusal(file, fmt::format("entry at 0x{:08X}", image.elf->entry()),
+                          fmt::format("it at the image's first byte, 0x{:08X}, where images are started", first),
+                          "bad-entry");
+    return std::move(image.bytes);
+}
+
+namespace {
+
+Bytes WrapBody(const std::filesystem::path &file, const Bytes &body) {
+    if (body.empty()) throw Refusal(file, "no bytes to load", "an image", "empty");
     if (body.size() > kLargestStoredImage - kImageHeaderBytes)
         throw Refusal(file, fmt::format("{} bytes", body.size()),
-                      fmt::format("at most {}, what the load buffer takes", kLargestStoredImage - kImageHeaderBytes));
+                      fmt::format("at most {}, what the load buffer takes", kLargestStoredImage - kImageHeaderBytes),
+                      "too-large");
     return Wrap(body);
 }
 
-bool ImageReport::good() const {
-    return std::all_of(fields.begin(), fields.end(), [](const ImageField &field) { return field.valid; });
+} // namespace
+
+Bytes WrapFile(const std::filesystem::path &file) {
+    const Bytes body = ReadStartedImage(file);
+    if (HasMaker(body))
+        throw Refusal(file, "carries a stored image header already", "an image without one", "wrapped-already");
+    return WrapBody(file, body);
+}
+
+Bytes ReadStoredImage(const std::filesystem::path &file) {
+    Bytes content = ReadStartedImage(file);
+    if (!HasMaker(content)) return WrapBody(file, content);
+    const ImageReport report = ExamineImage(content);
+    if (!report.good()) throw Refusal(file, "not a good stored image: " + report.problem(), "", "bad-image");
+    content.resize(report.image.size);
+    return content;
 }
 
 std::string ImageReport::problem() const {
@@ -125,25 +175,20 @@ std::string ImageReport::problem() const {
 }
 
 ImageReport ExamineImage(std::span<const std::uint8_t> file) {
-    ImageReport report;
-    const bool maker = HasMaker(file);
-    report.fields.push_back({"maker", fmt::format("\"{}\"", Escape(file.first(std::min(file.size(), kSizeOffset)))),
-                             maker, maker ? "" : fmt::format("\"{}\"", kMakerText)});
-    if (file.size() < kImageHeaderBytes) {
+    ImageReport report{JudgeImage(file, kLargestStoredImage), {}, 0, {}};
+    const StoredImage &image = report.image;
+    report.fields.push_back(
+        {"maker", MakerOf(file), image.maker, image.maker ? "" : fmt::format("\"{}\"", kMakerText)});
+    if (!image.whole_header) {
         report.fields.push_back({"header", fmt::format("{} bytes", file.size()), false, "32 bytes"});
         return report;
     }
-    report.size = Little32(&file[kSizeOffset]);
-    report.fields.push_back(SizeField(report.size, file.size()));
-    const bool sized = report.fields.back().valid;
-    ImageSums sums;
-    if (sized) {
-        report.trailing = file.size() - report.size;
-        report.slots = FitSlots(report.size);
-        sums = SumsOf(file.subspan(kImageHeaderBytes, report.size - kImageHeaderBytes));
-    }
-    report.fields.push_back(SumField("sum1", Little32(&file[kSizeOffset + 4]), sized ? &sums.sum1 : nullptr));
-    report.fields.push_back(SumField("sum2", Little32(&file[kSizeOffset + 8]), sized ? &sums.sum2 : nullptr));
+    report.fields.push_back(SizeField(image, file.size()));
+    report.fields.push_back(SumField("sum1", image.stored.sum1, image.computed.sum1, image.sized));
+    report.fields.push_back(SumField("sum2", image.stored.sum2, image.computed.sum2, image.sized));
+    if (!image.sized) return report;
+    report.trailing = file.size() - image.size;
+    report.slots = FitSlots(image.size);
     return report;
 }
 

@@ -95,8 +95,9 @@ void FuzzChipFiles(std::span<const std::uint8_t> input) {
                    {"flash", "info", "--json", "--nand",
                     ChipFile(shape, "nand", kNandRawPageBytes, std::uint64_t{kNandRows} * kNandRawPageBytes)});
     if (which == 1)
-        RunOnFiles(AddFlashCommand, {"flash", "info", "--json", "--part", shape.pick({"AT45DB642", "AT45DB161"}),
-                                     "--dataflash", ChipFile(shape, "dataflash", 1056, 8192 * 1056)});
+        RunOnFiles(AddFlashCommand,
+                   {"flash", "info", "--json", "--dataflash-part", shape.pick({"AT45DB642", "AT45DB161"}),
+                    "--dataflash", ChipFile(shape, "dataflash", 1056, 8192 * 1056)});
     if (which == 2) {
         const std::filesystem::path file = ChipFile(shape, "eeprom", 2048, 2048);
         RunOnFiles(AddEepromCommand, {"eeprom", "show", "--json", file});
@@ -118,7 +119,7 @@ void FuzzElf(std::span<const std::uint8_t> input) {
         const ElfImage elf = ElfImage::read(bytes);
         elf.place(elf.entry());
         LoadElf(elf, BoardMemory().memory());
-    } catch (const ElfError &) { // says what is wrong
+    } catch (const Refusal &) { // says what is wrong
     }
 }
 

@@ -59,8 +59,8 @@ void CheckSlot(ModuleBoard &board, const std::string &medium, const FlashReader 
     const bool header = board.call(("Validate_" + medium + "Header").c_str(), slot.address) == 0;
     const std::uint32_t record = board.call("Medium_Of", medium == "NandFlash");
     const bool whole = board.call("Validate_ImageWithin", record, slot.address, slot.capacity) == 0;
-    Require((header && whole) == (image.verdict == ImageVerdict::good), slot.name);
-    Require(!header || image.verdict != ImageVerdict::no_maker, slot.name);
+    Require((header && whole) == (image.verdict() == ImageVerdict::good), slot.name);
+    Require(!header || image.verdict() != ImageVerdict::no_maker, slot.name);
 }
 
 template <typename Contents>
@@ -72,7 +72,7 @@ void CheckSlots(Shape &shape, ModuleBoard &board, const std::string &medium, Con
         CheckSlot(board, medium, read, slot);
         if (!shape.one_in(4)) continue;
         board.call(("Validate_" + medium + "InvalidateImage").c_str(), slot.address);
-        Require(ReadSlot(read, slot).verdict != ImageVerdict::good, "a retired image is still good");
+        Require(ReadSlot(read, slot).verdict() != ImageVerdict::good, "a retired image is still good");
     }
     board.call("Validate_IsNewRescueVersion", board.started().scratch(16), medium == "NandFlash");
     board.resets("Rescue_Load", {medium == "NandFlash"});

@@ -1,31 +1,29 @@
 #include "harness/command.h"
 
-#include "formats/file.h"
-
-#include <CLI/CLI.hpp>
 #include <cstdio>
+#include <stdexcept>
 #include <unistd.h>
 
 namespace fixture {
 
 namespace {
 
-// Standard output goes to a file without a name, until text() or the end of this object. A file, not a pipe: nobody
-// reads while the subcommand runs, and a pipe would fill up.
-class CapturedOutput {
+// A standard stream goes to a file without a name, until text() or the end of this object. A file, not a
+// pipe: nobody reads while the subcommand runs, and a pipe would fill up.
+class CapturedStream {
 public:
-    CapturedOutput() : file_(std::tmpfile()) {
-        if (!file_) throw std::runtime_error("no temporary file for standard output");
-        std::fflush(stdout); // what was printed before is not the subcommand's
-        saved_ = dup(STDOUT_FILENO);
-        dup2(fileno(file_), STDOUT_FILENO);
+    explicit CapturedStream(std::FILE *stream) : stream_(stream), file_(std::tmpfile()) {
+        if (!file_) throw std::runtime_error("no temporary file for a standard stream");
+        std::fflush(stream_);
+        saved_ = dup(fileno(stream_));
+        dup2(fileno(file_), fileno(stream_));
     }
-    ~CapturedOutput() {
+    ~CapturedStream() {
         restore();
         std::fclose(file_);
     }
-    CapturedOutput(const CapturedOutput &) = delete;
-    CapturedOutput &operator=(const CapturedOutput &) = delete;
+    CapturedStream(const CapturedStream &) = delete;
+    CapturedStream &operator=(const CapturedStream &) = delete;
 
     std::string text() {
         restore();
@@ -39,34 +37,30 @@ public:
 private:
     void restore() {
         if (saved_ < 0) return;
-        std::fflush(stdout);
-        dup2(saved_, STDOUT_FILENO);
+        std::fflush(stream_);
+        dup2(saved_, fileno(stream_));
         close(saved_);
         saved_ = -1;
     }
 
+    std::FILE *stream_;
     std::FILE *file_;
     int saved_ = -1;
 };
 
 } // namespace
 
-CommandResult RunCommand(void (*add)(CLI::App &, int &), std::vector<std::string> arguments) {
-    CLI::App app;
+CommandResult RunCommand(std::span<AddCommand *const> commands, const std::vector<std::string> &arguments) {
+    CapturedStream output(stdout), error(stderr);
     CommandResult result;
-    add(app, result.exit_status);
-    std::reverse(arguments.begin(), arguments.end()); // as the parser wants them
-    CapturedOutput output;
-    try {
-        app.parse(arguments);
-        // As tools/main.cpp tells a bad input from a wrong call.
-    } catch (const Refusal &refusal) {
-        result = {1, "", refusal.what()};
-    } catch (const std::exception &error) {
-        result = {2, "", error.what()};
-    }
+    result.exit_status = RunCall(commands, arguments);
     result.output = output.text();
+    result.error = error.text();
     return result;
+}
+
+CommandResult RunCommand(AddCommand *add, const std::vector<std::string> &arguments) {
+    return RunCommand(std::span(&add, 1), arguments);
 }
 
 } // namespace fixture

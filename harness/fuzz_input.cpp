@@ -103,10 +103,10 @@ std::filesystem::path ScratchFile(const char *name, std::span<const std::uint8_t
     return file;
 }
 
-void RunOnFiles(void (*add)(CLI::App &, int &), std::vector<std::string> arguments) {
-    const CommandResult result = RunCommand(add, std::move(arguments));
+void RunOnFiles(AddCommand *add, const std::vector<std::string> &arguments) {
+    const CommandResult result = RunCommand(add, arguments);
     Require(result.exit_status >= 0 && result.exit_status <= 2, "exit status");
-    Require(result.error.empty() || result.error.starts_with(ModuleBoard::volume().string()),
+    Require(result.error.empty() || result.error.find(ModuleBoard::volume().string()) != std::string::npos,
             "a message that names no file: " + result.error);
 }
 

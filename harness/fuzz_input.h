@@ -7,6 +7,7 @@
 
 #include "formats/file.h"
 #include "harness/started_board.h"
+#include "tools/commands.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdint>
@@ -78,6 +79,6 @@ private:
 std::filesystem::path ScratchFile(const char *name, std::span<const std::uint8_t> content);
 
 // Calls a subcommand of `fixture` on files of that directory. It ends with 0 or 1, or with a message that names one.
-void RunOnFiles(void (*add)(CLI::App &, int &), std::vector<std::string> arguments);
+void RunOnFiles(AddCommand *add, const std::vector<std::string> &arguments);
 
 } // namespace fixture

@@ -1,22 +1,22 @@
 // The signals of a run as a value change dump: pins, the console's serial line, resets, the NAND chip's bus.
 //
-//   BoardVcd vcd("boot.vcd", "NAND*,CONSOLE", machine);      before the run; complete when it goes
+//   BoardVcd vcd(stream, "NAND*,CONSOLE", machine);      before the run; complete when it goes
 #pragma once
 
 #include "machine/machine.h"
 #include "machine/vcd.h"
 
-#include <fstream>
 #include <functional>
+#include <ostream>
 #include <string>
 
 namespace fixture {
 
 class BoardVcd {
 public:
-    // Looks on beside whoever looks on already. Throws std::runtime_error where the file cannot be written,
-    // std::invalid_argument for a signal that there is not.
-    BoardVcd(const std::string &file, const std::string &signals, Machine &machine);
+    // Looks on beside whoever looks on already. `out` outlives it. Throws std::invalid_argument for a signal that there
+    // is not.
+    BoardVcd(std::ostream &out, const std::string &signals, Machine &machine);
 
 private:
     using Line = std::function<void(unsigned level)>;
@@ -24,7 +24,6 @@ private:
     void add_reset(Machine &machine, const Line &line);
     void add_nand(Machine &machine);
 
-    std::ofstream stream_;
     VcdWriter writer_;
     Line nand_io_, nand_cle_, nand_ale_, nand_we_, nand_re_;
 };

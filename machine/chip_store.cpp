@@ -3,73 +3,98 @@
 #include "formats/file.h"
 
 #include <algorithm>
+#include <bit>
 #include <fmt/format.h>
 
 namespace fixture {
 
 namespace {
 
-Bytes ReadChipFile(const std::filesystem::path &file, std::uintmax_t chip_bytes) {
-    return std::filesystem::exists(file) ? ReadFile(file, chip_bytes) : Bytes{};
+// Refuses by the part whose full length the file has, which helps more than a list of lengths.
+void RefuseOtherPart(const std::filesystem::path &file, std::size_t bytes, const At45Part &part) {
+    for (const At45Part &other : At45Parts())
+        if (bytes == other.bytes() && bytes != part.bytes() && other.pages != part.pages)
+            throw Refusal(file, fmt::format("{} bytes: the length of an {}", bytes, other.name),
+                          fmt::format("an {}; see --dataflash-part", part.name), "wrong-length");
 }
 
-// Hands out a file's pages in order. The last one is filled up as erased flash is.
-template <typename Take> void ForEachPage(const Bytes &file, std::size_t page_bytes, Take take) {
-    for (std::size_t at = 0; at < file.size(); at += page_bytes) {
-        Bytes page(page_bytes, 0xFF);
-        std::copy_n(file.begin() + static_cast<std::ptrdiff_t>(at), std::min(page_bytes, file.size() - at),
-                    page.begin());
-        take(static_cast<std::uint32_t>(at / page_bytes), page);
-    }
+bool IsBlank(std::span<const std::uint8_t> bytes) {
+    return std::all_of(bytes.begin(), bytes.end(), [](std::uint8_t byte) { return byte == 0xFF; });
 }
 
 } // namespace
 
-void LoadChip(NandContents &chip, const std::filesystem::path &file) {
-    const Bytes bytes = ReadChipFile(file, std::uintmax_t{kNandRows} * kNandRawPageBytes);
+ChipShape ShapeOf(const NandContents &chip) {
+    return {chip.part() ? chip.part()->name : kDefaultNand, kNandRows, kNandRawPageBytes, kNandPageBytes, true};
+}
+ChipShape ShapeOf(const At45Contents &chip) {
+    const At45Part &part = chip.part();
+    return {part.name, part.pages, part.page_bytes, std::bit_floor(part.page_bytes), false};
+}
+
+ChipFileLayout LoadChip(NandContents &chip, const std::filesystem::path &file) {
+    const ChipShape shape = ShapeOf(chip);
+    const Bytes bytes = ReadFile(file, shape.whole_bytes());
+    const ChipFileLayout layout = RecogniseChip(file, bytes, shape);
     for (std::uint32_t block = 0; block < kNandBlocks; ++block) chip.erase(block);
-    ForEachPage(bytes, kNandRawPageBytes, [&](std::uint32_t row, const Bytes &page) {
+    ForEachPage(bytes, layout, shape, [&](std::uint32_t row, std::span<const std::uint8_t> page) {
         NandContents::Page cells;
         std::copy(page.begin(), page.end(), cells.begin());
         chip.set_page(row, cells);
     });
+    return layout;
 }
 
-void LoadChip(At45Contents &chip, const std::filesystem::path &file) {
-    const Bytes bytes = ReadChipFile(file, chip.bytes());
+ChipFileLayout LoadChip(At45Contents &chip, const std::filesystem::path &file) {
+    const ChipShape shape = ShapeOf(chip);
+    const Bytes bytes = ReadFile(file, std::uintmax_t{1} << 28);
+    RefuseOtherPart(file, bytes.size(), chip.part());
+    const ChipFileLayout layout = RecogniseChip(file, bytes, shape);
     chip = At45Contents(chip.part());
-    ForEachPage(bytes, chip.part().page_bytes,
-                [&](std::uint32_t number, const Bytes &page) { chip.set_page(number, page); });
+    ForEachPage(bytes, layout, shape, [&](std::uint32_t number, std::span<const std::uint8_t> page) {
+        if (!IsBlank(page)) chip.set_page(number, {page.begin(), page.end()});
+    });
+    return layout;
 }
 
-void LoadChip(EepromContents &chip, const std::filesystem::path &file) {
-    chip = {};
-    if (!std::filesystem::exists(file)) return;
+ChipFileLayout LoadChip(EepromContents &chip, const std::filesystem::path &file) {
     const Bytes bytes = ReadFile(file, EepromContents::kSize);
     if (bytes.size() != EepromContents::kSize)
-        throw Refusal(file, fmt::format("{} bytes", bytes.size()), fmt::format("{}", +EepromContents::kSize));
+        throw Refusal(file, fmt::format("{} bytes", bytes.size()), fmt::format("{}", +EepromContents::kSize),
+                      "wrong-length");
     std::copy(bytes.begin(), bytes.end(), chip.bytes.begin());
+    return {ChipLayout::raw, bytes.size()};
 }
 
-void SaveChip(const NandContents &chip, const std::filesystem::path &file) {
-    std::uint32_t rows = kNandRows;
-    while (rows > 0 && chip.erased(rows - 1)) --rows;
-    Bytes bytes;
-    bytes.reserve(std::size_t{rows} * kNandRawPageBytes);
-    for (std::uint32_t row = 0; row < rows; ++row)
-        bytes.insert(bytes.end(), chip.page(row).begin(), chip.page(row).end());
-    WriteFile(file, bytes);
+Bytes ChipBytesOf(const NandContents &chip, const ChipFileLayout &layout, const std::filesystem::path &file) {
+    std::uint32_t used = kNandRows;
+    while (used > 0 && chip.erased(used - 1)) --used;
+    if (layout.layout == ChipLayout::data_only)
+        for (std::uint32_t block = 0; block < kNandBlocks; ++block)
+            if (chip.marked_bad(block))
+                throw Refusal(file, fmt::format("block {} is marked bad now", block),
+                              "a raw file: without spare bytes the mark would be lost", "layout-too-small");
+    return ChipBytes(layout, ShapeOf(chip), used,
+                     [&](std::uint32_t row) { return std::span<const std::uint8_t>(chip.page(row)); });
 }
 
-void SaveChip(const At45Contents &chip, const std::filesystem::path &file) {
-    std::uint32_t pages = chip.part().pages;
-    while (pages > 0 && chip.erased(pages - 1)) --pages;
-    Bytes bytes;
-    for (std::uint32_t page = 0; page < pages; ++page)
-        bytes.insert(bytes.end(), chip.page(page).begin(), chip.page(page).end());
-    WriteFile(file, bytes);
+Bytes ChipBytesOf(const At45Contents &chip, const ChipFileLayout &layout, const std::filesystem::path &file) {
+    const ChipShape shape = ShapeOf(chip);
+    if (layout.layout == ChipLayout::data_only)
+        for (std::uint32_t page = 0; page < shape.pages; ++page)
+            if (!IsBlank(std::span(chip.page(page)).subspan(shape.data)))
+                throw Refusal(file, fmt::format("page {} holds bytes from {} on", page, shape.data),
+                              fmt::format("a file of {}-byte pages", shape.whole), "layout-too-small");
+    // A DataFlash is small: a new file holds all of it.
+    const ChipFileLayout whole{layout.layout, layout.bytes == 0 ? shape.whole_bytes() : layout.bytes};
+    std::uint32_t used = shape.pages;
+    while (used > 0 && chip.erased(used - 1)) --used;
+    return ChipBytes(whole, shape, used,
+                     [&](std::uint32_t page) { return std::span<const std::uint8_t>(chip.page(page)); });
 }
 
-void SaveChip(const EepromContents &chip, const std::filesystem::path &file) { WriteFile(file, chip.bytes); }
+Bytes ChipBytesOf(const EepromContents &chip, const ChipFileLayout &, const std::filesystem::path &) {
+    return {chip.bytes.begin(), chip.bytes.end()};
+}
 
 } // namespace fixture

@@ -313,7 +313,7 @@ std::string Debugger::show_chips() const {
     for (const Slot &slot : {slots.bootloader[0], slots.bootloader[1], slots.rescue}) {
         const StoredImage image = ReadSlot(reader, slot);
         text +=
-            fmt::format("  {} at 0x{:X}: {}, {} bytes\n", slot.name, slot.address, NameOf(image.verdict), image.size);
+            fmt::format("  {} at 0x{:X}: {}, {} bytes\n", slot.name, slot.address, NameOf(image.verdict()), image.size);
     }
     return text;
 }

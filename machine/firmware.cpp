@@ -1,11 +1,10 @@
 #include "machine/firmware.h"
 
+#include "formats/stored_image.h"
+
 #include <algorithm>
 #include <charconv>
 #include <fmt/format.h>
-#include <fstream>
-#include <iterator>
-#include <stdexcept>
 
 namespace fixture {
 
@@ -32,25 +31,15 @@ std::optional<BootVersion> VersionFromName(const std::string &name) {
 } // namespace
 
 Firmware ReadFirmware(const fs::path &file) {
-    std::ifstream stream(file, std::ios::binary);
-    if (!stream) throw std::runtime_error(fmt::format("{}: cannot be read", file.string()));
-    std::error_code error;
-    if (fs::file_size(file, error) > kLargestImage || error)
-        throw std::runtime_error(fmt::format("{}: not a file of at most 16 MiB", file.string()));
+    FlatImage image = ReadFlatImage(file);
+    if (image.bytes.empty()) throw Refusal(file, "no bytes to load", "an image", "empty");
+    if (image.bytes.size() > kLargestImage)
+        throw Refusal(file, fmt::format("{} bytes", image.bytes.size()), fmt::format("at most {}", kLargestImage),
+                      "too-large");
     Firmware firmware;
     firmware.file = file;
-    firmware.flat.assign(std::istreambuf_iterator<char>(stream), {});
-    constexpr std::uint8_t kElfMagic[] = {0x7F, 'E', 'L', 'F'};
-    if (firmware.flat.empty()) throw std::runtime_error(fmt::format("{}: empty", file.string()));
-    if (!std::equal(std::begin(kElfMagic), std::end(kElfMagic), firmware.flat.begin(),
-                    firmware.flat.begin() + std::min<std::ptrdiff_t>(4, std::ssize(firmware.flat))))
-        return firmware;
-    try {
-        firmware.elf = ElfImage::read(firmware.flat);
-        firmware.flat = firmware.elf->flat();
-    } catch (const ElfError &bad) {
-        throw std::runtime_error(fmt::format("{}: {}", file.string(), bad.what()));
-    }
+    firmware.flat = std::move(image.bytes);
+    firmware.elf = std::move(image.elf);
     return firmware;
 }
 
@@ -85,7 +74,9 @@ void LoadElf(const ElfImage &image, const Memory &memory, bool clear) {
     for (const ElfSegment &segment : image.segments()) {
         const std::span<std::uint8_t> place = memory.at(segment.address, segment.memory_size);
         if (place.empty())
-            throw ElfError(fmt::format("{} bytes at 0x{:08X}: no memory there", segment.memory_size, segment.address));
+            throw Refusal("program",
+                          fmt::format("{} bytes at 0x{:08X}: no memory there", segment.memory_size, segment.address),
+                          "", "bad-elf");
         std::copy(segment.bytes.begin(), segment.bytes.end(), place.begin());
         if (clear)
             std::fill(place.begin() + static_cast<std::ptrdiff_t>(segment.bytes.size()), place.end(), std::uint8_t{0});

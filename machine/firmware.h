@@ -46,11 +46,11 @@ private:
     std::vector<Firmware> builds_;
 };
 
-// Copies an ELF's segments into memory. Throws ElfError if one does not fit. `clear`: what a segment has beyond its
+// Copies an ELF's segments into memory. Throws Refusal if one does not fit. `clear`: what a segment has beyond its
 // file part is zeroed, as a loader of ELF files has to; a first stage that copies a flat image leaves it as it was.
 void LoadElf(const ElfImage &image, const Memory &memory, bool clear = true);
 
-// Reads an ELF or a flat binary. Throws std::runtime_error with the file's name and what is wrong.
+// Reads an ELF or a flat binary. Throws Refusal.
 Firmware ReadFirmware(const std::filesystem::path &file);
 
 // The directory of this program's sibling build for the board: <build>/arm beside <build>/host.

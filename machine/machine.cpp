@@ -8,7 +8,6 @@
 #include <array>
 #include <cstring>
 #include <fmt/format.h>
-#include <fstream>
 #include <stdexcept>
 
 namespace fixture {
@@ -44,6 +43,7 @@ Machine::~Machine() = default;
 
 void Machine::connect() {
     board_.console.transmitted = [this](char c) {
+        note_rescue(c);
         if (options_.console) options_.console(c);
     };
     board_.reset_controller.processor_reset = [this] { stop({StageEnd::reset, 0, "reset controller"}); };
@@ -168,6 +168,8 @@ const Firmware *Machine::choose_bootloader() {
 StageResult Machine::run_bootloader(const Firmware &firmware) {
     running_ = &firmware;
     tell(EventKind::stage, "first stage", "starts " + firmware.file.filename().string());
+    rescue_found_ = false;
+    console_line_.clear();
     volume_.close_all();
     if (native_) return native_->run(firmware.version);
     const std::span<std::uint8_t> place = board_.memory.memory().at(kBootloaderLinkAddress, firmware.flat.size());
@@ -179,20 +181,27 @@ StageResult Machine::run_bootloader(const Firmware &firmware) {
     return arm().run(firmware.entry());
 }
 
+// The load buffer cannot tell what was launched: a rescue image may be the bank's file byte for byte, and the launch
+// marker overwrites the end of the longest applications. The bootloader says so itself, right before it launches.
+void Machine::note_rescue(char c) {
+    static constexpr std::string_view kFound = "\tRescue app found...";
+    if (c != '\n' && console_line_.size() <= kFound.size()) console_line_ += c;
+    if (c != '\n') return;
+    rescue_found_ |= console_line_ == kFound;
+    console_line_.clear();
+}
+
 void Machine::name_launched() {
-    const std::filesystem::path path = volume_.last_opened_file();
-    const std::span<std::uint8_t> buffer = board_.memory.memory().at(kLoadBuffer, HandoverCache::kBytes);
-    std::error_code none;
-    const std::uintmax_t size = std::filesystem::file_size(path, none);
-    std::vector<char> bytes(none || size > buffer.size() ? 0 : size);
-    if (!bytes.empty() && std::ifstream(path, std::ios::binary).read(bytes.data(), std::ssize(bytes)) &&
-        std::memcmp(bytes.data(), buffer.data(), bytes.size()) == 0) {
+    if (!rescue_found_) {
+        std::error_code error;
+        const std::uintmax_t size = std::filesystem::file_size(volume_.last_opened_file(), error);
         report_.launched = volume_.last_opened();
-        report_.launched_bytes = static_cast<std::uint32_t>(bytes.size());
+        report_.launched_bytes = error ? 0 : static_cast<std::uint32_t>(size);
         return;
     }
     report_.launched = "rescue image";
-    std::memcpy(&report_.launched_bytes, &buffer[20], sizeof report_.launched_bytes);
+    const std::span<std::uint8_t> header = board_.memory.memory().at(kLoadBuffer, kImageHeaderBytes);
+    report_.launched_bytes = JudgeImage(header, kLargestStoredImage).size;
 }
 
 void Machine::launch() {

@@ -144,6 +144,7 @@ private:
     void launch();
     const Firmware *bootloader_in_slot();
     const Firmware *choose_bootloader();
+    void note_rescue(char c);
     void name_launched();
     RunReport finish(RunReport report);
 
@@ -160,6 +161,8 @@ private:
     bool in_launched_ = false;
     unsigned starts_ = 0;
     std::optional<Sighting> sighting_; // of the first thing that went wrong
+    std::string console_line_;         // the one that is being printed, or its beginning
+    bool rescue_found_ = false;        // since the bootloader's last start
     RunReport report_;
 };
 

@@ -28,7 +28,7 @@ constexpr unsigned kLaneHeight = 26;
 
 double Ms(Picoseconds time) { return static_cast<double>(time) / static_cast<double>(kMillisecond); }
 
-std::string Escaped(std::string_view text) {
+std::string HtmlText(std::string_view text) {
     std::string html;
     for (const char c : text) {
         switch (c) {
@@ -150,7 +150,7 @@ public:
             fmt::format("<rect class=\"{}\" x=\"{:.2f}\" y=\"{}\" width=\"{:.2f}\" height=\"{}\"><title>{}</title>"
                         "</rect>",
                         style, x(from), lane * kLaneHeight + 2, std::max(0.5, x(to) - x(from)), lanes * kLaneHeight - 4,
-                        Escaped(title));
+                        HtmlText(title));
     }
     std::string svg() const;
 
@@ -238,21 +238,21 @@ std::string DrawMap(const FlashMap &map, const FlashMap *before) {
 std::string DrawFlash(const FlashMap &before, const FlashMap &after, const std::string &medium) {
     const auto one = [](const char *title, const FlashMap &map, const FlashMap *other) {
         std::string text = fmt::format("<div><h3>{}</h3>{}<ul>", title, DrawMap(map, other));
-        for (const std::string &slot : map.slots) text += "<li>" + Escaped(slot) + "</li>";
+        for (const std::string &slot : map.slots) text += "<li>" + HtmlText(slot) + "</li>";
         return text + "</ul></div>";
     };
     return fmt::format(
         "<p class=\"quiet\">{}: a square is a block, darker the more of it is in use; red is marked bad, "
         "amber has changed.</p><div class=\"map\">{}{}</div>",
-        Escaped(medium), one("Before", before, nullptr), one("After", after, &before));
+        HtmlText(medium), one("Before", before, nullptr), one("After", after, &before));
 }
 
 std::string EventRows(std::span<const Event> events) {
     std::string rows;
     for (const Event &event : events)
         rows += fmt::format("<tr><td class=\"num\">{:.3f}</td><td>{}</td><td>{}</td><td>{}</td></tr>\n", Ms(event.time),
-                            NameOf(event.kind), Escaped(DescribeEvent(event)),
-                            event.pc ? Escaped(event.symbols->place(event.pc)) : "");
+                            NameOf(event.kind), HtmlText(DescribeEvent(event)),
+                            event.pc ? HtmlText(event.symbols->place(event.pc)) : "");
     return rows;
 }
 
@@ -315,8 +315,8 @@ FlashMap MapOf(const Chips &chips, bool nand) {
     const FlashReader read = nand ? ReaderOf(chips.nand) : ReaderOf(chips.dataflash);
     for (const Slot &slot : {slots.bootloader[0], slots.bootloader[1], slots.rescue}) {
         const StoredImage image = ReadSlot(read, slot);
-        map.slots.push_back(fmt::format("{} at 0x{:X}: {}", slot.name, slot.address, NameOf(image.verdict)));
-        if (image.verdict == ImageVerdict::good) map.slots.back() += fmt::format(", {} bytes", image.size);
+        map.slots.push_back(fmt::format("{} at 0x{:X}: {}", slot.name, slot.address, NameOf(image.verdict())));
+        if (image.verdict() == ImageVerdict::good) map.slots.back() += fmt::format(", {} bytes", image.size);
     }
     return map;
 }
@@ -349,18 +349,18 @@ std::string ReportPage(const RunRecord &record, const RunReport &report, const F
                           DataUrl(frames.back().picture));
     return Fill(
         kReportPage,
-        {{"title", Escaped("fixture: " + texts.verdict)},
+        {{"title", HtmlText("fixture: " + texts.verdict)},
          {"tone", report.exit_status() == 0 ? "good" : "bad"},
-         {"verdict", Escaped(texts.verdict)},
-         {"facts", Escaped(facts)},
-         {"explanation", texts.explanation.empty() ? "" : "<pre>" + Escaped(texts.explanation) + "</pre>"},
+         {"verdict", HtmlText(texts.verdict)},
+         {"facts", HtmlText(facts)},
+         {"explanation", texts.explanation.empty() ? "" : "<pre>" + HtmlText(texts.explanation) + "</pre>"},
          {"timeline", DrawTimeline(record, report.time, frames)},
          {"last_frame", last},
-         {"console", Escaped(record.console())},
+         {"console", HtmlText(record.console())},
          {"flash", DrawFlash(record.before(), after, report.medium)},
-         {"events_note", Escaped(note)},
+         {"events_note", HtmlText(note)},
          {"events", EventRows(listed)},
-         {"call", Escaped(texts.call)},
+         {"call", HtmlText(texts.call)},
          {"data",
           fmt::format("{{\"left\":{},\"width\":{},\"view\":{},\"end\":{:.6f},\"frames\":[{}],\"events\":[{}]}}", kLeft,
                       kWidth, kView, std::max(Ms(report.time), 1e-6), FramesJson(frames), EventsJson(listed))}});

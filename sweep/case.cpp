@@ -54,7 +54,7 @@ FlashReader ReaderFor(const World &world, const Chips &chips) {
 
 Bytes GoodImage(const FlashReader &read, const Slot &slot) {
     StoredImage image = ReadSlot(read, slot);
-    return image.verdict == ImageVerdict::good ? std::move(image.bytes) : Bytes{};
+    return image.verdict() == ImageVerdict::good ? std::move(image.bytes) : Bytes{};
 }
 
 } // namespace

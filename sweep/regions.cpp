@@ -20,7 +20,7 @@ bool HoldsText(const Bytes &bytes, std::string_view text) {
 
 char SlotLetter(const FlashReader &read, const Slot &slot, const Bytes &old_image, const Bytes &new_image) {
     const StoredImage image = ReadSlot(read, slot);
-    if (image.verdict == ImageVerdict::good)
+    if (image.verdict() == ImageVerdict::good)
         return image.bytes == old_image ? 'o' : image.bytes == new_image ? 'n' : 'f';
     const Bytes maker = read(slot.address, sizeof kMakerText);
     if (AllAre(maker, 0xFF)) return 'e';

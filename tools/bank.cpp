@@ -5,13 +5,14 @@
 #include "formats/bank_check.h"
 #include "formats/stored_image.h"
 #include "machine/firmware.h"
+#include "machine/raw_flash.h"
+#include "tools/call_report.h"
 #include "tools/chip_files.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <fmt/format.h>
 #include <memory>
-#include <nlohmann/json.hpp>
 
 namespace fixture {
 
@@ -27,32 +28,61 @@ struct BuildCall {
     std::string rescue, rescue_version;
     std::vector<std::string> extras;
     ChipFiles chips;
+    WarningOptions judging;
     bool json = false;
 };
 
 struct CheckCall {
     std::string directory;
     std::string as;
+    std::string running = "1.9.0";
+    ChipFiles chips;
+    WarningOptions judging;
     bool json = false;
 };
 
-std::string Dump(const ordered_json &json) { return json.dump(2, ' ', true, nlohmann::json::error_handler_t::replace); }
+// The board that a call names, or a new one, and the builds that are known here.
+class NamedBoard {
+public:
+    explicit NamedBoard(const ChipFiles &chips)
+        : known_(FirmwareDirectory()), nand_(LoadNand(chips)), dataflash_(LoadDataflash(chips)) {
+        RequireDistinct({chips.nand, chips.dataflash});
+        if (!chips.nand.empty() || !chips.named()) view_.chips.push_back(RawFlashOf(nand_));
+        if (!chips.dataflash.empty() || !chips.named()) view_.chips.push_back(RawFlashOf(dataflash_));
+        view_.version_of = [this](std::span<const std::uint8_t> body) -> std::optional<std::string> {
+            const Firmware *build = known_.identify(body);
+            if (!build) return std::nullopt;
+            return fmt::format("{}.{}.{}", build->version.major, build->version.minor, build->version.build);
+        };
+    }
+    NamedBoard(const NamedBoard &) = delete;
+    NamedBoard &operator=(const NamedBoard &) = delete;
+
+    const BoardView &view() const { return view_; }
+    // One chip that is named says more than the usual slots.
+    UpdateState state(const ChipFiles &chips, const std::string &running) const {
+        if (chips.named() && view_.chips.size() == 1) return StateOf(view_.chips.front(), running);
+        UpdateState state;
+        state.running = running;
+        return state;
+    }
+
+private:
+    KnownFirmware known_;
+    NandContents nand_;
+    At45Contents dataflash_;
+    BoardView view_;
+};
 
 // --- build
-
-// A stored image as it is, anything else wrapped.
-Bytes ReadStored(const std::string &file) {
-    Bytes content = ReadFlatImage(file);
-    return HasMaker(content) ? content : WrapFile(file);
-}
 
 std::vector<BankFile> ReadFiles(const BuildCall &call) {
     std::vector<BankFile> files;
     files.push_back(
-        {FileRole::application, call.application, call.application_version, ReadFlatImage(call.application)});
-    files.push_back({FileRole::bootloader, call.bootloader, call.bootloader_version, ReadStored(call.bootloader)});
+        {FileRole::application, call.application, call.application_version, ReadStartedImage(call.application)});
+    files.push_back({FileRole::bootloader, call.bootloader, call.bootloader_version, ReadStoredImage(call.bootloader)});
     if (!call.rescue.empty())
-        files.push_back({FileRole::rescue, call.rescue, call.rescue_version, ReadStored(call.rescue)});
+        files.push_back({FileRole::rescue, call.rescue, call.rescue_version, ReadStoredImage(call.rescue)});
     for (const std::string &extra : call.extras)
         files.push_back({FileRole::none, extra, "", ReadFile(extra, kLargestNumber)});
     return files;
@@ -60,124 +90,104 @@ std::vector<BankFile> ReadFiles(const BuildCall &call) {
 
 // What stands at OUT goes when the new bank takes its place: only a bank, or nothing, may go.
 void CheckReplaceable(const fs::path &out) {
+    const auto refuse = [&](const fs::path &where, const std::string &found, const char *expected, const char *id) {
+        throw Refusal(Fault::output, {id, where.string(), found, expected});
+    };
+    constexpr const char *kExpected = "a new name, an empty directory or a bank";
     const fs::path parent = fs::absolute(out / "").lexically_normal().parent_path().parent_path();
-    if (!fs::is_directory(parent)) throw std::runtime_error(fmt::format("{}: no such directory", parent.string()));
-    if (!fs::exists(fs::symlink_status(out))) return;
-    if (!fs::is_directory(fs::symlink_status(out)))
-        throw std::runtime_error(
-            fmt::format("{}: not a directory; expected a new name, an empty directory or a bank", out.string()));
+    std::error_code error;
+    if (!fs::is_directory(parent, error)) refuse(parent, "no such directory", "", "missing");
+    const fs::file_status status = fs::symlink_status(out, error);
+    if (!fs::exists(status)) return;
+    if (!fs::is_directory(status)) refuse(out, "not a directory", kExpected, "not-replaceable");
     for (const fs::directory_entry &entry : fs::directory_iterator(out)) {
         const std::string name = entry.path().filename().string();
         if (name != kDescriptorName && name != kManifestName && name + "/" != kFileDirectory)
-            throw std::runtime_error(fmt::format("{}: holds \"{}\", which is no part of a bank; expected a new name, "
-                                                 "an empty directory or a bank",
-                                                 out.string(), name));
+            refuse(out, fmt::format("holds \"{}\", which is no part of a bank", name), kExpected, "not-replaceable");
     }
 }
 
-void WriteBank(const fs::path &out, const std::vector<BankFile> &files) {
-    NewDirectory bank(out);
-    fs::create_directory(bank.path() / kFileDirectory);
-    for (const BankFile &file : files) WriteFile(bank.path() / file.path(), file.bytes);
-    WriteFile(bank.path() / kDescriptorName, MakeDescriptor(files));
-    WriteFile(bank.path() / kManifestName, MakeManifest(files));
-    bank.take_place();
+void WriteBank(const fs::path &directory, const std::vector<BankFile> &files) {
+    fs::create_directory(directory / kFileDirectory);
+    for (const BankFile &file : files) WriteFile(directory / file.path(), file.bytes);
+    WriteFile(directory / kDescriptorName, MakeDescriptor(files));
+    WriteFile(directory / kManifestName, MakeManifest(files));
 }
 
-// A board compares the bank's text with what its bootloader says of itself.
-void WarnOfVersion(const BankFile &file, std::vector<std::string> &warnings) {
-    const KnownFirmware known(FirmwareDirectory());
-    const Firmware *build = known.identify(std::span(file.bytes).subspan(kImageHeaderBytes));
-    if (!build) return;
-    const BootVersion &own = build->version;
-    const std::string version = fmt::format("{}.{}.{}", own.major, own.minor, own.build);
-    if (version != file.version)
-        warnings.push_back(fmt::format("{}: is version {}, not {}; a board would store it and reset at every start, "
-                                       "and never launch the application",
-                                       file.path(), version, file.version));
-}
-
-// What the bank's images would meet on the named board, or on a new one.
-std::vector<std::string> WarningsOf(const BuildCall &call, const std::vector<BankFile> &files) {
-    std::vector<std::string> all;
-    const auto add = [&](const BankFile &file, const RawFlash &flash, const std::vector<std::string> &warnings) {
-        for (const std::string &warning : warnings)
-            all.push_back(fmt::format("{} on {}: {}", file.path(), NameOf(flash.medium), warning));
-    };
-    for (const BankFile &file : files) {
-        const auto bytes = static_cast<std::uint32_t>(file.bytes.size());
-        if (file.role == FileRole::bootloader) WarnOfVersion(file, all);
-        ForEachChip(call.chips, [&](const RawFlash &flash) {
-            if (file.role == FileRole::bootloader) add(file, flash, WarningsOfBootloader(flash, bytes));
-            if (file.role == FileRole::rescue) add(file, flash, WarningsOfRescue(flash, bytes, file.version));
-        });
-    }
-    return all;
-}
-
-ordered_json ToJson(const std::string &out, const std::vector<BankFile> &files,
-                    const std::vector<std::string> &warnings) {
-    ordered_json json{{"bank", out}, {"files", ordered_json::array()}};
+ordered_json ToJson(const std::string &out, const std::vector<BankFile> &files) {
+    ordered_json json{{"bank", TextJson(out)}, {"files", ordered_json::array()}};
     for (const BankFile &file : files)
         json["files"].push_back({{"role", NameOf(file.role)},
-                                 {"path", file.path()},
+                                 {"path", TextJson(file.path())},
                                  {"size", file.bytes.size()},
                                  {"byte_sum", ByteSum(file.bytes)},
-                                 {"version", file.version}});
-    json["warnings"] = warnings;
+                                 {"version", TextJson(file.version)}});
     return json;
+}
+
+// Where a bank is to stand on the board: as asked for, or by the directory's own name.
+std::string BoardDirectory(const fs::path &directory, const std::string &as) {
+    const fs::path named = fs::absolute(directory / "").lexically_normal().parent_path().filename();
+    const std::string name = as.empty() ? named.string() : as;
+    for (const char *place : kBankDirectories)
+        if (std::string(place).ends_with("/" + name + "/")) return place;
+    return kBankDirectories[0];
+}
+
+void PrintProblems(const Problems &problems) {
+    for (const Problem &problem : problems) fmt::print(stderr, "fixture: {} ({})\n", problem.text(), problem.id);
 }
 
 void PrintFiles(const std::string &out, const std::vector<BankFile> &files) {
     std::size_t width = 4;
     for (const BankFile &file : files) width = std::max(width, file.path().size());
-    fmt::print("{}\n", out);
+    fmt::print("{}\n", Printable(out));
     fmt::print("  {:<12} {:<{}} {:>10} {:>10}  {}\n", "role", "path", width, "bytes", "byte-sum", "version");
     for (const BankFile &file : files)
         fmt::print("  {:<12} {:<{}} {:>10} {:>10}  {}\n", NameOf(file.role), file.path(), width, file.bytes.size(),
                    ByteSum(file.bytes), file.version);
 }
 
+// The new bank is examined before it takes its place, so that build and check say the same.
 int Build(const BuildCall &call) {
     CheckReplaceable(call.out);
+    NewDirectory directory(call.out);
     const std::vector<BankFile> files = ReadFiles(call);
     CheckBankFiles(files);
-    const std::vector<std::string> warnings = WarningsOf(call, files);
-    WriteBank(call.out, files);
-    if (call.json) {
-        fmt::print("{}\n", Dump(ToJson(call.out, files, warnings)));
-    } else {
-        PrintFiles(call.out, files);
-        PrintWarnings(call.out, warnings);
-    }
-    return 0;
+    const NamedBoard board(call.chips);
+    WriteBank(directory.path(), files);
+    const BankReport bank = ExamineBank(directory.path(), BoardDirectory(call.out, ""), board.view());
+    CallReport outcome("bank build", call.json);
+    outcome.part = ToJson(call.out, files);
+    outcome.problems = bank.problems;
+    outcome.warnings = bank.warnings;
+    const int status = outcome.judged(bank.problems.empty() ? kGood : kBad, call.judging);
+    if (status == kGood) directory.take_place();
+    if (status != kGood) outcome.problems.push_back({"not-built", call.out, "the bank is not written", ""});
+    if (!call.json && status == kGood) PrintFiles(call.out, files);
+    if (!call.json) PrintProblems(outcome.problems);
+    return outcome.finish(status);
 }
 
 // --- check
 
-ordered_json ToJson(const std::string &directory, const BankReport &bank) {
-    ordered_json json{{"bank", directory},
-                      {"directory", bank.directory},
-                      {"good", bank.good()},
-                      {"launches", bank.launches},
-                      {"descriptor", ordered_json::object()},
-                      {"records", ordered_json::array()},
-                      {"problems", bank.problems},
-                      {"actions", bank.actions}};
+ordered_json ToJson(const RecordReport &report) {
+    return {{"offset", report.record.offset}, {"role", NameOf(report.role)},   {"path", TextJson(report.record.path)},
+            {"size", report.record.size},     {"byte_sum", report.record.sum}, {"problem", Printable(report.problem)}};
+}
+
+ordered_json ToJson(const BankReport &bank) {
+    ordered_json json{{"directory", bank.directory},      {"good", bank.good()},
+                      {"launches", bank.launches},        {"descriptor", ordered_json::object()},
+                      {"records", ordered_json::array()}, {"actions", bank.actions}};
     for (const FileRole role : {FileRole::application, FileRole::bootloader, FileRole::rescue}) {
         const DescriptorEntry &entry = bank.descriptor.entries[static_cast<std::size_t>(role)];
-        json["descriptor"][NameOf(role)] = {{"base_name", entry.base_name},
-                                            {"extension", entry.extension},
-                                            {"version", entry.version},
-                                            {"problem", entry.problem}};
+        json["descriptor"][NameOf(role)] = {{"base_name", TextJson(entry.base_name)},
+                                            {"extension", TextJson(entry.extension)},
+                                            {"version", TextJson(entry.version)},
+                                            {"problem", Printable(entry.problem)}};
     }
-    for (const RecordReport &report : bank.records)
-        json["records"].push_back({{"offset", report.record.offset},
-                                   {"role", NameOf(report.role)},
-                                   {"path", report.record.path},
-                                   {"size", report.record.size},
-                                   {"byte_sum", report.record.sum},
-                                   {"problem", report.problem}});
+    for (const RecordReport &report : bank.records) json["records"].push_back(ToJson(report));
     return json;
 }
 
@@ -185,47 +195,109 @@ void PrintDescriptor(const Descriptor &descriptor) {
     fmt::print("\n{}\n", kDescriptorName);
     for (const FileRole role : {FileRole::application, FileRole::bootloader, FileRole::rescue}) {
         const DescriptorEntry &entry = descriptor.entries[static_cast<std::size_t>(role)];
-        const std::string text = entry.problem.empty() ? fmt::format("\"{}\" and \"{}\", version {}", entry.base_name,
-                                                                     entry.extension, entry.version)
-                                                       : entry.problem;
+        const std::string text = entry.problem.empty()
+                                     ? fmt::format("\"{}\" and \"{}\", version {}", Escaped(entry.base_name),
+                                                   Escaped(entry.extension), Escaped(entry.version))
+                                     : entry.problem;
         fmt::print("  {:<12} {}\n", NameOf(role), text);
     }
 }
 
 void PrintRecords(const std::vector<RecordReport> &records) {
     std::size_t width = 4;
-    for (const RecordReport &report : records) width = std::max(width, report.record.path.size());
+    for (const RecordReport &report : records) width = std::max(width, Escaped(report.record.path).size());
     fmt::print("\n{}\n  {:<12} {:<{}} {:>10} {:>10}\n", kManifestName, "role", "path", width, "bytes", "byte-sum");
     for (const RecordReport &report : records)
-        fmt::print("  {:<12} {:<{}} {:>10} {:>10}  {}\n", NameOf(report.role), report.record.path, width,
-                   report.record.size, report.record.sum, report.problem.empty() ? "good" : "BAD: " + report.problem);
+        fmt::print("  {:<12} {:<{}} {:>10} {:>10}  {}\n", NameOf(report.role), Escaped(report.record.path), width,
+                   report.record.size, report.record.sum,
+                   report.problem.empty() ? "good" : "BAD: " + Printable(report.problem));
 }
 
 void PrintReport(const std::string &directory, const BankReport &bank) {
-    fmt::print("{} as {}: {}\n", directory, bank.directory, bank.good() ? "good" : "BAD");
-    for (const std::string &problem : bank.problems) fmt::print("  {}\n", problem);
+    fmt::print("{} as {}: {}\n", Printable(directory), bank.directory, bank.good() ? "good" : "BAD");
+    for (const Problem &problem : bank.problems)
+        if (problem.id != "bad-file") fmt::print("  {}\n", problem.text()); // those stand with their records
     PrintDescriptor(bank.descriptor);
     PrintRecords(bank.records);
     fmt::print("\nThe bootloader\n");
     for (const std::string &action : bank.actions) fmt::print("  {}\n", action);
 }
 
-// Where the bank is to stand on the board: as asked for, or by the directory's own name.
-std::string BoardDirectory(const CheckCall &call) {
-    const fs::path named = fs::absolute(fs::path(call.directory) / "").lexically_normal().parent_path().filename();
-    const std::string name = call.as.empty() ? named.string() : call.as;
-    for (const char *directory : kBankDirectories)
-        if (std::string(directory).ends_with("/" + name + "/")) return directory;
-    return kBankDirectories[0];
+int CheckBank(const CheckCall &call, const NamedBoard &board) {
+    const BankReport bank = ExamineBank(call.directory, BoardDirectory(call.directory, call.as), board.view());
+    CallReport outcome("bank check", call.json);
+    outcome.part = ToJson(bank);
+    outcome.part["bank"] = TextJson(call.directory);
+    outcome.problems = bank.problems;
+    outcome.warnings = bank.warnings;
+    if (!call.json) PrintReport(call.directory, bank);
+    return outcome.finish(outcome.judged(bank.good() ? kGood : kBad, call.judging));
 }
 
+// A problem of one bank among several names the bank.
+Problems Within(const BankReport &bank, Problems problems) {
+    for (Problem &problem : problems) problem.where = bank.directory + ": " + problem.where;
+    return problems;
+}
+
+void Append(Problems &to, const Problems &more) { to.insert(to.end(), more.begin(), more.end()); }
+
+ordered_json ToJson(const VolumeBoot &boot) {
+    ordered_json json{{"running", TextJson(boot.running)}, {"steps", ordered_json::array()}};
+    for (const BankSteps &steps : boot.steps)
+        json["steps"].push_back(
+            {{"rescue", NameOf(steps.rescue)}, {"bootloader", NameOf(steps.bootloader)}, {"end", NameOf(steps.end)}});
+    return json;
+}
+
+void PrintBoots(const VolumeReport &volume) {
+    fmt::print("\nStarts of the board\n");
+    for (std::size_t i = 0; i < volume.boots.size(); ++i) {
+        const VolumeBoot &boot = volume.boots[i];
+        fmt::print("  {}. {} runs:", i + 1, Escaped(boot.running));
+        for (std::size_t bank = 0; bank < boot.steps.size(); ++bank)
+            fmt::print("{} {} {}", bank == 0 ? "" : ";", volume.banks[bank].directory, NameOf(boot.steps[bank].end));
+        fmt::print("{}\n", !boot.launches && !boot.resets ? "; the rescue image is next" : "");
+    }
+    if (volume.boots.size() > 1) fmt::print("  and from start {} on again\n", volume.cycle_start + 1);
+}
+
+int CheckVolume(const CheckCall &call, const NamedBoard &board) {
+    const VolumeReport volume = ExamineVolume(call.directory, board.view(), board.state(call.chips, call.running));
+    CallReport outcome("bank check", call.json);
+    outcome.problems = volume.problems;
+    outcome.warnings = volume.warnings;
+    ordered_json banks = ordered_json::array(), boots = ordered_json::array();
+    for (const BankReport &bank : volume.banks) {
+        Append(outcome.problems, Within(bank, bank.problems));
+        Append(outcome.warnings, Within(bank, bank.warnings));
+        banks.push_back(ToJson(bank));
+        if (!call.json) PrintReport(call.directory, bank);
+        if (!call.json) fmt::print("\n");
+    }
+    for (const VolumeBoot &boot : volume.boots) boots.push_back(ToJson(boot));
+    outcome.part = {{"volume", TextJson(call.directory)},
+                    {"good", volume.good()},
+                    {"launches", volume.launches},
+                    {"banks", banks},
+                    {"boots", boots},
+                    {"repeats_from", volume.cycle_start}};
+    if (!call.json) {
+        fmt::print("{} as a volume: {}\n", Printable(call.directory), volume.good() ? "good" : "BAD");
+        for (const Problem &problem : volume.problems) fmt::print("  {} ({})\n", problem.text(), problem.id);
+        PrintBoots(volume);
+    }
+    return outcome.finish(outcome.judged(volume.good() ? kGood : kBad, call.judging));
+}
+
+// A volume holds data/ with the banks; a bank holds its descriptor.
 int Check(const CheckCall &call) {
-    const BankReport bank = ExamineBank(call.directory, BoardDirectory(call));
-    if (call.json)
-        fmt::print("{}\n", Dump(ToJson(call.directory, bank)));
-    else
-        PrintReport(call.directory, bank);
-    return bank.good() ? 0 : 1;
+    const NamedBoard board(call.chips);
+    std::error_code error;
+    if (!fs::is_directory(fs::path(call.directory) / "data", error)) return CheckBank(call, board);
+    if (!call.as.empty())
+        throw Refusal(Fault::call, {"wrong-call", "--as", "has no effect on a volume", "a bank's directory"});
+    return CheckVolume(call, board);
 }
 
 void AddBuild(CLI::App &bank, int &exit_status) {
@@ -234,27 +306,31 @@ void AddBuild(CLI::App &bank, int &exit_status) {
     build->add_option("OUT", call->out, "directory to write; an older bank there is replaced")->required();
     build->add_option("--app", call->application, "main application, flat or ELF")->required();
     build->add_option("--app-version", call->application_version, "1 to 16 characters")->required();
-    build->add_option("--bootloader", call->bootloader, "bootloader; wrapped where it is not a stored image")
-        ->required();
+    build->add_option("--bootloader", call->bootloader, "bootloader; wrapped unless it is a stored image")->required();
     build->add_option("--bootloader-version", call->bootloader_version, "1 to 16 characters")->required();
     CLI::Option *rescue = build->add_option("--rescue", call->rescue, "rescue image; wrapped likewise");
     CLI::Option *version = build->add_option("--rescue-version", call->rescue_version, "1 to 16 characters");
     rescue->needs(version);
     version->needs(rescue);
     build->add_option("--extra", call->extras, "further files, as they are");
-    call->chips.add_options(
-        *build->add_option_group("Board", "the chips that warnings speak of; new ones where none are named"));
-    build->add_flag("--json", call->json, "report as one JSON object");
+    call->chips.add_options(*build->add_option_group("Board", "chips to check against [blank]"));
+    call->judging.add_options(*build);
+    build->add_flag("--json", call->json, "one JSON object");
     build->callback([call, &exit_status] { exit_status = Build(*call); });
 }
 
 void AddCheck(CLI::App &bank, int &exit_status) {
     auto call = std::make_shared<CheckCall>();
-    CLI::App *check = bank.add_subcommand("check", "Verify a bank directory and say what a board would do with it");
-    check->add_option("DIR", call->directory, "bank directory")->required();
+    CLI::App *check =
+        bank.add_subcommand("check", "Verify a bank, or a volume with its banks, and say what a board does with it");
+    check->add_option("DIR", call->directory, "bank directory, or the volume that holds data/")->required();
     check->add_option("--as", call->as, "place on the board; by default the directory's own name, or else app")
         ->check(CLI::IsMember({"app", "oldapp", "newapp"}));
-    check->add_flag("--json", call->json, "report as one JSON object");
+    check->add_option("--running", call->running, "version of the bootloader that the board runs, for a volume")
+        ->capture_default_str();
+    call->chips.add_options(*check->add_option_group("Board", "chips to check against [blank]"));
+    call->judging.add_options(*check);
+    check->add_flag("--json", call->json, "one JSON object");
     check->callback([call, &exit_status] { exit_status = Check(*call); });
 }
 

@@ -1,11 +1,15 @@
 // fixture boot: powers a board up and lets it run to its end. The console's bytes go to standard output untouched, the
-// verdict to standard error.
+// verdict to standard error; with --json the verdict goes to standard output and the console to standard error.
 #include "machine/chip_store.h"
 #include "tools/commands.h"
 
 #include "machine/board_vcd.h"
 #include "machine/machine.h"
 #include "tools/boot_debug.h"
+#include "tools/boot_hint.h"
+#include "tools/call_report.h"
+#include "tools/chip_files.h"
+#include "tools/numbers.h"
 #include "tools/replay.h"
 #include "tools/terminal_preview.h"
 
@@ -33,11 +37,10 @@ struct BootCall {
     double watchdog = 0;
     unsigned most_resets = 8;
     bool json = false;
-    std::string nand;
-    std::string nand_part = kDefaultNand;
-    std::string dataflash;
-    std::string dataflash_part = kDefaultAt45;
+    ChipFiles files;
     std::string eeprom;
+    bool snapshot = false;
+    bool create = false;
     std::string vcd;
     std::string vcd_signals;
     std::string panel;
@@ -56,58 +59,94 @@ const std::map<std::string, Straps> kStraps = {
 const std::map<std::string, PanelWiring> kWirings = {
     {"bgr", PanelWiring::bgr}, {"rgb", PanelWiring::rgb}, {"rgb565", PanelWiring::rgb565}};
 
-// The names of a table of parts, and "none".
-template <typename Parts> std::vector<std::string> PartNames(const Parts &parts) {
-    std::vector<std::string> names = {"none"};
-    for (const auto &part : parts) names.emplace_back(part.name);
-    return names;
-}
+// The board's chips, in their files where the call names some.
+class BoardChips {
+public:
+    BoardChips(const BootCall &call, OutputFiles &outputs) {
+        const ChipFiles &files = call.files;
+        RequireDistinct({files.nand, files.dataflash, call.eeprom});
+        chips.nand = NandContents(FindNandPart(files.nand_part));
+        if (files.dataflash_part == "none")
+            chips.dataflash.absent = true;
+        else
+            chips.dataflash = At45Contents(*FindAt45Part(files.dataflash_part));
+        // What a replay leaves goes to new files only; a board's own chips must not be taken for them.
+        const bool replay = !call.replay.empty();
+        const ChipUse use = call.snapshot ? ChipUse::look : call.create || replay ? ChipUse::create : ChipUse::change;
+        if (replay) RequireNewFiles({files.nand, files.dataflash, call.eeprom});
+        if (!files.nand.empty()) nand_.emplace(chips.nand, files.nand, use, outputs);
+        if (!files.dataflash.empty()) dataflash_.emplace(chips.dataflash, files.dataflash, use, outputs);
+        if (!call.eeprom.empty()) eeprom_.emplace(chips.eeprom, call.eeprom, use, outputs);
+    }
+    void store() {
+        if (nand_) nand_->store();
+        if (dataflash_) dataflash_->store();
+        if (eeprom_) eeprom_->store();
+    }
 
-// The board's chips, as their files have them; a missing file is a blank chip.
-Chips LoadChips(const BootCall &call) {
     Chips chips;
-    chips.nand = NandContents(FindNandPart(call.nand_part));
-    if (call.dataflash_part == "none")
-        chips.dataflash.absent = true;
-    else
-        chips.dataflash = At45Contents(*FindAt45Part(call.dataflash_part));
-    if (!call.nand.empty()) LoadChip(chips.nand, call.nand);
-    if (!call.dataflash.empty()) LoadChip(chips.dataflash, call.dataflash);
-    if (!call.eeprom.empty() && fs::exists(call.eeprom)) LoadChip(chips.eeprom, call.eeprom);
-    return chips;
-}
 
-void SaveChips(const BootCall &call, const Chips &chips) {
-    if (!call.nand.empty()) SaveChip(chips.nand, call.nand);
-    if (!call.dataflash.empty()) SaveChip(chips.dataflash, call.dataflash);
-    if (!call.eeprom.empty()) SaveChip(chips.eeprom, call.eeprom);
-}
+private:
+    static void RequireNewFiles(const std::vector<std::string> &files) {
+        for (const std::string &file : files)
+            if (!file.empty() && fs::exists(fs::symlink_status(file)))
+                throw Refusal(Fault::call,
+                              {"exists", file, "exists already", "a new file: a replay keeps its chips in those only"});
+    }
+
+    std::optional<OpenChip<NandContents>> nand_;
+    std::optional<OpenChip<At45Contents>> dataflash_;
+    std::optional<OpenChip<EepromContents>> eeprom_;
+};
 
 double Milliseconds(Picoseconds time) { return static_cast<double>(time) / static_cast<double>(kMillisecond); }
 
-// Everything that a call wants written about the panel.
-void WritePanel(const BootCall &call, FrameRecorder &recorder, Picoseconds until) {
-    recorder.look();
-    if (!call.panel.empty()) WritePng(call.panel, recorder.shown());
-    if (!call.panel_gif.empty()) WriteGif(call.panel_gif, Animation(recorder.frames(), until));
-    if (!call.panel_frames.empty()) {
-        fs::create_directories(call.panel_frames);
-        for (const FrameRecorder::Frame &frame : recorder.frames())
-            WritePng(fs::path(call.panel_frames) / fmt::format("{:015.6f}ms.png", Milliseconds(frame.time)),
-                     frame.picture);
+// Everything that a call wants written about the panel. That it can be written is known before the run.
+class PanelFiles {
+public:
+    PanelFiles(const BootCall &call, OutputFiles &outputs) : call_(call), outputs_(outputs) {
+        if (!call.panel.empty()) picture_ = &outputs.add(call.panel);
+        if (!call.panel_gif.empty()) animation_ = &outputs.add(call.panel_gif);
+        if (call.panel_frames.empty()) return;
+        std::error_code error;
+        fs::create_directories(call.panel_frames, error);
+        if (!fs::is_directory(call.panel_frames, error))
+            throw Refusal(Fault::output,
+                          {"not-a-directory", call.panel_frames, "not a directory", "one for the frames"});
+        const OutputFile proof(fs::path(call.panel_frames) / "00.png");
     }
-    if (call.preview) PrintPreview(stderr, recorder.shown());
-}
+    bool wanted() const {
+        return call_.observe.wants_frames() || picture_ || animation_ || !call_.panel_frames.empty() || call_.preview;
+    }
+    void write(FrameRecorder &recorder, Picoseconds until) {
+        recorder.look();
+        if (picture_) picture_->write(PngOf(recorder.shown()));
+        if (animation_) animation_->write(GifOf(Frames(recorder, until)));
+        if (!call_.panel_frames.empty())
+            for (const FrameRecorder::Frame &frame : recorder.frames())
+                outputs_.add(fs::path(call_.panel_frames) / fmt::format("{:015.6f}ms.png", Milliseconds(frame.time)))
+                    .write(PngOf(frame.picture));
+        if (call_.preview) PrintPreview(stderr, recorder.shown());
+    }
 
-bool WantsPanel(const BootCall &call) {
-    return call.observe.wants_frames() || !call.panel.empty() || !call.panel_gif.empty() ||
-           !call.panel_frames.empty() || call.preview;
-}
+private:
+    // A board that shows nothing at all gives one dark picture.
+    static std::vector<GifFrame> Frames(FrameRecorder &recorder, Picoseconds until) {
+        std::vector<GifFrame> frames = Animation(recorder.frames(), until);
+        if (frames.empty()) frames.push_back({recorder.shown(), 1});
+        return frames;
+    }
+
+    const BootCall &call_;
+    OutputFiles &outputs_;
+    OutputFile *picture_ = nullptr;
+    OutputFile *animation_ = nullptr;
+};
 
 std::string Describe(const RunReport &report) {
     std::string text = VerdictName(report.verdict);
     if (report.verdict == Verdict::launched)
-        text = fmt::format("launched {} ({} bytes)", report.launched, report.launched_bytes);
+        text = fmt::format("launched {} ({} bytes)", Printable(report.launched), report.launched_bytes);
     if (report.verdict == Verdict::idle) text = "idle: nothing to launch";
     if (!report.place.empty()) text += ": " + report.place;
     if (!report.launched_end.empty()) text += fmt::format(", which {}", report.launched_end);
@@ -118,10 +157,11 @@ std::string Describe(const RunReport &report) {
 nlohmann::ordered_json ToJson(const RunReport &report) {
     nlohmann::ordered_json json;
     json["verdict"] = VerdictName(report.verdict);
-    if (!report.place.empty()) json["place"] = report.place;
+    if (!report.place.empty()) json["place"] = TextJson(report.place);
+    if (report.slot) json["slot"] = *report.slot;
     if (report.verdict == Verdict::launched) {
-        json["launched"] = report.launched;
-        json["bytes"] = report.launched_bytes;
+        json["launched"] = TextJson(report.launched);
+        json["size"] = report.launched_bytes;
         json["launched_end"] = report.launched_end;
     }
     json["medium"] = report.medium;
@@ -142,7 +182,7 @@ void HandOverToSanitizedBuild() {
     std::error_code error;
     const fs::path self = fs::read_symlink("/proc/self/exe", error);
     const fs::path sanitized = self.parent_path().parent_path() / "asan" / "fixture";
-    if (error || self == sanitized || !fs::exists(sanitized)) return;
+    if (error || self.filename() != sanitized.filename() || self == sanitized || !fs::exists(sanitized)) return;
     std::ifstream cmdline("/proc/self/cmdline", std::ios::binary);
     std::vector<std::string> words;
     for (std::string word; std::getline(cmdline, word, '\0');) words.push_back(word);
@@ -150,13 +190,6 @@ void HandOverToSanitizedBuild() {
     for (std::string &word : words) arguments.push_back(word.data());
     arguments.push_back(nullptr);
     execv(sanitized.c_str(), arguments.data());
-}
-
-// Chip files that the call of a replay names keep what the case leaves, and so must not hold a board's chips already.
-void RequireNewChipFiles(const BootCall &call) {
-    for (const std::string &file : {call.nand, call.dataflash, call.eeprom})
-        if (!file.empty() && fs::exists(file))
-            throw std::runtime_error(file + ": exists already; a replay keeps its chips in new files only");
 }
 
 // Chips, files and options are those of the case; what the call says about them does not count.
@@ -169,12 +202,20 @@ void UseReplay(const Replay &replay, RunOptions &options, Chips &chips) {
     chips = replay.chips;
 }
 
-int Boot(const BootCall &call) {
-    if (!call.replay.empty()) RequireNewChipFiles(call);
-    if (call.host && call.observe.gdb_port)
-        throw std::runtime_error("--gdb needs the emulated processor; with --host use this machine's own debugger");
-    if (call.host) HandOverToSanitizedBuild();
-    const KnownFirmware known(FirmwareDirectory());
+// The image of --firmware, or else the usual one. On this machine's processor it must stand for a native build.
+Firmware FirmwareOf(const BootCall &call, const KnownFirmware &known) {
+    const fs::path file = call.firmware.empty() ? FirmwareDirectory() / "bootloader.elf" : fs::path(call.firmware);
+    Firmware firmware = ReadFirmware(file);
+    if (!call.host || call.firmware.empty()) return firmware;
+    const Firmware *const build = known.identify(firmware.flat);
+    if (!build)
+        throw Refusal(file, "no native build stands for this image", "a build of this tree, or no --host",
+                      "unknown-build");
+    firmware.version = build->version;
+    return firmware;
+}
+
+RunOptions OptionsOf(const BootCall &call, const KnownFirmware &known) {
     RunOptions options;
     options.processor = call.host ? ProcessorKind::host : ProcessorKind::arm;
     options.known = &known;
@@ -184,42 +225,77 @@ int Boot(const BootCall &call) {
         options.board.watchdog = static_cast<Picoseconds>(call.watchdog * static_cast<double>(kSecond));
     options.file_server_fails = call.fail == "file-server";
     options.most_resets = call.most_resets;
-    BootObservers *observers = nullptr;
-    options.console = [&observers](char c) { observers->console(c); };
+    options.slots = call.files.named();
     options.keep_going = call.observe.keep_going;
     options.sightings = true;
+    return options;
+}
 
-    const Firmware firmware =
-        ReadFirmware(call.firmware.empty() ? FirmwareDirectory() / "bootloader.elf" : fs::path(call.firmware));
-    options.firmware = &firmware;
+void RequireDirectory(const std::string &directory) {
+    std::error_code error;
+    if (!directory.empty() && !fs::is_directory(directory, error))
+        throw Refusal(Fault::unreadable, {"missing", directory, "no such directory", ""});
+}
 
-    Chips chips = LoadChips(call);
-    options.slots = !call.nand.empty() || !call.dataflash.empty();
-    if (options.slots && call.firmware.empty()) options.firmware = nullptr;
+int Report(const BootCall &call, const RunReport &report, const std::string &end, const std::string &hint,
+           CallReport &outcome) {
+    std::fflush(stdout);
+    const int status = report.exit_status();
+    if (!hint.empty()) outcome.part["hint"] = Printable(hint);
+    if (status != kGood) outcome.problems.push_back({IdOf(report.verdict), "board", Describe(report), ""});
+    if (call.json) return outcome.finish(status);
+    fmt::print(stderr, "{}\n{}", Describe(report), end);
+    if (!hint.empty()) fmt::print(stderr, "{}\n", Printable(hint));
+    return outcome.finish(status);
+}
+
+int Boot(const BootCall &call) {
+    RequireDirectory(call.volume);
+    if (call.host && call.observe.gdb_port)
+        throw Refusal(Fault::call, {"wrong-call", "--gdb", "needs the emulated processor",
+                                    "no --host: there this machine's own debugger serves"});
+    if (call.host) HandOverToSanitizedBuild();
+    CallReport outcome("boot", call.json);
+    OutputFiles outputs;
+    BoardChips board(call, outputs);
+    PanelFiles panel(call, outputs);
+    OutputFile *const vcd_file = call.vcd.empty() ? nullptr : &outputs.add(call.vcd);
+    const KnownFirmware known(FirmwareDirectory());
+    const Firmware firmware = FirmwareOf(call, known);
+    RunOptions options = OptionsOf(call, known);
+    BootObservers *observers = nullptr;
+    options.console = [&observers](char c) { observers->console(c); };
+    if (!options.slots || !call.firmware.empty()) options.firmware = &firmware;
     std::optional<Replay> replay;
     if (!call.replay.empty()) {
         replay.emplace(call.replay, call.power_up, options.processor);
-        UseReplay(*replay, options, chips);
+        UseReplay(*replay, options, board.chips);
     }
-    Machine machine(chips, options);
+    Machine machine(board.chips, options);
 
-    BootObservers looking_on(call.observe, machine);
+    BootObservers looking_on(call.observe, machine, call.json ? stderr : stdout);
     observers = &looking_on;
     std::optional<BoardVcd> vcd;
-    if (!call.vcd.empty()) vcd.emplace(call.vcd, call.vcd_signals, machine);
-    if (WantsPanel(call)) machine.record_frames(kWirings.at(call.panel_wiring));
+    if (vcd_file) vcd.emplace(vcd_file->stream(), call.vcd_signals, machine);
+    if (panel.wanted()) machine.record_frames(kWirings.at(call.panel_wiring));
     looking_on.start();
     const RunReport report = replay ? replay->run(machine) : machine.run();
     looking_on.finish(report, Describe(report));
-    SaveChips(call, chips);
-    if (WantsPanel(call)) WritePanel(call, *machine.frames(), report.time);
-    std::fflush(stdout);
-    nlohmann::ordered_json json = ToJson(report);
-    looking_on.add_end(report, json);
-    fmt::print(stderr, "{}\n{}", call.json ? json.dump() : Describe(report),
-               call.json ? "" : looking_on.describe_end(report));
-    if (replay) fmt::print(stderr, "{}: {}\n", call.replay, NameOf(replay->judgement().outcome));
-    return report.exit_status();
+    vcd.reset();
+    if (panel.wanted()) panel.write(*machine.frames(), report.time);
+    board.store();
+    outputs.commit();
+    outcome.part = ToJson(report);
+    looking_on.add_end(report, outcome.part);
+    if (replay) outcome.part["outcome"] = NameOf(replay->judgement().outcome);
+    const int status =
+        Report(call, report, looking_on.describe_end(report),
+               replay ? ""
+                      : HintOf({call.straps, call.volume, call.files.nand, call.files.dataflash, call.host}, report,
+                               board.chips, known),
+               outcome);
+    if (replay && !call.json) fmt::print(stderr, "{}: {}\n", call.replay, NameOf(replay->judgement().outcome));
+    return status;
 }
 
 } // namespace
@@ -227,33 +303,32 @@ int Boot(const BootCall &call) {
 void AddBootCommand(CLI::App &app, int &exit_status) {
     auto call = std::make_shared<BootCall>();
     CLI::App *command = app.add_subcommand("boot", "Power a board up and run it to its end");
-    command->add_option("--firmware", call->firmware, "bootloader image (ELF or flat) in place of the built one")
-        ->check(CLI::ExistingFile);
+    CLI::Option *const firmware =
+        command->add_option("--firmware", call->firmware, "bootloader image (ELF or flat) in place of the built one");
     command->add_flag("--host", call->host, "run the bootloader on this machine's processor");
-    command->add_option("--volume", call->volume, "directory that is volume vol0 of drive i")
-        ->check(CLI::ExistingDirectory);
-    command->add_option("--straps", call->straps, "boot straps fitted")
-        ->check(CLI::IsMember(kStraps))
-        ->capture_default_str();
-    command->add_option("--fail", call->fail, "have something fail")->check(CLI::IsMember({"file-server"}));
-    command->add_option("--watchdog", call->watchdog, "arm the watchdog with this period in seconds")
-        ->check(CLI::PositiveNumber);
+    CLI::Option *const volume =
+        command->add_option("--volume", call->volume, "directory that is volume vol0 of drive i");
+    CLI::Option *const straps = command->add_option("--straps", call->straps, "boot straps fitted")
+                                    ->check(CLI::IsMember(kStraps))
+                                    ->capture_default_str();
+    CLI::Option *const fail =
+        command->add_option("--fail", call->fail, "have something fail")->check(CLI::IsMember({"file-server"}));
+    CLI::Option *const watchdog =
+        command->add_option("--watchdog", call->watchdog, "arm the watchdog with this period in seconds")
+            ->check(Number(0.001, 1000));
     command->add_option("--max-resets", call->most_resets, "resets before the run counts as a loop")
-        ->check(CLI::PositiveNumber)
+        ->check(WholeNumber(1, 1'000'000))
         ->capture_default_str();
     AddObserveOptions(*command, call->observe);
-    command->add_option("--nand", call->nand, "file that keeps the NAND chip: raw pages with their spare bytes");
-    command->add_option("--nand-part", call->nand_part, "NAND part fitted")
-        ->check(CLI::IsMember(PartNames(NandParts())))
-        ->capture_default_str();
-    command->add_option("--dataflash", call->dataflash, "file that keeps the DataFlash chip");
-    command->add_option("--dataflash-part", call->dataflash_part, "DataFlash part fitted")
-        ->check(CLI::IsMember(PartNames(At45Parts())))
-        ->capture_default_str();
-    command->add_option("--eeprom", call->eeprom, "file that keeps the parameter EEPROM");
-    command->add_option("--vcd", call->vcd, "write pins as a value change dump for logic-analyser programs");
-    command->add_option("--vcd-signals", call->vcd_signals,
-                        "which signals, by name, separated by commas (default: all)");
+    call->files.add_options(*command, "chip file, which keeps what the board writes", true);
+    command->add_option("--eeprom", call->eeprom, "parameter EEPROM's chip file");
+    CLI::Option *const snapshot =
+        command->add_flag("--snapshot", call->snapshot, "run on the chip files and leave them as they are");
+    command->add_flag("--create", call->create, "make chip files that are missing")->excludes(snapshot);
+    CLI::Option *const vcd =
+        command->add_option("--vcd", call->vcd, "write pins as a value change dump for logic-analyser programs");
+    command->add_option("--vcd-signals", call->vcd_signals, "which signals, by name, separated by commas [all]")
+        ->needs(vcd);
     command->add_option("--panel", call->panel, "write what the panel shows at the end as PNG");
     command->add_option("--panel-frames", call->panel_frames, "write every different frame as PNG into this directory");
     command->add_option("--panel-gif", call->panel_gif, "write the panel's boot as an animation");
@@ -261,11 +336,14 @@ void AddBootCommand(CLI::App &app, int &exit_status) {
         ->check(CLI::IsMember(kWirings))
         ->capture_default_str();
     command->add_flag("--preview", call->preview, "show the panel in the terminal, where it is one");
-    command->add_option("--replay", call->replay,
-                        "a case of a sweep, by the name that the sweep gives it; its chips are kept in new files only");
-    command->add_option("--power-up", call->power_up,
-                        "which power-up of the case, from 0 (default: the first one behind its cuts)");
-    command->add_flag("--json", call->json, "verdict as one JSON object");
+    CLI::Option *const replay = command->add_option(
+        "--replay", call->replay,
+        "a case of a sweep, by the name that the sweep gives it; its chips are kept in new files only");
+    for (CLI::Option *const option : {firmware, volume, straps, fail, watchdog, snapshot}) replay->excludes(option);
+    command->add_option("--power-up", call->power_up, "which power-up of the case, from 0 [the first after its cuts]")
+        ->check(WholeNumber(0, 1000))
+        ->needs(replay);
+    command->add_flag("--json", call->json, "verdict as one JSON object; the console goes to standard error");
     command->callback([call, &exit_status] { exit_status = Boot(*call); });
 }
 

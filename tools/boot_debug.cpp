@@ -76,21 +76,24 @@ void AddObserveOptions(CLI::App &command, ObserveCall &call) {
         ->check(CLI::Range(0.001, 1e6));
 }
 
-BootObservers::BootObservers(const ObserveCall &call, Machine &machine)
-    : call_(call), machine_(machine), console_is_traced_(call.trace == "-"), events_(machine) {
+BootObservers::BootObservers(const ObserveCall &call, Machine &machine, std::FILE *console)
+    : call_(call), machine_(machine), console_(console), console_is_traced_(call.trace == "-"), events_(machine) {
+    if (console_is_traced_ && console_ != stdout)
+        throw Refusal(Fault::call, {"wrong-call", "--trace", "standard output carries the report in JSON", "a file"});
     if (!call.trace.empty()) {
         trace_.emplace(call.trace, FilterOf(call), call.trace_last);
         events_.sinks.push_back([this](const Event &event) { trace_->add(event); });
     }
     events_.sinks.push_back([this](const Event &event) { last_.add(event); });
     if (call.report.empty()) return;
+    const OutputFile proof(call.report); // it is written after the run
     record_.emplace(machine);
     events_.sinks.push_back([this](const Event &event) { record_->add(event); });
 }
 
 void BootObservers::console(char c) {
     if (live_) live_->wait_for(machine_.board().clock.now());
-    if (!console_is_traced_) std::fputc(c, stdout);
+    if (!console_is_traced_) std::fputc(c, console_);
     if (record_) record_->console(c);
     events_.console(c);
 }
@@ -145,12 +148,13 @@ void BootObservers::add_end(const RunReport &report, nlohmann::ordered_json &jso
     json["seen_ms"] = Milliseconds(seen.time);
     json["times"] = seen.times;
     if (seen.pc) json["pc"] = seen.pc;
-    json["call_chain"] = seen.chain;
+    json["call_chain"] = nlohmann::ordered_json::array();
+    for (const std::string &place : seen.chain) json["call_chain"].push_back(Printable(place));
     json["last_events"] = nlohmann::ordered_json::array();
     for (const Event &event : last_.in_order()) {
         nlohmann::ordered_json entry = {{"ms", Milliseconds(event.time)}, {"kind", NameOf(event.kind)}};
-        entry["event"] = DescribeEvent(event);
-        if (event.pc) entry["place"] = event.symbols->place(event.pc);
+        entry["event"] = Printable(DescribeEvent(event));
+        if (event.pc) entry["place"] = Printable(event.symbols->place(event.pc));
         json["last_events"].push_back(entry);
     }
 }

@@ -7,6 +7,7 @@
 #include "tools/live.h"
 
 #include <CLI/CLI.hpp>
+#include <cstdio>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -34,8 +35,9 @@ void AddObserveOptions(CLI::App &command, ObserveCall &call);
 // Everything that looks on while a machine runs.
 class BootObservers {
 public:
-    // Before the run. Throws where a file cannot be written or a name in a filter does not exist.
-    BootObservers(const ObserveCall &call, Machine &machine);
+    // Before the run; `console` gets what the board prints. Throws where a file cannot be written, a name in a filter
+    // does not exist, or trace and console would share a stream with a report in JSON.
+    BootObservers(const ObserveCall &call, Machine &machine, std::FILE *console);
 
     void console(char c);
     // When everybody else who looks on is in place: shows frames as they come, and waits for a debugger.
@@ -52,6 +54,7 @@ private:
 
     const ObserveCall &call_;
     Machine &machine_;
+    std::FILE *console_;
     bool console_is_traced_;
     EventStream events_;
     EventRing last_{20};

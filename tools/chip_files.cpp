@@ -1,50 +1,59 @@
 #include "tools/chip_files.h"
-#include "machine/chip_store.h"
+
 #include "machine/raw_flash.h"
 
 #include <CLI/CLI.hpp>
+#include <fmt/format.h>
 
 namespace fixture {
 
 namespace {
-
-// The part that a chip file stands for: the one that was named, or the usual one.
-template <typename Part>
-const Part *PartOf(const ChipFiles &chips, const Part *(*find)(std::string_view), const char *usual) {
-    for (const std::string &name : chips.parts)
-        if (const Part *named = find(name)) return named;
-    return find(usual);
-}
 
 template <typename Contents> Contents Load(Contents contents, const std::string &file) {
     if (!file.empty()) LoadChip(contents, file);
     return contents;
 }
 
-std::string UnknownPart(const std::string &name) {
-    return FindNandPart(name) || FindAt45Part(name) ? "" : name + ": no such chip";
+template <typename Parts> CLI::Validator OneOf(const Parts &parts, bool none_too) {
+    std::vector<std::string> names;
+    if (none_too) names.emplace_back("none");
+    for (const auto &part : parts) names.emplace_back(part.name);
+    return CLI::IsMember(names);
 }
 
 } // namespace
 
-void ChipFiles::add_options(CLI::App &command, bool exist) {
-    const std::string help = exist ? " chip file" : " chip file; made, or changed in the named slots only";
-    CLI::Option *const files[] = {command.add_option("--nand", nand, "NAND" + help),
-                                  command.add_option("--dataflash", dataflash, "DataFlash" + help)};
-    if (exist)
-        for (CLI::Option *file : files) file->check(CLI::ExistingFile);
-    command.add_option("--part", parts, "chip that is fitted, where it is not the usual one")->check(UnknownPart);
+void ChipFiles::add_options(CLI::App &command, const std::string &help, bool none_too) {
+    command.add_option("--nand", nand, "NAND " + help);
+    command.add_option("--nand-part", nand_part, "NAND fitted")
+        ->check(OneOf(NandParts(), none_too))
+        ->capture_default_str();
+    command.add_option("--dataflash", dataflash, "DataFlash " + help);
+    command.add_option("--dataflash-part", dataflash_part, "DataFlash fitted")
+        ->check(OneOf(At45Parts(), none_too))
+        ->capture_default_str();
 }
 
-NandContents LoadNand(const ChipFiles &chips) {
-    return Load(NandContents(PartOf(chips, FindNandPart, kDefaultNand)), chips.nand);
+void RequireDistinct(const std::vector<std::string> &files) {
+    for (std::size_t i = 0; i < files.size(); ++i)
+        for (std::size_t j = i + 1; j < files.size(); ++j) {
+            if (files[i].empty() || files[j].empty()) continue;
+            std::error_code error;
+            if (std::filesystem::weakly_canonical(files[i], error) ==
+                    std::filesystem::weakly_canonical(files[j], error) ||
+                std::filesystem::equivalent(files[i], files[j], error))
+                throw Refusal(Fault::call, {"same-file", files[j], "is named twice", "a file of its own for each"});
+        }
 }
+
+NandContents LoadNand(const ChipFiles &chips) { return Load(NandContents(FindNandPart(chips.nand_part)), chips.nand); }
 
 At45Contents LoadDataflash(const ChipFiles &chips) {
-    return Load(At45Contents(*PartOf(chips, FindAt45Part, kDefaultAt45)), chips.dataflash);
+    return Load(At45Contents(*FindAt45Part(chips.dataflash_part)), chips.dataflash);
 }
 
 void ForEachChip(const ChipFiles &chips, const std::function<void(const RawFlash &)> &look) {
+    RequireDistinct({chips.nand, chips.dataflash});
     if (!chips.nand.empty() || !chips.named()) {
         NandContents contents = LoadNand(chips);
         look(RawFlashOf(contents));

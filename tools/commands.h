@@ -1,12 +1,15 @@
-// The subcommands of `fixture`. Each adds itself to the command line, with its options and help, and leaves the exit
-// status in `exit_status` when it has run:
+// The subcommands of `fixture`, and a call of it as a whole.
 //
-//   0  good        1  the thing examined is bad        2  the call is wrong        3  the run ended badly (boot)
-//
-// A command throws where it cannot go on, with the file and what is wrong: a Refusal (files.h) for an input that cannot
-// work, any other std::exception for a wrong call. `fixture` prints the text and ends with 1 or 2. `app` and
-// `exit_status` outlive the parse.
+// Each subcommand adds itself to the command line, with its options and help, and leaves the exit status in
+// `exit_status` when it has run. It reports with a CallReport (call_report.h) and throws where it cannot go on: a
+// Refusal (formats/refusal.h), whose fault gives the exit status. `app` and `exit_status` outlive the parse.
 #pragma once
+
+#include "formats/refusal.h"
+
+#include <span>
+#include <string>
+#include <vector>
 
 namespace CLI {
 class App;
@@ -14,15 +17,26 @@ class App;
 
 namespace fixture {
 
-void AddBankCommand(CLI::App &app, int &exit_status);
-void AddBootCommand(CLI::App &app, int &exit_status);
-void AddDiffCommand(CLI::App &app, int &exit_status);
-void AddDoctorCommand(CLI::App &app, int &exit_status);
-void AddEepromCommand(CLI::App &app, int &exit_status);
-void AddExplainCommand(CLI::App &app, int &exit_status);
-void AddFlashCommand(CLI::App &app, int &exit_status);
-void AddImageCommand(CLI::App &app, int &exit_status);
-void AddSplashCommand(CLI::App &app, int &exit_status);
-void AddSweepCommand(CLI::App &app, int &exit_status);
+// What a call's exit status says. README.md has the table for users.
+enum ExitStatus : int {
+    kGood = 0,
+    kBad = 1,       // the thing examined is bad, or an input cannot work
+    kWrongCall = 2, // options that make no sense, or an input that cannot be read
+    kRunEndedBadly = 3,
+    kNotWritten = 4,   // a file cannot be written, or another process has it; nothing was changed
+    kStreamFailed = 5, // standard output or standard error is closed or full
+    kOwnFault = 6,     // a fault of this program
+};
+int StatusOf(Fault fault);
+
+using AddCommand = void(CLI::App &app, int &exit_status);
+AddCommand AddBankCommand, AddBootCommand, AddDiffCommand, AddDoctorCommand, AddEepromCommand, AddExplainCommand,
+    AddFlashCommand, AddImageCommand, AddSplashCommand, AddSweepCommand;
+// All of them, in the order of the help.
+std::span<AddCommand *const> AllCommands();
+
+// One call, with the arguments after the program's name. Prints what there is to print, errors as well, in the form
+// that the call asks for, and returns the exit status. Nothing is thrown.
+int RunCall(std::span<AddCommand *const> commands, const std::vector<std::string> &arguments);
 
 } // namespace fixture

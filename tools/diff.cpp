@@ -4,6 +4,7 @@
 #include "formats/slot_store.h"
 #include "machine/chip_store.h"
 #include "machine/raw_flash.h"
+#include "tools/call_report.h"
 #include "tools/commands.h"
 #include "tools/references.h"
 
@@ -56,7 +57,7 @@ std::string Ranges(const std::vector<std::uint32_t> &numbers) {
 // --- flash
 
 std::string Describe(const StoredImage &image, const std::vector<ReferenceImage> &known) {
-    if (image.verdict != ImageVerdict::good) return NameOf(image.verdict);
+    if (image.verdict() != ImageVerdict::good) return NameOf(image.verdict());
     for (const ReferenceImage &reference : known)
         if (reference.image == image.bytes) return fmt::format("{}, {} bytes", reference.name, image.size);
     return fmt::format("good, {} bytes, sums 0x{:08X} 0x{:08X}", image.size, image.stored.sum1, image.stored.sum2);
@@ -286,18 +287,18 @@ Differences Find(const DiffCall &call) {
 
 int Diff(const DiffCall &call) {
     const Differences found = Find(call);
-    if (call.json) {
-        ordered_json differences = ordered_json::array();
-        for (const Difference &difference : found)
-            differences.push_back({{"where", difference.where}, {"a", difference.one}, {"b", difference.other}});
-        fmt::print("{}\n", ordered_json{{"command", "diff"}, {"ok", found.empty()}, {"differences", differences}}.dump(
-                               2, ' ', true, ordered_json::error_handler_t::replace));
-        return found.empty() ? 0 : 1;
+    CallReport outcome("diff", call.json);
+    outcome.part["differences"] = ordered_json::array();
+    for (const Difference &difference : found) {
+        outcome.problems.push_back({"differs", difference.where, difference.other, difference.one});
+        outcome.part["differences"].push_back({{"where", TextJson(difference.where)},
+                                               {"a", TextJson(difference.one)},
+                                               {"b", TextJson(difference.other)}});
+        if (!call.json)
+            fmt::print("{}\n  {}\n  {}\n", Shown(difference.where), Shown(difference.one), Shown(difference.other));
     }
-    for (const Difference &difference : found)
-        fmt::print("{}\n  {}\n  {}\n", Shown(difference.where), Shown(difference.one), Shown(difference.other));
-    if (found.empty()) fmt::print("the same\n");
-    return found.empty() ? 0 : 1;
+    if (found.empty() && !call.json) fmt::print("the same\n");
+    return outcome.finish(found.empty() ? kGood : kBad);
 }
 
 } // namespace
@@ -306,13 +307,11 @@ void AddDiffCommand(CLI::App &app, int &exit_status) {
     auto call = std::make_shared<DiffCall>();
     CLI::App *command =
         app.add_subcommand("diff", "Compare two chips, banks or boards: slots, versions, parameters, pages");
-    command->add_option("A", call->one, "chip file, bank directory, or board directory")
-        ->required()
-        ->check(CLI::ExistingPath);
-    command->add_option("B", call->other, "what to compare it with")->required()->check(CLI::ExistingPath);
+    command->add_option("A", call->one, "chip file, bank directory, or board directory")->required();
+    command->add_option("B", call->other, "what to compare it with")->required();
     command->add_option("--as", call->as, "which chip the files are, where that cannot be told from them")
         ->check(CLI::IsMember({"nand", "dataflash", "eeprom"}));
-    command->add_option("--part", call->part, "DataFlash part, where it is not the usual one")
+    command->add_option("--dataflash-part", call->part, "DataFlash fitted, where it is not the usual one")
         ->check([](const std::string &name) { return FindAt45Part(name) ? "" : name + ": no such chip"; });
     command->add_flag("--json", call->json, "report as one JSON object");
     command->footer("Exit status: 0 the same, 1 different.");

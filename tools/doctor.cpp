@@ -2,6 +2,7 @@
 #include "formats/doctor.h"
 #include "machine/chip_store.h"
 #include "machine/raw_flash.h"
+#include "tools/call_report.h"
 #include "tools/chip_files.h"
 #include "tools/commands.h"
 #include "tools/references.h"
@@ -54,6 +55,7 @@ bool Wanted(const DoctorCall &call, const std::string &place) { return call.only
 template <typename Contents>
 Patient Treat(const DoctorCall &call, Contents contents, const std::string &file, const char *option,
               const std::vector<ReferenceImage> &references) {
+    const ChipFileLayout layout = LoadChip(contents, file);
     Patient patient{file, fmt::format("{} {}", option, file), DiagnoseFlash(RawFlashOf(contents), references), {}, {}};
     if (call.fix.empty()) return patient;
     for (const Repair &repair : patient.flash->repairs) {
@@ -61,7 +63,7 @@ Patient Treat(const DoctorCall &call, Contents contents, const std::string &file
         repair.apply(RawFlashOf(contents));
         patient.mended.push_back(fmt::format("{}: {}", repair.place, repair.text));
     }
-    SaveChip(contents, call.fix);
+    WriteFile(call.fix, ChipBytesOf(contents, layout, call.fix));
     return patient;
 }
 
@@ -80,7 +82,7 @@ Patient TreatEeprom(const DoctorCall &call) {
 }
 
 ordered_json ToJson(const SlotDiagnosis &slot) {
-    ordered_json json{{"slot", slot.slot.name}, {"condition", NameOf(slot.condition)}, {"holds", slot.holds}};
+    ordered_json json{{"slot", slot.slot.name}, {"condition", NameOf(slot.condition)}, {"holds", TextJson(slot.holds)}};
     if (slot.pages > 0) json["pages"] = slot.pages;
     if (slot.cut_page) json["cut_page"] = *slot.cut_page;
     json["damaged_pages"] = slot.damaged_pages;
@@ -92,7 +94,7 @@ ordered_json ToJson(const SlotDiagnosis &slot) {
 }
 
 ordered_json ToJson(const Patient &patient) {
-    ordered_json json{{"file", patient.file}, {"healthy", patient.healthy()}};
+    ordered_json json{{"file", TextJson(patient.file)}, {"healthy", patient.healthy()}};
     if (patient.store) {
         json["history"] = patient.store->history.empty() ? ordered_json::array() : ordered_json{patient.store->history};
         json["clean_sector"] = patient.store->clean ? ordered_json(*patient.store->clean) : ordered_json();
@@ -102,17 +104,18 @@ ordered_json ToJson(const Patient &patient) {
         json["bad_blocks"] = flash.bad_blocks;
         json["slots"] = ordered_json::array();
         for (const SlotDiagnosis &slot : flash.slots) json["slots"].push_back(ToJson(slot));
-        json["rescue_version"] = flash.record;
+        json["rescue_version"] = TextJson(flash.record);
         json["running"] = flash.running ? ordered_json(*flash.running) : ordered_json();
         json["history"] = flash.history;
         json["repairs"] = ordered_json::array();
         for (const Repair &repair : flash.repairs)
             json["repairs"].push_back({{"id", repair.id},
                                        {"where", repair.place},
-                                       {"text", repair.text},
+                                       {"text", TextJson(repair.text)},
                                        {"command", fmt::format("fixture {} {}", repair.command, patient.option)}});
     }
-    json["mended"] = patient.mended;
+    json["mended"] = ordered_json::array();
+    for (const std::string &line : patient.mended) json["mended"].push_back(TextJson(line));
     return json;
 }
 
@@ -126,7 +129,7 @@ void Print(const FlashDiagnosis &flash, const std::string &option) {
         if (slot.damaged_pages > slot.damages.size())
             fmt::print("    and {} more\n", slot.damaged_pages - slot.damages.size());
     }
-    fmt::print("  {:<16}{}\n", "version record", flash.record.empty() ? "none" : flash.record);
+    fmt::print("  {:<16}{}\n", "version record", flash.record.empty() ? "none" : Shown(flash.record));
     if (nand)
         fmt::print("  {:<16}{}\n", "bad blocks",
                    flash.bad_blocks.empty() ? "none" : fmt::format("{}", fmt::join(flash.bad_blocks, ", ")));
@@ -153,7 +156,7 @@ void Print(const StoreDiagnosis &store) {
 }
 
 void Print(const DoctorCall &call, const Patient &patient) {
-    fmt::print("{}: {}\n", patient.file, patient.healthy() ? "healthy" : "not healthy");
+    fmt::print("{}: {}\n", Printable(patient.file), patient.healthy() ? "healthy" : "not healthy");
     if (patient.flash)
         Print(*patient.flash, patient.option);
     else
@@ -166,7 +169,7 @@ void CheckFix(const DoctorCall &call, std::size_t chips) {
     if (call.fix.empty()) return;
     if (chips != 1) throw CLI::ValidationError("--fix", "mends one chip a call");
     if (fs::exists(fs::symlink_status(call.fix)))
-        throw std::runtime_error(call.fix + ": exists already; expected a new name");
+        throw Refusal(Fault::call, {"exists", call.fix, "exists already", "a new name"});
 }
 
 int Diagnose(const DoctorCall &call) {
@@ -174,22 +177,21 @@ int Diagnose(const DoctorCall &call) {
     const std::vector<ReferenceImage> references = References(call);
     std::vector<Patient> patients;
     if (!call.chips.nand.empty())
-        patients.push_back(Treat(call, LoadNand(call.chips), call.chips.nand, "--nand", references));
+        patients.push_back(
+            Treat(call, NandContents(FindNandPart(call.chips.nand_part)), call.chips.nand, "--nand", references));
     if (!call.chips.dataflash.empty())
-        patients.push_back(Treat(call, LoadDataflash(call.chips), call.chips.dataflash, "--dataflash", references));
+        patients.push_back(Treat(call, At45Contents(*FindAt45Part(call.chips.dataflash_part)), call.chips.dataflash,
+                                 "--dataflash", references));
     if (!call.eeprom.empty()) patients.push_back(TreatEeprom(call));
     const bool healthy = std::all_of(patients.begin(), patients.end(), [](const Patient &p) { return p.healthy(); });
-    ordered_json chips = ordered_json::array();
+    CallReport outcome("doctor", call.json);
+    outcome.part["chips"] = ordered_json::array();
     for (const Patient &patient : patients) {
-        if (call.json)
-            chips.push_back(ToJson(patient));
-        else
-            Print(call, patient);
+        outcome.part["chips"].push_back(ToJson(patient));
+        if (!patient.healthy()) outcome.problems.push_back({"not-healthy", patient.file, "not healthy", ""});
+        if (!call.json) Print(call, patient);
     }
-    if (call.json)
-        fmt::print("{}\n", ordered_json{{"command", "doctor"}, {"ok", healthy}, {"chips", chips}}.dump(
-                               2, ' ', true, ordered_json::error_handler_t::replace));
-    return healthy ? 0 : 1;
+    return outcome.finish(healthy ? kGood : kBad);
 }
 
 } // namespace
@@ -198,7 +200,7 @@ void AddDoctorCommand(CLI::App &app, int &exit_status) {
     auto call = std::make_shared<DoctorCall>();
     CLI::App *command = app.add_subcommand("doctor", "Find what ails a board's chips, how it came, and what mends it");
     call->chips.add_options(*command);
-    command->add_option("--eeprom", call->eeprom, "EEPROM chip file")->check(CLI::ExistingFile);
+    command->add_option("--eeprom", call->eeprom, "EEPROM chip file");
     command->add_option("--bank", call->banks, "bank whose images the chip may have held; may be given again")
         ->check(CLI::ExistingDirectory);
     CLI::Option *fix =

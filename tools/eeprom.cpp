@@ -4,6 +4,9 @@
 
 #include "formats/file.h"
 #include "formats/parameter_store.h"
+#include "tools/call_report.h"
+#include "tools/chip_files.h"
+#include "tools/numbers.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -65,8 +68,9 @@ nlohmann::ordered_json ToJson(const StoreSector &sector) {
     return json;
 }
 
-nlohmann::ordered_json ToJson(const StoreReport &report) {
+nlohmann::ordered_json ToJson(const std::string &file, const StoreReport &report) {
     nlohmann::ordered_json json;
+    json["file"] = TextJson(file);
     json["current"] = report.current ? nlohmann::ordered_json(*report.current) : nlohmann::ordered_json();
     json["why"] = report.why;
     json["sectors"] = {ToJson(report.sectors[0]), ToJson(report.sectors[1])};
@@ -82,23 +86,29 @@ void Print(int number, const StoreSector &sector) {
         fmt::print("  {:4} = {}{}\n", parameter.identifier, Hex(parameter.data), Meaning(parameter));
 }
 
+int Report(const char *command, const EepromCall &call, const StoreReport &report) {
+    CallReport outcome(command, call.json);
+    outcome.part = ToJson(call.file, report);
+    if (!report.current) outcome.problems.push_back({"no-current-sector", call.file, report.why, "a good sector"});
+    for (int number = 0; number < 2; ++number)
+        if (const StoreSector &sector = report.sectors[number]; call.json && !sector.warning.empty())
+            outcome.warnings.push_back(
+                {"store-warning", fmt::format("{}: sector {}", call.file, number), sector.warning, ""});
+    if (!call.json) {
+        for (int sector = 0; sector < 2; ++sector) Print(sector, report.sectors[sector]);
+        fmt::print("current: {}, since {}\n", report.current ? fmt::format("sector {}", *report.current) : "none",
+                   report.why);
+    }
+    return outcome.finish(report.current ? kGood : kBad);
+}
+
 EepromContents ReadChip(const std::string &file) {
     EepromContents chip;
     LoadChip(chip, file);
     return chip;
 }
 
-int Show(const EepromCall &call) {
-    const StoreReport report = ReadStore(ReadChip(call.file).bytes);
-    if (call.json) {
-        fmt::print("{}\n", ToJson(report).dump());
-    } else {
-        for (int sector = 0; sector < 2; ++sector) Print(sector, report.sectors[sector]);
-        fmt::print("current: {}, since {}\n", report.current ? fmt::format("sector {}", *report.current) : "none",
-                   report.why);
-    }
-    return report.current ? 0 : 1;
-}
+int Show(const EepromCall &call) { return Report("eeprom show", call, ReadStore(ReadChip(call.file).bytes)); }
 
 std::optional<unsigned> ParseNumber(std::string_view text, int base) {
     unsigned value = 0;
@@ -113,8 +123,8 @@ std::optional<StoredParameter> ParseNamed(std::string_view name, std::string_vie
     if (!identifier) return std::nullopt;
     const std::optional<std::uint32_t> address = ParseAddress(value);
     if (!address)
-        throw std::runtime_error(
-            fmt::format("'{}={}': four numbers from 0 to 255 expected after '=', as in 10.0.0.5", name, value));
+        throw Refusal(Fault::call, {"bad-setting", fmt::format("{}={}", name, value), "",
+                                    "four numbers from 0 to 255 after \"=\", as in 10.0.0.5"});
     StoredParameter parameter{*identifier, {}};
     for (int shift = 24; shift >= 0; shift -= 8) parameter.data.push_back(static_cast<std::uint8_t>(*address >> shift));
     return parameter;
@@ -122,25 +132,24 @@ std::optional<StoredParameter> ParseNamed(std::string_view name, std::string_vie
 
 // "address=10.0.0.5", "9=C0A80001", "0x123=" (no data).
 StoredParameter ParseSetting(const std::string &text) {
-    const auto refuse = [&text](const char *expected) -> std::runtime_error {
-        return std::runtime_error(fmt::format("'{}': {}", text, expected));
+    const auto refuse = [&text](const char *expected) {
+        return Refusal(Fault::call, {"bad-setting", text, "", expected});
     };
     const std::size_t equals = text.find('=');
-    if (equals == std::string::npos) throw refuse("ID=HEX or NAME=ADDRESS expected");
+    if (equals == std::string::npos) throw refuse("ID=HEX or NAME=ADDRESS");
     const std::string id = text.substr(0, equals);
     if (const std::optional<StoredParameter> named = ParseNamed(id, std::string_view(text).substr(equals + 1)))
         return *named;
     const bool hex = id.starts_with("0x");
     const std::optional<unsigned> identifier = ParseNumber(std::string_view(id).substr(hex ? 2 : 0), hex ? 16 : 10);
     if (!identifier || *identifier > 0xFFE)
-        throw refuse("an identifier from 0 to 4094, or address, mask, gateway or name-server, expected before '='");
+        throw refuse("an identifier from 0 to 4094, or address, mask, gateway or name-server, before \"=\"");
     StoredParameter parameter{*identifier, {}};
     const std::string digits = text.substr(equals + 1);
-    if (digits.size() % 2 != 0 || digits.size() > 30)
-        throw refuse("0 to 15 bytes of two hex digits expected after '='");
+    if (digits.size() % 2 != 0 || digits.size() > 30) throw refuse("0 to 15 bytes of two hex digits after \"=\"");
     for (std::size_t i = 0; i < digits.size(); i += 2) {
         const std::optional<unsigned> byte = ParseNumber(std::string_view(digits).substr(i, 2), 16);
-        if (!byte) throw refuse("hex digits expected after '='");
+        if (!byte) throw refuse("hex digits after \"=\"");
         parameter.data.push_back(static_cast<std::uint8_t>(*byte));
     }
     return parameter;
@@ -149,14 +158,19 @@ StoredParameter ParseSetting(const std::string &text) {
 int Set(const EepromCall &call) {
     std::vector<StoredParameter> changes;
     for (const std::string &setting : call.settings) changes.push_back(ParseSetting(setting));
-    EepromContents chip = ReadChip(call.file);
+    OutputFiles outputs;
+    EepromContents chip;
+    OpenChip<EepromContents> file(chip, call.file, ChipUse::create, outputs);
     try {
         UpdateStore(chip.bytes, changes);
     } catch (const std::exception &error) {
-        throw Refusal(fmt::format("{}: {}", call.file, error.what()));
+        throw Refusal(call.file, error.what(), "", "no-room");
     }
-    SaveChip(chip, call.file);
-    return 0;
+    file.store();
+    outputs.commit();
+    CallReport outcome("eeprom set", call.json);
+    outcome.part = ToJson(call.file, ReadStore(chip.bytes));
+    return outcome.finish(kGood);
 }
 
 } // namespace
@@ -175,6 +189,7 @@ void AddEepromCommand(CLI::App &app, int &exit_status) {
                     "ID=HEX: identifier, up to 15 bytes; or NAME=ADDRESS: address, mask, gateway or name-server, as in "
                     "address=10.0.0.5")
         ->required();
+    set->add_flag("--json", call->json, "one JSON object");
     set->callback([call, &exit_status] { exit_status = Set(*call); });
 }
 

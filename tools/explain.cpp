@@ -3,6 +3,7 @@
 #include "machine/firmware.h"
 #include "machine/raw_flash.h"
 #include "sweep/foretold.h"
+#include "tools/call_report.h"
 #include "tools/chip_files.h"
 #include "tools/commands.h"
 #include "tools/references.h"
@@ -10,6 +11,7 @@
 #include "formats/boot_prediction.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <fmt/format.h>
 #include <map>
 #include <memory>
@@ -89,21 +91,23 @@ std::string Hint(const ExplainCall &call, const Prediction &told) {
 }
 
 ordered_json ToJson(const ExplainCall &call, const Prediction &told) {
-    ordered_json json{{"command", "explain"},           {"ok", told.end == BootEnd::application},
-                      {"end", NameOf(told.end)},        {"reason", told.reason},
-                      {"hint", Hint(call, told)},       {"slot", told.slot ? ordered_json(*told.slot) : ordered_json()},
-                      {"version", told.version},        {"launched", told.launched},
-                      {"size", told.launched_bytes},    {"resets", told.resets},
-                      {"steps", ordered_json::array()}, {"warnings", ordered_json::array()}};
+    ordered_json json{
+        {"end", NameOf(told.end)},           {"reason", TextJson(told.reason)},
+        {"hint", Hint(call, told)},          {"slot", told.slot ? ordered_json(*told.slot) : ordered_json()},
+        {"version", TextJson(told.version)}, {"launched", TextJson(told.launched)},
+        {"size", told.launched_bytes},       {"resets", told.resets},
+        {"steps", ordered_json::array()},    {"hazards", ordered_json::array()}};
     for (const BootStep &step : told.steps)
         json["steps"].push_back({{"start", step.start},
                                  {"id", step.id},
-                                 {"where", step.place},
-                                 {"text", step.text},
-                                 {"console", step.console}});
+                                 {"where", TextJson(step.place)},
+                                 {"text", TextJson(step.text)},
+                                 {"console", TextJson(step.console)}});
     for (const BootHazard &hazard : told.hazards)
-        json["warnings"].push_back(
-            {{"id", hazard.id}, {"where", hazard.place}, {"text", hazard.text}, {"remedy", hazard.remedy}});
+        json["hazards"].push_back({{"id", hazard.id},
+                                   {"where", TextJson(hazard.place)},
+                                   {"text", TextJson(hazard.text)},
+                                   {"remedy", hazard.remedy}});
     return json;
 }
 
@@ -126,11 +130,18 @@ int Explain(const ExplainCall &call) {
     if (!call.chips.named()) throw CLI::RequiredError("--nand or --dataflash");
     const ExplainedBoard board(call);
     const Prediction told = PredictBoot(board.state());
+    CallReport outcome("explain", call.json);
+    const bool good = told.end == BootEnd::application;
+    std::string id = NameOf(told.end);
+    std::replace(id.begin(), id.end(), ' ', '-');
+    if (!good) outcome.problems.push_back({id, "board", told.reason, ""});
+    outcome.part = ToJson(call, told);
     if (call.json)
-        fmt::print("{}\n", ToJson(call, told).dump(2, ' ', true, ordered_json::error_handler_t::replace));
+        for (const BootHazard &hazard : told.hazards)
+            outcome.warnings.push_back({hazard.id, hazard.place, hazard.text, ""});
     else
         Print(call, told);
-    return told.end == BootEnd::application ? 0 : 1;
+    return outcome.finish(good ? kGood : kBad);
 }
 
 } // namespace
@@ -139,7 +150,7 @@ void AddExplainCommand(CLI::App &app, int &exit_status) {
     auto call = std::make_shared<ExplainCall>();
     CLI::App *command = app.add_subcommand("explain", "Tell what a board will do, and why, from its chips and files");
     call->chips.add_options(*command);
-    command->add_option("--eeprom", call->eeprom, "EEPROM chip file")->check(CLI::ExistingFile);
+    command->add_option("--eeprom", call->eeprom, "EEPROM chip file");
     command->add_option("--volume", call->volume, "directory that is volume vol0 of drive i")
         ->check(CLI::ExistingDirectory);
     command->add_option("--straps", call->straps, "boot straps fitted")

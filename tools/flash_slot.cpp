@@ -4,7 +4,9 @@
 #include "formats/stored_image.h"
 #include "machine/chip_store.h"
 #include "machine/raw_flash.h"
+#include "tools/call_report.h"
 #include "tools/chip_files.h"
+#include "tools/commands.h"
 #include "tools/references.h"
 
 #include <CLI/CLI.hpp>
@@ -15,8 +17,6 @@
 namespace fixture {
 
 namespace {
-
-using nlohmann::ordered_json;
 
 struct SlotCall {
     std::string slot;
@@ -43,18 +43,27 @@ const std::string &OnlyChip(const SlotCall &call) {
     return call.chips.nand.empty() ? call.chips.dataflash : call.chips.nand;
 }
 
-// Calls `work` with the one chip of the call. Where it changes the chip, the file, or OUT, gets what it leaves.
-template <typename Work> void OnChip(const SlotCall &call, bool changes, Work work) {
+// Calls `work` with the one chip of the call. Where it changes the chip, the file, or OUT, gets what it leaves, in the
+// file's own layout.
+template <typename Contents, typename Work>
+void OnContents(const SlotCall &call, Contents contents, bool changes, Work work) {
     const std::string &file = OnlyChip(call);
-    const std::string &target = call.out.empty() ? file : call.out;
-    const auto run = [&](auto contents) {
-        work(RawFlashOf(contents));
-        if (changes) SaveChip(contents, target);
-    };
+    const bool in_place = changes && call.out.empty();
+    RequireDistinct({file, call.out});
+    OutputFiles outputs;
+    OpenChip<Contents> chip(contents, file, in_place ? ChipUse::change : ChipUse::look, outputs);
+    OutputFile *const copy = changes && !in_place ? &outputs.add(call.out) : nullptr;
+    work(RawFlashOf(contents));
+    if (copy) copy->write(ChipBytesOf(contents, chip.layout(), call.out));
+    chip.store();
+    outputs.commit();
+}
+template <typename Work> void OnChip(const SlotCall &call, bool changes, Work work) {
+    OnlyChip(call);
     if (call.chips.nand.empty())
-        run(LoadDataflash(call.chips));
+        OnContents(call, At45Contents(*FindAt45Part(call.chips.dataflash_part)), changes, work);
     else
-        run(LoadNand(call.chips));
+        OnContents(call, NandContents(FindNandPart(call.chips.nand_part)), changes, work);
 }
 
 int Extract(const SlotCall &call) {
@@ -62,32 +71,25 @@ int Extract(const SlotCall &call) {
     OnChip(call, false, [&](const RawFlash &flash) {
         const Slot slot = *FindSlot(flash, call.slot);
         const StoredImage image = ReadSlot(flash.read, slot);
-        if (!call.raw && image.verdict != ImageVerdict::good)
-            throw Refusal(OnlyChip(call), fmt::format("{}: {}", slot.name, NameOf(image.verdict)),
+        if (!call.raw && image.verdict() != ImageVerdict::good)
+            throw Refusal(OnlyChip(call), fmt::format("{}: {}", slot.name, NameOf(image.verdict())),
                           "a good image, or --raw for the slot's bytes as they are");
         const Bytes bytes = call.raw ? flash.read(slot.address, RoomIn(flash, slot)) : image.bytes;
         WriteFile(call.out, bytes);
         size = bytes.size();
     });
-    if (call.json)
-        fmt::print(
-            "{}\n",
-            ordered_json{
-                {"command", "flash extract"}, {"ok", true}, {"slot", call.slot}, {"file", call.out}, {"size", size}}
-                .dump(2));
-    else
-        fmt::print("{}: {} bytes of {}\n", call.out, size, call.slot);
-    return 0;
+    CallReport outcome("flash extract", call.json);
+    outcome.part = {{"slot", call.slot}, {"file", TextJson(call.out)}, {"size", size}};
+    if (!call.json) fmt::print("{}: {} bytes of {}\n", Printable(call.out), size, call.slot);
+    return outcome.finish(kGood);
 }
 
 int Report(const SlotCall &call, const char *command, const std::string &text) {
     const std::string &file = call.out.empty() ? OnlyChip(call) : call.out;
-    if (call.json)
-        fmt::print("{}\n",
-                   ordered_json{{"command", command}, {"ok", true}, {"slot", call.slot}, {"file", file}}.dump(2));
-    else
-        fmt::print("{}: {}: {}\n", file, call.slot, text);
-    return 0;
+    CallReport outcome(command, call.json);
+    outcome.part = {{"slot", call.slot}, {"file", TextJson(file)}};
+    if (!call.json) fmt::print("{}: {}: {}\n", Printable(file), call.slot, Printable(text));
+    return outcome.finish(kGood);
 }
 
 int Write(const SlotCall &call) {
@@ -96,7 +98,7 @@ int Write(const SlotCall &call) {
     if (record && call.version.empty()) throw CLI::RequiredError("--version");
     if (!call.version.empty() && !record && call.slot != "rescue")
         throw CLI::ValidationError("--version", "only a rescue image has a version record");
-    const Bytes image = record ? Bytes{} : ReadImage(call.image);
+    const Bytes image = record ? Bytes{} : ReadStoredImage(call.image);
     OnChip(call, true, [&](const RawFlash &flash) {
         if (!record) StoreInSlot(flash, *FindSlot(flash, call.slot), image);
         if (!call.version.empty()) StoreRecord(flash, call.version);
@@ -128,8 +130,8 @@ std::string Describe(const ReferenceImage &image) {
 
 Check CheckSlot(const RawFlash &flash, const Slot &slot, const ReferenceImage &expected) {
     const StoredImage image = ReadSlot(flash.read, slot);
-    Check check{slot.name, NameOf(image.verdict), Describe(expected)};
-    if (image.verdict == ImageVerdict::good)
+    Check check{slot.name, NameOf(image.verdict()), Describe(expected)};
+    if (image.verdict() == ImageVerdict::good)
         check.found =
             image.bytes == expected.image ? check.expected : fmt::format("another good image, {} bytes", image.size);
     return check;
@@ -159,20 +161,16 @@ int VerifyChip(const SlotCall &call) {
     std::vector<Check> checks;
     OnChip(call, false, [&](const RawFlash &flash) { checks = Verify(flash, bank); });
     const bool good = std::all_of(checks.begin(), checks.end(), [](const Check &check) { return check.good(); });
-    ordered_json problems = ordered_json::array();
+    CallReport outcome("flash verify", call.json);
+    outcome.part["file"] = TextJson(OnlyChip(call));
     for (const Check &check : checks) {
-        if (!check.good())
-            problems.push_back(
-                {{"id", "differs"}, {"where", check.where}, {"found", check.found}, {"expected", check.expected}});
+        if (!check.good()) outcome.problems.push_back({"differs", check.where, check.found, check.expected});
         if (!call.json)
             fmt::print("{:<16}{}\n", check.where,
-                       check.good() ? "good: " + check.expected
-                                    : fmt::format("DIFFERS: {}; expected {}", check.found, check.expected));
+                       Printable(check.good() ? "good: " + check.expected
+                                              : fmt::format("DIFFERS: {}; expected {}", check.found, check.expected)));
     }
-    if (call.json)
-        fmt::print("{}\n", ordered_json{{"command", "flash verify"}, {"ok", good}, {"problems", problems}}.dump(
-                               2, ' ', true, ordered_json::error_handler_t::replace));
-    return good ? 0 : 1;
+    return outcome.finish(good ? kGood : kBad);
 }
 
 } // namespace
@@ -196,7 +194,7 @@ void AddFlashSlotCommands(CLI::App &flash, int &exit_status) {
     extract->add_option("--out", call->out, "file to write")->required();
     extract->add_flag("--raw", call->raw, "all bytes of the slot, whatever they are");
     CLI::App *write = add("write", "Store an image in one slot; the others stay as they are", true, Write);
-    write->add_option("--image", call->image, "stored image, flat binary or ELF")->check(CLI::ExistingFile);
+    write->add_option("--image", call->image, "stored image, flat binary or ELF");
     write->add_option("--version", call->version, "version to record, with a rescue image or alone");
     write->add_option("--out", call->out, kOut);
     CLI::App *erase = add("erase", "Erase one slot; the others stay as they are", true, Erase);

@@ -2,6 +2,7 @@
 #include "tools/commands.h"
 
 #include "formats/stored_image.h"
+#include "tools/call_report.h"
 #include "tools/chip_files.h"
 
 #include <CLI/CLI.hpp>
@@ -20,76 +21,84 @@ struct ImageCall {
     std::string input;
     std::string output;
     ChipFiles chips;
+    WarningOptions judging;
     bool json = false;
 };
 
 // What the image would meet on the named board, or on a new one, as whatever its size lets it be.
-std::vector<std::string> WarningsOf(const ImageCall &call, const ImageReport &image) {
-    std::vector<std::string> all;
+Problems WarningsOf(const ImageCall &call, const std::string &file, const ImageReport &report) {
+    Problems all;
+    const auto add = [&](const std::string &id, const std::string &text) { all.push_back({id, file, text, ""}); };
     const auto fits = [&](std::string_view name) {
-        return std::any_of(image.slots.begin(), image.slots.end(), [&](const SlotFit &slot) {
+        return std::any_of(report.slots.begin(), report.slots.end(), [&](const SlotFit &slot) {
             return slot.fits && std::string_view(slot.slot).starts_with(name);
         });
     };
-    if (!image.good()) return all;
+    if (!report.good()) return all;
+    if (report.image.has_no_body())
+        add("no-body", "a header alone, with nothing to start: a board that stores it is lost");
+    if (report.trailing > 0)
+        add("trailing-bytes", fmt::format("{} bytes after the image, which no sum covers", report.trailing));
     ForEachChip(call.chips, [&](const RawFlash &flash) {
-        const auto add = [&](const std::vector<std::string> &warnings) {
-            for (const std::string &warning : warnings)
-                all.push_back(fmt::format("{}: {}", NameOf(flash.medium), warning));
+        const auto add_holes = [&](const Problems &holes) {
+            for (const Problem &hole : holes)
+                add(hole.id, fmt::format("{}: {}: {}", NameOf(flash.medium), hole.where, hole.found));
         };
-        if (fits("bootloader")) add(WarningsOfBootloader(flash, image.size));
-        if (fits("rescue")) add(WarningsOfRescue(flash, image.size));
+        if (fits("bootloader")) add_holes(WarningsOfBootloader(flash, report.image.size));
+        if (fits("rescue")) add_holes(WarningsOfRescue(flash, report.image.size));
     });
     return all;
 }
 
-nlohmann::ordered_json ToJson(const std::string &file, const ImageReport &report,
-                              const std::vector<std::string> &warnings) {
-    nlohmann::ordered_json json{{"file", file}, {"good", report.good()}};
+void AddToJson(CallReport &outcome, const std::string &file, const ImageReport &report) {
+    nlohmann::ordered_json &json = outcome.part;
+    json["file"] = TextJson(file);
+    json["size"] = report.image.size;
+    json["sum1"] = report.image.stored.sum1;
+    json["sum2"] = report.image.stored.sum2;
+    json["trailing"] = report.trailing;
+    json["fields"] = nlohmann::ordered_json::object();
     for (const ImageField &field : report.fields) {
         json["fields"][field.name] = {{"value", field.value}, {"valid", field.valid}};
         if (!field.valid) json["fields"][field.name]["expected"] = field.expected;
     }
-    json["size"] = report.size;
-    json["trailing"] = report.trailing;
     json["slots"] = nlohmann::ordered_json::array();
     for (const SlotFit &slot : report.slots)
         json["slots"].push_back(
             {{"medium", slot.medium}, {"slot", slot.slot}, {"capacity", slot.capacity}, {"fits", slot.fits}});
-    json["warnings"] = warnings;
-    return json;
 }
 
 void PrintReport(const std::string &file, const ImageReport &report) {
-    fmt::print("{}\n", file);
+    fmt::print("{}\n", Printable(file));
     for (const ImageField &field : report.fields)
         fmt::print("  {:<8}{:<26}{}\n", field.name, field.value,
                    field.valid ? "valid" : "INVALID, expected " + field.expected);
-    if (report.trailing > 0) fmt::print("  {} bytes behind the image, which no sum covers\n", report.trailing);
     for (const SlotFit &slot : report.slots)
-        fmt::print("  {:<10} {:<14}{:>9} of {:>9} bytes   {}\n", slot.medium, slot.slot, report.size, slot.capacity,
-                   slot.fits ? "fits" : "too large");
+        fmt::print("  {:<10} {:<14}{:>9} of {:>9} bytes   {}\n", slot.medium, slot.slot, report.image.size,
+                   slot.capacity, slot.fits ? "fits" : "too large");
 }
 
-int Show(const ImageCall &call, const std::string &file, const ImageReport &report) {
-    const std::vector<std::string> warnings = WarningsOf(call, report);
-    if (call.json) {
-        fmt::print("{}\n", ToJson(file, report, warnings).dump(2, ' ', true, nlohmann::json::error_handler_t::replace));
-    } else {
-        PrintReport(file, report);
-        PrintWarnings(file, warnings);
-    }
-    return report.good() ? 0 : 1;
+int Show(const ImageCall &call, const char *command, const std::string &file, const ImageReport &report) {
+    CallReport outcome(command, call.json);
+    for (const ImageField &field : report.fields)
+        if (!field.valid)
+            outcome.problems.push_back({"bad-" + field.name, file, field.name + " " + field.value, field.expected});
+    outcome.warnings = WarningsOf(call, file, report);
+    AddToJson(outcome, file, report);
+    if (!call.json) PrintReport(file, report);
+    return outcome.finish(outcome.judged(report.good() ? kGood : kBad, call.judging));
 }
 
 int WrapImage(const ImageCall &call) {
+    OutputFile output(call.output);
     const Bytes image = WrapFile(call.input);
-    WriteFile(call.output, image);
-    return Show(call, call.output, ExamineImage(image));
+    output.write(image);
+    output.finish();
+    return Show(call, "image wrap", call.output, ExamineImage(image));
 }
 
 int ShowImage(const ImageCall &call) {
-    return Show(call, call.input, ExamineImage(ReadFile(call.input, kLargestFile)));
+    return Show(call, "image info", call.input, ExamineImage(ReadFile(call.input, kLargestFile)));
 }
 
 } // namespace
@@ -102,14 +111,14 @@ void AddImageCommand(CLI::App &app, int &exit_status) {
     CLI::App *wrap = command->add_subcommand("wrap", "Put the 32-byte header before an image");
     wrap->add_option("IN", call->input, "ELF executable or flat binary")->required();
     wrap->add_option("OUT", call->output, "stored image to write")->required();
-    wrap->add_flag("--json", call->json, "report as one JSON object");
+    wrap->add_flag("--json", call->json, "one JSON object");
     wrap->callback([call, &exit_status] { exit_status = WrapImage(*call); });
 
     CLI::App *info = command->add_subcommand("info", "Show and check a stored image");
     info->add_option("FILE", call->input, "stored image")->required();
-    call->chips.add_options(
-        *info->add_option_group("Board", "the chips that warnings speak of; new ones where none are named"));
-    info->add_flag("--json", call->json, "report as one JSON object");
+    call->chips.add_options(*info->add_option_group("Board", "chips to check against [blank]"));
+    call->judging.add_options(*info);
+    info->add_flag("--json", call->json, "one JSON object");
     info->callback([call, &exit_status] { exit_status = ShowImage(*call); });
 }
 

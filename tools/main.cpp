@@ -1,52 +1,24 @@
 // fixture: the virtual fixture and the tools around it, one subcommand each.
 #include "tools/commands.h"
 
-#include "formats/file.h"
-
-#include <CLI/CLI.hpp>
-#include <exception>
-#include <fmt/format.h>
-
-using namespace fixture;
+#include <csignal>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace {
 
-constexpr int kRefused = 1;
-constexpr int kWrongCall = 2;
-constexpr const char *kVersion = "fixture 1.0";
-
-// Parse errors of every kind are a wrong call; help and version are none.
-int Parse(CLI::App &app, int argc, const char *const *argv) {
-    try {
-        app.parse(argc, argv);
-        return 0;
-    } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? 0 : kWrongCall;
-    }
+// A stream that the caller has closed would give its number to the first file that is opened, and output would go into
+// that file. A full device takes its place: whatever is written fails, and is told by the exit status.
+void ReplaceClosedStreams() {
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        if (fcntl(stream, F_GETFD) < 0 && open(stream == STDIN_FILENO ? "/dev/null" : "/dev/full", O_RDWR) != stream)
+            _exit(fixture::kStreamFailed);
 }
 
 } // namespace
 
 int main(int argc, char **argv) {
-    CLI::App app("The virtual fixture: a board to run the bootloader on, and the tools for its images and chips",
-                 "fixture");
-    app.set_version_flag("--version", kVersion);
-    app.set_help_all_flag("--help-all", "Print the help of every subcommand");
-    app.require_subcommand(1);
-    app.footer("Exit status: 0 good, 1 the thing examined is bad, 2 the call is wrong, 3 a run that ended badly.");
-
-    int exit_status = 0;
-    for (const auto add : {AddBootCommand, AddBankCommand, AddDiffCommand, AddDoctorCommand, AddEepromCommand,
-                           AddExplainCommand, AddFlashCommand, AddImageCommand, AddSplashCommand, AddSweepCommand})
-        add(app, exit_status);
-    try {
-        const int parsed = Parse(app, argc, argv);
-        return parsed == 0 ? exit_status : parsed;
-    } catch (const Refusal &refusal) {
-        fmt::print(stderr, "fixture: {}\n", refusal.what());
-        return kRefused;
-    } catch (const std::exception &error) {
-        fmt::print(stderr, "fixture: {}\n", error.what());
-        return kWrongCall;
-    }
+    ReplaceClosedStreams();
+    std::signal(SIGPIPE, SIG_IGN); // a write says so itself
+    return fixture::RunCall(fixture::AllCommands(), {argv + 1, argv + argc});
 }

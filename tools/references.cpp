@@ -17,15 +17,6 @@ std::string Shown(std::string_view text) {
     return shown;
 }
 
-Bytes ReadImage(const fs::path &file) {
-    Bytes content = ReadFlatImage(file);
-    if (!HasMaker(content)) return WrapFile(file);
-    const ImageReport report = ExamineImage(content);
-    if (!report.good()) throw Refusal(file, "not a good stored image", report.problem());
-    content.resize(report.size);
-    return content;
-}
-
 std::vector<ReferenceImage> KnownReferences() {
     const KnownFirmware known(FirmwareDirectory());
     std::vector<ReferenceImage> references;
@@ -46,7 +37,7 @@ std::vector<ReferenceImage> BankReferences(const fs::path &bank) {
         if (!record.problem.empty()) throw Refusal(file, record.problem, "a good image");
         const std::string &version = report.descriptor.entries[static_cast<std::size_t>(record.role)].version;
         references.push_back({fmt::format("{} {} of {}", NameOf(record.role), version, bank.string()), record.role,
-                              ReadImage(file), version, file.string()});
+                              ReadStoredImage(file), version, file.string()});
     }
     return references;
 }

@@ -13,9 +13,6 @@ namespace fixture {
 // Text out of a file, with what could drive a terminal as "\xNN".
 std::string Shown(std::string_view text);
 
-// A stored image as a slot takes it: the file's own where it carries a header, which has to be good; else wrapped.
-Bytes ReadImage(const std::filesystem::path &file);
-
 std::vector<ReferenceImage> KnownReferences();
 
 // The bootloader and the rescue image of a bank. Throws Refusal where one that it lists is not good.

@@ -2,11 +2,11 @@
 #include "tools/commands.h"
 
 #include "formats/splash.h"
+#include "tools/call_report.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <set>
 
 namespace fixture {
@@ -22,30 +22,32 @@ struct SplashCall {
 };
 
 int Encode(const SplashCall &call) {
+    OutputFile output(call.output);
     const Picture picture = ReadPng(call.input);
     const SplashStream stream = EncodeSplash(picture, call.input);
     std::set<std::uint16_t> colours;
     for (const Colour colour : picture.pixels) colours.insert(SplashPixel(colour));
-    WriteFile(call.output, SplashSource(stream));
-    if (call.json)
-        fmt::print("{}\n", nlohmann::ordered_json{{"file", call.output},
-                                                  {"bytes", stream.bytes.size()},
-                                                  {"array", kSplashArrayBytes},
-                                                  {"repeat_runs", stream.repeats},
-                                                  {"literal_runs", stream.literals},
-                                                  {"colours", colours.size()}}
-                               .dump(2));
-    else
-        fmt::print("{}: {} of {} bytes in {} repeat and {} literal runs, {} colours\n", call.output,
+    output.write(SplashSource(stream));
+    output.finish();
+    CallReport outcome("splash encode", call.json);
+    outcome.part = {{"file", TextJson(call.output)}, {"size", stream.bytes.size()},     {"capacity", kSplashArrayBytes},
+                    {"repeat_runs", stream.repeats}, {"literal_runs", stream.literals}, {"colours", colours.size()}};
+    if (!call.json)
+        fmt::print("{}: {} of {} bytes in {} repeat and {} literal runs, {} colours\n", Printable(call.output),
                    stream.bytes.size(), kSplashArrayBytes, stream.repeats, stream.literals, colours.size());
-    return 0;
+    return outcome.finish(kGood);
 }
 
 int Decode(const SplashCall &call) {
+    OutputFile output(call.output);
     const Bytes source = ReadFile(call.input, kLargestSource);
     const std::string_view text(reinterpret_cast<const char *>(source.data()), source.size());
-    WritePng(call.output, DecodeSplash(ReadSplashSource(text, call.input), call.input));
-    return 0;
+    const Picture picture = DecodeSplash(ReadSplashSource(text, call.input), call.input);
+    output.write(PngOf(picture));
+    output.finish();
+    CallReport outcome("splash decode", call.json);
+    outcome.part = {{"file", TextJson(call.output)}, {"width", picture.width}, {"height", picture.height}};
+    return outcome.finish(kGood);
 }
 
 } // namespace
@@ -58,12 +60,13 @@ void AddSplashCommand(CLI::App &app, int &exit_status) {
     CLI::App *encode = command->add_subcommand("encode", "Compress a picture to the bootloader's array");
     encode->add_option("IN.png", call->input, "320 x 240 pixels, black from row 219 on")->required();
     encode->add_option("OUT.cpp", call->output, "C++ source to write")->required();
-    encode->add_flag("--json", call->json, "report as one JSON object");
+    encode->add_flag("--json", call->json, "one JSON object");
     encode->callback([call, &exit_status] { exit_status = Encode(*call); });
 
     CLI::App *decode = command->add_subcommand("decode", "Turn an array back to a picture");
     decode->add_option("IN.cpp", call->input, "C++ source that encode has written")->required();
     decode->add_option("OUT.png", call->output, "picture to write")->required();
+    decode->add_flag("--json", call->json, "one JSON object");
     decode->callback([call, &exit_status] { exit_status = Decode(*call); });
 }
 

@@ -4,6 +4,8 @@
 
 #include "formats/file.h"
 #include "sweep/campaign.h"
+#include "tools/call_report.h"
+#include "tools/numbers.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -59,7 +61,18 @@ std::function<void(const JobProgress &)> Progress() {
     };
 }
 
-int List(const std::vector<Scenario> &scenarios) {
+int List(const std::vector<Scenario> &scenarios, bool json) {
+    if (json) {
+        CallReport outcome("sweep", json);
+        outcome.part["scenarios"] = nlohmann::ordered_json::array();
+        for (const Scenario &scenario : scenarios) {
+            nlohmann::ordered_json variants = nlohmann::ordered_json::array();
+            for (const Variant &variant : scenario.variants) variants.push_back(variant.label);
+            outcome.part["scenarios"].push_back(
+                {{"name", scenario.name}, {"summary", scenario.summary}, {"variants", variants}});
+        }
+        return outcome.finish(kGood);
+    }
     for (const Scenario &scenario : scenarios) {
         fmt::print("{:<24} {}\n", scenario.name, scenario.summary);
         std::string line;
@@ -113,20 +126,26 @@ void WriteEdges(const std::filesystem::path &file, const ClosurePlan &plan, cons
 int Show(const SweepCall &call, const CampaignCall &asked, const Campaign &campaign,
          const std::vector<TableResult> &results) {
     if (asked.document) return WriteDocument(call.report.empty() ? kDocument : call.report, asked, campaign, results);
+    const std::uint64_t found = FindingsOf(results);
+    CallReport outcome("sweep", call.json);
     const Stage &stage = campaign.stages().front();
     if (const auto *closure = std::get_if<ClosurePlan>(&stage.plan)) {
         const auto &tallies = std::get<std::vector<ClosureTally>>(results.front());
         if (!call.edges.empty()) WriteEdges(call.edges, *closure, tallies);
         if (call.json)
-            fmt::print("{}\n", ClosureJson(*closure, tallies));
+            outcome.part = nlohmann::ordered_json::parse(ClosureJson(*closure, tallies));
         else
             PrintClosure(*closure, tallies);
-    } else if (call.json) {
-        fmt::print("{}\n", SweepJson(std::get<SweepPlan>(stage.plan), std::get<SweepResult>(results.front())));
     } else {
-        PrintSweep(std::get<SweepPlan>(stage.plan), std::get<SweepResult>(results.front()));
+        const auto &plan = std::get<SweepPlan>(stage.plan);
+        const auto &result = std::get<SweepResult>(results.front());
+        if (call.json)
+            outcome.part = nlohmann::ordered_json::parse(SweepJson(plan, result));
+        else
+            PrintSweep(plan, result);
     }
-    return FindingsOf(results) == 0 ? 0 : 1;
+    if (found > 0) outcome.problems.push_back({"found", "sweep", fmt::format("{} cases end badly", found), "none"});
+    return outcome.finish(found > 0 ? kBad : kGood);
 }
 
 SweepFirmware FirmwareOf(const SweepCall &call) {
@@ -171,7 +190,8 @@ int Follow(const SweepCall &call, const SweepFirmware &firmware) {
 int Sweep(const SweepCall &call) {
     const SweepFirmware firmware = FirmwareOf(call);
     if (!call.follow.empty()) return Follow(call, firmware);
-    if (call.list) return List(AllScenarios(firmware));
+    if (call.list) return List(AllScenarios(firmware), call.json);
+    if (!call.report.empty()) OutputFile proof(call.report); // it is written after minutes
     CampaignCall asked = call.asked;
     asked.document = !call.report.empty();
     if (!asked.document && !asked.closure && call.all == !asked.scenarios.empty())
@@ -210,12 +230,12 @@ void AddSweepCommand(CLI::App &app, int &exit_status) {
     command->add_option("--boards", asked.boards, "so many boards in the scenario hostile [500]")
         ->check(CLI::Range(1, 1'000'000));
     command->add_option("--losses", asked.losses, "power losses a case: 2 cuts the boot after the first cut as well")
-        ->check(CLI::Range(1, 2))
+        ->check(WholeNumber(1, 2))
         ->capture_default_str();
     command->add_flag("--closure", asked.closure,
                       "any number of losses: every state of the chips that they can lead to, until none is new");
     command->add_option("--ways", asked.ways, "ways of tearing an operation, for a closure")
-        ->check(CLI::Range(1, 64))
+        ->check(WholeNumber(1, 64))
         ->capture_default_str();
     command->add_option("--near", asked.near,
                         "for a closure, cut only so many operations on each side of another kind or block [all]");
@@ -227,7 +247,7 @@ void AddSweepCommand(CLI::App &app, int &exit_status) {
         ->check(CLI::ExistingFile);
     command->add_option("--firmware", call->firmware, "directory of the bootloader's builds [beside this program]")
         ->check(CLI::ExistingDirectory);
-    command->add_option("--jobs", call->jobs, "worker processes")->check(CLI::Range(1, 256))->capture_default_str();
+    command->add_option("--jobs", call->jobs, "worker processes")->check(WholeNumber(1, 256))->capture_default_str();
     command->add_option("--sample", asked.sample, "about so many cases of each scenario, chosen by the seed");
     command->add_option("--seed", asked.seed, "decides how operations tear and what is sampled")->capture_default_str();
     command->add_flag("--json", call->json, "results as one JSON object");

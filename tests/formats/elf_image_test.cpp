@@ -29,7 +29,7 @@ TEST(ElfImageTest, GivesSegmentsSymbolsAndPlaces) {
     EXPECT_EQ(ram[7], 8);
     EXPECT_EQ(ram[8] + ram[15] + ram[0x10F], 0);
     EXPECT_EQ(ram[16], 0xEE);
-    EXPECT_THROW(LoadElf(image, Memory{{{kBase, std::span(ram).first(0x108)}}}), ElfError);
+    EXPECT_THROW(LoadElf(image, Memory{{{kBase, std::span(ram).first(0x108)}}}), Refusal);
 }
 
 TEST(ElfImageTest, RefusesWhatIsNoArmExecutable) {
@@ -40,7 +40,7 @@ TEST(ElfImageTest, RefusesWhatIsNoArmExecutable) {
         {[](SmallExecutable &e) { e.header.e_ident[0] = 0; }, "not an ELF file"},
         {[](SmallExecutable &e) { e.header.e_ident[EI_CLASS] = ELFCLASS64; }, "not a 32-bit little-endian ELF file"},
         {[](SmallExecutable &e) { e.header.e_ident[EI_DATA] = ELFDATA2MSB; }, "not a 32-bit little-endian ELF file"},
-        {[](SmallExecutable &e) { e.header.e_machine = EM_X86_64; }, "made for machine 62, expected 40 (ARM)"},
+        {[](SmallExecutable &e) { e.header.e_machine = EM_X86_64; }, "made for machine 62, not 40 (ARM)"},
         {[](SmallExecutable &e) { e.header.e_type = ET_REL; }, "not a linked executable"},
         {[](SmallExecutable &e) { e.header.e_phnum = 0; }, "nothing to load"},
         {[](SmallExecutable &e) { e.segments[0].p_memsz = 4; }, "segment 0: 4 bytes in memory, 8 in the file"},
@@ -52,10 +52,9 @@ TEST(ElfImageTest, RefusesWhatIsNoArmExecutable) {
     for (const auto &damaged : cases) {
         SmallExecutable executable;
         damaged.damage(executable);
-        EXPECT_THAT([&] { ElfImage::read(executable.bytes()); }, testing::ThrowsMessage<ElfError>(damaged.refusal));
+        EXPECT_THAT([&] { ElfImage::read(executable.bytes()); }, testing::ThrowsMessage<Refusal>(damaged.refusal));
     }
-    EXPECT_THROW(ElfImage::read({}), ElfError);
-    EXPECT_THROW(ElfImage::read_file("no such file"), ElfError);
+    EXPECT_THROW(ElfImage::read({}), Refusal);
 }
 
 // Every byte damaged, every length: refused or read, never out of bounds.
@@ -74,7 +73,7 @@ TEST(ElfImageTest, SurvivesDamageAnywhere) {
                 const ElfImage image = ElfImage::read(file);
                 image.flat();
                 LoadElf(image, Memory{{{kBase, ram}}});
-            } catch (const ElfError &) {
+            } catch (const Refusal &) {
             }
         }
     EXPECT_NO_THROW(ElfImage::read(whole.bytes()));

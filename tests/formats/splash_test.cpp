@@ -75,7 +75,7 @@ TEST(Splash, EncoderSaysWhatItRefuses) {
         WritePng(png, picture);
         const CommandResult refused = RunCommand(AddSplashCommand, {"splash", "encode", png, directory.path() / "out"});
         EXPECT_EQ(refused.exit_status, 1);
-        EXPECT_THAT(refused.error, testing::MatchesRegex("[^:]*picture.png: " + std::string(message)));
+        EXPECT_THAT(refused.error, testing::MatchesRegex("fixture: [^:]*picture.png: " + std::string(message) + "\n"));
     }
     stained.at(17, 219) = {7, 7, 7}; // black in 5-bit colours
     WritePng(png, stained);

@@ -106,10 +106,11 @@ TEST(Observers, ChangeNoCount) {
     boot.board.straps.pins_12_13 = false;
     const RunReport plain = RunBoot(boot).report;
     std::optional<EventStream> events;
+    std::ofstream levels(here.path() / "all.vcd");
     std::optional<BoardVcd> vcd;
     boot.prepare = [&](Machine &machine) {
         events.emplace(machine);
-        vcd.emplace(here.path() / "all.vcd", "", machine);
+        vcd.emplace(levels, "", machine);
     };
     boot.inspect = [&](Machine &) {
         vcd.reset();

@@ -38,7 +38,8 @@ TEST(Replay, OverwritesNoChipsOfABoard) {
     const std::string file = here.write("nand.bin", "a board's");
     const CommandResult result = RunCommand(AddBootCommand, {"boot", "--replay", "parameters/0-to-1", "--nand", file});
     EXPECT_EQ(result.exit_status, 2);
-    EXPECT_EQ(result.error, file + ": exists already; a replay keeps its chips in new files only");
+    EXPECT_EQ(result.error,
+              "fixture: " + file + ": exists already; expected a new file: a replay keeps its chips in those only\n");
     EXPECT_EQ(std::filesystem::file_size(file), 9u);
 }
 

@@ -1,0 +1,277 @@
+// What `bank check` foretells, against what the bootloader does: hostile banks by the hundred, and volumes whose banks
+// work against each other. FIXTURE_BANKS=5000 in the environment makes it thousands.
+#include "formats/bank_check.h"
+#include "formats/stored_image.h"
+#include "harness/command.h"
+#include "harness/started_board.h"
+#include "machine/chip_store.h"
+#include "machine/raw_flash.h"
+
+#include <cstdlib>
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <set>
+
+namespace fixture {
+
+namespace fs = std::filesystem;
+using testing::HasSubstr, testing::Not;
+
+namespace {
+
+std::string Text(const Bytes &bytes) { return {bytes.begin(), bytes.end()}; }
+
+// A bank with things wrong with it, decided by a seed.
+class HostileBank {
+public:
+    explicit HostileBank(unsigned seed) : random_(seed) {
+        descriptor = section("MainApplication", "demo") + section("SecondaryBootloader", "boot2");
+        if (one_in(2)) descriptor += section("RescueApplication", "help");
+        if (!one_in(8)) descriptor = "<P>" + descriptor + "</P>";
+        files["bin/demo.bin"] = one_in(60) ? std::string(0xFFFF01, 'a') : one_in(12) ? "" : "what the application does";
+        files["bin/boot2.bin"] = image();
+        files["bin/help.bin"] = image();
+        manifest = std::string(2 * 282, '-');
+        for (const char *const path : {"bin/demo.bin", "bin/boot2.bin", "bin/help.bin", "bin/demo.bin"})
+            if (!one_in(8)) manifest += record(path);
+        spoil();
+    }
+    void write(const TemporaryDirectory &volume) const {
+        volume.write("data/app/ProjectDescriptorFile.xml", descriptor);
+        volume.write("data/app/BankContent.txt", manifest);
+        for (const auto &[name, bytes] : files) volume.write("data/app/" + name, bytes);
+    }
+
+    std::string descriptor, manifest;
+    std::map<std::string, std::string> files;
+
+private:
+    unsigned below(std::size_t end) { return static_cast<unsigned>(random_() % end); }
+    bool one_in(unsigned n) { return below(n) == 0; }
+    template <typename T> T any_of(std::initializer_list<T> all) { return *(all.begin() + below(all.size())); }
+
+    std::string value(const std::string &usual) {
+        if (!one_in(10)) return usual;
+        return any_of<std::string>({"", ".", "bin", std::string(16, 'v'), std::string(17, 'v'), std::string(257, 'n'),
+                                    "a<b>c</b>", "x\n", std::string("d\0e", 3), "app", "/"});
+    }
+    std::string element(const std::string &name, const std::string &text) {
+        const std::string tag = one_in(20) ? name + any_of<std::string>({"Old", " ", "/", " a='1'"}) : name;
+        if (one_in(25))
+            return any_of<std::string>({"<" + name + "/>", "<" + name + ">" + text, "<!-- x -->", "</" + name + ">"});
+        return "<" + tag + ">" + text + "</" + tag + ">";
+    }
+    std::string section(const char *name, const char *base) {
+        return element(name, element("BaseFileName", value(base)) + element("BaseFileExtension", value("bin")) +
+                                 element("Version", value(any_of<std::string>({"1.9.0", "1.9.0", "2.0", "7"}))));
+    }
+    std::string image() {
+        Bytes bytes = Wrap(Bytes(below(3000), static_cast<std::uint8_t>(below(256))));
+        if (one_in(6)) bytes[below(20)] ^= 1;                                            // maker
+        if (one_in(6)) bytes[20 + below(2)] ^= static_cast<std::uint8_t>(1 << below(8)); // size
+        if (one_in(8)) bytes[24 + below(8)] ^= 1;                                        // sums
+        if (one_in(8)) bytes.resize(below(bytes.size() + 1));
+        if (one_in(8)) bytes.resize(bytes.size() + below(40), 7);
+        return Text(bytes);
+    }
+    std::string record(const std::string &name) {
+        const std::string &content = files[name];
+        std::uint64_t size = content.size(), sum = ByteSum(Bytes(content.begin(), content.end()));
+        if (one_in(20)) size += below(3);
+        if (one_in(20)) sum ^= 1;
+        const std::string path = one_in(10) ? any_of<std::string>({"./" + name, "\\" + name, name + "\n", "../" + name,
+                                                                   "BIN/x", std::string(256, '/'), "bin/none.bin", ""})
+                                            : name;
+        const std::string line = fmt::format("{:>9} | {:>9} | {:<256}\r\n", size, sum, path);
+        return one_in(30) ? line.substr(0, 280) + "\n" : line.substr(0, 282);
+    }
+    void spoil() {
+        std::string &text = one_in(2) ? descriptor : manifest;
+        for (unsigned n = below(3); n > 0 && one_in(3) && !text.empty(); --n) {
+            const std::size_t at = below(text.size());
+            if (one_in(2))
+                text[at] = any_of({'<', '>', '/', '\0', ' ', 'x', '?', '-'});
+            else if (one_in(2))
+                text.erase(at, 1 + below(9));
+            else if (one_in(2))
+                text.insert(at, text.substr(below(text.size()), below(300)));
+            else
+                text.resize(at);
+        }
+        if (one_in(30)) files.erase("bin/demo.bin");
+    }
+
+    std::mt19937 random_;
+};
+
+// What of a pass over a bank can be seen from outside.
+struct Seen {
+    bool rescue_stored = false, rescue_refused = false, asked_version = false, bootloader_refused = false;
+    bool resets = false, launches = false;
+    bool operator==(const Seen &) const = default;
+};
+std::ostream &operator<<(std::ostream &out, const Seen &seen) {
+    return out << "rescue stored " << seen.rescue_stored << ", refused " << seen.rescue_refused << "; version asked "
+               << seen.asked_version << "; bootloader refused " << seen.bootloader_refused << "; resets " << seen.resets
+               << "; launches " << seen.launches;
+}
+
+Seen Foretold(const BankSteps &steps) {
+    return {steps.rescue == UpdateStep::stored,   steps.rescue == UpdateStep::refused,
+            steps.bootloader != UpdateStep::none, steps.bootloader == UpdateStep::refused,
+            steps.end == BankEnd::resets,         steps.end == BankEnd::launches};
+}
+
+Seen Done(const BootResult &boot) {
+    const auto printed = [&](const char *text) { return boot.console.find(text) != std::string::npos; };
+    const bool launched = boot.report.verdict == Verdict::launched && !printed("\tStart rescue app...\n");
+    return {printed("\tRescue image replaced successfully.\n"),
+            printed("\tRescue image replace failed.\n"),
+            printed("Current bootlaoder is"),
+            printed("\tBootloader image replace failed.\n"),
+            boot.report.verdict == Verdict::reset_loop,
+            launched};
+}
+
+BootResult Boot(Processor processor, const TemporaryDirectory &volume, Chips &chips, bool nand) {
+    BootCase boot;
+    boot.processor = processor;
+    boot.volume = volume.path();
+    boot.chips = &chips;
+    boot.most_resets = 1;
+    boot.board.straps.pins_12_13 = nand;
+    return RunBoot(boot);
+}
+
+TEST(BankCheck, ForetellsWhatTheBootloaderDoes) {
+    const char *const wanted = std::getenv("FIXTURE_BANKS");
+    const unsigned banks = wanted ? static_cast<unsigned>(std::atoi(wanted)) : 300;
+    std::map<BankEnd, unsigned> ends;
+    for (unsigned seed = 0; seed < banks; ++seed) {
+        SCOPED_TRACE(seed);
+        TemporaryDirectory volume;
+        const HostileBank bank(seed);
+        bank.write(volume);
+        const bool nand = seed % 2;
+        Chips chips;
+        const RawFlash flash = nand ? RawFlashOf(chips.nand) : RawFlashOf(chips.dataflash);
+        if (seed % 3 == 0) flash.write(SlotsOf(flash.medium).record.address, Bytes{'2', '.', '0', 0});
+        const BankReport report = ExamineBank(volume.path() / "data/app", kBankDirectories[0]);
+        const BankSteps steps = StepsOf(report, StateOf(flash, "1.9.0"));
+        ++ends[steps.end];
+        for (const Processor processor : {Processor::host, Processor::arm}) {
+            if (processor == Processor::arm && !wanted && seed % 6 != 0) continue;
+            Chips lent = chips;
+            const BootResult boot = Boot(processor, volume, lent, nand);
+            ASSERT_EQ(Foretold(steps), Done(boot)) << boot.console << boot.report.place << "\n" << bank.descriptor;
+        }
+    }
+    for (const BankEnd end :
+         {BankEnd::rejected, BankEnd::incomplete, BankEnd::resets, BankEnd::launches, BankEnd::not_launched})
+        EXPECT_GT(ends[end], banks / 50) << NameOf(end) << " is hardly tried";
+}
+
+// Volumes of good banks, each with its bootloader's version and whether its application works.
+struct VolumeBank {
+    const char *name;
+    const char *bootloader;
+    bool application_works;
+};
+
+std::string Build(const TemporaryDirectory &volume, const VolumeBank &bank) {
+    const std::string place = (volume.path() / "data" / bank.name).string();
+    volume.write("data/keep", "");
+    const std::string image =
+        (FirmwareDirectory() / "fixed" /
+         fmt::format("bootloader{}.bin",
+                     std::string_view(bank.bootloader) == "1.9.0" ? "" : std::string("-") + bank.bootloader))
+            .string();
+    const CommandResult built = RunCommand(
+        AddBankCommand, {"bank", "build", place, "--app", volume.write("demo.bin", "x").string(), "--app-version", "1",
+                         "--bootloader", image, "--bootloader-version", bank.bootloader});
+    EXPECT_EQ(built.exit_status, 0) << built.error;
+    if (!bank.application_works) volume.write(fs::path("data") / bank.name / "bin/demo.bin", "y");
+    return place;
+}
+
+TEST(BankCheck, NamesBanksThatFight) {
+    const struct {
+        std::vector<VolumeBank> banks;
+        const char *problem; // null: none
+        bool launches;
+    } rows[] = {
+        {{{"app", "1.9.1", false}, {"oldapp", "1.9.0", true}}, "two-banks-fight", false},
+        {{{"app", "1.9.1", true}, {"oldapp", "1.9.0", true}}, nullptr, true},
+        {{{"app", "1.9.0", false}, {"oldapp", "1.9.0", true}}, nullptr, true},
+        {{{"app", "1.9.0", false}}, nullptr, false},
+    };
+    for (const auto &row : rows) {
+        TemporaryDirectory volume;
+        for (const VolumeBank &bank : row.banks) Build(volume, bank);
+        const CommandResult result = RunCommand(AddBankCommand, {"bank", "check", "--json", volume.path().string()});
+        const nlohmann::json json = nlohmann::json::parse(result.output);
+        std::set<std::string> ids;
+        for (const nlohmann::json &problem : json["problems"]) ids.insert(problem["id"]);
+        EXPECT_EQ(ids.contains("two-banks-fight"), row.problem != nullptr) << result.output;
+        EXPECT_EQ(json["launches"], row.launches) << result.output;
+        // The board itself, from its slots.
+        Chips chips;
+        StoreProvision(RawFlashOf(chips.dataflash), {0, Wrap(Bootloader().flat), {}, ""});
+        BootCase boot;
+        boot.processor = Processor::host;
+        boot.volume = volume.path();
+        boot.chips = &chips;
+        boot.from_slots = true;
+        const RunReport report = RunBoot(boot).report;
+        EXPECT_EQ(report.verdict, row.launches ? Verdict::launched : row.problem ? Verdict::reset_loop : Verdict::idle);
+    }
+}
+
+TEST(BankCheck, WarningsCanFailOrBeAllowed) {
+    TemporaryDirectory volume;
+    const std::string bank = Build(volume, {"app", "1.9.1", true});
+    const auto check = [&](std::vector<std::string> more) {
+        more.insert(more.begin(), {"bank", "check", bank});
+        return RunCommand(AddBankCommand, more);
+    };
+    EXPECT_EQ(check({"--strict"}).exit_status, kBad) << "images with the fixed build record are no known build";
+    EXPECT_THAT(check({}).error, HasSubstr("(unknown-build)"));
+    EXPECT_EQ(check({"--strict", "--allow", "unknown-build"}).exit_status, kGood);
+    EXPECT_THAT(check({"--allow", "unknown-build"}).error, Not(HasSubstr("unknown-build")));
+    EXPECT_EQ(check({"--allow", "no-such-warning"}).exit_status, kWrongCall);
+}
+
+// A header with nothing after it counts as good everywhere on the board, which is then lost.
+TEST(BankCheck, ABootloaderWithoutABodyIsNamed) {
+    TemporaryDirectory volume;
+    const std::string bank = Build(volume, {"app", "1.9.1", true});
+    const Bytes header = Wrap(Bytes{});
+    const std::string empty = volume.write("empty.bin", Text(header)).string();
+    EXPECT_THAT(RunCommand(AddBankCommand, {"bank", "build", bank, "--app", volume.write("demo.bin", "x").string(),
+                                            "--app-version", "1", "--bootloader", empty, "--bootloader-version", "2"})
+                    .error,
+                HasSubstr("without a body"));
+    fs::copy_file(empty, fs::path(bank) / "bin/bootloader-1.9.1.bin", fs::copy_options::overwrite_existing);
+    Bytes manifest = ReadFile(fs::path(bank) / "BankContent.txt", 10000);
+    const std::string numbers = fmt::format("{:>9} | {:>9}", header.size(), ByteSum(header));
+    std::copy(numbers.begin(), numbers.end(), manifest.begin() + 3 * 282);
+    WriteFile(fs::path(bank) / "BankContent.txt", manifest);
+    const CommandResult checked = RunCommand(AddBankCommand, {"bank", "check", bank});
+    EXPECT_EQ(checked.exit_status, kBad);
+    EXPECT_THAT(checked.output, HasSubstr("a board that stores it is lost"));
+    NandContents chip;
+    RawFlashOf(chip).write(SlotsOf(Medium::nand).bootloader[0].address, header);
+    SaveChip(chip, volume.path() / "chip");
+    const CommandResult shown =
+        RunCommand(AddFlashCommand, {"flash", "info", "--nand", (volume.path() / "chip").string()});
+    EXPECT_EQ(shown.exit_status, kBad);
+    EXPECT_THAT(shown.output, HasSubstr("NO BODY"));
+}
+
+} // namespace
+
+} // namespace fixture

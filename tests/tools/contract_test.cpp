@@ -1,0 +1,442 @@
+// What every subcommand owes its caller, as one table of subcommand by condition: the exit status, a message that names
+// the file, inputs and older outputs untouched, nothing left behind; and with --json one object of the published form.
+#include "formats/bank.h"
+#include "formats/parameter_store.h"
+#include "formats/splash.h"
+#include "formats/stored_image.h"
+#include "harness/command.h"
+#include "harness/json_schema.h"
+#include "harness/process.h"
+#include "harness/source_tree.h"
+#include "harness/started_board.h"
+#include "machine/chip_store.h"
+#include "machine/raw_flash.h"
+#include "tools/call_report.h"
+
+#include <csignal>
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <list>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace fixture {
+
+namespace fs = std::filesystem;
+using testing::HasSubstr, testing::Not;
+using Words = std::vector<std::string>;
+
+namespace {
+
+// A call in which "IN" is the file that a condition spoils and "OUT" the one that it keeps from being written.
+struct Call {
+    const char *name;
+    Words words;
+    const char *input;  // of the files that Workshop makes; null: none to spoil
+    bool chip_is_input; // changed in place: the input is the output
+    bool needs_output;
+};
+
+const Call kCalls[] = {
+    {"boot", {"boot", "--host", "--nand", "IN", "--straps", "12-13", "--panel", "OUT"}, "nand", true, true},
+    {"boot eeprom", {"boot", "--host", "--eeprom", "IN", "--panel", "OUT"}, "eeprom", true, true},
+    {"boot dataflash", {"boot", "--host", "--dataflash", "IN", "--vcd", "OUT"}, "dataflash", true, true},
+    {"boot firmware", {"boot", "--firmware", "IN", "--panel-gif", "OUT"}, "elf", false, true},
+    {"bank build",
+     {"bank", "build", "DIR", "--app", "IN", "--app-version", "1", "--bootloader", "stored", "--bootloader-version",
+      "1.9.0"},
+     "demo.elf",
+     false,
+     false},
+    {"flash info nand", {"flash", "info", "--nand", "IN"}, "nand", false, false},
+    {"flash info dataflash", {"flash", "info", "--dataflash", "IN"}, "dataflash", false, false},
+    {"flash provision",
+     {"flash", "provision", "--medium", "nand", "--nand", "IN", "--bootloader", "stored"},
+     "nand",
+     true,
+     false},
+    {"flash provision from",
+     {"flash", "provision", "--medium", "nand", "--nand", "OUT", "--bootloader", "IN"},
+     "elf",
+     false,
+     true},
+    {"flash convert",
+     {"flash", "convert", "IN", "OUT", "--medium", "dataflash", "--to", "raw"},
+     "dataflash",
+     false,
+     true},
+    {"flash extract", {"flash", "extract", "bootloader0", "--nand", "IN", "--out", "OUT"}, "nand", false, true},
+    {"flash write to",
+     {"flash", "write", "bootloader1", "--nand", "IN", "--image", "stored", "--out", "OUT"},
+     "nand",
+     false,
+     true},
+    {"flash write from",
+     {"flash", "write", "rescue", "--dataflash", "chip", "--image", "IN", "--out", "OUT"},
+     "elf",
+     false,
+     true},
+    {"doctor", {"doctor", "--nand", "IN"}, "nand", false, false},
+    {"diff", {"diff", "--as", "dataflash", "IN", "chip"}, "dataflash", false, false},
+    {"image wrap", {"image", "wrap", "IN", "OUT"}, "elf", false, true},
+    {"image info", {"image", "info", "IN"}, "stored.img", false, false},
+    {"eeprom show", {"eeprom", "show", "IN"}, "eeprom", false, false},
+    {"eeprom set", {"eeprom", "set", "IN", "9=01"}, "eeprom", true, false},
+    {"splash encode", {"splash", "encode", "IN", "OUT"}, "png", false, true},
+    {"splash decode", {"splash", "decode", "IN", "OUT"}, "array", false, true},
+};
+
+// Files that every call can work with, made once, and a directory to spoil copies of them in.
+class Workshop {
+public:
+    Workshop() {
+        NandContents nand;
+        const Bytes image = Wrap(Bootloader().flat);
+        StoreProvision(RawFlashOf(nand), {0, image, {}, ""});
+        SaveChip(nand, good("nand"));
+        At45Contents dataflash(*FindAt45Part(kDefaultAt45));
+        StoreProvision(RawFlashOf(dataflash), {0, image, {}, ""});
+        SaveChip(dataflash, good("dataflash"));
+        EepromContents eeprom;
+        UpdateStore(eeprom.bytes, {{8, {1}}});
+        SaveChip(eeprom, good("eeprom"));
+        fs::copy_file(FirmwareDirectory() / "bootloader.elf", good("elf"));
+        fs::copy_file(FirmwareDirectory() / "bootloader.elf", good("demo.elf"));
+        WriteFile(good("stored.img"), image);
+        const Picture picture(kSplashWidth, kSplashHeight);
+        WritePng(good("png"), picture);
+        WriteFile(good("array"), SplashSource(EncodeSplash(picture, "")));
+        fs::create_directory(directory.path() / "work");
+    }
+    fs::path good(const std::string &name) const { return directory.path() / name; }
+    fs::path work(const std::string &name) const { return directory.path() / "work" / name; }
+    // A fresh copy of what a call takes.
+    void lay_out(const Call &call) const {
+        fs::remove_all(directory.path() / "work");
+        fs::create_directory(directory.path() / "work");
+        if (call.input) fs::copy_file(good(call.input), work("given.bin"));
+    }
+    Words words_of(const Call &call) const {
+        Words words = call.words;
+        for (std::string &word : words) {
+            if (word == "IN") word = work("given.bin").string();
+            if (word == "OUT") word = work("out").string();
+            if (word == "DIR") word = work("bank").string();
+            if (word == "chip") word = good("dataflash").string();
+            if (word == "stored") word = good("stored.img").string();
+        }
+        return words;
+    }
+    // Every file that is there, with its bytes; what is no file, by its name alone.
+    std::map<std::string, Bytes> contents() const {
+        std::map<std::string, Bytes> all;
+        for (const fs::directory_entry &entry : fs::recursive_directory_iterator(directory.path() / "work"))
+            all[entry.path().string()] = entry.is_regular_file() ? ReadFile(entry.path(), 1u << 30) : Bytes{};
+        return all;
+    }
+
+private:
+    TemporaryDirectory directory;
+};
+
+const Workshop &Shop() {
+    static const Workshop shop;
+    return shop;
+}
+
+CommandResult RunFixture(const Words &words) { return RunCommand(AllCommands(), words); }
+
+// The objects of a test, checked against the published schema all at once.
+class Envelopes {
+public:
+    ~Envelopes() { EXPECT_EQ(SchemaErrors(objects_), ""); }
+    void add(const CommandResult &result) {
+        objects_.push_back(result.output);
+        const nlohmann::json json = nlohmann::json::parse(result.output, nullptr, false);
+        ASSERT_TRUE(json.is_object()) << result.output;
+        EXPECT_EQ(json.value("exit_status", -1), result.exit_status);
+        EXPECT_EQ(json.value("problems", nlohmann::json::array()).empty(), result.exit_status == 0) << result.output;
+    }
+
+private:
+    std::vector<std::string> objects_;
+};
+
+void Truncate(const fs::path &file) { fs::resize_file(file, fs::file_size(file) - 1); }
+
+// What is done to the input before the call, and what the call then says.
+struct Condition {
+    const char *name;
+    void (*spoil)(const fs::path &file);
+    int exit_status;
+    const char *message;
+    std::set<std::string> fine_for = {}; // inputs that stay good
+};
+
+const Condition kConditions[] = {
+    {"missing", [](const fs::path &file) { fs::remove(file); }, kWrongCall, "no such file"},
+    {"below a file", [](const fs::path &file) { fs::remove(file), fs::create_symlink(Shop().good("png") / "x", file); },
+     kWrongCall, ""},
+    {"directory", [](const fs::path &file) { fs::remove(file), fs::create_directory(file); }, kWrongCall,
+     "a directory"},
+    {"pipe", [](const fs::path &file) { fs::remove(file), mkfifo(file.c_str(), 0600); }, kWrongCall, "a pipe"},
+    {"device", [](const fs::path &file) { fs::remove(file), fs::create_symlink("/dev/zero", file); }, kWrongCall,
+     "a device"},
+    {"empty", [](const fs::path &file) { fs::resize_file(file, 0); }, kBad, ""},
+    // These lose nothing with their last byte that is looked at.
+    {"short", Truncate, kBad, "", {"array", "png", "elf", "demo.elf"}},
+    {"text", [](const fs::path &file) { WriteFile(file, std::string(2112 * 64, 'x')); }, kBad, "", {"elf", "demo.elf"}},
+    {"foreign", [](const fs::path &file) { WriteFile(file, "\177ELF\1\1\1" + std::string(57, '\0')); }, kBad, ""},
+};
+
+TEST(Contract, ABadInputGivesTheSameStatusEverywhereAndHarmsNothing) {
+    Envelopes envelopes;
+    for (const Call &call : kCalls)
+        for (const Condition &condition : kConditions) {
+            SCOPED_TRACE(fmt::format("{}: {}", call.name, condition.name));
+            if (condition.fine_for.contains(call.input)) continue;
+            const bool creates = std::string_view(condition.name) == "missing" && call.chip_is_input &&
+                                 std::string_view(call.name) != "boot" &&
+                                 !std::string_view(call.name).starts_with("boot");
+            if (creates) continue; // these make their chip file
+            Shop().lay_out(call);
+            condition.spoil(Shop().work("given.bin"));
+            if (call.needs_output) WriteFile(Shop().work("out"), std::string("older"));
+            const auto before = Shop().contents();
+            for (const bool json : {false, true}) {
+                Words words = Shop().words_of(call);
+                if (json) words.emplace_back("--json");
+                const CommandResult result = RunFixture(words);
+                EXPECT_EQ(result.exit_status, condition.exit_status) << result.output << result.error;
+                EXPECT_THAT(json ? result.output : result.error + result.output, HasSubstr(condition.message));
+                EXPECT_THAT(json ? result.output : result.error + result.output, HasSubstr("given.bin"));
+                EXPECT_EQ(Shop().contents(), before);
+                if (json) envelopes.add(result);
+            }
+        }
+}
+
+// Outputs that cannot come to be: nothing is changed, whatever the call would have done before it came to them.
+TEST(Contract, AnOutputThatCannotBeWrittenChangesNothing) {
+    const struct {
+        const char *name;
+        void (*prepare)(const fs::path &out);
+    } conditions[] = {
+        {"a full disk", [](const fs::path &out) { fs::create_symlink("/dev/full", out); }},
+        {"a directory", [](const fs::path &out) { fs::create_directory(out); }},
+        {"write-protected",
+         [](const fs::path &out) {
+             WriteFile(out, std::string("older"));
+             fs::permissions(out, fs::perms::owner_read);
+         }},
+        {"no directory", [](const fs::path &out) { fs::create_symlink("none/out", out); }},
+        {"a pipe without a reader", [](const fs::path &out) { mkfifo(out.c_str(), 0600); }},
+    };
+    Envelopes envelopes;
+    for (const Call &call : kCalls)
+        for (const auto &condition : conditions) {
+            if (!call.needs_output) continue;
+            SCOPED_TRACE(fmt::format("{}: {}", call.name, condition.name));
+            Shop().lay_out(call);
+            condition.prepare(Shop().work("out"));
+            const auto before = Shop().contents();
+            Words words = Shop().words_of(call);
+            words.emplace_back("--json");
+            const CommandResult result = RunFixture(words);
+            const bool as_input = std::string_view(call.name) == "flash provision from"; // OUT is a chip, read first
+            EXPECT_THAT(result.exit_status,
+                        testing::AnyOf(kNotWritten, as_input ? kWrongCall : kNotWritten, as_input ? kBad : kNotWritten))
+                << result.output;
+            EXPECT_THAT(result.output, HasSubstr("out"));
+            EXPECT_EQ(Shop().contents(), before);
+            envelopes.add(result);
+        }
+}
+
+TEST(Contract, GoodCallsReportInOneForm) {
+    Envelopes envelopes;
+    for (const Call &call : kCalls) {
+        SCOPED_TRACE(call.name);
+        Shop().lay_out(call);
+        Words words = Shop().words_of(call);
+        words.emplace_back("--json");
+        const CommandResult result = RunFixture(words);
+        const bool boots = words[0] == "boot"; // no bank: it ends without a launch
+        EXPECT_EQ(result.exit_status, boots ? kBad : kGood) << result.output << result.error;
+        envelopes.add(result);
+    }
+    envelopes.add(RunFixture({"sweep", "--list", "--json"}));
+    envelopes.add(RunFixture({"flash", "info", "--json"}));
+    const std::string nand = Shop().good("nand").string();
+    envelopes.add(RunFixture({"explain", "--json", "--straps", "12-13", "--nand", nand}));
+    envelopes.add(RunFixture({"diff", "--json", "--as", "nand", nand, Shop().good("dataflash").string()}));
+    envelopes.add(RunFixture({"flash", "verify", "--json", "--nand", nand, "--against", Shop().work("").string()}));
+    envelopes.add(RunFixture({"flash", "--json", "nonsense"}));
+    envelopes.add(RunFixture({"bank", "check", "--json", Shop().work("").string()}));
+}
+
+// Options without effect, and numbers that are none.
+TEST(Contract, CallsThatMakeNoSenseAreRefused) {
+    const std::string nand = Shop().good("nand").string();
+    const Words calls[] = {
+        {"boot", "--power-up", "1"},
+        {"boot", "--vcd-signals", "SDA"},
+        {"boot", "--nand", nand, "--dataflash", nand},
+        {"boot", "--nand", nand, "--snapshot", "--create"},
+        {"boot", "--replay", "nand-update/running-erased", "--straps", "12-13"},
+        {"boot", "--watchdog", "nan"},
+        {"boot", "--watchdog", "-1"},
+        {"boot", "--max-resets", "0"},
+        {"boot", "--max-resets", "4294967297"},
+        {"sweep", "--all", "--seed", ""},
+        {"sweep", "--all", "--seed", "99999999999999999999"},
+        {"sweep", "--all", "--jobs", "1e3"},
+        {"flash", "provision", "--medium", "nand", "--nand", nand, "--bootloader", "x", "--slot", "2"},
+        {"image", "info", nand, "--allow", "anything"},
+    };
+    for (const Words &words : calls) {
+        const CommandResult result = RunFixture(words);
+        EXPECT_EQ(result.exit_status, kWrongCall) << fmt::format("{}", fmt::join(words, " ")) << result.error;
+        EXPECT_THAT(result.error, testing::StartsWith("fixture: "));
+        EXPECT_EQ(result.output, "");
+    }
+}
+
+TEST(Contract, TextFromFilesCannotDriveATerminal) {
+    const Call call{"", {}, nullptr, false, false};
+    Shop().lay_out(call);
+    const std::string name = Shop().work("\x1b[31mred\xff\n.bin").string();
+    WriteFile(name, Wrap(Bytes(9, 1)));
+    std::string descriptor = "<a><MainApplication><BaseFileName>\x1b]0;x\x07</BaseFileName></MainApplication></a>";
+    WriteFile(Shop().work("ProjectDescriptorFile.xml"), descriptor);
+    for (const Words &words : {Words{"image", "info", name},
+                               {"image", "info", name + "x"},
+                               {"bank", "check", Shop().work("").string()},
+                               {"boot", "--firmware", name + "x"}}) {
+        const CommandResult result = RunFixture(words);
+        const std::string text = result.output + result.error;
+        for (const char c : text) ASSERT_TRUE(c == '\n' || (c >= 0x20 && c < 0x7F)) << text;
+        EXPECT_THAT(text, words[0] == "bank" ? HasSubstr("ProjectDescriptorFile.xml")
+                                             : HasSubstr("\\x1B[31mred\\xFF\\x0A.bin"));
+    }
+}
+
+// --- boards' chips
+
+TEST(Contract, ABootKeepsAChipFilesShapeAndWritesOnlyWhatChanged) {
+    Shop().lay_out({"", {}, nullptr, false, false});
+    const std::string file = Shop().work("chip").string(), bank = Shop().work("data/app").string();
+    fs::create_directories(Shop().work("data"));
+    ASSERT_EQ(RunFixture({"bank", "build", bank, "--app", (FirmwareDirectory() / "demo-application.bin").string(),
+                          "--app-version", "1", "--bootloader", (FirmwareDirectory() / "bootloader-1.9.1.bin").string(),
+                          "--bootloader-version", "1.9.1"})
+                  .exit_status,
+              0);
+    const auto boot = [&](const Words &more) {
+        Words words = {"boot", "--dataflash", file, "--volume", Shop().work("").string()};
+        words.insert(words.end(), more.begin(), more.end());
+        return RunFixture(words);
+    };
+    fs::copy_file(Shop().good("dataflash"), file);
+    const Bytes before = ReadFile(file, 1u << 30);
+    fs::permissions(file, fs::perms::owner_read);
+    EXPECT_EQ(boot({}).exit_status, kNotWritten) << "it would be changed";
+    EXPECT_EQ(boot({"--snapshot"}).exit_status, 0);
+    EXPECT_EQ(ReadFile(file, 1u << 30), before) << "a snapshot leaves it";
+    fs::permissions(file, fs::perms(0640));
+    fs::create_symlink("chip", Shop().work("link"));
+    EXPECT_EQ(RunFixture({"boot", "--dataflash", Shop().work("link").string(), "--volume", Shop().work("").string()})
+                  .exit_status,
+              0);
+    EXPECT_TRUE(fs::is_symlink(Shop().work("link"))) << "the link's target is written";
+    EXPECT_EQ(fs::status(file).permissions(), fs::perms(0640)) << "the mode stays";
+    const Bytes after = ReadFile(file, 1u << 30);
+    EXPECT_NE(after, before) << "the update was stored";
+    EXPECT_EQ(after.size(), before.size());
+    const auto written = fs::last_write_time(file);
+    EXPECT_EQ(boot({}).exit_status, 0);
+    EXPECT_EQ(fs::last_write_time(file), written) << "nothing changed, nothing is written";
+    EXPECT_EQ(RunFixture({"boot", "--dataflash", file + "-typo"}).exit_status, kWrongCall);
+    EXPECT_FALSE(fs::exists(file + "-typo"));
+    EXPECT_EQ(RunFixture({"boot", "--eeprom", file + "-new", "--create"}).exit_status, kBad);
+    EXPECT_EQ(fs::file_size(file + "-new"), 2048u);
+}
+
+TEST(Contract, LayoutsAreRecognisedFromSizeAndContent) {
+    NandContents nand;
+    StoreProvision(RawFlashOf(nand), {0, Wrap(Bytes(600'000, 0x5A)), {}, ""});
+    const ChipShape shape = ShapeOf(nand);
+    const auto page = [&](std::uint32_t row) { return std::span<const std::uint8_t>(nand.page(row)); };
+    for (const ChipLayout layout : {ChipLayout::raw, ChipLayout::data_only})
+        for (const std::uint64_t pages : {std::uint64_t{2112}, std::uint64_t{2048 * 33 / 32}, std::uint64_t{640}}) {
+            const ChipFileLayout made{layout, pages * (layout == ChipLayout::raw ? shape.whole : shape.data)};
+            const Bytes bytes = ChipBytes(made, shape, 0, page);
+            EXPECT_EQ(bytes.size(), made.bytes);
+            EXPECT_EQ(RecogniseChip("chip", bytes, shape).layout, layout) << pages;
+        }
+    nand.make_factory_bad(9);
+    EXPECT_THROW(ChipBytesOf(nand, {ChipLayout::data_only, 0}), Refusal) << "no place for the mark";
+    EXPECT_EQ(Ranges(std::vector<std::uint32_t>{1, 5, 6, 9, 10, 11}), "1, 5, 6, 9 to 11");
+    for (unsigned block = 100; block < 140; ++block) nand.make_factory_bad(block);
+    EXPECT_THAT(ExamineFlash(RawFlashOf(nand)).warnings.at(0).text(), HasSubstr("is the file laid out otherwise?"));
+}
+
+// --- as processes of their own
+
+TEST(Processes, AStreamThatTakesNothingIsToldByTheStatus) {
+    const std::string eeprom = Shop().good("eeprom").string();
+    for (const StreamTo to : {StreamTo::closed, StreamTo::full}) {
+        for (const Words &words : {Words{"eeprom", "show", eeprom}, {"eeprom", "show", eeprom, "--json"}, {"--help"}}) {
+            Process told(words, to);
+            EXPECT_EQ(told.wait(), kStreamFailed);
+            EXPECT_EQ(told.text(), "fixture: standard output: cannot be written\n");
+        }
+        Process silent({"eeprom", "show", eeprom + "x"}, StreamTo::file, to);
+        EXPECT_EQ(silent.wait(), kStreamFailed) << "the error could not be told";
+    }
+}
+
+TEST(Processes, TwoAtOnceOnOneChipLoseNothing) {
+    Shop().lay_out({"", {}, nullptr, false, false});
+    const std::string file = Shop().work("eeprom").string();
+    std::list<Process> processes;
+    for (unsigned id = 0; id < 8; ++id) processes.emplace_back(Words{"eeprom", "set", file, fmt::format("{}=AB", id)});
+    for (Process &process : processes) EXPECT_EQ(process.wait(), 0) << process.text();
+    EepromContents chip;
+    LoadChip(chip, file);
+    const StoreReport store = ReadStore(chip.bytes);
+    ASSERT_TRUE(store.current);
+    EXPECT_EQ(store.sectors[*store.current].parameters.size(), 8u);
+}
+
+// Killed at any moment: the chip is the old one or the new one, whole, and nothing lies beside it.
+TEST(Processes, KilledAtAnyMomentLeaveOneWholeFile) {
+    Shop().lay_out({"", {}, nullptr, false, false});
+    const std::string file = Shop().work("nand").string();
+    fs::copy_file(Shop().good("dataflash"), file);
+    const Bytes old = ReadFile(file, 1u << 30);
+    At45Contents chip(*FindAt45Part(kDefaultAt45));
+    LoadChip(chip, file);
+    StoreProvision(RawFlashOf(chip), {1, ReadFile(Shop().good("stored.img"), 1u << 30), {}, ""});
+    const Bytes provisioned = ChipBytesOf(chip);
+    for (unsigned moment = 0; moment < 12; ++moment) {
+        WriteFile(file, old);
+        Process process({"flash", "provision", "--medium", "dataflash", "--dataflash", file, "--slot", "1",
+                         "--bootloader", Shop().good("stored.img").string()});
+        usleep(moment * 25'000);
+        process.send(moment % 2 ? SIGTERM : SIGKILL);
+        process.wait();
+        const Bytes left = ReadFile(file, 1u << 30);
+        EXPECT_TRUE(left == old || left == provisioned) << moment;
+        EXPECT_EQ(Shop().contents().size(), 1u) << moment;
+    }
+}
+
+} // namespace
+
+} // namespace fixture

@@ -1,0 +1,77 @@
+#include "tools/boot_hint.h"
+
+#include "formats/bank_check.h"
+#include "machine/raw_flash.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+
+namespace fixture {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+bool HasBootloader(const Chips &chips, Medium medium) {
+    const FlashReader read = medium == Medium::nand ? ReaderOf(chips.nand) : ReaderOf(chips.dataflash);
+    return ChooseBootloader(read, SlotsOf(medium)).has_value();
+}
+
+std::string OfMissingBootloader(const HintCall &call, const RunReport &report, const Chips &chips) {
+    const bool nand = report.medium == "NAND";
+    const Medium medium = nand ? Medium::nand : Medium::dataflash, other = nand ? Medium::dataflash : Medium::nand;
+    if (HasBootloader(chips, medium))
+        return call.host ? "the slot holds a bootloader that no native build stands for; try without --host" : "";
+    const bool given = !(nand ? call.nand : call.dataflash).empty();
+    const std::string found = given
+                                  ? fmt::format("the straps select the {}, which has no good bootloader", report.medium)
+                                  : fmt::format("the straps select the {}, and no file of it was given", report.medium);
+    if (HasBootloader(chips, other))
+        return fmt::format("{}; the {} has one: try --straps {}", found, NameOf(other), nand ? "none" : "12-13");
+    return found + "; store one with `fixture flash provision`, or see `fixture flash info`";
+}
+
+std::string OfVolume(const HintCall &call) {
+    if (call.volume.empty()) return "there is no volume; give the directory that holds data/ with --volume";
+    std::error_code error;
+    if (!fs::is_directory(fs::path(call.volume) / "data", error))
+        return fmt::format("{} holds no data/; the banks are looked for in data/app, data/oldapp and data/newapp",
+                           call.volume);
+    return fmt::format("no bank launches; see `fixture bank check {}`", call.volume);
+}
+
+std::string OfResets(const HintCall &call, const RunReport &report) {
+    const bool slots = !call.nand.empty() || !call.dataflash.empty();
+    if (report.place.starts_with("watchdog")) return "the watchdog ends every start; try a longer --watchdog";
+    if (slots) return fmt::format("see `fixture bank check {}` for banks that replace each other", call.volume);
+    return "no chip file was given, so every start is the same bootloader again: a bank that stores another one has no "
+           "effect; name the chips with --nand or --dataflash";
+}
+
+} // namespace
+
+std::string HintOf(const HintCall &call, const RunReport &report, const Chips &chips, const KnownFirmware &known) {
+    switch (report.verdict) {
+    case Verdict::no_bootloader: return OfMissingBootloader(call, report, chips);
+    case Verdict::idle: return OfVolume(call);
+    case Verdict::reset_loop: return OfResets(call, report);
+    case Verdict::hang:
+    case Verdict::fault: break;
+    default: return "";
+    }
+    if (!report.slot) return "";
+    const bool nand = report.medium == "NAND";
+    const FlashReader read = nand ? ReaderOf(chips.nand) : ReaderOf(chips.dataflash);
+    const StoredImage image = ReadSlot(read, SlotsOf(nand ? Medium::nand : Medium::dataflash).bootloader[*report.slot]);
+    const auto body = std::span(image.bytes).subspan(std::min<std::size_t>(image.bytes.size(), kImageHeaderBytes));
+    if (body.empty()) return "the slot holds a header and no bootloader after it";
+    return known.identify(body) ? "" : "no build known here stands for the image in the slot; it may be no bootloader";
+}
+
+std::string IdOf(Verdict verdict) {
+    std::string id = VerdictName(verdict);
+    std::replace(id.begin(), id.end(), ' ', '-');
+    return id;
+}
+
+} // namespace fixture

@@ -1,0 +1,22 @@
+// Why a board launched nothing, where the reason lies in the call or its files, and what to try.
+#pragma once
+
+#include "machine/machine.h"
+
+#include <string>
+
+namespace fixture {
+
+struct HintCall {
+    std::string straps;
+    std::string volume;
+    std::string nand, dataflash; // files; empty: not named
+    bool host = false;
+};
+// One line; empty where the report says all there is to say.
+std::string HintOf(const HintCall &call, const RunReport &report, const Chips &chips, const KnownFirmware &known);
+
+// The verdict as the identifier of a problem.
+std::string IdOf(Verdict verdict);
+
+} // namespace fixture

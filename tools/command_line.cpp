@@ -1,0 +1,132 @@
+// A call of `fixture` from its arguments to its exit status.
+#include "tools/commands.h"
+
+#include "tools/call_report.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <fmt/format.h>
+#include <iostream>
+
+namespace fixture {
+
+namespace {
+
+constexpr const char *kVersion = "fixture 1.0";
+
+constexpr std::array<AddCommand *, 10> kCommands = {
+    AddBootCommand,    AddBankCommand,  AddDiffCommand,  AddDoctorCommand, AddEepromCommand,
+    AddExplainCommand, AddFlashCommand, AddImageCommand, AddSplashCommand, AddSweepCommand};
+
+// The subcommands that the arguments name, for an error that comes before they are parsed.
+std::string CommandOf(const CLI::App &app, const std::vector<std::string> &arguments) {
+    std::string names;
+    const CLI::App *at = &app;
+    for (const std::string &argument : arguments) {
+        const auto subcommands = at->get_subcommands([&](const CLI::App *one) { return one->get_name() == argument; });
+        if (subcommands.empty()) break;
+        at = subcommands.front();
+        names += (names.empty() ? "" : " ") + argument;
+    }
+    return names;
+}
+
+bool WantsJson(const std::vector<std::string> &arguments) {
+    const auto end = std::find(arguments.begin(), arguments.end(), "--");
+    return std::find(arguments.begin(), end, "--json") != end;
+}
+
+int Report(const std::string &command, bool json, int status, const Problem &problem) {
+    std::fflush(stdout);
+    if (!json) {
+        fmt::print(stderr, "fixture: {}\n", problem.text());
+        return status;
+    }
+    CallReport outcome(command, json);
+    outcome.problems.push_back(problem);
+    return outcome.finish(status);
+}
+
+// A message of the parser, in one line.
+std::string OneLine(std::string text) {
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    while (text.ends_with(' ')) text.pop_back();
+    return text;
+}
+
+int ParseAndRun(CLI::App &app, const int &exit_status, const std::vector<std::string> &arguments) {
+    const std::string command = CommandOf(app, arguments);
+    const bool json = WantsJson(arguments);
+    const auto report = [&](int status, const Problem &problem) { return Report(command, json, status, problem); };
+    try {
+        std::vector<std::string> words(arguments.rbegin(), arguments.rend()); // the parser takes them from the end
+        app.parse(words);
+        return exit_status;
+    } catch (const CLI::Success &help) {
+        return app.exit(help);
+    } catch (const CLI::ParseError &error) {
+        const std::string name = command.empty() ? "fixture" : "fixture " + command;
+        return report(kWrongCall, {"wrong-call", name, OneLine(error.what()), ""});
+    } catch (const Refusal &refusal) {
+        return report(StatusOf(refusal.fault()), refusal.problem());
+    } catch (const std::filesystem::filesystem_error &error) {
+        return report(kWrongCall, {"unreadable", error.path1().string(), error.code().message(), ""});
+    } catch (const std::system_error &) {
+        throw; // of the streams, which nothing can be printed to
+    } catch (const std::bad_alloc &) {
+        return report(kOwnFault, {"out-of-memory", "", "out of memory", ""});
+    } catch (const std::runtime_error &error) {
+        return report(kWrongCall, {"wrong-call", "", error.what(), ""});
+    } catch (const std::invalid_argument &error) {
+        return report(kWrongCall, {"wrong-call", "", error.what(), ""});
+    } catch (const std::exception &error) {
+        return report(kOwnFault, {"own-fault", "", fmt::format("a fault of this program: {}", error.what()), ""});
+    }
+}
+
+// Nothing is said to be done before the streams have taken all of it.
+bool StreamsTookAll() {
+    std::cout.flush();
+    const bool out = std::fflush(stdout) == 0 && !std::ferror(stdout) && std::cout.good();
+    const bool error = std::fflush(stderr) == 0 && !std::ferror(stderr);
+    if (!out && error) std::fputs("fixture: standard output: cannot be written\n", stderr);
+    return out && error;
+}
+
+} // namespace
+
+int StatusOf(Fault fault) {
+    switch (fault) {
+    case Fault::content: return kBad;
+    case Fault::output: return kNotWritten;
+    case Fault::call:
+    case Fault::unreadable: break;
+    }
+    return kWrongCall;
+}
+
+std::span<AddCommand *const> AllCommands() { return kCommands; }
+
+int RunCall(std::span<AddCommand *const> commands, const std::vector<std::string> &arguments) {
+    CLI::App app("The virtual fixture: a board to run the bootloader on, and the tools for its images and chips",
+                 "fixture");
+    app.set_version_flag("--version", kVersion);
+    app.set_help_all_flag("--help-all", "Print the help of every subcommand");
+    app.require_subcommand(1);
+    app.footer(
+        "Exit status: 0 good, 1 the thing examined is bad, 2 the call is wrong, 3 a run that ended badly,\n"
+        "4 a file cannot be written, 5 standard output or error cannot be written, 6 a fault of fixture itself.");
+    int exit_status = kGood;
+    for (AddCommand *const add : commands) add(app, exit_status);
+    int status = kStreamFailed;
+    try {
+        status = ParseAndRun(app, exit_status, arguments);
+    } catch (const std::exception &) { // from printing
+    }
+    return StreamsTookAll() ? status : kStreamFailed;
+}
+
+} // namespace fixture
