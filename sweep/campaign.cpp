@@ -283,7 +283,8 @@ Part MergeParts(const std::vector<std::filesystem::path> &files, const std::stri
     for (std::size_t n = 1; n <= whole.shard.of; ++n)
         if (!seen.contains(n)) missing.push_back(n);
     if (!missing.empty() || files.empty())
-        throw Refusal(fmt::format("part {} of {} is missing", fmt::join(missing, ", "), whole.shard.of));
+        throw Refusal("campaign", fmt::format("part {} of {} is missing", fmt::join(missing, ", "), whole.shard.of),
+                      "every part");
     whole.shard = {};
     return whole;
 }

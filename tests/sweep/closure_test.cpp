@@ -102,7 +102,7 @@ TEST_F(Parts, GiveWhatOneRunGives) {
 }
 
 TEST_F(Parts, ThatDoNotFitAreRefusedByName) {
-    EXPECT_EQ(refusal({file(1), file(3)}), "part 2 of 3 is missing");
+    EXPECT_EQ(refusal({file(1), file(3)}), "campaign: part 2 of 3 is missing; expected every part");
     EXPECT_THAT(refusal({file(1), file(2), file(1), file(3)}), testing::HasSubstr(file(1).string() + " is it, too"));
     CampaignCall other = call;
     other.seed = 2;
