@@ -138,7 +138,8 @@ bool SlotDoctor::was_cut(const Match &match) const {
         ++pages;
         equal += match.equal[n];
     }
-    return 2 * equal < pages || match.prefix + 1 == match.pieces.size();
+    // Two builds may be the same in all that follows: then nothing there speaks against a cut.
+    return pages == 0 || 2 * equal < pages || match.prefix + 1 == match.pieces.size();
 }
 
 void SlotDoctor::note_damages(const Match &match) {
