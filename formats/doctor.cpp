@@ -338,7 +338,7 @@ void BoardDoctor::mend_rescue() {
                               fmt::format("erase the version record: a bank whose rescue image is \"{}\" too would not "
                                           "store it again",
                                           found_.record),
-                              "flash erase record", [record](const RawFlash &flash) { EraseRecord(flash); }});
+                              "flash erase record", [](const RawFlash &flash) { EraseRecord(flash); }});
 }
 
 FlashDiagnosis BoardDoctor::diagnose() {
