@@ -8,10 +8,16 @@
 #   make fuzz       run the fuzz targets on from their corpora, TIME=60 seconds each; FUZZ_ARGS: other fuzzer options
 #   make campaign   count the tables of docs/reliability.md in PARTS=8 parts, ENGINE=local or slurm
 #   make cluster-test   a campaign on a Slurm of this one machine; needs root
+#   make install    install below PREFIX=/usr/local, into DESTDIR=; cmake/install.cmake says what goes where
+#   make deb        Debian packages of it, in build/packages
+#   make package-test   install, use, pack and remove it in a directory of its own
+#   make reproducible   build the firmware twice, in two places, and compare every byte
 #   make lint       format and lint, as CI checks them
+#   make help       this list
 #   make clean
 
-.PHONY: campaign cluster-test boot test firmware fixture asan bench bench-record size fuzz lint setup clean
+.PHONY: help install deb package-test reproducible \
+	campaign cluster-test boot test firmware fixture asan bench bench-record size fuzz lint setup clean
 
 TIME = 60
 ENGINE = local
@@ -32,6 +38,25 @@ bench: firmware fixture
 bench-record: firmware fixture
 	@cmake --build build/host --target fixture-bench
 	@build/host/fixture-bench >build/bench.txt && mv build/bench.txt docs/bench.txt
+
+PREFIX = /usr/local
+
+install: firmware fixture
+	@DESTDIR=$(DESTDIR) cmake --install build/host --prefix $(PREFIX)
+
+deb: firmware fixture
+	@./setup.sh --package
+	@cd build/host && cpack -B ../packages
+
+package-test: firmware fixture
+	@./setup.sh --package
+	@cmake/package_test.sh build/host
+
+reproducible: setup
+	@cmake/reproducible.sh
+
+help:
+	@sed -n 's/^#   //p' Makefile
 
 size: firmware
 	@cmake/size_ledger.sh arm-none-eabi-nm build/arm/fixed/bootloader.map build/arm/fixed/bootloader.elf >build/size.txt
@@ -66,6 +91,7 @@ asan: setup
 
 setup:
 	@./setup.sh
+	@cmake/moved.sh
 	@mkdir -p build
 
 lint:

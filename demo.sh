@@ -2,10 +2,12 @@
 # What `make boot` shows: a board as it left production with bootloader 1.9.0 in its slot, and a bank on its volume that
 # carries 1.9.1, a rescue image and the demo application. The board updates itself, resets, comes back as 1.9.1 and
 # launches the application.
+#
+#   demo.sh [FIXTURE [OUT]]
 set -eu
 cd "$(dirname "$0")"
-fixture=build/host/fixture
-out=out
+fixture=${1:-build/host/fixture}
+out=${2:-out}
 board=$out/board
 rm -rf "$board"
 mkdir -p "$board" "$out/volume/data"

@@ -10,10 +10,11 @@ libunicorn-dev libelf-dev libdw-dev libcli11-dev libfmt-dev nlohmann-json3-dev
 libpng-dev libgif-dev libchafa-dev libglib2.0-dev
 libgtest-dev libgmock-dev sigrok-cli spin z3 python3-jsonschema
 "
-# Only what CI, `make test`, `make lint`, `make fuzz` and `make cluster-test` use beyond that.
+# Only what CI, `make test`, `make lint`, `make fuzz`, `make deb` and `make cluster-test` use beyond that.
 case "${1:-}" in
 --lint) packages="$packages clang-format clang-tidy python3" ;;
 --test) packages="$packages gdb gdb-multiarch chromium chromium-driver libcpp-httplib-dev" ;;
+--package) packages="$packages dpkg-dev file" ;;
 --cluster) packages="$packages slurm-wlm munge" ;;
 --fuzz) packages="$packages clang libclang-rt-14-dev" ;;
 esac

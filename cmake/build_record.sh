@@ -2,8 +2,10 @@
 # Writes the banner's facts about the working copy as <build_record.h>:  build_record.sh SOURCE_DIR OUTPUT_DIR
 #
 # The record is kept while the facts stay the same, so that all builds of a tree carry one build time and nothing is
-# compiled again for a new minute. With SOURCE_DATE_EPOCH set, the build time is that moment. Without version control
-# the record says revision 0 of the day of the build.
+# compiled again for a new minute. The build time of an unmodified working copy is its revision's own time, so that
+# whoever builds a revision, wherever and whenever, gets the same bytes. A modified one has the time of its build. With
+# SOURCE_DATE_EPOCH set, the build time is that moment. Without version control the record says revision 0 of the day
+# of the build.
 set -eu
 source=$1
 output=$2
@@ -20,7 +22,11 @@ if in_git rev-parse HEAD >/dev/null; then
     range=$revision
     date=$(stamp "$(in_git log -1 --format=%ct)")
     if [ "$(in_git rev-parse --is-shallow-repository)" = true ]; then mixed=yes; fi
-    if [ -n "$(in_git status --porcelain --untracked-files=no)" ]; then modified=yes; fi
+    if [ -n "$(in_git status --porcelain --untracked-files=no)" ]; then
+        modified=yes
+    else
+        SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(in_git log -1 --format=%ct)}
+    fi
     # A location that others can use: no user name, no password, no path of this machine.
     url=$(in_git config --get remote.origin.url || true)
     case "$url" in

@@ -5,6 +5,14 @@ set(ARM_FLAGS -mcpu=arm926ej-s -marm)
 add_compile_options(${ARM_FLAGS} $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions> $<$<COMPILE_LANGUAGE:CXX>:-fno-rtti>
                     $<$<COMPILE_LANGUAGE:CXX>:-fno-threadsafe-statics> $<$<COMPILE_LANGUAGE:CXX>:-fno-use-cxa-atexit>)
 
+# No image knows where it was built: debug data name sources from the tree's root, like ./src/main.cpp.
+add_compile_options(-ffile-prefix-map=${CMAKE_SOURCE_DIR}=. -ffile-prefix-map=${CMAKE_BINARY_DIR}=./build)
+
+# Archives without times, owners and modes.
+set(CMAKE_CXX_ARCHIVE_CREATE "<CMAKE_AR> qcD <TARGET> <LINK_FLAGS> <OBJECTS>")
+set(CMAKE_CXX_ARCHIVE_APPEND "<CMAKE_AR> qD <TARGET> <LINK_FLAGS> <OBJECTS>")
+set(CMAKE_CXX_ARCHIVE_FINISH "<CMAKE_RANLIB> -D <TARGET>")
+
 set(PLATFORM ${CMAKE_SOURCE_DIR}/platform/at91sam9263)
 file(GLOB PLATFORM_SOURCES CONFIGURE_DEPENDS ${PLATFORM}/*.cpp ${PLATFORM}/*.S
      ${CMAKE_SOURCE_DIR}/platform/common/*.cpp)
@@ -92,6 +100,15 @@ add_custom_command(
     COMMAND ${CMAKE_SOURCE_DIR}/cmake/needed_symbols.sh ${CMAKE_NM} ${CMAKE_BINARY_DIR}/libbootloader.a > ${needs}
     DEPENDS board-bootloader-modules ${CMAKE_SOURCE_DIR}/cmake/needed_symbols.sh)
 add_custom_target(libbootloader ALL DEPENDS ${CMAKE_BINARY_DIR}/libbootloader.a)
+
+# What the image is made of, and the notices that have to go with it.
+add_custom_command(
+    OUTPUT ${CMAKE_BINARY_DIR}/bootloader.spdx.json ${CMAKE_BINARY_DIR}/NOTICE
+    COMMAND ${CMAKE_SOURCE_DIR}/cmake/bill.py $<TARGET_FILE:board-bootloader> ${CMAKE_BINARY_DIR}/bootloader.spdx.json
+            --map ${CMAKE_BINARY_DIR}/bootloader.map --notice ${CMAKE_BINARY_DIR}/NOTICE
+            --record ${BUILD_RECORD}/build_record.h
+    DEPENDS board-bootloader ${CMAKE_SOURCE_DIR}/cmake/bill.py)
+add_custom_target(image-bill ALL DEPENDS ${CMAKE_BINARY_DIR}/bootloader.spdx.json)
 
 # Demo programs that a board can launch: flat binaries.
 file(GLOB DEMOS CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/assets/demo-*)

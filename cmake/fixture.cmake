@@ -28,7 +28,7 @@ function(add_bench_library name folder)
     file(GLOB sources CONFIGURE_DEPENDS ${folder}/*.cpp ${folder}/*/*.cpp)
     list(FILTER sources EXCLUDE REGEX "/main\\.cpp$")
     add_library(${name} STATIC ${sources})
-    target_include_directories(${name} PUBLIC ${CMAKE_SOURCE_DIR})
+    target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}>)
     target_link_libraries(${name} PUBLIC ${ARGN})
 endfunction()
 
@@ -73,9 +73,10 @@ set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS machine/report_pa
 configure_file(cmake/report_page.cpp.in ${CMAKE_BINARY_DIR}/made/report_page.cpp @ONLY)
 target_sources(machine PRIVATE ${CMAKE_BINARY_DIR}/made/report_page.cpp)
 add_bench_library(sweep sweep machine nlohmann_json::nlohmann_json)
-# The preview's library stands before the emulator's: it brings GLib, of which the emulator library has some routines
-# under the same names, in a version of its own. The first ones at the link serve both libraries, and only GLib's can.
-add_bench_library(tools tools PkgConfig::CHAFA sweep CLI11::CLI11 nlohmann_json::nlohmann_json)
+add_bench_library(tools tools sweep CLI11::CLI11 nlohmann_json::nlohmann_json)
+# The one source that knows its revision.
+set_property(SOURCE tools/version.cpp PROPERTY INCLUDE_DIRECTORIES ${BUILD_RECORD})
+add_dependencies(tools build-record)
 
 # The large headers are read once, not for every file.
 target_precompile_headers(tools PRIVATE <CLI/CLI.hpp> <fmt/format.h> <nlohmann/json.hpp>)
@@ -86,6 +87,27 @@ set(NATIVE_LINK -rdynamic -Wl,--defsym=image_load_buf=0x23000000
 
 add_executable(fixture tools/main.cpp)
 target_link_libraries(fixture PRIVATE native-modules tools ${NATIVE_LINK})
+
+# A program of its own: its library's licence and the emulator's cannot meet in one (docs/licences.md).
+add_executable(fixture-preview tools/preview/main.cpp)
+target_link_libraries(fixture-preview PRIVATE PkgConfig::CHAFA)
+add_dependencies(fixture fixture-preview)
+
+# What a program is made of.
+function(add_bill target)
+    set(bill ${CMAKE_BINARY_DIR}/${target}.spdx.json)
+    add_custom_command(
+        OUTPUT ${bill}
+        COMMAND ${CMAKE_SOURCE_DIR}/cmake/bill.py $<TARGET_FILE:${target}> ${bill}
+                --record ${BUILD_RECORD}/build_record.h --uses ${ARGN}
+        DEPENDS ${target} ${CMAKE_SOURCE_DIR}/cmake/bill.py)
+    add_custom_target(${target}-bill ALL DEPENDS ${bill})
+endfunction()
+if(NOT SANITIZE AND NOT FUZZ)
+    add_bill(fixture ${CLI11_DIR} ${nlohmann_json_DIR})
+    add_bill(fixture-preview)
+    include(cmake/install.cmake)
+endif()
 
 add_bench_library(harness harness tools)
 if(SANITIZE)
@@ -126,6 +148,16 @@ if(SANITIZE)
         get_filename_component(name ${file} NAME_WE)
         add_test(NAME lemmas.${name} COMMAND ${CMAKE_SOURCE_DIR}/tests/lemmas/check.sh ${file})
     endforeach()
+
+    # The firmware is the same bytes, wherever and whenever it is built.
+    add_test(NAME Build.IsReproducible COMMAND ${CMAKE_SOURCE_DIR}/cmake/reproducible.sh)
+
+    # A second platform, built from the archive as the guide says, comes to its launch.
+    add_test(NAME Port.LaunchesFromFilesInMemory
+             COMMAND ${CMAKE_SOURCE_DIR}/examples/port/build.sh $<TARGET_FILE:fixture> ${CMAKE_BINARY_DIR}/port)
+
+    # Every command that a document shows.
+    add_test(NAME Documents.CommandsRun COMMAND ${CMAKE_SOURCE_DIR}/tests/documents/run.py $<TARGET_FILE:fixture>)
 
     # No line of the image's ledger grows unseen.
     set(image ${CMAKE_SOURCE_DIR}/build/arm/fixed/bootloader)

@@ -104,6 +104,7 @@ LAYERS = {
     "bench": ["bench", "harness", "tools", "sweep", "machine", "fixture", "formats", "platform"],
     "tests": ["tests", "fuzz", "harness", "tools", "sweep", "machine", "fixture", "formats", "platform"],
     "assets": [],
+    "examples": [""],
     "lint": ["harness", "tools", "sweep", "machine", "fixture", "formats", "platform", "src"],
 }
 # Meant all the same: the descriptor is read by the bootloader's own reader, so that the tool finds in it what a board

@@ -65,11 +65,6 @@ const Firmware *KnownFirmware::identify(std::span<const std::uint8_t> body) cons
     return nullptr;
 }
 
-fs::path FirmwareDirectory() {
-    std::error_code error;
-    return fs::read_symlink("/proc/self/exe", error).parent_path().parent_path() / "arm";
-}
-
 void LoadElf(const ElfImage &image, const Memory &memory, bool clear) {
     for (const ElfSegment &segment : image.segments()) {
         const std::span<std::uint8_t> place = memory.at(segment.address, segment.memory_size);

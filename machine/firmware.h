@@ -6,6 +6,7 @@
 
 #include "fixture/processors/processor.h"
 #include "formats/elf_image.h"
+#include "machine/installation.h"
 #include "platform/host/native_processor.h"
 
 #include <cstdint>
@@ -52,8 +53,5 @@ void LoadElf(const ElfImage &image, const Memory &memory, bool clear = true);
 
 // Reads an ELF or a flat binary. Throws Refusal.
 Firmware ReadFirmware(const std::filesystem::path &file);
-
-// The directory of this program's sibling build for the board: <build>/arm beside <build>/host.
-std::filesystem::path FirmwareDirectory();
 
 } // namespace fixture

@@ -9,6 +9,7 @@
 #include "tools/boot_hint.h"
 #include "tools/call_report.h"
 #include "tools/chip_files.h"
+#include "tools/demo_board.h"
 #include "tools/numbers.h"
 #include "tools/replay.h"
 #include "tools/terminal_preview.h"
@@ -29,6 +30,7 @@ namespace fs = std::filesystem;
 namespace {
 
 struct BootCall {
+    bool demo = false;
     std::string firmware;
     bool host = false;
     std::string volume;
@@ -74,6 +76,7 @@ public:
         const bool replay = !call.replay.empty();
         const ChipUse use = call.snapshot ? ChipUse::look : call.create || replay ? ChipUse::create : ChipUse::change;
         if (replay) RequireNewFiles({files.nand, files.dataflash, call.eeprom});
+        if (call.demo) DemoBoard::provision(chips.nand);
         if (!files.nand.empty()) nand_.emplace(chips.nand, files.nand, use, outputs);
         if (!files.dataflash.empty()) dataflash_.emplace(chips.dataflash, files.dataflash, use, outputs);
         if (!call.eeprom.empty()) eeprom_.emplace(chips.eeprom, call.eeprom, use, outputs);
@@ -204,7 +207,8 @@ void UseReplay(const Replay &replay, RunOptions &options, Chips &chips) {
 
 // The image of --firmware, or else the usual one. On this machine's processor it must stand for a native build.
 Firmware FirmwareOf(const BootCall &call, const KnownFirmware &known) {
-    const fs::path file = call.firmware.empty() ? FirmwareDirectory() / "bootloader.elf" : fs::path(call.firmware);
+    const fs::path file =
+        call.firmware.empty() ? NeededFirmwareDirectory() / "bootloader.elf" : fs::path(call.firmware);
     Firmware firmware = ReadFirmware(file);
     if (!call.host || call.firmware.empty()) return firmware;
     const Firmware *const build = known.identify(firmware.flat);
@@ -225,7 +229,7 @@ RunOptions OptionsOf(const BootCall &call, const KnownFirmware &known) {
         options.board.watchdog = static_cast<Picoseconds>(call.watchdog * static_cast<double>(kSecond));
     options.file_server_fails = call.fail == "file-server";
     options.most_resets = call.most_resets;
-    options.slots = call.files.named();
+    options.slots = call.demo || call.files.named();
     options.keep_going = call.observe.keep_going;
     options.sightings = true;
     return options;
@@ -249,13 +253,23 @@ int Report(const BootCall &call, const RunReport &report, const std::string &end
     return outcome.finish(status);
 }
 
-int Boot(const BootCall &call) {
+// The demo board's own answers to what a call can say about a board.
+std::unique_ptr<DemoBoard> UseDemoBoard(BootCall &call) {
+    if (!call.demo) return nullptr;
+    auto board = std::make_unique<DemoBoard>();
+    call.volume = board->volume().string();
+    call.straps = "12-13";
+    return board;
+}
+
+int Boot(BootCall call) {
     RequireDirectory(call.volume);
     if (call.host && call.observe.gdb_port)
         throw Refusal(Fault::call, {"wrong-call", "--gdb", "needs the emulated processor",
                                     "no --host: there this machine's own debugger serves"});
     if (call.host) HandOverToSanitizedBuild();
     CallReport outcome("boot", call.json);
+    const std::unique_ptr<DemoBoard> demo = UseDemoBoard(call);
     OutputFiles outputs;
     BoardChips board(call, outputs);
     PanelFiles panel(call, outputs);
@@ -319,6 +333,9 @@ void AddBootCommand(CLI::App &app, int &exit_status) {
     command->add_option("--max-resets", call->most_resets, "resets before the run counts as a loop")
         ->check(WholeNumber(1, 1'000'000))
         ->capture_default_str();
+    CLI::Option *const demo =
+        command->add_flag("--demo", call->demo, "a demo board, made for this run; the same as no option at all");
+    for (CLI::Option *const option : {firmware, volume, straps}) demo->excludes(option);
     AddObserveOptions(*command, call->observe);
     call->files.add_options(*command, "chip file, which keeps what the board writes", true);
     command->add_option("--eeprom", call->eeprom, "parameter EEPROM's chip file");
@@ -339,12 +356,17 @@ void AddBootCommand(CLI::App &app, int &exit_status) {
     CLI::Option *const replay = command->add_option(
         "--replay", call->replay,
         "a case of a sweep, by the name that the sweep gives it; its chips are kept in new files only");
-    for (CLI::Option *const option : {firmware, volume, straps, fail, watchdog, snapshot}) replay->excludes(option);
+    for (CLI::Option *const option : {firmware, volume, straps, fail, watchdog, snapshot, demo})
+        replay->excludes(option);
     command->add_option("--power-up", call->power_up, "which power-up of the case, from 0 [the first after its cuts]")
         ->check(WholeNumber(0, 1000))
         ->needs(replay);
     command->add_flag("--json", call->json, "verdict as one JSON object; the console goes to standard error");
-    command->callback([call, &exit_status] { exit_status = Boot(*call); });
+    command->callback([call, command, &exit_status] {
+        const auto given = [](const CLI::Option *option) { return option->count() > 0; };
+        if (command->get_options(given).empty()) call->demo = true;
+        exit_status = Boot(*call);
+    });
 }
 
 } // namespace fixture

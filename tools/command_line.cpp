@@ -10,16 +10,15 @@
 #include <filesystem>
 #include <fmt/format.h>
 #include <iostream>
+#include <utility>
 
 namespace fixture {
 
 namespace {
 
-constexpr const char *kVersion = "fixture 1.0";
-
-constexpr std::array<AddCommand *, 10> kCommands = {
-    AddBootCommand,    AddBankCommand,  AddDiffCommand,  AddDoctorCommand, AddEepromCommand,
-    AddExplainCommand, AddFlashCommand, AddImageCommand, AddSplashCommand, AddSweepCommand};
+constexpr std::array kCommands = {AddBootCommand,   AddBankCommand,   AddDescribeCommand, AddDiffCommand,
+                                  AddDoctorCommand, AddEepromCommand, AddExplainCommand,  AddFlashCommand,
+                                  AddImageCommand,  AddSplashCommand, AddSweepCommand};
 
 // The subcommands that the arguments name, for an error that comes before they are parsed.
 std::string CommandOf(const CLI::App &app, const std::vector<std::string> &arguments) {
@@ -32,6 +31,54 @@ std::string CommandOf(const CLI::App &app, const std::vector<std::string> &argum
         names += (names.empty() ? "" : " ") + argument;
     }
     return names;
+}
+
+// How many letters have to be put in, left out or changed to make one of the other.
+std::size_t Distance(std::string_view a, std::string_view b) {
+    std::vector<std::size_t> row(b.size() + 1);
+    for (std::size_t j = 0; j <= b.size(); ++j) row[j] = j;
+    for (std::size_t i = 1; i <= a.size(); ++i) {
+        std::size_t diagonal = std::exchange(row[0], i);
+        for (std::size_t j = 1; j <= b.size(); ++j) {
+            const std::size_t changed = diagonal + (a[i - 1] == b[j - 1] ? 0 : 1);
+            diagonal = std::exchange(row[j], std::min({row[j] + 1, row[j - 1] + 1, changed}));
+        }
+    }
+    return row.back();
+}
+
+// What may stand at this place of a call: subcommands, or options with their dashes.
+std::vector<std::string> Expected(const CLI::App &at, bool option) {
+    std::vector<std::string> names;
+    for (const CLI::App *sub : at.get_subcommands([](const CLI::App *) { return true; })) {
+        if (!option && !sub->get_name().empty()) names.push_back(sub->get_name());
+        if (option && sub->get_name().empty())
+            for (std::string &name : Expected(*sub, true)) names.push_back(std::move(name));
+    }
+    if (option)
+        for (const CLI::Option *each : at.get_options())
+            for (const std::string &name : each->get_lnames()) names.push_back("--" + name);
+    return names;
+}
+
+// "did you mean ...?" for the first word that nothing here is called and something is nearly called; else nothing.
+std::string Suggestion(const CLI::App &app, const std::vector<std::string> &arguments) {
+    const CLI::App *at = &app;
+    for (const std::string &argument : arguments) {
+        const std::string word = argument.substr(0, argument.find('='));
+        const std::vector<std::string> names = Expected(*at, word.starts_with("--"));
+        if (std::find(names.begin(), names.end(), word) != names.end()) {
+            if (!word.starts_with('-')) at = at->get_subcommand(word);
+            continue;
+        }
+        const auto nearest = std::min_element(names.begin(), names.end(), [&](const auto &a, const auto &b) {
+            return Distance(a, word) < Distance(b, word);
+        });
+        const std::size_t most = std::max<std::size_t>(1, word.size() / 3);
+        if (nearest != names.end() && Distance(*nearest, word) <= most)
+            return fmt::format("; did you mean \"{}\"?", *nearest);
+    }
+    return "";
 }
 
 bool WantsJson(const std::vector<std::string> &arguments) {
@@ -69,7 +116,8 @@ int ParseAndRun(CLI::App &app, const int &exit_status, const std::vector<std::st
         return app.exit(help);
     } catch (const CLI::ParseError &error) {
         const std::string name = command.empty() ? "fixture" : "fixture " + command;
-        return report(kWrongCall, {"wrong-call", name, OneLine(error.what()), ""});
+        const std::string what = OneLine(error.what()) + Suggestion(app, arguments);
+        return report(kWrongCall, {"wrong-call", name, what, ""});
     } catch (const Refusal &refusal) {
         return report(StatusOf(refusal.fault()), refusal.problem());
     } catch (const std::filesystem::filesystem_error &error) {
@@ -113,7 +161,7 @@ std::span<AddCommand *const> AllCommands() { return kCommands; }
 int RunCall(std::span<AddCommand *const> commands, const std::vector<std::string> &arguments) {
     CLI::App app("The virtual fixture: a board to run the bootloader on, and the tools for its images and chips",
                  "fixture");
-    app.set_version_flag("--version", kVersion);
+    app.set_version_flag("--version", VersionText());
     app.set_help_all_flag("--help-all", "Print the help of every subcommand");
     app.require_subcommand(1);
     app.footer(

@@ -30,10 +30,13 @@ enum ExitStatus : int {
 int StatusOf(Fault fault);
 
 using AddCommand = void(CLI::App &app, int &exit_status);
-AddCommand AddBankCommand, AddBootCommand, AddDiffCommand, AddDoctorCommand, AddEepromCommand, AddExplainCommand,
-    AddFlashCommand, AddImageCommand, AddSplashCommand, AddSweepCommand;
+AddCommand AddBankCommand, AddBootCommand, AddDescribeCommand, AddDiffCommand, AddDoctorCommand, AddEepromCommand,
+    AddExplainCommand, AddFlashCommand, AddImageCommand, AddSplashCommand, AddSweepCommand;
 // All of them, in the order of the help.
 std::span<AddCommand *const> AllCommands();
+
+// "fixture 1.0, revision 165 of 2026/11/22 12:00:01", and whether its working copy was modified.
+std::string VersionText();
 
 // One call, with the arguments after the program's name. Prints what there is to print, errors as well, in the form
 // that the call asks for, and returns the exit status. Nothing is thrown.

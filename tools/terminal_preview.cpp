@@ -1,93 +1,103 @@
 #include "tools/terminal_preview.h"
 
-#include <algorithm>
-#include <chafa.h>
-#include <memory>
-#include <optional>
+#include "machine/installation.h"
+
+#include <array>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <poll.h>
+#include <spawn.h>
 #include <string_view>
 #include <sys/ioctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
-#include <vector>
 
 namespace fixture {
 
 namespace {
 
-constexpr float kCellShape = 0.5F; // width of a character to its height
-constexpr int kWidest = 80;        // cells: the panel's 320 columns, four to a cell
-
-template <auto Release> struct Releaser {
-    template <typename Object> void operator()(Object *object) const { Release(object); }
-};
-template <typename Object, auto Release> using Held = std::unique_ptr<Object, Releaser<Release>>;
-
-using Terminal = Held<ChafaTermInfo, chafa_term_info_unref>;
-
-Terminal DetectTerminal(const char *const *environment) {
-    std::vector<gchar *> variables;
-    for (; *environment != nullptr; ++environment) variables.push_back(const_cast<gchar *>(*environment));
-    variables.push_back(nullptr);
-    return Terminal(chafa_term_db_detect(chafa_term_db_get_default(), variables.data()));
-}
-
-// The library takes a terminal that it does not know for one with colours.
+// The program that prints does not know every terminal: it takes one that it does not know for one with colours.
 bool ShowsColours(const char *const *environment) {
-    constexpr std::string_view kName = "TERM=";
+    std::string_view terminal;
     for (; *environment != nullptr; ++environment) {
         const std::string_view variable = *environment;
-        if (variable.starts_with(kName)) return variable != kName && variable.substr(kName.size()) != "dumb";
+        if (variable.starts_with("TERM=")) terminal = variable.substr(5);
+        if (variable.starts_with("NO_COLOR=") && variable != "NO_COLOR=") return false;
     }
-    return false;
+    return !terminal.empty() && terminal != "dumb";
 }
 
-struct Means {
-    ChafaTermSeq needs;
-    ChafaPixelMode pixels;
-    ChafaCanvasMode colours;
+struct Pipe {
+    Pipe() {
+        std::array<int, 2> ends{-1, -1};
+        if (pipe2(ends.data(), O_CLOEXEC) == 0) read_end = ends[0], write_end = ends[1];
+    }
+    ~Pipe() {
+        shut(read_end);
+        shut(write_end);
+    }
+    Pipe(const Pipe &) = delete;
+    Pipe &operator=(const Pipe &) = delete;
+    static void shut(int &end) {
+        if (end >= 0) close(end);
+        end = -1;
+    }
+
+    int read_end = -1;
+    int write_end = -1;
 };
 
-std::optional<Means> BestMeans(const ChafaTermInfo *terminal) {
-    static constexpr Means kBestFirst[] = {
-        {CHAFA_TERM_SEQ_BEGIN_KITTY_IMMEDIATE_IMAGE_V1, CHAFA_PIXEL_MODE_KITTY, CHAFA_CANVAS_MODE_TRUECOLOR},
-        {CHAFA_TERM_SEQ_BEGIN_ITERM2_IMAGE, CHAFA_PIXEL_MODE_ITERM2, CHAFA_CANVAS_MODE_TRUECOLOR},
-        {CHAFA_TERM_SEQ_BEGIN_SIXELS, CHAFA_PIXEL_MODE_SIXELS, CHAFA_CANVAS_MODE_TRUECOLOR},
-        {CHAFA_TERM_SEQ_SET_COLOR_FGBG_DIRECT, CHAFA_PIXEL_MODE_SYMBOLS, CHAFA_CANVAS_MODE_TRUECOLOR},
-        {CHAFA_TERM_SEQ_SET_COLOR_FGBG_256, CHAFA_PIXEL_MODE_SYMBOLS, CHAFA_CANVAS_MODE_INDEXED_240},
-        {CHAFA_TERM_SEQ_SET_COLOR_FGBG_16, CHAFA_PIXEL_MODE_SYMBOLS, CHAFA_CANVAS_MODE_INDEXED_16},
-    };
-    for (const Means &means : kBestFirst)
-        if (chafa_term_info_have_seq(terminal, means.needs)) return means;
-    return std::nullopt;
+// Writes `input` and reads what comes, whichever goes, until the other side has closed its end.
+std::string Exchange(Pipe &to, Pipe &from, std::string_view input) {
+    fcntl(to.write_end, F_SETFL, O_NONBLOCK); // else a write of more than the pipe holds would wait for good
+    std::string output;
+    std::array<char, 65536> buffer;
+    for (;;) {
+        std::array<pollfd, 2> ends{pollfd{from.read_end, POLLIN, 0}, pollfd{to.write_end, POLLOUT, 0}};
+        if (poll(ends.data(), ends.size(), -1) < 0) return output;
+        if (ends[1].revents != 0) {
+            const ssize_t written = write(to.write_end, input.data(), input.size());
+            if (written > 0) input.remove_prefix(static_cast<std::size_t>(written));
+            if (written < 0 || input.empty()) Pipe::shut(to.write_end);
+        }
+        if (ends[0].revents == 0) continue;
+        const ssize_t count = read(from.read_end, buffer.data(), buffer.size());
+        if (count <= 0) return output;
+        output.append(buffer.data(), static_cast<std::size_t>(count));
+    }
+}
+
+// What a program prints that is given `input`; empty where it does not run or ends badly.
+std::string OutputOf(const std::vector<std::string> &words, std::string_view input, const char *const *environment) {
+    Pipe to, from;
+    if (to.write_end < 0 || from.read_end < 0) return {};
+    std::vector<char *> arguments;
+    for (const std::string &word : words) arguments.push_back(const_cast<char *>(word.c_str()));
+    arguments.push_back(nullptr);
+    posix_spawn_file_actions_t streams;
+    posix_spawn_file_actions_init(&streams);
+    posix_spawn_file_actions_adddup2(&streams, to.read_end, STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&streams, from.write_end, STDOUT_FILENO);
+    pid_t child = -1;
+    const int failed =
+        posix_spawn(&child, arguments[0], &streams, nullptr, arguments.data(), const_cast<char *const *>(environment));
+    posix_spawn_file_actions_destroy(&streams);
+    if (failed != 0) return {};
+    Pipe::shut(to.read_end);
+    Pipe::shut(from.write_end);
+    const std::string output = Exchange(to, from, input);
+    int status = 0;
+    waitpid(child, &status, 0);
+    return status == 0 ? output : std::string{};
 }
 
 } // namespace
 
 std::string TerminalPreview(const Picture &picture, int columns, int rows, const char *const *environment) {
     if (!ShowsColours(environment) || picture.pixels.empty()) return {};
-    const Terminal terminal = DetectTerminal(environment);
-    const std::optional<Means> means = BestMeans(terminal.get());
-    if (!means) return {};
-
-    const int width = static_cast<int>(picture.width);
-    const int height = static_cast<int>(picture.height);
-    int cells_across = std::clamp(columns, 1, kWidest);
-    int cells_down = std::max(rows, 1);
-    chafa_calc_canvas_geometry(width, height, &cells_across, &cells_down, kCellShape, FALSE, FALSE);
-
-    const Held<ChafaSymbolMap, chafa_symbol_map_unref> symbols(chafa_symbol_map_new());
-    chafa_symbol_map_add_by_tags(symbols.get(), CHAFA_SYMBOL_TAG_BLOCK);
-    const Held<ChafaCanvasConfig, chafa_canvas_config_unref> config(chafa_canvas_config_new());
-    chafa_canvas_config_set_geometry(config.get(), cells_across, cells_down);
-    chafa_canvas_config_set_pixel_mode(config.get(), means->pixels);
-    chafa_canvas_config_set_canvas_mode(config.get(), means->colours);
-    chafa_canvas_config_set_symbol_map(config.get(), symbols.get());
-    const Held<ChafaCanvas, chafa_canvas_unref> canvas(chafa_canvas_new(config.get()));
-    chafa_canvas_draw_all_pixels(canvas.get(), CHAFA_PIXEL_RGB8,
-                                 reinterpret_cast<const guint8 *>(picture.pixels.data()), width, height, width * 3);
-    GString *const text = chafa_canvas_print(canvas.get(), terminal.get());
-    const std::string result(text->str, text->len);
-    g_string_free(text, TRUE);
-    return result + "\n";
+    std::string file = fmt::format("P6 {} {} 255\n", picture.width, picture.height);
+    file.append(reinterpret_cast<const char *>(picture.pixels.data()), picture.pixels.size() * 3);
+    return OutputOf({PreviewProgram().string(), std::to_string(columns), std::to_string(rows)}, file, environment);
 }
 
 void PrintPreview(std::FILE *stream, const Picture &picture) {

@@ -9,7 +9,8 @@
 namespace fixture {
 
 // What prints the picture on a terminal of `columns` x `rows` cells that the environment (TERM and others) describes,
-// at most so large. Empty for a terminal without colours.
+// at most so large. Empty for a terminal without colours and where NO_COLOR is set. A program of its own makes it
+// (machine/installation.h); empty as well where that is not installed.
 std::string TerminalPreview(const Picture &picture, int columns, int rows, const char *const *environment);
 
 // Prints the picture if `stream` is a terminal that can show it, else nothing.

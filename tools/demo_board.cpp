@@ -1,0 +1,49 @@
+#include "tools/demo_board.h"
+
+#include "formats/bank.h"
+#include "formats/stored_image.h"
+#include "machine/installation.h"
+#include "machine/raw_flash.h"
+
+#include <cstdlib>
+
+namespace fixture {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+BankFile FileOf(FileRole role, const fs::path &source, const char *version) {
+    return {role, source, version, role == FileRole::application ? ReadStartedImage(source) : ReadStoredImage(source)};
+}
+
+} // namespace
+
+DemoBoard::DemoBoard() {
+    const fs::path images = NeededFirmwareDirectory();
+    const std::vector<BankFile> files = {
+        FileOf(FileRole::application, images / "demo-application.bin", "2.0"),
+        FileOf(FileRole::bootloader, images / "bootloader-1.9.1.bin", "1.9.1"),
+        FileOf(FileRole::rescue, images / "demo-rescue.bin", "1.0"),
+    };
+    std::string name = (fs::temp_directory_path() / "fixture-demo-XXXXXX").string();
+    if (!mkdtemp(name.data()))
+        throw Refusal(Fault::output, {"no-directory", name, "no directory can be made there", "TMPDIR with room"});
+    volume_ = name;
+    const fs::path bank = volume_ / "data/app";
+    fs::create_directories(bank / kFileDirectory);
+    for (const BankFile &file : files) WriteFile(bank / file.path(), file.bytes);
+    WriteFile(bank / kDescriptorName, MakeDescriptor(files));
+    WriteFile(bank / kManifestName, MakeManifest(files));
+}
+
+DemoBoard::~DemoBoard() {
+    std::error_code error;
+    fs::remove_all(volume_, error);
+}
+
+void DemoBoard::provision(NandContents &nand) {
+    StoreProvision(RawFlashOf(nand), {0, ReadStoredImage(NeededFirmwareDirectory() / "bootloader.bin"), {}, ""});
+}
+
+} // namespace fixture
