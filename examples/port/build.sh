@@ -5,7 +5,7 @@
 #
 # FIXTURE is the command to use, OUT the directory to build in. This is docs/porting.md, followed step by step.
 set -eu
-root=$(cd "$(dirname "$0")/../.." && pwd)
+root=$(cd "$(dirname "$(readlink -f "$0")")/../.." && pwd)
 fixture=${1:-$root/build/host/fixture}
 out=${2:-$root/out/port}
 arm=$root/build/arm
