@@ -14,7 +14,7 @@ libgtest-dev libgmock-dev sigrok-cli spin z3 python3-jsonschema
 case "${1:-}" in
 --lint) packages="$packages clang-format clang-tidy python3" ;;
 --test) packages="$packages gdb gdb-multiarch chromium chromium-driver libcpp-httplib-dev" ;;
---package) packages="$packages dpkg-dev file" ;;
+--package) packages="$packages dpkg-dev file zsh fish groff-base" ;;
 --cluster) packages="$packages slurm-wlm munge" ;;
 --fuzz) packages="$packages clang libclang-rt-14-dev" ;;
 esac

@@ -20,6 +20,7 @@ install(FILES ${arm}/demo-application.bin ${arm}/demo-rescue.bin ${arm}/libbootl
               ${arm}/NOTICE ${arm}/bootloader.spdx.json docs/report.schema.json DESTINATION ${data})
 install(FILES ${CMAKE_BINARY_DIR}/fixture.spdx.json ${CMAKE_BINARY_DIR}/fixture-preview.spdx.json DESTINATION ${data})
 file(GLOB documents docs/*.md)
+install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/fixture RENAME copyright)
 install(FILES README.md LICENSE ${documents} DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/fixture)
 
 # Manual pages and completion.
@@ -39,6 +40,11 @@ install(FILES ${made}/fixture.fish DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/ven
 install(DIRECTORY ${made}/man/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 FILES_MATCHING PATTERN "*.1")
 
 # The board and the formats for other programs: find_package(Fixture), then Fixture::board, Fixture::formats.
+# They are made for programs that stay where they are linked, out of the way of the board's SDRAM.
+foreach(library board formats)
+    target_link_options(${library} INTERFACE $<INSTALL_INTERFACE:-no-pie>
+                                             $<INSTALL_INTERFACE:-Wl,-Ttext-segment=0x30000000>)
+endforeach()
 set(package ${CMAKE_INSTALL_LIBDIR}/cmake/Fixture)
 install(TARGETS board formats EXPORT FixtureTargets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}/fixture
         COMPONENT development INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/fixture)

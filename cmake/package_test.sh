@@ -13,10 +13,9 @@ cmake --install "$build" --prefix "$work/prefix" >"$work/log"
 ln -s "$work/prefix/bin/fixture" "$work/linked"
 cd /
 "$work/prefix/bin/fixture" --version
-"$work/linked" boot --json 2>"$work/console" | grep -q '"launched"'
+"$work/linked" boot --demo --json 2>"$work/console" | grep -q '"launched"'
 grep -q "Hello from the demo application" "$work/console"
-man -l "$work/prefix/share/man/man1/fixture-bank-build.1" 2>/dev/null | cat >"$work/page" || true
-grep -q "app-version" "$work/prefix/share/man/man1/fixture-bank-build.1"
+grep -q 'app.-version' "$work/prefix/share/man/man1/fixture-bank-build.1"
 
 step "a program without its images says where it looked"
 cp "$work/prefix/bin/fixture" "$work/copied"
@@ -30,7 +29,13 @@ bash -c ". '$work/prefix/share/bash-completion/completions/fixture'
     COMP_WORDS=(fixture boot --straps 1) COMP_CWORD=3; _fixture; [ \"\${COMPREPLY[*]}\" = '12-13 14-18' ] || exit 1
     COMP_WORDS=(fixture bank b) COMP_CWORD=2; _fixture; [ \"\${COMPREPLY[*]}\" = build ] || exit 1"
 ! command -v zsh >/dev/null || zsh -n "$work/prefix/share/zsh/vendor-completions/_fixture"
-! command -v fish >/dev/null || fish -n "$work/prefix/share/fish/vendor_completions.d/fixture.fish"
+! command -v fish >/dev/null ||
+    [ "$(fish -c "source '$work/prefix/share/fish/vendor_completions.d/fixture.fish'
+        complete -C 'fixture boot --straps 1'" | cut -f 1 | tr '\n' ' ')" \
+        = "12-13 14-18 " ]
+for page in "$work"/prefix/share/man/man1/*; do
+    [ -z "$(! command -v groff >/dev/null || groff -man -Tascii -ww "$page" 2>&1 >/dev/null)" ]
+done
 
 step "another project's program on the libraries"
 mkdir "$work/other"
@@ -52,7 +57,7 @@ int main() {
 }
 PROGRAM
 cmake -S "$work/other" -B "$work/other/build" -DCMAKE_PREFIX_PATH="$work/prefix" >>"$work/log"
-cmake --build "$work/other/build" >>"$work/log" || { cat "$work/log"; exit 1; }
+cmake --build "$work/other/build" >>"$work/log" 2>&1 || { cat "$work/log"; exit 1; }
 "$work/other/build/other"
 
 step "Debian packages: built, installed, used, removed"

@@ -256,6 +256,9 @@ int Report(const BootCall &call, const RunReport &report, const std::string &end
 // The demo board's own answers to what a call can say about a board.
 std::unique_ptr<DemoBoard> UseDemoBoard(BootCall &call) {
     if (!call.demo) return nullptr;
+    if (!call.json)
+        fmt::print(stderr, "a demo board: 1.9.0 in its NAND slot, a bank with 1.9.1 on its volume; "
+                           "`fixture boot --help` names what a board of your own needs\n");
     auto board = std::make_unique<DemoBoard>();
     call.volume = board->volume().string();
     call.straps = "12-13";

@@ -31,12 +31,25 @@ std::string OfMissingBootloader(const HintCall &call, const RunReport &report, c
     return found + "; store one with `fixture flash provision`, or see `fixture flash info`";
 }
 
+bool HoldsData(const fs::path &directory) {
+    std::error_code error;
+    return fs::is_directory(directory / "data", error);
+}
+
+// For a volume that is named by its data/ directory, or by a bank.
+std::string OfVolumeLevel(const HintCall &call) {
+    const fs::path given = fs::path(call.volume);
+    for (const fs::path &above : {given / "..", given / "../.."})
+        if (HoldsData(above))
+            return fmt::format("{} holds no data/, but {} does: try --volume {}", call.volume,
+                               fs::weakly_canonical(above).string(), above.lexically_normal().string());
+    return fmt::format("{} holds no data/; the banks are looked for in data/app, data/oldapp and data/newapp",
+                       call.volume);
+}
+
 std::string OfVolume(const HintCall &call) {
     if (call.volume.empty()) return "there is no volume; give the directory that holds data/ with --volume";
-    std::error_code error;
-    if (!fs::is_directory(fs::path(call.volume) / "data", error))
-        return fmt::format("{} holds no data/; the banks are looked for in data/app, data/oldapp and data/newapp",
-                           call.volume);
+    if (!HoldsData(call.volume)) return OfVolumeLevel(call);
     return fmt::format("no bank launches; see `fixture bank check {}`", call.volume);
 }
 
@@ -55,6 +68,8 @@ std::string HintOf(const HintCall &call, const RunReport &report, const Chips &c
     case Verdict::no_bootloader: return OfMissingBootloader(call, report, chips);
     case Verdict::idle: return OfVolume(call);
     case Verdict::reset_loop: return OfResets(call, report);
+    case Verdict::launched: // with a wrong volume a board still has its rescue image
+        return call.volume.empty() || HoldsData(call.volume) ? "" : OfVolumeLevel(call);
     case Verdict::hang:
     case Verdict::fault: break;
     default: return "";

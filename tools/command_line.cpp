@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <fmt/format.h>
 #include <iostream>
-#include <utility>
 
 namespace fixture {
 
@@ -33,18 +32,21 @@ std::string CommandOf(const CLI::App &app, const std::vector<std::string> &argum
     return names;
 }
 
-// How many letters have to be put in, left out or changed to make one of the other.
+// How many letters have to be put in, left out, changed or swapped with their neighbour to make one of the other.
 std::size_t Distance(std::string_view a, std::string_view b) {
-    std::vector<std::size_t> row(b.size() + 1);
-    for (std::size_t j = 0; j <= b.size(); ++j) row[j] = j;
-    for (std::size_t i = 1; i <= a.size(); ++i) {
-        std::size_t diagonal = std::exchange(row[0], i);
-        for (std::size_t j = 1; j <= b.size(); ++j) {
-            const std::size_t changed = diagonal + (a[i - 1] == b[j - 1] ? 0 : 1);
-            diagonal = std::exchange(row[j], std::min({row[j] + 1, row[j - 1] + 1, changed}));
+    std::vector<std::vector<std::size_t>> steps(a.size() + 1, std::vector<std::size_t>(b.size() + 1));
+    for (std::size_t i = 0; i <= a.size(); ++i)
+        for (std::size_t j = 0; j <= b.size(); ++j) {
+            if (i == 0 || j == 0) {
+                steps[i][j] = i + j;
+                continue;
+            }
+            const std::size_t changed = steps[i - 1][j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1);
+            steps[i][j] = std::min({steps[i - 1][j] + 1, steps[i][j - 1] + 1, changed});
+            if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1])
+                steps[i][j] = std::min(steps[i][j], steps[i - 2][j - 2] + 1);
         }
-    }
-    return row.back();
+    return steps.back().back();
 }
 
 // What may stand at this place of a call: subcommands, or options with their dashes.
