@@ -121,6 +121,15 @@ void PutFrame(GifFileType *gif, const GifFrame &frame) {
         CheckGif(EGifPutLine(gif, indexed.pixels.data() + std::ptrdiff_t{row} * width, width), gif);
 }
 
+// Viewers know this extension by the name of the program that had it first. Without it they stop at the last frame.
+void PutLoop(GifFileType *gif) {
+    constexpr std::array<GifByteType, 3> kForEver = {1, 0, 0};
+    CheckGif(EGifPutExtensionLeader(gif, APPLICATION_EXT_FUNC_CODE), gif);
+    CheckGif(EGifPutExtensionBlock(gif, 11, "NETSCAPE2.0"), gif);
+    CheckGif(EGifPutExtensionBlock(gif, kForEver.size(), kForEver.data()), gif);
+    CheckGif(EGifPutExtensionTrailer(gif), gif);
+}
+
 int Append(GifFileType *gif, const GifByteType *bytes, int length) {
     auto *const all = static_cast<Bytes *>(gif->UserData);
     all->insert(all->end(), bytes, bytes + length);
@@ -146,6 +155,7 @@ Bytes GifOf(std::span<const GifFrame> frames) {
     const Picture &first = frames.front().picture;
     CheckGif(EGifPutScreenDesc(gif.get(), static_cast<int>(first.width), static_cast<int>(first.height), 8, 0, nullptr),
              gif.get());
+    PutLoop(gif.get());
     for (const GifFrame &frame : frames) PutFrame(gif.get(), frame);
     gif.reset();
     return bytes;

@@ -24,6 +24,10 @@ public:
     }
     std::string monitor(const std::string &command) override { return "heard " + command; }
     std::string memory_map() override { return "<memory-map/>"; }
+    std::string program() override { return "/a"; }
+    std::optional<std::string> file(const std::string &path) override {
+        return path == program() ? std::optional(memory_) : std::nullopt;
+    }
 
 private:
     static constexpr std::uint32_t kBase = 0x20000000;

@@ -1,5 +1,6 @@
 #include "machine/debugger.h"
 
+#include "formats/file.h"
 #include "machine/raw_flash.h"
 
 #include <algorithm>
@@ -34,6 +35,26 @@ constexpr const char *kMonitorHelp = "monitor commands:\n"
                                      "  chips       what the board's chips hold\n"
                                      "  cut-power before|torn|after   at the next operation that changes a chip\n"
                                      "  reset       reset the processor when the run goes on\n";
+
+// What stands for an image that no ELF is known for: no symbols are better than those of the program before it.
+constexpr const char *kUnknownProgram = "/unknown-image.elf";
+constexpr std::uintmax_t kLargestElf = 256u << 20;
+
+// An ELF header and nothing more.
+std::string EmptyElf() {
+    std::string header(52, '\0');
+    header.replace(0, 7,
+                   "\x7F"
+                   "ELF\1\1\1"); // 32 bits, little-endian
+    header[16] = 2;              // executable
+    header[18] = 40;             // for the ARM
+    header[20] = 1;
+    header[39] = 5;  // of today's binary interface
+    header[40] = 52; // sizes: of this header, of a segment's, of a section's
+    header[42] = 32;
+    header[46] = 40;
+    return header;
+}
 
 int Listen(std::uint16_t port) {
     const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -94,11 +115,20 @@ void Debugger::say(const std::string &text) const {
 
 void Debugger::before_instruction(std::uint32_t pc) {
     if (!has_stopped_ && on_ == StopOn::entry) return stop_here(signal_trap, "", "at the entry");
+    if (peer_ >= 0 && machine_.running() != told_of_) return tell_of_program(pc);
     if (peer_ >= 0 && (stepping_ || session_.breaks_at(pc))) return stop_here(signal_trap, "", "");
     if (until_look_-- == 0) {
         until_look_ = kLookEvery;
         look_for_interrupt();
     }
+}
+
+// Another build, or the application, is about to make its first step. The debugger loads its symbols, puts its
+// breakpoints where they are in it, and goes on by itself.
+void Debugger::tell_of_program(std::uint32_t pc) {
+    told_of_ = machine_.running();
+    if (session_.follows_programs()) stop_here(signal_trap, session_.new_program(), "");
+    if (peer_ >= 0 && session_.breaks_at(pc)) stop_here(signal_trap, "", "");
 }
 
 void Debugger::before_access(std::uint32_t address, unsigned bytes, bool is_write) {
@@ -129,11 +159,13 @@ void Debugger::look_for_interrupt() {
         if (peer_ >= 0) stop_here(signal_interrupt, "", "");
         return;
     }
-    if (!HasInput(peer_)) return;
-    char bytes[256];
-    const ssize_t count = recv(peer_, bytes, sizeof bytes, MSG_DONTWAIT);
-    if (count <= 0) return hang_up("the debugger has gone; the run goes on");
-    reader_.feed({bytes, static_cast<std::size_t>(count)});
+    if (HasInput(peer_)) {
+        char bytes[256];
+        const ssize_t count = recv(peer_, bytes, sizeof bytes, MSG_DONTWAIT);
+        if (count <= 0) return hang_up("the debugger has gone; the run goes on");
+        reader_.feed({bytes, static_cast<std::size_t>(count)});
+    }
+    // Also without new bytes: an interrupt may have come in one piece with the command before it.
     while (const auto item = reader_.next())
         if (item->kind == GdbPacketReader::Kind::interrupt) return stop_here(signal_interrupt, "", "");
 }
@@ -167,6 +199,7 @@ void Debugger::accept_debugger(bool wait) {
     setsockopt(peer_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     reader_ = {};
     session_.forget();
+    told_of_ = machine_.running(); // it asks for the program itself
 }
 
 void Debugger::hang_up(const std::string &why) {
@@ -276,6 +309,23 @@ std::string Debugger::memory_map() {
     for (const MemoryRegion &region : machine_.board().memory.memory().regions()) add(region.base, region.bytes.size());
     for (const RegisterWindow &window : kWindows) add(window.base, window.size);
     return xml + "</memory-map>";
+}
+
+std::string Debugger::program() {
+    const Firmware *build = machine_.running();
+    return build && build->elf ? std::filesystem::absolute(build->file).string() : kUnknownProgram;
+}
+
+// A debugger reads the file of what runs and no other one of this machine.
+std::optional<std::string> Debugger::file(const std::string &path) {
+    if (path != program()) return std::nullopt;
+    if (path == kUnknownProgram) return EmptyElf();
+    try {
+        const Bytes bytes = ReadFile(path, kLargestElf);
+        return std::string(bytes.begin(), bytes.end());
+    } catch (const std::runtime_error &) { // it has gone since it was loaded
+        return std::nullopt;
+    }
 }
 
 std::string Debugger::monitor(const std::string &command) {

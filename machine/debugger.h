@@ -4,8 +4,8 @@
 //   debugger.finished(machine.run());
 //
 // The run stands still while the debugger looks, so a stop costs neither virtual time nor instructions. The debugger
-// outlives processor resets and the launch; if it goes away, the run goes on without it, and another one may come.
-// Violations, hangs and faults stop the run as well as what was asked for.
+// outlives processor resets and the launch, and hands over the symbols of what runs then; if it goes away, the run goes
+// on without it, and another one may come. Violations, hangs and faults stop the run as well as what was asked for.
 #pragma once
 
 #include "machine/gdb_protocol.h"
@@ -45,6 +45,8 @@ private:
     bool write(std::uint32_t address, std::string_view bytes) override;
     std::string monitor(const std::string &command) override;
     std::string memory_map() override;
+    std::string program() override;
+    std::optional<std::string> file(const std::string &path) override;
 
     std::string show_time() const;
     std::string show_chips() const;
@@ -56,6 +58,7 @@ private:
     void converse();
     void act(const GdbSession::Answer &answer);
     void accept_debugger(bool wait);
+    void tell_of_program(std::uint32_t pc);
     void look_for_interrupt();
     std::optional<std::string> receive();
     void send(const std::string &data);
@@ -70,7 +73,8 @@ private:
     std::uint16_t port_ = 0;
     int listener_ = -1;
     int peer_ = -1;
-    bool talking_ = false; // the processor stands still
+    const Firmware *told_of_ = nullptr; // the program whose symbols the debugger has
+    bool talking_ = false;              // the processor stands still
     bool has_stopped_ = false;
     bool stepping_ = false;
     std::string last_sent_;

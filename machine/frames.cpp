@@ -1,5 +1,7 @@
 #include "machine/frames.h"
 
+#include "formats/caption.h"
+
 #include <algorithm>
 #include <array>
 #include <limits>
@@ -92,16 +94,20 @@ void FrameRecorder::look() {
     if (observer) observer(frames_.back());
 }
 
-std::vector<GifFrame> Animation(std::span<const FrameRecorder::Frame> frames, Picoseconds until) {
+std::vector<GifFrame> Animation(std::span<const FrameRecorder::Frame> frames, Picoseconds until,
+                                const AnimationStyle &style) {
     constexpr Picoseconds kCentisecond = 10 * kMillisecond;
-    constexpr unsigned kShortest = 2;
+    constexpr unsigned kShortest = 2, kLast = 100;
     std::vector<GifFrame> animation;
     for (std::size_t i = 0; i < frames.size(); ++i) {
         const Picoseconds end = std::max(i + 1 < frames.size() ? frames[i + 1].time : until, frames[i].time);
-        const Picoseconds stands = std::min<Picoseconds>((end - frames[i].time) / kCentisecond, 0xFFFF);
+        const Picoseconds stands = std::min<Picoseconds>((end - frames[i].time) * style.slower / kCentisecond, 0xFFFF);
         if (!frames[i].lit && stands < kShortest) continue;
-        animation.push_back({frames[i].picture, std::max(kShortest, static_cast<unsigned>(stands))});
+        const Picture &picture = frames[i].picture;
+        animation.push_back({style.caption ? WithCaption(picture, style.caption(frames[i])) : picture,
+                             std::max(kShortest, static_cast<unsigned>(stands))});
     }
+    if (!animation.empty()) animation.back().centiseconds = std::max(kLast, animation.back().centiseconds);
     return animation;
 }
 

@@ -10,6 +10,7 @@
 #include <functional>
 #include <optional>
 #include <span>
+#include <string>
 #include <vector>
 
 namespace fixture {
@@ -73,8 +74,16 @@ private:
     std::vector<Frame> frames_;
 };
 
+// How an animation shows the frames of a run.
+struct AnimationStyle {
+    unsigned slower = 1; // times slower than virtual time
+    // The line below a frame; empty: there is none below any.
+    std::function<std::string(const FrameRecorder::Frame &)> caption = {};
+};
+
 // The frames as an animation in virtual time that ends `until`. A frame stands for 0.02 s at least, so that none is
-// lost; a dark time shorter than that is left out.
-std::vector<GifFrame> Animation(std::span<const FrameRecorder::Frame> frames, Picoseconds until);
+// lost, and the last one for a second, so that the end of a loop is seen; a dark time shorter than 0.02 s is left out.
+std::vector<GifFrame> Animation(std::span<const FrameRecorder::Frame> frames, Picoseconds until,
+                                const AnimationStyle &style = {});
 
 } // namespace fixture

@@ -6,6 +6,20 @@
 
 namespace fixture {
 
+std::optional<std::uint32_t> GdbNumber(std::string_view digits) {
+    std::uint32_t value = 0;
+    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value, 16);
+    if (error != std::errc() || end != digits.data() + digits.size()) return std::nullopt;
+    return value;
+}
+
+std::string_view TakeGdbWord(std::string_view &text, char separator) {
+    const std::size_t end = std::min(text.find(separator), text.size());
+    const std::string_view taken = text.substr(0, end);
+    text.remove_prefix(std::min(end + 1, text.size()));
+    return taken;
+}
+
 namespace {
 
 constexpr unsigned kRegisters = 17;
@@ -18,29 +32,13 @@ std::uint8_t SumOf(std::string_view data) {
     return static_cast<std::uint8_t>(sum);
 }
 
-// A whole text as a hexadecimal number.
-std::optional<std::uint32_t> Number(std::string_view digits) {
-    std::uint32_t value = 0;
-    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value, 16);
-    if (error != std::errc() || end != digits.data() + digits.size()) return std::nullopt;
-    return value;
-}
-
-// What stands before a separator; the text goes on behind it.
-std::string_view Take(std::string_view &text, char separator) {
-    const std::size_t end = std::min(text.find(separator), text.size());
-    const std::string_view taken = text.substr(0, end);
-    text.remove_prefix(std::min(end + 1, text.size()));
-    return taken;
-}
-
 // "ADDRESS,LENGTH" and what follows a colon.
 struct Place {
     std::uint32_t address, bytes;
 };
 std::optional<Place> PlaceOf(std::string_view text) {
-    const std::optional<std::uint32_t> address = Number(Take(text, ','));
-    const std::optional<std::uint32_t> bytes = Number(text);
+    const std::optional<std::uint32_t> address = GdbNumber(TakeGdbWord(text, ','));
+    const std::optional<std::uint32_t> bytes = GdbNumber(text);
     if (!address || !bytes || *bytes > kGdbPacketMost / 2) return std::nullopt;
     return Place{*address, *bytes};
 }
@@ -87,7 +85,7 @@ std::optional<std::string> FromHex(std::string_view digits) {
     if (digits.size() % 2) return std::nullopt;
     std::string bytes;
     for (std::size_t i = 0; i < digits.size(); i += 2) {
-        const std::optional<std::uint32_t> byte = Number(digits.substr(i, 2));
+        const std::optional<std::uint32_t> byte = GdbNumber(digits.substr(i, 2));
         if (!byte) return std::nullopt;
         bytes += static_cast<char>(*byte);
     }
@@ -121,7 +119,7 @@ std::optional<GdbPacketReader::Item> GdbPacketReader::next() {
         }
         if (end + 3 > waiting_.size()) return std::nullopt;
         const std::string data = waiting_.substr(1, end - 1);
-        const std::optional<std::uint32_t> sum = Number(std::string_view(waiting_).substr(end + 1, 2));
+        const std::optional<std::uint32_t> sum = GdbNumber(std::string_view(waiting_).substr(end + 1, 2));
         waiting_.erase(0, end + 3);
         if (sum != SumOf(data)) return Item{Kind::broken, {}};
         return Item{Kind::packet, Unescaped(data)};
@@ -133,7 +131,11 @@ void GdbSession::forget() {
     breakpoints_.clear();
     watchpoints_.clear();
     acknowledges_ = true;
+    follows_programs_ = false;
+    files_.close_all();
 }
+
+std::string GdbSession::new_program() const { return fmt::format("exec:{};", ToHex(target_.program())); }
 
 std::string GdbSession::stopped(unsigned signal, const std::string &why) {
     return last_stop_ = fmt::format("T{:02x}{}thread:1;", signal, why);
@@ -169,7 +171,7 @@ GdbSession::Answer GdbSession::handle(const std::string &packet) {
     case 'C': return {"", Then::go, false};
     case 's':
     case 'S': return {"", Then::step, false};
-    case 'v': return resume(rest);
+    case 'v': return packet.starts_with("vFile:") ? Answer{files_.handle(packet)} : resume(rest);
     case 'D': return {"OK", Then::detach};
     case 'k': return {"", Then::kill, false};
     case 'H':
@@ -181,7 +183,7 @@ GdbSession::Answer GdbSession::handle(const std::string &packet) {
 }
 
 GdbSession::Answer GdbSession::resume(std::string_view actions) {
-    const std::string_view verb = Take(actions, ';');
+    const std::string_view verb = TakeGdbWord(actions, ';');
     if (verb == "Cont?") return {"vCont;c;C;s;S"};
     if (verb == "Kill") return {"OK", Then::kill};
     if (verb != "Cont" || actions.empty()) return {};
@@ -193,10 +195,12 @@ GdbSession::Answer GdbSession::resume(std::string_view actions) {
 }
 
 std::string GdbSession::query(const std::string &packet) {
-    if (packet.starts_with("qSupported"))
-        return fmt::format(
-            "PacketSize={:x};qXfer:features:read+;qXfer:memory-map:read+;QStartNoAckMode+;vContSupported+",
-            kGdbPacketMost);
+    if (packet.starts_with("qSupported")) {
+        follows_programs_ = packet.find("exec-events+") != std::string::npos;
+        return fmt::format("PacketSize={:x};qXfer:features:read+;qXfer:memory-map:read+;qXfer:exec-file:read+;"
+                           "exec-events+;QStartNoAckMode+;vContSupported+",
+                           kGdbPacketMost);
+    }
     if (packet == "QStartNoAckMode") {
         acknowledges_ = false;
         return "OK";
@@ -219,15 +223,16 @@ std::string GdbSession::query(const std::string &packet) {
 // "qXfer:OBJECT:read:ANNEX:OFFSET,LENGTH": one piece of a text.
 std::string GdbSession::transfer(const std::string &packet) {
     std::string_view rest = packet;
-    Take(rest, ':');
-    const std::string_view object = Take(rest, ':');
-    const std::string_view verb = Take(rest, ':');
-    const std::string_view annex = Take(rest, ':');
+    TakeGdbWord(rest, ':');
+    const std::string_view object = TakeGdbWord(rest, ':');
+    const std::string_view verb = TakeGdbWord(rest, ':');
+    const std::string_view annex = TakeGdbWord(rest, ':');
     std::optional<std::string> text;
     if (object == "features" && annex == "target.xml") text = TargetDescription();
     if (object == "memory-map" && annex.empty()) text = target_.memory_map();
-    const std::optional<std::uint32_t> offset = Number(Take(rest, ','));
-    const std::optional<std::uint32_t> length = Number(rest);
+    if (object == "exec-file") text = target_.program();
+    const std::optional<std::uint32_t> offset = GdbNumber(TakeGdbWord(rest, ','));
+    const std::optional<std::uint32_t> length = GdbNumber(rest);
     if (verb != "read" || !text) return {};
     if (!offset || !length || *offset > text->size()) return "E01";
     const std::string piece = text->substr(*offset, std::min<std::uint32_t>(*length, kGdbPacketMost / 2));
@@ -241,7 +246,7 @@ std::string GdbSession::read_memory(std::string_view arguments) {
 }
 
 std::string GdbSession::write_memory(std::string_view arguments, bool binary) {
-    const std::optional<Place> place = PlaceOf(Take(arguments, ':'));
+    const std::optional<Place> place = PlaceOf(TakeGdbWord(arguments, ':'));
     const std::optional<std::string> bytes = binary ? std::string(arguments) : FromHex(arguments);
     if (!place || !bytes || bytes->size() != place->bytes) return "E01";
     return bytes->empty() || target_.write(place->address, *bytes) ? "OK" : "E01";
@@ -260,7 +265,7 @@ std::string GdbSession::write_registers(std::string_view digits) {
 
 // "NUMBER" or "NUMBER=VALUE".
 std::string GdbSession::one_register(std::string_view arguments, bool write) {
-    const std::optional<std::uint32_t> number = Number(Take(arguments, '='));
+    const std::optional<std::uint32_t> number = GdbNumber(TakeGdbWord(arguments, '='));
     if (!number || *number >= kRegisters) return "E01";
     if (!write) return WordToHex(target_.registers()[*number]);
     const std::optional<std::string> bytes = FromHex(arguments);
@@ -271,9 +276,9 @@ std::string GdbSession::one_register(std::string_view arguments, bool write) {
 
 // "KIND,ADDRESS,LENGTH": 0 and 1 are breakpoints, which are one thing here, 2 to 4 watchpoints.
 std::string GdbSession::set_stop(std::string_view arguments, bool insert) {
-    const std::string_view kind = Take(arguments, ',');
+    const std::string_view kind = TakeGdbWord(arguments, ',');
     if (kind.size() != 1 || kind[0] < '0' || kind[0] > '4') return {};
-    const std::optional<Place> place = PlaceOf(Take(arguments, ';'));
+    const std::optional<Place> place = PlaceOf(TakeGdbWord(arguments, ';'));
     if (!place) return "E01";
     if (breakpoints_.size() >= kStopsMost || watchpoints_.size() >= kStopsMost) return "E02";
     if (kind[0] <= '1') {

@@ -8,6 +8,8 @@
 // Whatever bytes come in, the reader and the session answer or ignore them: nothing of a packet is trusted.
 #pragma once
 
+#include "machine/gdb_files.h"
+
 #include <array>
 #include <cstdint>
 #include <optional>
@@ -49,6 +51,11 @@ std::string ToHex(std::string_view bytes);
 // Nothing for an odd number of digits or another character.
 std::optional<std::string> FromHex(std::string_view digits);
 
+// The pieces of a packet: what stands before a separator, which is taken off `text` with it; a whole text as a
+// hexadecimal number.
+std::string_view TakeGdbWord(std::string_view &text, char separator);
+std::optional<std::uint32_t> GdbNumber(std::string_view digits);
+
 // What is debugged.
 class GdbTarget {
 public:
@@ -61,6 +68,10 @@ public:
     // The answer to "monitor COMMAND".
     virtual std::string monitor(const std::string &command) = 0;
     virtual std::string memory_map() = 0; // as XML
+    // The path under which the debugger finds the ELF of what runs.
+    virtual std::string program() = 0;
+    // What is in a file that the debugger may read; nothing for every other.
+    virtual std::optional<std::string> file(const std::string &path) = 0;
 };
 
 class GdbSession {
@@ -81,7 +92,8 @@ public:
         friend auto operator<=>(const Watchpoint &, const Watchpoint &) = default;
     };
 
-    explicit GdbSession(GdbTarget &target) : target_(target) {}
+    explicit GdbSession(GdbTarget &target)
+        : target_(target), files_([&target](const std::string &path) { return target.file(path); }) {}
 
     Answer handle(const std::string &packet);
 
@@ -90,6 +102,9 @@ public:
     std::string watched(std::uint32_t address, std::uint32_t bytes, bool is_write) const;
     bool watches() const { return !watchpoints_.empty(); }
     bool acknowledges() const { return acknowledges_; }
+    // Whether the debugger wants to hear of another program, and the part of a stop that tells it.
+    bool follows_programs() const { return follows_programs_; }
+    std::string new_program() const;
     // The reply that tells of a stop, and again when asked "?". `why` as above, or empty.
     std::string stopped(unsigned signal, const std::string &why);
     // A new debugger knows nothing of what the last one set.
@@ -106,10 +121,12 @@ private:
     Answer resume(std::string_view actions);
 
     GdbTarget &target_;
+    GdbFiles files_;
     std::set<std::uint32_t> breakpoints_;
     std::set<Watchpoint> watchpoints_;
     std::string last_stop_ = "T05thread:1;";
     bool acknowledges_ = true;
+    bool follows_programs_ = false;
 };
 
 } // namespace fixture

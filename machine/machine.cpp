@@ -204,6 +204,17 @@ void Machine::name_launched() {
     report_.launched_bytes = JudgeImage(header, kLargestStoredImage).size;
 }
 
+const Firmware *Machine::program_at(std::uint32_t entry) {
+    const Memory &memory = board_.memory.memory();
+    for (const Firmware &program : options_.programs) {
+        const auto there = memory.at(entry, static_cast<std::uint32_t>(program.flat.size()));
+        if (program.elf && program.entry() == entry &&
+            std::equal(program.flat.begin(), program.flat.end(), there.begin(), there.end()))
+            return &program;
+    }
+    return nullptr;
+}
+
 void Machine::launch() {
     const std::optional<Handover> handover = TakeHandover(board_.memory.memory());
     report_.verdict = Verdict::launched;
@@ -212,7 +223,7 @@ void Machine::launch() {
     tell(EventKind::stage, "first stage",
          fmt::format("launches {} ({} bytes) at 0x{:08X}", report_.launched, report_.launched_bytes, handover->entry));
     if (!options_.run_launched) return;
-    in_launched_ = true;
+    running_ = program_at(handover->entry);
     const StageResult end = arm().run(handover->entry);
     static constexpr std::array kEnds = {"was reset", "ended", "is still running", "faulted", "lost power", "stopped"};
     report_.launched_end = kEnds[static_cast<std::size_t>(end.end)];

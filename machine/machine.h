@@ -19,6 +19,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -28,7 +29,8 @@ enum class ProcessorKind : std::uint8_t { arm, host };
 
 struct RunOptions {
     ProcessorKind processor = ProcessorKind::arm;
-    const KnownFirmware *known = nullptr; // builds that stand behind images; needed on the host
+    const KnownFirmware *known = nullptr;    // builds that stand behind images; needed on the host
+    std::span<const Firmware> programs = {}; // ELFs whose symbols serve a launched image with the same content
     const Firmware *firmware = nullptr; // replaces the first stage's choice: at the first start with slots, else always
     bool slots = false;                 // the first stage looks for bootloaders in the chips' slots
     std::filesystem::path volume;       // directory of the file system; empty: no files
@@ -117,8 +119,9 @@ public:
     const RunOptions &options() const { return options_; }
     // Where the emulated processor is: 0 where none runs. Exact inside a bus access.
     std::uint32_t pc() const { return arm_ && arm_->running() ? arm_->pc() : 0; }
-    // The build that runs; null for an image that no build here made.
-    const Firmware *running() const { return in_launched_ ? nullptr : running_; }
+    // What runs, known by its content: a build, or a program of the options. Null or without an ELF where nothing is
+    // known of it.
+    const Firmware *running() const { return running_; }
     // The processor of the run, made if it is not there yet: for a debugger. Not for a native run.
     ArmProcessor &arm();
     // The calls that led to where the emulated processor is.
@@ -142,6 +145,7 @@ private:
     void stage_ends(const StageResult &end);
     StageResult run_bootloader(const Firmware &firmware);
     void launch();
+    const Firmware *program_at(std::uint32_t entry);
     const Firmware *bootloader_in_slot();
     const Firmware *choose_bootloader();
     void note_rescue(char c);
@@ -158,7 +162,6 @@ private:
     const Firmware *running_ = nullptr;
     std::optional<Firmware> from_slot_;
     std::optional<FrameRecorder> frames_;
-    bool in_launched_ = false;
     unsigned starts_ = 0;
     std::optional<Sighting> sighting_; // of the first thing that went wrong
     std::string console_line_;         // the one that is being printed, or its beginning

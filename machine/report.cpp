@@ -24,7 +24,8 @@ constexpr std::size_t kEventsMost = 12'000; // in the table and under the cursor
 constexpr unsigned kView = 1000;
 constexpr unsigned kLeft = 78;
 constexpr unsigned kWidth = kView - kLeft - 12;
-constexpr unsigned kLaneHeight = 26;
+constexpr unsigned kLaneHeight = 28;
+constexpr unsigned kTextDrop = 18; // from a row's top to its text's base line
 
 double Ms(Picoseconds time) { return static_cast<double>(time) / static_cast<double>(kMillisecond); }
 
@@ -108,11 +109,6 @@ Piece Changed(const Picture &before, const Picture &now) {
     return piece;
 }
 
-bool ChangesChip(const Event &event) {
-    return event.what.starts_with("program") || event.what.starts_with("erase") || event.what.starts_with("writes") ||
-           event.what.find("program") != std::string::npos;
-}
-
 // ---------------------------------------------------------------------------------------------------------------------
 // The timeline
 
@@ -120,16 +116,33 @@ struct Lane {
     const char *name;
     const char *style;
 };
-enum LaneNumber : unsigned { lane_stage, lane_console, lane_file, lane_chip, lane_change, lane_frame, kLanes };
-constexpr Lane kLaneFacts[kLanes] = {{"stages", "reset"}, {"console", "console"}, {"files", "file"},
-                                     {"chips", "chip"},   {"changes", "change"},  {"panel", "frame"}};
+// The last one has no row of its own: what happens to the whole board is a line through all of them.
+enum LaneNumber : unsigned {
+    lane_stage,
+    lane_console,
+    lane_file,
+    lane_read,
+    lane_erase,
+    lane_program,
+    lane_frame,
+    kRows,
+    lane_board = kRows,
+    kLanes
+};
+constexpr Lane kLaneFacts[kLanes] = {{"stages", "stage"}, {"console", "console"}, {"files", "file"},
+                                     {"chips", "chip"},   {"erases", "erase"},    {"programs", "program"},
+                                     {"panel", "frame"},  {"", "board"}};
 
 unsigned LaneOf(const Event &event) {
     switch (event.kind) {
     case EventKind::console: return lane_console;
     case EventKind::file: return lane_file;
-    case EventKind::chip: return ChangesChip(event) ? lane_change : lane_chip;
-    default: return lane_stage;
+    case EventKind::chip:
+        // A DataFlash erases and programs in one operation: it stands with the programs.
+        if (event.what.find("program") != std::string::npos || event.what.starts_with("writes")) return lane_program;
+        return event.what.find("erase") != std::string::npos ? lane_erase : lane_read;
+    case EventKind::stage: return lane_stage;
+    default: return lane_board;
     }
 }
 
@@ -141,7 +154,9 @@ public:
         return kLeft + static_cast<double>(time) / static_cast<double>(end_) * double{kWidth};
     }
     void tick(unsigned lane, Picoseconds time) {
-        ticks_[lane] += fmt::format("M{:.2f} {}v{}", x(time), lane * kLaneHeight + 4, kLaneHeight - 8);
+        const bool whole = lane == lane_board;
+        ticks_[lane] += fmt::format("M{:.2f} {}v{}", x(time), whole ? 0 : lane * kLaneHeight + 5,
+                                    whole ? kRows * kLaneHeight : kLaneHeight - 10);
         ++counts_[lane];
     }
     void band(const char *style, unsigned lane, unsigned lanes, Picoseconds from, Picoseconds to,
@@ -151,6 +166,14 @@ public:
                         "</rect>",
                         style, x(from), lane * kLaneHeight + 2, std::max(0.5, x(to) - x(from)), lanes * kLaneHeight - 4,
                         HtmlText(title));
+    }
+    // A band with its name in it, as far as there is room.
+    void stage(bool odd, Picoseconds from, Picoseconds to, const std::string &name) {
+        band(odd ? "stage odd" : "stage", lane_stage, 1, from, to, name);
+        bands_ +=
+            fmt::format("<svg x=\"{:.2f}\" y=\"0\" width=\"{:.2f}\" height=\"{}\"><text x=\"6\" y=\"{}\">{}</text>"
+                        "</svg>",
+                        x(from), std::max(0.0, x(to) - x(from) - 4), kLaneHeight, kTextDrop, HtmlText(name));
     }
     std::string svg() const;
 
@@ -167,8 +190,8 @@ private:
 std::string Timeline::axis() const {
     double step = 1e-6;
     for (unsigned n = 0; Ms(end_) / step > 10; ++n) step *= n % 3 == 1 ? 2.5 : 2;
-    const unsigned bottom = kLanes * kLaneHeight;
-    std::string text;
+    const unsigned bottom = kRows * kLaneHeight;
+    std::string text = fmt::format("<text class=\"axis-text\" x=\"4\" y=\"{}\">ms</text>", bottom + 14);
     for (double ms = 0; ms <= Ms(end_); ms += step) {
         const double at = x(static_cast<Picoseconds>(ms * static_cast<double>(kMillisecond)));
         text += fmt::format("<line class=\"axis\" x1=\"{0:.2f}\" x2=\"{0:.2f}\" y1=\"0\" y2=\"{1}\"/>"
@@ -179,34 +202,36 @@ std::string Timeline::axis() const {
 }
 
 std::string Timeline::svg() const {
-    const unsigned height = kLanes * kLaneHeight + 22;
+    const unsigned height = kRows * kLaneHeight + 22;
     std::string text = fmt::format("<svg class=\"timeline\" role=\"img\" aria-label=\"What happened when\" "
                                    "viewBox=\"0 0 {} {}\">",
                                    kView, height);
     text += axis() + bands_;
     for (unsigned lane = 0; lane < kLanes; ++lane)
         text += fmt::format("<text x=\"4\" y=\"{}\">{}</text><path class=\"t t-{}\" data-events=\"{}\" d=\"{}\"/>",
-                            lane * kLaneHeight + 17, kLaneFacts[lane].name, kLaneFacts[lane].style, counts_[lane],
-                            ticks_[lane]);
+                            lane * kLaneHeight + kTextDrop, kLaneFacts[lane].name, kLaneFacts[lane].style,
+                            counts_[lane], ticks_[lane]);
     return text + fmt::format("<line id=\"cursor\" x1=\"{0}\" x2=\"{0}\" y1=\"0\" y2=\"{1}\"/></svg>", kLeft,
-                              kLanes * kLaneHeight);
+                              kRows * kLaneHeight);
 }
 
 // From one start to the next: a stage ends where another begins.
+constexpr std::string_view kStarts = "starts ";
 void AddStages(Timeline &timeline, const RunRecord &record, Picoseconds end) {
     std::vector<std::pair<Picoseconds, std::string>> starts;
     for (const Event &event : record.events())
         if (event.kind == EventKind::stage && !event.what.starts_with("takes"))
-            starts.emplace_back(event.time, event.what);
+            starts.emplace_back(event.time,
+                                event.what.starts_with(kStarts) ? event.what.substr(kStarts.size()) : event.what);
     for (std::size_t i = 0; i < starts.size(); ++i)
-        timeline.band("stage", lane_stage, 1, starts[i].first, i + 1 < starts.size() ? starts[i + 1].first : end,
-                      starts[i].second);
+        timeline.stage(i % 2 != 0, starts[i].first, i + 1 < starts.size() ? starts[i + 1].first : end,
+                       starts[i].second);
 }
 
 std::string DrawTimeline(const RunRecord &record, Picoseconds end, std::span<const FrameRecorder::Frame> frames) {
     Timeline timeline(end);
     for (const RunRecord::Pause &pause : record.pauses())
-        timeline.band("pause", lane_console, kLanes - 1, pause.begin, pause.end,
+        timeline.band("pause", lane_console, kRows - 1, pause.begin, pause.end,
                       fmt::format("waits {:.3f} ms", Ms(pause.end - pause.begin)));
     AddStages(timeline, record, end);
     for (const Event &event : record.events()) timeline.tick(LaneOf(event), event.time);
@@ -245,6 +270,39 @@ std::string DrawFlash(const FlashMap &before, const FlashMap &after, const std::
         "<p class=\"quiet\">{}: a square is a block, darker the more of it is in use; red is marked bad, "
         "amber has changed.</p><div class=\"map\">{}{}</div>",
         HtmlText(medium), one("Before", before, nullptr), one("After", after, &before));
+}
+
+std::string Facts(const RunReport &report) {
+    const auto fact = [](const char *name, const std::string &value) {
+        return fmt::format("<div><dt>{}</dt><dd>{}</dd></div>", name, HtmlText(value));
+    };
+    return fact("boots from", report.medium) + fact("virtual time", fmt::format("{:.3f} ms", Ms(report.time))) +
+           fact("resets", fmt::format("{}", report.resets)) +
+           (report.instructions ? fact("instructions", fmt::format("{}", report.instructions)) : "");
+}
+
+// What was to be expected of the board, start by start, from its chips and files alone.
+std::string DrawForetold(const Prediction *foretold) {
+    if (!foretold)
+        return "<p class=\"quiet\">Nothing is foretold of this call: not all of the board is in its files.</p>";
+    std::string text =
+        fmt::format("<p>Foretold from chips and files before the run: {}.</p>", HtmlText(foretold->reason));
+    std::optional<unsigned> start;
+    for (const BootStep &step : foretold->steps) {
+        if (step.start > 0 && step.start != start)
+            text += fmt::format("{}<h3>{}</h3><ul>", start ? "</ul>" : "",
+                                step.start == 1 ? "At power-up" : fmt::format("After reset {}", step.start - 1));
+        else if (!start)
+            text += "<ul>";
+        start = step.start;
+        const std::string place = step.place.empty() ? "" : "<code>" + HtmlText(step.place) + "</code> ";
+        text += fmt::format("<li>{}{}</li>", place, HtmlText(step.text));
+    }
+    if (start) text += "</ul>";
+    for (const BootHazard &hazard : foretold->hazards)
+        text += fmt::format("<p class=\"hazard\"><strong>{}</strong> <code>{}</code> {}. {}.</p>", HtmlText(hazard.id),
+                            HtmlText(hazard.place), HtmlText(hazard.text), HtmlText(hazard.remedy));
+    return text;
 }
 
 std::string EventRows(std::span<const Event> events) {
@@ -339,9 +397,6 @@ std::string ReportPage(const RunRecord &record, const RunReport &report, const F
         std::span(record.events()).first(std::min(record.events().size(), kEventsMost));
     std::string note = fmt::format("{} events; register accesses are in the trace", record.events().size());
     if (listed.size() < record.events().size()) note += fmt::format("; the first {} are listed", listed.size());
-    const std::string facts =
-        fmt::format("Boots from {}; {:.3f} ms of virtual time, {} reset{}, {} instructions.", report.medium,
-                    Ms(report.time), report.resets, report.resets == 1 ? "" : "s", report.instructions);
     const std::string last =
         frames.empty()
             ? "<p class=\"quiet\">The panel shows nothing.</p>"
@@ -352,8 +407,10 @@ std::string ReportPage(const RunRecord &record, const RunReport &report, const F
         {{"title", HtmlText("fixture: " + texts.verdict)},
          {"tone", report.exit_status() == 0 ? "good" : "bad"},
          {"verdict", HtmlText(texts.verdict)},
-         {"facts", HtmlText(facts)},
-         {"explanation", texts.explanation.empty() ? "" : "<pre>" + HtmlText(texts.explanation) + "</pre>"},
+         {"facts", Facts(report)},
+         {"foretold", DrawForetold(texts.foretold)},
+         {"explanation",
+          texts.explanation.empty() ? "" : "<pre class=\"end\">" + HtmlText(texts.explanation) + "</pre>"},
          {"timeline", DrawTimeline(record, report.time, frames)},
          {"last_frame", last},
          {"console", HtmlText(record.console())},

@@ -5,6 +5,7 @@
 //   const std::string page = ReportPage(record, report, MapOf(chips, true), machine.frames()->frames(), texts);
 #pragma once
 
+#include "formats/boot_prediction.h"
 #include "machine/events.h"
 
 #include <cstdint>
@@ -46,9 +47,10 @@ private:
 };
 
 struct PageTexts {
-    std::string verdict;     // one line
-    std::string explanation; // lines; may be empty
-    std::string call;        // the command line
+    std::string verdict;                  // one line
+    std::string explanation;              // lines; may be empty
+    std::string call;                     // the command line
+    const Prediction *foretold = nullptr; // where it was possible
 };
 
 // The whole page. `frames` may be empty.

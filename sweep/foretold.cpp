@@ -16,11 +16,6 @@ RawFlash FlashOf(Medium medium, Chips &chips) {
     return medium == Medium::nand ? RawFlashOf(chips.nand) : RawFlashOf(chips.dataflash);
 }
 
-std::string VersionOf(const KnownFirmware &known, std::span<const std::uint8_t> body) {
-    const Firmware *build = known.identify(body);
-    return build ? VersionText(*build) : "";
-}
-
 // What each start printed from its search for a bank on, without what is said of bad blocks.
 std::vector<std::string> Searches(const std::string &console) {
     static const std::regex kBadBlocks(
@@ -69,24 +64,17 @@ std::string CompareSlots(const RawFlash &told, const RawFlash &real) {
 
 } // namespace
 
-std::string VersionText(const Firmware &build) {
-    return fmt::format("{}.{}.{}", build.version.major, build.version.minor, build.version.build);
-}
-
 bool Foretold::possible(const World &world) {
     return world.chips.nand.faults.empty() && world.chips.dataflash.faults.empty();
 }
 
 Foretold::Foretold(const World &world, const Chips &chips, const KnownFirmware &known)
     : medium_(world.medium), chips_(chips) {
-    BoardState board;
-    board.pins_12_13 = world.board.straps.pins_12_13;
-    board.pins_14_18 = world.board.straps.pins_14_18;
-    board.flash = FlashOf(medium_, chips_);
-    board.eeprom = chips.eeprom.bytes;
-    board.volume = *world.volume;
-    board.version_of = [&known](std::span<const std::uint8_t> body) { return VersionOf(known, body); };
-    prediction_ = PredictBoot(board);
+    RunOptions options;
+    options.known = &known;
+    options.board = world.board;
+    options.volume = *world.volume;
+    prediction_ = Forecast(chips_, options);
 }
 
 std::string Foretold::compare(const RunReport &report, const std::string &console, const Memory &memory,

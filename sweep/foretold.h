@@ -3,16 +3,12 @@
 // Make a Foretold before the power-up, run it, then compare(): the text is empty if the two agree.
 #pragma once
 
-#include "formats/boot_prediction.h"
-#include "machine/machine.h"
+#include "machine/forecast.h"
 #include "sweep/world.h"
 
 #include <string>
 
 namespace fixture {
-
-// "1.9.0", as the bootloader formats its version.
-std::string VersionText(const Firmware &build);
 
 class Foretold {
 public:

@@ -48,6 +48,8 @@ struct BootCall {
     std::string panel;
     std::string panel_frames;
     std::string panel_gif;
+    AnimationStyle gif_style;
+    bool gif_captions = false;
     std::string panel_wiring = "bgr";
     bool preview = false;
     std::string replay;
@@ -121,10 +123,16 @@ public:
     bool wanted() const {
         return call_.observe.wants_frames() || picture_ || animation_ || !call_.panel_frames.empty() || call_.preview;
     }
-    void write(FrameRecorder &recorder, Picoseconds until) {
+    // `said`: what a caption says besides the time of its frame.
+    void write(FrameRecorder &recorder, Picoseconds until, const std::function<std::string(Picoseconds)> &said) {
+        AnimationStyle style = call_.gif_style;
+        if (call_.gif_captions)
+            style.caption = [&](const FrameRecorder::Frame &frame) {
+                return fmt::format("{:.3f} ms  {}", Milliseconds(frame.time), said(frame.time));
+            };
         recorder.look();
         if (picture_) picture_->write(PngOf(recorder.shown()));
-        if (animation_) animation_->write(GifOf(Frames(recorder, until)));
+        if (animation_) animation_->write(GifOf(Frames(recorder, until, style)));
         if (!call_.panel_frames.empty())
             for (const FrameRecorder::Frame &frame : recorder.frames())
                 outputs_.add(fs::path(call_.panel_frames) / fmt::format("{:015.6f}ms.png", Milliseconds(frame.time)))
@@ -134,8 +142,8 @@ public:
 
 private:
     // A board that shows nothing at all gives one dark picture.
-    static std::vector<GifFrame> Frames(FrameRecorder &recorder, Picoseconds until) {
-        std::vector<GifFrame> frames = Animation(recorder.frames(), until);
+    static std::vector<GifFrame> Frames(FrameRecorder &recorder, Picoseconds until, const AnimationStyle &style) {
+        std::vector<GifFrame> frames = Animation(recorder.frames(), until, style);
         if (frames.empty()) frames.push_back({recorder.shown(), 1});
         return frames;
     }
@@ -202,6 +210,7 @@ void UseReplay(const Replay &replay, RunOptions &options, Chips &chips) {
     options.console = asked.console;
     options.keep_going = asked.keep_going;
     options.sightings = asked.sightings;
+    options.programs = asked.programs;
     chips = replay.chips;
 }
 
@@ -279,7 +288,9 @@ int Boot(BootCall call) {
     OutputFile *const vcd_file = call.vcd.empty() ? nullptr : &outputs.add(call.vcd);
     const KnownFirmware known(FirmwareDirectory());
     const Firmware firmware = FirmwareOf(call, known);
+    const std::vector<Firmware> programs = ProgramsWithSymbols(call.observe);
     RunOptions options = OptionsOf(call, known);
+    options.programs = programs;
     BootObservers *observers = nullptr;
     options.console = [&observers](char c) { observers->console(c); };
     if (!options.slots || !call.firmware.empty()) options.firmware = &firmware;
@@ -288,6 +299,7 @@ int Boot(BootCall call) {
         replay.emplace(call.replay, call.power_up, options.processor);
         UseReplay(*replay, options, board.chips);
     }
+    Chips before = board.chips; // their pages are shared: nothing is copied until it changes
     Machine machine(board.chips, options);
 
     BootObservers looking_on(call.observe, machine, call.json ? stderr : stdout);
@@ -297,20 +309,24 @@ int Boot(BootCall call) {
     if (panel.wanted()) machine.record_frames(kWirings.at(call.panel_wiring));
     looking_on.start();
     const RunReport report = replay ? replay->run(machine) : machine.run();
-    looking_on.finish(report, Describe(report));
+    std::optional<Prediction> foretold;
+    if (!replay && CanForecast(before, options) && (looking_on.wants_forecast() || report.exit_status() != kGood))
+        foretold = Forecast(before, options);
+    looking_on.finish(report, Describe(report), foretold ? &*foretold : nullptr);
     vcd.reset();
-    if (panel.wanted()) panel.write(*machine.frames(), report.time);
+    if (panel.wanted())
+        panel.write(*machine.frames(), report.time, [&](Picoseconds time) { return looking_on.last_line(time); });
     board.store();
     outputs.commit();
     outcome.part = ToJson(report);
     looking_on.add_end(report, outcome.part);
     if (replay) outcome.part["outcome"] = NameOf(replay->judgement().outcome);
-    const int status =
-        Report(call, report, looking_on.describe_end(report),
-               replay ? ""
-                      : HintOf({call.straps, call.volume, call.files.nand, call.files.dataflash, call.host}, report,
-                               board.chips, known),
-               outcome);
+    const int status = Report(call, report, looking_on.describe_end(report),
+                              replay ? ""
+                                     : HintOf({call.straps, call.volume, call.files.nand, call.files.dataflash,
+                                               call.host, foretold ? &*foretold : nullptr},
+                                              report, board.chips, known),
+                              outcome);
     if (replay && !call.json) fmt::print(stderr, "{}: {}\n", call.replay, NameOf(replay->judgement().outcome));
     return status;
 }
@@ -351,7 +367,14 @@ void AddBootCommand(CLI::App &app, int &exit_status) {
         ->needs(vcd);
     command->add_option("--panel", call->panel, "write what the panel shows at the end as PNG");
     command->add_option("--panel-frames", call->panel_frames, "write every different frame as PNG into this directory");
-    command->add_option("--panel-gif", call->panel_gif, "write the panel's boot as an animation");
+    CLI::Option *const gif =
+        command->add_option("--panel-gif", call->panel_gif, "write the panel's boot as an animation, again and again");
+    command->add_option("--panel-gif-slower", call->gif_style.slower, "so many times slower than virtual time")
+        ->check(WholeNumber(1, 1000))
+        ->capture_default_str()
+        ->needs(gif);
+    command->add_flag("--panel-gif-captions", call->gif_captions, "with the time and the console's last line below")
+        ->needs(gif);
     command->add_option("--panel-wiring", call->panel_wiring, "how the panel's colours are connected")
         ->check(CLI::IsMember(kWirings))
         ->capture_default_str();

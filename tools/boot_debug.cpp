@@ -2,6 +2,7 @@
 
 #include "formats/file.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <fmt/format.h>
 #include <fstream>
@@ -69,11 +70,28 @@ void AddObserveOptions(CLI::App &command, ObserveCall &call) {
         ->check(CLI::IsMember(kStops))
         ->capture_default_str()
         ->group(group);
+    command
+        .add_option(
+            "--symbols", call.symbols,
+            "ELF of an application: its symbols serve a launched image with the same content; may be given again")
+        ->group(group);
     command.add_option("--report", call.report, "write the run as one page of HTML: timeline, panel, flash, events");
     command.add_option("--live", call.live, "show panel and console as they happen, so many times faster [1]")
         ->expected(0, 1)
         ->default_str("1")
         ->check(CLI::Range(0.001, 1e6));
+}
+
+std::vector<Firmware> ProgramsWithSymbols(const ObserveCall &call) {
+    std::vector<Firmware> programs;
+    for (const std::string &file : call.symbols) {
+        programs.push_back(ReadFirmware(file));
+        if (!programs.back().elf) throw Refusal(file, "not an ELF, so it has no symbols", "an ELF", "no-symbols");
+    }
+    for (const char *name : {"demo-application", "demo-rescue"})
+        if (const auto file = FirmwareDirectory() / name; std::filesystem::exists(file))
+            programs.push_back(ReadFirmware(file));
+    return programs;
 }
 
 BootObservers::BootObservers(const ObserveCall &call, Machine &machine, std::FILE *console)
@@ -84,7 +102,10 @@ BootObservers::BootObservers(const ObserveCall &call, Machine &machine, std::FIL
         trace_.emplace(call.trace, FilterOf(call), call.trace_last);
         events_.sinks.push_back([this](const Event &event) { trace_->add(event); });
     }
-    events_.sinks.push_back([this](const Event &event) { last_.add(event); });
+    events_.sinks.push_back([this](const Event &event) {
+        last_.add(event);
+        if (event.kind == EventKind::console) lines_.emplace_back(event.time, event.what);
+    });
     if (call.report.empty()) return;
     const OutputFile proof(call.report); // it is written after the run
     record_.emplace(machine);
@@ -111,22 +132,32 @@ void BootObservers::start() {
     debugger_->notice = [](const std::string &text) { fmt::print(stderr, "gdb: {}\n", text); };
 }
 
-void BootObservers::finish(const RunReport &report, const std::string &verdict) {
+void BootObservers::finish(const RunReport &report, const std::string &verdict, const Prediction *foretold) {
     events_.finish();
     if (live_) live_->wait_for(report.time);
     live_.reset();
     if (debugger_) debugger_->finished(report);
     debugger_.reset();
-    if (record_) write_report(report, verdict);
+    if (record_) write_report(report, verdict, foretold);
     trace_.reset();
 }
 
-void BootObservers::write_report(const RunReport &report, const std::string &verdict) const {
+void BootObservers::write_report(const RunReport &report, const std::string &verdict,
+                                 const Prediction *foretold) const {
     FrameRecorder &frames = *machine_.frames();
     frames.look();
     const FlashMap after = MapOf(machine_.chips(), machine_.options().board.straps.boots_from_nand());
-    WriteFile(call_.report,
-              ReportPage(*record_, report, after, frames.frames(), {verdict, describe_end(report), ThisCall()}));
+    WriteFile(call_.report, ReportPage(*record_, report, after, frames.frames(),
+                                       {verdict.substr(0, verdict.find("; booting from")), describe_end(report),
+                                        ThisCall(), foretold}));
+}
+
+std::string BootObservers::last_line(Picoseconds time) const {
+    const auto after = std::upper_bound(lines_.begin(), lines_.end(), time,
+                                        [](Picoseconds at, const auto &line) { return at < line.first; });
+    if (after == lines_.begin()) return "";
+    const std::string &line = (after - 1)->second;
+    return line.substr(std::min(line.find_first_not_of("\t "), line.size()));
 }
 
 std::string BootObservers::describe_end(const RunReport &report) const {

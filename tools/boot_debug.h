@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace fixture {
 
@@ -26,11 +27,15 @@ struct ObserveCall {
     bool keep_going = false;
     std::optional<std::uint16_t> gdb_port;
     std::string gdb_on = "entry";
+    std::vector<std::string> symbols;
     std::string report;
     std::optional<double> live; // seconds of virtual time in a second
     bool wants_frames() const { return !report.empty() || live; }
 };
 void AddObserveOptions(CLI::App &command, ObserveCall &call);
+
+// Programs that a bank may launch, by their ELFs: those of this build, and what the call names. Throws Refusal.
+std::vector<Firmware> ProgramsWithSymbols(const ObserveCall &call);
 
 // Everything that looks on while a machine runs.
 class BootObservers {
@@ -42,15 +47,19 @@ public:
     void console(char c);
     // When everybody else who looks on is in place: shows frames as they come, and waits for a debugger.
     void start();
-    // After the run: what is left to be written and told. `verdict` in one line.
-    void finish(const RunReport &report, const std::string &verdict);
+    // Whether finish() has a use for what was foretold of the run.
+    bool wants_forecast() const { return record_.has_value(); }
+    // After the run: what is left to be written and told. `verdict` in one line; `foretold` may be null.
+    void finish(const RunReport &report, const std::string &verdict, const Prediction *foretold);
 
+    // What the console had printed last at a moment of the run: one line.
+    std::string last_line(Picoseconds time) const;
     // A bad end's place, the calls that led there and the last events, in lines; empty for a good end.
     std::string describe_end(const RunReport &report) const;
     void add_end(const RunReport &report, nlohmann::ordered_json &json) const;
 
 private:
-    void write_report(const RunReport &report, const std::string &verdict) const;
+    void write_report(const RunReport &report, const std::string &verdict, const Prediction *foretold) const;
 
     const ObserveCall &call_;
     Machine &machine_;
@@ -58,6 +67,7 @@ private:
     bool console_is_traced_;
     EventStream events_;
     EventRing last_{20};
+    std::vector<std::pair<Picoseconds, std::string>> lines_; // of the console
     std::optional<Trace> trace_;
     std::optional<Debugger> debugger_;
     std::optional<RunRecord> record_;

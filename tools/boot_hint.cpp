@@ -47,15 +47,28 @@ std::string OfVolumeLevel(const HintCall &call) {
                        call.volume);
 }
 
+// The reason in one line, with what the first bank that is there is rejected for.
+std::string WhyNothing(const Prediction &told) {
+    const auto rejects = [](const BootStep &step) {
+        const std::string_view id = step.id;
+        return id == "bank-rejected" || id == "bank-incomplete" || id == "application-rejected";
+    };
+    const auto first = std::find_if(told.steps.begin(), told.steps.end(), rejects);
+    if (first == told.steps.end()) return told.reason;
+    return fmt::format("{}; {}: {}", told.reason, first->place, first->text);
+}
+
 std::string OfVolume(const HintCall &call) {
     if (call.volume.empty()) return "there is no volume; give the directory that holds data/ with --volume";
     if (!HoldsData(call.volume)) return OfVolumeLevel(call);
+    if (call.foretold && call.foretold->end == BootEnd::nothing) return WhyNothing(*call.foretold);
     return fmt::format("no bank launches; see `fixture bank check {}`", call.volume);
 }
 
 std::string OfResets(const HintCall &call, const RunReport &report) {
     const bool slots = !call.nand.empty() || !call.dataflash.empty();
     if (report.place.starts_with("watchdog")) return "the watchdog ends every start; try a longer --watchdog";
+    if (call.foretold && call.foretold->end == BootEnd::loop) return call.foretold->reason;
     if (slots) return fmt::format("see `fixture bank check {}` for banks that replace each other", call.volume);
     return "no chip file was given, so every start is the same bootloader again: a bank that stores another one has no "
            "effect; name the chips with --nand or --dataflash";

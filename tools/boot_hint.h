@@ -1,7 +1,7 @@
 // Why a board launched nothing, where the reason lies in the call or its files, and what to try.
 #pragma once
 
-#include "machine/machine.h"
+#include "machine/forecast.h"
 
 #include <string>
 
@@ -12,6 +12,7 @@ struct HintCall {
     std::string volume;
     std::string nand, dataflash; // files; empty: not named
     bool host = false;
+    const Prediction *foretold = nullptr; // where it was possible
 };
 // One line; empty where the report says all there is to say.
 std::string HintOf(const HintCall &call, const RunReport &report, const Chips &chips, const KnownFirmware &known);

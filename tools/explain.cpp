@@ -1,8 +1,8 @@
 // fixture explain: what a board will do, and why, from its chips and files alone. No bootloader runs.
 #include "machine/chip_store.h"
 #include "machine/firmware.h"
+#include "machine/forecast.h"
 #include "machine/raw_flash.h"
-#include "sweep/foretold.h"
 #include "tools/call_report.h"
 #include "tools/chip_files.h"
 #include "tools/commands.h"

@@ -2,7 +2,7 @@
 
 #include "formats/bank_check.h"
 #include "formats/stored_image.h"
-#include "sweep/foretold.h"
+#include "machine/forecast.h"
 
 #include <fmt/format.h>
 

@@ -1,18 +1,28 @@
 // The debugger's port, as GDB itself finds it, and as nobody should use it.
+#include "formats/bank.h"
 #include "formats/file.h"
+#include "formats/slot_store.h"
+#include "formats/stored_image.h"
+#include "harness/process.h"
 #include "harness/source_tree.h"
 #include "harness/started_board.h"
 #include "machine/debugger.h"
 #include "machine/events.h"
+#include "machine/raw_flash.h"
+#include "sweep/world.h"
 
 #include <arpa/inet.h>
+#include <chrono>
 #include <cstdio>
 #include <fmt/format.h>
 #include <future>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/time.h>
+#include <thread>
 #include <unistd.h>
+#include <utility>
 
 namespace fixture {
 
@@ -26,25 +36,77 @@ struct Debugged {
     std::string notices; // by the debugger's port
 };
 
-// A board without files, which finds nothing to launch, with somebody at its debugger's port.
-Debugged Debug(const std::function<std::string(std::uint16_t port)> &other_side,
-               Debugger::StopOn on = Debugger::StopOn::entry, const std::function<void(Machine &)> &prepare = {}) {
-    Chips chips;
-    RunOptions options;
+int Connect(std::uint16_t port) {
+    const int peer = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(connect(peer, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    return peer;
+}
+
+// The other side of a debugger's port, as a thread of its own: it begins when the run waits for it, not before. A
+// debugger that comes earlier stops the run wherever it is then, and once it has gone again nobody meets the run where
+// it does wait. Should that happen all the same, the run is let go, and the test fails instead of standing for ever.
+class OtherSide {
+public:
+    OtherSide(std::uint16_t port, std::function<std::string(std::uint16_t port)> acts)
+        : said_(std::async(std::launch::async, [this, port, acts = std::move(acts)] {
+              if (waits_.get_future().wait_for(kLongest) != std::future_status::ready) return std::string();
+              std::string said = acts(port);
+              std::future<void> ended = ended_.get_future();
+              for (int tries = 0; tries < 8 && ended.wait_for(kLongest / 8) != std::future_status::ready; ++tries) {
+                  ADD_FAILURE() << "the run still waits, and its debugger has gone; it said:\n" << said;
+                  close(Connect(port));
+              }
+              return said;
+          })) {}
+    void the_run_waits() {
+        if (!std::exchange(has_waited_, true)) waits_.set_value();
+    }
+    std::string the_run_has_ended() {
+        ended_.set_value();
+        return said_.get();
+    }
+
+private:
+    static constexpr std::chrono::seconds kLongest{80};
+    bool has_waited_ = false;
+    std::promise<void> waits_, ended_;
+    std::future<std::string> said_;
+};
+
+using Side = std::function<std::string(std::uint16_t port)>;
+using Prepare = std::function<void(Machine &)>;
+
+// Runs a board with somebody at its debugger's port.
+Debugged DebugRun(Chips &chips, RunOptions options, const Side &other_side, Debugger::StopOn on,
+                  const Prepare &prepare) {
     options.known = &TestFirmware();
-    options.firmware = &Bootloader();
     options.sightings = true;
     options.keep_going = false;
     Machine machine(chips, options);
     if (prepare) prepare(machine);
     Debugged result;
     Debugger debugger(machine, 0, on);
-    debugger.notice = [&](const std::string &text) { result.notices += text + "\n"; };
-    auto other = std::async(std::launch::async, other_side, debugger.port());
+    OtherSide other(debugger.port(), other_side);
+    debugger.notice = [&](const std::string &text) {
+        result.notices += text + "\n";
+        if (text.find("waiting for a debugger") != std::string::npos) other.the_run_waits();
+    };
     result.report = machine.run();
     debugger.finished(result.report);
-    result.said = other.get();
+    result.said = other.the_run_has_ended();
     return result;
+}
+
+// A board without files, which finds nothing to launch.
+Debugged Debug(const Side &other_side, Debugger::StopOn on = Debugger::StopOn::entry, const Prepare &prepare = {}) {
+    Chips chips;
+    RunOptions options;
+    options.firmware = &Bootloader();
+    return DebugRun(chips, options, other_side, on, prepare);
 }
 
 std::string Output(const std::string &command) {
@@ -61,17 +123,19 @@ std::filesystem::path FixtureProgram() {
     return std::filesystem::read_symlink("/proc/self/exe").parent_path() / "fixture";
 }
 
-std::string Gdb(std::uint16_t port, const std::string &commands) {
+// GDB with a script. `file`: what it gets its symbols from; empty: from the board.
+std::string Gdb(std::uint16_t port, const std::string &commands, const std::filesystem::path &file) {
     const TemporaryDirectory here;
-    const auto script = here.write("commands", fmt::format("set pagination off\nset confirm off\nfile {}\n"
-                                                           "target remote 127.0.0.1:{}\n{}",
-                                                           Bootloader().file.string(), port, commands));
-    return Output(fmt::format("gdb-multiarch -nx -batch -x {} 2>&1", script.string()));
+    const auto script =
+        here.write("commands", fmt::format("set pagination off\nset confirm off\n{}\n"
+                                           "target remote 127.0.0.1:{}\n{}",
+                                           file.empty() ? "" : "file " + file.string(), port, commands));
+    return Output(fmt::format("timeout 60 gdb-multiarch -nx -batch -x {} 2>&1 </dev/null", script.string()));
 }
 
 Debugged DebugWithGdb(const std::string &commands, Debugger::StopOn on = Debugger::StopOn::entry,
                       const std::function<void(Machine &)> &prepare = {}) {
-    return Debug([&](std::uint16_t port) { return Gdb(port, commands); }, on, prepare);
+    return Debug([&](std::uint16_t port) { return Gdb(port, commands, Bootloader().file); }, on, prepare);
 }
 
 // The same run with nobody looking.
@@ -136,6 +200,159 @@ TEST(Debugger, StopsInsideARegisterWrite) {
     EXPECT_EQ(run.report.sighting->chain, ours);
 }
 
+// Symbols come over the line and change with what runs: an update puts another build in charge, then a bank's
+// application. Breakpoints move along.
+TEST(Debugger, HandsOverTheSymbolsOfWhatRuns) {
+    const Firmware application = ReadFirmware(FirmwareDirectory() / "demo-application");
+    Chips chips;
+    const TemporaryDirectory here;
+    StoreProvision(RawFlashOf(chips.nand), {0, Wrap(Bootloader("1.9.0").flat), {}, ""});
+    const std::vector<BankFile> files = {
+        {FileRole::application, "application.bin", "2.0", application.flat},
+        {FileRole::bootloader, "bootloader.bin", "1.9.1", Wrap(Bootloader("1.9.1").flat)}};
+    here.write(std::string("data/app/") + kDescriptorName, MakeDescriptor(files));
+    here.write(std::string("data/app/") + kManifestName, MakeManifest(files));
+    for (const BankFile &file : files) here.write("data/app/" + file.path(), {file.bytes.begin(), file.bytes.end()});
+    RunOptions options;
+    options.slots = true;
+    options.volume = here.path();
+    options.board.straps.pins_12_13 = true;
+    options.programs = std::span(&application, 1);
+    const Chips before = chips;
+    const auto gdb = [](std::uint16_t port) {
+        return Gdb(port,
+                   "break main\ncontinue\nmonitor where\n" // of 1.9.0
+                   "continue\nmonitor where\n"             // of 1.9.1, after the reset
+                   "break *0x23000000\ncontinue\ninfo symbol $pc\nstepi\ndelete\ncontinue\n",
+                   "");
+    };
+    const Debugged run = DebugRun(chips, options, gdb, Debugger::StopOn::entry, {});
+    std::size_t at = 0;
+    for (const std::string next :
+         {"Breakpoint 1, main", "bootloader.elf\n", "executing new program: ", "bootloader-1.9.1.elf\n",
+          "Breakpoint 1, main", "bootloader-1.9.1.elf\n", "executing new program: ", "demo-application\n",
+          "Breakpoint 2, ", "_start in section .text", "exited normally"}) {
+        at = run.said.find(next, at);
+        ASSERT_NE(at, std::string::npos) << "no \"" << next << "\" in its place:\n" << run.said;
+    }
+    Chips again = before;
+    options.known = &TestFirmware();
+    Machine plain(again, options);
+    const RunReport undisturbed = plain.run();
+    EXPECT_EQ(run.report.verdict, Verdict::launched);
+    EXPECT_EQ(run.report.time, undisturbed.time);
+    EXPECT_EQ(run.report.instructions, undisturbed.instructions);
+    EXPECT_EQ(chips.nand, again.nand);
+}
+
+// The other side by hand, packet by packet.
+class Client {
+public:
+    explicit Client(std::uint16_t port) : peer_(Connect(port)) {
+        const timeval longest{60, 0};
+        setsockopt(peer_, SOL_SOCKET, SO_RCVTIMEO, &longest, sizeof longest);
+    }
+    ~Client() { close(peer_); }
+    Client(const Client &) = delete;
+    Client &operator=(const Client &) = delete;
+
+    void send(const std::string &bytes) const {
+        EXPECT_EQ(write(peer_, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    }
+    // The next packet; empty when the line is closed, or nothing comes for a minute.
+    std::string next() {
+        for (;;) {
+            while (const auto item = reader_.next())
+                if (item->kind == GdbPacketReader::Kind::packet) return item->data;
+            char bytes[4096];
+            const ssize_t count = read(peer_, bytes, sizeof bytes);
+            if (count <= 0) return {};
+            reader_.feed({bytes, static_cast<std::size_t>(count)});
+        }
+    }
+    std::string ask(const std::string &packet) {
+        send(FrameGdbPacket(packet));
+        return next();
+    }
+    std::string monitor(const std::string &command) {
+        return FromHex(ask("qRcmd," + ToHex(command))).value_or("no text");
+    }
+
+private:
+    int peer_;
+    GdbPacketReader reader_;
+};
+
+TEST(Debugger, CutsThePowerWhereItIsAsked) {
+    const World world = MakeWorld({}, SweepFirmware(FirmwareDirectory() / "fixed"));
+    RunOptions options;
+    options.slots = true;
+    options.volume = *world.volume;
+    options.board = world.board;
+    options.run_launched = false;
+    const struct {
+        const char *name;
+        CutMoment moment;
+    } rows[] = {{"before", CutMoment::before}, {"torn", CutMoment::torn}, {"after", CutMoment::after}};
+    std::vector<NandContents> left;
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        Chips chips = world.chips, expected = world.chips;
+        const auto cut = [&](std::uint16_t port) {
+            Client client(port);
+            const std::string heard = client.monitor(std::string("cut-power ") + row.name);
+            client.send(FrameGdbPacket("vCont;c"));
+            client.next();
+            return heard + client.next();
+        };
+        const Debugged run = DebugRun(chips, options, cut, Debugger::StopOn::entry, {});
+        EXPECT_THAT(run.said, HasSubstr("the next operation that changes a chip"));
+        EXPECT_EQ(run.report.verdict, Verdict::power_lost);
+        RunBoot({.volume = *world.volume,
+                 .board = world.board,
+                 .chips = &expected,
+                 .from_slots = true,
+                 .prepare =
+                     [&](Machine &machine) {
+                         machine.board().supply.plan(PowerCut{0, row.moment, 1});
+                     },
+                 .inspect = {}});
+        EXPECT_EQ(chips.nand, expected.nand);
+        EXPECT_EQ(chips.eeprom, expected.eeprom);
+        left.push_back(chips.nand);
+    }
+    EXPECT_EQ(left[0], world.chips.nand);
+    EXPECT_FALSE(left[1] == left[0] || left[2] == left[0] || left[1] == left[2]);
+}
+
+// What a debugger does to a run, and what the run makes of it.
+TEST(Debugger, IsHeardWhileTheBoardRuns) {
+    const std::string go = FrameGdbPacket("vCont;c"), reset = FrameGdbPacket("qRcmd," + ToHex("reset"));
+    const struct {
+        const char *name;
+        std::vector<std::string> sent; // each with the packet that answers it, as far as it goes
+        std::vector<std::string> answers;
+        const char *notice;
+    } rows[] = {
+        {"Ctrl-C", {go, "\x03", go}, {"T02thread:1;", "O", "W01"}, "waiting for a debugger"},
+        {"Ctrl-C in one breath with the command", {go + "\x03", go}, {"T02", "O", "W01"}, ""},
+        {"detach", {FrameGdbPacket("D")}, {"OK"}, "the debugger has let go; the run goes on"},
+        {"a wrong sum, and again", {"$?#00", FrameGdbPacket("?"), go}, {"T05thread:1;", "O", "W01"}, ""},
+        {"a reset, and away", {reset, FrameGdbPacket("s")}, {ToHex("the processor is reset")}, "the debugger has gone"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        const Debugged run = Debug([&](std::uint16_t port) {
+            Client client(port);
+            for (const std::string &bytes : row.sent) client.send(bytes);
+            for (const std::string &answer : row.answers) EXPECT_EQ(client.next().substr(0, answer.size()), answer);
+            return std::string();
+        });
+        EXPECT_THAT(run.notices, HasSubstr(row.notice));
+        if (run.report.resets == 0) ExpectUndisturbed(run.report);
+    }
+}
+
 TEST(Debugger, CutsThePowerAndResets) {
     const Debugged cut = DebugWithGdb("monitor cut-power sideways\nmonitor reset\nstepi\nprint/x $pc\nkill\n");
     EXPECT_THAT(cut.said, HasSubstr("cut-power before, torn or after"));
@@ -144,14 +361,27 @@ TEST(Debugger, CutsThePowerAndResets) {
     EXPECT_EQ(cut.report.resets, 1u);
 }
 
-int Connect(std::uint16_t port) {
-    const int peer = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(connect(peer, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-    return peer;
+// The command as it is typed: a case of a sweep, which ends as it does with nobody looking.
+TEST(Debugger, LooksAtACaseOfASweep) {
+    const std::vector<std::string> call = {"boot", "--replay", "nand-update/running-erased:12t"};
+    Process plain(call);
+    EXPECT_EQ(plain.wait(), 0);
+    std::vector<std::string> with_gdb = call;
+    with_gdb.insert(with_gdb.end(), {"--gdb", "0"});
+    Process looked_at(with_gdb);
+    const std::string waiting = "target remote :";
+    std::size_t at = std::string::npos;
+    for (unsigned tries = 0; tries < 1200 && at == std::string::npos; ++tries) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        at = looked_at.text().find(waiting);
+    }
+    ASSERT_NE(at, std::string::npos);
+    const int port = std::stoi(looked_at.text().substr(at + waiting.size()));
+    const std::string said = Gdb(static_cast<std::uint16_t>(port), "break NandFlash_if_Read\ncontinue\ndetach\n", "");
+    EXPECT_THAT(said, HasSubstr("Breakpoint 1, NandFlash_if_Read"));
+    EXPECT_EQ(looked_at.wait(), 0);
+    const std::string text = looked_at.text();
+    EXPECT_EQ(text.substr(text.find("launched ")), plain.text().substr(plain.text().find("launched ")));
 }
 
 TEST(Debugger, ThatVanishesLeavesTheRunToItself) {
@@ -200,7 +430,7 @@ TEST(Recipes, Natively) {
     const std::string program = "build/host/fixture";
     commands.replace(commands.find(program), program.size(), FixtureProgram().string());
     const auto script = here.write("commands", "set pagination off\nset confirm off\n" + commands);
-    const std::string said = Output(fmt::format("gdb -nx -batch -x {} 2>&1 </dev/null", script.string()));
+    const std::string said = Output(fmt::format("timeout 120 gdb -nx -batch -x {} 2>&1 </dev/null", script.string()));
     EXPECT_THAT(said, HasSubstr("Breakpoint 1, main ()"));
     EXPECT_THAT(said, HasSubstr("StageEnd::exited, bootloader_main()")); // where `finish` comes back to
 }

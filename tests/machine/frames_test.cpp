@@ -114,7 +114,14 @@ TEST(FrameRecording, KeepsEachFrameThatCouldBeSeen) {
 
     std::vector<unsigned> delays;
     for (const GifFrame &frame : Animation(recorder.frames(), 900 * kMillisecond)) delays.push_back(frame.centiseconds);
-    EXPECT_THAT(delays, testing::ElementsAre(30, 10, 20, 2, 10));
+    EXPECT_THAT(delays, testing::ElementsAre(30, 10, 20, 2, 100));
+
+    const auto slow = Animation(recorder.frames(), 900 * kMillisecond, {3, [](const auto &) { return "I"; }});
+    EXPECT_EQ(slow[0].centiseconds, 90u);
+    const Picture &captioned = slow[0].picture;
+    EXPECT_EQ(captioned.height, 2u + 15u);
+    EXPECT_TRUE(std::equal(recorder.frames()[0].picture.pixels.begin(), recorder.frames()[0].picture.pixels.end(),
+                           captioned.pixels.begin()));
 }
 
 } // namespace

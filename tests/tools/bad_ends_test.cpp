@@ -1,0 +1,113 @@
+// What a run that ends badly says about it: the time, the place and its source line, the calls that led there, how
+// often, and what happened just before. The mistakes are planted in the image, in a routine four calls below main.
+#include "formats/file.h"
+#include "harness/arm_opcodes.h"
+#include "harness/command.h"
+#include "harness/started_board.h"
+#include "tools/commands.h"
+
+#include <algorithm>
+#include <cstring>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+namespace fixture {
+
+namespace {
+
+using testing::ContainsRegex;
+using testing::HasSubstr;
+
+// A leaf without a stack frame: the debug tables are right for it whatever its instructions are.
+constexpr const char *kRoutine = "AT91SAM926X_ProgramLCDC";
+constexpr std::uint32_t kRoutineBytes = 64;
+
+// The bootloader's ELF with other instructions at the start of that routine.
+std::filesystem::path Plant(const TemporaryDirectory &here, const a32::Words &code) {
+    const Firmware &build = Bootloader();
+    Bytes file = ReadFile(build.file, 1u << 26);
+    const auto at = static_cast<std::ptrdiff_t>(build.elf->symbol(kRoutine).value() - kBootloaderLinkAddress);
+    const auto routine =
+        std::search(file.begin(), file.end(), build.flat.begin() + at, build.flat.begin() + at + kRoutineBytes);
+    EXPECT_NE(routine, file.end());
+    EXPECT_LE(code.size() * sizeof code[0], kRoutineBytes);
+    std::memcpy(&*routine, code.data(), code.size() * sizeof code[0]);
+    return here.write("planted.elf", {file.begin(), file.end()});
+}
+
+a32::Words Join(std::initializer_list<a32::Words> parts) {
+    a32::Words all;
+    for (const a32::Words &part : parts) all.insert(all.end(), part.begin(), part.end());
+    return all;
+}
+
+std::vector<std::string> Lines(const std::string &text) {
+    std::vector<std::string> lines;
+    for (std::size_t begin = 0, end; (end = text.find('\n', begin)) != std::string::npos; begin = end + 1)
+        lines.push_back(text.substr(begin, end - begin));
+    return lines;
+}
+
+constexpr std::uint32_t kReadOnly = 0xFFFFF208;     // PIOA.PSR
+constexpr std::uint32_t kNeverChanges = 0xFFFFF40C; // an unused word of PIOB
+constexpr std::uint32_t kResetController = 0xFFFFFD00, kResetAll = 0xA5000005;
+
+TEST(BadEnds, LeadToTheLine) {
+    using namespace a32;
+    const struct {
+        const char *name;
+        Words code;
+        bool keep_going;
+        const char *verdict; // how the last line but the explanation begins
+        const char *times;
+        const char *last_event;
+    } rows[] = {
+        {"violation", Join({Load(0, kReadOnly), {STR_R2_R0, BX_LR}}), false,
+         "violation: bus: PIOA.PSR written: it can only be read; ", "", "PIOA.PSR written"},
+        {"violations that were let pass", Join({Load(0, kReadOnly), {STR_R2_R0, STR_R2_R0, STR_R2_R0, BX_LR}}), true,
+         "violation: bus: PIOA.PSR written: it can only be read; ", ", 3 times", ""},
+        {"fault", {UNDEFINED}, false, "fault: ", "", ""},
+        {"hang", Join({Load(0, kNeverChanges), {LDR_R3_R0, NOP, B_BACK_2}}), false, "hang: PIOB.", "", "R PIOB."},
+        {"reset loop", Join({Load(0, kResetController), Load(2, kResetAll), {STR_R2_R0}}), false,
+         "reset loop: reset controller; ", ", 8 times", "reset by the reset controller"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        const TemporaryDirectory here;
+        std::vector<std::string> call = {"boot", "--firmware", Plant(here, row.code)};
+        if (row.keep_going) call.emplace_back("--keep-going");
+        const CommandResult result = RunCommand(AddBootCommand, call);
+        EXPECT_EQ(result.exit_status, 3);
+        const std::vector<std::string> lines = Lines(result.error);
+        ASSERT_GE(lines.size(), 26u) << result.error;
+        EXPECT_EQ(lines[0].substr(0, std::strlen(row.verdict)), row.verdict);
+        EXPECT_THAT(lines[1], ContainsRegex("^  at [0-9]+\\.[0-9]{6} ms of virtual time"));
+        EXPECT_THAT(lines[1], testing::EndsWith(*row.times ? row.times : " ms of virtual time"));
+        EXPECT_THAT(lines[2], ContainsRegex("^  in        AT91SAM926X_ProgramLCDC\\+0x[0-9A-F]+ \\(LCD.*:[0-9]+\\)"));
+        const auto events = std::find(lines.begin(), lines.end(), "  the last events:");
+        ASSERT_NE(events, lines.end());
+        for (auto caller = lines.begin() + 3; caller != events; ++caller)
+            EXPECT_THAT(*caller, testing::StartsWith("  called by "));
+        EXPECT_THAT(*(events - 1), ContainsRegex("called by main\\+0x[0-9A-F]+ \\(main\\.cpp:[0-9]+\\)"));
+        EXPECT_GE(lines.end() - events, 21);
+        EXPECT_THAT(std::string(*(events + 20)) + std::string(*(events + 19)), HasSubstr(row.last_event));
+    }
+}
+
+TEST(BadEnds, SayTheSameToPrograms) {
+    const TemporaryDirectory here;
+    const auto planted = Plant(here, Join({a32::Load(0, kReadOnly), {a32::STR_R2_R0, a32::BX_LR}}));
+    const CommandResult result = RunCommand(AddBootCommand, {"boot", "--json", "--firmware", planted});
+    const nlohmann::json said = nlohmann::json::parse(result.output);
+    EXPECT_EQ(said["verdict"], "violation");
+    EXPECT_EQ(said["times"], 1);
+    EXPECT_EQ(said["pc"].get<std::uint32_t>() - Bootloader().elf->symbol(kRoutine).value(), 12u);
+    EXPECT_THAT(said["call_chain"].back().get<std::string>(), HasSubstr("main+0x"));
+    EXPECT_EQ(said["last_events"].size(), 20u);
+    EXPECT_GT(said["seen_ms"].get<double>(), 0);
+}
+
+} // namespace
+
+} // namespace fixture
