@@ -13,6 +13,7 @@
 #include <fmt/format.h>
 #include <streambuf>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -136,6 +137,15 @@ std::string NameBeside(const fs::path &target) {
         .string();
 }
 
+// A chip's dump is hundreds of megabytes, and to take them 4 KiB at a time would be half the work of reading it.
+void WantLargePages(const Bytes &reserved) {
+    constexpr std::uintptr_t kLargePage = 2u << 20;
+    const auto begin = (reinterpret_cast<std::uintptr_t>(reserved.data()) + kLargePage - 1) / kLargePage * kLargePage;
+    const auto end =
+        (reinterpret_cast<std::uintptr_t>(reserved.data()) + reserved.capacity()) / kLargePage * kLargePage;
+    if (begin < end) madvise(reinterpret_cast<void *>(begin), end - begin, MADV_HUGEPAGE); // advice: it may be refused
+}
+
 } // namespace
 
 Bytes ReadFile(const fs::path &file, std::uintmax_t most) {
@@ -148,7 +158,10 @@ Bytes ReadFile(const fs::path &file, std::uintmax_t most) {
         throw Refusal(Fault::unreadable, {"not-a-file", file.string(), KindOf(status.st_mode), "a file"});
     const auto size = static_cast<std::uintmax_t>(status.st_size);
     if (size > most) throw Refusal(file, fmt::format("{} bytes", size), fmt::format("at most {}", most), "too-large");
-    Bytes bytes(size);
+    Bytes bytes;
+    bytes.reserve(size);
+    WantLargePages(bytes);
+    bytes.resize(size);
     for (std::size_t done = 0; done < bytes.size();) {
         const ssize_t count = read(handle.number, bytes.data() + done, bytes.size() - done);
         if (count < 0 && errno == EINTR) continue;

@@ -29,7 +29,7 @@ enum class ProcessorKind : std::uint8_t { arm, host };
 
 struct RunOptions {
     ProcessorKind processor = ProcessorKind::arm;
-    const KnownFirmware *known = nullptr;    // builds that stand behind images; needed on the host
+    const KnownFirmware *known = nullptr;    // builds that images are known by; needed on the host
     std::span<const Firmware> programs = {}; // ELFs whose symbols serve a launched image with the same content
     const Firmware *firmware = nullptr; // replaces the first stage's choice: at the first start with slots, else always
     bool slots = false;                 // the first stage looks for bootloaders in the chips' slots

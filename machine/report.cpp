@@ -18,13 +18,14 @@ namespace {
 
 constexpr Picoseconds kShortestPause = 20 * kMillisecond;
 constexpr unsigned kBlocksPerRow = 64;
-constexpr std::size_t kEventsMost = 12'000; // in the table and under the cursor: what keeps the page below 2 MB
+constexpr std::size_t kEventsMost = 6'000; // in the table and under the cursor: what keeps the page below 2 MB
 
 // The drawing's own units.
 constexpr unsigned kView = 1000;
 constexpr unsigned kLeft = 78;
 constexpr unsigned kWidth = kView - kLeft - 12;
 constexpr unsigned kLaneHeight = 28;
+constexpr double kClosest = 0.1;
 constexpr unsigned kTextDrop = 18; // from a row's top to its text's base line
 
 double Ms(Picoseconds time) { return static_cast<double>(time) / static_cast<double>(kMillisecond); }
@@ -154,10 +155,13 @@ public:
         return kLeft + static_cast<double>(time) / static_cast<double>(end_) * double{kWidth};
     }
     void tick(unsigned lane, Picoseconds time) {
+        ++counts_[lane];
+        // Marks as close as this are one, at the deepest zoom too: a long update would fill the page with them.
+        if (x(time) - last_[lane] < kClosest) return;
+        last_[lane] = x(time);
         const bool whole = lane == lane_board;
         ticks_[lane] += fmt::format("M{:.2f} {}v{}", x(time), whole ? 0 : lane * kLaneHeight + 5,
                                     whole ? kRows * kLaneHeight : kLaneHeight - 10);
-        ++counts_[lane];
     }
     void band(const char *style, unsigned lane, unsigned lanes, Picoseconds from, Picoseconds to,
               const std::string &title) {
@@ -184,6 +188,7 @@ private:
     std::string bands_;
     std::array<std::string, kLanes> ticks_;
     std::array<std::size_t, kLanes> counts_{};
+    std::array<double, kLanes> last_{}; // mark in the row
 };
 
 // A line about every tenth of the width, at 1, 2 or 5 times a power of ten.
@@ -230,9 +235,11 @@ void AddStages(Timeline &timeline, const RunRecord &record, Picoseconds end) {
 
 std::string DrawTimeline(const RunRecord &record, Picoseconds end, std::span<const FrameRecorder::Frame> frames) {
     Timeline timeline(end);
-    for (const RunRecord::Pause &pause : record.pauses())
+    for (const RunRecord::Pause &pause : record.pauses()) {
+        if (timeline.x(pause.end) - timeline.x(pause.begin) < kClosest) continue;
         timeline.band("pause", lane_console, kRows - 1, pause.begin, pause.end,
                       fmt::format("waits {:.3f} ms", Ms(pause.end - pause.begin)));
+    }
     AddStages(timeline, record, end);
     for (const Event &event : record.events()) timeline.tick(LaneOf(event), event.time);
     for (const FrameRecorder::Frame &frame : frames) timeline.tick(lane_frame, frame.time);
@@ -300,7 +307,7 @@ std::string DrawForetold(const Prediction *foretold) {
     }
     if (start) text += "</ul>";
     for (const BootHazard &hazard : foretold->hazards)
-        text += fmt::format("<p class=\"hazard\"><strong>{}</strong> <code>{}</code> {}. {}.</p>", HtmlText(hazard.id),
+        text += fmt::format("<p class=\"hazard\"><strong>{}</strong> <code>{}</code> {}; {}.</p>", HtmlText(hazard.id),
                             HtmlText(hazard.place), HtmlText(hazard.text), HtmlText(hazard.remedy));
     return text;
 }
@@ -419,8 +426,10 @@ std::string ReportPage(const RunRecord &record, const RunReport &report, const F
          {"events", EventRows(listed)},
          {"call", HtmlText(texts.call)},
          {"data",
-          fmt::format("{{\"left\":{},\"width\":{},\"view\":{},\"end\":{:.6f},\"frames\":[{}],\"events\":[{}]}}", kLeft,
-                      kWidth, kView, std::max(Ms(report.time), 1e-6), FramesJson(frames), EventsJson(listed))}});
+          fmt::format(
+              "{{\"left\":{},\"width\":{},\"view\":{},\"end\":{:.6f},\"more\":{},\"frames\":[{}],\"events\":[{}]}}",
+              kLeft, kWidth, kView, std::max(Ms(report.time), 1e-6), listed.size() < record.events().size(),
+              FramesJson(frames), EventsJson(listed))}});
 }
 
 } // namespace fixture

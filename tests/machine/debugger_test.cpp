@@ -284,7 +284,8 @@ private:
 };
 
 TEST(Debugger, CutsThePowerWhereItIsAsked) {
-    const World world = MakeWorld({}, SweepFirmware(FirmwareDirectory() / "fixed"));
+    const World world =
+        MakeWorld({.slots = {SlotState::running, SlotState::broken}}, SweepFirmware(FirmwareDirectory() / "fixed"));
     RunOptions options;
     options.slots = true;
     options.volume = *world.volume;
@@ -418,7 +419,7 @@ std::string Recipe(unsigned number) {
 TEST(Recipes, OnTheBoard) {
     const std::string recipe = Recipe(0);
     const std::string commands = recipe.substr(recipe.find("break main")); // Gdb() connects
-    const Debugged run = DebugWithGdb(commands);
+    const Debugged run = Debug([&](std::uint16_t port) { return Gdb(port, commands, ""); });
     EXPECT_THAT(run.said, HasSubstr("#0  main"));
     EXPECT_THAT(run.said, HasSubstr("CONSOLE_Put"));
     EXPECT_THAT(run.said, HasSubstr("exited with code 01"));

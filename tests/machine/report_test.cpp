@@ -43,6 +43,29 @@ Page MakePage() {
     return page;
 }
 
+// A run of half an hour with a page programmed every 20 ms.
+TEST(Report, OfALongRunIsNoLargerThanItMayBe) {
+    Chips chips;
+    RunOptions options;
+    options.firmware = &Bootloader();
+    Machine machine(chips, options);
+    RunRecord record(machine);
+    RunReport report;
+    constexpr std::size_t kEvents = 90'000;
+    for (std::size_t n = 0; n < kEvents; ++n) {
+        Event event;
+        event.time = report.time += 20 * kMillisecond;
+        event.kind = n % 100 ? EventKind::chip : EventKind::reset;
+        event.where = "NAND";
+        event.what = fmt::format("{} block {} page {}", n % 64 ? "program" : "erase", n / 64, n % 64);
+        record.add(event);
+    }
+    const std::string page = ReportPage(record, report, record.before(), {}, {"launched", "", "fixture boot"});
+    EXPECT_LT(page.size(), 2'000'000u);
+    EXPECT_NE(page.find("the first 6000 are listed"), std::string::npos);
+    EXPECT_NE(page.find(fmt::format("data-events=\"{}\"", kEvents / 100)), std::string::npos) << "the resets";
+}
+
 TEST(Report, InABrowser) {
     const Page page = MakePage();
     ASSERT_GT(page.frames.size(), 1u);

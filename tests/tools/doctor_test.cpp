@@ -10,6 +10,7 @@
 #include "sweep/scenarios.h"
 #include "tools/commands.h"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
@@ -120,6 +121,35 @@ TEST_F(Repairs, ADamagedBitIsNamedAndMendedInACopy) {
     EXPECT_NE(
         RunCommand(AddDoctorCommand, {"doctor", "--nand", file("bad.bin"), "--fix", file("good.bin")}).exit_status, 1)
         << "an older file is never written over";
+}
+
+// What a programmer read without the spare bytes, as far as it read: mended in its own layout and length.
+TEST_F(Repairs, ADumpOfDataAloneStaysOne) {
+    const ChipFileLayout data_only{ChipLayout::data_only, 0};
+    for (const std::size_t longer : {std::size_t{0}, std::size_t{64} * 2048}) {
+        SCOPED_TRACE(longer);
+        Bytes dump = ChipBytesOf(board(true), data_only), right = ChipBytesOf(board(false), data_only);
+        dump.resize(dump.size() + longer, 0xFF);
+        right.resize(dump.size(), 0xFF);
+        WriteFile(file("dump.bin"), dump);
+        const std::string fixed = fmt::format("fixed-{}.bin", longer);
+        const CommandResult result =
+            RunCommand(AddDoctorCommand, {"doctor", "--nand", file("dump.bin"), "--fix", file(fixed)});
+        EXPECT_EQ(result.exit_status, 1);
+        EXPECT_THAT(result.output, HasSubstr("page 5 at 0x00042800, block 2: 1 bit wrong"));
+        EXPECT_THAT(result.output, HasSubstr("mended in "));
+        EXPECT_EQ(ReadFile(file("dump.bin"), 1u << 30), dump);
+        EXPECT_EQ(ReadFile(file(fixed), 1u << 30), right);
+        EXPECT_EQ(RunCommand(AddDoctorCommand, {"doctor", "--nand", file(fixed)}).exit_status, 0);
+    }
+    // Cut short in the slot: what is missing counts as erased, and is named.
+    Bytes half = ChipBytesOf(board(false), data_only);
+    half.resize(std::size_t{0x40000} + 20 * 2048);
+    WriteFile(file("half.bin"), half);
+    const CommandResult result = RunCommand(AddDoctorCommand, {"doctor", "--nand", file("half.bin")});
+    EXPECT_EQ(result.exit_status, 1);
+    EXPECT_THAT(result.output, HasSubstr("page 21"));
+    EXPECT_THAT(result.output, HasSubstr("starts nothing"));
 }
 
 TEST_F(Repairs, ASectorThatACutCommitLeftIsCleared) {

@@ -1,0 +1,95 @@
+// What a boot shows while it runs and afterwards: live, as an animation, as frames.
+#include "formats/file.h"
+#include "formats/flash_report.h"
+#include "formats/stored_image.h"
+#include "harness/command.h"
+#include "harness/started_board.h"
+#include "machine/chip_store.h"
+#include "machine/raw_flash.h"
+#include "tools/commands.h"
+
+#include <gif_lib.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace fixture {
+
+namespace {
+
+namespace fs = std::filesystem;
+using testing::EndsWith, testing::HasSubstr, testing::MatchesRegex;
+
+// At whatever pace, where no terminal can show the panel: the console and the verdict are those of the plain run.
+TEST(Look, LiveIsTheSameRun) {
+    const std::vector<std::vector<std::string>> calls = {{"boot"}, {"boot", "--replay", "parameters/0-to-1:2t"}};
+    for (std::vector<std::string> call : calls) {
+        const CommandResult plain = RunCommand(AddBootCommand, call);
+        call.insert(call.end(), {"--live", "1000000"});
+        const CommandResult live = RunCommand(AddBootCommand, call);
+        EXPECT_EQ(live.exit_status, plain.exit_status);
+        EXPECT_EQ(live.output, plain.output);
+        EXPECT_EQ(live.error, plain.error);
+        EXPECT_NE(plain.output, "");
+    }
+}
+
+// A board that launches nothing says why in its last line, and its page says what was to be expected.
+TEST(Look, WhatFailsSaysWhy) {
+    const TemporaryDirectory here;
+    const auto file = [&](const char *name) { return (here.path() / name).string(); };
+    NandContents nand;
+    StoreProvision(RawFlashOf(nand), {0, Wrap(KnownFirmware(FirmwareDirectory()).all().front().flat), {}, ""});
+    SaveChip(nand, file("nand.bin"));
+    here.write("volume/data/app/readme", "no bank");
+    const CommandResult result =
+        RunCommand(AddBootCommand, {"boot", "--straps", "12-13", "--nand", file("nand.bin"), "--snapshot", "--volume",
+                                    file("volume"), "--report", file("page.html")});
+    EXPECT_EQ(result.exit_status, 1);
+    EXPECT_THAT(result.error, EndsWith("launches nothing: no bank is good, and there is no good rescue image; "
+                                       "i:/vol0/data/app/: no ProjectDescriptorFile.xml: the bank is passed over\n"));
+    const Bytes bytes = ReadFile(file("page.html"), 2'000'000);
+    const std::string page(bytes.begin(), bytes.end());
+    EXPECT_THAT(page, HasSubstr("Foretold from chips and files before the run: launches nothing"));
+    EXPECT_THAT(page, HasSubstr("the first stage starts it</li>"));
+}
+
+struct Gif {
+    unsigned frames, height, centiseconds;
+};
+Gif ReadGif(const fs::path &file) {
+    int error = 0;
+    GifFileType *const gif = DGifOpenFileName(file.c_str(), &error);
+    EXPECT_TRUE(gif && DGifSlurp(gif) == GIF_OK);
+    Gif read{static_cast<unsigned>(gif->ImageCount), static_cast<unsigned>(gif->SHeight), 0};
+    for (int n = 0; n + 1 < gif->ImageCount; ++n) { // the last one stands as long as it likes
+        GraphicsControlBlock control{};
+        DGifSavedExtensionToGCB(gif, n, &control);
+        read.centiseconds += static_cast<unsigned>(control.DelayTime);
+    }
+    DGifCloseFile(gif, &error);
+    return read;
+}
+
+TEST(Look, AnimationsSlowDownAndTakeCaptions) {
+    const TemporaryDirectory here;
+    const auto file = [&](const char *name) { return (here.path() / name).string(); };
+    RunCommand(AddBootCommand, {"boot", "--panel-gif", file("plain.gif"), "--panel-frames", file("frames")});
+    RunCommand(AddBootCommand,
+               {"boot", "--panel-gif", file("slow.gif"), "--panel-gif-slower", "50", "--panel-gif-captions"});
+    const Gif plain = ReadGif(file("plain.gif")), slow = ReadGif(file("slow.gif"));
+    EXPECT_GT(plain.frames, 2u);
+    EXPECT_EQ(plain.height, 240u);
+    EXPECT_GE(slow.frames, plain.frames);
+    EXPECT_EQ(slow.height, 255u);
+    EXPECT_GT(slow.centiseconds, 10 * plain.centiseconds);
+    std::size_t frames = 0;
+    for (const fs::directory_entry &entry : fs::directory_iterator(file("frames"))) {
+        EXPECT_THAT(entry.path().filename().string(), MatchesRegex("[0-9]+\\.[0-9]+ms\\.png"));
+        ++frames;
+    }
+    EXPECT_GE(frames, plain.frames);
+}
+
+} // namespace
+
+} // namespace fixture
