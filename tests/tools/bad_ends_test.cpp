@@ -85,7 +85,7 @@ TEST(BadEnds, LeadToTheLine) {
         EXPECT_THAT(lines[1], testing::EndsWith(*row.times ? row.times : " ms of virtual time"));
         EXPECT_THAT(
             lines[2],
-            ContainsRegex("^  in        AT91SAM926X_ProgramLCDC\\+0x[0-9A-F]+ \\([A-Za-z0-9_]+\\.cpp:[0-9]+\\)"));
+            ContainsRegex("^  in        AT91SAM926X_ProgramLCDC\\+0x[0-9A-F]+ \\([A-Za-z0-9_]+\\.(cpp|h):[0-9]+\\)"));
         const auto events = std::find(lines.begin(), lines.end(), "  the last events:");
         ASSERT_NE(events, lines.end());
         for (auto caller = lines.begin() + 3; caller != events; ++caller)

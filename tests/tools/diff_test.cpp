@@ -44,8 +44,8 @@ struct Diff : testing::Test {
         const CommandResult result = RunCommand(
             AddDiffCommand, {"diff", "--json", (here.path() / one).string(), (here.path() / other).string()});
         std::vector<std::string> places;
-        for (const json &difference : json::parse(result.output)["differences"])
-            places.push_back(difference["where"].get<std::string>());
+        const json said = json::parse(result.output);
+        for (const json &difference : said["differences"]) places.push_back(difference["where"].get<std::string>());
         return {result.exit_status, places};
     }
 };
