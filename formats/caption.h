@@ -1,6 +1,6 @@
 // A line of text below a picture, for frames of an animation that say what they show.
 //
-//   const Picture shown = WithCaption(frame, "812.345 ms  Start application");
+//   const Picture shown = WithCaption(Picture(320, 240), "812.345 ms  Start application");
 //
 // Printable ASCII, six pixels a character; "?" stands for any other. What does not fit the picture's width is cut off.
 #pragma once

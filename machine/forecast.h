@@ -1,7 +1,7 @@
 // What a power-up will do, foretold from the chips and files that it starts with.
 //
 //   Chips copy = chips;                                       the prediction changes them as the board would
-//   const Prediction told = Forecast(copy, options);
+//   const Prediction told = Forecast(copy, run_options);
 //   std::puts(told.reason.c_str());
 #pragma once
 

@@ -1,7 +1,7 @@
 // Files that a debugger reads over its own line: the ELF of what runs, so that GDB has symbols without a `file`
 // command, and has the right ones when another build takes over.
 //
-//   GdbFiles files([](const std::string &path) { return ReadAllowed(path); });
+//   GdbFiles files([](const std::string &path) { return path == "/a" ? std::optional(path) : std::nullopt; });
 //   files.handle("vFile:open:2f61,0,0");                 "F1": a handle for the next calls
 //
 // Only what `read` delivers can be opened, and nothing can be written.
