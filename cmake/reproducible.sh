@@ -14,7 +14,7 @@ unset CMAKE_C_COMPILER_LAUNCHER CMAKE_CXX_COMPILER_LAUNCHER
 mkdir -p "$work/one" "$work/the second in a deeper place"
 (cd "$root" && tar -cf - --exclude=./build --exclude=./out .) | tar -xf - -C "$work/one"
 for copy in one "the second in a deeper place"; do
-    # The second is a copy of the first with all that was built: what was configured elsewhere must not stand in the way.
+    # The second is a copy of the first with all that was built: what was configured elsewhere must not be in the way.
     [ "$copy" = one ] || cp -R "$work/one/." "$work/$copy"
     rm -rf "$work/$copy/build/record"
     "$work/$copy/cmake/moved.sh"
