@@ -74,6 +74,10 @@ configure_file(cmake/report_page.cpp.in ${CMAKE_BINARY_DIR}/made/report_page.cpp
 target_sources(machine PRIVATE ${CMAKE_BINARY_DIR}/made/report_page.cpp)
 add_bench_library(sweep sweep machine nlohmann_json::nlohmann_json)
 add_bench_library(tools tools sweep CLI11::CLI11 nlohmann_json::nlohmann_json)
+file(READ docs/report.schema.json REPORT_SCHEMA)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS docs/report.schema.json)
+configure_file(cmake/report_schema.cpp.in ${CMAKE_BINARY_DIR}/made/report_schema.cpp @ONLY)
+target_sources(tools PRIVATE ${CMAKE_BINARY_DIR}/made/report_schema.cpp)
 # The one source that knows its revision.
 set_property(SOURCE tools/version.cpp PROPERTY INCLUDE_DIRECTORIES ${BUILD_RECORD})
 add_dependencies(tools build-record)

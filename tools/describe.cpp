@@ -1,4 +1,5 @@
-// fixture describe: manual pages and shell completion, from the one description of the command line that parses calls.
+// fixture describe: manual pages and shell completion, from the one description of the command line that parses calls;
+// and the schema of what --json prints.
 #include "tools/commands.h"
 
 #include "formats/file.h"
@@ -13,6 +14,8 @@
 #include <memory>
 
 namespace fixture {
+
+extern const char *const kReportSchema; // docs/report.schema.json, as the build found it
 
 namespace fs = std::filesystem;
 
@@ -215,7 +218,7 @@ struct DescribeCall {
     bool json = false;
 };
 
-const Texts kForms = {"bash", "zsh", "fish", "man"};
+const Texts kForms = {"bash", "zsh", "fish", "man", "schema"};
 
 // A page for each command, all of them or none.
 void WritePages(const Node &top, const std::string &footer, const fs::path &directory) {
@@ -233,6 +236,7 @@ int Describe(const CLI::App &app, const DescribeCall &call) {
     if (call.form == "bash") text = BashCompletion(top);
     if (call.form == "zsh") text = ZshCompletion(top);
     if (call.form == "fish") text = FishCompletion(top);
+    if (call.form == "schema") text = kReportSchema;
     if (call.form == "man") text = Page(top, app.get_footer());
     if (call.form == "man" && !call.into.empty())
         WritePages(top, app.get_footer(), call.into);
@@ -247,7 +251,7 @@ int Describe(const CLI::App &app, const DescribeCall &call) {
 
 void AddDescribeCommand(CLI::App &app, int &exit_status) {
     auto call = std::make_shared<DescribeCall>();
-    CLI::App *command = app.add_subcommand("describe", "Print shell completion or manual pages of this command");
+    CLI::App *command = app.add_subcommand("describe", "Print shell completion, manual pages, or the schema of --json");
     command->add_option("FORM", call->form, "what to print")->required()->check(CLI::IsMember(kForms));
     command->add_option("--into", call->into, "directory for one manual page a command, with man [the first, printed]");
     command->add_flag("--json", call->json, "one JSON object");

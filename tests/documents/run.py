@@ -9,7 +9,7 @@ document's own. It has what `make boot` leaves (build/, out/) and examples/. Aft
     exits N           its last command ends so, and is meant to
     not run: WHY      it cannot run here
 
-A command outside such a block would run nowhere, so it fails as well.
+A command outside such a block would run nowhere, so it fails as well. So does a link to a file that is not there.
 """
 import pathlib
 import re
@@ -20,6 +20,7 @@ import tempfile
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 STRAY = re.compile(r"^ {4}(\$ )?(build/host/)?(fixture|make) ", re.MULTILINE)
+LINK = re.compile(r"\]\((?!https?:)([^)#]+)")
 BLOCK = re.compile(r"^```sh *(.*)\n((?:.*\n)*?)```$", re.MULTILINE)
 
 
@@ -34,6 +35,7 @@ def run(block, status, place, fixture):
 def check(document, made, fixture, counts):
     text = document.read_text(encoding="utf-8")
     errors = [f"a command outside a block: {found[0].strip()}" for found in STRAY.finditer(text)]
+    errors += [f"no {link}" for link in LINK.findall(text) if not (document.parent / link).exists()]
     with tempfile.TemporaryDirectory() as scratch:
         place = pathlib.Path(scratch)
         shutil.copytree(made, place / "out")

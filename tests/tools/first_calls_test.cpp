@@ -2,6 +2,7 @@
 // command says of itself to shells.
 #include "formats/file.h"
 #include "harness/command.h"
+#include "harness/source_tree.h"
 #include "harness/started_board.h"
 
 #include <fmt/format.h>
@@ -15,6 +16,8 @@ namespace {
 namespace fs = std::filesystem;
 using testing::HasSubstr, testing::Not;
 using Words = std::vector<std::string>;
+
+std::string Text(const Bytes &bytes) { return {bytes.begin(), bytes.end()}; }
 
 CommandResult RunFixture(const Words &words) { return RunCommand(AllCommands(), words); }
 
@@ -81,10 +84,11 @@ TEST(FirstCalls, ShellsKnowTheCommand) {
     }
     const TemporaryDirectory pages;
     EXPECT_EQ(RunFixture({"describe", "man", "--into", pages.path().string()}).exit_status, kGood);
-    const Bytes page = ReadFile(pages.path() / "fixture-flash-provision.1", 1 << 20);
-    const std::string text(page.begin(), page.end());
+    const std::string text = Text(ReadFile(pages.path() / "fixture-flash-provision.1", 1 << 20));
     EXPECT_THAT(text, HasSubstr(".B \\-\\-medium\n"));
     EXPECT_THAT(text, HasSubstr("One of nand, dataflash."));
+    EXPECT_EQ(RunFixture({"describe", "schema"}).output,
+              Text(ReadFile(SourceFile("docs/report.schema.json"), 1 << 20)));
     EXPECT_EQ(RunFixture({"describe", "csh"}).exit_status, kWrongCall);
 }
 
