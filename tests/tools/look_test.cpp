@@ -11,6 +11,7 @@
 #include <gif_lib.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 namespace fixture {
 
@@ -18,6 +19,24 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::EndsWith, testing::HasSubstr, testing::MatchesRegex;
+
+// Whoever looks on, the run is the same to the last instruction.
+TEST(Look, CostsNothing) {
+    const TemporaryDirectory here;
+    const auto file = [&](const char *name) { return (here.path() / name).string(); };
+    const auto run = [](std::vector<std::string> options) {
+        options.insert(options.begin(), {"boot", "--json"});
+        const nlohmann::json said = nlohmann::json::parse(RunCommand(AddBootCommand, options).output);
+        return nlohmann::json{said["verdict"], said["virtual_ms"], said["instructions"], said["two_wire_ns"]};
+    };
+    const nlohmann::json plain = run({});
+    EXPECT_GT(plain[2].get<std::uint64_t>(), 1'000'000u);
+    const std::vector<std::string> rows[] = {{"--trace", file("trace")},
+                                             {"--trace", file("last"), "--trace-last", "100"},
+                                             {"--vcd", file("vcd")},
+                                             {"--report", file("page"), "--panel-gif", file("gif")}};
+    for (const std::vector<std::string> &row : rows) EXPECT_EQ(run(row), plain) << row[0];
+}
 
 // At whatever pace, where no terminal can show the panel: the console and the verdict are those of the plain run.
 TEST(Look, LiveIsTheSameRun) {
