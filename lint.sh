@@ -1,5 +1,5 @@
 #!/bin/sh
-# Format and lint, as CI checks them. `./lint.sh --fix` formats in place, `--bench` lints the bench as well.
+# Format and lint the whole tree, as CI checks it. `./lint.sh --fix` formats in place.
 set -eu
 cd "$(dirname "$0")"
 sources=$(git ls-files '*.cpp' '*.h' | grep -v -e '^src/Images.cpp$' -e '^tests/planted/')
@@ -19,16 +19,5 @@ fi
 
 echo "clang-tidy ..."
 cmake --preset lint >/dev/null
-# The modules are compiled twice, with two build records; once is enough to look at them.
-mkdir -p build/lint/once
-python3 -c '
-import json, sys
-commands = {each["file"]: each for each in json.load(open("build/lint/compile_commands.json"))}
-json.dump(list(commands.values()), open("build/lint/once/compile_commands.json", "w"))'
-# platform/at91sam9263 is compiled for the board alone, by a compiler that clang-tidy does not stand in for. The bench
-# is looked at on request, with --bench: it is not yet clean.
-folders='^(src|bsp)/'
-[ "${1:-}" != --bench ] || folders='^[a-z]'
-printf '%s\n' $sources | grep -E '\.cpp$' | grep -E "$folders" | grep -v '^platform/at91sam9263/' |
-    xargs -P "$(nproc)" -n 2 clang-tidy --quiet -p build/lint/once 2>/dev/null
+lint/tidy.py
 echo "format and lint are clean"

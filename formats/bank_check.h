@@ -1,10 +1,10 @@
 // What a board does with a bank, and with the three banks of a volume; and what is wrong or dangerous about them.
 //
-//   BankReport bank = ExamineBank("out/volume/data/app", kBankDirectories[0], board);
-//   StepsOf(bank, state).end == BankEnd::launches
+//   const BankReport bank = ExamineBank("out/volume/data/app", kBankDirectories[0]);
+//   const bool launches = StepsOf(bank, state).end == BankEnd::launches;
 //
-//   VolumeReport volume = ExamineVolume("out/volume", board, state);
-//   volume.problems contains "two-banks-fight" where the banks replace each other's bootloader for ever
+//   const VolumeReport examined = ExamineVolume("out/volume", {}, state);
+//   const bool sound = examined.good();  no "two-banks-fight" among its problems
 //
 // The prediction is exact: it says what the bootloader stores, prints as failed and launches, for any bytes whatever.
 // It is made by code of its own, so a disagreement with the bootloader is a fault in one of the two.

@@ -404,7 +404,7 @@ void Predictor::update_rescue() {
 }
 
 std::string Predictor::store_rescue(const Bytes &file, const Bytes &version) {
-    if (const std::string problem = check_image(file); !problem.empty()) return problem;
+    if (std::string problem = check_image(file); !problem.empty()) return problem;
     const std::uint32_t size = SizeField(file);
     if (nand_ && size > slots_.rescue.capacity)
         return fmt::format("{} bytes; the slot takes {}", size, slots_.rescue.capacity);
@@ -450,7 +450,7 @@ Predictor::Went Predictor::update_bootloader() {
 
 // Writes the image where no good one lies and retires the other copy afterwards. Why not, or empty.
 std::string Predictor::store_bootloader(const Bytes &file) {
-    if (const std::string problem = check_image(file); !problem.empty()) return problem;
+    if (std::string problem = check_image(file); !problem.empty()) return problem;
     if (!HasMaker(file)) return "its maker text is another one; the first stage would not start it";
     const Bytes image(file.begin(), file.begin() + SizeField(file));
     const auto &slots = slots_.bootloader;

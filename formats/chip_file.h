@@ -6,9 +6,9 @@
 // A file may be shorter than the chip by whole pages, as this bench writes a chip that is mostly blank; what is missing
 // counts as erased. The layout is recognised from size and content and named in reports.
 //
-//   ChipPages chip = ReadChipFile("nand.bin", kNandShape);
-//   ...                                                        change pages
-//   output.write(ChipBytes(chip.layout, ...));                 in the same layout and length, or longer
+//   const ChipFileLayout layout = RecogniseChip("nand.bin", file_bytes, shape);
+//   ForEachPage(file_bytes, layout, shape, take);              pages may change after this
+//   output.write(ChipBytes(layout, shape, used, page));        in the same layout and length, or longer
 #pragma once
 
 #include "formats/file.h"

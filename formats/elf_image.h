@@ -1,6 +1,6 @@
 // Reads ELF32 executables for the ARM: segments to load, entry, symbols by name. Nothing in the file is trusted.
 //
-//   const ElfImage image = ElfImage::read(ReadFile("bootloader.elf", kLargest), "bootloader.elf");
+//   const ElfImage image = ElfImage::read(ReadFile("bootloader.elf", kLargestStoredImage), "bootloader.elf");
 //   LoadElf(image, memory);                     (machine/firmware.h)
 //   processor.run(image.entry(), image.symbol("main"));
 #pragma once

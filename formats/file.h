@@ -8,7 +8,7 @@
 //   OutputFiles outputs;
 //   OutputFile &chip = outputs.add("nand.bin");        throws if the file could not be replaced
 //   OutputFile &picture = outputs.add("panel.png");
-//   ...                                                 the work
+//   // the work
 //   chip.write(contents);
 //   outputs.commit();                                   writes everything out, then puts all of them in place
 //

@@ -8,7 +8,7 @@
 //
 //   const Bytes image = ReadStoredImage("bootloader.elf");     wrapped, since it has no header yet
 //   const StoredImage judged = JudgeImage(image, slot.capacity);
-//   if (judged.verdict() != ImageVerdict::good) ...
+//   if (judged.verdict() != ImageVerdict::good) throw Refusal("bootloader.elf", NameOf(judged.verdict()));
 #pragma once
 
 #include "formats/elf_image.h"

@@ -4,7 +4,7 @@
 // This is a second reader on purpose: what `bank check` foretells must not come from the code that it foretells.
 //
 //   const XmlSubset document(text);
-//   if (const XmlSubset::Element *version = document.find("MainApplication", "Version")) use(version->value);
+//   if (const auto *version = document.find("MainApplication", "Version")) fmt::print("{}\n", version->value);
 #pragma once
 
 #include <cstddef>

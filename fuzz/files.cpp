@@ -22,7 +22,7 @@ std::filesystem::path ChipFile(Shape &shape, const char *name, std::uint32_t pag
     const std::uint64_t length = shape.pick<std::uint64_t>(
         {bytes.size(), 0, page - 1, page, page + 1, shape.below(8) * page, chip / 64, chip + 1});
     bytes.resize(std::min<std::uint64_t>(length, 1 << 20), shape.pick<std::uint8_t>({0xFF, 0x00}));
-    const std::filesystem::path file = ScratchFile(name, bytes);
+    std::filesystem::path file = ScratchFile(name, bytes);
     std::filesystem::resize_file(file, length);
     return file;
 }

@@ -37,10 +37,10 @@ inline const Words kVectors = {
 };
 
 struct RegisterModel : Peripheral {
-    std::uint32_t read(std::uint32_t, unsigned) override { return access(); }
-    void write(std::uint32_t, unsigned, std::uint32_t) override { access(); }
+    std::uint32_t read(std::uint32_t, unsigned) override { return count(); }
+    void write(std::uint32_t, unsigned, std::uint32_t) override { count(); }
     bool pollable(std::uint32_t) const override { return false; }
-    std::uint32_t access() {
+    std::uint32_t count() {
         ++accesses;
         if (on_access) on_access();
         return 0x1234;

@@ -96,7 +96,7 @@ const std::filesystem::path &ModuleBoard::volume() {
 }
 
 std::filesystem::path ScratchFile(const char *name, std::span<const std::uint8_t> content) {
-    const std::filesystem::path file = ModuleBoard::volume() / name;
+    std::filesystem::path file = ModuleBoard::volume() / name;
     if (file.has_parent_path()) std::filesystem::create_directories(file.parent_path());
     std::ofstream(file, std::ios::binary)
         .write(reinterpret_cast<const char *>(content.data()), static_cast<std::streamsize>(content.size()));

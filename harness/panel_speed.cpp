@@ -11,7 +11,7 @@ constexpr unsigned kBarPixels = 320 * 20;
 constexpr double kPixelsAStore = 8;
 // A word of the picture: two loads of bytes and one to join them.
 constexpr double kStreamWord = 3;
-constexpr double kStreamWords = 11594 / 2;
+constexpr double kStreamWords = 11594 / 2.0;
 
 } // namespace
 

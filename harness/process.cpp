@@ -27,6 +27,7 @@ Process::Process(const std::vector<std::string> &arguments, StreamTo output, Str
     std::vector<std::string> words = {program};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char *> pointers;
+    pointers.reserve(words.size() + 1);
     for (std::string &word : words) pointers.push_back(word.data());
     pointers.push_back(nullptr);
     child_ = fork();

@@ -97,7 +97,7 @@ TemporaryDirectory::~TemporaryDirectory() {
 
 std::filesystem::path TemporaryDirectory::write(const std::filesystem::path &relative,
                                                 const std::string &content) const {
-    const std::filesystem::path file = path_ / relative;
+    std::filesystem::path file = path_ / relative;
     std::filesystem::create_directories(file.parent_path());
     std::ofstream(file, std::ios::binary) << content;
     return file;

@@ -1,6 +1,7 @@
 // What the examples in headers take as given. Nothing here is defined anywhere: examples are compiled, never linked.
 #pragma once
 
+#include "formats/bank_check.h"
 #include "formats/boot_prediction.h"
 #include "formats/debug_info.h"
 #include "formats/elf_image.h"
@@ -16,9 +17,12 @@
 #include "src/XmlExtractor.h"
 #include "src/main.h"
 #include "sweep/case.h"
+#include "tools/chip_files.h"
+#include "tools/commands.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <fmt/format.h>
 #include <memory_map.h>
 #include <ostream>
 
@@ -56,6 +60,20 @@ extern CLI::App *command;
 extern std::ostream &stream;
 extern std::filesystem::path directory;
 extern Bytes manifest;
+extern Bytes contents;
+extern const UpdateState state;
+extern const std::filesystem::path file;
+extern std::string_view text;
+extern const Slot &slot;
+extern const StoredImage judged;
+extern const ChipShape shape;
+extern OutputFile &output;
+extern ChipFiles files;
+extern std::uint32_t used;
+extern const std::function<void(std::uint32_t, std::span<const std::uint8_t>)> take;
+extern const std::function<std::span<const std::uint8_t>(std::uint32_t)> page;
+extern unsigned jobs;
+extern bool json;
 extern decltype(BoardState::version_of) version_of;
 
 // A pointer among the arguments of a routine is an address.

@@ -2,7 +2,7 @@
 // they meet the contents that a board runs on. Faults are not part of a file.
 //
 //   const ChipFileLayout layout = LoadChip(chips.nand, "nand.bin");
-//   ...                                                                a board runs on them
+//   // a board runs on them
 //   output.write(ChipBytesOf(chips.nand, layout));                     in the file's own shape
 //
 // Loading throws Refusal for a file that is missing or cannot be such a chip, with the contents as they were.

@@ -198,6 +198,7 @@ void HandOverToSanitizedBuild() {
     std::vector<std::string> words;
     for (std::string word; std::getline(cmdline, word, '\0');) words.push_back(word);
     std::vector<char *> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string &word : words) arguments.push_back(word.data());
     arguments.push_back(nullptr);
     execv(sanitized.c_str(), arguments.data());

@@ -1,9 +1,9 @@
 // What a call comes to, for people and for programs (docs/json.md).
 //
-//   CallReport outcome("image info", call.json);
-//   outcome.part["size"] = report.image.size;
-//   outcome.problems.push_back({"bad-sums", file, "...", "..."});
-//   exit_status = outcome.finish(report.good() ? kGood : kBad);
+//   CallReport outcome("image info", json);
+//   outcome.part["size"] = judged.size;
+//   outcome.problems.push_back({"bad-sums", "bootloader.bin", "sum1 0x12345678", "0x87654321"});
+//   const int exit_status = outcome.finish(judged.verdict() == ImageVerdict::good ? kGood : kBad);
 //
 // With --json standard output carries one object and nothing else. Otherwise warnings go to standard error, a line
 // each.

@@ -1,14 +1,14 @@
 // The chips of a board as the options of a call name them: the same options in every subcommand.
 //
-//   ChipFiles chips;
-//   chips.add_options(*command);
-//   ForEachChip(chips, [](const RawFlash &flash) { ExamineFlash(flash); });
+//   ChipFiles files;
+//   files.add_options(*command);
+//   ForEachChip(files, [](const RawFlash &flash) { ExamineFlash(flash); });
 //
 // A call that changes chips opens them, and stores what has changed with its other outputs:
 //
 //   OutputFiles outputs;
-//   OpenChip<NandContents> nand(board.nand, chips.nand, ChipUse::change, outputs);
-//   ...
+//   OpenChip<NandContents> nand(chips.nand, files.nand, ChipUse::change, outputs);
+//   // the work
 //   nand.store();
 //   outputs.commit();
 #pragma once

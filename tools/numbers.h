@@ -1,6 +1,6 @@
 // Numbers in the options of a call, checked in plain words before the parser converts them.
 //
-//   command->add_option("--jobs", call->jobs, "worker processes")->check(WholeNumber(1, 256));
+//   command->add_option("--jobs", jobs, "worker processes")->check(WholeNumber(1, 256));
 #pragma once
 
 #include <CLI/CLI.hpp>

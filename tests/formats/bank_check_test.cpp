@@ -28,11 +28,12 @@ std::string Text(const Bytes &bytes) { return {bytes.begin(), bytes.end()}; }
 // A bank with things wrong with it, decided by a seed.
 class HostileBank {
 public:
+    static constexpr std::size_t kTooLong = 0xFFFF01; // for the load buffer, with the launch marker at its end
     explicit HostileBank(unsigned seed) : random_(seed) {
         descriptor = section("MainApplication", "demo") + section("SecondaryBootloader", "boot2");
         if (one_in(2)) descriptor += section("RescueApplication", "help");
         if (!one_in(8)) descriptor = "<P>" + descriptor + "</P>";
-        files["bin/demo.bin"] = one_in(60) ? std::string(0xFFFF01, 'a') : one_in(12) ? "" : "what the application does";
+        files["bin/demo.bin"] = one_in(60) ? std::string(kTooLong, 'a') : one_in(12) ? "" : "what the application does";
         files["bin/boot2.bin"] = image();
         files["bin/help.bin"] = image();
         manifest = std::string(2 * 282, '-');
@@ -183,7 +184,7 @@ struct VolumeBank {
 };
 
 std::string Build(const TemporaryDirectory &volume, const VolumeBank &bank) {
-    const std::string place = (volume.path() / "data" / bank.name).string();
+    std::string place = (volume.path() / "data" / bank.name).string();
     volume.write("data/keep", "");
     const std::string image =
         (FirmwareDirectory() / "fixed" /

@@ -98,7 +98,7 @@ TEST(Splash, DecoderSaysWhatItRefuses) {
         {"{" + black + "0x00, 0x2C, 0x00, 0x00}", "the run at byte 8 has 11265 pixels"},
     };
     for (const auto &[source, message] : cases) {
-        EXPECT_THAT([&] { DecodeSplash(ReadSplashSource(source, "array"), "array"); },
+        EXPECT_THAT([text = source] { DecodeSplash(ReadSplashSource(text, "array"), "array"); },
                     testing::ThrowsMessage<Refusal>(testing::StartsWith(std::string("array: ") + message)))
             << source;
     }

@@ -11,20 +11,20 @@ namespace {
 
 class Records : public testing::TestWithParam<Processor> {
 protected:
-    std::uint32_t call(const std::string &routine) { return started_.call(routine.c_str()); }
+    std::uint32_t call(const std::string &routine) { return running.call(routine.c_str()); }
     void set(const std::string &routine, const std::string &text) {
-        started_.call(routine.c_str(), started_.scratch_text(text));
+        running.call(routine.c_str(), running.scratch_text(text));
     }
     // A field of a record, by the routine that returns its address.
     std::string field(const std::string &routine, std::size_t bytes) {
         const std::uint32_t address = call(routine);
         const void *const place = GetParam() == Processor::arm
-                                      ? started_.at(address)
+                                      ? running.at(address)
                                       : reinterpret_cast<const void *>(std::uintptr_t{address});
         return {static_cast<const char *>(place), bytes};
     }
 
-    StartedBoard started_{GetParam()};
+    StartedBoard running{GetParam()};
 };
 BOTH_PROCESSORS(Records);
 
@@ -49,7 +49,7 @@ TEST_P(Records, HoldTextsOfTheirFieldsAndNoMore) {
             EXPECT_TRUE(row.bytes != 256 || field(get, row.longest + 1).back() == '\0') << get;
         }
         set(set_text, "left over");
-        for (const char *number : {"_SetSize", "_SetCheckSum"}) started_.call((module + number).c_str(), 0xF0000001);
+        for (const char *number : {"_SetSize", "_SetCheckSum"}) running.call((module + number).c_str(), 0xF0000001);
         call(module + "_Init");
         EXPECT_EQ(field(get, row.bytes), std::string(row.bytes, '\0')) << get;
         EXPECT_EQ(call(module + "_GetSize") | call(module + "_GetCheckSum"), 0u) << module;

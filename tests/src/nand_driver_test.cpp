@@ -32,14 +32,14 @@ struct Raw {
     }
     int init() { return call("NandFlash_if_Init"); }
     Bytes read(std::uint32_t address, std::uint32_t length) {
-        std::memset(started.at(buffer), 0x77, length + 1);
-        EXPECT_EQ(call("NandFlash_if_Read", address, buffer, length), 0);
-        EXPECT_EQ(started.at(buffer)[length], 0x77) << "written past the buffer";
-        return Bytes(started.at(buffer), started.at(buffer) + length);
+        std::memset(started.at(kBuffer), 0x77, length + 1);
+        EXPECT_EQ(call("NandFlash_if_Read", address, kBuffer, length), 0);
+        EXPECT_EQ(started.at(kBuffer)[length], 0x77) << "written past the buffer";
+        return Bytes(started.at(kBuffer), started.at(kBuffer) + length);
     }
     void write(std::uint32_t address, const Bytes &source, std::int32_t length) {
-        std::copy(source.begin(), source.end(), started.at(buffer));
-        EXPECT_EQ(call("NandFlash_if_Write", address, buffer, length), 0);
+        std::copy(source.begin(), source.end(), started.at(kBuffer));
+        EXPECT_EQ(call("NandFlash_if_Write", address, kBuffer, length), 0);
     }
     // The geometry record of the chip, for the routines that take one.
     std::uint32_t geometry() {
@@ -57,7 +57,7 @@ struct Raw {
     NandContents &nand = chips.nand;
     StartedBoard started;
     NandLog log{started.board().bus};
-    static constexpr std::uint32_t buffer = 0x21800000;
+    static constexpr std::uint32_t kBuffer = 0x21800000;
 };
 
 class NandDriver : public testing::TestWithParam<Processor> {};
@@ -100,17 +100,17 @@ TEST_P(NandDriver, SpeaksToTheChipInItsWidth) {
             EXPECT_EQ(raw.accesses(), row.check);
             EXPECT_EQ(raw.call("CheckBlock", chip, kAt), 1);
             EXPECT_EQ(raw.accesses(), "") << "the verdict is remembered";
-            EXPECT_EQ(raw.call("AT91F_NandRead", chip, kAt, 0, 99, raw.buffer + shift), 1);
+            EXPECT_EQ(raw.call("AT91F_NandRead", chip, kAt, 0, 99, raw.kBuffer + shift), 1);
             EXPECT_EQ(raw.accesses(), row.read);
-            EXPECT_EQ(std::memcmp(raw.started.at(raw.buffer + shift), page.data(), kPage), 0);
+            EXPECT_EQ(std::memcmp(raw.started.at(raw.kBuffer + shift), page.data(), kPage), 0);
             EXPECT_EQ(raw.call("AT91F_NandEraseBlock", chip, kAt * kBlock + 5), 1);
             EXPECT_EQ(raw.accesses(), erase);
-            EXPECT_EQ(raw.call("NandFlash_Write", kAt * kBlock, raw.buffer + shift, 1), 0);
+            EXPECT_EQ(raw.call("NandFlash_Write", kAt * kBlock, raw.kBuffer + shift, 1), 0);
             EXPECT_EQ(raw.accesses(), erase + " " + row.write + " " + row.read);
             EXPECT_EQ(raw.nand.read(kAt * kBlock, kPage), page);
             for (const std::uint32_t beyond : {kNandBlocks, 32768u, 0xFFFFFFFEu}) {
                 EXPECT_EQ(raw.call("CheckBlock", chip, beyond), 0);
-                EXPECT_EQ(raw.call("AT91F_NandRead", chip, beyond, 0, 0, raw.buffer), 0);
+                EXPECT_EQ(raw.call("AT91F_NandRead", chip, beyond, 0, 0, raw.kBuffer), 0);
                 EXPECT_EQ(raw.call("AT91F_NandEraseBlock", chip, std::max(beyond, kNandBytes)), 0);
                 EXPECT_EQ(raw.accesses(), "") << "nothing is asked of blocks that the chip does not have";
             }

@@ -22,12 +22,12 @@ protected:
     ~Xml() override { ReleaseModuleHeap(); }
 
     int parse(const std::string &text) {
-        XmlElement_SetupRoot(&root_, nullptr, 0);
-        XmlElement_SetDynamicString(&root_.value, &root_.value_length, text.data(), Length(text));
-        return XmlExtractor_Parse(&root_);
+        XmlElement_SetupRoot(&root, nullptr, 0);
+        XmlElement_SetDynamicString(&root.value, &root.value_length, text.data(), Length(text));
+        return XmlExtractor_Parse(&root);
     }
     XmlElement *find(std::string_view parent, std::string_view child, XmlElement *start = nullptr) {
-        return XmlElement_FindChildElement(start ? start : &root_, parent.data(), Length(parent), child.data(),
+        return XmlElement_FindChildElement(start ? start : &root, parent.data(), Length(parent), child.data(),
                                            Length(child));
     }
     static std::string value(const XmlElement *element) {
@@ -60,7 +60,7 @@ protected:
         return fits(kHeapSize - kept) && !fits(kHeapSize - kept + 1);
     }
 
-    XmlElement root_{};
+    XmlElement root{};
 };
 
 TEST_F(Xml, MakesATreeOfTheSubsetItKnows) {
@@ -93,12 +93,12 @@ TEST_F(Xml, MakesATreeOfTheSubsetItKnows) {
     };
     for (const auto &[text, tree] : rows) {
         EXPECT_EQ(parse(text), tree.empty() ? 0 : 1) << text;
-        EXPECT_EQ(show(root_), tree) << text;
+        EXPECT_EQ(show(root), tree) << text;
     }
     parse("<a>1</a>");
-    XmlElement_SetDynamicString(&root_.value, &root_.value_length, "<b><c>1</c></b>", 15);
-    EXPECT_EQ(XmlExtractor_Parse(&root_), 1);
-    EXPECT_EQ(show(root_), "a=1 b=<c>1</c>(c=1)") << "a second parse appends";
+    XmlElement_SetDynamicString(&root.value, &root.value_length, "<b><c>1</c></b>", 15);
+    EXPECT_EQ(XmlExtractor_Parse(&root), 1);
+    EXPECT_EQ(show(root), "a=1 b=<c>1</c>(c=1)") << "a second parse appends";
 }
 
 TEST_F(Xml, FetchesTokensWithinBounds) {
@@ -137,11 +137,11 @@ TEST_F(Xml, FindsTheFirstInDocumentOrderByBeginnings) {
     XmlElement *old = find("P", "AppOld");
     EXPECT_EQ(find("P", "App", old), nullptr) << "neither the start nor its siblings";
     EXPECT_EQ(find("App", "Version", find("App", "Version")), nullptr) << "a leaf";
-    EXPECT_EQ(XmlElement_MoveTo(old, 7), root_.child);
+    EXPECT_EQ(XmlElement_MoveTo(old, 7), root.child);
     EXPECT_EQ(XmlElement_MoveTo(old, 1), old->child);
     EXPECT_EQ(XmlElement_MoveTo(old->next, 2), old);
     EXPECT_TRUE(XmlElement_IsChild(old) && XmlElement_IsNext(old->next));
-    EXPECT_FALSE(XmlElement_IsNext(old) || XmlElement_IsChild(&root_) || XmlElement_IsNext(&root_));
+    EXPECT_FALSE(XmlElement_IsNext(old) || XmlElement_IsChild(&root) || XmlElement_IsNext(&root));
 }
 
 TEST_F(Xml, CleansChildrenOrElseSiblings) {
@@ -159,24 +159,24 @@ TEST_F(Xml, CleansChildrenOrElseSiblings) {
     for (const auto &[text, kept] : rows) {
         ReleaseModuleHeap();
         parse(text);
-        EXPECT_EQ(XmlElement_Clean(&root_), 1);
+        EXPECT_EQ(XmlElement_Clean(&root), 1);
         EXPECT_TRUE(heap_keeps(kept)) << text;
-        EXPECT_EQ(root_.child, nullptr);
-        EXPECT_EQ(root_.value, nullptr);
+        EXPECT_EQ(root.child, nullptr);
+        EXPECT_EQ(root.value, nullptr);
     }
     EXPECT_EQ(XmlElement_Clean(nullptr), 0);
 }
 
 TEST_F(Xml, TakesAnyDepth) {
-    XmlElement_SetupRoot(&root_, "Root", 4);
-    XmlElement *deepest = &root_;
+    XmlElement_SetupRoot(&root, "Root", 4);
+    XmlElement *deepest = &root;
     for (int level = 0; level < 100000; ++level) {
         deepest = XmlElement_CreateChild(deepest, "n", 1, nullptr, 0);
         ASSERT_TRUE(deepest || level > 1000) << level;
         if (!deepest) break; // the board's heap holds no more
     }
     EXPECT_EQ(find("n", "x"), nullptr);
-    XmlElement_Clean(&root_);
+    XmlElement_Clean(&root);
     EXPECT_TRUE(heap_keeps(0));
 
     // Every level holds all below it once more: first so deep that the heap just holds it, then far deeper.
@@ -187,7 +187,7 @@ TEST_F(Xml, TakesAnyDepth) {
         EXPECT_EQ(parse(text), 1);
         EXPECT_EQ(find(Name(598), Name(599)) != nullptr, depth == 600);
         EXPECT_NE(find("n0", "n1"), nullptr);
-        XmlElement_Clean(&root_);
+        XmlElement_Clean(&root);
         EXPECT_TRUE(heap_keeps(0));
     }
 }
@@ -195,8 +195,8 @@ TEST_F(Xml, TakesAnyDepth) {
 TEST_F(Xml, GoesOnWithoutMemory) {
     const std::string text = "<a>" + std::string(kHeapSize / 2, 'x') + "</a><b>1</b>";
     EXPECT_EQ(parse(text), 1); // the file fits, the copy of its content does not
-    EXPECT_EQ(show(root_), "a=(null) b=1");
-    EXPECT_EQ(root_.child->value_length, 0);
+    EXPECT_EQ(show(root), "a=(null) b=1");
+    EXPECT_EQ(root.child->value_length, 0);
 }
 
 } // namespace

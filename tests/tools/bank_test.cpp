@@ -23,16 +23,16 @@ std::string Text(const Bytes &bytes) { return {bytes.begin(), bytes.end()}; }
 class BankCommand : public testing::Test {
 protected:
     BankCommand() {
-        fs::create_directories(here_.path() / "data");
+        fs::create_directories(here.path() / "data");
         write("demo.bin", kApplication);
         write("boot2.bin", "a bootloader's bytes");
         write("help.img", Text(Wrap(Bytes(100, 'h'))));
     }
     std::string write(const std::string &name, const std::string &content) {
-        return here_.write("in/" + name, content).string();
+        return here.write("in/" + name, content).string();
     }
-    std::string in(const std::string &name) const { return (here_.path() / "in" / name).string(); }
-    std::string out() const { return (here_.path() / "data/app").string(); }
+    std::string in(const std::string &name) const { return (here.path() / "in" / name).string(); }
+    std::string out() const { return (here.path() / "data/app").string(); }
 
     // A call that is good but for these options; one without a value is left out.
     CommandResult build(std::map<std::string, std::string> options = {}) const {
@@ -63,18 +63,18 @@ protected:
     BootResult run(Processor processor) const {
         BootCase boot;
         boot.processor = processor;
-        boot.volume = here_.path();
+        boot.volume = here.path();
         return RunBoot(boot);
     }
     // Everything in the output's directory, by name.
     std::set<std::string> left() const {
         std::set<std::string> names;
-        for (const auto &entry : fs::recursive_directory_iterator(here_.path() / "data"))
-            if (entry.is_regular_file()) names.insert(entry.path().lexically_relative(here_.path() / "data").string());
+        for (const auto &entry : fs::recursive_directory_iterator(here.path() / "data"))
+            if (entry.is_regular_file()) names.insert(entry.path().lexically_relative(here.path() / "data").string());
         return names;
     }
 
-    TemporaryDirectory here_;
+    TemporaryDirectory here;
 };
 
 TEST_F(BankCommand, BuildsWhatTheBootloaderLaunches) {
@@ -151,7 +151,7 @@ TEST_F(BankCommand, RefusesWhatCannotWork) {
     EXPECT_EQ(report(build({{"--bootloader", other}})), "");
     for (const char *option : {"--app-version", "--rescue-version"}) EXPECT_EQ(build({{option, ""}}).exit_status, 2);
     fs::remove_all(out());
-    here_.write("data/app/precious.txt", "not a bank");
+    here.write("data/app/precious.txt", "not a bank");
     EXPECT_EQ(build().exit_status, kNotWritten) << "what is no bank is not replaced";
     EXPECT_EQ(left(), std::set<std::string>{"app/precious.txt"});
 }
@@ -184,7 +184,7 @@ TEST_F(BankCommand, TellsWhatIsWrongWithABank) {
         check(0);
         std::string text = Text(ReadFile(out() + "/" + row.file, 100000));
         row.change(text);
-        here_.write(std::string("data/app/") + row.file, text);
+        here.write(std::string("data/app/") + row.file, text);
         const nlohmann::json report = check(1);
         EXPECT_NE(report.dump().find(nlohmann::json(row.told).dump().substr(1, std::strlen(row.told))),
                   std::string::npos)

@@ -29,25 +29,25 @@ struct TwoPartExecutable : SmallExecutable {
 class ImageCommand : public testing::Test {
 protected:
     CommandResult wrap(const std::string &content) {
-        std::filesystem::remove(out_);
-        return RunCommand(AddImageCommand, {"image", "wrap", here_.write("in", content).string(), out_.string()});
+        std::filesystem::remove(out);
+        return RunCommand(AddImageCommand, {"image", "wrap", here.write("in", content).string(), out.string()});
     }
     nlohmann::json info(const std::string &content, int exit_status) {
         const CommandResult result =
-            RunCommand(AddImageCommand, {"image", "info", "--json", here_.write("in", content).string()});
+            RunCommand(AddImageCommand, {"image", "info", "--json", here.write("in", content).string()});
         EXPECT_EQ(result.exit_status, exit_status) << result.output << result.error;
         return nlohmann::json::parse(result.output);
     }
 
-    TemporaryDirectory here_;
-    std::filesystem::path out_ = here_.path() / "out";
+    TemporaryDirectory here;
+    std::filesystem::path out = here.path() / "out";
 };
 
 TEST_F(ImageCommand, WrapsLikeTheReferenceImages) {
-    const std::string maker("Orvalis Luminations", 20);
+    const std::string maker = std::string("Orvalis Luminations") + '\0';
     const auto wrapped = [&](const std::string &content) {
         EXPECT_EQ(wrap(content).exit_status, 0);
-        return Text(ReadFile(out_, 100));
+        return Text(ReadFile(out, 100));
     };
     EXPECT_EQ(wrapped("application file"),
               maker + std::string("\x30\0\0\0\xBB\x4B\x23\x01\x3B\x5B\xE0\x9B", 12) + "application file");
@@ -70,9 +70,9 @@ TEST_F(ImageCommand, RefusesWhatIsNoImage) {
         const CommandResult result = wrap(content);
         EXPECT_EQ(result.exit_status, 1) << message;
         EXPECT_NE(result.error.find(message), std::string::npos) << result.error;
-        EXPECT_FALSE(std::filesystem::exists(out_)) << message;
+        EXPECT_FALSE(std::filesystem::exists(out)) << message;
     }
-    EXPECT_EQ(RunCommand(AddImageCommand, {"image", "info", out_.string()}).exit_status, 2);
+    EXPECT_EQ(RunCommand(AddImageCommand, {"image", "info", out.string()}).exit_status, 2);
     EXPECT_EQ(RunCommand(AddImageCommand, {"image", "wrap", "one"}).exit_status, 2);
 }
 
@@ -108,7 +108,8 @@ TEST_F(ImageCommand, SaysWhatIsWrongWithAnImage) {
         EXPECT_EQ(invalid, expected) << report.dump(1);
     }
     EXPECT_EQ(info(good + "more", 0)["trailing"], 4);
-    const nlohmann::json large = info(Text(Wrap(Bytes(0x1E0000 - 31))), 0), slots = large["slots"];
+    const nlohmann::json large = info(Text(Wrap(Bytes(0x1E0000 - 31))), 0);
+    const nlohmann::json &slots = large["slots"];
     ASSERT_EQ(large["warnings"].size(), 1u);
     EXPECT_EQ(large["warnings"][0]["id"], "fits-no-slot");
     EXPECT_EQ(large["warnings"][0]["found"], "NAND: bootloader: 1966081 bytes fit neither slot; the update is refused");
