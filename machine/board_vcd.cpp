@@ -42,7 +42,7 @@ void BoardVcd::add_console(Machine &machine, const Line &line) {
     board.console.transmitted = [&board, line, before = board.console.transmitted](char c) {
         if (before) before(c);
         const Picoseconds bit = 16 * Picoseconds{board.bus.peek(kBaudDivider).value_or(1)} * board.bus.cycle;
-        const unsigned frame = static_cast<unsigned char>(c) << 1 | 1u << 9;
+        const unsigned frame = unsigned{static_cast<unsigned char>(c)} << 1 | 1u << 9;
         for (unsigned n = 0; n < 10; ++n)
             board.clock.show_at(board.clock.now() + n * bit, [line, level = frame >> n & 1u] { line(level); });
     };

@@ -29,6 +29,7 @@ ChipShape ShapeOf(const NandContents &chip) {
 }
 ChipShape ShapeOf(const At45Contents &chip) {
     const At45Part &part = chip.part();
+    // A data-only file has pages of the next smaller power of two: 512 of 528 bytes.
     return {part.name, part.pages, part.page_bytes, std::bit_floor(part.page_bytes), false};
 }
 
@@ -36,6 +37,7 @@ ChipFileLayout LoadChip(NandContents &chip, const std::filesystem::path &file) {
     const ChipShape shape = ShapeOf(chip);
     const Bytes bytes = ReadFile(file, shape.whole_bytes());
     const ChipFileLayout layout = RecogniseChip(file, bytes, shape);
+    // Recognised first and erased then: a refused file leaves the contents as they were.
     for (std::uint32_t block = 0; block < kNandBlocks; ++block) chip.erase(block);
     ForEachPage(bytes, layout, shape, [&](std::uint32_t row, std::span<const std::uint8_t> page) {
         NandContents::Page cells;
@@ -47,6 +49,7 @@ ChipFileLayout LoadChip(NandContents &chip, const std::filesystem::path &file) {
 
 ChipFileLayout LoadChip(At45Contents &chip, const std::filesystem::path &file) {
     const ChipShape shape = ShapeOf(chip);
+    // More than any part holds, so that the file of a larger one can be told by its length.
     const Bytes bytes = ReadFile(file, std::uintmax_t{1} << 28);
     RefuseOtherPart(file, bytes.size(), chip.part());
     const ChipFileLayout layout = RecogniseChip(file, bytes, shape);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>
+#include <bit>
 #include <cerrno>
 #include <cstring>
 #include <fmt/format.h>
@@ -293,7 +294,8 @@ std::optional<std::string> Debugger::read(std::uint32_t address, std::uint32_t b
 bool Debugger::write(std::uint32_t address, std::string_view bytes) {
     const std::span data(reinterpret_cast<const std::uint8_t *>(bytes.data()), bytes.size());
     if (machine_.arm().write_memory(address, data)) return true;
-    if (bytes.size() > 4 || address % bytes.size() != 0) return false; // a register takes one access
+    // A register takes one access. Lengths come from whoever sent the packet.
+    if (bytes.size() > 4 || !std::has_single_bit(bytes.size()) || address % bytes.size() != 0) return false;
     std::uint32_t value = 0;
     std::memcpy(&value, bytes.data(), bytes.size());
     return machine_.board().bus.poke(address, static_cast<unsigned>(bytes.size()), value);

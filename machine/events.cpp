@@ -27,6 +27,7 @@ EventStream::EventStream(Machine &machine) : machine_(machine) {
     board.bus.observer = [this](const BusAccess &made) { access(made); };
     board.journal.listener = [this](const JournalEntry &entry) {
         const std::vector<JournalEntry> &violations = machine_.board().journal.violations();
+        // The journal keeps violations apart and tells both kinds here; this is the one it has just kept.
         const bool is_violation = !violations.empty() && &entry == &violations.back();
         tell(is_violation ? EventKind::violation : EventKind::chip, entry.where, entry.what);
     };
@@ -43,6 +44,7 @@ EventStream::~EventStream() {
 
 const Symbols *EventStream::symbols() {
     const Firmware *firmware = machine_.running();
+    // Asked at every event; the build changes at a reset.
     if (last_symbols_ && firmware == last_firmware_) return last_symbols_;
     last_firmware_ = firmware;
     return last_symbols_ = &symbols_.try_emplace(firmware, firmware).first->second;
@@ -101,6 +103,7 @@ void EventStream::tell(EventKind kind, std::string where, std::string what) {
 
 // A line happens when it is complete.
 void EventStream::console(char c) {
+    // A program may never end its line.
     constexpr std::size_t kLongest = 4096;
     if (c != '\n' && line_.size() < kLongest) {
         line_ += c;

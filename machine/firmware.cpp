@@ -20,6 +20,7 @@ std::optional<BootVersion> VersionFromName(const std::string &name) {
     if (!name.starts_with(kPrefix)) return std::nullopt;
     BootVersion version;
     const char *end = name.data() + name.size();
+    // "bootloader-1.9.1": two numbers, and the rest is a text.
     const auto major = std::from_chars(name.data() + kPrefix.size(), end, version.major);
     if (major.ec != std::errc{} || major.ptr == end) return std::nullopt;
     const auto minor = std::from_chars(major.ptr + 1, end, version.minor);
@@ -51,6 +52,7 @@ KnownFirmware::KnownFirmware(const fs::path &directory) {
         builds_.push_back(ReadFirmware(entry.path()));
         builds_.back().version = *version;
     }
+    // A directory has no order; which build a body is taken for must not depend on it.
     std::sort(builds_.begin(), builds_.end(), [](const Firmware &a, const Firmware &b) { return a.file < b.file; });
 }
 
@@ -58,6 +60,7 @@ const Firmware *KnownFirmware::identify(std::span<const std::uint8_t> body) cons
     for (const Firmware &build : builds_) {
         if (body.size() < build.flat.size() || !std::equal(build.flat.begin(), build.flat.end(), body.begin()))
             continue;
+        // An image of a chosen size is a build with one byte repeated after it: still the same program.
         const auto padding = body.subspan(build.flat.size());
         if (std::all_of(padding.begin(), padding.end(), [&](std::uint8_t b) { return b == padding.front(); }))
             return &build;

@@ -13,7 +13,9 @@ bool MarkerStands(const Memory &memory) {
 std::optional<Handover> TakeHandover(const Memory &memory) {
     if (!MarkerStands(memory)) return std::nullopt;
     const std::span<std::uint8_t> marker = memory.at(kLaunchMarker, sizeof kLaunchMarkerText);
+    // Taken away, so that the next reset is a start and not a second launch.
     std::fill(marker.begin(), marker.end(), std::uint8_t{0});
+    // A stored image is entered after its header, anything else at its first byte.
     const bool has_header =
         std::memcmp(memory.at(kLoadBuffer, sizeof kMakerText).data(), kMakerText, sizeof kMakerText) == 0;
     return Handover{kLoadBuffer + (has_header ? kImageHeaderBytes : 0), has_header};

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <limits>
 
 namespace fixture {
@@ -15,6 +16,7 @@ constexpr unsigned kPixelBytes = 2;
 
 // The bits that a colour output carries, widened to eight by repeating them from the top.
 std::uint8_t Widen(unsigned value, unsigned bits) {
+    assert(bits >= 4 && bits <= 8 && "a byte is filled by one repetition");
     return static_cast<std::uint8_t>(value << (8 - bits) | value >> (2 * bits - 8));
 }
 
@@ -22,6 +24,7 @@ std::uint8_t Widen(unsigned value, unsigned bits) {
 std::span<const std::uint8_t> ScannedBytes(const Lcdc::Scan &scan, std::span<const std::uint8_t> sdram) {
     const std::size_t length = std::size_t{scan.width} * scan.height * kPixelBytes;
     const std::size_t start = scan.base - kSdramStart;
+    // Base and size are whatever the program wrote: compared so that nothing overflows.
     if (scan.base < kSdramStart || start > sdram.size() || sdram.size() - start < length) return {};
     return sdram.subspan(start, length);
 }
@@ -66,6 +69,7 @@ std::span<const std::uint8_t> FrameRecorder::scanned() const {
 
 Picture FrameRecorder::shown() const {
     const std::optional<Picture> frame = RenderFrame(lcdc_, sdram_, wiring_);
+    // The panel's own size, dark.
     if (!frame) return Picture(320, 240);
     return lit_() ? *frame : Picture(frame->width, frame->height);
 }
@@ -76,6 +80,7 @@ void FrameRecorder::glance() {
     if (!lit) return;
     const std::optional<Lcdc::Scan> &scan = lcdc_.scan();
     const std::size_t row = scan ? std::size_t{scan->width} * kPixelBytes : 0;
+    // One row of the bar tells whether anything moved: this is asked before every access to a register.
     const std::size_t start = watched_row_ * row;
     const std::span<const std::uint8_t> now = scanned();
     if (now.size() != seen_.size()) return look();
@@ -97,6 +102,7 @@ void FrameRecorder::look() {
 std::vector<GifFrame> Animation(std::span<const FrameRecorder::Frame> frames, Picoseconds until,
                                 const AnimationStyle &style) {
     constexpr Picoseconds kCentisecond = 10 * kMillisecond;
+    // Centiseconds. Viewers show shorter frames for a tenth of a second.
     constexpr unsigned kShortest = 2, kLast = 100;
     std::vector<GifFrame> animation;
     for (std::size_t i = 0; i < frames.size(); ++i) {

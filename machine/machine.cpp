@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cstring>
 #include <fmt/format.h>
 #include <stdexcept>
@@ -22,6 +23,7 @@ int RunReport::exit_status() const {
     switch (verdict) {
     case Verdict::launched: return 0;
     case Verdict::idle:
+    // The board did as it should with what it was given; 3 is for runs that should never happen.
     case Verdict::no_bootloader: return 1;
     default: return 3;
     }
@@ -31,6 +33,7 @@ Machine::Machine(Chips &chips, RunOptions options)
     : options_(std::move(options)), chips_(chips), board_(chips, options_.board), volume_(options_.volume),
       debugger_(board_.memory.memory(), volume_) {
     connect();
+    // Both processors serve files from one volume, so that what a module reads does not depend on where it runs.
     debugger_.file_server_fails = options_.file_server_fails;
     if (options_.processor != ProcessorKind::host) return;
     native_ = std::make_unique<NativeProcessor>(
@@ -43,6 +46,7 @@ Machine::~Machine() = default;
 
 void Machine::connect() {
     board_.console.transmitted = [this](char c) {
+        // First, since whoever watches the console may stop the run.
         note_rescue(c);
         if (options_.console) options_.console(c);
     };
@@ -55,6 +59,7 @@ void Machine::connect() {
         stop({StageEnd::power_lost, 0, ""});
     };
     board_.lcdc.behind_cache = [this](std::uint32_t address) {
+        // Natively there is no data cache that a picture could lie behind.
         return arm_ && arm_->running() && arm_->cached(address);
     };
     board_.bus.endless_wait = [this](const std::string &name) { stop({StageEnd::hang, 0, name}); };
@@ -72,6 +77,7 @@ void Machine::connect() {
 
 void Machine::record_frames(PanelWiring wiring) {
     constexpr unsigned kBarRow = 220; // the first one that changes from one step to the next
+    // 320 pixels of two bytes.
     constexpr unsigned kRowBytes = 640;
     frames_.emplace(
         board_.clock, board_.lcdc, board_.memory.sdram(), [this] { return board_.picture_lit(); }, wiring, kBarRow);
@@ -110,6 +116,7 @@ void Machine::sight(std::uint64_t times) {
 void Machine::stage_ends(const StageResult &end) {
     const bool loops = end.end == StageEnd::reset && report_.resets + 1 >= options_.most_resets;
     if (end.end == StageEnd::hang) sight(1);
+    // A single reset is what an update does; a loop is looked at where it is given up.
     if (loops) sight(options_.most_resets);
     if (end.end == StageEnd::exited && end.exit_code != 0) sight(1);
     if (troubled && end.end == StageEnd::hang) troubled(Trouble::hang, end.place);
@@ -118,6 +125,7 @@ void Machine::stage_ends(const StageResult &end) {
 
 void Machine::stop(StageResult result) {
     if (native_) stage_ends(result);
+    // A launched image runs on the emulated processor even in a native run, so that one is asked first.
     if (arm_ && arm_->running()) return arm_->stop(std::move(result));
     if (native_) native_->stop(std::move(result));
 }
@@ -161,6 +169,7 @@ const Firmware *Machine::bootloader_in_slot() {
 }
 
 const Firmware *Machine::choose_bootloader() {
+    // A bootloader that was named runs once; from the first reset on the slots decide, as on a board.
     const bool given = options_.firmware && (starts_ == 0 || !options_.slots);
     return given ? options_.firmware : bootloader_in_slot();
 }
@@ -217,6 +226,7 @@ const Firmware *Machine::program_at(std::uint32_t entry) {
 
 void Machine::launch() {
     const std::optional<Handover> handover = TakeHandover(board_.memory.memory());
+    assert(handover && "run() has seen the marker");
     report_.verdict = Verdict::launched;
     name_launched();
     volume_.close_all();
@@ -239,6 +249,7 @@ RunReport Machine::finish(RunReport report) {
     report.two_wire = board_.two_wire_times.shortest();
     report.instructions = instructions();
     const std::vector<JournalEntry> &violations = board_.journal.violations();
+    // A run that broke a rule has failed, however well it ended. A cut excuses what was left unfinished.
     if (!violations.empty() && report.verdict != Verdict::power_lost) {
         report.verdict = Verdict::violation;
         report.place = violations.front().where + ": " + violations.front().what;
@@ -257,6 +268,7 @@ namespace {
 // How a bootloader's stage ends the run, where it does.
 std::optional<Verdict> VerdictOf(const StageResult &end) {
     switch (end.end) {
+    // The first stage decides what a reset means: a launch, or another start.
     case StageEnd::reset: return std::nullopt;
     case StageEnd::exited: return end.exit_code == 0 ? Verdict::idle : Verdict::fault;
     case StageEnd::power_lost: return Verdict::power_lost;
@@ -286,6 +298,7 @@ RunReport Machine::run() {
         ++report_.resets;
         tell(EventKind::reset, "processor", "reset by the " + end.place);
         board_.processor_reset();
+        // Looked for after the reset: a marker that was not flushed is gone by now, and the bootloader starts again.
         if (MarkerStands(board_.memory.memory())) {
             launch();
             return finish(report_);

@@ -19,6 +19,7 @@ FlashReader ReaderOf(const At45Contents &contents) {
     return [&contents](std::uint32_t address, std::uint32_t length) { return contents.read(address, length); };
 }
 
+// As the bootloader's driver reads: blocks that are marked bad are skipped, so what follows lies further on.
 FlashReader ReaderOf(const NandContents &contents) {
     return [&contents](std::uint32_t address, std::uint32_t length) {
         std::vector<std::uint8_t> bytes;
@@ -29,6 +30,7 @@ FlashReader ReaderOf(const NandContents &contents) {
                 contents.read(block * kNandBlockBytes, std::min(rest, kNandBlockBytes));
             bytes.insert(bytes.end(), part.begin(), part.end());
         }
+        // A reader gives as much as was asked for; beyond the chip's end there is erased flash.
         bytes.resize(length, 0xFF);
         return bytes;
     };
@@ -57,6 +59,7 @@ RawFlash RawFlashOf(NandContents &contents) {
         for (std::uint32_t block = address / kNandBlockBytes; !bytes.empty() && block < kNandBlocks; ++block) {
             if (contents.marked_bad(block)) continue;
             const auto part = bytes.first(std::min<std::size_t>(bytes.size(), kNandBlockBytes));
+            // As a write on the board: the block is erased as a whole, the rest of its last one stays blank.
             contents.erase(block);
             contents.write(block * kNandBlockBytes, part);
             bytes = bytes.subspan(part.size());

@@ -7,8 +7,6 @@
 #include <array>
 #include <fmt/format.h>
 #include <map>
-#include <png.h>
-#include <stdexcept>
 
 namespace fixture {
 
@@ -71,19 +69,7 @@ std::string Base64(std::span<const std::uint8_t> bytes) {
     return text;
 }
 
-std::string DataUrl(const Picture &picture) {
-    png_image image{};
-    image.version = PNG_IMAGE_VERSION;
-    image.width = picture.width;
-    image.height = picture.height;
-    image.format = PNG_FORMAT_RGB;
-    png_alloc_size_t size = PNG_IMAGE_PNG_SIZE_MAX(image);
-    Bytes bytes(size);
-    if (!png_image_write_to_memory(&image, bytes.data(), &size, 0, picture.pixels.data(), 0, nullptr))
-        throw std::runtime_error("a frame cannot be made a picture");
-    bytes.resize(size);
-    return "data:image/png;base64," + Base64(bytes);
-}
+std::string DataUrl(const Picture &picture) { return "data:image/png;base64," + Base64(PngOf(picture)); }
 
 struct Piece {
     unsigned x = 0, y = 0;

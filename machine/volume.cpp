@@ -17,6 +17,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::uint32_t kFailure = 0xFFFFFFFF;
+// Lengths and addresses of a request come from the program under test: all are bounded by this or by the memory.
 constexpr std::size_t kLongestText = 4096;
 constexpr std::uint32_t kConsole = 0x7FFFFFFF; // the handle of what is no file
 
@@ -25,6 +26,7 @@ constexpr std::uint32_t kConsole = 0x7FFFFFFF; // the handle of what is no file
 std::optional<fs::path> Volume::find(std::string_view path) const { return FindOnVolume(directory_, path); }
 
 int Volume::open(std::string_view path, bool for_writing) {
+    // A file is opened between two steps of the progress bar: the last moment to see the old one.
     if (before_open) before_open();
     const int handle = open_file(path, for_writing);
     if (observer)
@@ -40,9 +42,11 @@ int Volume::open_file(std::string_view path, bool for_writing) {
     if (::stat(file->c_str(), &status) != 0) return -ENOENT;
     // Who runs the fixture may be allowed everything; the file's own bits are what counts on the board.
     if (for_writing && !(status.st_mode & 0222)) return -EACCES;
+    // For reading even where writing was asked for: nothing on the volume is ever changed.
     std::FILE *opened = std::fopen(file->c_str(), "rb");
     if (!opened) return -errno;
     int handle = 1;
+    // The lowest free one, so that a trace has the same handles in every run.
     while (files_.contains(handle)) ++handle;
     files_[handle] = opened;
     last_opened_ = path;
@@ -73,6 +77,7 @@ int Volume::close(int handle) {
     return 0;
 }
 
+// A reset closes nothing on a debugger's side; files that the last stage left open would pile up.
 void Volume::close_all() {
     for (auto &[handle, file] : files_) std::fclose(file);
     files_.clear();
@@ -108,14 +113,17 @@ std::uint32_t SemihostingServer::open_file(const Request &request) {
 
 std::uint32_t SemihostingServer::read_file(const Request &request) {
     const auto [handle, buffer, length, unused] = request.words;
+    // From the buffer to the end of its memory: a length beyond it reads as much as there is.
     const std::span<std::uint8_t> room = request.memory.from(buffer);
     const long count = volume_.read(static_cast<int>(handle), room.first(std::min<std::size_t>(room.size(), length)));
     if (count < 0) return failed(static_cast<int>(-count));
+    // The interface counts what was not read.
     return length - static_cast<std::uint32_t>(count);
 }
 
 std::uint32_t SemihostingServer::write_text(const Request &request) {
     const auto [handle, buffer, length, unused] = request.words;
+    // Nothing written: files are not for writing here.
     if (handle != kConsole) return length;
     for (const std::uint8_t byte : request.memory.at(buffer, length))
         if (console) console(static_cast<char>(byte));
@@ -124,6 +132,7 @@ std::uint32_t SemihostingServer::write_text(const Request &request) {
 
 std::uint32_t SemihostingServer::call(std::uint32_t operation, std::uint32_t parameter) {
     enum : std::uint32_t { open = 1, close, writec, write0, write, read, is_tty = 9, seek, length = 12, error = 0x13 };
+    // As many words as the call has, so that a block at the very end of the memory can be read.
     const Request request(memory_, parameter, operation == close || operation == length || operation == is_tty ? 1 : 3);
     const int handle = static_cast<int>(request.words[0]);
     switch (operation) {

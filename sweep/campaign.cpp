@@ -140,6 +140,7 @@ std::vector<Stage> StagesOf(const CampaignCall &call, const SweepFirmware &firmw
 
 // --- parts
 
+// FNV-1a: tells builds apart; nobody attacks it.
 std::uint64_t Hash(std::uint64_t hash, std::span<const std::uint8_t> bytes) {
     for (const std::uint8_t byte : bytes) hash = (hash ^ byte) * 0x100000001B3u;
     return hash;
@@ -149,6 +150,7 @@ std::string NameOf(const Shard &shard) { return fmt::format("part {} of {}", sha
 
 void CheckFits(const std::filesystem::path &file, const Part &part, const Part &first,
                const std::filesystem::path &first_file, const std::string &build) {
+    // Parts of two builds would add up to a table that no program has ever counted.
     if (part.build != build)
         throw Refusal(file, "a part that build " + part.build + " made", "one of this build, " + build);
     if (json(part.call) != json(first.call))
@@ -189,6 +191,7 @@ std::string Campaign::death_of(const Unit &unit, const std::string &at, const st
 UnitTexts Campaign::run(const Shard &shard, unsigned jobs,
                         const std::function<void(const JobProgress &)> &progress) const {
     std::vector<std::size_t> mine;
+    // Every nth unit, not a run of them: neighbours cost alike, and so every part takes about as long.
     for (std::size_t n = shard.number - 1; n < units_.size(); n += shard.of) mine.push_back(n);
     UnitTexts texts;
     RunJobs(
@@ -206,6 +209,7 @@ std::vector<TableResult> Campaign::results(const UnitTexts &texts) const {
     std::vector<std::vector<std::string>> by_stage(stages_.size());
     for (std::size_t n = 0; n < units_.size(); ++n) {
         const auto found = texts.find(n);
+        // A table with a hole would look like a good one.
         if (found == texts.end()) throw std::runtime_error(fmt::format("unit {} of {} is missing", n, units_.size()));
         by_stage[units_[n].stage].push_back(found->second);
     }
@@ -237,6 +241,7 @@ std::uint64_t FindingsOf(const std::vector<TableResult> &results) {
 
 std::string BuildOf(const SweepFirmware &firmware) {
     std::ifstream program("/proc/self/exe", std::ios::binary);
+    // The program itself and the images: either may change what comes of a unit.
     const Bytes bytes{std::istreambuf_iterator<char>(program), {}};
     if (bytes.empty()) throw std::runtime_error("/proc/self/exe: cannot be read");
     std::uint64_t hash = Hash(0xCBF29CE484222325u, bytes);
@@ -259,6 +264,7 @@ Part ReadPart(const std::filesystem::path &file) {
         const json whole = json::parse(bytes.begin(), bytes.end());
         if (whole.at("format") != kPartFormat) throw Refusal(file, "another format", kPartFormat);
         Part part{whole.at("call").get<CampaignCall>(), whole.at("build"), {whole.at("part"), whole.at("of")}, {}};
+        // Kept as text: a unit's result is read by whoever knows its kind.
         for (const json &unit : whole.at("units")) part.units[unit.at("unit")] = unit.at("result").dump();
         if (part.shard.number < 1 || part.shard.number > part.shard.of)
             throw Refusal(file, NameOf(part.shard), "a number from 1 to that of all parts");
@@ -273,9 +279,11 @@ Part MergeParts(const std::vector<std::filesystem::path> &files, const std::stri
     std::map<std::size_t, std::filesystem::path> seen;
     for (const std::filesystem::path &file : files) {
         Part part = ReadPart(file);
+        // The first part says what campaign this is; all others are held against it.
         if (seen.empty()) whole = {part.call, part.build, part.shard, {}};
         CheckFits(file, part, whole, files.front(), build);
         const auto [other, is_new] = seen.try_emplace(part.shard.number, file);
+        // Counted twice, it would pass for more boards.
         if (!is_new) throw Refusal(file, NameOf(part.shard), "it once; " + other->second.string() + " is it, too");
         whole.units.merge(part.units);
     }

@@ -17,6 +17,7 @@ namespace fixture {
 
 namespace {
 
+// Two would do for an update (store and reset, then launch); two more let a board repair what a cut left half-way.
 constexpr unsigned kMostBoots = 4;
 constexpr char kMoments[] = {'b', 't', 'a'}; // by CutMoment
 
@@ -77,6 +78,7 @@ std::optional<CaseId> ParseCase(std::string_view name) {
     return name.empty() ? std::optional(id) : std::nullopt;
 }
 
+// The whole history seeds the tearing through its last cut alone, so that one cut tears alike in every path to it.
 std::uint64_t TearingSeed(const std::vector<Cut> &cuts, std::uint64_t seed) {
     const Cut &cut = cuts.back();
     const std::uint64_t operation = cut.operation * 3 + static_cast<unsigned>(cut.moment);
@@ -137,6 +139,7 @@ RunOptions Sweeper::options() const {
     options.slots = true;
     options.volume = *world_.volume;
     options.board = world_.board;
+    // What is launched is judged by its bytes in the load buffer. What it would do then is not the update's business.
     options.run_launched = false;
     return options;
 }
@@ -145,6 +148,7 @@ bool Sweeper::may_touch(const ChipOperation &operation) const {
     const std::string_view chip = operation.chip;
     if (chip == "EEPROM") return world_.commits;
     if ((chip == "NAND") != (world_.medium == Medium::nand)) return false;
+    // An operation concerns a whole block or page, whatever part of it was addressed.
     const std::uint32_t unit = chip == "NAND" ? kNandBlockBytes : world_.chips.dataflash.part().page_bytes;
     const std::uint32_t begin = operation.address / unit * unit;
     return std::any_of(world_.touched.begin(), world_.touched.end(),
@@ -153,6 +157,7 @@ bool Sweeper::may_touch(const ChipOperation &operation) const {
 
 // Changes and commits the parameters, as a task of the running system does through the two-wire device.
 RunReport Sweeper::commit(Machine &machine) const {
+    // SDRAM that neither the image nor the load buffer uses.
     constexpr std::uint32_t kScratch = 0x22000000;
     const std::span<std::uint8_t> scratch = machine.board().memory.memory().at(kScratch, 16);
     StageResult end = machine.start();
@@ -179,6 +184,7 @@ RunReport Sweeper::commit(Machine &machine) const {
                                                        : Verdict::fault;
     report.place = end.place;
     const std::vector<JournalEntry> &violations = machine.board().journal.violations();
+    // A driver that was stopped in the middle may well have left a command unfinished: no fault of its own.
     if (violations.empty() || report.verdict == Verdict::power_lost) return report;
     report.verdict = Verdict::violation;
     report.place = violations.front().where + ": " + violations.front().what;
@@ -196,11 +202,13 @@ Sweeper::PowerUp Sweeper::power_up(Chips &chips, unsigned number, const std::fun
     Machine machine(chips, options);
     PowerSupply &supply = machine.board().supply;
     supply.observer = [&](std::uint64_t, const ChipOperation &operation) {
+        // Judged as it is made: a block that is erased and written back as it was would not show afterwards.
         if (!world_.hostile && result.outside.empty() && !may_touch(operation))
             result.outside = fmt::format("{} {} at 0x{:08X}", operation.chip, operation.kind, operation.address);
     };
     if (prepare) prepare(supply);
     ++boots;
+    // Only whole boots are foretold: a prediction knows no cut, and no commit by a running system.
     const bool boots_uncut = !prepare && !(number == 0 && world_.commits);
     std::optional<Foretold> foretold;
     if (foretells && boots_uncut && Foretold::possible(world_)) foretold.emplace(world_, chips, firmware_.known);
@@ -214,6 +222,7 @@ Sweeper::PowerUp Sweeper::power_up(Chips &chips, unsigned number, const std::fun
     if (result.report.verdict != Verdict::launched) return result;
     const auto image = machine.board().memory.memory().at(kLoadBuffer, result.report.launched_bytes);
     result.launched.assign(image.begin(), image.end());
+    // Read out of the image's memory by its symbol: what the bootloader hands over, not what the store holds.
     const void *network = machine.object("NetDevs");
     if (network) std::memcpy(result.network.data(), network, sizeof result.network);
     if (foretold && result.difference.empty() && network && result.network != foretold->prediction().network)
@@ -244,6 +253,7 @@ bool Sweeper::check_choice(const Chips &chips, Judgement &judgement) const {
 
 // Neighbours in a DataFlash page can be lost to a cut, or to a chip that loses what it programs; to nothing else.
 bool Sweeper::check_outside(const Chips &chips, Judgement &judgement, bool was_cut) const {
+    // A page is rewritten as a whole. Without a cut, and with a sound chip, it gets its neighbours back.
     const bool may_lose_neighbours = was_cut || !world_.chips.dataflash.faults.empty();
     std::string changed;
     if (!world_.commits && chips.eeprom.bytes != world_.chips.eeprom.bytes) changed = "EEPROM";
@@ -251,6 +261,7 @@ bool Sweeper::check_outside(const Chips &chips, Judgement &judgement, bool was_c
         return std::any_of(world_.touched.begin(), world_.touched.end(),
                            [=](const ByteRange &range) { return address >= range.begin && address < range.end; });
     };
+    // Both chips are looked at, also the one that this board does not start from: nothing may be written there.
     ForEachChangedBlock(chips.nand, world_.chips.nand, [&](std::uint32_t block) {
         if (world_.medium != Medium::nand || !inside(block * kNandBlockBytes))
             changed = fmt::format("NAND block {}", block);
@@ -344,12 +355,15 @@ Sweeper::PowerUp Sweeper::boot_once(Chips &chips, unsigned number, Judgement &ju
 }
 
 Judgement Sweeper::boot_hostile(Chips chips, unsigned number) {
+    // The first may update, the second must get along with the result. More would be the same again.
     constexpr unsigned kBoots = 2;
+    // Faults drawn at random can spoil both slots; then nobody can start. Only chips without faults must.
     const bool failing = world_.medium == Medium::nand && !world_.chips.nand.faults.empty();
     Judgement judgement;
     for (unsigned boot = 0; boot < kBoots && judgement.outcome == Outcome::good; ++boot) {
         const PowerUp last = boot_once(chips, number + boot, judgement);
         if (judgement.outcome == Outcome::no_bootloader && failing) judgement.hole = kFailingNand;
+        // A bank whose version text is not its bootloader's is stored at every start, by design.
         const bool updates = last.console.find(" header at address ") != std::string::npos;
         if (judgement.outcome == Outcome::reset_loop && updates) judgement.hole = kOtherVersion;
     }
@@ -363,6 +377,8 @@ Judgement Sweeper::boot_on(Chips chips, unsigned number) {
     check_rescue_gap(chips, judgement);
     if (!check_outside(chips, judgement, was_cut)) return judgement;
     for (unsigned boot = 0; boot < kMostBoots; ++boot) {
+        // Before every boot, not at the end alone: a board that has no good bootloader at any moment is lost if the
+        // power goes then, whatever a later boot would have done.
         if (!check_choice(chips, judgement)) return judgement;
         const PowerUp last = boot_once(chips, number + boot, judgement);
         if (!last.outside.empty()) {
@@ -370,6 +386,7 @@ Judgement Sweeper::boot_on(Chips chips, unsigned number) {
             judgement.detail = last.outside;
         }
         if (judgement.outcome != Outcome::good || !check_outside(chips, judgement, was_cut)) return judgement;
+        // Stands if the boots run out.
         judgement.outcome = Outcome::no_launch;
         const bool last_boot = boot + 1 == kMostBoots;
         if (last.report.verdict == Verdict::launched &&
@@ -380,6 +397,7 @@ Judgement Sweeper::boot_on(Chips chips, unsigned number) {
 }
 
 Judgement Sweeper::judge(const Chips &chips, unsigned number) {
+    // Chips that were met before end as they did before. Not the first power-up, which a commit may make another one.
     if (number == 0 || !remember) return boot_on(chips, number);
     const std::uint64_t key = digest(chips);
     const auto met = met_.find(key);
@@ -396,12 +414,13 @@ const Judgement &Sweeper::uncut() {
 unsigned Sweeper::to_cut(const Chips &chips, unsigned number) const {
     if (!world_.commits) return number;
     const StoreReport store = ReadStore(chips.eeprom.bytes);
+    // Once the new parameters stand there is nothing to commit, and the board boots as any other.
     const bool done = store.current && store.sectors[*store.current].parameters == world_.after.parameters;
     return done ? std::max(number, 1u) : 0;
 }
 
-void Sweeper::watch(Chips &chips, unsigned number, const decltype(PowerSupply::maker) &maker) {
-    power_up(chips, to_cut(chips, number), [&](PowerSupply &supply) { supply.maker = maker; });
+void Sweeper::watch(Chips &chips, unsigned number, const decltype(PowerSupply::maker) &interceptor) {
+    power_up(chips, to_cut(chips, number), [&](PowerSupply &supply) { supply.maker = interceptor; });
 }
 
 std::uint64_t Sweeper::count(Chips chips, unsigned number) {
@@ -413,8 +432,8 @@ std::uint64_t Sweeper::operations() {
     return *operations_;
 }
 
-std::vector<Snapshot> Sweeper::record(const Chips &start, unsigned number, const std::vector<Cut> &path,
-                                      std::uint64_t seed, const std::function<bool(const Cut &)> &wanted) {
+std::vector<Snapshot> Sweeper::take_snapshots(const Chips &start, unsigned number, const std::vector<Cut> &path,
+                                              std::uint64_t seed, const std::function<bool(const Cut &)> &wanted) {
     Chips chips = start;
     std::vector<Snapshot> snapshots;
     const auto keep = [&](const Cut &cut) {
@@ -425,6 +444,7 @@ std::vector<Snapshot> Sweeper::record(const Chips &start, unsigned number, const
               const std::function<void(Random &)> &torn) {
               keep({index, CutMoment::before});
               if (const Cut cut{index, CutMoment::torn}; wanted(cut)) {
+                  // Chips share their pages, so that going back costs what the operation touched.
                   const Chips before = chips;
                   std::vector<Cut> cuts = path;
                   cuts.push_back(cut);
@@ -445,6 +465,7 @@ Chips Sweeper::cut(const std::vector<Cut> &path, std::uint64_t seed) {
         const std::vector<Cut> cuts(path.begin(), path.begin() + static_cast<std::ptrdiff_t>(n) + 1);
         const PowerUp last = power_up(chips, to_cut(chips, static_cast<unsigned>(n)),
                                       [&](PowerSupply &supply) { supply.plan(PlanOf(cuts, seed)); });
+        // A case that cuts nothing would pass for ever.
         if (!last.fired || last.report.verdict != Verdict::power_lost)
             throw std::runtime_error(
                 fmt::format("the cut at {} does not come: {} operations", NameOf(path[n]), last.operations));

@@ -98,10 +98,10 @@ public:
 
     // What the chips hold where power-up number `power_up`, which begins with `chips`, is cut at the moments that
     // `wanted` asks for. One run gives them all. `path` is what was cut before.
-    std::vector<Snapshot> record(const Chips &chips, unsigned power_up, const std::vector<Cut> &path,
-                                 std::uint64_t seed, const std::function<bool(const Cut &)> &wanted);
-    // One power-up whose changes `maker` makes, on these chips.
-    void watch(Chips &chips, unsigned power_up, const decltype(PowerSupply::maker) &maker);
+    std::vector<Snapshot> take_snapshots(const Chips &chips, unsigned power_up, const std::vector<Cut> &path,
+                                         std::uint64_t seed, const std::function<bool(const Cut &)> &wanted);
+    // One power-up whose changes `interceptor` makes, on these chips.
+    void watch(Chips &chips, unsigned power_up, const decltype(PowerSupply::maker) &interceptor);
     // The number of operations of one power-up.
     std::uint64_t count(Chips chips, unsigned power_up);
     // The same with the power really cut, once for every cut of a path. Throws std::runtime_error where a cut does not

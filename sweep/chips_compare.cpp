@@ -11,6 +11,7 @@ namespace {
 
 class Digest {
 public:
+    // Cheap, since the chips of every cut are summed. The constants are bits of the golden ratio and of pi.
     void add(std::uint64_t word) {
         value_ = (value_ ^ word) * 0x9E3779B97F4A7C15u;
         value_ ^= value_ >> 29;
@@ -31,6 +32,7 @@ private:
 };
 
 bool SameBlock(const NandContents &one, const NandContents &other, std::uint32_t block) {
+    // Nearly always: a copy shares what neither side has changed.
     if (one.shares_block(other, block)) return true;
     for (std::uint32_t row = block * kNandPagesPerBlock; row < (block + 1) * kNandPagesPerBlock; ++row)
         if (&one.page(row) != &other.page(row) && one.page(row) != other.page(row)) return false;
@@ -38,6 +40,7 @@ bool SameBlock(const NandContents &one, const NandContents &other, std::uint32_t
 }
 
 void AddNand(Digest &digest, const NandContents &nand, const NandContents &base) {
+    // What does not show when read (unstable and weak cells, counts of programs) makes chips differ too.
     const bool disturbed = nand.disturbed() || base.disturbed();
     for (std::uint32_t block = 0; block < kNandBlocks; ++block) {
         if (disturbed || !nand.shares_block(base, block))
@@ -45,6 +48,7 @@ void AddNand(Digest &digest, const NandContents &nand, const NandContents &base)
         if (SameBlock(nand, base, block)) continue;
         for (std::uint32_t row = block * kNandPagesPerBlock; row < (block + 1) * kNandPagesPerBlock; ++row) {
             if (&nand.page(row) == &base.page(row) || nand.page(row) == base.page(row)) continue;
+            // Only what differs from the base, with its place: the sum costs what was changed.
             digest.add(row);
             digest.add(nand.page(row));
         }
@@ -66,6 +70,8 @@ void AddDataflash(Digest &digest, const At45Contents &flash, const At45Contents 
 
 // --- sums
 
+// A state's sum is the sum of its pages' sums, so one operation changes it by the pages that it touches. Each is spread
+// over all bits first: plain digests of like pages might add up to those of others.
 std::uint64_t Spread(std::uint64_t value) {
     value = (value ^ value >> 32) * 0xD6E8FEB86659FD93u;
     return (value ^ value >> 32) * 0xD6E8FEB86659FD93u;
@@ -92,6 +98,7 @@ const NandContents::Cells *CellsOf(const NandContents &nand, std::uint32_t row) 
 
 std::uint64_t NandPageSum(const NandContents &nand, std::uint32_t row) {
     const NandContents::Cells *cells = CellsOf(nand, row);
+    // Counts of data programs are left out; EraseWatch (closure.cpp) shows that they cannot matter.
     if (!cells || (cells->spare_programs == 0 && nand.erased(row))) return 0;
     return SumOf(Unit::nand_page, row, cells->bytes, cells->spare_programs);
 }
@@ -120,6 +127,7 @@ std::uint64_t CellsSum(const Chips &chips, const Chips &base) {
     std::uint64_t sum = SumOf(Unit::eeprom, 0, chips.eeprom.bytes);
     for (std::uint32_t block = 0; block < kNandBlocks; ++block)
         if (!chips.nand.shares_block(base.nand, block))
+            // Unsigned, so the differences add up to the right sum whatever their signs.
             sum += NandBlockSum(chips.nand, block) - NandBlockSum(base.nand, block);
     for (std::uint32_t page = 0; page < chips.dataflash.part().pages; ++page)
         if (&chips.dataflash.page(page) != &base.dataflash.page(page))

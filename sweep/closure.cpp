@@ -1,6 +1,7 @@
 #include "sweep/closure.h"
 
 #include "sweep/chips_compare.h"
+#include "sweep/finding_json.h"
 #include "sweep/regions.h"
 
 #include <algorithm>
@@ -16,7 +17,6 @@ namespace fixture {
 
 using nlohmann::json;
 
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Finding, id, processor, outcome, detail)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(ClosureTally, states, cuts, boots, left, depths, longest_recovery, checked,
                                    fingerprint, outcomes, holes, found, findings, edges, processor_seconds,
                                    peak_kilobytes)
@@ -134,7 +134,9 @@ private:
             if (limits_.most_states != 0 && n >= limits_.most_states) break;
             const std::vector<Cut> cuts = history(n);
             notes_.at(NameOf(id(cuts)), sweeper_.boots);
+            // States lie in the order in which they were met, so going through the list is breadth first.
             const Chips chips = states_[n].chips->restore(world_);
+            // Explored, its chips are not needed again: memory goes with the border, not with all that was seen.
             states_[n].chips.reset();
             const bool is_last = limits_.history.size() == cuts.size() + 1;
             check(chips, n, cuts);
@@ -148,6 +150,7 @@ private:
         for (const State &state : states_) {
             tally_.depths.resize(std::max(tally_.depths.size(), state.losses + 1));
             ++tally_.depths[state.losses];
+            // Of the set of states with their depths, whatever the order: both processors must come to the same one.
             tally_.fingerprint += state.sum * (2 * state.losses + 1);
         }
     }
@@ -156,6 +159,7 @@ private:
 
     std::vector<Cut> history(std::size_t n) const {
         std::vector<Cut> cuts;
+        // A case's name is its cuts, from the first power-up on; states keep the last one and where it came from.
         for (; states_[n].losses > 0; n = states_[n].parent) cuts.push_back(states_[n].cut);
         std::reverse(cuts.begin(), cuts.end());
         return cuts;
@@ -169,6 +173,7 @@ private:
         if (!is_new) return states_[known->second].letters;
         const std::string letters = RegionLetters(chips, world_);
         const std::uint32_t number = number_of(letters);
+        // Not on the history that is asked for: forgotten, since another path may meet it where it is.
         if (!follows(letters, losses)) {
             known_.erase(known);
             return number;
@@ -179,6 +184,7 @@ private:
 
     void add_edge(const char *how, std::uint32_t from, std::uint32_t to) {
         const bool is_cut = how[0] == 'c';
+        // As numbers first: the same few edges are met by the thousand, and texts cost more than the sums.
         if (!edges_.insert(std::uint64_t{is_cut} << 63 | std::uint64_t{from} << 32 | to).second) return;
         const auto text = [&](std::uint32_t number) -> const std::string & {
             return std::find_if(letters_.begin(), letters_.end(), [=](const auto &l) { return l.second == number; })
@@ -188,6 +194,7 @@ private:
     }
 
     void explore(Chips chips, std::size_t n) {
+        // The first power-up differs (a commit is made by a running system); all later ones are alike.
         const unsigned number = states_[n].losses > 0;
         const std::uint32_t from = states_[n].letters;
         const std::vector<bool> wanted = limits_.near == 0 ? std::vector<bool>{} : near_changes(chips, number);
@@ -202,6 +209,8 @@ private:
                        [&](std::uint64_t index, const ChipOperation &operation, const std::function<void()> &whole,
                            const std::function<void(Random &)> &torn) {
                            const bool is_cut = wanted.empty() || wanted.at(index);
+                           // Taken out before the operation and put in after it: a cut costs the pages that it touches,
+                           // not the chips.
                            const std::uint64_t rest = cells - TouchedSum(chips, operation);
                            if (is_cut) cut({index, CutMoment::before}, cells);
                            for (unsigned way = 1; is_cut && way <= limits_.ways; ++way) {
@@ -216,9 +225,12 @@ private:
                            cells = rest + TouchedSum(chips, operation);
                            if (is_cut) cut({index, CutMoment::after}, cells);
                        });
+        // The sums leave out how often pages were programmed. If that ever mattered, states would be taken for one
+        // another.
         if (erases.block_not_erased)
             throw std::runtime_error(
                 fmt::format("block {} is programmed and was not erased by this power-up", *erases.block_not_erased));
+        // The sum by steps against the sum over all: a model that changes a page beside the one it names is found here.
         if (cells != CellsSum(chips, world_.chips))
             throw std::runtime_error("the sum of what the chips hold went astray");
         add_edge("run", from, cells == begins_with ? from : number_of(RegionLetters(chips, world_)));
@@ -254,6 +266,7 @@ private:
 
     // That the power really cut leaves what the state holds.
     void check(const Chips &chips, std::size_t n, const std::vector<Cut> &cuts) {
+        // A sample by the states' own sums, so that it is the same in every run and spread over all depths.
         if (cuts.empty() || states_[n].sum % 64 >= 8 || tally_.checked >= kChecks) return;
         ++tally_.checked;
         const Chips really = sweeper_.cut(cuts, limits_.seed);
@@ -262,6 +275,7 @@ private:
     }
 
     void judge(const Chips &chips, const std::vector<Cut> &cuts) {
+        // Judged as after a cut, how many losses there were: the board knows of none.
         const Judgement judgement = sweeper_.judge(chips, cuts.empty() ? 0 : 1);
         ++tally_.outcomes[NameOf(judgement.outcome)];
         if (judgement.outcome == Outcome::good)

@@ -65,6 +65,7 @@ std::string CompareSlots(const RawFlash &told, const RawFlash &real) {
 } // namespace
 
 bool Foretold::possible(const World &world) {
+    // A prediction reads the chips once. A fault that strikes while they are written is beyond it.
     return world.chips.nand.faults.empty() && world.chips.dataflash.faults.empty();
 }
 
@@ -84,7 +85,9 @@ std::string Foretold::compare(const RunReport &report, const std::string &consol
         return fmt::format("\"{}\" foretold, {} {}", told.reason, VerdictName(report.verdict), report.place);
     const std::vector<std::string> expected = Searches(told);
     std::vector<std::string> printed = Searches(console);
+    // The run goes round a loop until it is stopped; the prediction has each start in it once.
     if (told.end == BootEnd::loop && printed.size() > expected.size()) printed.resize(expected.size());
+    // The first stage finds nothing to start: that start prints no search.
     if (told.end == BootEnd::no_bootloader && expected.size() == printed.size() + 1) printed.emplace_back();
     for (std::size_t start = 0; start < std::max(expected.size(), printed.size()); ++start) {
         if (start >= expected.size() || start >= printed.size())
@@ -93,6 +96,7 @@ std::string Foretold::compare(const RunReport &report, const std::string &consol
             return fmt::format("start {}: \"{}\" foretold, \"{}\" printed", start + 1, expected[start], printed[start]);
     }
     if (told.end == BootEnd::loop) return ""; // the run ends somewhere in it
+    // A launch is a reset too: the first stage starts what lies in the load buffer.
     if (report.resets != told.resets + (report.verdict == Verdict::launched ? 1 : 0))
         return fmt::format("{} resets foretold, {} made", told.resets, report.resets);
     if (report.slot != told.slot && told.end != BootEnd::no_bootloader) return "another slot was started";

@@ -42,15 +42,16 @@ const std::string kTokens[] = {"",
                                std::string(300, 'A'),
                                std::string(300, ' ')};
 
-class HostileMaker {
+class HostileWorldBuilder {
 public:
-    HostileMaker(std::uint64_t seed, const SweepFirmware &firmware) : random_(seed), firmware_(firmware) {}
+    HostileWorldBuilder(std::uint64_t seed, const SweepFirmware &firmware) : random_(seed), firmware_(firmware) {}
 
     World make() {
         World world;
         world.hostile = true;
         world.medium = one_in(2) ? Medium::nand : Medium::dataflash;
         world.board.straps.pins_12_13 = world.medium == Medium::nand;
+        // Also parts that are too small for the slots: an update must not run over the chip's end.
         world.chips.dataflash = At45Contents(*FindAt45Part(pick(kParts)));
         if (one_in(2)) spoil_nand(world.chips.nand);
         if (world.medium == Medium::nand)
@@ -104,6 +105,8 @@ private:
     Bytes image(const Bytes &body, bool may_pass) {
         Bytes bytes = may_pass && one_in(3) ? Wrap(spoil(body)) : Wrap(body);
         if (one_in(2)) return bytes;
+        // About the header's own length, the sign, the largest a load buffer takes, and all ones as erased flash has
+        // them.
         constexpr std::uint32_t kSizes[] = {0, 1, 31, 32, 33, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF, 0x00FFFFE1};
         const std::uint32_t size = pick(kSizes);
         if (one_in(2))
@@ -128,6 +131,7 @@ private:
     }
 
     void fill(const RawFlash &flash, const SlotTable &slots) {
+        // One bootloader is whole, or there would be nothing to test.
         const unsigned sound = below(2);
         place(flash, slots.bootloader[sound], Wrap(firmware_.version(0).flat));
         if (!one_in(3)) place(flash, slots.bootloader[1 - sound], one_in(3) ? noise(5000) : bootloader_image());
@@ -141,6 +145,7 @@ private:
                                                   NandFault::grown_bad,   NandFault::wrong_bits,
                                                   NandFault::stuck_low,   NandFault::flipped};
         NandFault nand{.kind = pick(kNandKinds), .block = below(kNandEnd), .skip = below(40), .times = 1 + below(3)};
+        // Without a block the fault may strike anywhere on the chip.
         if (one_in(3)) nand.block.reset();
         if (one_in(3)) nand.page = below(kNandPagesPerBlock);
         nand.column = below(kNandPageBytes);
@@ -193,7 +198,7 @@ private:
 } // namespace
 
 World MakeHostileWorld(std::uint64_t seed, const SweepFirmware &firmware) {
-    return HostileMaker(seed, firmware).make();
+    return HostileWorldBuilder(seed, firmware).make();
 }
 
 } // namespace fixture

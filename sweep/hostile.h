@@ -1,4 +1,4 @@
-// Boards that nobody means well with: chips, files and faults made from a seed, in shapes that differ from seed to
+// Hostile boards: random chips, files and faults, made from a seed, in shapes that differ from seed to
 // seed. One thing is sound on all of them, the bootloader in one slot.
 //
 //   const World world = MakeHostileWorld(17, firmware);

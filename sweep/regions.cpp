@@ -22,6 +22,7 @@ char SlotLetter(const FlashReader &read, const Slot &slot, const Bytes &old_imag
     const StoredImage image = ReadSlot(read, slot);
     if (image.verdict() == ImageVerdict::good)
         return image.bytes == old_image ? 'o' : image.bytes == new_image ? 'n' : 'f';
+    // Of an image that is not whole the text at its head is all that decides what the first stage and an update do.
     const Bytes maker = read(slot.address, sizeof kMakerText);
     if (AllAre(maker, 0xFF)) return 'e';
     if (AllAre(maker, 0x00)) return 'z';

@@ -13,6 +13,7 @@ namespace {
 
 // Cold boots a second of one processor core.
 double Rate(const Tally &tally) {
+    // By processor time: a rate by the clock would say how many workers there were, and what else the machine did.
     return tally.processor_seconds > 0 ? static_cast<double>(tally.boots) / tally.processor_seconds : 0;
 }
 
@@ -35,6 +36,7 @@ const char *ProcessorOf(const SweepPlan &plan) {
 }
 
 void PrintFindings(const std::vector<Finding> &all, std::uint64_t found) {
+    // By outcome: one mistake mostly shows as one outcome in many cases.
     std::map<std::string, std::vector<const Finding *>> grouped;
     for (const Finding &finding : all) grouped[finding.outcome].push_back(&finding);
     for (const auto &[outcome, findings] : grouped) {

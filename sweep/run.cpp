@@ -1,5 +1,6 @@
 #include "sweep/run.h"
 
+#include "sweep/finding_json.h"
 #include "sweep/variant.h"
 
 #include <algorithm>
@@ -9,7 +10,6 @@ namespace fixture {
 
 using nlohmann::json;
 
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Finding, id, processor, outcome, detail)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Tally, variants, operations, cuts, cases, boots, checked, compared, foretold,
                                    outcomes, holes, found, findings, processor_seconds)
 
@@ -76,6 +76,7 @@ Tally DeathOf(const std::string &at, const std::string &reason) {
     return died;
 }
 
+// One line without a line feed: workers hand it over through a pipe. Names of files need not be UTF-8.
 std::string ToText(const Tally &tally) { return json(tally).dump(-1, ' ', true, json::error_handler_t::replace); }
 Tally TallyFrom(const std::string &text) { return json::parse(text).get<Tally>(); }
 

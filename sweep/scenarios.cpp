@@ -12,8 +12,10 @@ namespace {
 
 using enum SlotState;
 
+// Bytes: an image that reaches into a third block, so that a fault can lie in its first, a middle or its last one.
 constexpr std::uint32_t kThreeBlocks = 300'000;
 constexpr std::size_t kSample = 12; // cuts of a variant that is long, or one of many
+// First blocks of the second bootloader slot and of the rescue slot on NAND.
 constexpr std::uint32_t kSlot1Block = 17;
 constexpr std::uint32_t kRescueBlock = 32;
 constexpr unsigned kForever = NandFault::kForever;
@@ -66,6 +68,7 @@ std::vector<Variant> Refusals(Medium medium) {
     std::vector<Variant> variants = {{"sums", setup}, {"sums-rescue", setup}, {"too-long", setup}};
     variants[0].setup.damaged = true;
     variants[1].setup.damaged = variants[1].setup.new_rescue = true;
+    // A byte more than the larger slot takes.
     variants[2].setup.update_bytes = SlotsOf(medium).bootloader[1].capacity + 1;
     if (medium == Medium::nand) return variants;
     // A chip of half the size, which ends a byte too early for the check of this image.
@@ -156,6 +159,7 @@ std::vector<Variant> WrongPages(const SweepFirmware &firmware) {
     const std::size_t image = kImageHeaderBytes + firmware.version(1).flat.size();
     const auto pages = static_cast<std::uint32_t>((image + kNandPageBytes - 1) / kNandPageBytes);
     std::vector<Variant> variants;
+    // Wrong once, a second try must store the page; wrong for ever, the block must be given up.
     for (const unsigned times : {1u, kForever})
         for (std::uint32_t page = 0; page < pages; ++page) {
             const NandFault fault{
@@ -181,7 +185,11 @@ std::vector<Variant> LostPrograms(const SweepFirmware &firmware) {
 
 std::vector<Variant> NoRoom() {
     const Situation setup{
-        .rescue = RescueState::none, .bad_blocks = Blocks(kSlot1Block, kNandBlocks), .fate = Fate::fails};
+        // From the second slot to the end of the chip nothing can be stored: the update must fail and leave the board
+        // alone.
+        .rescue = RescueState::none,
+        .bad_blocks = Blocks(kSlot1Block, kNandBlocks),
+        .fate = Fate::fails};
     std::vector<Variant> variants = {{"no-block", setup}, {"one-block", setup}};
     variants[1].setup.update_bytes = kThreeBlocks;
     variants[1].setup.bad_blocks = Blocks(kSlot1Block + 1, kNandBlocks);
@@ -204,6 +212,7 @@ std::vector<std::uint32_t> EdgeSizes(Medium medium, const Slot &slot, std::uint3
     std::sort(edges.begin(), edges.end());
     std::vector<std::uint32_t> sizes;
     for (const std::uint32_t edge : edges)
+        // One too few, exact, one too many: where loops over pages go wrong.
         for (const int off : {-1, 0, 1}) sizes.push_back(edge + static_cast<std::uint32_t>(off));
     sizes.erase(std::unique(sizes.begin(), sizes.end()), sizes.end());
     return sizes;
@@ -236,6 +245,7 @@ std::vector<Variant> BootloaderEdges(Medium medium) {
             const bool fits = size <= slot.capacity;
             if (!fits) setup.fate = Fate::refused;
             std::vector<const char *> holes;
+            // DataFlash slot 1 is the larger one: an image may fit there alone.
             if (fits && size > SlotsOf(medium).bootloader[0].capacity) holes.push_back(kFitsOneSlot);
             if (fits && ReachesNeighbour(medium, slot, size)) holes.push_back(kSharedPage);
             variants.push_back({fmt::format("slot-{}-{}", target, size), setup, holes, MostCuts(medium, size)});
@@ -277,6 +287,7 @@ std::vector<Variant> Holes() {
          {kSharedPage},
          kSample},
     };
+    // In these the update itself runs into its neighbours: that is the hole, not a finding.
     for (Variant &variant : holes) variant.setup.watches_slots = false;
     return holes;
 }
@@ -288,6 +299,7 @@ constexpr unsigned kHostileBoards = 500;
 std::vector<Variant> HostileBoards(unsigned count) {
     std::vector<Variant> variants;
     for (unsigned seed = 1; seed <= count; ++seed)
+        // Two cuts a board: the time is better spent on other boards.
         variants.push_back({fmt::format("{}", seed), {.hostile = seed}, {}, 2});
     return variants;
 }
@@ -312,8 +324,8 @@ bool HoleTakes(std::string_view hole, Outcome outcome) {
 }
 
 std::vector<Scenario> AllScenarios(const SweepFirmware &firmware) {
-    constexpr Medium nand = Medium::nand;
-    constexpr Medium flash = Medium::dataflash;
+    const Medium nand = Medium::nand;
+    const Medium flash = Medium::dataflash;
     return {
         {"nand-update", "bootloader update on NAND, from every state of the two slots", Updates(nand)},
         {"dataflash-update", "bootloader update on DataFlash, from every state of the two slots", Updates(flash)},
@@ -335,7 +347,7 @@ std::vector<Scenario> AllScenarios(const SweepFirmware &firmware) {
         {"nand-rescue-edge", "rescue images that end at an edge on NAND", RescueEdges(nand)},
         {"dataflash-rescue-edge", "rescue images that end at an edge on DataFlash", RescueEdges(flash)},
         {"holes", "where the layout of the flash leaves a hole", Holes()},
-        {"hostile", "chips and files that nobody means well with", HostileBoards(kHostileBoards)},
+        {"hostile", "hostile boards: random chips, files and faults", HostileBoards(kHostileBoards)},
     };
 }
 

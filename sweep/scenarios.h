@@ -17,7 +17,7 @@ inline constexpr const char *kWornRecord = "block 1 wears out: the version recor
 inline constexpr const char *kSharedPage = "slots that share a DataFlash page, which is rewritten as a whole";
 inline constexpr const char *kFitsOneSlot = "an image that fits DataFlash slot 1 alone cannot be moved to slot 0";
 inline constexpr const char *kNoMark = "a rescue block so worn that it cannot even be marked bad";
-inline constexpr const char *kEqualSum = "a parameter commit cut over records of before that add up to the same";
+inline constexpr const char *kEqualSum = "a torn commit whose old and new parameters happen to share a checksum";
 
 // Whether an outcome is what a hole is known for. Any other one is a finding there too.
 bool HoleTakes(std::string_view hole, Outcome outcome);

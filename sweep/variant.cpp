@@ -11,6 +11,7 @@ namespace fixture {
 
 namespace {
 
+// Of one variant: a mistake that shows everywhere must not drown the others.
 constexpr std::size_t kMostFindings = 20;
 constexpr std::size_t kChecks = 4; // one cut in so many of a share, and at most as many, is made again in earnest
 
@@ -46,6 +47,7 @@ public:
     VariantSweep(const SweepPlan &plan, const SweepUnit &unit, const SweepFirmware &firmware, JobNotes &notes)
         : plan_(plan), scenario_(plan.scenarios.at(unit.scenario)), variant_(*unit.variant), unit_(unit), notes_(notes),
           world_(MakeWorld(scenario_.name, variant_, plan.seed, firmware)),
+          // A sample depends on names, not on the order of variants or workers: a table can be counted again.
           seed_(HashOf(scenario_.name + variant_.label, plan.seed)) {
         if (plan.on_host) host_.emplace(world_, ProcessorKind::host, firmware);
         if (plan.on_arm) arm_.emplace(world_, ProcessorKind::arm, firmware);
@@ -72,6 +74,7 @@ private:
     CaseId id(const std::vector<Cut> &cuts) const { return {scenario_.name, variant_.label, cuts, plan_.seed}; }
 
     std::size_t most() const {
+        // A sample is of a scenario; its variants share it, rounded up so that each has a cut.
         const std::size_t wanted =
             plan_.sample == 0 ? 0 : (plan_.sample + scenario_.variants.size() - 1) / scenario_.variants.size();
         if (wanted == 0 || variant_.most_cuts == 0) return std::max(wanted, variant_.most_cuts);
@@ -80,6 +83,7 @@ private:
 
     void sweep() {
         const std::uint64_t operations = first().operations();
+        // The shares of one variant have its uncut run in common: one of them counts it.
         if (unit_.share == 0) {
             ++tally_.variants;
             tally_.operations += operations;
@@ -87,9 +91,10 @@ private:
         }
         const std::size_t most = this->most();
         const bool pairs = plan_.losses == 2;
+        // Pairs: as many first cuts as second cuts for each of them.
         const auto level = static_cast<std::size_t>(std::ceil(std::sqrt(static_cast<double>(most))));
         const std::vector<Cut> cuts = share_of(ChooseCuts(operations, pairs ? level : most, seed_, plan_.sample == 0));
-        const std::vector<Snapshot> snapshots = record(world_.chips, {}, cuts);
+        const std::vector<Snapshot> snapshots = take_snapshots(world_.chips, {}, cuts);
         tally_.cuts += snapshots.size();
         check(snapshots);
         for (const Snapshot &snapshot : snapshots) {
@@ -105,7 +110,8 @@ private:
         tally(cut.chips, {cut.cut});
         const std::uint64_t operations = first().count(cut.chips, 1);
         const std::vector<Cut> cuts = ChooseCuts(operations, most, seed_ ^ TearingSeed({cut.cut}, plan_.seed), false);
-        for (const Snapshot &second : record(cut.chips, {cut.cut}, cuts)) tally(second.chips, {cut.cut, second.cut});
+        for (const Snapshot &second : take_snapshots(cut.chips, {cut.cut}, cuts))
+            tally(second.chips, {cut.cut, second.cut});
     }
 
     // What is left behind one operation is what is there before the next: a worker that gets both boots it once.
@@ -117,10 +123,11 @@ private:
     }
 
     // Every cut must be met exactly once.
-    std::vector<Snapshot> record(const Chips &chips, const std::vector<Cut> &path, const std::vector<Cut> &cuts) {
+    std::vector<Snapshot> take_snapshots(const Chips &chips, const std::vector<Cut> &path,
+                                         const std::vector<Cut> &cuts) {
         std::size_t next = 0;
         std::vector<Snapshot> snapshots =
-            first().record(chips, static_cast<unsigned>(path.size()), path, plan_.seed, [&](const Cut &cut) {
+            first().take_snapshots(chips, static_cast<unsigned>(path.size()), path, plan_.seed, [&](const Cut &cut) {
                 const bool mine = next < cuts.size() && cuts[next] == cut;
                 next += mine;
                 return mine;
@@ -138,6 +145,7 @@ private:
         const std::size_t count = std::clamp<std::size_t>(snapshots.size() / kChecks, 1, kChecks);
         std::sample(snapshots.begin(), snapshots.end(), std::back_inserter(some), count, random);
         for (const Snapshot &snapshot : some)
+            // On each processor: a snapshot is made on one, and the other must come to the same chips by itself.
             for (Sweeper *sweeper : {host_ ? &*host_ : nullptr, arm_ ? &*arm_ : nullptr}) {
                 if (!sweeper) continue;
                 const Chips cut = sweeper->cut({snapshot.cut}, plan_.seed);
@@ -153,10 +161,12 @@ private:
         ++tally_.cases;
         const auto number = static_cast<unsigned>(cuts.size());
         std::optional<Judgement> host, arm;
+        // Each from its own copy of the chips.
         if (host_) host = host_->judge(chips, number);
         if (arm_) arm = arm_->judge(chips, number);
         if (host && arm) compare(name, *host, *arm);
         count(name, host ? *host : *arm);
+        // Counted once where the processors agree.
         if (host && arm && arm->outcome != host->outcome) count(name, *arm);
     }
 

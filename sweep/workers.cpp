@@ -23,8 +23,9 @@ namespace {
 
 constexpr std::size_t kNothing = SIZE_MAX;
 
-// Memory that the workers share with their parent. A worker writes its own board alone.
-struct Board {
+// Memory that the workers share with their parent. A worker writes its own progress alone.
+struct Progress {
+    // The parent reads these while the worker writes. The name may tear; it is only for a person, or for a dead worker.
     std::atomic<std::uint64_t> cases{0}, boots{0};
     std::atomic<std::size_t> job{kNothing};
     char at[160] = "";
@@ -37,59 +38,63 @@ struct Shared {
 
 class SharedMemory {
 public:
-    explicit SharedMemory(unsigned workers) : bytes_(sizeof(Shared) + workers * sizeof(Board)) {
+    explicit SharedMemory(unsigned workers) : bytes_(sizeof(Shared) + workers * sizeof(Progress)) {
+        // Mapped before the workers fork, so that all see the same pages.
         place_ = mmap(nullptr, bytes_, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
         if (place_ == MAP_FAILED) throw std::runtime_error("no memory to share with workers");
         shared_ = new (place_) Shared;
-        boards_ = {new (static_cast<char *>(place_) + sizeof(Shared)) Board[workers], workers};
+        progress_ = {new (static_cast<char *>(place_) + sizeof(Shared)) Progress[workers], workers};
     }
     ~SharedMemory() { munmap(place_, bytes_); }
     SharedMemory(const SharedMemory &) = delete;
     SharedMemory &operator=(const SharedMemory &) = delete;
     Shared &shared() { return *shared_; }
-    std::span<Board> boards() { return boards_; }
+    std::span<Progress> progress() { return progress_; }
 
 private:
     std::size_t bytes_;
     void *place_;
     Shared *shared_;
-    std::span<Board> boards_;
+    std::span<Progress> progress_;
 };
 
 class Notes : public JobNotes {
 public:
-    explicit Notes(Board &board) : board_(board) {}
+    explicit Notes(Progress &progress) : progress_(progress) {}
     void at(const std::string &name, std::uint64_t boots) override {
-        const std::size_t length = std::min(name.size(), sizeof board_.at - 1);
-        std::memcpy(board_.at, name.data(), length);
-        board_.at[length] = 0;
-        ++board_.cases;
-        board_.boots += boots - std::min(boots, counted_);
+        const std::size_t length = std::min(name.size(), sizeof progress_.at - 1);
+        std::memcpy(progress_.at, name.data(), length);
+        progress_.at[length] = 0;
+        ++progress_.cases;
+        progress_.boots += boots - std::min(boots, counted_);
         counted_ = boots;
     }
     void begin() { counted_ = 0; }
 
 private:
-    Board &board_;
+    Progress &progress_;
     std::uint64_t counted_ = 0;
 };
 
 void Write(int pipe, const std::string &text) {
     for (std::size_t done = 0; done < text.size();) {
         const ssize_t count = write(pipe, text.data() + done, text.size() - done);
+        // The parent is gone: nobody waits for the rest. _exit, since the parent's buffers and files are not ours to
+        // flush.
         if (count < 0 && errno != EINTR) _exit(1);
         if (count > 0) done += static_cast<std::size_t>(count);
     }
 }
 
-void Work(SharedMemory &memory, Board &board, std::size_t count,
+void Work(SharedMemory &memory, Progress &progress, std::size_t count,
           const std::function<std::string(std::size_t, JobNotes &)> &work, int pipe) {
-    Notes notes(board);
+    Notes notes(progress);
+    // Whoever is free takes the next job. Results depend on the job's number alone, so it does not matter who.
     for (std::size_t n; (n = memory.shared().next++) < count;) {
-        board.job = n;
+        progress.job = n;
         notes.begin();
         Write(pipe, fmt::format("{} {}\n", n, work(n, notes)));
-        board.job = kNothing;
+        progress.job = kNothing;
         ++memory.shared().done;
     }
 }
@@ -109,8 +114,10 @@ Worker Start(const std::function<void(int pipe)> &work) {
     if (worker.process == 0) {
         close(ends[0]);
         work(ends[1]);
+        // Not exit(): a forked test program would run its own ending a second time.
         _exit(0);
     }
+    // The parent's copy of the writing end; the pipe would never report the worker's death otherwise.
     close(ends[1]);
     worker.pipe = ends[0];
     return worker;
@@ -120,6 +127,7 @@ Worker Start(const std::function<void(int pipe)> &work) {
 bool Read(Worker &worker, const std::function<void(std::size_t, const std::string &)> &take) {
     char buffer[65536];
     const ssize_t count = read(worker.pipe, buffer, sizeof buffer);
+    // The end of the pipe is the end of the worker, in whatever way it came.
     if (count <= 0) return false;
     worker.unread.append(buffer, static_cast<std::size_t>(count));
     for (std::size_t end; (end = worker.unread.find('\n')) != std::string::npos; worker.unread.erase(0, end + 1)) {
@@ -144,22 +152,23 @@ double RunJobs(const JobPlan &plan, const std::function<std::string(std::size_t,
     SharedMemory memory(plan.workers);
     std::vector<Worker> workers;
     const auto launch = [&](unsigned n) {
-        return Start([&, n](int pipe) { Work(memory, memory.boards()[n], plan.count, work, pipe); });
+        return Start([&, n](int pipe) { Work(memory, memory.progress()[n], plan.count, work, pipe); });
     };
     for (unsigned n = 0; n < plan.workers; ++n) workers.push_back(launch(n));
     // The job that a dead worker was at is given up, and another worker takes its place.
     const auto finish = [&](unsigned n) {
-        Board &board = memory.boards()[n];
+        Progress &progress = memory.progress()[n];
         close(workers[n].pipe);
         workers[n].pipe = -1;
         int status = 0;
         waitpid(workers[n].process, &status, 0);
-        if (status == 0 || board.job == kNothing) return false;
+        // Between two jobs nothing is lost. Within one, its findings are: say so, and go on with the others.
+        if (status == 0 || progress.job == kNothing) return false;
         const std::string reason =
             WIFSIGNALED(status) ? strsignal(WTERMSIG(status)) : fmt::format("status {}", WEXITSTATUS(status));
-        if (plan.died) take(board.job, plan.died(board.job, board.at, reason));
+        if (plan.died) take(progress.job, plan.died(progress.job, progress.at, reason));
         ++memory.shared().done;
-        board.job = kNothing;
+        progress.job = kNothing;
         workers[n] = launch(n);
         return true;
     };
@@ -173,9 +182,9 @@ double RunJobs(const JobPlan &plan, const std::function<std::string(std::size_t,
             if (waiting[n].revents && !Read(workers[n], take) && !finish(n)) --open;
         now.jobs_done = memory.shared().done;
         now.cases = now.boots = 0;
-        for (const Board &board : memory.boards()) {
-            now.cases += board.cases;
-            now.boots += board.boots;
+        for (const Progress &progress : memory.progress()) {
+            now.cases += progress.cases;
+            now.boots += progress.boots;
         }
         now.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         if (plan.progress) plan.progress(now);

