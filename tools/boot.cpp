@@ -156,7 +156,9 @@ private:
 
 std::string Describe(const RunReport &report) {
     std::string text = VerdictName(report.verdict);
-    if (report.verdict == Verdict::launched)
+    if (report.verdict == Verdict::launched && report.launched.empty())
+        text = "launched an image that is no file of the volume"; // a platform with files of its own
+    else if (report.verdict == Verdict::launched)
         text = fmt::format("launched {} ({} bytes)", Printable(report.launched), report.launched_bytes);
     if (report.verdict == Verdict::idle) text = "idle: nothing to launch";
     if (!report.place.empty()) text += ": " + report.place;
