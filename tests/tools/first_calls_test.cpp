@@ -4,6 +4,7 @@
 #include "harness/command.h"
 #include "harness/source_tree.h"
 #include "harness/started_board.h"
+#include "machine/installation.h"
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
@@ -72,6 +73,18 @@ TEST(FirstCalls, SayWhereTheVolumeIs) {
         EXPECT_THAT(result.error, HasSubstr("holds no data/, but " + volume + " does")) << below;
     }
     EXPECT_THAT(RunFixture({"boot", "--host", "--volume", volume}).error, Not(HasSubstr("holds no data/")));
+}
+
+TEST(FirstCalls, SayWhichStrapsOrSlotsAreMissing) {
+    const TemporaryDirectory directory;
+    const std::string nand = (directory.path() / "nand.bin").string();
+    const std::string image = (FirmwareDirectory() / "bootloader.bin").string();
+    ASSERT_EQ(RunFixture({"flash", "provision", "--medium", "nand", "--nand", nand, "--bootloader", image}).exit_status,
+              kGood);
+    const auto error = [](const Words &words) { return RunFixture(words).error; };
+    EXPECT_THAT(error({"boot", "--nand", nand, "--snapshot"}), HasSubstr("try --straps 12-13"));
+    EXPECT_THAT(error({"boot", "--straps", "12-13", "--create", "--nand", nand + ".new"}),
+                HasSubstr("`fixture flash provision`"));
 }
 
 // Every shell is told of every command, and of what only some values serve for.
