@@ -371,12 +371,14 @@ void AddBootCommand(CLI::App &app, int &exit_status) {
     command->add_option("--panel", call->panel, "write what the panel shows at the end as PNG");
     command->add_option("--panel-frames", call->panel_frames, "write every different frame as PNG into this directory");
     CLI::Option *const gif =
-        command->add_option("--panel-gif", call->panel_gif, "write the panel's boot as an animation, again and again");
-    command->add_option("--panel-gif-slower", call->gif_style.slower, "so many times slower than virtual time")
+        command->add_option("--panel-gif", call->panel_gif, "write the panel's boot as an animation that loops");
+    command->add_option("--panel-gif-slower", call->gif_style.slower, "slow the animation down so many times")
         ->check(WholeNumber(1, 1000))
         ->capture_default_str()
         ->needs(gif);
-    command->add_flag("--panel-gif-captions", call->gif_captions, "with the time and the console's last line below")
+    command
+        ->add_flag("--panel-gif-captions", call->gif_captions,
+                   "put the time and the console's last line below each frame")
         ->needs(gif);
     command->add_option("--panel-wiring", call->panel_wiring, "how the panel's colours are connected")
         ->check(CLI::IsMember(kWirings))

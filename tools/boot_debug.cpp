@@ -46,29 +46,40 @@ void AddObserveOptions(CLI::App &command, ObserveCall &call) {
     const char *const group = "Debugging";
     command.add_flag("--keep-going", call.keep_going, "go on after a violation (default: it ends the run)")
         ->group(group);
-    command.add_option("--trace", call.trace, "write every event, a line each, to this file; - is standard output")
-        ->group(group);
+    CLI::Option *const trace =
+        command.add_option("--trace", call.trace, "write every event, a line each, to this file; - is standard output")
+            ->group(group);
     command.add_option("--trace-last", call.trace_last, "only the last so many events")
         ->check(CLI::Range(1, 10'000'000))
+        ->needs(trace)
         ->group(group);
     command.add_option("--trace-kind", call.kinds, "only: register,chip,violation,console,file,reset,stage,power")
+        ->needs(trace)
         ->group(group);
-    command.add_option("--trace-peripheral", call.peripherals, "only of these: PIOB,NAND,SPI*,...")->group(group);
+    command.add_option("--trace-peripheral", call.peripherals, "only of these: PIOB,NAND,SPI*,...")
+        ->needs(trace)
+        ->group(group);
     command.add_option("--trace-function", call.functions, "only while these routines are at work: NandFlash*,...")
+        ->needs(trace)
         ->group(group);
     command.add_option("--trace-from", call.from_ms, "only from this virtual time on, in milliseconds")
         ->check(CLI::NonNegativeNumber)
+        ->needs(trace)
         ->group(group);
     command.add_option("--trace-until", call.until_ms, "only up to this virtual time, in milliseconds")
         ->check(CLI::PositiveNumber)
+        ->needs(trace)
         ->group(group);
-    command.add_option("--gdb", call.gdb_port, "wait for GDB on this port of the loopback address [1234]; 0: any free")
-        ->expected(0, 1)
-        ->default_str("1234")
-        ->group(group);
+    CLI::Option *const gdb =
+        command
+            .add_option("--gdb", call.gdb_port, "wait for GDB on this port of the loopback address [1234]; 0: any free")
+            ->expected(0, 1)
+            ->default_str("1234")
+            ->group(group);
     command.add_option("--gdb-on", call.gdb_on, "run on and wait there: entry, violation, hang, fault or reset")
         ->check(CLI::IsMember(kStops))
         ->capture_default_str()
+        ->needs(gdb)
         ->group(group);
     command
         .add_option(
