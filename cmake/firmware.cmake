@@ -2,7 +2,8 @@
 # version of it, both again with the fixed build record that tests compare with, and the demo programs.
 
 set(ARM_FLAGS -mcpu=arm926ej-s -marm)
-add_compile_options(${ARM_FLAGS} $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions> $<$<COMPILE_LANGUAGE:CXX>:-fno-rtti>
+add_compile_options(${ARM_FLAGS} $<$<COMPILE_LANGUAGE:CXX>:-g>
+                    $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions> $<$<COMPILE_LANGUAGE:CXX>:-fno-rtti>
                     $<$<COMPILE_LANGUAGE:CXX>:-fno-threadsafe-statics> $<$<COMPILE_LANGUAGE:CXX>:-fno-use-cxa-atexit>)
 
 # No image knows where it was built: debug data name sources from the tree's root, like ./src/main.cpp.

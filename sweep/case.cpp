@@ -419,8 +419,8 @@ unsigned Sweeper::to_cut(const Chips &chips, unsigned number) const {
     return done ? std::max(number, 1u) : 0;
 }
 
-void Sweeper::watch(Chips &chips, unsigned number, const decltype(PowerSupply::maker) &interceptor) {
-    power_up(chips, to_cut(chips, number), [&](PowerSupply &supply) { supply.maker = interceptor; });
+void Sweeper::watch(Chips &chips, unsigned number, const decltype(PowerSupply::interceptor) &interceptor) {
+    power_up(chips, to_cut(chips, number), [&](PowerSupply &supply) { supply.interceptor = interceptor; });
 }
 
 std::uint64_t Sweeper::count(Chips chips, unsigned number) {

@@ -101,7 +101,7 @@ public:
     std::vector<Snapshot> take_snapshots(const Chips &chips, unsigned power_up, const std::vector<Cut> &path,
                                          std::uint64_t seed, const std::function<bool(const Cut &)> &wanted);
     // One power-up whose changes `interceptor` makes, on these chips.
-    void watch(Chips &chips, unsigned power_up, const decltype(PowerSupply::maker) &interceptor);
+    void watch(Chips &chips, unsigned power_up, const decltype(PowerSupply::interceptor) &interceptor);
     // The number of operations of one power-up.
     std::uint64_t count(Chips chips, unsigned power_up);
     // The same with the power really cut, once for every cut of a path. Throws std::runtime_error where a cut does not

@@ -434,6 +434,7 @@ TEST(Recipes, Natively) {
     const std::string said = Output(fmt::format("timeout 120 gdb -nx -batch -x {} 2>&1 </dev/null", script.string()));
     EXPECT_THAT(said, HasSubstr("Breakpoint 1, main ()"));
     EXPECT_THAT(said, HasSubstr("StageEnd::exited, bootloader_main()")); // where `finish` comes back to
+    EXPECT_THAT(said, HasSubstr("Value returned is"));
 }
 
 // The framing by hand: sums, escapes, pieces, rubbish.

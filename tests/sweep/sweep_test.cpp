@@ -24,7 +24,7 @@ const SweepFirmware &Builds() {
 // A sweep in which nothing is found; every boot goes as it is foretold.
 Tally CleanSweep(SweepPlan plan) {
     plan.foretells = true;
-    const Tally all = RunSweep(plan, Builds(), {}).all;
+    Tally all = RunSweep(plan, Builds(), {}).all;
     EXPECT_EQ(all.found, 0u);
     EXPECT_GT(all.foretold, 0u);
     for (const Finding &finding : all.findings)
