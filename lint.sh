@@ -19,5 +19,6 @@ fi
 
 echo "clang-tidy ..."
 cmake --preset lint >/dev/null
+cmake --build build/lint --target build-record >/dev/null
 lint/tidy.py
 echo "format and lint are clean"

@@ -20,8 +20,9 @@ import sys
 
 UNIT = 14  # files; more would leave one processor idle at the end, fewer read the headers more often
 
-# platform/at91sam9263 is compiled for the board alone, by a compiler that clang-tidy does not stand in for.
-NOT_HERE = ("src/Images.cpp", "tests/planted/", "platform/at91sam9263/", "assets/")
+# platform/at91sam9263 and the example of a port are compiled for a board alone, by a compiler that clang-tidy does not
+# stand in for.
+NOT_HERE = ("src/Images.cpp", "tests/planted/", "platform/at91sam9263/", "examples/", "assets/")
 ONE_BY_ONE = ("src", "bsp", "platform")
 # What a line declares: the word after the kind of a type, or the word before the first sign that can follow a name.
 # Qualified names are declared elsewhere.
@@ -80,7 +81,10 @@ def batches(files):
 
 def work(wanted):
     """(source, its options, its files) of every unit."""
-    commands = {each["file"]: each for each in json.load(open("build/lint/compile_commands.json", encoding="utf-8"))}
+    commands = {}
+    for each in json.load(open("build/lint/compile_commands.json", encoding="utf-8")):
+        words = each["command"].split()
+        commands[os.path.relpath(each["file"])] = words[1:words.index("-o")]
     folders = collections.defaultdict(list)
     for path in subprocess.run(["git", "ls-files", "*.cpp"], check=True, capture_output=True,
                                text=True).stdout.splitlines():
@@ -88,10 +92,14 @@ def work(wanted):
         if not path.startswith(NOT_HERE) and (not wanted or folder in wanted):
             folders[folder].append(path)
     for folder, files in folders.items():
-        for number, unit in enumerate([[each] for each in files] if folder in ONE_BY_ONE else batches(files)):
-            # A file that is not built here is looked at as its neighbours are.
-            command = next(commands[each] for each in map(os.path.abspath, unit + files) if each in commands)
-            options = command["command"].split()[1:command["command"].split().index("-o")]
+        # A file that is not built here is looked at as its neighbours are.
+        usual = next(commands[each] for each in files if each in commands)
+        alike = collections.defaultdict(list)
+        for path in files:
+            alike[tuple(commands.get(path, usual))].append(path)
+        units = [(options, unit) for options, group in alike.items()
+                 for unit in ([[each] for each in group] if folder in ONE_BY_ONE else batches(group))]
+        for number, (options, unit) in enumerate(units):
             source = os.path.abspath(unit[0])
             if folder not in ONE_BY_ONE:
                 source = os.path.abspath(f"build/lint/units/{folder}_{number}.cpp")
