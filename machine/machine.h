@@ -61,7 +61,7 @@ struct Sighting {
     Picoseconds time = 0;
     std::uint32_t pc = 0;           // 0 natively
     std::vector<std::string> chain; // the place and the calls that led there, innermost first; empty natively
-    std::uint64_t times = 1;        // how often it happened: a violation in this run, a read in a wait, a reset
+    std::uint64_t times = 1;        // how often it happened: a violation in this run, a reset in a loop; else once
 };
 
 struct RunReport {
