@@ -15,6 +15,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// A record: nine digits, " | ", nine digits, " | ", 256 characters of path, carriage return and line feed.
 constexpr std::size_t kRecordBytes = 282;
 constexpr std::size_t kNumberBytes = 9;
 constexpr std::size_t kSumOffset = 12;
@@ -28,6 +29,7 @@ struct Section {
     const char *element;
     bool required;
 };
+// In this order the bootloader tries what a file is taken for, so the order decides where two would match.
 constexpr Section kSections[] = {
     {FileRole::bootloader, "SecondaryBootloader", true},
     {FileRole::rescue, "RescueApplication", false},
@@ -44,6 +46,7 @@ std::string Extension(const BankFile &file) {
 // --- what a bank must not hold
 
 // The first character that the descriptor or the manifest cannot carry as it is.
+// No escapes: the bootloader's reader knows no entities and takes "&lt;" for four characters.
 std::optional<char> BadCharacter(std::string_view text) {
     const auto bad =
         std::find_if(text.begin(), text.end(), [](char c) { return c < 0x20 || c > 0x7E || c == '<' || c == '>'; });
@@ -54,18 +57,21 @@ void CheckText(const fs::path &file, const char *what, std::string_view text) {
     if (const std::optional<char> bad = BadCharacter(text))
         throw Refusal(file, fmt::format("byte 0x{:02X} in its {}", static_cast<unsigned char>(*bad), what),
                       "printable ASCII without \"<\" and \">\"");
+    // The manifest pads with blanks, and reading it takes them away again.
     if (text.ends_with(' ')) throw Refusal(file, fmt::format("a blank ends its {}", what), "none there");
 }
 
 void CheckName(const BankFile &file) {
     CheckText(file.source, "name", file.name());
     std::size_t longest = 0;
+    // The same bank may be copied to any of the three places, so the longest one counts.
     for (const std::string_view directory : kBankDirectories) longest = std::max(longest, directory.size());
     const std::size_t room = kLongestPath - longest;
     if (file.path().size() > room)
         throw Refusal(file.source, fmt::format("its path in the bank has {} characters", file.path().size()),
                       fmt::format("at most {}", room));
     if (file.role == FileRole::none) return;
+    // Role and extension are matched as texts within a path; an empty extension would match every path.
     const std::size_t length = Extension(file).size();
     if (length == 0 || length > kLongestExtension)
         throw Refusal(file.source, fmt::format("an extension of {} characters", length),
@@ -86,6 +92,7 @@ void CheckStoredImage(const BankFile &file) {
     if (!image.good()) throw Refusal(file.source, "not a good stored image", image.problem());
     std::uint32_t largest = 0;
     for (const SlotFit &slot : image.slots)
+        // The largest over both media: one bank serves boards of either kind.
         if (std::string_view(slot.slot).starts_with(NameOf(file.role))) largest = std::max(largest, slot.capacity);
     if (image.image.size > largest)
         throw Refusal(file.source, fmt::format("a stored image of {} bytes", image.image.size),
@@ -100,6 +107,7 @@ void CheckContent(const BankFile &file) {
     const std::uint32_t most = application                   ? kLargestApplication
                                : file.role == FileRole::none ? kLargestNumber
                                                              : kLoadBufferBytes;
+    // An application of 0 bytes passes the bootloader's check and is then not launched.
     const std::uint32_t least = file.role == FileRole::none ? 0 : 1;
     if (file.bytes.size() < least || file.bytes.size() > most)
         throw Refusal(file.source, fmt::format("{} bytes", file.bytes.size()), fmt::format("{} to {}", least, most));
@@ -118,6 +126,7 @@ void CheckBaseName(const BankFile &file, const std::vector<BankFile> &files) {
         throw Refusal(file.source, fmt::format("its base name \"{}\" occurs in \"{}\"", base, path),
                       fmt::format("a name that marks the {} alone", NameOf(file.role)));
     };
+    // A base name such as "app" occurs in the bank's own directory, and so in the path of every file.
     for (const char *directory : kBankDirectories) refuse_in(std::string(directory) + kFileDirectory);
     for (const BankFile &other : files)
         if (&other != &file) refuse_in(other.path());
@@ -137,6 +146,7 @@ std::uint32_t ReadNumber(std::span<const std::uint8_t> column) {
     while (i < column.size() && (column[i] == ' ' || (column[i] >= '\t' && column[i] <= '\r'))) ++i;
     const bool negative = i < column.size() && column[i] == '-';
     if (i < column.size() && (column[i] == '-' || column[i] == '+')) ++i;
+    // Nine digits always fit; a sign wraps around, and the bootloader compares sizes as 32 bits too.
     std::uint32_t value = 0;
     for (; i < column.size() && column[i] >= '0' && column[i] <= '9'; ++i)
         value = value * 10 + static_cast<std::uint32_t>(column[i] - '0');
@@ -150,8 +160,10 @@ std::string CleanPath(std::span<const std::uint8_t> column, bool &rejects) {
     const auto start = std::find_if_not(column.begin(), column.end(), IsLeading);
     rejects = start == column.end();
     std::string path(start, column.end());
+    // Kept: padding of either kind goes only where the last character is a line break; else blanks alone do.
     const bool ends_in_break = !path.empty() && path.back() != ' ' && IsPadding(path.back());
     while (!path.empty() && (ends_in_break ? IsPadding(path.back()) : path.back() == ' ')) path.pop_back();
+    // The bootloader handles it as a C text from here on.
     return path.substr(0, path.find('\0'));
 }
 
@@ -164,6 +176,7 @@ std::string TakeValue(const XmlSubset &document, const Section &section, std::st
         entry.problem = fmt::format("no <{}> in <{}>", key, section.element);
         return "";
     }
+    // The board's fields are of fixed length. A longer text is not cut off there: it makes the entry invalid.
     if (child->value.size() > longest)
         entry.problem = fmt::format("<{}> in <{}> has {} bytes; expected at most {}", key, section.element,
                                     child->value.size(), longest);
@@ -174,6 +187,7 @@ DescriptorEntry ReadEntry(const XmlSubset &document, const Section &section) {
     DescriptorEntry entry;
     entry.base_name = TakeValue(document, section, "BaseFileName", 256, entry);
     entry.extension = TakeValue(document, section, "BaseFileExtension", kLongestExtension, entry);
+    // Both "bin" and ".bin" are meant by people, and both are taken.
     if (!entry.extension.starts_with('.')) entry.extension.insert(0, ".");
     entry.version = TakeValue(document, section, "Version", kLongestVersion, entry);
     return entry;
@@ -217,6 +231,7 @@ std::string MakeDescriptor(const std::vector<BankFile> &files) {
     return text + "</ProjectDescriptor>\n";
 }
 
+// The two heading records are read over by their length alone; their words are for people.
 std::string MakeManifest(const std::vector<BankFile> &files) {
     constexpr const char *kLine = "{:>9} | {:>9} | {:<256}\r\n";
     std::string text = fmt::format("{:<9} | {:<9} | {:<256}\r\n", "size", "byte-sum", "path");
@@ -228,6 +243,7 @@ std::string MakeManifest(const std::vector<BankFile> &files) {
 FileRole Descriptor::role_of(std::string_view path) const {
     for (const Section &section : kSections) {
         const DescriptorEntry &entry = entries[static_cast<std::size_t>(section.role)];
+        // Kept: a match anywhere in the path counts, not at its end.
         if (entry.problem.empty() && path.find(entry.extension) != path.npos && path.find(entry.base_name) != path.npos)
             return section.role;
     }
@@ -239,10 +255,12 @@ Descriptor ReadDescriptor(std::span<const std::uint8_t> file) {
     const XmlSubset document(text);
     Descriptor descriptor;
     if (document.empty()) descriptor.problem = "no whole XML element";
+    // Checked before any entry is: the board gives up while it builds its tree, whatever the tree holds.
     if (document.exhausts_heap()) descriptor.problem = "elements nest beyond what the bootloader's heap holds";
     for (const Section &section : kSections) {
         DescriptorEntry &entry = descriptor.entries[static_cast<std::size_t>(section.role)];
         entry = ReadEntry(document, section);
+        // A rescue section may be missing or wrong: the bank is then one without a rescue image.
         if (section.required && descriptor.problem.empty()) descriptor.problem = entry.problem;
     }
     return descriptor;

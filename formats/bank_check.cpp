@@ -1,12 +1,10 @@
 #include "formats/bank_check.h"
 
-#include "formats/slots.h"
+#include "formats/board_volume.h"
 #include "formats/stored_image.h"
 
 #include <algorithm>
 #include <fmt/format.h>
-#include <fmt/ranges.h>
-#include <sys/stat.h>
 
 namespace fixture {
 
@@ -15,7 +13,6 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr std::uintmax_t kLargestText = 4u << 20; // the bootloader's whole heap
-constexpr std::size_t kRecordText = 16;
 
 // A file of the bank, never one outside it; none for anything that is not a regular file.
 fs::path FindFile(const fs::path &directory, const std::string &relative) {
@@ -25,12 +22,6 @@ fs::path FindFile(const fs::path &directory, const std::string &relative) {
     if (error || !fs::is_regular_file(file, error)) return {};
     const auto ends = std::mismatch(root.begin(), root.end(), file.begin(), file.end());
     return ends.first == root.end() ? file : fs::path{};
-}
-
-// The bootloader opens the descriptor, and every file that it stores, for writing too.
-bool MayBeWritten(const fs::path &file) {
-    struct stat status {};
-    return stat(file.c_str(), &status) == 0 && (status.st_mode & 0222) != 0;
 }
 
 void AddProblem(BankReport &bank, const char *id, const std::string &where, const std::string &found,
@@ -71,7 +62,7 @@ std::string CheckFailure(const fs::path &file, const ManifestRecord &record, Byt
 
 // Why an image is not stored, slots apart. A rescue image may be of any maker.
 std::string StoreFailure(FileRole role, const fs::path &file, const ImageReport &image) {
-    if (!MayBeWritten(file)) return "the file is write-protected; the bootloader opens it for writing";
+    if (!BoardMayWrite(file)) return "the file is write-protected; the bootloader opens it for writing";
     const bool any_maker = role == FileRole::rescue;
     if (any_maker ? image.image.sums_agree() : image.image.sums_agree() && image.image.maker) return "";
     for (const ImageField &field : image.fields)
@@ -114,6 +105,7 @@ void ExamineImageFile(BankReport &bank, RecordReport &report, const fs::path &fi
     if (image.image.size == kImageHeaderBytes)
         report.problem = "a header alone, with nothing to start: a board that stores it is lost";
     const auto body = std::span(image.image.bytes).subspan(kImageHeaderBytes);
+    report.image_sums = image.image.stored;
     if (report.role == FileRole::bootloader && board.version_of) report.calls_itself = board.version_of(body);
     WarnOfImage(bank, report, image.image, board);
 }
@@ -232,7 +224,7 @@ BankReport ExamineBank(const fs::path &directory, const std::string &board_direc
     const std::optional<Bytes> descriptor = ReadText(directory, kDescriptorName, bank);
     if (descriptor) {
         bank.descriptor = ReadDescriptor(*descriptor);
-        if (!MayBeWritten(directory / kDescriptorName))
+        if (!BoardMayWrite(directory / kDescriptorName))
             bank.descriptor.problem = "write-protected; the bootloader opens it for writing";
         if (!bank.descriptor.problem.empty())
             AddProblem(bank, "bad-descriptor", kDescriptorName, bank.descriptor.problem);
@@ -247,131 +239,51 @@ BankReport ExamineBank(const fs::path &directory, const std::string &board_direc
     return bank;
 }
 
-// --- what a board does
-
-UpdateState StateOf(const RawFlash &flash, const std::string &running) {
-    const SlotTable &table = SlotsOf(flash.medium);
-    const Bytes record = flash.read(table.record.address, kRecordText);
-    const Slot &target = table.bootloader.at(ChooseUpdateSlot(flash.read, table));
-    // NAND is written on past bad blocks and past the slot's end; a DataFlash refuses what the chip does not have.
-    const bool nand = flash.medium == Medium::nand;
-    return {running, std::string(record.begin(), std::find(record.begin(), record.end(), 0)),
-            nand ? target.capacity : RoomIn(flash, target), nand ? table.rescue.capacity : RescueRoomOn(flash)};
-}
-
-const char *NameOf(UpdateStep step) {
-    constexpr const char *kNames[] = {"none", "same version", "file check fails", "refused", "stored"};
-    return kNames[static_cast<std::size_t>(step)];
-}
-
-const char *NameOf(BankEnd end) {
-    constexpr const char *kNames[] = {"rejected", "incomplete", "resets", "launches", "not launched"};
-    return kNames[static_cast<std::size_t>(end)];
-}
-
-namespace {
-
-UpdateStep StepOf(const RecordReport &file, bool same_version, std::uint32_t room) {
-    if (same_version) return UpdateStep::same;
-    if (!file.passes) return UpdateStep::file_fails;
-    return file.storable && file.image_size <= room ? UpdateStep::stored : UpdateStep::refused;
-}
-
-} // namespace
-
-BankSteps StepsOf(const BankReport &bank, const UpdateState &state) {
-    BankSteps steps;
-    if (bank.rejected) return steps;
-    if (const RecordReport *const rescue = bank.listed(FileRole::rescue))
-        steps.rescue = StepOf(*rescue, state.rescue_record == bank.version(FileRole::rescue), state.rescue_room);
-    const RecordReport *const bootloader = bank.listed(FileRole::bootloader);
-    const RecordReport *const application = bank.listed(FileRole::application);
-    steps.end = BankEnd::incomplete;
-    if (!bootloader || !application) return steps;
-    const bool same = state.running == bank.version(FileRole::bootloader);
-    steps.bootloader = StepOf(*bootloader, same, state.bootloader_room);
-    steps.end = steps.bootloader == UpdateStep::stored ? BankEnd::resets
-                : bank.launches                        ? BankEnd::launches
-                                                       : BankEnd::not_launched;
-    return steps;
-}
-
 // --- volumes
 
 namespace {
 
-VolumeBoot Boot(const std::vector<BankReport> &banks, UpdateState &state) {
-    VolumeBoot boot{state.running, {}};
+bool Stores(const Prediction &power_up, std::string_view id) {
+    return std::any_of(power_up.steps.begin(), power_up.steps.end(),
+                       [id](const BootStep &step) { return id == step.id; });
+}
+
+// The version that a bank states for a bootloader, where the image is the one that it carries.
+const std::string *VersionInBanks(const std::vector<BankReport> &banks, std::span<const std::uint8_t> body) {
+    const ImageSums sums = SumsOf(body);
     for (const BankReport &bank : banks) {
-        const BankSteps steps = StepsOf(bank, state);
-        boot.steps.push_back(steps);
-        if (steps.rescue == UpdateStep::stored) state.rescue_record = bank.version(FileRole::rescue);
-        if (steps.end == BankEnd::launches) boot.launches = true;
-        if (steps.end == BankEnd::resets) {
-            boot.resets = true;
-            state.running =
-                bank.listed(FileRole::bootloader)->calls_itself.value_or(bank.version(FileRole::bootloader));
-        }
-        if (boot.launches || boot.resets) break;
+        const RecordReport *const carried = bank.listed(FileRole::bootloader);
+        if (carried && carried->storable && carried->image_size == body.size() + kImageHeaderBytes &&
+            carried->image_sums == sums)
+            return &bank.version(FileRole::bootloader);
     }
-    return boot;
+    return nullptr;
 }
 
-// Power-ups one after another, until the board stands as it stood before one of them.
-void RunBoots(VolumeReport &volume, UpdateState state) {
-    std::vector<UpdateState> before;
-    for (;;) {
-        const auto again = std::find(before.begin(), before.end(), state);
-        if (again != before.end()) {
-            volume.cycle_start = static_cast<std::size_t>(again - before.begin());
-            return;
-        }
-        before.push_back(state);
-        volume.boots.push_back(Boot(volume.banks, state));
+void JudgePowerUps(VolumeReport &volume, const std::string &where) {
+    const Prediction &last = volume.power_ups.back();
+    if (last.end == BootEnd::loop) {
+        for (const BootHazard &hazard : last.hazards)
+            if (hazard.id == kBanksFight || hazard.id == kResetsForEver)
+                volume.problems.push_back({hazard.id, where, fmt::format("{}; {}", last.reason, hazard.text), ""});
+    } else if (volume.power_ups.size() > 1 && Stores(last, "rescue-stored")) {
+        volume.warnings.push_back({"rescue-rewritten", where,
+                                   "its banks carry different rescue images: the board rewrites the rescue slot at "
+                                   "every start, and a power cut then leaves none",
+                                   ""});
     }
-}
-
-// "BANK installs VERSION" for every bank that stores a bootloader in the boots that repeat.
-std::string Installers(const VolumeReport &volume) {
-    std::vector<std::string> parts;
-    for (std::size_t i = volume.cycle_start; i < volume.boots.size(); ++i) {
-        const BankReport &bank = volume.banks.at(volume.boots[i].steps.size() - 1);
-        parts.push_back(fmt::format("{} installs {}", bank.directory, Escaped(bank.version(FileRole::bootloader))));
-    }
-    return fmt::format("{}", fmt::join(parts, " and "));
-}
-
-void JudgeCycle(VolumeReport &volume, const std::string &where) {
-    const auto first = volume.boots.begin() + static_cast<std::ptrdiff_t>(volume.cycle_start);
-    if (std::all_of(first, volume.boots.end(), [](const VolumeBoot &boot) { return boot.resets; })) {
-        const bool alone = volume.boots.end() - first == 1;
-        volume.problems.push_back(
-            {alone ? "resets-for-ever" : "two-banks-fight", where,
-             fmt::format("{}: the board {} at every start, with two block erases each time, and never launches",
-                         Installers(volume), alone ? "stores that bootloader again" : "replaces its bootloader"),
-             ""});
-        return;
-    }
-    volume.launches = std::any_of(first, volume.boots.end(), [](const VolumeBoot &boot) { return boot.launches; });
-    for (auto boot = first; boot != volume.boots.end(); ++boot)
-        if (std::any_of(boot->steps.begin(), boot->steps.end(),
-                        [](const BankSteps &steps) { return steps.rescue == UpdateStep::stored; })) {
-            volume.warnings.push_back({"rescue-rewritten", where,
-                                       "its banks carry different rescue images: the board rewrites the rescue slot at "
-                                       "every start, and a power cut then leaves none",
-                                       ""});
-            return;
-        }
 }
 
 } // namespace
 
+bool VolumeReport::launches() const { return !power_ups.empty() && power_ups.back().end == BootEnd::application; }
+
 bool VolumeReport::good() const {
-    return launches && problems.empty() &&
+    return launches() && problems.empty() &&
            std::all_of(banks.begin(), banks.end(), [](const BankReport &bank) { return bank.good(); });
 }
 
-VolumeReport ExamineVolume(const fs::path &volume, const BoardView &board, UpdateState state) {
+VolumeReport ExamineVolume(const fs::path &volume, const BoardView &board, BoardState state) {
     RequireDirectory(volume);
     constexpr std::string_view kRoot = "i:/vol0/";
     VolumeReport report;
@@ -381,11 +293,25 @@ VolumeReport ExamineVolume(const fs::path &volume, const BoardView &board, Updat
         if (fs::is_directory(directory, error))
             report.banks.push_back(ExamineBank(directory, std::string(name), board));
     }
-    if (report.banks.empty())
+    if (report.banks.empty()) {
         report.problems.push_back({"no-bank", volume.string(), "no bank", "data/app, data/oldapp or data/newapp"});
-    // The first record is not known: at the second start it is what the first has left.
-    RunBoots(report, std::move(state));
-    if (!report.banks.empty()) JudgeCycle(report, volume.string());
+        return report;
+    }
+    state.volume = volume;
+    state.version_of = [&, own = state.version_of](std::span<const std::uint8_t> body) {
+        if (board.version_of)
+            if (const std::optional<std::string> known = board.version_of(body)) return *known;
+        if (const std::string *const stated = VersionInBanks(report.banks, body)) return *stated;
+        return own ? own(body) : std::string();
+    };
+    report.power_ups.push_back(PredictBoot(state));
+    // Only a power-up that came to an end leaves something for another one to begin with.
+    const BootEnd end = report.power_ups.front().end;
+    if (end == BootEnd::application || end == BootEnd::rescue) {
+        Prediction again = PredictBoot(state);
+        if (Stores(again, "rescue-stored") || again.end != end) report.power_ups.push_back(std::move(again));
+    }
+    JudgePowerUps(report, volume.string());
     return report;
 }
 

@@ -1,16 +1,17 @@
-// What a board does with a bank, and with the three banks of a volume; and what is wrong or dangerous about them.
+// What is wrong with a bank, or dangerous about it; and what a board makes of the three banks of a volume.
 //
 //   const BankReport bank = ExamineBank("out/volume/data/app", kBankDirectories[0]);
-//   const bool launches = StepsOf(bank, state).end == BankEnd::launches;
+//   const bool sound = bank.good();
 //
 //   const VolumeReport examined = ExamineVolume("out/volume", {}, state);
-//   const bool sound = examined.good();  no "two-banks-fight" among its problems
+//   const bool launches = examined.launches();  no "two-banks-fight" among its problems
 //
-// The prediction is exact: it says what the bootloader stores, prints as failed and launches, for any bytes whatever.
-// It is made by code of its own, so a disagreement with the bootloader is a fault in one of the two.
+// ExamineBank judges files, one by one, for whoever ships them. What the board does with them all is foretold by
+// PredictBoot (boot_prediction.h), whose word is exact for any bytes whatever; tests hold both against the bootloader.
 #pragma once
 
 #include "formats/bank.h"
+#include "formats/boot_prediction.h"
 #include "formats/flash_report.h"
 #include "formats/refusal.h"
 
@@ -29,18 +30,6 @@ struct BoardView {
     std::function<std::optional<std::string>(std::span<const std::uint8_t> body)> version_of;
 };
 
-// What a bank's fate depends on.
-struct UpdateState {
-    std::string running = "1.9.0"; // the version that the running bootloader says it is
-    // The text of the version record, up to 16 bytes; none: not known, every rescue image counts as new.
-    std::optional<std::string> rescue_record;
-    std::uint32_t bootloader_room = 0x200000; // the largest image that the slot to be written takes
-    std::uint32_t rescue_room = 0xC00000;
-    friend bool operator==(const UpdateState &, const UpdateState &) = default;
-};
-// The state that a chip gives, without the version that runs.
-UpdateState StateOf(const RawFlash &flash, const std::string &running);
-
 // --- one bank
 
 struct RecordReport {
@@ -49,6 +38,7 @@ struct RecordReport {
     bool passes = false;            // the file is there, with the listed size and byte-sum
     bool storable = false;          // and it is an image that the bootloader stores, if the slot takes it
     std::uint32_t image_size = 0;
+    ImageSums image_sums{};                  // of a storable one: by size and sums it is known again in a slot
     std::optional<std::string> calls_itself; // a bootloader that a known build stands for
     std::string problem; // why it does not pass, is not stored or not launched; empty where all is well
 };
@@ -74,54 +64,24 @@ struct BankReport {
 BankReport ExamineBank(const std::filesystem::path &directory, const std::string &board_directory,
                        const BoardView &board = {});
 
-enum class UpdateStep : std::uint8_t {
-    none,       // nothing listed, or the pass does not come so far
-    same,       // that version is there already
-    file_fails, // the file check fails
-    refused,    // the file is no image that can be stored
-    stored,
-};
-const char *NameOf(UpdateStep step);
-
-enum class BankEnd : std::uint8_t {
-    rejected,   // descriptor or manifest
-    incomplete, // no application or no bootloader listed
-    resets,     // a bootloader was stored
-    launches,
-    not_launched, // the application's file check fails
-};
-const char *NameOf(BankEnd end);
-
-struct BankSteps {
-    UpdateStep rescue = UpdateStep::none;
-    UpdateStep bootloader = UpdateStep::none;
-    BankEnd end = BankEnd::rejected;
-    friend bool operator==(const BankSteps &, const BankSteps &) = default;
-};
-// One pass of the bootloader over the bank.
-BankSteps StepsOf(const BankReport &bank, const UpdateState &state);
-
 // --- a volume
-
-struct VolumeBoot {
-    std::string running;          // the bootloader's version
-    std::vector<BankSteps> steps; // of the banks that were tried, in the volume's order
-    bool launches = false;
-    bool resets = false; // neither: no bank launches, the rescue image is next
-};
 
 struct VolumeReport {
     std::vector<BankReport> banks; // those that are there, in the bootloader's order
-    std::vector<VolumeBoot> boots; // up to the first that comes again
-    std::size_t cycle_start = 0;   // boots from here on repeat for ever
-    Problems problems;             // of the volume; the banks have their own
+    // What the board does at its power-ups, until one does what the one before it did. Two at most: what a power-up
+    // ends with is all that the next one begins with, and files do not change.
+    std::vector<Prediction> power_ups;
+    Problems problems; // of the volume; the banks have their own
     Problems warnings;
-    bool launches = false;
 
+    bool launches() const; // a bank's application, in the end
     bool good() const;
 };
 
-// `volume` is the directory that holds data/. Throws Refusal where there is no such directory.
-VolumeReport ExamineVolume(const std::filesystem::path &volume, const BoardView &board = {}, UpdateState state = {});
+// `volume` is the directory that holds data/. `state` is the board that is to start from it: its chip is left as the
+// last power-up leaves it, and its volume need not be set. A bootloader that no known build stands for is taken for the
+// version that its bank states; the board's own one for what `state` says. Throws Refusal where there is no such
+// directory.
+VolumeReport ExamineVolume(const std::filesystem::path &volume, const BoardView &board, BoardState state);
 
 } // namespace fixture

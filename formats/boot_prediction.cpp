@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cassert>
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 namespace fixture {
 
@@ -30,16 +31,9 @@ Bytes Field(const std::string &text) {
     return field;
 }
 
-std::string Printable(const std::string &text) {
-    std::string shown;
-    for (const char c : text)
-        shown += c >= 0x20 && c < 0x7F ? std::string(1, c) : fmt::format("\\x{:02X}", static_cast<unsigned char>(c));
-    return shown;
-}
-
 std::string FieldText(const Bytes &field) {
     if (std::all_of(field.begin(), field.end(), [](std::uint8_t byte) { return byte == 0xFF; })) return "none";
-    return "\"" + Printable({field.begin(), std::find(field.begin(), field.end(), 0)}) + "\"";
+    return "\"" + Printable(std::string(field.begin(), std::find(field.begin(), field.end(), 0))) + "\"";
 }
 
 std::uint32_t SizeField(const Bytes &image) {
@@ -106,6 +100,7 @@ private:
     std::string check_file(const Listed &file, Bytes &content);
     std::string check_image(const Bytes &file) const;
     void update_rescue();
+    std::string load_to_store(const Listed &listed, const Bytes &file);
     std::string store_rescue(const Bytes &file, const Bytes &version);
     Went update_bootloader();
     std::string store_bootloader(const Bytes &file);
@@ -128,6 +123,8 @@ private:
     std::optional<Listed> files_[3]; // by FileRole
     std::string bank_;
     std::string stored_; // what the last update of the bootloader did
+    // Every start that stored a bootloader, with "BANK installs VERSION".
+    std::vector<std::pair<unsigned, std::string>> installs_;
 
     // What a start depends on. The same once more: the board goes round.
     struct Met {
@@ -214,7 +211,7 @@ void Predictor::tell_network() {
     told_.network = NetworkOf(*board_.eeprom);
     if (!store.current) {
         tell("network", "EEPROM", fmt::format("{}: the board starts without network settings", store.why));
-        warn("no-parameters", "EEPROM", store.why, "set the network's parameters with eeprom set");
+        warn("no-current-sector", "EEPROM", store.why, "set the network's parameters with eeprom set");
         return;
     }
     std::string settings;
@@ -227,7 +224,7 @@ void Predictor::tell_network() {
                      store.sectors[other].empty() ? "" : fmt::format("; sector {} is cleaned", other)));
     for (const int sector : {0, 1})
         if (!store.sectors[sector].warning.empty())
-            warn("parameters", fmt::format("EEPROM sector {}", sector), store.sectors[sector].warning,
+            warn("store-warning", fmt::format("EEPROM sector {}", sector), store.sectors[sector].warning,
                  "eeprom show tells more");
 }
 
@@ -293,6 +290,11 @@ Predictor::Went Predictor::bank(const std::string &directory) {
         warn("descriptor-large", path,
              fmt::format("{} bytes: its tree may not fit the bootloader's heap of {}", size, kHeapBytes),
              "shorten it to what bank build writes");
+    if (!BoardMayWrite(*file)) {
+        tell("bank-rejected", path, "write-protected, and the bootloader opens it for writing: the bank is passed over",
+             fmt::format("\tFatal Error : read file failed with errno=9{}", kRejected));
+        return Went::on;
+    }
     descriptor_ = ReadDescriptor(ReadFile(*file, kHeapBytes));
     if (!descriptor_.problem.empty()) {
         tell("bank-rejected", path, fmt::format("{}: the bank is passed over", descriptor_.problem), kRejected);
@@ -364,6 +366,15 @@ std::string Predictor::check_file(const Listed &file, Bytes &content) {
     return sum == file.sum ? "" : fmt::format("byte-sum {} found, {} listed", sum, file.sum);
 }
 
+// Why a file that has passed its check is not stored all the same: the bootloader opens it once more, for writing, and
+// looks at its header. Empty where nothing is against it.
+std::string Predictor::load_to_store(const Listed &listed, const Bytes &file) {
+    const std::optional<fs::path> found = FindOnVolume(board_.volume, listed.path);
+    if (found && BoardMayWrite(*found)) return check_image(file);
+    say("\tFatal Error : unable to load bootloader into ram\n");
+    return "write-protected, and the bootloader opens it for writing";
+}
+
 // Why a file is no stored image for the bootloader; empty where it is one, whatever its maker.
 std::string Predictor::check_image(const Bytes &file) const {
     if (file.size() < kImageHeaderBytes) return fmt::format("{} bytes are no stored image", file.size());
@@ -404,7 +415,9 @@ void Predictor::update_rescue() {
 }
 
 std::string Predictor::store_rescue(const Bytes &file, const Bytes &version) {
-    if (std::string problem = check_image(file); !problem.empty()) return problem;
+    if (std::string problem = load_to_store(*files_[static_cast<std::size_t>(FileRole::rescue)], file);
+        !problem.empty())
+        return problem;
     const std::uint32_t size = SizeField(file);
     if (nand_ && size > slots_.rescue.capacity)
         return fmt::format("{} bytes; the slot takes {}", size, slots_.rescue.capacity);
@@ -445,12 +458,15 @@ Predictor::Went Predictor::update_bootloader() {
         return Went::on;
     }
     done("bootloader-stored", stored_);
+    installs_.emplace_back(start_, fmt::format("{} installs {}", bank_, Printable(version)));
     return Went::reset;
 }
 
 // Writes the image where no good one lies and retires the other copy afterwards. Why not, or empty.
 std::string Predictor::store_bootloader(const Bytes &file) {
-    if (std::string problem = check_image(file); !problem.empty()) return problem;
+    if (std::string problem = load_to_store(*files_[static_cast<std::size_t>(FileRole::bootloader)], file);
+        !problem.empty())
+        return problem;
     if (!HasMaker(file)) return "its maker text is another one; the first stage would not start it";
     const Bytes image(file.begin(), file.begin() + SizeField(file));
     const auto &slots = slots_.bootloader;
@@ -509,7 +525,7 @@ Predictor::Went Predictor::launch_application() {
     end(BootEnd::application, fmt::format("launches {} ({} bytes)", file.path, file.size));
     if (file.size > kLargestApplication)
         warn(
-            "application-overwritten", file.path,
+            "launch-marker-overlap", file.path,
             fmt::format("{} bytes: the launch marker is written over those from {} on", file.size, kLargestApplication),
             fmt::format("keep the application to {} bytes", kLargestApplication));
     if (HasMaker(told_.image))
@@ -541,7 +557,7 @@ void Predictor::rescue() {
     told_.image = std::move(*image);
     end(BootEnd::rescue, fmt::format("falls back to the rescue image ({} bytes): no bank is good", size));
     if (!HasMaker(told_.image))
-        warn("rescue-foreign", slots_.rescue.name,
+        warn("foreign-maker", slots_.rescue.name,
              "its maker text is another one: the first stage starts it at its header, not after it",
              "store a rescue image with this maker's header");
     if (size > kRescueFlush)
@@ -575,30 +591,29 @@ bool Predictor::met_before() {
 void Predictor::loop_found(std::size_t first) {
     told_.loop_resets = static_cast<unsigned>(met_.size() - 1 - first);
     told_.loop_erases = met_.back().erases - met_[first].erases;
-    std::vector<std::string> versions, places;
-    for (const BootStep &step : told_.steps) {
-        if (step.start <= first || std::string_view(step.id) != "bootloader-stored") continue;
-        places.push_back(step.place);
-    }
-    std::sort(places.begin(), places.end());
-    places.erase(std::unique(places.begin(), places.end()), places.end());
-    std::string who;
-    for (const std::string &place : places) who += (who.empty() ? "" : " and ") + place;
-    const char *unit = nand_ ? "block" : "page";
-    end(BootEnd::loop, places.size() > 1 ? fmt::format("resets for ever: {} replace each other", who)
-                                         : fmt::format("resets for ever: {} is stored at every start", who));
-    warn(places.size() > 1 ? "banks-fight" : "version-text", who,
-         fmt::format("{} reset{} a turn, {} {} erase{} each", told_.loop_resets, told_.loop_resets == 1 ? "" : "s",
-                     told_.loop_erases, unit, told_.loop_erases == 1 ? "" : "s"),
-         places.size() > 1 ? "give both banks the same bootloader, or make the first bank's application good"
-                           : "let the bank's descriptor state the version that the bootloader has");
+    std::vector<std::string> installs;
+    for (const auto &[start, text] : installs_)
+        if (start > first) installs.push_back(text);
+    std::sort(installs.begin(), installs.end());
+    installs.erase(std::unique(installs.begin(), installs.end()), installs.end());
+    const std::string who = fmt::format("{}", fmt::join(installs, " and "));
+    const bool fight = installs.size() > 1;
+    end(BootEnd::loop, fmt::format("resets for ever: {}{}", who, fight ? "" : " at every start"));
+    const auto times = [](std::uint64_t count, const char *what) {
+        return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
+    };
+    warn(fight ? kBanksFight : kResetsForEver, who,
+         fmt::format("a turn takes {} and wears the chip by {}", times(told_.loop_resets, "reset"),
+                     times(told_.loop_erases, nand_ ? "block erase" : "page erase")),
+         fight ? "give both banks the same bootloader, or make the first bank's application good"
+               : "let the bank's descriptor state the version that the bootloader has");
 }
 
 // --- what may come later
 
 void Predictor::look_ahead() {
     for (const Problem &warning : ExamineFlash(board_.flash).warnings)
-        warn("flash-layout", warning.where.empty() ? Chip(nand_) : warning.where,
+        warn(warning.id, warning.where.empty() ? Chip(nand_) : warning.where,
              Problem{"", "", warning.found, warning.expected}.text(), "flash info tells more");
     const bool has_rescue = ReadSlot(board_.flash.read, slots_.rescue).verdict() == ImageVerdict::good;
     if (told_.end == BootEnd::application && !has_rescue)

@@ -49,6 +49,10 @@ struct BootStep {
     std::string console; // what it prints there, without what is said of bad blocks
 };
 
+// The hazards of a board that resets for ever: two banks replace each other's bootloader, or one bank alone does.
+inline constexpr const char *kBanksFight = "two-banks-fight";
+inline constexpr const char *kResetsForEver = "resets-for-ever";
+
 // What can go wrong with this board although the next power-up may go well.
 struct BootHazard {
     std::string id; // stable

@@ -13,6 +13,7 @@ namespace {
 // Pages to an erase block: a short file that this bench makes ends with a whole one.
 constexpr std::uint32_t kPagesTogether = 64;
 
+// Lengths of dumps differ in the middle of nine digits, which nobody sees without separators.
 std::string Grouped(std::uint64_t number) {
     const std::string digits = std::to_string(number);
     std::string text;
@@ -23,6 +24,7 @@ std::string Grouped(std::uint64_t number) {
     return text;
 }
 
+// A log or a source of just the right length would otherwise become a chip. Real dumps begin with code or erased pages.
 bool IsText(std::span<const std::uint8_t> bytes) {
     constexpr std::size_t kLook = 4096;
     const auto part = bytes.first(std::min(bytes.size(), kLook));
@@ -39,6 +41,7 @@ bool StartsWith(std::span<const std::uint8_t> bytes, std::string_view text) {
 // What a file that is no chip is instead; empty where nothing speaks against a chip.
 std::string OtherContent(std::span<const std::uint8_t> bytes) {
     if (IsElf(bytes)) return "an ELF file";
+    // The likeliest slip of all: the image is given in place of the chip that is to hold it.
     if (HasMaker(bytes)) return "a stored image, not a chip that holds one";
     if (StartsWith(bytes, "\x89PNG") || StartsWith(bytes, "GIF8")) return "a picture";
     if (StartsWith(bytes, "\x1F\x8B") || StartsWith(bytes, "PK\x03\x04")) return "a compressed file";
@@ -60,11 +63,14 @@ bool SpareLooksSpare(std::span<const std::uint8_t> bytes, const ChipShape &shape
     for (std::size_t page = 0; page < pages; ++page) {
         const auto whole = bytes.subspan(page * shape.whole, shape.whole);
         const auto is_blank = [](std::uint8_t byte) { return byte == 0xFF; };
+        // Erased pages look alike in either layout and say nothing.
         if (std::all_of(whole.begin(), whole.end(), is_blank)) continue;
         const auto spare = whole.subspan(shape.data);
         ++looked;
+        // Error-correction codes and a block's mark fill less than half of the spare bytes.
         odd += std::count_if(spare.begin(), spare.end(), is_blank) * 2 < std::ssize(spare);
     }
+    // A quarter may be odd: bit errors, and file systems that keep notes of their own there.
     return odd * 4 <= looked;
 }
 
@@ -73,6 +79,7 @@ ChipLayout LayoutOf(std::span<const std::uint8_t> bytes, const ChipShape &shape)
     const bool raw = bytes.size() % shape.whole == 0 && bytes.size() <= shape.whole_bytes();
     const bool data = bytes.size() % shape.data == 0 && bytes.size() <= shape.data_bytes();
     if (raw != data) return raw ? ChipLayout::raw : ChipLayout::data_only;
+    // Both lengths divide; a full chip's length is the stronger sign.
     if (bytes.size() == shape.data_bytes()) return ChipLayout::data_only;
     return !shape.nand || SpareLooksSpare(bytes, shape) ? ChipLayout::raw : ChipLayout::data_only;
 }
@@ -105,6 +112,7 @@ ChipFileLayout RecogniseChip(const std::filesystem::path &file, std::span<const 
 void ForEachPage(std::span<const std::uint8_t> bytes, const ChipFileLayout &layout, const ChipShape &shape,
                  const std::function<void(std::uint32_t, std::span<const std::uint8_t>)> &take) {
     const std::uint32_t stored = layout.layout == ChipLayout::raw ? shape.whole : shape.data;
+    // Spare bytes that a file leaves out are erased ones, so no block counts as marked bad.
     Bytes whole(shape.whole, 0xFF);
     for (std::uint32_t page = 0; std::size_t{page} * stored < bytes.size(); ++page) {
         const auto part = bytes.subspan(std::size_t{page} * stored, stored);
@@ -120,6 +128,7 @@ void ForEachPage(std::span<const std::uint8_t> bytes, const ChipFileLayout &layo
 Bytes ChipBytes(const ChipFileLayout &layout, const ChipShape &shape, std::uint32_t used,
                 const std::function<std::span<const std::uint8_t>(std::uint32_t page)> &page) {
     const std::uint32_t stored = layout.layout == ChipLayout::raw ? shape.whole : shape.data;
+    // A file that was loaded keeps its length, unless the chip now holds more than fits it.
     const auto had = static_cast<std::uint32_t>(layout.bytes / stored);
     const std::uint32_t needed = std::min(shape.pages, (used + kPagesTogether - 1) / kPagesTogether * kPagesTogether);
     const std::uint32_t pages = had >= used && had > 0 ? had : std::max(needed, kPagesTogether);

@@ -20,10 +20,6 @@ struct Piece {
     std::uint32_t address; // on the chip
 };
 
-bool IsBad(const RawFlash &flash, std::uint32_t block) {
-    return std::find(flash.bad_blocks.begin(), flash.bad_blocks.end(), block) != flash.bad_blocks.end();
-}
-
 // The pages that an image of `length` bytes takes from a slot's start on, in the order in which they are written.
 std::vector<Piece> PiecesOf(const RawFlash &flash, const Slot &slot, std::uint32_t length) {
     const bool nand = flash.medium == Medium::nand;
@@ -31,7 +27,7 @@ std::vector<Piece> PiecesOf(const RawFlash &flash, const Slot &slot, std::uint32
     std::vector<Piece> pieces;
     std::uint32_t address = slot.address;
     for (std::uint32_t offset = 0; offset < length && address < flash.bytes;) {
-        if (nand && address % flash.unit == 0 && IsBad(flash, address / flash.unit)) {
+        if (nand && address % flash.unit == 0 && flash.is_bad(address / flash.unit)) {
             address += flash.unit;
             continue;
         }

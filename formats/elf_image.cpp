@@ -10,6 +10,7 @@
 namespace fixture {
 namespace {
 
+// As much as the board has memory. A header may claim 4 GB, and nothing is allocated on its word.
 constexpr std::uint64_t kLargestSegment = 64u << 20;
 
 struct ElfEnd {
@@ -30,6 +31,7 @@ private:
 };
 
 ElfHandle OpenExecutable(std::span<const std::uint8_t> file, const Complaint &complaint) {
+    // The library demands to be told once; to be told again does no harm.
     elf_version(EV_CURRENT);
     // The library only reads from the memory it is given here.
     auto *bytes = reinterpret_cast<char *>(const_cast<std::uint8_t *>(file.data()));
@@ -41,6 +43,7 @@ ElfHandle OpenExecutable(std::span<const std::uint8_t> file, const Complaint &co
         complaint.refuse("not a 32-bit little-endian ELF file");
     if (header.e_machine != EM_ARM)
         complaint.refuse(fmt::format("made for machine {}, not {} (ARM)", header.e_machine, EM_ARM));
+    // An object or a library has no addresses yet.
     if (header.e_type != ET_EXEC) complaint.refuse("not a linked executable");
     return elf;
 }
@@ -50,10 +53,12 @@ ElfSegment ReadSegment(std::span<const std::uint8_t> file, const GElf_Phdr &segm
     if (segment.p_memsz > kLargestSegment || segment.p_filesz > segment.p_memsz)
         complaint.refuse(
             fmt::format("segment {}: {} bytes in memory, {} in the file", number, segment.p_memsz, segment.p_filesz));
+    // Written as a subtraction: offset and length together may overflow.
     if (segment.p_offset > file.size() || segment.p_filesz > file.size() - segment.p_offset)
         complaint.refuse(fmt::format("segment {}: offset {} and {} bytes reach past the end of the file", number,
                                      segment.p_offset, segment.p_filesz));
     const auto bytes = file.subspan(segment.p_offset, segment.p_filesz);
+    // The load address. Where the program runs may differ, and the loader does not care.
     return {static_cast<std::uint32_t>(segment.p_paddr),
             {bytes.begin(), bytes.end()},
             static_cast<std::uint32_t>(segment.p_memsz)};
@@ -70,6 +75,7 @@ template <typename Take> void EachSymbol(Elf *elf, Take take) {
             GElf_Sym symbol;
             if (!gelf_getsym(data, i, &symbol)) break;
             const char *name = elf_strptr(elf, header.sh_link, symbol.st_name);
+            // "$a", "$t" and "$d" mark instruction sets and data; they would hide the routines that they stand in.
             if (name && *name && *name != '$' && symbol.st_shndx != SHN_UNDEF) take(name, symbol);
         }
     }
@@ -103,6 +109,7 @@ ElfImage ElfImage::read(std::span<const std::uint8_t> file, const std::filesyste
     EachSymbol(elf.get(), [&](const char *symbol_name, const GElf_Sym &symbol) {
         const auto value = static_cast<std::uint32_t>(symbol.st_value);
         const bool global = GELF_ST_BIND(symbol.st_info) != STB_LOCAL;
+        // Of two names alike the global one is meant; locals of several sources may share theirs.
         if (global)
             image.symbols_[symbol_name] = value;
         else
@@ -120,6 +127,7 @@ std::optional<std::uint32_t> ElfImage::symbol(const std::string &name) const {
 
 std::string ElfImage::place(std::uint32_t address) const {
     const auto after = routines_.upper_bound(address);
+    // The last routine has no end in the table, so an address far beyond it must not get its name.
     const bool loaded = std::any_of(segments_.begin(), segments_.end(),
                                     [&](const ElfSegment &s) { return address - s.address < s.bytes.size(); });
     if (after == routines_.begin() || !loaded) return fmt::format("0x{:08X}", address);
@@ -135,6 +143,7 @@ std::vector<std::uint8_t> ElfImage::flat() const {
     for (const ElfSegment &segment : segments_) {
         if (segment.bytes.empty()) continue;
         const std::uint64_t offset = segment.address - base;
+        // Two small parts at both ends of the address space would make a file of 4 GB.
         if (offset + segment.bytes.size() > kLargestSegment) Complaint(name_).refuse("segments lie too far apart");
         if (all.size() < offset + segment.bytes.size()) all.resize(offset + segment.bytes.size());
         std::copy(segment.bytes.begin(), segment.bytes.end(), all.begin() + static_cast<std::ptrdiff_t>(offset));

@@ -9,7 +9,6 @@ namespace {
 
 // A check reads this much behind an image; a DataFlash refuses to read beyond its end.
 constexpr std::uint32_t kReadBehind = 32;
-constexpr std::uint32_t kRecordBlock = 1;
 // A record that reads so is none: it is the beginning of an image, read behind a bad block.
 constexpr std::string_view kNoRecord = "Orvalis Luminati";
 
@@ -21,17 +20,7 @@ std::uint32_t BadBlocksIn(const RawFlash &flash, const Slot &slot) {
                       [=](std::uint32_t block) { return block >= first && block < end; }));
 }
 
-bool IsBad(const RawFlash &flash, std::uint32_t block) {
-    return std::find(flash.bad_blocks.begin(), flash.bad_blocks.end(), block) != flash.bad_blocks.end();
-}
-
-// Nothing lies behind the rescue image on a DataFlash: it may reach to the end of this chip.
-Slot RescueOn(const RawFlash &flash) {
-    Slot slot = SlotsOf(flash.medium).rescue;
-    if (flash.medium == Medium::dataflash)
-        slot.capacity = flash.bytes < slot.address + kReadBehind ? 0 : flash.bytes - slot.address - kReadBehind;
-    return slot;
-}
+Slot RescueOn(const RawFlash &flash) { return SlotsOn(flash)[2]; }
 
 std::string RecordText(const std::vector<std::uint8_t> &record) {
     const bool erased = std::all_of(record.begin(), record.end(), [](std::uint8_t byte) { return byte == 0xFF; });
@@ -83,7 +72,7 @@ void WarnOfPushedTail(const RawFlash &flash, const Slot &slot, std::uint32_t byt
 }
 
 void WarnOfRecordBlock(const RawFlash &flash, Warnings &warnings) {
-    if (flash.medium == Medium::nand && IsBad(flash, kRecordBlock))
+    if (flash.medium == Medium::nand && flash.is_bad(kRecordBlock))
         Add(warnings, "record-block-bad", "version record",
             "block 1 is bad: the record would lie in bootloader slot 0, so the rescue image is not updated while a "
             "bootloader is there");
@@ -207,7 +196,7 @@ void RefuseUnreadableRecord(const RawFlash &flash, const Provision &provision) {
         throw Refusal(where, fmt::format("{} characters", version.size()), fmt::format("1 to {}", most), "bad-version");
     if (version == kNoRecord)
         throw Refusal(where, "the beginning of the maker text counts as no version", "", "bad-version");
-    if (flash.medium == Medium::nand && IsBad(flash, kRecordBlock))
+    if (flash.medium == Medium::nand && flash.is_bad(kRecordBlock))
         throw Refusal(where, "block 1 is bad: written there it would fall into bootloader slot 0", "",
                       "record-block-bad");
 }
@@ -221,6 +210,20 @@ void EraseSlot(const RawFlash &flash, const Slot &slot) {
 }
 
 } // namespace
+
+bool RawFlash::is_bad(std::uint32_t block) const {
+    return std::find(bad_blocks.begin(), bad_blocks.end(), block) != bad_blocks.end();
+}
+
+std::array<Slot, 3> SlotsOn(const RawFlash &flash) {
+    const SlotTable &table = SlotsOf(flash.medium);
+    Slot rescue = table.rescue;
+    // Nothing lies after the rescue image on a DataFlash, so it may reach to the end of this chip, less what a check
+    // reads beyond it.
+    if (flash.medium == Medium::dataflash)
+        rescue.capacity = flash.bytes < rescue.address + kReadBehind ? 0 : flash.bytes - rescue.address - kReadBehind;
+    return {table.bootloader[0], table.bootloader[1], rescue};
+}
 
 std::uint32_t RoomIn(const RawFlash &flash, const Slot &slot) {
     if (flash.medium == Medium::nand) return slot.capacity - BadBlocksIn(flash, slot) * flash.unit;

@@ -8,6 +8,7 @@
 #include "formats/refusal.h"
 #include "formats/slots.h"
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -28,7 +29,15 @@ struct RawFlash {
     // Writes from a byte address on, as the bootloader would: a NAND block is erased first and bad blocks are skipped;
     // on a DataFlash the rest of a page stays. `bytes` fits.
     std::function<void(std::uint32_t address, std::span<const std::uint8_t> bytes)> write;
+
+    bool is_bad(std::uint32_t block) const;
 };
+
+// The NAND block that holds the version record and nothing else.
+inline constexpr std::uint32_t kRecordBlock = 1;
+
+// Bootloader 0, bootloader 1 and rescue, the last as long as this chip lets it be.
+std::array<Slot, 3> SlotsOn(const RawFlash &flash);
 
 // The largest image that stays inside a slot: less than its capacity where blocks are bad or the chip ends before.
 std::uint32_t RoomIn(const RawFlash &flash, const Slot &slot);

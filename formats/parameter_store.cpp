@@ -1,9 +1,10 @@
 #include "formats/parameter_store.h"
 
+#include "formats/refusal.h"
+
 #include <algorithm>
 #include <charconv>
 #include <fmt/format.h>
-#include <stdexcept>
 
 namespace fixture {
 
@@ -43,6 +44,10 @@ unsigned ChecksumOf(const std::vector<std::uint8_t> &image) {
     return (0x10000 - sum) & 0xFFFF;
 }
 
+Refusal Refused(const std::string &found, const std::string &expected) {
+    return Refusal("parameter store", found, expected, "no-room");
+}
+
 bool EndsSearch(const StoredParameter &parameter) { return parameter.identifier == kSearchEnd; }
 
 void Warn(std::string &warning, const std::string &text) { warning += (warning.empty() ? "" : "; ") + text; }
@@ -63,7 +68,7 @@ std::vector<StoredParameter> Records(const std::vector<std::uint8_t> &image, std
         Warn(warning,
              fmt::format("no end marker where the records end, at byte {}: the bootloader cannot change it", at));
     if (std::any_of(parameters.begin(), parameters.end(), EndsSearch))
-        Warn(warning, "the bootloader finds neither parameter 0xFF nor those behind it");
+        Warn(warning, "the bootloader finds neither parameter 0xFF nor those after it");
     return parameters;
 }
 
@@ -191,15 +196,15 @@ std::vector<std::uint8_t> MakeStoreImage(unsigned word, const std::vector<Stored
     std::vector<std::uint8_t> image(kHeaderSize);
     for (const StoredParameter &parameter : parameters) {
         if (parameter.identifier >= kEndIdentifier || parameter.data.size() > kLongestData)
-            throw std::invalid_argument(fmt::format("parameter 0x{:X} of {} bytes: up to 0xFFE and 15 bytes",
-                                                    parameter.identifier, parameter.data.size()));
+            throw Refused(fmt::format("parameter 0x{:X} of {} bytes", parameter.identifier, parameter.data.size()),
+                          "up to 0xFFE, and 15 bytes");
         image.resize(image.size() + 2);
         Put16(image, image.size() - 2, parameter.identifier << 4 | static_cast<unsigned>(parameter.data.size()));
         image.insert(image.end(), parameter.data.begin(), parameter.data.end());
     }
     image.insert(image.end(), {0xFF, 0xFF});
     if (image.size() > kLongestImage)
-        throw std::invalid_argument(fmt::format("image of {} bytes, at most {}", image.size(), kLongestImage));
+        throw Refused(fmt::format("an image of {} bytes", image.size()), fmt::format("at most {}", kLongestImage));
     Put16(image, 0, word);
     Put16(image, 2, static_cast<unsigned>(image.size()));
     Put16(image, 4, ChecksumOf(image));
@@ -215,8 +220,7 @@ void UpdateStore(EepromBytes &chip, const std::vector<StoredParameter> &changes)
     const StoreReport before = ReadStore(chip);
     const bool blank = before.sectors[0].empty() && before.sectors[1].empty();
     if (!before.current && !blank)
-        throw std::runtime_error(
-            fmt::format("neither sector is good ({}): fill the chip with FF to begin afresh", before.why));
+        throw Refused(fmt::format("neither sector is good: {}", before.why), "a good one, or a chip filled with FF");
     std::vector<StoredParameter> parameters;
     if (before.current) parameters = before.sectors[*before.current].parameters;
     for (const StoredParameter &change : changes) Apply(parameters, change);
@@ -226,10 +230,9 @@ void UpdateStore(EepromBytes &chip, const std::vector<StoredParameter> &changes)
     const unsigned word = worded ? before.sectors[*before.current].word : 1;
     const std::vector<std::uint8_t> image = MakeStoreImage(word, parameters);
     if (image.size() > kLongestSafeImage)
-        throw std::runtime_error(fmt::format(
-            "the image would have {} bytes, {} are safe: the store's address form (block number not shifted) "
-            "puts those behind over the sector's own start",
-            image.size(), kLongestSafeImage));
+        throw Refused(fmt::format("the image would have {} bytes, and those from {} on lie over the sector's own start",
+                                  image.size(), kLongestSafeImage),
+                      fmt::format("at most {}", kLongestSafeImage));
     const int target = before.current ? 1 - *before.current : 0;
     PlaceStoreImage(chip, target, image);
     PlaceStoreImage(chip, 1 - target, std::vector<std::uint8_t>(kHeaderSize, 0xFF));

@@ -67,14 +67,14 @@ std::array<std::uint32_t, 4> NetworkOf(const EepromBytes &chip);
 std::string AddressText(std::uint32_t address);
 std::optional<std::uint32_t> ParseAddress(std::string_view text);
 
-// An image with its checksum. Throws std::invalid_argument for what no image can hold.
+// An image with its checksum. Throws Refusal for what no image can hold.
 std::vector<std::uint8_t> MakeStoreImage(unsigned word, const std::vector<StoredParameter> &parameters);
 // Writes an image where the bootloader reads it. `image` has at most 1,000 bytes.
 void PlaceStoreImage(EepromBytes &chip, int sector, const std::vector<std::uint8_t> &image);
 
-// Sets parameters, each in its place or behind the others, and writes as a commit does: into the sector that is not
+// Sets parameters, each in its place or after the others, and writes as a commit does: into the sector that is not
 // current, whose header is then cleaned. A chip with two empty sectors gets sector 0 with word 1. Throws
-// std::runtime_error, with the chip unchanged, if there is no room, if the image would be longer than 256 bytes, or if
+// Refusal, with the chip unchanged, if there is no room, if the image would be longer than 256 bytes, or if
 // there is something in the sectors but nothing good.
 void UpdateStore(EepromBytes &chip, const std::vector<StoredParameter> &changes);
 

@@ -14,6 +14,7 @@ namespace fixture {
 
 namespace {
 
+// Room enough for any panel. A header of a few bytes may claim pixels for all of this machine's memory.
 constexpr unsigned kLargest = 4096;
 constexpr std::uintmax_t kLargestFile = 256u << 20;
 
@@ -35,6 +36,7 @@ Picture ReadPng(const std::filesystem::path &file) {
                       fmt::format("at most {} x {}", kLargest, kLargest), "too-large");
     image.format = PNG_FORMAT_RGB;
     Picture picture(image.width, image.height);
+    // What a transparent picture is laid on: a cleared panel is black.
     const png_color black{0, 0, 0};
     if (!png_image_finish_read(&image, &black, picture.pixels.data(), 0, nullptr)) RefusePng(file);
     return picture;
@@ -91,6 +93,7 @@ Indexed ToIndexed(const Picture &picture) {
     std::vector<Colour> colours = picture.pixels;
     std::sort(colours.begin(), colours.end());
     colours.erase(std::unique(colours.begin(), colours.end()), colours.end());
+    // The panel shows so many only in a photograph; a boot's frames keep their exact colours.
     if (colours.size() > 256) return Quantized(picture);
     Indexed indexed;
     for (const Colour &pixel : picture.pixels) {
@@ -98,6 +101,7 @@ Indexed ToIndexed(const Picture &picture) {
         indexed.pixels.push_back(static_cast<GifByteType>(place - colours.begin()));
     }
     for (const Colour &colour : colours) indexed.palette.push_back({colour.red, colour.green, colour.blue});
+    // The format counts a palette in bits, so its length is a power of two, and at least two.
     std::size_t size = 2;
     while (size < indexed.palette.size()) size *= 2;
     indexed.palette.resize(size);
@@ -105,6 +109,7 @@ Indexed ToIndexed(const Picture &picture) {
 }
 
 void PutFrame(GifFileType *gif, const GifFrame &frame) {
+    // Every frame is whole, so nothing of the one before has to be taken away.
     const GraphicsControlBlock control{DISPOSE_DO_NOT, false, static_cast<int>(frame.centiseconds),
                                        NO_TRANSPARENT_COLOR};
     std::array<GifByteType, 4> extension{};
@@ -151,12 +156,14 @@ Bytes GifOf(std::span<const GifFrame> frames) {
     int error = 0;
     std::unique_ptr<GifFileType, CloseGif> gif(EGifOpen(&bytes, Append, &error));
     if (!gif) CheckGif(GIF_ERROR, nullptr);
+    // Without it the older form is written, which has no times for frames.
     EGifSetGifVersion(gif.get(), true);
     const Picture &first = frames.front().picture;
     CheckGif(EGifPutScreenDesc(gif.get(), static_cast<int>(first.width), static_cast<int>(first.height), 8, 0, nullptr),
              gif.get());
     PutLoop(gif.get());
     for (const GifFrame &frame : frames) PutFrame(gif.get(), frame);
+    // Closing writes the end of the file; before that `bytes` is not whole.
     gif.reset();
     return bytes;
 }

@@ -7,32 +7,17 @@ namespace fixture {
 
 namespace {
 
-constexpr std::uint32_t kReadBehind = 32; // a check reads so much after an image
-constexpr std::uint32_t kRecordBlock = 1;
-
-bool IsBad(const RawFlash &flash, std::uint32_t block) {
-    return std::find(flash.bad_blocks.begin(), flash.bad_blocks.end(), block) != flash.bad_blocks.end();
-}
-
 Refusal Refused(const RawFlash &flash, const char *place, const std::string &found, const std::string &expected) {
     return Refusal(fmt::format("{} of the {}", place, flash.part), found, expected);
 }
 
 // A write there would go on into block 2, where bootloader 0 begins.
 void RefuseBadRecordBlock(const RawFlash &flash) {
-    if (flash.medium == Medium::nand && IsBad(flash, kRecordBlock))
+    if (flash.medium == Medium::nand && flash.is_bad(kRecordBlock))
         throw Refused(flash, "version record", "block 1 is bad", "a good one: the next belongs to bootloader 0");
 }
 
 } // namespace
-
-std::array<Slot, 3> SlotsOn(const RawFlash &flash) {
-    const SlotTable &table = SlotsOf(flash.medium);
-    Slot rescue = table.rescue;
-    if (flash.medium == Medium::dataflash)
-        rescue.capacity = flash.bytes < rescue.address + kReadBehind ? 0 : flash.bytes - rescue.address - kReadBehind;
-    return {table.bootloader[0], table.bootloader[1], rescue};
-}
 
 void StoreInSlot(const RawFlash &flash, const Slot &slot, const Bytes &image) {
     const std::uint32_t room = RoomIn(flash, slot);

@@ -8,13 +8,9 @@
 
 #include "formats/flash_report.h"
 
-#include <array>
 #include <string>
 
 namespace fixture {
-
-// Bootloader 0, bootloader 1 and rescue, the last as long as this chip lets it be.
-std::array<Slot, 3> SlotsOn(const RawFlash &flash);
 
 void StoreInSlot(const RawFlash &flash, const Slot &slot, const Bytes &image);
 void EraseSlot(const RawFlash &flash, const Slot &slot);

@@ -8,6 +8,8 @@ namespace fixture {
 namespace {
 
 constexpr std::size_t kPixels = std::size_t{kSplashWidth} * kSplashHeight;
+// A run is a word and its pixels. The word's top bit tells literal pixels from one that repeats; the rest is the
+// count less one.
 constexpr unsigned kLiteral = 0x8000;
 
 void PutWord(Bytes &bytes, unsigned word) {
@@ -49,6 +51,7 @@ void EncodeRow(SplashStream &stream, Row row) {
     }
 }
 
+// The progress bar is drawn there, on black; anything else would show a seam around it.
 void RequireBlackFoot(Row pixels, const std::filesystem::path &file) {
     for (std::size_t i = std::size_t{kSplashFirstBlackRow} * kSplashWidth; i < kPixels; ++i)
         if (pixels[i] != 0)
@@ -59,6 +62,7 @@ void RequireBlackFoot(Row pixels, const std::filesystem::path &file) {
 
 } // namespace
 
+// Five bits a colour with blue on top, which is how this panel is wired.
 std::uint16_t SplashPixel(Colour colour) {
     return static_cast<std::uint16_t>(colour.blue >> 3 << 10 | colour.green >> 3 << 5 | colour.red >> 3);
 }
@@ -66,6 +70,7 @@ std::uint16_t SplashPixel(Colour colour) {
 Colour SplashColour(std::uint16_t pixel) {
     const auto field = [&](unsigned shift) {
         const unsigned value = pixel >> shift & 31u;
+        // The top bits again at the bottom, so that 31 becomes 255 and white stays white.
         return static_cast<std::uint8_t>(value << 3 | value >> 2);
     };
     return {field(0), field(5), field(10)};
@@ -80,6 +85,7 @@ SplashStream EncodeSplash(const Picture &picture, const std::filesystem::path &f
     RequireBlackFoot(pixels, file);
 
     SplashStream stream;
+    // Row by row: a run never goes on into the next row, so a decoder may stop at any of them.
     for (unsigned row = 0; row < kSplashHeight; ++row)
         EncodeRow(stream, Row(pixels).subspan(std::size_t{row} * kSplashWidth, kSplashWidth));
     if (stream.bytes.size() > kSplashArrayBytes)
@@ -102,6 +108,7 @@ Picture DecodeSplash(std::span<const std::uint8_t> stream, const std::filesystem
         const unsigned header = next_word();
         const bool literal = header & kLiteral;
         const std::size_t count = (header & 0x7FFFu) + 1;
+        // The array is source that people may edit, so its runs are checked like any file's.
         if (count > kPixels - done)
             throw Refusal(file, fmt::format("the run at byte {} has {} pixels", start, count),
                           fmt::format("at most the {} left", kPixels - done));

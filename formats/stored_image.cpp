@@ -11,9 +11,11 @@ namespace fixture {
 namespace {
 
 constexpr std::uintmax_t kLargestInput = 64u << 20; // an ELF file may carry much that is never loaded
+// The maker text takes the header's first 20 bytes with its terminator, then come size and sums, four bytes each.
 constexpr std::size_t kSizeOffset = 20;
 static_assert(sizeof kMakerText == kSizeOffset);
 
+// Byte by byte: an image may lie at any address of a file, and this machine may be of either byte order.
 std::uint32_t Little32(const std::uint8_t *bytes) {
     return bytes[0] | static_cast<std::uint32_t>(bytes[1]) << 8 | static_cast<std::uint32_t>(bytes[2]) << 16 |
            static_cast<std::uint32_t>(bytes[3]) << 24;
@@ -31,6 +33,7 @@ std::string MakerOf(std::span<const std::uint8_t> file) {
     return fmt::format("\"{}\"{}", text, end == field.end() ? " (no terminator)" : "");
 }
 
+// Parts without bytes in the file (zeroed memory) may lie below the image, so they do not count.
 std::uint32_t LowestAddress(const ElfImage &elf) {
     std::uint32_t lowest = 0xFFFFFFFF;
     for (const ElfSegment &segment : elf.segments())
@@ -38,6 +41,7 @@ std::uint32_t LowestAddress(const ElfImage &elf) {
     return lowest;
 }
 
+// The load buffer bounds it as well as the file: a longer image could be read but never checked on the board.
 ImageField SizeField(const StoredImage &image, std::size_t file_size) {
     ImageField field{"size", fmt::format("{} (0x{:08X})", image.size, image.size), image.sized, ""};
     const std::size_t most = std::min<std::size_t>(file_size, kLargestStoredImage);
@@ -55,6 +59,7 @@ ImageField SumField(const char *name, std::uint32_t stored, std::uint32_t comput
     return {name, fmt::format("0x{:08X}", stored), valid, valid ? "" : expected};
 }
 
+// By the tables alone. What bad blocks and a smaller chip leave of a slot is for WarningsOfBootloader to say.
 std::vector<SlotFit> FitSlots(std::uint32_t size) {
     std::vector<SlotFit> fits;
     for (const Medium medium : {Medium::nand, Medium::dataflash}) {
@@ -72,6 +77,8 @@ const char *NameOf(ImageVerdict verdict) {
     return kNames[static_cast<unsigned>(verdict)];
 }
 
+// The second sum adds up the first, so bytes that change places are noticed, which a plain sum would miss. Plainly
+// written on purpose: the bootloader's faster form (src/Sums) is held against this one.
 ImageSums SumsOf(std::span<const std::uint8_t> body) {
     ImageSums sums;
     for (const std::uint8_t byte : body) {
@@ -83,6 +90,7 @@ ImageSums SumsOf(std::span<const std::uint8_t> body) {
 
 ImageVerdict StoredImage::verdict() const {
     if (erased) return ImageVerdict::erased;
+    // Before the maker: of 31 bytes nobody can say more.
     if (!whole_header) return ImageVerdict::bad_size;
     if (!maker) return ImageVerdict::no_maker;
     if (!sized) return ImageVerdict::bad_size;
@@ -99,13 +107,16 @@ StoredImage JudgeImage(std::span<const std::uint8_t> bytes, std::uint32_t capaci
     if (!image.whole_header) return image;
     image.size = Little32(&header[kSizeOffset]);
     image.stored = {Little32(&header[kSizeOffset + 4]), Little32(&header[kSizeOffset + 8])};
+    // Bounded by three things before a byte of the body is looked at: the size is whatever a damaged page made of it.
     image.sized = image.size >= kImageHeaderBytes && image.size <= capacity && image.size <= bytes.size();
     if (!image.sized) return image;
+    // Only now: up to here `bytes` of the report is the header alone, which is all that is known to belong to it.
     image.bytes.assign(bytes.begin(), bytes.begin() + image.size);
     image.computed = SumsOf(bytes.subspan(kImageHeaderBytes, image.size - kImageHeaderBytes));
     return image;
 }
 
+// The whole text with its terminator, as both the first stage and the bootloader compare it.
 bool HasMaker(std::span<const std::uint8_t> bytes) {
     return bytes.size() >= sizeof kMakerText && std::equal(std::begin(kMakerText), std::end(kMakerText), bytes.begin());
 }
@@ -124,6 +135,7 @@ Bytes Wrap(std::span<const std::uint8_t> body) {
 FlatImage ReadFlatImage(const std::filesystem::path &file) {
     FlatImage image{ReadFile(file, kLargestInput), {}};
     if (!IsElf(image.bytes)) return image;
+    // Kept beside the bytes: symbols and entry are of use after the image itself has been flattened.
     image.elf = ElfImage::read(image.bytes, file);
     image.bytes = image.elf->flat();
     return image;
@@ -131,6 +143,8 @@ FlatImage ReadFlatImage(const std::filesystem::path &file) {
 
 Bytes ReadStartedImage(const std::filesystem::path &file) {
     FlatImage image = ReadFlatImage(file);
+    // The first stage jumps to the first byte after the header. An ELF that starts elsewhere would run something else
+    // first, and no flat file says so.
     if (image.elf && !image.bytes.empty())
         if (const std::uint32_t first = LowestAddress(*image.elf); image.elf->entry() != first)
             throw Refusal(file, fmt::format("entry at 0x{:08X}", image.elf->entry()),
@@ -154,6 +168,7 @@ Bytes WrapBody(const std::filesystem::path &file, const Bytes &body) {
 
 Bytes WrapFile(const std::filesystem::path &file) {
     const Bytes body = ReadStartedImage(file);
+    // A second header would be started as code.
     if (HasMaker(body))
         throw Refusal(file, "carries a stored image header already", "an image without one", "wrapped-already");
     return WrapBody(file, body);
@@ -164,6 +179,7 @@ Bytes ReadStoredImage(const std::filesystem::path &file) {
     if (!HasMaker(content)) return WrapBody(file, content);
     const ImageReport report = ExamineImage(content);
     if (!report.good()) throw Refusal(file, "not a good stored image: " + report.problem(), "", "bad-image");
+    // What follows the image in the file is covered by no sum and would only be written for nothing.
     content.resize(report.image.size);
     return content;
 }

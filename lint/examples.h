@@ -61,7 +61,7 @@ extern std::ostream &stream;
 extern std::filesystem::path directory;
 extern Bytes manifest;
 extern Bytes contents;
-extern const UpdateState state;
+extern const BoardState state;
 extern const std::filesystem::path file;
 extern std::string_view text;
 extern const Slot &slot;

@@ -1,6 +1,7 @@
 #include "machine/debugger.h"
 
 #include "formats/file.h"
+#include "formats/refusal.h"
 #include "machine/raw_flash.h"
 
 #include <algorithm>
@@ -70,7 +71,8 @@ int Listen(std::uint16_t port) {
         return listener;
     const int error = errno;
     if (listener >= 0) close(listener);
-    throw std::runtime_error(fmt::format("port {}: {}", port, std::strerror(error)));
+    throw Refusal(Fault::output,
+                  {"port-taken", fmt::format("port {}", port), std::strerror(error), "one that is free"});
 }
 
 std::uint16_t PortOf(int listener) {

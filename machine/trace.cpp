@@ -1,11 +1,10 @@
 #include "machine/trace.h"
 
+#include "formats/refusal.h"
+
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <fmt/format.h>
 #include <iterator>
-#include <stdexcept>
 
 namespace fixture {
 
@@ -22,15 +21,6 @@ bool Matches(const std::string &name, const std::string &wanted) {
 
 bool MatchesAny(const std::string &name, const std::vector<std::string> &wanted) {
     return std::any_of(wanted.begin(), wanted.end(), [&](const std::string &one) { return Matches(name, one); });
-}
-
-int LeaveOpen(std::FILE *file) { return std::fflush(file); }
-
-std::unique_ptr<std::FILE, int (*)(std::FILE *)> Open(const std::string &file) {
-    if (file == "-") return {stdout, LeaveOpen};
-    std::unique_ptr<std::FILE, int (*)(std::FILE *)> opened(std::fopen(file.c_str(), "w"), std::fclose);
-    if (!opened) throw std::runtime_error(fmt::format("{}: {}", file, std::strerror(errno)));
-    return opened;
 }
 
 } // namespace
@@ -53,7 +43,8 @@ std::set<EventKind> EventKinds(const std::string &list) {
         if (found == std::end(kKinds)) {
             std::string names;
             for (const EventKind kind : kKinds) names += fmt::format(" {}", NameOf(kind));
-            throw std::invalid_argument(fmt::format("no kind of event '{}'; there are:{}", word, names));
+            throw Refusal(Fault::call, {"wrong-call", "--trace-kind", fmt::format("no kind of event \"{}\"", word),
+                                        "one of" + names});
         }
         kinds.insert(*found);
     }
@@ -74,12 +65,11 @@ std::string TraceLine(const Event &event) {
     return line + "\n";
 }
 
-Trace::Trace(const std::string &file, TraceFilter filter, std::size_t last)
-    : filter_(std::move(filter)), last_(last), ring_(last), file_(Open(file)) {}
+Trace::Trace(std::ostream &out, TraceFilter filter, std::size_t last)
+    : filter_(std::move(filter)), last_(last), ring_(last), out_(out) {}
 
 Trace::~Trace() {
     for (const Event &event : ring_.in_order()) print(event);
-    std::fwrite(buffer_.data(), 1, buffer_.size(), file_.get());
 }
 
 void Trace::add(const Event &event) {
@@ -88,12 +78,6 @@ void Trace::add(const Event &event) {
     print(event);
 }
 
-void Trace::print(const Event &event) {
-    constexpr std::size_t kPiece = 1 << 16;
-    buffer_ += TraceLine(event);
-    if (buffer_.size() < kPiece) return;
-    std::fwrite(buffer_.data(), 1, buffer_.size(), file_.get());
-    buffer_.clear();
-}
+void Trace::print(const Event &event) { out_ << TraceLine(event); }
 
 } // namespace fixture

@@ -7,9 +7,8 @@
 
 #include "machine/events.h"
 
-#include <cstdio>
 #include <functional>
-#include <memory>
+#include <ostream>
 #include <set>
 #include <string>
 #include <vector>
@@ -27,7 +26,7 @@ struct TraceFilter {
     bool passes(const Event &event) const;
 };
 
-// A list of words between commas. Throws std::invalid_argument, with the kinds there are, for one that there is not.
+// A list of words between commas. Throws Refusal, with the kinds there are, for one that there is not.
 std::set<EventKind> EventKinds(const std::string &list);
 std::vector<std::string> Words(const std::string &list);
 
@@ -36,9 +35,8 @@ std::string TraceLine(const Event &event);
 
 class Trace {
 public:
-    // `file`: "-" is standard output. `last`: only so many events, written when the trace goes; 0: all, at once. Throws
-    // std::runtime_error where the file cannot be written.
-    Trace(const std::string &file, TraceFilter filter, std::size_t last);
+    // `out` outlives the trace. `last`: only so many events, written when the trace goes; 0: all, as they come.
+    Trace(std::ostream &out, TraceFilter filter, std::size_t last);
     ~Trace();
     Trace(const Trace &) = delete;
     Trace &operator=(const Trace &) = delete;
@@ -52,8 +50,7 @@ private:
     TraceFilter filter_;
     std::size_t last_;
     EventRing ring_;
-    std::string buffer_;
-    std::unique_ptr<std::FILE, int (*)(std::FILE *)> file_;
+    std::ostream &out_;
 };
 
 } // namespace fixture

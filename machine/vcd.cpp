@@ -1,5 +1,7 @@
 #include "machine/vcd.h"
 
+#include "formats/refusal.h"
+
 #include <algorithm>
 #include <fmt/format.h>
 #include <iterator>
@@ -33,7 +35,7 @@ bool Matches(std::string_view name, std::string_view wanted) {
 [[noreturn]] void Refuse(std::string_view wanted) {
     std::string names;
     for (const VcdSignal &signal : kSignals) names += fmt::format(" {}", signal.name);
-    throw std::invalid_argument(fmt::format("no signal '{}'; there are:{}", wanted, names));
+    throw Refusal(Fault::call, {"wrong-call", "--vcd-signals", fmt::format("no signal \"{}\"", wanted), "of" + names});
 }
 
 } // namespace

@@ -269,8 +269,8 @@ Part ReadPart(const std::filesystem::path &file) {
         if (part.shard.number < 1 || part.shard.number > part.shard.of)
             throw Refusal(file, NameOf(part.shard), "a number from 1 to that of all parts");
         return part;
-    } catch (const json::exception &error) {
-        throw Refusal(file, error.what(), "a part of a campaign");
+    } catch (const json::exception &) {
+        throw Refusal(file, "no JSON, or of another form", "a part of a campaign");
     }
 }
 

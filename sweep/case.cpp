@@ -467,8 +467,8 @@ Chips Sweeper::cut(const std::vector<Cut> &path, std::uint64_t seed) {
                                       [&](PowerSupply &supply) { supply.plan(PlanOf(cuts, seed)); });
         // A case that cuts nothing would pass for ever.
         if (!last.fired || last.report.verdict != Verdict::power_lost)
-            throw std::runtime_error(
-                fmt::format("the cut at {} does not come: {} operations", NameOf(path[n]), last.operations));
+            throw Refusal(Fault::call, {"no-such-case", "the cut at " + NameOf(path[n]), "does not come",
+                                        fmt::format("one of {} operations", last.operations)});
     }
     return chips;
 }

@@ -93,10 +93,13 @@ std::string SweepJson(const SweepPlan &plan, const SweepResult &result) {
                       {"sample", plan.sample},
                       {"seed", plan.seed},
                       {"processor_seconds", result.all.processor_seconds},
-                      {"scenarios", ordered_json::object()},
+                      {"scenarios", ordered_json::array()},
                       {"all", row(result.all)}};
-    for (std::size_t n = 0; n < plan.scenarios.size(); ++n)
-        json["scenarios"][plan.scenarios[n].name] = row(result.scenarios[n]);
+    for (std::size_t n = 0; n < plan.scenarios.size(); ++n) {
+        ordered_json scenario{{"name", plan.scenarios[n].name}};
+        scenario.update(row(result.scenarios[n]));
+        json["scenarios"].push_back(std::move(scenario));
+    }
     return json.dump(2, ' ', true, nlohmann::json::error_handler_t::replace);
 }
 
@@ -183,12 +186,13 @@ std::string ClosureJson(const ClosurePlan &plan, const std::vector<ClosureTally>
                       {"near", plan.limits.near},
                       {"most_states", plan.limits.most_states},
                       {"seed", plan.limits.seed},
-                      {"variants", ordered_json::object()}};
+                      {"closures", ordered_json::array()}};
     for (std::size_t n = 0; n < units.size(); ++n) {
-        ordered_json row = ordered_json::parse(ToText(tallies.at(n)));
-        row["closed"] = tallies[n].closed();
-        row["medium"] = units[n].variant->setup.medium == Medium::nand ? "nand" : "dataflash";
-        json["variants"][NameOf(plan, units[n])] = row;
+        ordered_json row{{"name", NameOf(plan, units[n])},
+                         {"medium", NameOf(units[n].variant->setup.medium)},
+                         {"closed", tallies[n].closed()}};
+        row.update(ordered_json::parse(ToText(tallies[n])));
+        json["closures"].push_back(std::move(row));
     }
     return json.dump(2);
 }

@@ -286,6 +286,8 @@ std::vector<Variant> Holes() {
          {.medium = Medium::dataflash, .slots = {running, erased}, .running_bytes = flash_slot.capacity},
          {kSharedPage},
          kSample},
+        {"banks-fight-nand", {.banks_fight = true}, {kTwoBanksFight}, kSample},
+        {"banks-fight-dataflash", {.medium = Medium::dataflash, .banks_fight = true}, {kTwoBanksFight}, kSample},
     };
     // In these the update itself runs into its neighbours: that is the hole, not a finding.
     for (Variant &variant : holes) variant.setup.watches_slots = false;
@@ -317,6 +319,7 @@ bool HoleTakes(std::string_view hole, Outcome outcome) {
         {kEqualSum, {Outcome::wrong_parameters}},
         {kFailingNand, {Outcome::no_bootloader}},
         {kOtherVersion, {Outcome::reset_loop}},
+        {kTwoBanksFight, {Outcome::reset_loop}},
     };
     for (const auto &[name, outcomes] : kHoles)
         if (name == hole) return std::find(outcomes.begin(), outcomes.end(), outcome) != outcomes.end();
@@ -346,7 +349,7 @@ std::vector<Scenario> AllScenarios(const SweepFirmware &firmware) {
         {"dataflash-edge", "bootloaders that end at an edge on DataFlash", BootloaderEdges(flash)},
         {"nand-rescue-edge", "rescue images that end at an edge on NAND", RescueEdges(nand)},
         {"dataflash-rescue-edge", "rescue images that end at an edge on DataFlash", RescueEdges(flash)},
-        {"holes", "where the layout of the flash leaves a hole", Holes()},
+        {"holes", "where the layout of the flash, or the rule of updates, leaves a hole", Holes()},
         {"hostile", "hostile boards: random chips, files and faults", HostileBoards(kHostileBoards)},
     };
 }
@@ -358,11 +361,12 @@ std::vector<Scenario> FindScenarios(const std::vector<std::string> &names, const
         const std::string scenario = name.substr(0, name.find('/'));
         const auto has_name = [&](const Scenario &s) { return s.name == scenario; };
         const auto row = std::find_if(all.begin(), all.end(), has_name);
-        if (row == all.end()) throw std::runtime_error(fmt::format("no scenario \"{}\"; see sweep --list", scenario));
+        if (row == all.end())
+            throw Refusal(Fault::call, {"no-such-case", scenario, "no scenario", "one of sweep --list"});
         std::vector<Variant> variants = row->variants;
         if (scenario != name)
             std::erase_if(variants, [&](const Variant &v) { return v.label != name.substr(scenario.size() + 1); });
-        if (variants.empty()) throw std::runtime_error(fmt::format("no variant \"{}\"; see sweep --list", name));
+        if (variants.empty()) throw Refusal(Fault::call, {"no-such-case", name, "no variant", "one of sweep --list"});
         const auto before = std::find_if(found.begin(), found.end(), has_name);
         if (before == found.end())
             found.push_back({row->name, row->summary, variants});

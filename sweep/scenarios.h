@@ -19,6 +19,11 @@ inline constexpr const char *kFitsOneSlot = "an image that fits DataFlash slot 1
 inline constexpr const char *kNoMark = "a rescue block so worn that it cannot even be marked bad";
 inline constexpr const char *kEqualSum = "a torn commit whose old and new parameters happen to share a checksum";
 
+// The rule that each start follows the first bank that differs from it closes this circle: no start gets as far as the
+// good application. `fixture bank check` names it before a volume is shipped.
+inline constexpr const char *kTwoBanksFight =
+    "two banks that replace each other's bootloader: the board never launches, and each reset wears both slots";
+
 // Whether an outcome is what a hole is known for. Any other one is a finding there too.
 bool HoleTakes(std::string_view hole, Outcome outcome);
 
@@ -41,7 +46,7 @@ struct Scenario {
 std::vector<Scenario> AllScenarios(const SweepFirmware &firmware);
 // The variants of the scenario "hostile", by seeds from 1: as many as are wanted. All scenarios have 500 of them.
 std::vector<Variant> HostileBoards(unsigned count);
-// The scenarios whose names, or "scenario/variant", are given. Throws std::runtime_error for an unknown name.
+// The scenarios whose names, or "scenario/variant", are given. Throws Refusal for an unknown name.
 std::vector<Scenario> FindScenarios(const std::vector<std::string> &names, const SweepFirmware &firmware);
 // What the cases of a variant start from. What the datasheets leave open is drawn from the variant's name and the seed:
 // noise in memory, reserved status bits, and whether the chips take their typical or their maximum times.

@@ -65,14 +65,11 @@ Bytes SlotBytes(SlotState state, const Bytes &running, const Bytes &updated) {
     return bytes;
 }
 
-std::shared_ptr<const fs::path> VolumeWith(const std::vector<BankFile> &files) {
-    std::shared_ptr<const fs::path> volume = TemporaryVolume();
-    const fs::path bank = *volume / "data" / "app";
+void WriteBank(const fs::path &bank, const std::vector<BankFile> &files) {
     fs::create_directories(bank / kFileDirectory);
     for (const BankFile &file : files) WriteFile(bank / file.path(), file.bytes);
     WriteFile(bank / kDescriptorName, MakeDescriptor(files));
     WriteFile(bank / kManifestName, MakeManifest(files));
-    return volume;
 }
 
 std::vector<StoredParameter> Parameters(std::span<const std::uint32_t> network, const std::vector<std::uint8_t> &more) {
@@ -118,7 +115,7 @@ public:
         if (setup_.part) world.chips.dataflash = At45Contents(*FindAt45Part(setup_.part));
         world.board.straps.pins_12_13 = setup_.medium == Medium::nand;
         make_chips(world.chips);
-        world.volume = VolumeWith(bank());
+        world.volume = volume();
         world.may_stay = setup_.fate == Fate::may_fail;
         world.commits = setup_.parameters.commits;
         world.more = setup_.parameters.more;
@@ -159,6 +156,21 @@ private:
         Bytes bytes(version.begin(), version.end());
         bytes.resize(16, 0);
         return bytes;
+    }
+
+    std::shared_ptr<const fs::path> volume() const {
+        std::shared_ptr<const fs::path> volume = TemporaryVolume();
+        std::vector<BankFile> files = bank();
+        const fs::path app = *volume / "data" / "app";
+        WriteBank(app, files);
+        if (!setup_.banks_fight) return volume;
+        Bytes broken = application_;
+        broken.back() ^= 1; // after the manifest was made, so the bank's check of it fails
+        WriteFile(app / files.at(0).path(), broken);
+        files.at(1).version = "1.9.0";
+        files.at(1).bytes = running_;
+        WriteBank(*volume / "data" / "oldapp", files);
+        return volume;
     }
 
     std::vector<BankFile> bank() const {
@@ -232,12 +244,14 @@ SweepFirmware::SweepFirmware(const fs::path &directory) : known(directory) {
 const Firmware &SweepFirmware::version(int build) const {
     for (const Firmware &firmware : known.all())
         if (firmware.version.build == std::to_string(build)) return firmware;
-    throw std::runtime_error(fmt::format("no build 1.9.{} of the bootloader; run make firmware", build));
+    throw Refusal(Fault::unreadable,
+                  {"missing", fmt::format("build 1.9.{} of the bootloader", build), "not there", "run make firmware"});
 }
 
 std::shared_ptr<const fs::path> TemporaryVolume() {
     std::string name = (fs::temp_directory_path() / "fixture-sweep-XXXXXX").string();
-    if (!mkdtemp(name.data())) throw std::runtime_error(name + ": cannot be made");
+    if (!mkdtemp(name.data()))
+        throw Refusal(Fault::output, {"unwritable", name, "cannot be made", "a directory for temporary files"});
     // Shared by the copies of a world; the last one takes the directory away.
     return {new fs::path(name), [](const fs::path *path) {
                 std::error_code error;

@@ -63,6 +63,7 @@ struct Situation {
     bool new_rescue = false;
     std::uint32_t rescue_bytes = 150'000; // of the rescue images, header and all
     bool damaged = false;                 // the bank's images have sums that do not fit
+    bool banks_fight = false; // data/app has the update with a broken application, data/oldapp the running bootloader
     ParameterSetup parameters = {};
     std::vector<std::uint32_t> bad_blocks = {}; // from the factory
     std::vector<NandFault> nand_faults = {};

@@ -8,6 +8,8 @@
 #include "machine/raw_flash.h"
 #include "tools/call_report.h"
 #include "tools/chip_files.h"
+#include "tools/option_checks.h"
+#include "tools/prediction_text.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -20,6 +22,8 @@ namespace fs = std::filesystem;
 using nlohmann::ordered_json;
 
 namespace {
+
+constexpr const char *kUsualVersion = "1.9.0";
 
 struct BuildCall {
     std::string out;
@@ -35,7 +39,7 @@ struct BuildCall {
 struct CheckCall {
     std::string directory;
     std::string as;
-    std::string running = "1.9.0";
+    std::string running; // empty: kUsualVersion
     ChipFiles chips;
     WarningOptions judging;
     bool json = false;
@@ -59,18 +63,29 @@ public:
     NamedBoard &operator=(const NamedBoard &) = delete;
 
     const BoardView &view() const { return view_; }
-    // One chip that is named says more than the usual slots.
-    UpdateState state(const ChipFiles &chips, const std::string &running) const {
-        if (chips.named() && view_.chips.size() == 1) return StateOf(view_.chips.front(), running);
-        UpdateState state;
-        state.running = running;
-        return state;
+    // A board that boots from the chip that is named; of two, or none, from NAND. A chip without a bootloader gets one
+    // that calls itself `running`, and so does one that no known build stands for.
+    // The chip is a copy, which a prediction may change.
+    BoardState state(const ChipFiles &chips, const std::string &running) {
+        const bool nand = !chips.nand.empty() || chips.dataflash.empty();
+        BoardState board;
+        board.pins_12_13 = nand;
+        started_nand_ = nand_;
+        started_dataflash_ = dataflash_;
+        board.flash = nand ? RawFlashOf(started_nand_) : RawFlashOf(started_dataflash_);
+        const Bytes any_bootloader(64, 0xE1);
+        if (!ChooseBootloader(board.flash.read, SlotsOf(board.medium())))
+            StoreProvision(board.flash, {0, Wrap(any_bootloader), {}, ""});
+        board.version_of = [running](std::span<const std::uint8_t>) { return running; };
+        return board;
     }
 
 private:
     KnownFirmware known_;
     NandContents nand_;
     At45Contents dataflash_;
+    NandContents started_nand_;
+    At45Contents started_dataflash_{*FindAt45Part(kDefaultAt45)};
     BoardView view_;
 };
 
@@ -224,6 +239,9 @@ void PrintReport(const std::string &directory, const BankReport &bank) {
 }
 
 int CheckBank(const CheckCall &call, const NamedBoard &board) {
+    if (!call.running.empty())
+        throw Refusal(Fault::call,
+                      {"wrong-call", "--running", "has no effect on one bank", "the directory that holds data/"});
     const BankReport bank = ExamineBank(call.directory, BoardDirectory(call.directory, call.as), board.view());
     CallReport outcome("bank check", call.json);
     outcome.part = ToJson(bank);
@@ -242,32 +260,13 @@ Problems Within(const BankReport &bank, Problems problems) {
 
 void Append(Problems &to, const Problems &more) { to.insert(to.end(), more.begin(), more.end()); }
 
-ordered_json ToJson(const VolumeBoot &boot) {
-    ordered_json json{{"running", TextJson(boot.running)}, {"steps", ordered_json::array()}};
-    for (const BankSteps &steps : boot.steps)
-        json["steps"].push_back(
-            {{"rescue", NameOf(steps.rescue)}, {"bootloader", NameOf(steps.bootloader)}, {"end", NameOf(steps.end)}});
-    return json;
-}
-
-void PrintBoots(const VolumeReport &volume) {
-    fmt::print("\nStarts of the board\n");
-    for (std::size_t i = 0; i < volume.boots.size(); ++i) {
-        const VolumeBoot &boot = volume.boots[i];
-        fmt::print("  {}. {} runs:", i + 1, Escaped(boot.running));
-        for (std::size_t bank = 0; bank < boot.steps.size(); ++bank)
-            fmt::print("{} {} {}", bank == 0 ? "" : ";", volume.banks[bank].directory, NameOf(boot.steps[bank].end));
-        fmt::print("{}\n", !boot.launches && !boot.resets ? "; the rescue image is next" : "");
-    }
-    if (volume.boots.size() > 1) fmt::print("  and from start {} on again\n", volume.cycle_start + 1);
-}
-
-int CheckVolume(const CheckCall &call, const NamedBoard &board) {
-    const VolumeReport volume = ExamineVolume(call.directory, board.view(), board.state(call.chips, call.running));
+int CheckVolume(const CheckCall &call, NamedBoard &board) {
+    const std::string running = call.running.empty() ? kUsualVersion : call.running;
+    const VolumeReport volume = ExamineVolume(call.directory, board.view(), board.state(call.chips, running));
     CallReport outcome("bank check", call.json);
     outcome.problems = volume.problems;
     outcome.warnings = volume.warnings;
-    ordered_json banks = ordered_json::array(), boots = ordered_json::array();
+    ordered_json banks = ordered_json::array(), power_ups = ordered_json::array();
     for (const BankReport &bank : volume.banks) {
         Append(outcome.problems, Within(bank, bank.problems));
         Append(outcome.warnings, Within(bank, bank.warnings));
@@ -275,24 +274,26 @@ int CheckVolume(const CheckCall &call, const NamedBoard &board) {
         if (!call.json) PrintReport(call.directory, bank);
         if (!call.json) fmt::print("\n");
     }
-    for (const VolumeBoot &boot : volume.boots) boots.push_back(ToJson(boot));
+    for (const Prediction &told : volume.power_ups) power_ups.push_back(PredictionJson(told));
     outcome.part = {{"volume", TextJson(call.directory)},
                     {"good", volume.good()},
-                    {"launches", volume.launches},
+                    {"launches", volume.launches()},
                     {"banks", banks},
-                    {"boots", boots},
-                    {"repeats_from", volume.cycle_start}};
+                    {"power_ups", power_ups}};
     if (!call.json) {
         fmt::print("{} as a volume: {}\n", Printable(call.directory), volume.good() ? "good" : "BAD");
         for (const Problem &problem : volume.problems) fmt::print("  {} ({})\n", problem.text(), problem.id);
-        PrintBoots(volume);
+        for (std::size_t n = 0; n < volume.power_ups.size(); ++n) {
+            fmt::print("\n{}\n", n == 0 ? "What a board does with it" : "And at the next power-up");
+            PrintPrediction(volume.power_ups[n]);
+        }
     }
     return outcome.finish(outcome.judged(volume.good() ? kGood : kBad, call.judging));
 }
 
 // A volume holds data/ with the banks; a bank holds its descriptor.
 int Check(const CheckCall &call) {
-    const NamedBoard board(call.chips);
+    NamedBoard board(call.chips);
     std::error_code error;
     if (!fs::is_directory(fs::path(call.directory) / "data", error)) return CheckBank(call, board);
     if (!call.as.empty())
@@ -325,9 +326,9 @@ void AddCheck(CLI::App &bank, int &exit_status) {
         bank.add_subcommand("check", "Verify a bank, or a volume with its banks, and say what a board does with it");
     check->add_option("DIR", call->directory, "bank directory, or the volume that holds data/")->required();
     check->add_option("--as", call->as, "place on the board; by default the directory's own name, or else app")
-        ->check(CLI::IsMember({"app", "oldapp", "newapp"}));
-    check->add_option("--running", call->running, "version of the bootloader that the board runs, for a volume")
-        ->capture_default_str();
+        ->check(OneOf({"app", "oldapp", "newapp"}));
+    check->add_option("--running", call->running,
+                      "version of the bootloader that the board runs, for a volume [1.9.0]");
     call->chips.add_options(*check->add_option_group("Board", "chips to check against [blank]"));
     call->judging.add_options(*check);
     check->add_flag("--json", call->json, "one JSON object");

@@ -10,7 +10,7 @@
 #include "tools/call_report.h"
 #include "tools/chip_files.h"
 #include "tools/demo_board.h"
-#include "tools/numbers.h"
+#include "tools/option_checks.h"
 #include "tools/replay.h"
 #include "tools/terminal_preview.h"
 
@@ -28,6 +28,8 @@ namespace fixture {
 namespace fs = std::filesystem;
 
 namespace {
+
+constexpr const char *kUsualWiring = "bgr";
 
 struct BootCall {
     bool demo = false;
@@ -50,15 +52,12 @@ struct BootCall {
     std::string panel_gif;
     AnimationStyle gif_style;
     bool gif_captions = false;
-    std::string panel_wiring = "bgr";
+    std::string panel_wiring = kUsualWiring;
     bool preview = false;
     std::string replay;
     std::optional<unsigned> power_up;
     ObserveCall observe;
 };
-
-const std::map<std::string, Straps> kStraps = {
-    {"none", {}}, {"12-13", {true, false}}, {"14-18", {false, true}}, {"both", {true, true}}};
 
 const std::map<std::string, PanelWiring> kWirings = {
     {"bgr", PanelWiring::bgr}, {"rgb", PanelWiring::rgb}, {"rgb565", PanelWiring::rgb565}};
@@ -236,7 +235,7 @@ RunOptions OptionsOf(const BootCall &call, const KnownFirmware &known) {
     options.processor = call.host ? ProcessorKind::host : ProcessorKind::arm;
     options.known = &known;
     options.volume = call.volume;
-    options.board.straps = kStraps.at(call.straps);
+    options.board.straps = StrapsByName().at(call.straps);
     if (call.watchdog > 0)
         options.board.watchdog = static_cast<Picoseconds>(call.watchdog * static_cast<double>(kSecond));
     options.file_server_fails = call.fail == "file-server";
@@ -245,12 +244,6 @@ RunOptions OptionsOf(const BootCall &call, const KnownFirmware &known) {
     options.keep_going = call.observe.keep_going;
     options.sightings = true;
     return options;
-}
-
-void RequireDirectory(const std::string &directory) {
-    std::error_code error;
-    if (!directory.empty() && !fs::is_directory(directory, error))
-        throw Refusal(Fault::unreadable, {"missing", directory, "no such directory", ""});
 }
 
 int Report(const BootCall &call, const RunReport &report, const std::string &end, const std::string &hint,
@@ -277,11 +270,25 @@ std::unique_ptr<DemoBoard> UseDemoBoard(BootCall &call) {
     return board;
 }
 
+// Options that would do nothing in this call are refused: whoever gives one expects something of it.
+void CheckOptions(const BootCall &call) {
+    CheckObserveOptions(call.observe);
+    RequireInCall(!call.host || !call.observe.gdb_port, "--gdb", "needs the emulated processor",
+                  "no --host: there this machine's own debugger serves");
+    const bool chips = call.files.named() || !call.eeprom.empty();
+    RequireInCall(chips || !call.create, "--create", "has no effect without a chip file",
+                  "--nand, --dataflash or --eeprom");
+    RequireInCall(chips || !call.snapshot, "--snapshot", "has no effect without a chip file",
+                  "--nand, --dataflash or --eeprom");
+    const bool shown = call.observe.wants_frames() || call.preview || !call.panel.empty() || !call.panel_gif.empty() ||
+                       !call.panel_frames.empty();
+    RequireInCall(shown || call.panel_wiring == kUsualWiring, "--panel-wiring", "has no effect where no panel is shown",
+                  "--panel, --panel-gif, --panel-frames, --preview, --live or --report");
+}
+
 int Boot(BootCall call) {
     RequireDirectory(call.volume);
-    if (call.host && call.observe.gdb_port)
-        throw Refusal(Fault::call, {"wrong-call", "--gdb", "needs the emulated processor",
-                                    "no --host: there this machine's own debugger serves"});
+    CheckOptions(call);
     if (call.host) HandOverToSanitizedBuild();
     CallReport outcome("boot", call.json);
     const std::unique_ptr<DemoBoard> demo = UseDemoBoard(call);
@@ -305,7 +312,7 @@ int Boot(BootCall call) {
     Chips before = board.chips; // their pages are shared: nothing is copied until it changes
     Machine machine(board.chips, options);
 
-    BootObservers looking_on(call.observe, machine, call.json ? stderr : stdout);
+    BootObservers looking_on(call.observe, machine, call.json ? stderr : stdout, outputs);
     observers = &looking_on;
     std::optional<BoardVcd> vcd;
     if (vcd_file) vcd.emplace(vcd_file->stream(), call.vcd_signals, machine);
@@ -326,9 +333,9 @@ int Boot(BootCall call) {
     if (replay) outcome.part["outcome"] = NameOf(replay->judgement().outcome);
     const int status = Report(call, report, looking_on.describe_end(report),
                               replay ? ""
-                                     : HintOf({call.straps, call.volume, call.files.nand, call.files.dataflash,
-                                               call.host, foretold ? &*foretold : nullptr},
-                                              report, board.chips, known),
+                                     : HintOf({call.volume, call.files.nand, call.files.dataflash, call.host,
+                                               foretold ? &*foretold : nullptr},
+                                              report, machine.board(), board.chips, known),
                               outcome);
     if (replay && !call.json) fmt::print(stderr, "{}: {}\n", call.replay, NameOf(replay->judgement().outcome));
     return status;
@@ -343,32 +350,36 @@ void AddBootCommand(CLI::App &app, int &exit_status) {
         command->add_option("--firmware", call->firmware, "bootloader image (ELF or flat) in place of the built one");
     command->add_flag("--host", call->host, "run the bootloader on this machine's processor");
     CLI::Option *const volume =
-        command->add_option("--volume", call->volume, "directory that is volume vol0 of drive i");
+        command->add_option("--volume", call->volume, "directory that the board sees as i:/vol0");
     CLI::Option *const straps = command->add_option("--straps", call->straps, "boot straps fitted")
-                                    ->check(CLI::IsMember(kStraps))
+                                    ->check(OneOfKeys(StrapsByName()))
                                     ->capture_default_str();
     CLI::Option *const fail =
-        command->add_option("--fail", call->fail, "have something fail")->check(CLI::IsMember({"file-server"}));
-    CLI::Option *const watchdog =
-        command->add_option("--watchdog", call->watchdog, "arm the watchdog with this period in seconds")
-            ->check(Number(0.001, 1000));
-    command->add_option("--max-resets", call->most_resets, "resets before the run counts as a loop")
-        ->check(WholeNumber(1, 1'000'000))
-        ->capture_default_str();
+        command->add_option("--fail", call->fail, "make this part of the board fail")->check(OneOf({"file-server"}));
+    CLI::Option *const watchdog = command
+                                      ->add_option("--watchdog", call->watchdog,
+                                                   "period of the watchdog in seconds; the first stage arms it [off]")
+                                      ->check(Number(0.001, 1000));
+    CLI::Option *const resets =
+        command->add_option("--max-resets", call->most_resets, "number of resets after which the run counts as a loop")
+            ->check(WholeNumber(1, 1'000'000))
+            ->capture_default_str();
     CLI::Option *const demo =
         command->add_flag("--demo", call->demo, "a demo board, made for this run; the same as no option at all");
     for (CLI::Option *const option : {firmware, volume, straps}) demo->excludes(option);
     AddObserveOptions(*command, call->observe);
-    call->files.add_options(*command, "chip file, which keeps what the board writes", true);
-    command->add_option("--eeprom", call->eeprom, "parameter EEPROM's chip file");
+    call->files.add_options(*command, "chip file; it keeps what the board writes", true);
+    command->add_option("--eeprom", call->eeprom, "chip file of the parameter EEPROM");
     CLI::Option *const snapshot =
         command->add_flag("--snapshot", call->snapshot, "run on the chip files and leave them as they are");
     command->add_flag("--create", call->create, "make chip files that are missing")->excludes(snapshot);
     CLI::Option *const vcd =
-        command->add_option("--vcd", call->vcd, "write pins as a value change dump for logic-analyser programs");
-    command->add_option("--vcd-signals", call->vcd_signals, "which signals, by name, separated by commas [all]")
+        command->add_option("--vcd", call->vcd, "write the pins as a value change dump, for a logic-analyser program");
+    command
+        ->add_option("--vcd-signals", call->vcd_signals,
+                     "signals to write, by name, separated by commas; NAME* takes all that begin so [all]")
         ->needs(vcd);
-    command->add_option("--panel", call->panel, "write what the panel shows at the end as PNG");
+    command->add_option("--panel", call->panel, "write what the panel shows at the end, as PNG");
     command->add_option("--panel-frames", call->panel_frames, "write every different frame as PNG into this directory");
     CLI::Option *const gif =
         command->add_option("--panel-gif", call->panel_gif, "write the panel's boot as an animation that loops");
@@ -381,15 +392,15 @@ void AddBootCommand(CLI::App &app, int &exit_status) {
                    "put the time and the console's last line below each frame")
         ->needs(gif);
     command->add_option("--panel-wiring", call->panel_wiring, "how the panel's colours are connected")
-        ->check(CLI::IsMember(kWirings))
+        ->check(OneOfKeys(kWirings))
         ->capture_default_str();
-    command->add_flag("--preview", call->preview, "show the panel in the terminal, where it is one");
+    command->add_flag("--preview", call->preview, "show the panel in the terminal");
     CLI::Option *const replay = command->add_option(
         "--replay", call->replay,
         "a case of a sweep, by the name that the sweep gives it; its chips are kept in new files only");
-    for (CLI::Option *const option : {firmware, volume, straps, fail, watchdog, snapshot, demo})
+    for (CLI::Option *const option : {firmware, volume, straps, fail, watchdog, snapshot, resets, demo})
         replay->excludes(option);
-    command->add_option("--power-up", call->power_up, "which power-up of the case, from 0 [the first after its cuts]")
+    command->add_option("--power-up", call->power_up, "power-up of the case to run, from 0 [the first after its cuts]")
         ->check(WholeNumber(0, 1000))
         ->needs(replay);
     command->add_flag("--json", call->json, "verdict as one JSON object; the console goes to standard error");

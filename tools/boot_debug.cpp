@@ -1,11 +1,13 @@
 #include "tools/boot_debug.h"
 
 #include "formats/file.h"
+#include "tools/option_checks.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <fmt/format.h>
 #include <fstream>
+#include <iostream>
 #include <map>
 
 namespace fixture {
@@ -44,13 +46,15 @@ std::string ThisCall() {
 
 void AddObserveOptions(CLI::App &command, ObserveCall &call) {
     const char *const group = "Debugging";
-    command.add_flag("--keep-going", call.keep_going, "go on after a violation (default: it ends the run)")
+    command
+        .add_flag("--keep-going", call.keep_going,
+                  "go on after something that the datasheets forbid [the run ends there]")
         ->group(group);
     CLI::Option *const trace =
         command.add_option("--trace", call.trace, "write every event, a line each, to this file; - is standard output")
             ->group(group);
     command.add_option("--trace-last", call.trace_last, "only the last so many events")
-        ->check(CLI::Range(1, 10'000'000))
+        ->check(WholeNumber(1, 10'000'000))
         ->needs(trace)
         ->group(group);
     command.add_option("--trace-kind", call.kinds, "only: register,chip,violation,console,file,reset,stage,power")
@@ -63,11 +67,11 @@ void AddObserveOptions(CLI::App &command, ObserveCall &call) {
         ->needs(trace)
         ->group(group);
     command.add_option("--trace-from", call.from_ms, "only from this virtual time on, in milliseconds")
-        ->check(CLI::NonNegativeNumber)
+        ->check(Number(0, 1e9))
         ->needs(trace)
         ->group(group);
     command.add_option("--trace-until", call.until_ms, "only up to this virtual time, in milliseconds")
-        ->check(CLI::PositiveNumber)
+        ->check(Number(1e-9, 1e9))
         ->needs(trace)
         ->group(group);
     CLI::Option *const gdb =
@@ -75,9 +79,10 @@ void AddObserveOptions(CLI::App &command, ObserveCall &call) {
             .add_option("--gdb", call.gdb_port, "wait for GDB on this port of the loopback address [1234]; 0: any free")
             ->expected(0, 1)
             ->default_str("1234")
+            ->check(WholeNumber(0, 65535))
             ->group(group);
     command.add_option("--gdb-on", call.gdb_on, "run on and wait there: entry, violation, hang, fault or reset")
-        ->check(CLI::IsMember(kStops))
+        ->check(OneOfKeys(kStops))
         ->capture_default_str()
         ->needs(gdb)
         ->group(group);
@@ -87,10 +92,12 @@ void AddObserveOptions(CLI::App &command, ObserveCall &call) {
             "ELF of an application: its symbols serve a launched image with the same content; may be given again")
         ->group(group);
     command.add_option("--report", call.report, "write the run as one page of HTML: timeline, panel, flash, events");
-    command.add_option("--live", call.live, "show panel and console as they happen, so many times faster [1]")
+    command
+        .add_option("--live", call.live,
+                    "show panel and console while the board runs; 1 is real time, 10 is ten times as fast")
         ->expected(0, 1)
         ->default_str("1")
-        ->check(CLI::Range(0.001, 1e6));
+        ->check(Number(0.001, 1e6));
 }
 
 std::vector<Firmware> ProgramsWithSymbols(const ObserveCall &call) {
@@ -105,12 +112,18 @@ std::vector<Firmware> ProgramsWithSymbols(const ObserveCall &call) {
     return programs;
 }
 
-BootObservers::BootObservers(const ObserveCall &call, Machine &machine, std::FILE *console)
+void CheckObserveOptions(const ObserveCall &call) {
+    RequireInCall(call.until_ms == 0 || call.until_ms >= call.from_ms, "--trace-until",
+                  fmt::format("{} ms is before --trace-from", call.until_ms), "a later time");
+}
+
+BootObservers::BootObservers(const ObserveCall &call, Machine &machine, std::FILE *console, OutputFiles &outputs)
     : call_(call), machine_(machine), console_(console), console_is_traced_(call.trace == "-"), events_(machine) {
-    if (console_is_traced_ && console_ != stdout)
-        throw Refusal(Fault::call, {"wrong-call", "--trace", "standard output carries the report in JSON", "a file"});
+    RequireInCall(!console_is_traced_ || console_ == stdout, "--trace", "standard output carries the report in JSON",
+                  "a file");
     if (!call.trace.empty()) {
-        trace_.emplace(call.trace, FilterOf(call), call.trace_last);
+        trace_.emplace(console_is_traced_ ? std::cout : outputs.add(call.trace).stream(), FilterOf(call),
+                       call.trace_last);
         events_.sinks.push_back([this](const Event &event) { trace_->add(event); });
     }
     events_.sinks.push_back([this](const Event &event) {
@@ -118,7 +131,7 @@ BootObservers::BootObservers(const ObserveCall &call, Machine &machine, std::FIL
         if (event.kind == EventKind::console) lines_.emplace_back(event.time, event.what);
     });
     if (call.report.empty()) return;
-    const OutputFile proof(call.report); // it is written after the run
+    report_file_ = &outputs.add(call.report);
     record_.emplace(machine);
     events_.sinks.push_back([this](const Event &event) { record_->add(event); });
 }
@@ -158,9 +171,9 @@ void BootObservers::write_report(const RunReport &report, const std::string &ver
     FrameRecorder &frames = *machine_.frames();
     frames.look();
     const FlashMap after = MapOf(machine_.chips(), machine_.options().board.straps.boots_from_nand());
-    WriteFile(call_.report, ReportPage(*record_, report, after, frames.frames(),
-                                       {verdict.substr(0, verdict.find("; booting from")), describe_end(report),
-                                        ThisCall(), foretold}));
+    report_file_->write(
+        ReportPage(*record_, report, after, frames.frames(),
+                   {verdict.substr(0, verdict.find("; booting from")), describe_end(report), ThisCall(), foretold}));
 }
 
 std::string BootObservers::last_line(Picoseconds time) const {

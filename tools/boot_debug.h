@@ -1,6 +1,7 @@
 // What `fixture boot` shows of a run besides its console: the trace, the place of a bad end and what led to it.
 #pragma once
 
+#include "formats/file.h"
 #include "machine/debugger.h"
 #include "machine/report.h"
 #include "machine/trace.h"
@@ -33,6 +34,8 @@ struct ObserveCall {
     bool wants_frames() const { return !report.empty() || live; }
 };
 void AddObserveOptions(CLI::App &command, ObserveCall &call);
+// Throws Refusal for options that would do nothing in this call.
+void CheckObserveOptions(const ObserveCall &call);
 
 // Programs that a bank may launch, by their ELFs: those of this build, and what the call names. Throws Refusal.
 std::vector<Firmware> ProgramsWithSymbols(const ObserveCall &call);
@@ -40,9 +43,10 @@ std::vector<Firmware> ProgramsWithSymbols(const ObserveCall &call);
 // Everything that looks on while a machine runs.
 class BootObservers {
 public:
-    // Before the run; `console` gets what the board prints. Throws where a file cannot be written, a name in a filter
-    // does not exist, or trace and console would share a stream with a report in JSON.
-    BootObservers(const ObserveCall &call, Machine &machine, std::FILE *console);
+    // Before the run; `console` gets what the board prints, and trace and report go to `outputs`. Throws Refusal where
+    // a file cannot be written, a name in a filter does not exist, or trace and console would share a stream with a
+    // report in JSON.
+    BootObservers(const ObserveCall &call, Machine &machine, std::FILE *console, OutputFiles &outputs);
 
     void console(char c);
     // When everybody else who looks on is in place: shows frames as they come, and waits for a debugger.
@@ -69,6 +73,7 @@ private:
     EventRing last_{20};
     std::vector<std::pair<Picoseconds, std::string>> lines_; // of the console
     std::optional<Trace> trace_;
+    OutputFile *report_file_ = nullptr;
     std::optional<Debugger> debugger_;
     std::optional<RunRecord> record_;
     std::optional<Live> live_;

@@ -65,6 +65,21 @@ std::string OfVolume(const HintCall &call) {
     return fmt::format("no bank launches; see `fixture bank check {}`", call.volume);
 }
 
+// Without its clock a controller goes on showing the levels of before, whatever happens at its pins: a wait for one of
+// them never ends.
+std::string OfClocks(const RunReport &report, const Board &board) {
+    constexpr struct {
+        const char *pins;
+        unsigned peripheral;
+    } kControllers[] = {{"PIOA.PDSR", 2}, {"PIOB.PDSR", 3}, {"PIOC.PDSR", 4}, {"PIOD.PDSR", 4}, {"PIOE.PDSR", 4}};
+    for (const auto &[pins, peripheral] : kControllers)
+        if (report.place.find(pins) != std::string::npos && !board.pmc.clocked(peripheral))
+            return fmt::format("the clock of {:.4} is off, so its pins show their old levels for ever; set bit {} of "
+                               "PMC_PCER first",
+                               pins, peripheral);
+    return "";
+}
+
 std::string OfResets(const HintCall &call, const RunReport &report) {
     const bool slots = !call.nand.empty() || !call.dataflash.empty();
     if (report.place.starts_with("watchdog")) return "the watchdog ends every start; try a longer --watchdog";
@@ -76,18 +91,16 @@ std::string OfResets(const HintCall &call, const RunReport &report) {
 
 } // namespace
 
-std::string HintOf(const HintCall &call, const RunReport &report, const Chips &chips, const KnownFirmware &known) {
-    switch (report.verdict) {
-    case Verdict::no_bootloader: return OfMissingBootloader(call, report, chips);
-    case Verdict::idle: return OfVolume(call);
-    case Verdict::reset_loop: return OfResets(call, report);
-    case Verdict::launched: // with a wrong volume a board still has its rescue image
+std::string HintOf(const HintCall &call, const RunReport &report, const Board &board, const Chips &chips,
+                   const KnownFirmware &known) {
+    if (report.verdict == Verdict::no_bootloader) return OfMissingBootloader(call, report, chips);
+    if (report.verdict == Verdict::reset_loop) return OfResets(call, report);
+    if (report.verdict == Verdict::launched) // with a wrong volume a board still has its rescue image
         return call.volume.empty() || HoldsData(call.volume) ? "" : OfVolumeLevel(call);
-    case Verdict::hang:
-    case Verdict::fault: break;
-    default: return "";
-    }
-    if (!report.slot) return "";
+    if (report.verdict == Verdict::power_lost) return "";
+    if (report.verdict == Verdict::idle) return OfVolume(call);
+    if (std::string clock = OfClocks(report, board); !clock.empty()) return clock;
+    if (!report.slot || report.verdict == Verdict::violation) return "";
     const bool nand = report.medium == "NAND";
     const FlashReader read = nand ? ReaderOf(chips.nand) : ReaderOf(chips.dataflash);
     const StoredImage image = ReadSlot(read, SlotsOf(nand ? Medium::nand : Medium::dataflash).bootloader[*report.slot]);

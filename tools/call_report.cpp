@@ -30,11 +30,18 @@ std::string UnknownId(const std::string &id) {
 std::span<const std::string_view> WarningIds() { return kWarningIds; }
 
 void WarningOptions::add_options(CLI::App &command) {
-    command.add_flag("--strict", strict, "warnings make the exit status 1");
-    command.add_option("--allow", allowed, "identifiers of warnings to leave out")->check(UnknownId);
+    command.add_flag("--strict", strict, "fail the call, with exit status 1, where there is a warning");
+    command.add_option("--allow", allowed, "warnings to leave out, by identifier")->check(UnknownId);
 }
 
 nlohmann::ordered_json TextJson(std::string_view text) { return Escaped(text); }
+
+nlohmann::ordered_json SlotJson(std::string_view name) {
+    nlohmann::ordered_json json{{"slot", nullptr}, {"name", name}};
+    if (name.starts_with("bootloader")) json["slot"] = name.back() - '0';
+    if (name == "rescue") json["slot"] = 2;
+    return json;
+}
 
 nlohmann::ordered_json ToJson(const Problem &problem) {
     return {{"id", problem.id},

@@ -55,6 +55,8 @@ private:
 
 nlohmann::ordered_json ToJson(const Problem &problem);
 nlohmann::ordered_json ToJson(const Problems &problems);
+// "slot" and "name" of a slot: 0 and 1 are the bootloaders, 2 is the rescue image; the version record has no number.
+nlohmann::ordered_json SlotJson(std::string_view name);
 // Text that came from a file or a call: every byte can be told from the result.
 nlohmann::ordered_json TextJson(std::string_view text);
 

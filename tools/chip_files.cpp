@@ -1,6 +1,7 @@
 #include "tools/chip_files.h"
 
 #include "machine/raw_flash.h"
+#include "tools/option_checks.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -14,24 +15,34 @@ template <typename Contents> Contents Load(Contents contents, const std::string 
     return contents;
 }
 
-template <typename Parts> CLI::Validator OneOf(const Parts &parts, bool none_too) {
+template <typename Parts> CLI::Validator OnePart(const Parts &parts, bool none_too) {
     std::vector<std::string> names;
     if (none_too) names.emplace_back("none");
     for (const auto &part : parts) names.emplace_back(part.name);
-    return CLI::IsMember(names);
+    return OneOf(std::move(names));
 }
 
 } // namespace
 
 void ChipFiles::add_options(CLI::App &command, const std::string &help, bool none_too) {
     command.add_option("--nand", nand, "NAND " + help);
-    command.add_option("--nand-part", nand_part, "NAND fitted")
-        ->check(OneOf(NandParts(), none_too))
-        ->capture_default_str();
     command.add_option("--dataflash", dataflash, "DataFlash " + help);
-    command.add_option("--dataflash-part", dataflash_part, "DataFlash fitted")
-        ->check(OneOf(At45Parts(), none_too))
+    add_part_options(command, none_too);
+}
+
+void ChipFiles::add_part_options(CLI::App &command, bool none_too) {
+    command.add_option("--nand-part", nand_part, "NAND on the board")
+        ->check(OnePart(NandParts(), none_too))
         ->capture_default_str();
+    command.add_option("--dataflash-part", dataflash_part, "DataFlash on the board")
+        ->check(OnePart(At45Parts(), none_too))
+        ->capture_default_str();
+}
+
+const std::map<std::string, Straps> &StrapsByName() {
+    static const std::map<std::string, Straps> straps = {
+        {"none", {}}, {"12-13", {true, false}}, {"14-18", {false, true}}, {"both", {true, true}}};
+    return straps;
 }
 
 void RequireDistinct(const std::vector<std::string> &files) {

@@ -13,12 +13,12 @@
 //   outputs.commit();
 #pragma once
 
-#include "fixture/parts/at45.h"
-#include "fixture/parts/nand.h"
+#include "fixture/board.h"
 #include "formats/flash_report.h"
 #include "machine/chip_store.h"
 
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 
@@ -37,7 +37,12 @@ struct ChipFiles {
     bool named() const { return !nand.empty() || !dataflash.empty(); }
     // --nand, --nand-part, --dataflash and --dataflash-part. `none_too`: "none" is a part as well.
     void add_options(CLI::App &command, const std::string &help = "chip file", bool none_too = false);
+    // --nand-part and --dataflash-part alone.
+    void add_part_options(CLI::App &command, bool none_too = false);
 };
+
+// The straps that --straps names: none, 12-13, 14-18 or both.
+const std::map<std::string, Straps> &StrapsByName();
 
 // Throws Refusal where two of the names lead to one file.
 void RequireDistinct(const std::vector<std::string> &files);

@@ -2,6 +2,7 @@
 #include "tools/commands.h"
 
 #include "tools/call_report.h"
+#include "tools/option_checks.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -10,6 +11,8 @@
 #include <filesystem>
 #include <fmt/format.h>
 #include <iostream>
+#include <memory>
+#include <utility>
 
 namespace fixture {
 
@@ -88,6 +91,23 @@ bool WantsJson(const std::vector<std::string> &arguments) {
     return std::find(arguments.begin(), end, "--json") != end;
 }
 
+// The help in plain words: values a person can type in place of the parser's types, defaults in brackets.
+class HelpFormat : public CLI::Formatter {
+public:
+    std::string make_option_opts(const CLI::Option *option) const override {
+        std::string text;
+        if (option->get_type_size() != 0) {
+            std::string value = option->get_type_name(); // "TEXT", or "TEXT:" and what a check expects
+            value.erase(0, value.find(':') == std::string::npos ? 0 : value.find(':') + 1);
+            text = " " + value + (option->get_expected_max() > 1 ? " ..." : "");
+            if (!option->get_default_str().empty()) text += " [" + option->get_default_str() + "]";
+        }
+        for (const CLI::Option *const other : option->get_needs()) text += ", with " + other->get_name();
+        for (const CLI::Option *const other : option->get_excludes()) text += ", not with " + other->get_name();
+        return text;
+    }
+};
+
 int Report(const std::string &command, bool json, int status, const Problem &problem) {
     std::fflush(stdout);
     if (!json) {
@@ -97,13 +117,6 @@ int Report(const std::string &command, bool json, int status, const Problem &pro
     CallReport outcome(command, json);
     outcome.problems.push_back(problem);
     return outcome.finish(status);
-}
-
-// A message of the parser, in one line.
-std::string OneLine(std::string text) {
-    std::replace(text.begin(), text.end(), '\n', ' ');
-    while (text.ends_with(' ')) text.pop_back();
-    return text;
 }
 
 int ParseAndRun(CLI::App &app, const int &exit_status, const std::vector<std::string> &arguments) {
@@ -117,9 +130,14 @@ int ParseAndRun(CLI::App &app, const int &exit_status, const std::vector<std::st
     } catch (const CLI::Success &help) {
         return app.exit(help);
     } catch (const CLI::ParseError &error) {
-        const std::string name = command.empty() ? "fixture" : "fixture " + command;
-        const std::string what = OneLine(error.what()) + Suggestion(app, arguments);
-        return report(kWrongCall, {"wrong-call", name, what, ""});
+        Problem problem = ProblemOf(error, app, command.empty() ? "fixture" : "fixture " + command);
+        if (const std::string meant = Suggestion(app, arguments); !meant.empty()) {
+            problem.found += meant; // which says better what is expected
+            problem.expected.clear();
+        } else if (problem.expected.empty()) {
+            problem.found += fmt::format("; see fixture {}--help", command.empty() ? "" : command + " ");
+        }
+        return report(kWrongCall, problem);
     } catch (const Refusal &refusal) {
         return report(StatusOf(refusal.fault()), refusal.problem());
     } catch (const std::filesystem::filesystem_error &error) {
@@ -128,11 +146,8 @@ int ParseAndRun(CLI::App &app, const int &exit_status, const std::vector<std::st
         throw; // of the streams, which nothing can be printed to
     } catch (const std::bad_alloc &) {
         return report(kOwnFault, {"out-of-memory", "", "out of memory", ""});
-    } catch (const std::runtime_error &error) {
-        return report(kWrongCall, {"wrong-call", "", error.what(), ""});
-    } catch (const std::invalid_argument &error) {
-        return report(kWrongCall, {"wrong-call", "", error.what(), ""});
     } catch (const std::exception &error) {
+        // Nothing that a call or a file can bring about comes here: those are refused above.
         return report(kOwnFault, {"own-fault", "", fmt::format("a fault of this program: {}", error.what()), ""});
     }
 }
@@ -163,6 +178,7 @@ std::span<AddCommand *const> AllCommands() { return kCommands; }
 int RunCall(std::span<AddCommand *const> commands, const std::vector<std::string> &arguments) {
     CLI::App app("The virtual fixture: a board to run the bootloader on, and the tools for its images and chips",
                  "fixture");
+    app.formatter(std::make_shared<HelpFormat>());
     app.set_version_flag("--version", VersionText());
     app.set_help_all_flag("--help-all", "Print the help of every subcommand");
     app.require_subcommand(1);

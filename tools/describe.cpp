@@ -4,6 +4,7 @@
 
 #include "formats/file.h"
 #include "tools/call_report.h"
+#include "tools/option_checks.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -252,7 +253,7 @@ int Describe(const CLI::App &app, const DescribeCall &call) {
 void AddDescribeCommand(CLI::App &app, int &exit_status) {
     auto call = std::make_shared<DescribeCall>();
     CLI::App *command = app.add_subcommand("describe", "Print shell completion, manual pages, or the schema of --json");
-    command->add_option("FORM", call->form, "what to print")->required()->check(CLI::IsMember(kForms));
+    command->add_option("FORM", call->form, "what to print")->required()->check(OneOf(kForms));
     command->add_option("--into", call->into, "directory for one manual page a command, with man [the first, printed]");
     command->add_flag("--json", call->json, "one JSON object");
     command->callback([call, &app, &exit_status] { exit_status = Describe(app, *call); });

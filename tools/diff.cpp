@@ -1,12 +1,14 @@
 // fixture diff: what two chips, banks or boards have in common, and what not.
 #include "formats/bank_check.h"
 #include "formats/board_volume.h"
+#include "formats/chip_file.h"
 #include "formats/parameter_store.h"
-#include "formats/slot_store.h"
 #include "machine/chip_store.h"
 #include "machine/raw_flash.h"
 #include "tools/call_report.h"
+#include "tools/chip_files.h"
 #include "tools/commands.h"
+#include "tools/option_checks.h"
 #include "tools/references.h"
 
 #include <CLI/CLI.hpp>
@@ -28,7 +30,7 @@ namespace {
 struct DiffCall {
     std::string one, other;
     std::string as; // what the files are; empty: as they look
-    std::string part;
+    ChipFiles parts;
     bool json = false;
 };
 
@@ -42,18 +44,7 @@ void Compare(Differences &found, const std::string &where, const std::string &on
     if (one != other) found.push_back({where, one, other});
 }
 
-// "3, 5-7"
-std::string Ranges(const std::vector<std::uint32_t> &numbers) {
-    std::vector<std::string> ranges;
-    for (std::size_t n = 0; n < numbers.size();) {
-        std::size_t end = n + 1;
-        while (end < numbers.size() && numbers[end] == numbers[end - 1] + 1) ++end;
-        ranges.push_back(end - n == 1 ? fmt::format("{}", numbers[n])
-                                      : fmt::format("{}-{}", numbers[n], numbers[end - 1]));
-        n = end;
-    }
-    return numbers.empty() ? "none" : fmt::format("{}", fmt::join(ranges, ", "));
-}
+std::string BadBlocks(const RawFlash &flash) { return flash.bad_blocks.empty() ? "none" : Ranges(flash.bad_blocks); }
 
 // --- flash
 
@@ -76,7 +67,7 @@ void CompareSlots(const RawFlash &one, const RawFlash &other, Differences &found
         return report.first_stage ? fmt::format("starts bootloader {}", *report.first_stage) : "starts nothing";
     };
     Compare(found, "first stage", start(reports[0]), start(reports[1]));
-    Compare(found, "bad blocks", Ranges(one.bad_blocks), Ranges(other.bad_blocks));
+    Compare(found, "bad blocks", BadBlocks(one), BadBlocks(other));
 }
 
 // The part of a chip in which an address lies.
@@ -231,8 +222,8 @@ std::string KindOf(const fs::path &file, const fs::path &other) {
     const unsigned nand = HeadersAt(file, Medium::nand) + HeadersAt(other, Medium::nand);
     const unsigned dataflash = HeadersAt(file, Medium::dataflash) + HeadersAt(other, Medium::dataflash);
     if (nand == dataflash)
-        throw std::runtime_error(
-            fmt::format("{}: nothing tells which chip it is; say --as nand or --as dataflash", file.string()));
+        throw Refusal(Fault::call,
+                      {"ambiguous", file.string(), "nothing tells which chip it is", "--as nand or --as dataflash"});
     return nand > dataflash ? "nand" : "dataflash";
 }
 
@@ -244,8 +235,9 @@ template <typename Contents> Contents LoadAs(Contents chip, const fs::path &file
 void CompareFiles(const DiffCall &call, const fs::path &one, const fs::path &other, const std::string &kind,
                   Differences &found) {
     if (kind == "eeprom") return CompareStores(one, other, found);
-    if (kind == "nand") return CompareChips(LoadAs(NandContents(), one), LoadAs(NandContents(), other), call, found);
-    const At45Part &part = *FindAt45Part(call.part.empty() ? kDefaultAt45 : call.part);
+    const NandContents nand(FindNandPart(call.parts.nand_part));
+    if (kind == "nand") return CompareChips(LoadAs(nand, one), LoadAs(nand, other), call, found);
+    const At45Part &part = *FindAt45Part(call.parts.dataflash_part);
     CompareChips(LoadAs(At45Contents(part), one), LoadAs(At45Contents(part), other), call, found);
 }
 
@@ -272,17 +264,17 @@ void CompareBoards(const DiffCall &call, Differences &found) {
             if (there[0] && there[1]) CompareBanks(boards[0] / place, boards[1] / place, place.string() + ": ", found);
         }
     if (!any)
-        throw std::runtime_error(fmt::format("{} and {}: neither banks nor boards; expected {} in a bank, nand.bin, "
-                                             "dataflash.bin, eeprom.bin or data/ in a board",
-                                             call.one, call.other, kDescriptorName));
+        throw Refusal(
+            fmt::format("{} and {}", call.one, call.other), "neither banks nor boards",
+            fmt::format("{} in a bank; nand.bin, dataflash.bin, eeprom.bin or data/ in a board", kDescriptorName));
 }
 
 Differences Find(const DiffCall &call) {
     Differences found;
     const bool directories[2] = {fs::is_directory(call.one), fs::is_directory(call.other)};
     if (directories[0] != directories[1])
-        throw std::runtime_error(
-            fmt::format("{} and {}: a file and a directory cannot be compared", call.one, call.other));
+        throw Refusal(Fault::call, {"wrong-call", fmt::format("{} and {}", call.one, call.other),
+                                    "a file and a directory cannot be compared", "two of one kind"});
     if (!directories[0])
         CompareFiles(call, call.one, call.other, call.as.empty() ? KindOf(call.one, call.other) : call.as, found);
     else if (IsBank(call.one) || IsBank(call.other))
@@ -302,7 +294,8 @@ int Diff(const DiffCall &call) {
                                                {"a", TextJson(difference.one)},
                                                {"b", TextJson(difference.other)}});
         if (!call.json)
-            fmt::print("{}\n  {}\n  {}\n", Shown(difference.where), Shown(difference.one), Shown(difference.other));
+            fmt::print("{}\n  {}\n  {}\n", Printable(difference.where), Printable(difference.one),
+                       Printable(difference.other));
     }
     if (found.empty() && !call.json) fmt::print("the same\n");
     return outcome.finish(found.empty() ? kGood : kBad);
@@ -316,10 +309,9 @@ void AddDiffCommand(CLI::App &app, int &exit_status) {
         app.add_subcommand("diff", "Compare two chips, banks or boards: slots, versions, parameters, pages");
     command->add_option("A", call->one, "chip file, bank directory, or board directory")->required();
     command->add_option("B", call->other, "what to compare it with")->required();
-    command->add_option("--as", call->as, "which chip the files are, where that cannot be told from them")
-        ->check(CLI::IsMember({"nand", "dataflash", "eeprom"}));
-    command->add_option("--dataflash-part", call->part, "DataFlash fitted, where it is not the usual one")
-        ->check([](const std::string &name) { return FindAt45Part(name) ? "" : name + ": no such chip"; });
+    command->add_option("--as", call->as, "chip that the files hold, where they do not tell")
+        ->check(OneOf({"nand", "dataflash", "eeprom"}));
+    call->parts.add_part_options(*command);
     command->add_flag("--json", call->json, "report as one JSON object");
     command->footer("Exit status: 0 the same, 1 different.");
     command->callback([call, &exit_status] { exit_status = Diff(*call); });

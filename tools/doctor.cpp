@@ -5,6 +5,7 @@
 #include "tools/call_report.h"
 #include "tools/chip_files.h"
 #include "tools/commands.h"
+#include "tools/option_checks.h"
 #include "tools/references.h"
 
 #include <CLI/CLI.hpp>
@@ -82,7 +83,8 @@ Patient TreatEeprom(const DoctorCall &call) {
 }
 
 ordered_json ToJson(const SlotDiagnosis &slot) {
-    ordered_json json{{"slot", slot.slot.name}, {"condition", NameOf(slot.condition)}, {"holds", TextJson(slot.holds)}};
+    ordered_json json = SlotJson(slot.slot.name);
+    json.update({{"condition", NameOf(slot.condition)}, {"holds", TextJson(slot.holds)}});
     if (slot.pages > 0) json["pages"] = slot.pages;
     if (slot.cut_page) json["cut_page"] = *slot.cut_page;
     json["damaged_pages"] = slot.damaged_pages;
@@ -129,10 +131,8 @@ void Print(const FlashDiagnosis &flash, const std::string &option) {
         if (slot.damaged_pages > slot.damages.size())
             fmt::print("    and {} more\n", slot.damaged_pages - slot.damages.size());
     }
-    fmt::print("  {:<16}{}\n", "version record", flash.record.empty() ? "none" : Shown(flash.record));
-    if (nand)
-        fmt::print("  {:<16}{}\n", "bad blocks",
-                   flash.bad_blocks.empty() ? "none" : fmt::format("{}", fmt::join(flash.bad_blocks, ", ")));
+    fmt::print("  {:<16}{}\n", "version record", flash.record.empty() ? "none" : Escaped(flash.record));
+    if (nand) fmt::print("  {:<16}{}\n", "bad blocks", flash.bad_blocks.empty() ? "none" : Ranges(flash.bad_blocks));
     fmt::print("  {:<16}{}\n", "first stage",
                flash.running ? fmt::format("starts {}", flash.slots[*flash.running].slot.name) : "starts nothing");
     for (const std::string &line : flash.history) fmt::print("history: {}\n", line);
@@ -165,14 +165,15 @@ void Print(const DoctorCall &call, const Patient &patient) {
 }
 
 void CheckFix(const DoctorCall &call, std::size_t chips) {
-    if (chips == 0) throw CLI::RequiredError("--nand, --dataflash or --eeprom");
+    if (chips == 0) RequireInCall(false, "doctor", "no chip", "--nand, --dataflash or --eeprom");
     if (call.fix.empty()) return;
-    if (chips != 1) throw CLI::ValidationError("--fix", "mends one chip a call");
+    RequireInCall(chips == 1, "--fix", "mends one chip a call", "one of --nand, --dataflash and --eeprom");
     if (fs::exists(fs::symlink_status(call.fix)))
         throw Refusal(Fault::call, {"exists", call.fix, "exists already", "a new name"});
 }
 
 int Diagnose(const DoctorCall &call) {
+    for (const std::string &bank : call.banks) RequireDirectory(bank);
     CheckFix(call, std::size_t{!call.chips.nand.empty()} + !call.chips.dataflash.empty() + !call.eeprom.empty());
     const std::vector<ReferenceImage> references = References(call);
     std::vector<Patient> patients;
@@ -198,14 +199,14 @@ int Diagnose(const DoctorCall &call) {
 
 void AddDoctorCommand(CLI::App &app, int &exit_status) {
     auto call = std::make_shared<DoctorCall>();
-    CLI::App *command = app.add_subcommand("doctor", "Find what ails a board's chips, how it came, and what mends it");
+    CLI::App *command =
+        app.add_subcommand("doctor", "Find what is wrong with a board's chips, how it came about, and what mends it");
     call->chips.add_options(*command);
-    command->add_option("--eeprom", call->eeprom, "EEPROM chip file");
-    command->add_option("--bank", call->banks, "bank whose images the chip may have held; may be given again")
-        ->check(CLI::ExistingDirectory);
+    command->add_option("--eeprom", call->eeprom, "chip file of the parameter EEPROM");
+    command->add_option("--bank", call->banks, "bank whose images the chip may have held; may be given again");
     CLI::Option *fix =
         command->add_option("--fix", call->fix, "write a mended chip to this new file; the named one stays as it is");
-    command->add_option("--only", call->only, "mend this slot or sector alone, by its name in the report")->needs(fix);
+    command->add_option("--only", call->only, "slot or sector to mend, by its name in the report [all]")->needs(fix);
     command->add_flag("--json", call->json, "report as one JSON object");
     command->footer("Exit status: 0 every chip is healthy, 1 one is not, mended or not.");
     command->callback([call, &exit_status] { exit_status = Diagnose(*call); });

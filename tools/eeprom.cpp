@@ -6,7 +6,7 @@
 #include "formats/parameter_store.h"
 #include "tools/call_report.h"
 #include "tools/chip_files.h"
-#include "tools/numbers.h"
+#include "tools/option_checks.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -163,8 +163,10 @@ int Set(const EepromCall &call) {
     OpenChip<EepromContents> file(chip, call.file, ChipUse::create, outputs);
     try {
         UpdateStore(chip.bytes, changes);
-    } catch (const std::exception &error) {
-        throw Refusal(call.file, error.what(), "", "no-room");
+    } catch (const Refusal &refusal) { // which knows the store, not its file
+        Problem problem = refusal.problem();
+        problem.where = call.file;
+        throw Refusal(refusal.fault(), problem);
     }
     file.store();
     outputs.commit();
@@ -183,7 +185,8 @@ void AddEepromCommand(CLI::App &app, int &exit_status) {
     show->add_option("FILE", call->file, "contents of the chip, 2048 bytes")->required();
     show->add_flag("--json", call->json, "one JSON object");
     show->callback([call, &exit_status] { exit_status = Show(*call); });
-    CLI::App *set = eeprom->add_subcommand("set", "Set parameters as a commit would; makes the file and the store");
+    CLI::App *set =
+        eeprom->add_subcommand("set", "Set parameters as the bootloader's commit would; a missing file is made");
     set->add_option("FILE", call->file, "contents of the chip, 2048 bytes")->required();
     set->add_option("SETTING", call->settings,
                     "ID=HEX: identifier, up to 15 bytes; or NAME=ADDRESS: address, mask, gateway or name-server, as in "

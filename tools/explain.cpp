@@ -6,14 +6,14 @@
 #include "tools/call_report.h"
 #include "tools/chip_files.h"
 #include "tools/commands.h"
-#include "tools/references.h"
+#include "tools/option_checks.h"
+#include "tools/prediction_text.h"
 
 #include "formats/boot_prediction.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <fmt/format.h>
-#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 
@@ -32,17 +32,11 @@ struct ExplainCall {
     bool json = false;
 };
 
-struct FittedStraps {
-    bool pins_12_13, pins_14_18;
-};
-const std::map<std::string, FittedStraps> kStraps = {
-    {"none", {false, false}}, {"12-13", {true, false}}, {"14-18", {false, true}}, {"both", {true, true}}};
-
 // The chips of a call, as far as the straps ask for them, and the state that is foretold from.
 class ExplainedBoard {
 public:
     explicit ExplainedBoard(const ExplainCall &call) : known_(FirmwareDirectory()), assumed_(call.assumed) {
-        const FittedStraps &straps = kStraps.at(call.straps);
+        const Straps &straps = StrapsByName().at(call.straps);
         state_.pins_12_13 = straps.pins_12_13;
         state_.pins_14_18 = straps.pins_14_18;
         if (state_.medium() == Medium::nand) {
@@ -82,7 +76,7 @@ private:
 std::string Hint(const ExplainCall &call, const Prediction &told) {
     if (told.end == BootEnd::unknown_bootloader) return "say which version it is with --assume-version";
     if (told.end == BootEnd::application || told.end == BootEnd::loop) return "";
-    const bool nand = kStraps.at(call.straps).pins_12_13 || kStraps.at(call.straps).pins_14_18;
+    const bool nand = StrapsByName().at(call.straps).boots_from_nand();
     if ((nand ? call.chips.nand : call.chips.dataflash).empty())
         return nand ? "the straps select NAND, but no --nand was given"
                     : "the straps select DataFlash, but no --dataflash was given; try --straps 12-13";
@@ -91,18 +85,9 @@ std::string Hint(const ExplainCall &call, const Prediction &told) {
 }
 
 ordered_json ToJson(const ExplainCall &call, const Prediction &told) {
-    ordered_json json{
-        {"end", NameOf(told.end)},           {"reason", TextJson(told.reason)},
-        {"hint", Hint(call, told)},          {"slot", told.slot ? ordered_json(*told.slot) : ordered_json()},
-        {"version", TextJson(told.version)}, {"launched", TextJson(told.launched)},
-        {"size", told.launched_bytes},       {"resets", told.resets},
-        {"steps", ordered_json::array()},    {"hazards", ordered_json::array()}};
-    for (const BootStep &step : told.steps)
-        json["steps"].push_back({{"start", step.start},
-                                 {"id", step.id},
-                                 {"where", TextJson(step.place)},
-                                 {"text", TextJson(step.text)},
-                                 {"console", TextJson(step.console)}});
+    ordered_json json = PredictionJson(told);
+    json["hint"] = Hint(call, told);
+    json["hazards"] = ordered_json::array();
     for (const BootHazard &hazard : told.hazards)
         json["hazards"].push_back({{"id", hazard.id},
                                    {"where", TextJson(hazard.place)},
@@ -112,22 +97,17 @@ ordered_json ToJson(const ExplainCall &call, const Prediction &told) {
 }
 
 void Print(const ExplainCall &call, const Prediction &told) {
-    unsigned start = 0;
-    for (const BootStep &step : told.steps) {
-        if (step.start != start)
-            fmt::print("{}\n", step.start == 1 ? "at power-up" : fmt::format("after reset {}", step.start - 1));
-        start = step.start;
-        fmt::print("  {}{}{}\n", Shown(step.place), step.place.empty() ? "" : ": ", Shown(step.text));
-    }
+    PrintPrediction(told);
     const std::string hint = Hint(call, told);
-    fmt::print("verdict: {}{}\n", Shown(told.reason), hint.empty() ? "" : fmt::format("\n  {}", hint));
+    if (!hint.empty()) fmt::print("  {}\n", hint);
     for (const BootHazard &hazard : told.hazards)
-        fmt::print("hazard {}: {}{}{}\n  {}\n", hazard.id, Shown(hazard.place), hazard.place.empty() ? "" : ": ",
-                   Shown(hazard.text), hazard.remedy);
+        fmt::print("hazard {}: {}{}{}\n  {}\n", hazard.id, Printable(hazard.place), hazard.place.empty() ? "" : ": ",
+                   Printable(hazard.text), hazard.remedy);
 }
 
 int Explain(const ExplainCall &call) {
-    if (!call.chips.named()) throw CLI::RequiredError("--nand or --dataflash");
+    RequireInCall(call.chips.named(), "explain", "no chip", "--nand or --dataflash");
+    RequireDirectory(call.volume);
     const ExplainedBoard board(call);
     const Prediction told = PredictBoot(board.state());
     CallReport outcome("explain", call.json);
@@ -150,14 +130,13 @@ void AddExplainCommand(CLI::App &app, int &exit_status) {
     auto call = std::make_shared<ExplainCall>();
     CLI::App *command = app.add_subcommand("explain", "Tell what a board will do, and why, from its chips and files");
     call->chips.add_options(*command);
-    command->add_option("--eeprom", call->eeprom, "EEPROM chip file");
-    command->add_option("--volume", call->volume, "directory that is volume vol0 of drive i")
-        ->check(CLI::ExistingDirectory);
+    command->add_option("--eeprom", call->eeprom, "chip file of the parameter EEPROM");
+    command->add_option("--volume", call->volume, "directory that the board sees as i:/vol0");
     command->add_option("--straps", call->straps, "boot straps fitted")
-        ->check(CLI::IsMember(kStraps))
+        ->check(OneOfKeys(StrapsByName()))
         ->capture_default_str();
     command->add_option("--assume-version", call->assumed,
-                        "version of a bootloader that is none of the builds known here");
+                        "version to assume of a bootloader that no known build stands for");
     command->add_flag("--json", call->json, "report as one JSON object");
     command->footer("Exit status: 0 a bank's application is launched, 1 anything else.");
     command->callback([call, &exit_status] { exit_status = Explain(*call); });

@@ -7,7 +7,7 @@
 #include "tools/call_report.h"
 #include "tools/chip_files.h"
 #include "tools/flash_slot.h"
-#include "tools/numbers.h"
+#include "tools/option_checks.h"
 
 #include <filesystem>
 #include <fmt/format.h>
@@ -40,11 +40,11 @@ const char *StateOf(const StoredImage &image) { return image.has_no_body() ? "no
 
 nlohmann::ordered_json ToJson(const SlotReport &report) {
     const StoredImage &image = report.image;
-    nlohmann::ordered_json json{{"slot", report.slot.name},
-                                {"address", report.slot.address},
-                                {"capacity", report.slot.capacity},
-                                {"room", report.room},
-                                {"state", StateOf(image)}};
+    nlohmann::ordered_json json = SlotJson(report.slot.name);
+    json.update({{"address", report.slot.address},
+                 {"capacity", report.slot.capacity},
+                 {"room", report.room},
+                 {"state", StateOf(image)}});
     if (image.verdict() == ImageVerdict::erased) return json;
     json.update({{"size", image.size}, {"sum1", image.stored.sum1}, {"sum2", image.stored.sum2}});
     return json;
@@ -206,7 +206,7 @@ void AddProvision(CLI::App &command, int &exit_status) {
     CLI::App *provision = command.add_subcommand("provision", "Store a bootloader as production does");
     provision->add_option("--medium", call->medium, "chip the board boots from")
         ->required()
-        ->check(CLI::IsMember({"nand", "dataflash"}));
+        ->check(OneOf({"nand", "dataflash"}));
     call->chips.add_options(*provision, "chip file; made if missing, changed in the named slots only");
     provision->add_option("--bootloader", call->bootloader, "stored image, flat binary or ELF")->required();
     provision->add_option("--slot", call->slot, "bootloader slot; the other one is erased")
@@ -234,14 +234,11 @@ void AddConvert(CLI::App &command, int &exit_status) {
     convert->add_option("OUT", call->output, "chip file to write")->required();
     convert->add_option("--medium", call->medium, "what the file holds")
         ->required()
-        ->check(CLI::IsMember({"nand", "dataflash"}));
+        ->check(OneOf({"nand", "dataflash"}));
     convert->add_option("--to", call->layout, "raw: all bytes of every page; data: no spare bytes, or 512/1,024 a page")
         ->required()
-        ->check(CLI::IsMember({"raw", "data"}));
-    convert->add_option("--nand-part", call->chips.nand_part, "NAND fitted")->capture_default_str();
-    convert->add_option("--dataflash-part", call->chips.dataflash_part, "DataFlash fitted")
-        ->check([](const std::string &name) { return FindAt45Part(name) ? "" : name + ": no such part"; })
-        ->capture_default_str();
+        ->check(OneOf({"raw", "data"}));
+    call->chips.add_part_options(*convert);
     convert->add_flag("--json", call->json, "one JSON object");
     convert->callback([call, &exit_status] { exit_status = ConvertChip(*call); });
 }

@@ -7,6 +7,7 @@
 #include "tools/call_report.h"
 #include "tools/chip_files.h"
 #include "tools/commands.h"
+#include "tools/option_checks.h"
 #include "tools/references.h"
 
 #include <CLI/CLI.hpp>
@@ -38,8 +39,8 @@ std::optional<Slot> FindSlot(const RawFlash &flash, const std::string &name) {
 }
 
 const std::string &OnlyChip(const SlotCall &call) {
-    if (call.chips.nand.empty() == call.chips.dataflash.empty())
-        throw CLI::ValidationError("--nand, --dataflash", "one of them is required, and only one");
+    RequireInCall(call.chips.nand.empty() != call.chips.dataflash.empty(), "flash",
+                  call.chips.named() ? "two chips" : "no chip", "one of --nand and --dataflash");
     return call.chips.nand.empty() ? call.chips.dataflash : call.chips.nand;
 }
 
@@ -79,7 +80,8 @@ int Extract(const SlotCall &call) {
         size = bytes.size();
     });
     CallReport outcome("flash extract", call.json);
-    outcome.part = {{"slot", call.slot}, {"file", TextJson(call.out)}, {"size", size}};
+    outcome.part = SlotJson(call.slot);
+    outcome.part.update({{"file", TextJson(call.out)}, {"size", size}});
     if (!call.json) fmt::print("{}: {} bytes of {}\n", Printable(call.out), size, call.slot);
     return outcome.finish(kGood);
 }
@@ -87,17 +89,19 @@ int Extract(const SlotCall &call) {
 int Report(const SlotCall &call, const char *command, const std::string &text) {
     const std::string &file = call.out.empty() ? OnlyChip(call) : call.out;
     CallReport outcome(command, call.json);
-    outcome.part = {{"slot", call.slot}, {"file", TextJson(file)}};
+    outcome.part = SlotJson(call.slot);
+    outcome.part["file"] = TextJson(file);
     if (!call.json) fmt::print("{}: {}: {}\n", Printable(file), call.slot, Printable(text));
     return outcome.finish(kGood);
 }
 
 int Write(const SlotCall &call) {
     const bool record = call.slot == "record";
-    if (record == !call.image.empty()) throw CLI::RequiredError(record ? "--version without --image" : "--image");
-    if (record && call.version.empty()) throw CLI::RequiredError("--version");
-    if (!call.version.empty() && !record && call.slot != "rescue")
-        throw CLI::ValidationError("--version", "only a rescue image has a version record");
+    RequireInCall(record || !call.image.empty(), "flash write", "no image", "--image");
+    RequireInCall(!record || call.image.empty(), "--image", "has no effect on the record", "--version alone");
+    RequireInCall(!record || !call.version.empty(), "flash write", "no text for the record", "--version");
+    RequireInCall(call.version.empty() || record || call.slot == "rescue", "--version",
+                  fmt::format("{} has no version record", call.slot), "slot rescue");
     const Bytes image = record ? Bytes{} : ReadStoredImage(call.image);
     OnChip(call, true, [&](const RawFlash &flash) {
         if (!record) StoreInSlot(flash, *FindSlot(flash, call.slot), image);
@@ -156,6 +160,7 @@ std::vector<Check> Verify(const RawFlash &flash, const std::vector<ReferenceImag
 }
 
 int VerifyChip(const SlotCall &call) {
+    RequireDirectory(call.bank);
     const std::vector<ReferenceImage> bank = BankReferences(call.bank);
     if (bank.empty()) throw Refusal(call.bank, "neither a bootloader nor a rescue image", "a bank that lists one");
     std::vector<Check> checks;
@@ -183,7 +188,7 @@ void AddFlashSlotCommands(CLI::App &flash, int &exit_status) {
         if (with_record) names.emplace_back("record");
         command->add_option("SLOT", call->slot, "which slot; record: the rescue image's version")
             ->required()
-            ->check(CLI::IsMember(names));
+            ->check(OneOf(names));
         call->chips.add_options(*command);
         command->add_flag("--json", call->json, "report as one JSON object");
         command->callback([call, run, &exit_status] { exit_status = run(*call); });
@@ -202,7 +207,7 @@ void AddFlashSlotCommands(CLI::App &flash, int &exit_status) {
 
     CLI::App *verify = flash.add_subcommand("verify", "Compare the slots with what a bank carries");
     call->chips.add_options(*verify);
-    verify->add_option("--against", call->bank, "bank directory")->required()->check(CLI::ExistingDirectory);
+    verify->add_option("--against", call->bank, "bank directory")->required();
     verify->add_flag("--json", call->json, "report as one JSON object");
     verify->callback([call, &exit_status] { exit_status = VerifyChip(*call); });
 }

@@ -63,9 +63,11 @@ void AddToJson(CallReport &outcome, const std::string &file, const ImageReport &
         if (!field.valid) json["fields"][field.name]["expected"] = field.expected;
     }
     json["slots"] = nlohmann::ordered_json::array();
-    for (const SlotFit &slot : report.slots)
-        json["slots"].push_back(
-            {{"medium", slot.medium}, {"slot", slot.slot}, {"capacity", slot.capacity}, {"fits", slot.fits}});
+    for (const SlotFit &slot : report.slots) {
+        nlohmann::ordered_json fit = SlotJson(slot.slot);
+        fit.update({{"medium", slot.medium}, {"capacity", slot.capacity}, {"fits", slot.fits}});
+        json["slots"].push_back(std::move(fit));
+    }
 }
 
 void PrintReport(const std::string &file, const ImageReport &report) {

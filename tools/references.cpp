@@ -10,13 +10,6 @@ namespace fixture {
 
 namespace fs = std::filesystem;
 
-std::string Shown(std::string_view text) {
-    std::string shown;
-    for (const char c : text)
-        shown += c >= 0x20 && c < 0x7F ? std::string(1, c) : fmt::format("\\x{:02X}", static_cast<unsigned char>(c));
-    return shown;
-}
-
 std::vector<ReferenceImage> KnownReferences() {
     const KnownFirmware known(FirmwareDirectory());
     std::vector<ReferenceImage> references;

@@ -5,13 +5,9 @@
 
 #include <filesystem>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace fixture {
-
-// Text out of a file, with what could drive a terminal as "\xNN".
-std::string Shown(std::string_view text);
 
 std::vector<ReferenceImage> KnownReferences();
 

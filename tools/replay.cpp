@@ -1,7 +1,6 @@
 #include "tools/replay.h"
 
 #include <algorithm>
-#include <stdexcept>
 
 namespace fixture {
 
@@ -9,7 +8,7 @@ namespace {
 
 CaseId Parse(const std::string &name) {
     if (const std::optional<CaseId> id = ParseCase(name)) return *id;
-    throw std::runtime_error("\"" + name + "\" is no case; expected SCENARIO/VARIANT:CUTS, as a sweep prints them");
+    throw Refusal(Fault::call, {"no-such-case", name, "no case", "SCENARIO/VARIANT:CUTS, as a sweep prints them"});
 }
 
 } // namespace

@@ -15,7 +15,7 @@ namespace fixture {
 class Replay {
 public:
     // Everything up to power-up number `power_up` happens at once; left out, that is the first one after the cuts.
-    // Throws std::runtime_error where there is no such case, or a cut of it does not come.
+    // Throws Refusal where there is no such case, or a cut of it does not come.
     Replay(const std::string &name, std::optional<unsigned> power_up, ProcessorKind processor);
 
     Chips chips; // as that power-up finds them

@@ -5,7 +5,7 @@
 #include "formats/file.h"
 #include "sweep/campaign.h"
 #include "tools/call_report.h"
-#include "tools/numbers.h"
+#include "tools/option_checks.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -66,10 +66,10 @@ int List(const std::vector<Scenario> &scenarios, bool json) {
         CallReport outcome("sweep", json);
         outcome.part["scenarios"] = nlohmann::ordered_json::array();
         for (const Scenario &scenario : scenarios) {
-            nlohmann::ordered_json variants = nlohmann::ordered_json::array();
-            for (const Variant &variant : scenario.variants) variants.push_back(variant.label);
+            nlohmann::ordered_json labels = nlohmann::ordered_json::array();
+            for (const Variant &variant : scenario.variants) labels.push_back(variant.label);
             outcome.part["scenarios"].push_back(
-                {{"name", scenario.name}, {"summary", scenario.summary}, {"variants", variants}});
+                {{"name", scenario.name}, {"summary", scenario.summary}, {"labels", labels}});
         }
         return outcome.finish(kGood);
     }
@@ -95,7 +95,7 @@ Shard ParseShard(const std::string &text) {
     char rest = 0;
     if (std::sscanf(text.c_str(), "%zu/%zu%c", &shard.number, &shard.of, &rest) != 2 || shard.number < 1 ||
         shard.number > shard.of)
-        throw std::runtime_error(fmt::format("--shard {}: expected K/N, the Kth of N parts, such as 2/8", text));
+        throw Refusal(Fault::call, {"wrong-call", "--shard", text, "K/N, the Kth of N parts, such as 2/8"});
     return shard;
 }
 
@@ -103,14 +103,24 @@ std::filesystem::path TemplateOf(std::filesystem::path document) {
     return document.replace_extension(".in" + document.extension().string());
 }
 
-int WriteDocument(const std::filesystem::path &file, const CampaignCall &call, const Campaign &campaign,
-                  const std::vector<TableResult> &results) {
+Bytes ReadTemplate(const std::filesystem::path &document) {
     constexpr std::uintmax_t kMost = 1 << 20;
-    const Bytes text = ReadFile(TemplateOf(file), kMost);
+    return ReadFile(TemplateOf(document), kMost);
+}
+
+// A sweep takes minutes: that what comes of it can be written, and its document filled in, is known before.
+void CheckOutputs(const SweepCall &call) {
+    for (const std::string &file : {call.report, call.edges, call.out})
+        if (!file.empty()) const OutputFile proof(file);
+    if (!call.report.empty()) ReadTemplate(call.report);
+}
+
+void WriteDocument(const std::filesystem::path &file, const CampaignCall &call, const Campaign &campaign,
+                   const std::vector<TableResult> &results) {
+    const Bytes text = ReadTemplate(file);
     const std::string command = fmt::format("fixture sweep --report {} --seed {}{}", kDocument, call.seed,
                                             call.sample == 0 ? "" : fmt::format(" --sample {}", call.sample));
     WriteFile(file, FillDocument({text.begin(), text.end()}, command, campaign.stages(), results));
-    return FindingsOf(results) == 0 ? 0 : 1;
 }
 
 // The edges of a closure, for the protocol's model: MEDIUM, how, from, to.
@@ -123,13 +133,16 @@ void WriteEdges(const std::filesystem::path &file, const ClosurePlan &plan, cons
     WriteFile(file, fmt::format("{}\n", fmt::join(edges, "\n")));
 }
 
-int Show(const SweepCall &call, const CampaignCall &asked, const Campaign &campaign,
+int Show(const SweepCall &call, const char *command, const CampaignCall &asked, const Campaign &campaign,
          const std::vector<TableResult> &results) {
-    if (asked.document) return WriteDocument(call.report.empty() ? kDocument : call.report, asked, campaign, results);
     const std::uint64_t found = FindingsOf(results);
-    CallReport outcome("sweep", call.json);
+    CallReport outcome(command, call.json);
     const Stage &stage = campaign.stages().front();
-    if (const auto *closure = std::get_if<ClosurePlan>(&stage.plan)) {
+    if (asked.document) {
+        const std::string document = call.report.empty() ? kDocument : call.report;
+        WriteDocument(document, asked, campaign, results);
+        outcome.part["file"] = TextJson(document);
+    } else if (const auto *closure = std::get_if<ClosurePlan>(&stage.plan)) {
         const auto &tallies = std::get<std::vector<ClosureTally>>(results.front());
         if (!call.edges.empty()) WriteEdges(call.edges, *closure, tallies);
         if (call.json)
@@ -146,6 +159,19 @@ int Show(const SweepCall &call, const CampaignCall &asked, const Campaign &campa
     }
     if (found > 0) outcome.problems.push_back({"found", "sweep", fmt::format("{} cases end badly", found), "none"});
     return outcome.finish(found > 0 ? kBad : kGood);
+}
+
+// Options that would do nothing in this call are refused.
+void CheckOptions(const SweepCall &call) {
+    const CampaignCall usual, &asked = call.asked;
+    const auto needs_closure = [&asked](bool given, const char *option) {
+        RequireInCall(asked.closure || !given, option, "has no effect alone", "--closure as well");
+    };
+    needs_closure(call.follow.empty() && asked.near != usual.near, "--near");
+    needs_closure(asked.most_states != usual.most_states, "--most-states");
+    needs_closure(!call.edges.empty(), "--edges");
+    RequireInCall(!call.list || (asked.scenarios.empty() && !call.all), "--list",
+                  "names every scenario, and runs none of them", "no scenario beside it");
 }
 
 SweepFirmware FirmwareOf(const SweepCall &call) {
@@ -178,38 +204,49 @@ int Follow(const SweepCall &call, const SweepFirmware &firmware) {
                             .near = call.asked.near,
                             .seed = call.asked.seed,
                             .history = ReadHistory(call.follow)}};
+    CallReport outcome("sweep", call.json);
     for (const ClosureTally &tally : RunClosure(plan, call.jobs, firmware, Progress())) {
         if (tally.findings.empty()) continue;
-        fmt::print("{}: {}\n", tally.findings.front().id, tally.findings.front().outcome);
-        return 1;
+        const Finding &bad = tally.findings.front();
+        outcome.problems.push_back({"found", bad.id, bad.outcome, ""});
+        outcome.part = {{"case", bad.id}, {"outcome", bad.outcome}};
+        if (!call.json) fmt::print("{}: {}\n", bad.id, bad.outcome);
+        return outcome.finish(kBad);
     }
-    fmt::print("nothing bad comes of it\n");
-    return 0;
+    if (!call.json) fmt::print("nothing bad comes of it\n");
+    outcome.part = {{"case", nullptr}, {"outcome", "good"}};
+    return outcome.finish(kGood);
 }
 
 int Sweep(const SweepCall &call) {
+    CheckOptions(call);
     const SweepFirmware firmware = FirmwareOf(call);
     if (!call.follow.empty()) return Follow(call, firmware);
     if (call.list) return List(AllScenarios(firmware), call.json);
-    if (!call.report.empty()) OutputFile proof(call.report); // it is written after minutes
+    CheckOutputs(call);
     CampaignCall asked = call.asked;
     asked.document = !call.report.empty();
-    if (!asked.document && !asked.closure && call.all == !asked.scenarios.empty())
-        throw std::runtime_error("which scenarios? names of some, or --all; --list names them");
-    if (call.shard.empty() != call.out.empty()) throw std::runtime_error("--shard and --out come together");
+    RequireInCall(asked.document || asked.closure || call.all == asked.scenarios.empty(), "sweep",
+                  call.all ? "both --all and names of scenarios" : "no scenario",
+                  "names of some, or --all; see --list");
+    RequireInCall(call.shard.empty() == call.out.empty(), call.out.empty() ? "--shard" : "--out", "has no effect alone",
+                  "--shard and --out together");
     const Shard shard = call.shard.empty() ? Shard{} : ParseShard(call.shard);
     const Campaign campaign(asked, firmware);
     const UnitTexts texts = campaign.run(shard, call.jobs, Progress());
-    if (call.out.empty()) return Show(call, asked, campaign, campaign.results(texts));
+    if (call.out.empty()) return Show(call, "sweep", asked, campaign, campaign.results(texts));
     WritePart(call.out, {asked, BuildOf(firmware), shard, texts});
-    return 0;
+    CallReport outcome("sweep", call.json);
+    outcome.part = {{"file", TextJson(call.out)}, {"part", shard.number}, {"of", shard.of}};
+    return outcome.finish(kGood);
 }
 
 int Merge(const SweepCall &call) {
+    CheckOutputs(call);
     const SweepFirmware firmware = FirmwareOf(call);
     const Part whole = MergeParts({call.parts.begin(), call.parts.end()}, BuildOf(firmware));
     const Campaign campaign(whole.call, firmware);
-    return Show(call, whole.call, campaign, campaign.results(whole.units));
+    return Show(call, "sweep merge", whole.call, campaign, campaign.results(whole.units));
 }
 
 } // namespace
@@ -223,13 +260,13 @@ void AddSweepCommand(CLI::App &app, int &exit_status) {
     command->add_option("SCENARIO", asked.scenarios, "scenarios, or SCENARIO/VARIANT, by name");
     command->add_flag("--all", call->all, "all scenarios");
     command->add_flag("--list", call->list, "name the scenarios and their variants");
-    command->add_option("--processor", asked.processor, "what runs the bootloader; both: and compare them")
-        ->check(CLI::IsMember({"arm", "host", "both"}))
+    command->add_option("--processor", asked.processor, "processor that runs the bootloader; both compares them")
+        ->check(OneOf({"arm", "host", "both"}))
         ->capture_default_str();
     command->add_flag("--foretell", asked.foretells, "compare every boot with what explain says of it");
-    command->add_option("--boards", asked.boards, "so many boards in the scenario hostile [500]")
-        ->check(CLI::Range(1, 1'000'000));
-    command->add_option("--losses", asked.losses, "power losses a case: 2 cuts the boot after the first cut as well")
+    command->add_option("--boards", asked.boards, "number of boards in the scenario hostile [500]")
+        ->check(WholeNumber(1, 1'000'000));
+    command->add_option("--losses", asked.losses, "power losses in a case; 2 cuts the boot after the first cut as well")
         ->check(WholeNumber(1, 2))
         ->capture_default_str();
     command->add_flag("--closure", asked.closure,
@@ -237,29 +274,37 @@ void AddSweepCommand(CLI::App &app, int &exit_status) {
     command->add_option("--ways", asked.ways, "ways of tearing an operation, for a closure")
         ->check(WholeNumber(1, 64))
         ->capture_default_str();
-    command->add_option("--near", asked.near,
-                        "for a closure, cut only so many operations on each side of another kind or block [all]");
-    command->add_option("--most-states", asked.most_states,
-                        "explore no more states of a variant, and close nothing [all]");
+    command
+        ->add_option("--near", asked.near,
+                     "for a closure, operations to cut on each side of a change of kind or block [all]")
+        ->check(WholeNumber(1, 1'000'000));
+    command
+        ->add_option("--most-states", asked.most_states,
+                     "for a closure, states after which to give a variant up, not closed [all]")
+        ->check(WholeNumber(1, 1'000'000'000));
     command->add_option("--edges", call->edges,
-                        "write what a closure's power-ups made of what, for the protocol's model");
-    command->add_option("--follow", call->follow, "find the case that is like a trail of the protocol's model")
-        ->check(CLI::ExistingFile);
-    command->add_option("--firmware", call->firmware, "directory of the bootloader's builds [beside this program]")
-        ->check(CLI::ExistingDirectory);
+                        "write the steps of a closure, state to state, for the protocol's model");
+    command->add_option("--follow", call->follow,
+                        "find the case that a trail of the protocol's model, in this file, stands for");
+    command->add_option("--firmware", call->firmware, "directory of the bootloader's builds [beside this program]");
     command->add_option("--jobs", call->jobs, "worker processes")->check(WholeNumber(1, 256))->capture_default_str();
-    command->add_option("--sample", asked.sample, "about so many cases of each scenario, chosen by the seed");
-    command->add_option("--seed", asked.seed, "decides how operations tear and what is sampled")->capture_default_str();
+    command
+        ->add_option("--sample", asked.sample,
+                     "number of cases to try of each scenario, about; the seed chooses them [all]")
+        ->check(WholeNumber(1));
+    command->add_option("--seed", asked.seed, "decides how operations tear and what is sampled")
+        ->check(WholeNumber(0))
+        ->capture_default_str();
     command->add_flag("--json", call->json, "results as one JSON object");
     command->add_option("--report", call->report, "run the whole campaign and write its document to this file")
-        ->excludes("SCENARIO", "--list", "--processor", "--losses", "--foretell", "--boards", "--json");
-    command->add_option("--shard", call->shard, "run only K/N, the Kth of N parts, and keep what came of it in --out");
+        ->excludes("SCENARIO", "--list", "--processor", "--losses", "--foretell", "--boards");
+    command->add_option("--shard", call->shard, "run K/N, the Kth of N parts, and keep its results in --out");
     command->add_option("--out", call->out, "the part's file, for merge");
-    CLI::App *merge = command->add_subcommand("merge", "Make of all parts what one run would have made");
-    merge->add_option("PART", call->parts, "the parts' files, in any order")->required()->check(CLI::ExistingFile);
+    CLI::App *merge = command->add_subcommand("merge", "Join the parts of a campaign into the results of one run");
+    merge->add_option("PART", call->parts, "the parts' files, in any order")->required();
     merge->add_flag("--json", call->json, "results as one JSON object");
     merge->add_option("--report", call->report, "the document's file [docs/reliability.md]");
-    merge->add_option("--edges", call->edges, "write what a closure's power-ups made of what");
+    merge->add_option("--edges", call->edges, "write the steps of a closure, state to state");
     merge->callback([call, &exit_status] { exit_status = Merge(*call); });
     command->callback([call, command, &exit_status] {
         if (command->get_subcommands().empty()) exit_status = Sweep(*call);

@@ -168,6 +168,9 @@ TEST(Sweep, HolesAreSeen) {
     const std::pair<const char *, Outcome> holes[] = {{"holes/no-slot-0", Outcome::no_bootloader},
                                                       {"holes/worn-record", Outcome::no_bootloader},
                                                       {"holes/head-on-tail:0t", Outcome::no_bootloader},
+                                                      {"holes/banks-fight-nand", Outcome::reset_loop},
+                                                      {"holes/banks-fight-nand:3t", Outcome::reset_loop},
+                                                      {"holes/banks-fight-dataflash:40a", Outcome::reset_loop},
                                                       {"parameters/1-to-0-equal-sum:0a", Outcome::wrong_parameters}};
     for (const auto &[name, outcome] : holes)
         EXPECT_EQ(NameOf(RunCase(*ParseCase(name), ProcessorKind::host, Builds()).outcome),

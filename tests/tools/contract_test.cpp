@@ -21,6 +21,7 @@
 #include <list>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <set>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -47,6 +48,12 @@ const Call kCalls[] = {
     {"boot eeprom", {"boot", "--host", "--eeprom", "IN", "--panel", "OUT"}, "eeprom", true, true},
     {"boot dataflash", {"boot", "--host", "--dataflash", "IN", "--vcd", "OUT"}, "dataflash", true, true},
     {"boot firmware", {"boot", "--firmware", "IN", "--panel-gif", "OUT"}, "elf", false, true},
+    {"boot trace",
+     {"boot", "--host", "--dataflash", "IN", "--trace", "OUT", "--trace-last", "9"},
+     "dataflash",
+     true,
+     true},
+    {"boot report", {"boot", "--host", "--snapshot", "--dataflash", "IN", "--report", "OUT"}, "dataflash", false, true},
     {"bank build",
      {"bank", "build", "DIR", "--app", "IN", "--app-version", "1", "--bootloader", "stored", "--bootloader-version",
       "1.9.0"},
@@ -81,7 +88,10 @@ const Call kCalls[] = {
      "elf",
      false,
      true},
+    {"flash erase", {"flash", "erase", "rescue", "--nand", "IN"}, "nand", true, false},
     {"doctor", {"doctor", "--nand", "IN"}, "nand", false, false},
+    {"doctor fix", {"doctor", "--eeprom", "IN", "--fix", "NEW"}, "eeprom", false, false},
+    {"explain", {"explain", "--straps", "12-13", "--nand", "IN", "--volume", "HERE"}, "nand", false, false},
     {"diff", {"diff", "--as", "dataflash", "IN", "chip"}, "dataflash", false, false},
     {"image wrap", {"image", "wrap", "IN", "OUT"}, "elf", false, true},
     {"image info", {"image", "info", "IN"}, "stored.img", false, false},
@@ -112,6 +122,7 @@ public:
         WritePng(good("png"), picture);
         WriteFile(good("array"), SplashSource(EncodeSplash(picture, "")));
         fs::create_directory(directory.path() / "work");
+        fs::permissions(directory.path(), fs::perms(0755)); // so that Unprivileged gets as far as the files
     }
     fs::path good(const std::string &name) const { return directory.path() / name; }
     fs::path work(const std::string &name) const { return directory.path() / "work" / name; }
@@ -119,6 +130,7 @@ public:
     void lay_out(const Call &call) const {
         fs::remove_all(directory.path() / "work");
         fs::create_directory(directory.path() / "work");
+        fs::permissions(directory.path() / "work", fs::perms::all); // an input is to fail, not the outputs
         if (call.input) fs::copy_file(good(call.input), work("given.bin"));
     }
     Words words_of(const Call &call) const {
@@ -126,6 +138,8 @@ public:
         for (std::string &word : words) {
             if (word == "IN") word = work("given.bin").string();
             if (word == "OUT") word = work("out").string();
+            if (word == "NEW") word = work("new").string();
+            if (word == "HERE") word = work("").string();
             if (word == "DIR") word = work("bank").string();
             if (word == "chip") word = good("dataflash").string();
             if (word == "stored") word = good("stored.img").string();
@@ -167,6 +181,23 @@ private:
     std::vector<std::string> objects_;
 };
 
+// Makes this process somebody who may do only what a file's mode allows. Root may read and write anything.
+class Unprivileged {
+public:
+    Unprivileged() : was_(geteuid()) {
+        constexpr uid_t kNobody = 65534;
+        if (was_ == 0 && seteuid(kNobody) != 0) throw std::runtime_error("root cannot be left");
+    }
+    ~Unprivileged() {
+        if (seteuid(was_) != 0) std::abort();
+    }
+    Unprivileged(const Unprivileged &) = delete;
+    Unprivileged &operator=(const Unprivileged &) = delete;
+
+private:
+    uid_t was_;
+};
+
 void Truncate(const fs::path &file) { fs::resize_file(file, fs::file_size(file) - 1); }
 
 // What is done to the input before the call, and what the call then says.
@@ -176,6 +207,7 @@ struct Condition {
     int exit_status;
     const char *message;
     std::set<std::string> fine_for = {}; // inputs that stay good
+    bool unprivileged = false;
 };
 
 const Condition kConditions[] = {
@@ -187,6 +219,12 @@ const Condition kConditions[] = {
     {"pipe", [](const fs::path &file) { fs::remove(file), mkfifo(file.c_str(), 0600); }, kWrongCall, "a pipe"},
     {"device", [](const fs::path &file) { fs::remove(file), fs::create_symlink("/dev/zero", file); }, kWrongCall,
      "a device"},
+    {"unreadable",
+     [](const fs::path &file) { fs::permissions(file, fs::perms::none); },
+     kWrongCall,
+     "permission denied",
+     {},
+     true},
     {"empty", [](const fs::path &file) { fs::resize_file(file, 0); }, kBad, ""},
     // These lose nothing with their last byte that is looked at.
     {"short", Truncate, kBad, "", {"array", "png", "elf", "demo.elf"}},
@@ -211,7 +249,10 @@ TEST(Contract, ABadInputGivesTheSameStatusEverywhereAndHarmsNothing) {
             for (const bool json : {false, true}) {
                 Words words = Shop().words_of(call);
                 if (json) words.emplace_back("--json");
+                std::optional<Unprivileged> unprivileged;
+                if (condition.unprivileged) unprivileged.emplace();
                 const CommandResult result = RunFixture(words);
+                unprivileged.reset();
                 EXPECT_EQ(result.exit_status, condition.exit_status) << result.output << result.error;
                 EXPECT_THAT(json ? result.output : result.error + result.output, HasSubstr(condition.message));
                 EXPECT_THAT(json ? result.output : result.error + result.output, HasSubstr("given.bin"));
@@ -235,6 +276,7 @@ TEST(Contract, AnOutputThatCannotBeWrittenChangesNothing) {
              fs::permissions(out, fs::perms::owner_read);
          }},
         {"no directory", [](const fs::path &out) { fs::create_symlink("none/out", out); }},
+        {"a directory of somebody else's", [](const fs::path &out) { fs::create_symlink("/proc/1/out", out); }},
         {"a pipe without a reader", [](const fs::path &out) { mkfifo(out.c_str(), 0600); }},
     };
     Envelopes envelopes;
@@ -266,7 +308,7 @@ TEST(Contract, GoodCallsReportInOneForm) {
         Words words = Shop().words_of(call);
         words.emplace_back("--json");
         const CommandResult result = RunFixture(words);
-        const bool boots = words[0] == "boot"; // no bank: it ends without a launch
+        const bool boots = words[0] == "boot" || words[0] == "explain"; // no bank: it ends without a launch
         EXPECT_EQ(result.exit_status, boots ? kBad : kGood) << result.output << result.error;
         envelopes.add(result);
     }
@@ -280,31 +322,122 @@ TEST(Contract, GoodCallsReportInOneForm) {
     envelopes.add(RunFixture({"bank", "check", "--json", Shop().work("").string()}));
 }
 
-// Options without effect, and numbers that are none.
+// Calls that make no sense, options without effect, and numbers that are none: refused in plain words, with nothing
+// done. What the option parser finds is told in our words too; every kind of its sentences has a row.
 TEST(Contract, CallsThatMakeNoSenseAreRefused) {
     const std::string nand = Shop().good("nand").string();
-    const Words calls[] = {
-        {"boot", "--power-up", "1"},
-        {"boot", "--vcd-signals", "SDA"},
-        {"boot", "--nand", nand, "--dataflash", nand},
-        {"boot", "--nand", nand, "--snapshot", "--create"},
-        {"boot", "--replay", "nand-update/running-erased", "--straps", "12-13"},
-        {"boot", "--watchdog", "nan"},
-        {"boot", "--watchdog", "-1"},
-        {"boot", "--max-resets", "0"},
-        {"boot", "--max-resets", "4294967297"},
-        {"sweep", "--all", "--seed", ""},
-        {"sweep", "--all", "--seed", "99999999999999999999"},
-        {"sweep", "--all", "--jobs", "1e3"},
-        {"flash", "provision", "--medium", "nand", "--nand", nand, "--bootloader", "x", "--slot", "2"},
-        {"image", "info", nand, "--allow", "anything"},
+    const struct {
+        Words words;
+        const char *message; // after "fixture: "
+    } rows[] = {
+        {{}, "fixture: no subcommand; expected boot, bank, diff, doctor,"},
+        {{"flash"}, "fixture flash: no subcommand; expected provision, info,"},
+        {{"flash", "nonsense"}, "fixture flash: no subcommand; expected provision, info,"},
+        {{"boot", "--strap", "none"}, "fixture boot: \"--strap\" means nothing here; did you mean \"--straps\"?"},
+        {{"image", "wrap", "x"}, "fixture image wrap: OUT is missing; see fixture image wrap --help"},
+        {{"boot", "--nand"}, "--nand: no value after it"},
+        {{"boot", "--straps", "12-13", "--straps", "none"}, "--straps: given more than once"},
+        {{"boot", "--host=maybe"}, "--host: \"maybe\" is no value for it"},
+        {{"boot", "--straps", "13"}, "--straps: \"13\"; expected 12-13, 14-18, both or none"},
+        {{"boot", "--power-up", "1"}, "--power-up: has no effect alone; expected --replay as well"},
+        {{"boot", "--vcd-signals", "SDA"}, "--vcd-signals: has no effect alone; expected --vcd as well"},
+        {{"boot", "--trace-last", "3"}, "--trace-last: has no effect alone; expected --trace as well"},
+        {{"boot", "--trace", "x", "--trace-kind", "nothing"}, "--trace-kind: no kind of event \"nothing\""},
+        {{"boot", "--trace", "-", "--json"}, ""},
+        {{"boot", "--gdb-on", "hang"}, "--gdb-on: has no effect alone"},
+        {{"boot", "--gdb", "65536"}, "--gdb: \"65536\"; expected a whole number, 0 to 65535"},
+        {{"boot", "--create"}, "--create: has no effect without a chip file"},
+        {{"boot", "--snapshot"}, "--snapshot: has no effect without a chip file"},
+        {{"boot", "--panel-wiring", "rgb"}, "--panel-wiring: has no effect where no panel is shown"},
+        {{"boot", "--volume", nand + "-none"}, nullptr},
+        {{"boot", "--nand", nand, "--dataflash", nand}, nullptr},
+        {{"boot", "--nand", nand, "--snapshot", "--create"}, "--snapshot: cannot be combined with --create"},
+        {{"boot", "--replay", "nand-update/running-erased", "--straps", "12-13"},
+         "--straps: cannot be combined with --replay"},
+        {{"boot", "--replay", "nonsense"}, "nonsense: no case; expected SCENARIO/VARIANT:CUTS"},
+        {{"boot", "--watchdog", "nan"}, "--watchdog: \"nan\"; expected a number, 0.001 to 1000"},
+        {{"boot", "--watchdog", "-1"}, "--watchdog: \"-1\""},
+        {{"boot", "--max-resets", "0"}, "--max-resets: \"0\"; expected a whole number, 1 to 1000000"},
+        {{"boot", "--max-resets", "4294967297"}, "--max-resets: "},
+        {{"sweep"}, "sweep: no scenario; expected names of some, or --all"},
+        {{"sweep", "nonsense"}, "nonsense: no scenario; expected one of sweep --list"},
+        {{"sweep", "holes", "--near", "2"}, "--near: has no effect alone; expected --closure as well"},
+        {{"sweep", "holes", "--list"}, "--list: names every scenario"},
+        {{"sweep", "holes", "--shard", "3/2", "--out", "x"}, "--shard: 3/2; expected K/N"},
+        {{"sweep", "holes", "--out", "x"}, "--out: has no effect alone"},
+        {{"sweep", "--all", "--seed", ""}, "--seed: \"\"; expected a whole number"},
+        {{"sweep", "--all", "--seed", "99999999999999999999"}, "--seed: "},
+        {{"sweep", "--all", "--jobs", "1e3"}, "--jobs: \"1e3\"; expected a whole number, 1 to 256"},
+        {{"bank", "check", Shop().work("").string(), "--running", "1.9.1"}, "--running: has no effect on one bank"},
+        {{"explain"}, "explain: no chip; expected --nand or --dataflash"},
+        {{"doctor"}, "doctor: no chip; expected --nand, --dataflash or --eeprom"},
+        {{"flash", "write", "record", "--nand", nand, "--image", "x"}, "--image: has no effect on the record"},
+        {{"flash", "erase", "rescue"}, "flash: no chip; expected one of --nand and --dataflash"},
+        {{"flash", "provision", "--medium", "nand", "--nand", nand, "--bootloader", "x", "--slot", "2"}, "--slot: "},
+        {{"image", "info", nand, "--allow", "anything"}, "--allow: no warning \"anything\""},
+        {{"diff", nand, Shop().work("").string()}, nullptr},
     };
-    for (const Words &words : calls) {
+    for (const auto &[words, message] : rows) {
+        SCOPED_TRACE(fmt::format("{}", fmt::join(words, " ")));
         const CommandResult result = RunFixture(words);
-        EXPECT_EQ(result.exit_status, kWrongCall) << fmt::format("{}", fmt::join(words, " ")) << result.error;
-        EXPECT_THAT(result.error, testing::StartsWith("fixture: "));
+        EXPECT_EQ(result.exit_status, kWrongCall) << result.error;
+        if (std::find(words.begin(), words.end(), "--json") != words.end()) continue; // told as an object
+        EXPECT_THAT(result.error, testing::StartsWith("fixture: " + std::string(message ? message : "")));
         EXPECT_EQ(result.output, "");
     }
+}
+
+// Every reason for a boot without a launch that lies in the call or its files, and what the last line says to try.
+TEST(Contract, ABootWithoutALaunchSaysWhatToTry) {
+    Shop().lay_out({"", {}, nullptr, false, false});
+    const std::string nand = Shop().good("nand").string(), work = Shop().work("").string();
+    const auto chip_with = [](const char *name, const Bytes &image) {
+        NandContents chip;
+        RawFlashOf(chip).write(SlotsOf(Medium::nand).bootloader[0].address, image);
+        SaveChip(chip, Shop().work(name));
+        return Shop().work(name).string();
+    };
+    const std::string blank = chip_with("blank", {}), body = chip_with("body", Wrap(Bytes(64, 0)));
+    const std::string header = chip_with("header", Wrap(Bytes{}));
+    // ldr r0, =PIOA_PDSR; again: ldr r1, [r0]; b again
+    const std::uint32_t polls[] = {0xE59F0004, 0xE5901000, 0xEAFFFFFD, 0xFFFFF23C};
+    const auto *const program = reinterpret_cast<const std::uint8_t *>(polls);
+    WriteFile(Shop().work("polls"), std::span(program, sizeof polls));
+    ASSERT_EQ(RunFixture({"bank", "build", Shop().work("data").string(), "--app",
+                          (FirmwareDirectory() / "demo-application.bin").string(), "--app-version", "1", "--bootloader",
+                          (FirmwareDirectory() / "bootloader-1.9.1.bin").string(), "--bootloader-version", "1.9.1"})
+                  .exit_status,
+              kGood);
+    fs::create_directory(Shop().work("volume"));
+    fs::create_directory(Shop().work("volume/data"));
+    const std::string volume = Shop().work("volume").string();
+    const struct {
+        Words words;
+        const char *hint;
+    } rows[] = {
+        {{"--nand", nand}, "no file of it was given; the NAND has one: try --straps 12-13"},
+        {{"--nand", nand, "--straps", "12-13"}, "there is no volume; give the directory that holds data/"},
+        {{"--nand", nand, "--straps", "12-13", "--volume", Shop().good("").string()}, "holds no data/"},
+        {{"--nand", nand, "--straps", "12-13", "--volume", volume}, "no bank launches; see `fixture bank check"},
+        {{"--nand", blank, "--straps", "12-13"}, "no good bootloader; store one with `fixture flash provision`"},
+        {{"--nand", body, "--straps", "12-13", "--host"}, "no native build stands for; try without --host"},
+        {{"--nand", body, "--straps", "12-13"}, "no build known here stands for the image in the slot"},
+        {{"--nand", header, "--straps", "12-13"}, "the slot holds a header and no bootloader after it"},
+        {{"--host", "--watchdog", "0.001"}, "the watchdog ends every start; try a longer --watchdog"},
+        {{"--firmware", Shop().work("polls").string()}, "the clock of PIOA is off"},
+    };
+    for (const auto &[words, hint] : rows) {
+        Words call = {"boot"};
+        call.insert(call.end(), words.begin(), words.end());
+        SCOPED_TRACE(fmt::format("{}", fmt::join(call, " ")));
+        const CommandResult result = RunFixture(call);
+        EXPECT_NE(result.exit_status, kGood);
+        const std::string told = result.error.substr(0, result.error.find_last_not_of('\n') + 1);
+        EXPECT_THAT(told.substr(told.rfind('\n') + 1), HasSubstr(hint)) << result.error;
+    }
+    fs::rename(Shop().work("data"), Shop().work("volume/data/app"));
+    const CommandResult loop = RunFixture({"boot", "--host", "--volume", volume});
+    EXPECT_THAT(loop.error, HasSubstr("no chip file was given, so every start is the same bootloader again"));
 }
 
 TEST(Contract, TextFromFilesCannotDriveATerminal) {

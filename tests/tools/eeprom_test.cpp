@@ -112,7 +112,7 @@ TEST_F(EepromTool, RefusesWhatCannotWork) {
     const Bytes full = ReadFile(file, 4096);
     const CommandResult over = set({"20=" + std::string(18, 'A')});
     EXPECT_EQ(over.exit_status, 1);
-    EXPECT_THAT(over.error, HasSubstr("257 bytes, 256 are safe"));
+    EXPECT_THAT(over.error, HasSubstr("257 bytes, and those from 256 on lie over the sector's own start"));
     EXPECT_EQ(ReadFile(file, 4096), full);
 
     make({Bytes{0, 1}, MakeStoreImage(0, {{9, {1}}})});
