@@ -21,7 +21,8 @@ namespace fixture {
 
 namespace {
 
-constexpr std::uint32_t kLookEvery = 16384; // instructions between looks at the line
+// Instructions between looks at the line: each is a system call, and Ctrl-C has to feel immediate.
+constexpr std::uint32_t kLookEvery = 16384;
 
 // Signals as GDB numbers them.
 enum : unsigned { signal_interrupt = 2, signal_trap = 5, signal_abort = 6, signal_fault = 11, signal_time = 24 };
@@ -60,6 +61,7 @@ std::string EmptyElf() {
 
 int Listen(std::uint16_t port) {
     const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    // The port of a run that has just ended is still closing: the next run of the same call may have it all the same.
     const int on = 1;
     setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     sockaddr_in address{};
@@ -135,7 +137,7 @@ void Debugger::tell_of_program(std::uint32_t pc) {
 }
 
 void Debugger::before_access(std::uint32_t address, unsigned bytes, bool is_write) {
-    if (peer_ < 0 || talking_ || !session_.watches()) return;
+    if (peer_ < 0 || talking_ || !session_.watches()) return; // most runs have no watchpoint: the way out comes first
     const std::string why = session_.watched(address, bytes, is_write);
     if (!why.empty()) stop_here(signal_trap, why, "");
 }
@@ -156,6 +158,7 @@ void Debugger::trouble(Trouble trouble, const std::string &what) {
     stop_here(kind.signal, "", fmt::format("{}: {}", kind.name, what));
 }
 
+// A debugger may come, press Ctrl-C or go at any time while the board runs.
 void Debugger::look_for_interrupt() {
     if (peer_ < 0) {
         accept_debugger(false);
@@ -174,7 +177,7 @@ void Debugger::look_for_interrupt() {
 }
 
 void Debugger::stop_here(unsigned signal, const std::string &why, const std::string &explanation) {
-    if (talking_) return;
+    if (talking_) return; // what the debugger itself makes the board do stops nothing
     talking_ = true;
     stepping_ = false;
     const std::string stop = session_.stopped(signal, why);
@@ -198,6 +201,7 @@ void Debugger::accept_debugger(bool wait) {
     do peer_ = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
     while (peer_ < 0 && errno == EINTR);
     if (peer_ < 0) return;
+    // A step is a small packet either way. Held back to be sent with more, each would cost tens of milliseconds.
     const int on = 1;
     setsockopt(peer_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     reader_ = {};
@@ -217,6 +221,7 @@ void Debugger::send(const std::string &data) {
     last_sent_ = FrameGdbPacket(data);
     std::string_view rest = last_sent_;
     while (!rest.empty() && peer_ >= 0) {
+        // Without the signal: a debugger that has gone ends the conversation, not this process.
         const ssize_t count = ::send(peer_, rest.data(), rest.size(), MSG_NOSIGNAL);
         if (count < 0 && errno == EINTR) continue;
         if (count <= 0) return hang_up("the debugger has gone; the run goes on");
@@ -283,6 +288,7 @@ void Debugger::set_register(unsigned number, std::uint32_t value) { machine_.arm
 std::optional<std::string> Debugger::read(std::uint32_t address, std::uint32_t bytes) {
     Board &board = machine_.board();
     const std::span<const std::uint8_t> plain = board.memory.memory().at(address, bytes);
+    // Registers are peeked at a word at a time: a read of the processor's would take a character or clear a status.
     if (!plain.empty() || bytes == 0) return std::string(plain.begin(), plain.end());
     std::string text;
     for (std::uint32_t at = address; text.size() < bytes; ++at) {
@@ -303,6 +309,7 @@ bool Debugger::write(std::uint32_t address, std::string_view bytes) {
     return machine_.board().bus.poke(address, static_cast<unsigned>(bytes.size()), value);
 }
 
+// GDB leaves alone what the map does not name, so a wild pointer on the stack ends its unwinding and no more.
 std::string Debugger::memory_map() {
     std::string xml =
         "<?xml version=\"1.0\"?><!DOCTYPE memory-map PUBLIC \"+//IDN gnu.org//DTD GDB Memory Map V1.0//EN\""
@@ -338,6 +345,7 @@ std::string Debugger::monitor(const std::string &command) {
     if (command == "chips") return show_chips();
     if (command.starts_with("cut-power")) return cut_power(command.substr(std::strlen("cut-power")));
     if (command != "reset") return kMonitorHelp;
+    // The same way as a reset by the controller, so that the first stage and the count of resets see it.
     machine_.stop({StageEnd::reset, 0, "debugger"});
     return "the processor is reset when the run goes on\n";
 }

@@ -113,6 +113,7 @@ std::optional<GdbPacketReader::Item> GdbPacketReader::next() {
         }
         const std::size_t end = waiting_.find('#');
         if (end == std::string::npos && waiting_.size() <= kGdbPacketMost) return std::nullopt;
+        // Too long to be kept: what has come of it goes, and the other side is asked for it again.
         if (end == std::string::npos || end > kGdbPacketMost) {
             waiting_.erase(0, std::min(end, waiting_.size()));
             return Item{Kind::broken, {}};
@@ -174,6 +175,7 @@ GdbSession::Answer GdbSession::handle(const std::string &packet) {
     case 'v': return packet.starts_with("vFile:") ? Answer{files_.handle(packet)} : resume(rest);
     case 'D': return {"OK", Then::detach};
     case 'k': return {"", Then::kill, false};
+    // Whatever thread is meant, there is one.
     case 'H':
     case 'T': return {"OK"};
     case 'q':
@@ -205,7 +207,9 @@ std::string GdbSession::query(const std::string &packet) {
         acknowledges_ = false;
         return "OK";
     }
+    // Attached, not started: when GDB quits it lets go and the run goes on, where it would kill what it had started.
     if (packet == "qAttached") return "1";
+    // One processor is one thread.
     if (packet == "qC") return "QC1";
     if (packet == "qfThreadInfo") return "m1";
     if (packet == "qsThreadInfo") return "l";
@@ -255,6 +259,7 @@ std::string GdbSession::write_memory(std::string_view arguments, bool binary) {
 std::string GdbSession::write_registers(std::string_view digits) {
     const std::optional<std::string> bytes = FromHex(digits);
     if (!bytes || bytes->size() != kRegisters * 4) return "E01";
+    // GDB writes all of them to change one. To write r15 ends the straight run of code, so what stays is left alone.
     const auto before = target_.registers();
     for (unsigned number = 0; number < kRegisters; ++number) {
         const std::uint32_t value = WordFrom(std::string_view(*bytes).substr(number * 4, 4));
@@ -280,6 +285,7 @@ std::string GdbSession::set_stop(std::string_view arguments, bool insert) {
     if (kind.size() != 1 || kind[0] < '0' || kind[0] > '4') return {};
     const std::optional<Place> place = PlaceOf(TakeGdbWord(arguments, ';'));
     if (!place) return "E01";
+    // A bound, since every stop is looked at before each instruction and nobody sets thousands by hand.
     if (breakpoints_.size() >= kStopsMost || watchpoints_.size() >= kStopsMost) return "E02";
     if (kind[0] <= '1') {
         insert ? void(breakpoints_.insert(place->address)) : void(breakpoints_.erase(place->address));

@@ -69,6 +69,7 @@ std::string Base64(std::span<const std::uint8_t> bytes) {
     return text;
 }
 
+// Pictures go into the page itself: a page that is sent on, or opened years later, has all it shows.
 std::string DataUrl(const Picture &picture) { return "data:image/png;base64," + Base64(PngOf(picture)); }
 
 struct Piece {
@@ -235,6 +236,7 @@ std::string DrawTimeline(const RunRecord &record, Picoseconds end, std::span<con
 // ---------------------------------------------------------------------------------------------------------------------
 // The rest of the page
 
+// Erased blocks are not drawn: most of a chip is, and 2,048 squares, twice, would outweigh the rest of the page.
 std::string DrawMap(const FlashMap &map, const FlashMap *before) {
     const auto rows = static_cast<unsigned>((map.fill.size() + kBlocksPerRow - 1) / kBlocksPerRow);
     std::string text = fmt::format("<svg role=\"img\" aria-label=\"Blocks in use\" viewBox=\"0 0 {} {}\">",
@@ -307,6 +309,7 @@ std::string EventRows(std::span<const Event> events) {
     return rows;
 }
 
+// A step of the bar changes a few rows of the panel, so a frame is kept as what differs from the one before it.
 std::string FramesJson(std::span<const FrameRecorder::Frame> frames) {
     std::string json;
     Picture before(0, 0);
@@ -376,11 +379,13 @@ RunRecord::RunRecord(Machine &machine)
     : before_(MapOf(machine.chips(), machine.options().board.straps.boots_from_nand())) {}
 
 void RunRecord::add(const Event &event) {
+    // The bootloader waits by reading the timer. That is what a pause consists of, and does not end it.
     const bool looks_at_timer = event.kind == EventKind::access && event.where.starts_with("PIT.");
     if (!looks_at_timer) {
         if (event.time - last_work_ > kShortestPause) pauses_.push_back({last_work_, event.time});
         last_work_ = event.time;
     }
+    // Accesses are a hundred times as many as all the rest: the trace has them.
     if (event.kind != EventKind::access) events_.push_back(event);
 }
 

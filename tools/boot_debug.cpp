@@ -31,7 +31,7 @@ const std::map<std::string, Debugger::StopOn> kStops = {{"entry", Debugger::Stop
                                                         {"fault", Debugger::StopOn::fault},
                                                         {"reset", Debugger::StopOn::reset}};
 
-// The call, as it could be typed again.
+// The call, as it could be typed again: a page without it is a picture of nothing that can be repeated.
 std::string ThisCall() {
     std::ifstream words("/proc/self/cmdline", std::ios::binary);
     std::string call;
@@ -137,7 +137,7 @@ BootObservers::BootObservers(const ObserveCall &call, Machine &machine, std::FIL
 }
 
 void BootObservers::console(char c) {
-    if (live_) live_->wait_for(machine_.board().clock.now());
+    if (live_) live_->wait_for(machine_.board().clock.now()); // a character appears when the line has sent it
     if (!console_is_traced_) std::fputc(c, console_);
     if (record_) record_->console(c);
     events_.console(c);
@@ -152,6 +152,7 @@ void BootObservers::start() {
         };
     }
     if (!call_.gdb_port) return;
+    // Last: it calls whoever observed the bus before it.
     debugger_.emplace(machine_, *call_.gdb_port, kStops.at(call_.gdb_on));
     debugger_->notice = [](const std::string &text) { fmt::print(stderr, "gdb: {}\n", text); };
 }
