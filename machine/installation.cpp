@@ -42,7 +42,7 @@ fs::path FirmwareDirectory() {
 }
 
 fs::path NeededFirmwareDirectory() {
-    const fs::path found = FirmwareDirectory();
+    fs::path found = FirmwareDirectory();
     if (Exists(found / kFirmware)) return found;
     std::string places;
     for (const fs::path &place : Places()) places += (places.empty() ? "" : ", ") + place.string();
