@@ -326,6 +326,7 @@ int Boot(BootCall call) {
     vcd.reset();
     if (panel.wanted())
         panel.write(*machine.frames(), report.time, [&](Picoseconds time) { return looking_on.last_line(time); });
+    // Chips last: whatever could still fail before this leaves their files as they were.
     board.store();
     outputs.commit();
     outcome.part = ToJson(report);

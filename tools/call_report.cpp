@@ -61,6 +61,7 @@ int CallReport::judged(int status, const WarningOptions &options) {
     std::erase_if(warnings, [&](const Problem &warning) {
         return std::find(options.allowed.begin(), options.allowed.end(), warning.id) != options.allowed.end();
     });
+    // Only now: a warning that was allowed must not fail a strict call.
     if (!options.strict || warnings.empty()) return status;
     problems.insert(problems.end(), warnings.begin(), warnings.end());
     return status == kGood ? kBad : status;
@@ -75,6 +76,7 @@ int CallReport::finish(int status) const {
     nlohmann::ordered_json json{{"schema", kJsonSchema},        {"command", command_},
                                 {"ok", status == kGood},        {"exit_status", status},
                                 {"problems", ToJson(problems)}, {"warnings", ToJson(warnings)}};
+    // After the envelope, whose names a subcommand's part never uses.
     for (const auto &[name, value] : part.items()) json[name] = value;
     fmt::print("{}\n", json.dump(2, ' ', true, nlohmann::ordered_json::error_handler_t::replace));
     return status;

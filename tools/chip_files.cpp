@@ -49,6 +49,7 @@ void RequireDistinct(const std::vector<std::string> &files) {
     for (std::size_t i = 0; i < files.size(); ++i)
         for (std::size_t j = i + 1; j < files.size(); ++j) {
             if (files[i].empty() || files[j].empty()) continue;
+            // By name for files that are not there yet, by the file itself for links and mounts.
             std::error_code error;
             if (std::filesystem::weakly_canonical(files[i], error) ==
                     std::filesystem::weakly_canonical(files[j], error) ||

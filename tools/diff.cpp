@@ -88,6 +88,7 @@ template <typename Contents> void ComparePages(Contents &one, Contents &other, D
     const std::uint32_t pages = PagesOf(one);
     std::map<std::string, std::vector<std::uint32_t>> changed;
     for (std::uint32_t page = 0; page < pages; ++page)
+        // Pages that were never written are one shared page, so most of a chip is passed over by address.
         if (&one.page(page) != &other.page(page) && one.page(page) != other.page(page))
             changed[PartOf(flash, page * (flash.bytes / pages))].push_back(page);
     for (const auto &[part, numbers] : changed)
@@ -215,6 +216,7 @@ unsigned HeadersAt(const fs::path &file, Medium medium) {
 
 // The kind of a chip's file, by its length and by where images lie in it.
 std::string KindOf(const fs::path &file, const fs::path &other) {
+    // No dump of a flash chip is so short.
     if (fs::file_size(file) == EepromContents::kSize) return "eeprom";
     std::uintmax_t largest = 0;
     for (const At45Part &part : At45Parts()) largest = std::max<std::uintmax_t>(largest, part.bytes());

@@ -168,6 +168,7 @@ void CheckFix(const DoctorCall &call, std::size_t chips) {
     if (chips == 0) RequireInCall(false, "doctor", "no chip", "--nand, --dataflash or --eeprom");
     if (call.fix.empty()) return;
     RequireInCall(chips == 1, "--fix", "mends one chip a call", "one of --nand, --dataflash and --eeprom");
+    // Never over an older file: it may be the only copy of what the chip held.
     if (fs::exists(fs::symlink_status(call.fix)))
         throw Refusal(Fault::call, {"exists", call.fix, "exists already", "a new name"});
 }

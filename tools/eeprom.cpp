@@ -140,6 +140,7 @@ StoredParameter ParseSetting(const std::string &text) {
     const std::string id = text.substr(0, equals);
     if (const std::optional<StoredParameter> named = ParseNamed(id, std::string_view(text).substr(equals + 1)))
         return *named;
+    // People write identifiers in either form.
     const bool hex = id.starts_with("0x");
     const std::optional<unsigned> identifier = ParseNumber(std::string_view(id).substr(hex ? 2 : 0), hex ? 16 : 10);
     if (!identifier || *identifier > 0xFFE)
@@ -160,6 +161,7 @@ int Set(const EepromCall &call) {
     for (const std::string &setting : call.settings) changes.push_back(ParseSetting(setting));
     OutputFiles outputs;
     EepromContents chip;
+    // Held from the read to the write: two calls at once would otherwise each drop the other's setting.
     OpenChip<EepromContents> file(chip, call.file, ChipUse::create, outputs);
     try {
         UpdateStore(chip.bytes, changes);

@@ -39,6 +39,7 @@ public:
         const Straps &straps = StrapsByName().at(call.straps);
         state_.pins_12_13 = straps.pins_12_13;
         state_.pins_14_18 = straps.pins_14_18;
+        // The straps decide which chip is read at all; a file of the other one would not change the answer.
         if (state_.medium() == Medium::nand) {
             nand_ = LoadNand(call.chips);
             state_.flash = RawFlashOf(nand_);

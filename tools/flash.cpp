@@ -117,6 +117,7 @@ int Show(const FlashCall &call, const char *command, const std::vector<ShownChip
     return outcome.finish(outcome.judged(boots ? kGood : kBad, call.judging));
 }
 
+// Read alone, and never locked: to look at a dump somebody else may be writing must not make him wait.
 template <typename Contents> ShownChip Look(Contents contents, const std::string &file) {
     const ChipFileLayout layout = LoadChip(contents, file);
     return {file, layout.describe(ShapeOf(contents)), ExamineFlash(RawFlashOf(contents))};
@@ -138,6 +139,7 @@ int ShowFlash(const FlashCall &call) {
 Provision ReadProvision(const FlashCall &call) {
     Provision provision{call.slot, ReadStoredImage(call.bootloader), {}, ""};
     if (call.rescue.empty()) return provision;
+    // The last one: a file's name may hold colons, a version seldom does.
     const std::size_t colon = call.rescue.rfind(':');
     if (colon == std::string::npos) throw Refusal(Fault::call, {"wrong-call", "--rescue", call.rescue, "FILE:VERSION"});
     provision.rescue = ReadStoredImage(call.rescue.substr(0, colon));
@@ -152,6 +154,7 @@ ShownChip ProvisionChip(Contents contents, const std::string &file, const Provis
     StoreProvision(flash, provision);
     chip.store();
     outputs.commit(); // while the chip is held
+    // What a new file holds is only known now, so its layout is told from the bytes that were written.
     const Bytes written = ChipBytesOf(contents, chip.layout(), file);
     return {file, RecogniseChip(file, written, ShapeOf(contents)).describe(ShapeOf(contents)), ExamineFlash(flash)};
 }
@@ -169,6 +172,7 @@ int ProvisionFlash(const FlashCall &call) {
     if ((nand ? chips.nand : chips.dataflash).empty())
         throw Refusal(Fault::call, {"wrong-call", "flash provision", "no chip file", "--" + call.medium});
     RequireDistinct({chips.nand, chips.dataflash});
+    // Before any chip is opened: an image that cannot be used leaves nothing locked and nothing half made.
     const Provision provision = ReadProvision(call);
     OutputFiles outputs;
     if (nand)

@@ -49,6 +49,7 @@ const std::string &OnlyChip(const SlotCall &call) {
 template <typename Contents, typename Work>
 void OnContents(const SlotCall &call, Contents contents, bool changes, Work work) {
     const std::string &file = OnlyChip(call);
+    // With --out the named chip is only looked at: a dump from a dead board is evidence.
     const bool in_place = changes && call.out.empty();
     RequireDistinct({file, call.out});
     OutputFiles outputs;
@@ -75,6 +76,7 @@ int Extract(const SlotCall &call) {
         if (!call.raw && image.verdict() != ImageVerdict::good)
             throw Refusal(OnlyChip(call), fmt::format("{}: {}", slot.name, NameOf(image.verdict())),
                           "a good image, or --raw for the slot's bytes as they are");
+        // Raw bytes are for those who want to see a damaged image; a good one ends where its header says.
         const Bytes bytes = call.raw ? flash.read(slot.address, RoomIn(flash, slot)) : image.bytes;
         WriteFile(call.out, bytes);
         size = bytes.size();

@@ -34,6 +34,7 @@ Problems WarningsOf(const ImageCall &call, const std::string &file, const ImageR
             return slot.fits && std::string_view(slot.slot).starts_with(name);
         });
     };
+    // Slots, holes and tails say nothing about an image that no slot would start.
     if (!report.good()) return all;
     if (report.image.has_no_body())
         add("no-body", "a header alone, with nothing to start: a board that stores it is lost");
@@ -93,6 +94,7 @@ int Show(const ImageCall &call, const char *command, const std::string &file, co
 
 int WrapImage(const ImageCall &call) {
     OutputFile output(call.output);
+    // After the output is proven writable, as everywhere: a long input is then not read for nothing.
     const Bytes image = WrapFile(call.input);
     output.write(image);
     output.finish();

@@ -21,6 +21,7 @@ constexpr int kConsoleRowsLeast = 6;
 Live::Live(double pace) : pace_(pace), begin_(std::chrono::steady_clock::now()) {
     winsize size{};
     if (isatty(STDOUT_FILENO) == 0 || ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) return;
+    // The line between panel and console is the caption's.
     const int room = size.ws_row - kConsoleRowsLeast - 1;
     if (room < 4 || TerminalPreview(Picture(320, 240), size.ws_col, room, environ).empty()) return;
     rows_ = std::min(kPanelRows, room);

@@ -80,6 +80,7 @@ CLI::Validator WholeNumber(std::uint64_t least, std::uint64_t most) {
 
 CLI::Validator Number(double least, double most) {
     const std::string range = fmt::format("{} to {}", least, most);
+    // std::from_chars takes no blanks and no locale, so "1,5" and " 1" are refused everywhere alike.
     return CLI::Validator(
         [=](std::string &text) {
             double value = 0;

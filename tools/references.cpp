@@ -27,6 +27,7 @@ std::vector<ReferenceImage> BankReferences(const fs::path &bank) {
     for (const RecordReport &record : report.records) {
         if (record.role != FileRole::bootloader && record.role != FileRole::rescue) continue;
         const fs::path file = bank / record.record.path;
+        // A chip held against a damaged file would be called damaged itself.
         if (!record.problem.empty()) throw Refusal(file, record.problem, "a good image");
         const std::string &version = report.descriptor.entries[static_cast<std::size_t>(record.role)].version;
         references.push_back({fmt::format("{} {} of {}", NameOf(record.role), version, bank.string()), record.role,

@@ -18,6 +18,7 @@ Replay::Replay(const std::string &name, std::optional<unsigned> power_up, Proces
       sweeper_(world_, processor, firmware_), power_up_(power_up.value_or(static_cast<unsigned>(id_.cuts.size()))) {
     const std::size_t cuts = std::min<std::size_t>(power_up_, id_.cuts.size());
     chips = sweeper_.cut({id_.cuts.begin(), id_.cuts.begin() + static_cast<std::ptrdiff_t>(cuts)}, id_.seed);
+    // After the cuts every power-up is whole; the asked one finds what those before it left.
     for (std::size_t n = cuts; n < power_up_; ++n) sweeper_.boot(chips, static_cast<unsigned>(n));
 }
 

@@ -195,6 +195,7 @@ std::vector<std::string> ReadHistory(const std::string &file) {
 
 // A case of the program for a history that the model found.
 int Follow(const SweepCall &call, const SweepFirmware &firmware) {
+    // A trail names regions, not a scenario: any that begins alike may be the one.
     const std::vector<Scenario> scenarios =
         call.asked.scenarios.empty() ? AllScenarios(firmware) : FindScenarios(call.asked.scenarios, firmware);
     const ClosurePlan plan{scenarios,
