@@ -1,8 +1,10 @@
 // make bench: speed on the emulated processor, the same figures on every machine and every run.
 //
-//   fixture-bench                   prints the table, as docs/bench.txt records it
+//   fixture-bench                   prints the table, and what whole boots spend their time on, as docs/bench.txt
+//                                   records it
 //   fixture-bench docs/bench.txt    prints it and compares: exit status 1 where a figure has got worse by more than one
 //                                   part in a hundred, or is missing on either side
+#include "harness/boot_speed.h"
 #include "harness/speed.h"
 
 #include <fmt/format.h>
@@ -17,8 +19,9 @@ namespace {
 constexpr std::size_t kNameWidth = 32;
 constexpr double kAllowance = 1.01;
 
-SpeedRows Measure() {
+SpeedRows Measure(const std::vector<MeasuredBoot> &boots) {
     SpeedRows all;
+    for (const MeasuredBoot &boot : boots) all.push_back(boot.row);
     for (const SpeedRows &rows : {NandSpeed(), DataflashSpeed(), PathSpeed(), PanelSpeed()})
         all.insert(all.end(), rows.begin(), rows.end());
     return all;
@@ -32,14 +35,18 @@ void Print(const SpeedRows &rows) {
                    row.ratio(), row.limit_is);
 }
 
-// What an earlier run printed: figures by name.
+void Print(const std::vector<MeasuredBoot> &boots) {
+    for (const MeasuredBoot &boot : boots) fmt::print("\n{}\n{}", boot.row.what, boot.timeline);
+}
+
+// What an earlier run printed, up to the first empty line: figures by name.
 std::map<std::string, double> ReadRecord(const char *file) {
     std::ifstream in(file);
     if (!in) throw std::runtime_error(fmt::format("{}: cannot be opened", file));
     std::map<std::string, double> record;
     std::string line;
     std::getline(in, line);
-    while (std::getline(in, line)) {
+    while (std::getline(in, line) && !line.empty()) {
         if (line.size() <= kNameWidth) throw std::runtime_error(fmt::format("{}: no figure in \"{}\"", file, line));
         const std::size_t end = line.find_last_not_of(' ', kNameWidth - 1);
         record[line.substr(0, end + 1)] = std::stod(line.substr(kNameWidth));
@@ -76,8 +83,10 @@ using namespace fixture;
 
 int main(int count, char **arguments) {
     try {
-        const SpeedRows rows = Measure();
+        const std::vector<MeasuredBoot> boots = BootSpeed();
+        const SpeedRows rows = Measure(boots);
         Print(rows);
+        Print(boots);
         if (count < 2 || Compare(rows, ReadRecord(arguments[1])) == 0) return 0;
         fmt::print(stderr, "if that is meant: make bench-record, and commit docs/bench.txt\n");
     } catch (const std::exception &error) {

@@ -69,6 +69,13 @@ void Machine::connect() {
         if (!options_.keep_going) stop({StageEnd::fault, 0, entry.where + ": " + entry.what});
     };
     volume_.observer = [this](std::string call) { tell(EventKind::file, "volume", std::move(call)); };
+    const auto page_time = static_cast<Picoseconds>(static_cast<double>(kSecond * Volume::kPageBytes) /
+                                                    (options_.file_rate * 1024 * 1024));
+    volume_.moved = [this, page_time](std::uint64_t pages, std::uint64_t fresh) {
+        file_time_ += pages * page_time;
+        file_time_needed_ += fresh * page_time;
+        board_.clock.advance(pages * page_time);
+    };
     board_.bus.unmapped = [this](std::uint32_t address, bool is_write) {
         stop({StageEnd::fault, 0,
               fmt::format("{} at 0x{:08X}, where nothing is", is_write ? "write" : "read", address)});
@@ -234,6 +241,7 @@ void Machine::launch() {
          fmt::format("launches {} ({} bytes) at 0x{:08X}", report_.launched, report_.launched_bytes, handover->entry));
     if (!options_.run_launched) return;
     running_ = program_at(handover->entry);
+    in_launched_ = true;
     const StageResult end = arm().run(handover->entry);
     static constexpr std::array kEnds = {"was reset", "ended", "is still running", "faulted", "lost power", "stopped"};
     report_.launched_end = kEnds[static_cast<std::size_t>(end.end)];

@@ -27,6 +27,10 @@ namespace fixture {
 
 enum class ProcessorKind : std::uint8_t { arm, host };
 
+// What files arrive at, in MiB a second: a little less than raw pages of the 8-bit NAND do (12.7, docs/bench.txt), for
+// the layer between files and pages.
+inline constexpr double kFileRate = 12;
+
 struct RunOptions {
     ProcessorKind processor = ProcessorKind::arm;
     const KnownFirmware *known = nullptr;    // builds that images are known by; needed on the host
@@ -34,6 +38,7 @@ struct RunOptions {
     const Firmware *firmware = nullptr; // replaces the first stage's choice: at the first start with slots, else always
     bool slots = false;                 // the first stage looks for bootloaders in the chips' slots
     std::filesystem::path volume;       // directory of the file system; empty: no files
+    double file_rate = kFileRate;       // MiB of files that a second brings; above 0
     BoardOptions board;
     bool file_server_fails = false;
     unsigned most_resets = 8;
@@ -117,8 +122,15 @@ public:
     std::function<void(Trouble trouble, const std::string &what)> troubled;
     Chips &chips() { return chips_; }
     const RunOptions &options() const { return options_; }
+    // Bootloader starts so far.
+    unsigned starts() const { return starts_; }
+    // What files have taken so far, and what of it reading each page once a start would have.
+    Picoseconds file_time() const { return file_time_; }
+    Picoseconds file_time_needed() const { return file_time_needed_; }
     // Where the emulated processor is: 0 where none runs. Exact inside a bus access.
     std::uint32_t pc() const { return arm_ && arm_->running() ? arm_->pc() : 0; }
+    // Whether an image runs that was handed over.
+    bool in_launched() const { return in_launched_; }
     // What runs, known by its content: a build, or a program of the options. Null or without an ELF where nothing is
     // known of it.
     const Firmware *running() const { return running_; }
@@ -162,6 +174,9 @@ private:
     const Firmware *running_ = nullptr;
     std::optional<Firmware> from_slot_;
     std::optional<FrameRecorder> frames_;
+    Picoseconds file_time_ = 0;
+    Picoseconds file_time_needed_ = 0;
+    bool in_launched_ = false;
     unsigned starts_ = 0;
     std::optional<Sighting> sighting_; // of the first thing that went wrong
     std::string console_line_;         // the one that is being printed, or its beginning

@@ -45,15 +45,28 @@ int Volume::open_file(std::string_view path, bool for_writing) {
     int handle = 1;
     // The lowest free one, so that a trace has the same handles in every run.
     while (files_.contains(handle)) ++handle;
-    files_[handle] = opened;
+    OpenFile &entry = files_[handle] = {opened, &seen_[std::string(path)]};
     last_opened_ = path;
+    take(entry, 1);
     return handle;
+}
+
+// Reading goes from a file's beginning to its end, so that a count says which pages were seen.
+void Volume::take(OpenFile &file, std::uint64_t pages) {
+    file.pages += pages;
+    const std::uint64_t fresh = file.pages > *file.seen ? std::min(pages, file.pages - *file.seen) : 0;
+    *file.seen += fresh;
+    if (moved && pages > 0) moved(pages, fresh);
 }
 
 long Volume::read(int handle, std::span<std::uint8_t> bytes) {
     const auto file = files_.find(handle);
     if (file == files_.end()) return -EBADF;
-    const auto count = static_cast<long>(std::fread(bytes.data(), 1, bytes.size(), file->second));
+    OpenFile &from = file->second;
+    const auto count = static_cast<long>(std::fread(bytes.data(), 1, bytes.size(), from.file));
+    from.position += static_cast<std::uint64_t>(count);
+    const std::uint64_t touched = 1 + (from.position + kPageBytes - 1) / kPageBytes; // with its entry
+    take(from, touched - from.pages);
     if (observer) observer(fmt::format("read handle {}: {} of {} bytes", handle, count, bytes.size()));
     return count;
 }
@@ -61,14 +74,14 @@ long Volume::read(int handle, std::span<std::uint8_t> bytes) {
 long Volume::size(int handle) {
     const auto file = files_.find(handle);
     struct stat status;
-    if (file == files_.end() || fstat(fileno(file->second), &status) != 0) return -EBADF;
+    if (file == files_.end() || fstat(fileno(file->second.file), &status) != 0) return -EBADF;
     return status.st_size;
 }
 
 int Volume::close(int handle) {
     const auto file = files_.find(handle);
     if (file == files_.end()) return -EBADF;
-    std::fclose(file->second);
+    std::fclose(file->second.file);
     files_.erase(file);
     if (observer) observer(fmt::format("close handle {}", handle));
     return 0;
@@ -76,8 +89,9 @@ int Volume::close(int handle) {
 
 // A reset closes nothing on a debugger's side; files that the last stage left open would pile up.
 void Volume::close_all() {
-    for (auto &[handle, file] : files_) std::fclose(file);
+    for (auto &[handle, file] : files_) std::fclose(file.file);
     files_.clear();
+    seen_.clear();
 }
 
 struct SemihostingServer::Request {

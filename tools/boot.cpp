@@ -13,6 +13,7 @@
 #include "tools/option_checks.h"
 #include "tools/replay.h"
 #include "tools/terminal_preview.h"
+#include "tools/timeline_table.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -39,6 +40,8 @@ struct BootCall {
     std::string straps = "none";
     std::string fail;
     double watchdog = 0;
+    double file_rate = kFileRate;
+    bool timeline = false;
     unsigned most_resets = 8;
     bool json = false;
     ChipFiles files;
@@ -210,6 +213,7 @@ void UseReplay(const Replay &replay, RunOptions &options, Chips &chips) {
     const RunOptions asked = std::move(options);
     options = replay.options();
     options.console = asked.console;
+    options.file_rate = asked.file_rate;
     options.keep_going = asked.keep_going;
     options.sightings = asked.sightings;
     options.programs = asked.programs;
@@ -235,6 +239,7 @@ RunOptions OptionsOf(const BootCall &call, const KnownFirmware &known) {
     options.processor = call.host ? ProcessorKind::host : ProcessorKind::arm;
     options.known = &known;
     options.volume = call.volume;
+    options.file_rate = call.file_rate;
     options.board.straps = StrapsByName().at(call.straps);
     if (call.watchdog > 0)
         options.board.watchdog = static_cast<Picoseconds>(call.watchdog * static_cast<double>(kSecond));
@@ -275,6 +280,8 @@ void CheckOptions(const BootCall &call) {
     CheckObserveOptions(call.observe);
     RequireInCall(!call.host || !call.observe.gdb_port, "--gdb", "needs the emulated processor",
                   "no --host: there this machine's own debugger serves");
+    RequireInCall(!call.host || !call.timeline, "--timeline", "needs the emulated processor",
+                  "no --host: there instructions take no time");
     const bool chips = call.files.named() || !call.eeprom.empty();
     RequireInCall(chips || !call.create, "--create", "has no effect without a chip file",
                   "--nand, --dataflash or --eeprom");
@@ -317,12 +324,15 @@ int Boot(BootCall call) {
     std::optional<BoardVcd> vcd;
     if (vcd_file) vcd.emplace(vcd_file->stream(), call.vcd_signals, machine);
     if (panel.wanted()) machine.record_frames(kWirings.at(call.panel_wiring));
+    std::optional<Timeline> timeline;
+    if (call.timeline) timeline.emplace(machine);
     looking_on.start();
     const RunReport report = replay ? replay->run(machine) : machine.run();
     std::optional<Prediction> foretold;
     if (!replay && CanForecast(before, options) && (looking_on.wants_forecast() || report.exit_status() != kGood))
         foretold = Forecast(before, options);
     looking_on.finish(report, Describe(report), foretold ? &*foretold : nullptr);
+    if (timeline) timeline->finish();
     vcd.reset();
     if (panel.wanted())
         panel.write(*machine.frames(), report.time, [&](Picoseconds time) { return looking_on.last_line(time); });
@@ -331,6 +341,7 @@ int Boot(BootCall call) {
     outputs.commit();
     outcome.part = ToJson(report);
     looking_on.add_end(report, outcome.part);
+    if (timeline) outcome.part["timeline"] = TimelineJson(*timeline);
     if (replay) outcome.part["outcome"] = NameOf(replay->judgement().outcome);
     const int status = Report(call, report, looking_on.describe_end(report),
                               replay ? ""
@@ -338,6 +349,7 @@ int Boot(BootCall call) {
                                                foretold ? &*foretold : nullptr},
                                               report, machine.board(), board.chips, known),
                               outcome);
+    if (timeline && !call.json) fmt::print(stderr, "{}", TimelineTable(*timeline));
     if (replay && !call.json) fmt::print(stderr, "{}: {}\n", call.replay, NameOf(replay->judgement().outcome));
     return status;
 }
@@ -365,6 +377,10 @@ void AddBootCommand(CLI::App &app, int &exit_status) {
         command->add_option("--max-resets", call->most_resets, "number of resets after which the run counts as a loop")
             ->check(WholeNumber(1, 1'000'000))
             ->capture_default_str();
+    command->add_option("--file-rate", call->file_rate, "what files arrive at, in MiB a second")
+        ->check(Number(0.01, 100'000))
+        ->capture_default_str();
+    command->add_flag("--timeline", call->timeline, "split the virtual time by what it went to");
     CLI::Option *const demo =
         command->add_flag("--demo", call->demo, "a demo board, made for this run; the same as no option at all");
     for (CLI::Option *const option : {firmware, volume, straps}) demo->excludes(option);

@@ -1,0 +1,66 @@
+#include "tools/timeline_table.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+
+namespace fixture {
+
+namespace {
+
+constexpr std::size_t kMostColumns = 5; // of starts; more do not fit a line
+
+double Milliseconds(Picoseconds time) { return static_cast<double>(time) / static_cast<double>(kMillisecond); }
+
+std::string Line(const std::string &name, const std::vector<Picoseconds> &starts, const TimeSpent &spent,
+                 const TimeSpent &boot) {
+    std::string line = fmt::format("{:14}", name);
+    for (const Picoseconds time : starts) line += fmt::format(" {:11.3f}", Milliseconds(time));
+    return line + fmt::format(" {:11.3f} {:6.2f} % {:11.3f}", Milliseconds(spent.time),
+                              100 * static_cast<double>(spent.time) / static_cast<double>(boot.time),
+                              Milliseconds(spent.dictated));
+}
+
+nlohmann::ordered_json ToJson(const TimeSpent &spent) {
+    return {{"ms", Milliseconds(spent.time)}, {"dictated_ms", Milliseconds(spent.dictated)}};
+}
+
+} // namespace
+
+std::string TimelineTable(const Timeline &timeline) {
+    const TimeSplit sum = timeline.sum();
+    const TimeSpent boot = timeline.total();
+    const std::size_t columns = timeline.starts().size() > kMostColumns ? 0 : timeline.starts().size();
+    std::string text = fmt::format("{:14}", "virtual ms");
+    for (std::size_t start = 0; start < columns; ++start)
+        text += fmt::format(" {:>11}", fmt::format("start {}", start + 1));
+    text += fmt::format(" {:>11} {:>8} {:>11}\n", "all", "share", "dictated");
+    std::vector<Picoseconds> whole(columns);
+    for (std::size_t cause = 0; cause < kCauses; ++cause) {
+        if (sum[cause].time == 0) continue;
+        const bool counts = static_cast<Cause>(cause) != Cause::application;
+        std::vector<Picoseconds> each;
+        for (std::size_t start = 0; start < columns; ++start) {
+            each.push_back(timeline.starts()[start][cause].time);
+            if (counts) whole[start] += each.back();
+        }
+        text += Line(NameOf(static_cast<Cause>(cause)), each, sum[cause], boot) + "\n";
+    }
+    return text + Line("boot", whole, boot, boot) + fmt::format("  {:.4f} times what is dictated\n", boot.ratio());
+}
+
+nlohmann::ordered_json TimelineJson(const Timeline &timeline) {
+    const TimeSpent boot = timeline.total();
+    nlohmann::ordered_json json = ToJson(boot);
+    json["ratio"] = boot.ratio();
+    json["rest"] = timeline.rest();
+    json["starts"] = nlohmann::ordered_json::array();
+    for (const TimeSplit &start : timeline.starts()) {
+        nlohmann::ordered_json causes = nlohmann::ordered_json::object();
+        for (std::size_t cause = 0; cause < kCauses; ++cause)
+            if (start[cause].time > 0) causes[NameOf(static_cast<Cause>(cause))] = ToJson(start[cause]);
+        json["starts"].push_back(causes);
+    }
+    return json;
+}
+
+} // namespace fixture
