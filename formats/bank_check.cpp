@@ -1,6 +1,5 @@
 #include "formats/bank_check.h"
 
-#include "formats/board_volume.h"
 #include "formats/stored_image.h"
 
 #include <algorithm>
@@ -61,8 +60,7 @@ std::string CheckFailure(const fs::path &file, const ManifestRecord &record, Byt
 }
 
 // Why an image is not stored, slots apart. A rescue image may be of any maker.
-std::string StoreFailure(FileRole role, const fs::path &file, const ImageReport &image) {
-    if (!BoardMayWrite(file)) return "the file is write-protected; the bootloader opens it for writing";
+std::string StoreFailure(FileRole role, const ImageReport &image) {
     const bool any_maker = role == FileRole::rescue;
     if (any_maker ? image.image.sums_agree() : image.image.sums_agree() && image.image.maker) return "";
     for (const ImageField &field : image.fields)
@@ -95,11 +93,10 @@ void WarnOfImage(BankReport &bank, const RecordReport &report, const StoredImage
     }
 }
 
-void ExamineImageFile(BankReport &bank, RecordReport &report, const fs::path &file, const Bytes &bytes,
-                      const BoardView &board) {
+void ExamineImageFile(BankReport &bank, RecordReport &report, const Bytes &bytes, const BoardView &board) {
     const ImageReport image = ExamineImage(bytes);
     report.image_size = image.image.size;
-    report.problem = StoreFailure(report.role, file, image);
+    report.problem = StoreFailure(report.role, image);
     report.storable = report.problem.empty();
     if (!report.storable) return;
     if (image.image.size == kImageHeaderBytes)
@@ -131,7 +128,7 @@ RecordReport ExamineRecord(BankReport &bank, const fs::path &directory, const Ma
     report.passes = report.problem.empty();
     if (!report.passes) return report;
     if (role == FileRole::application) ExamineApplication(bank, report, bytes);
-    if (role == FileRole::bootloader || role == FileRole::rescue) ExamineImageFile(bank, report, file, bytes, board);
+    if (role == FileRole::bootloader || role == FileRole::rescue) ExamineImageFile(bank, report, bytes, board);
     return report;
 }
 
@@ -224,8 +221,6 @@ BankReport ExamineBank(const fs::path &directory, const std::string &board_direc
     const std::optional<Bytes> descriptor = ReadText(directory, kDescriptorName, bank);
     if (descriptor) {
         bank.descriptor = ReadDescriptor(*descriptor);
-        if (!BoardMayWrite(directory / kDescriptorName))
-            bank.descriptor.problem = "write-protected; the bootloader opens it for writing";
         if (!bank.descriptor.problem.empty())
             AddProblem(bank, "bad-descriptor", kDescriptorName, bank.descriptor.problem);
     }

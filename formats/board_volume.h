@@ -13,8 +13,8 @@ namespace fixture {
 // empty directory name is a volume that holds nothing.
 std::optional<std::filesystem::path> FindOnVolume(const std::filesystem::path &directory, std::string_view path);
 
-// Whether the file's own mode lets a board write it. The bootloader opens the descriptor, and every file that it
-// stores, for writing too; whoever runs this program may be allowed to write anything, which says nothing of the board.
+// Whether the file's own mode lets a board write it; whoever runs this program may be allowed to write anything, which
+// says nothing of the board. Nothing of a bank depends on it: the platform reads a file that it may not write.
 bool BoardMayWrite(const std::filesystem::path &file);
 
 } // namespace fixture

@@ -100,7 +100,6 @@ private:
     std::string check_file(const Listed &file, Bytes &content);
     std::string check_image(const Bytes &file) const;
     void update_rescue();
-    std::string load_to_store(const Listed &listed, const Bytes &file);
     std::string store_rescue(const Bytes &file, const Bytes &version);
     Went update_bootloader();
     std::string store_bootloader(const Bytes &file);
@@ -290,11 +289,6 @@ Predictor::Went Predictor::bank(const std::string &directory) {
         warn("descriptor-large", path,
              fmt::format("{} bytes: its tree may not fit the bootloader's heap of {}", size, kHeapBytes),
              "shorten it to what bank build writes");
-    if (!BoardMayWrite(*file)) {
-        tell("bank-rejected", path, "write-protected, and the bootloader opens it for writing: the bank is passed over",
-             fmt::format("\tFatal Error : read file failed with errno=9{}", kRejected));
-        return Went::on;
-    }
     descriptor_ = ReadDescriptor(ReadFile(*file, kHeapBytes));
     if (!descriptor_.problem.empty()) {
         tell("bank-rejected", path, fmt::format("{}: the bank is passed over", descriptor_.problem), kRejected);
@@ -366,15 +360,6 @@ std::string Predictor::check_file(const Listed &file, Bytes &content) {
     return sum == file.sum ? "" : fmt::format("byte-sum {} found, {} listed", sum, file.sum);
 }
 
-// Why a file that has passed its check is not stored all the same: the bootloader opens it once more, for writing, and
-// looks at its header. Empty where nothing is against it.
-std::string Predictor::load_to_store(const Listed &listed, const Bytes &file) {
-    const std::optional<fs::path> found = FindOnVolume(board_.volume, listed.path);
-    if (found && BoardMayWrite(*found)) return check_image(file);
-    say("\tFatal Error : unable to load bootloader into ram\n");
-    return "write-protected, and the bootloader opens it for writing";
-}
-
 // Why a file is no stored image for the bootloader; empty where it is one, whatever its maker.
 std::string Predictor::check_image(const Bytes &file) const {
     if (file.size() < kImageHeaderBytes) return fmt::format("{} bytes are no stored image", file.size());
@@ -415,9 +400,7 @@ void Predictor::update_rescue() {
 }
 
 std::string Predictor::store_rescue(const Bytes &file, const Bytes &version) {
-    if (std::string problem = load_to_store(*files_[static_cast<std::size_t>(FileRole::rescue)], file);
-        !problem.empty())
-        return problem;
+    if (std::string problem = check_image(file); !problem.empty()) return problem;
     const std::uint32_t size = SizeField(file);
     if (nand_ && size > slots_.rescue.capacity)
         return fmt::format("{} bytes; the slot takes {}", size, slots_.rescue.capacity);
@@ -464,9 +447,7 @@ Predictor::Went Predictor::update_bootloader() {
 
 // Writes the image where no good one lies and retires the other copy afterwards. Why not, or empty.
 std::string Predictor::store_bootloader(const Bytes &file) {
-    if (std::string problem = load_to_store(*files_[static_cast<std::size_t>(FileRole::bootloader)], file);
-        !problem.empty())
-        return problem;
+    if (std::string problem = check_image(file); !problem.empty()) return problem;
     if (!HasMaker(file)) return "its maker text is another one; the first stage would not start it";
     const Bytes image(file.begin(), file.begin() + SizeField(file));
     const auto &slots = slots_.bootloader;
