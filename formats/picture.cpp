@@ -9,6 +9,7 @@
 #include <memory>
 #include <new>
 #include <png.h>
+#include <stdexcept>
 
 namespace fixture {
 
@@ -151,7 +152,7 @@ struct CloseGif {
 } // namespace
 
 Bytes GifOf(std::span<const GifFrame> frames) {
-    assert(!frames.empty() && "an animation has frames");
+    if (frames.empty()) throw std::runtime_error("an animation needs a frame");
     Bytes bytes;
     int error = 0;
     std::unique_ptr<GifFileType, CloseGif> gif(EGifOpen(&bytes, Append, &error));

@@ -137,7 +137,7 @@ void FuzzTexts(std::span<const std::uint8_t> input) {
             Require(ParseCase(NameOf(*id)).has_value(), "a case's own name is none");
     if (which == 2) try {
             VcdSignals(text);
-        } catch (const std::invalid_argument &) { // names the signals there are
+        } catch (const Refusal &) { // names the signals there are
         }
     if (which == 3) {
         const std::filesystem::path file = ScratchFile("eeprom", Bytes(2048, 0xFF));

@@ -18,7 +18,7 @@ constexpr const char *kTooManyOpen = "F-1,18";
 
 std::string BigEndian(std::uint64_t value, unsigned bytes) {
     std::string text;
-    for (unsigned n = bytes; n-- > 0;) text += static_cast<char>(value >> 8 * n);
+    for (unsigned n = bytes; n-- > 0;) text += static_cast<char>(n < sizeof value ? value >> 8 * n : 0);
     return text;
 }
 

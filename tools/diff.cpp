@@ -267,8 +267,9 @@ void CompareBoards(const DiffCall &call, Differences &found) {
         }
     if (!any)
         throw Refusal(
-            fmt::format("{} and {}", call.one, call.other), "neither banks nor boards",
-            fmt::format("{} in a bank; nand.bin, dataflash.bin, eeprom.bin or data/ in a board", kDescriptorName));
+            Fault::call,
+            {"wrong-call", fmt::format("{} and {}", call.one, call.other), "neither banks nor boards",
+             fmt::format("{} in a bank; nand.bin, dataflash.bin, eeprom.bin or data/ in a board", kDescriptorName)});
 }
 
 Differences Find(const DiffCall &call) {

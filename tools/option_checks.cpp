@@ -121,9 +121,13 @@ Problem ProblemOf(const CLI::ParseError &error, const CLI::App &app, const std::
     const auto wrong = [](std::string where, std::string found, std::string expected) {
         return Problem{"wrong-call", std::move(where), std::move(found), std::move(expected)};
     };
-    if (text == "A subcommand is required") return wrong(command, "no subcommand", Either(SubcommandsOf(app)));
-    if (const std::vector<std::string> strange = app.remaining(true); error.get_name() == "ExtrasError")
-        return wrong(command, fmt::format("\"{}\" means nothing here", strange.empty() ? "" : strange.front()), "");
+    // A mistyped word is also a missing one: what stands there says more than what does not.
+    const auto code = static_cast<CLI::ExitCodes>(error.get_exit_code());
+    const std::vector<std::string> strange = app.remaining(true);
+    const std::string words = text == "A subcommand is required" ? Either(SubcommandsOf(app)) : "";
+    if (!strange.empty() && (code == CLI::ExitCodes::ExtrasError || code == CLI::ExitCodes::RequiredError))
+        return wrong(command, fmt::format("\"{}\" means nothing here", strange.front()), words);
+    if (!words.empty()) return wrong(command, "no subcommand", words);
     // A check's own words stand after the option's name.
     if (const std::size_t colon = text.find(": "); error.get_name() == "ValidationError" && colon != std::string::npos)
         return wrong(text.substr(0, colon), text.substr(colon + 2), "");

@@ -20,6 +20,7 @@ _start:
     .ltorg
 
     .text
+    .type   start_up, %function         @ so that a call chain names it
 start_up:
     msr     cpsr_c, #0xD3               @ supervisor mode, no interrupts
     ldr     sp, =__stack_end
@@ -42,6 +43,7 @@ start_up:
 @ A vector hands on: which exception, the address of the instruction, the saved status. The link register lies
 @ `distance` bytes after that instruction.
     .macro  vector name, number, distance
+    .type   \name, %function
 \name:
     ldr     sp, =__fault_stack_end
     mov     r0, #\number

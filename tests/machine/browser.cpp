@@ -24,7 +24,8 @@ std::uint16_t FreePort() {
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;
-    EXPECT_EQ(bind(probe, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    if (bind(probe, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0)
+        throw std::runtime_error("no free port on the loopback address");
     getsockname(probe, reinterpret_cast<sockaddr *>(&address), &length);
     close(probe);
     return ntohs(address.sin_port);

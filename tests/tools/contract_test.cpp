@@ -330,9 +330,9 @@ TEST(Contract, CallsThatMakeNoSenseAreRefused) {
         Words words;
         const char *message; // after "fixture: "
     } rows[] = {
-        {{}, "fixture: no subcommand; expected boot, bank, diff, doctor,"},
+        {{}, "fixture: no subcommand; expected boot, bank, describe, diff, doctor,"},
         {{"flash"}, "fixture flash: no subcommand; expected provision, info,"},
-        {{"flash", "nonsense"}, "fixture flash: no subcommand; expected provision, info,"},
+        {{"flash", "nonsense"}, "fixture flash: \"nonsense\" means nothing here; expected provision, info,"},
         {{"boot", "--strap", "none"}, "fixture boot: \"--strap\" means nothing here; did you mean \"--straps\"?"},
         {{"image", "wrap", "x"}, "fixture image wrap: OUT is missing; see fixture image wrap --help"},
         {{"boot", "--nand"}, "--nand: no value after it"},

@@ -40,7 +40,8 @@ TEST(Look, CostsNothing) {
 
 // At whatever pace, where no terminal can show the panel: the console and the verdict are those of the plain run.
 TEST(Look, LiveIsTheSameRun) {
-    const std::vector<std::vector<std::string>> calls = {{"boot"}, {"boot", "--replay", "parameters/0-to-1:2t"}};
+    const std::vector<std::vector<std::string>> calls = {{"boot", "--demo"},
+                                                         {"boot", "--replay", "parameters/0-to-1:2t"}};
     for (std::vector<std::string> call : calls) {
         const CommandResult plain = RunCommand(AddBootCommand, call);
         call.insert(call.end(), {"--live", "1000000"});
