@@ -104,7 +104,7 @@ StageResult NativeProcessor::start(const BootVersion &version) {
 }
 
 StageResult NativeProcessor::run(const BootVersion &version) {
-    const StageResult started = start(version);
+    StageResult started = start(version);
     if (started.end != StageEnd::stopped_at) return started;
     return RunStage([] { return StageResult{StageEnd::exited, bootloader_main(), ""}; });
 }

@@ -99,6 +99,11 @@ const Call kCalls[] = {
     {"eeprom set", {"eeprom", "set", "IN", "9=01"}, "eeprom", true, false},
     {"splash encode", {"splash", "encode", "IN", "OUT"}, "png", false, true},
     {"splash decode", {"splash", "decode", "IN", "OUT"}, "array", false, true},
+    {"sweep edges",
+     {"sweep", "parameters/0-to-1", "--closure", "--most-states", "1", "--jobs", "1", "--edges", "OUT"},
+     nullptr,
+     false,
+     true},
 };
 
 // Files that every call can work with, made once, and a directory to spoil copies of them in.
@@ -121,16 +126,16 @@ public:
         const Picture picture(kSplashWidth, kSplashHeight);
         WritePng(good("png"), picture);
         WriteFile(good("array"), SplashSource(EncodeSplash(picture, "")));
-        fs::create_directory(directory.path() / "work");
-        fs::permissions(directory.path(), fs::perms(0755)); // so that Unprivileged gets as far as the files
+        fs::create_directory(directory_.path() / "work");
+        fs::permissions(directory_.path(), fs::perms(0755)); // so that Unprivileged gets as far as the files
     }
-    fs::path good(const std::string &name) const { return directory.path() / name; }
-    fs::path work(const std::string &name) const { return directory.path() / "work" / name; }
+    fs::path good(const std::string &name) const { return directory_.path() / name; }
+    fs::path work(const std::string &name) const { return directory_.path() / "work" / name; }
     // A fresh copy of what a call takes.
     void lay_out(const Call &call) const {
-        fs::remove_all(directory.path() / "work");
-        fs::create_directory(directory.path() / "work");
-        fs::permissions(directory.path() / "work", fs::perms::all); // an input is to fail, not the outputs
+        fs::remove_all(directory_.path() / "work");
+        fs::create_directory(directory_.path() / "work");
+        fs::permissions(directory_.path() / "work", fs::perms::all); // an input is to fail, not the outputs
         if (call.input) fs::copy_file(good(call.input), work("given.bin"));
     }
     Words words_of(const Call &call) const {
@@ -149,13 +154,13 @@ public:
     // Every file that is there, with its bytes; what is no file, by its name alone.
     std::map<std::string, Bytes> contents() const {
         std::map<std::string, Bytes> all;
-        for (const fs::directory_entry &entry : fs::recursive_directory_iterator(directory.path() / "work"))
+        for (const fs::directory_entry &entry : fs::recursive_directory_iterator(directory_.path() / "work"))
             all[entry.path().string()] = entry.is_regular_file() ? ReadFile(entry.path(), 1u << 30) : Bytes{};
         return all;
     }
 
 private:
-    TemporaryDirectory directory;
+    TemporaryDirectory directory_;
 };
 
 const Workshop &Shop() {
@@ -237,6 +242,7 @@ TEST(Contract, ABadInputGivesTheSameStatusEverywhereAndHarmsNothing) {
     for (const Call &call : kCalls)
         for (const Condition &condition : kConditions) {
             SCOPED_TRACE(fmt::format("{}: {}", call.name, condition.name));
+            if (!call.input) continue;
             if (condition.fine_for.contains(call.input)) continue;
             const bool creates = std::string_view(condition.name) == "missing" && call.chip_is_input &&
                                  std::string_view(call.name) != "boot" &&
