@@ -3,6 +3,7 @@
 #include "stand_ins.h"
 
 #include <bootloader.h>
+#include <cstring>
 
 namespace {
 
@@ -35,7 +36,8 @@ const FlashDeviceRange *BSP_GetFlashDeviceRanges(int *count) {
 void FLASHLAYER_Start() {
     const FlashDeviceRange counted = AskForRange();
     const FlashDeviceRange opened = AskForRange();
-    Require(counted == opened, "the range changed between count and open");
+    // Six words without a gap on the board. NOLINTNEXTLINE(bugprone-suspicious-memory-comparison)
+    Require(std::memcmp(&counted, &opened, sizeof counted) == 0, "the range changed between count and open");
     Require(opened.device_class == kNandClass, "the range is not on a NAND device");
     Require(opened.instance == 0, "the range is not for instance 0");
     Require(opened.first_block <= opened.last_block, "the range is empty");

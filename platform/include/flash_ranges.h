@@ -11,6 +11,5 @@ struct FlashDeviceRange {
     std::uint32_t device_class; // 2 = NAND
     std::uint32_t instance;     // 0 = "WLFSDev0"
     const char *name;
-    bool operator==(const FlashDeviceRange &) const = default;
 };
 static_assert(sizeof(void *) != 4 || sizeof(FlashDeviceRange) == 24, "six words on the board");
