@@ -115,7 +115,7 @@ int Boot_Store(std::uint32_t nand_boot) {
     if (!Validate_HasMaker(image_load_buf)) return -1;
     LCD_DrawProgressBar(80);
     const std::uint32_t length = Validate_ImageSize(image_load_buf);
-    if (CopyImage(Medium_Of(nand_boot), image_load_buf, length) != 0) return -1;
+    if (CopyImage(*Medium_Of(nand_boot), image_load_buf, length) != 0) return -1;
     LCD_DrawProgressBar(100);
     Boot_Reset();
     return 0;

@@ -54,4 +54,4 @@ constexpr Medium sdFlashMedium = {
     false,     SDFlash_Read,      SDFlash_Write,        SDFlash_Write,      AdmitSDFlashRescue,
 };
 
-const Medium &Medium_Of(std::uint32_t nand_boot) { return nand_boot != 0 ? nandMedium : sdFlashMedium; }
+const Medium *Medium_Of(std::uint32_t nand_boot) { return nand_boot != 0 ? &nandMedium : &sdFlashMedium; }

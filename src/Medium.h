@@ -45,6 +45,13 @@ struct Medium {
     int (*admit_rescue)(std::uint32_t length);
 };
 
+// The medium that the board boots from.
+//
+//   nand_boot   0 = serial DataFlash, anything else = NAND flash
+//
+// Never null.
+const Medium *Medium_Of(std::uint32_t nand_boot);
+
 extern const Medium nandMedium;
 extern const Medium sdFlashMedium;
 
@@ -53,8 +60,3 @@ extern const std::uint32_t nandFlashBootSector[2];
 extern const std::uint32_t sdFlashBootSector[2];
 
 } // extern "C"
-
-// The medium that the board boots from.
-//
-//   nand_boot   0 = serial DataFlash, anything else = NAND flash
-const Medium &Medium_Of(std::uint32_t nand_boot);

@@ -62,7 +62,7 @@ int Rescue_Store(const char *record, std::uint32_t nand_boot) {
     if (Validate_LoadedImage(image_load_buf, static_cast<std::uint32_t>(loaded)) != 0) return -1;
     LCD_DrawProgressBar(80);
     const std::uint32_t length = Validate_ImageSize(image_load_buf);
-    const Medium &medium = Medium_Of(nand_boot);
+    const Medium &medium = *Medium_Of(nand_boot);
     if (CopyImage(medium, image_load_buf, length) != 0 || WriteVersion(medium, record) != 0) return -1;
     LCD_DrawProgressBar(100);
     return 0;
@@ -85,7 +85,7 @@ int Rescue_Load(std::uint32_t nand_boot) {
     LCD_DrawProgressBar(50);
     std::printf("\tFind valid rescue app...\n");
     std::fflush(stdout);
-    const Medium &medium = Medium_Of(nand_boot);
+    const Medium &medium = *Medium_Of(nand_boot);
     if (Validate_Image(medium, medium.rescue_slot) != 0) return -1;
     std::printf("\tRescue app found...\n");
     std::printf("\tResetting...\n");

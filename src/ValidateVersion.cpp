@@ -22,7 +22,7 @@ int Validate_IsNewBootVersion() {
 
 int Validate_IsNewRescueVersion(char *record, std::uint32_t nand_boot) {
     std::memset(record, 0, kRescueVersionSize);
-    const Medium &medium = Medium_Of(nand_boot);
+    const Medium &medium = *Medium_Of(nand_boot);
     if (medium.read(medium.rescue_version, record, kRescueVersionSize) != 0) return -1;
     // Where the record's NAND block is bad, the read skips on into the first bootloader slot, and so would the write.
     if (std::memcmp(record, OLramWrapper_StringToken, kRescueVersionSize) == 0) return -1;
