@@ -57,7 +57,7 @@ template <typename Contents> void FillSlots(Shape &shape, Contents &contents) {
 void CheckSlot(ModuleBoard &board, const std::string &medium, const FlashReader &read, const Slot &slot) {
     const StoredImage image = ReadSlot(read, slot);
     const bool header = board.call(("Validate_" + medium + "Header").c_str(), slot.address) == 0;
-    const std::uint32_t record = board.call("Medium_Of", medium == "NandFlash" ? 1u : 0u);
+    const auto record = static_cast<std::uint32_t>(board.call("Medium_Of", medium == "NandFlash" ? 1u : 0u));
     const bool whole = board.call("Validate_ImageWithin", record, slot.address, slot.capacity) == 0;
     Require((header && whole) == (image.verdict() == ImageVerdict::good), slot.name);
     Require(!header || image.verdict() != ImageVerdict::no_maker, slot.name);
