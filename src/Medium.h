@@ -4,7 +4,7 @@
 // any record. Start the drivers first (NandFlash_if_Init, SDFlash_Init).
 //
 //   char version[kRescueVersionSize] = "1.0";
-//   const Medium &medium = Medium_Of(1);
+//   const Medium &medium = *Medium_Of(1);
 //   medium.write_short(medium.rescue_version, version, sizeof version);
 //
 // Addresses are byte addresses from the start of the medium. Nothing is printed but by the drivers.
