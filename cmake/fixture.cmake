@@ -13,7 +13,7 @@ option(SANITIZE "build everything with the address and undefined-behaviour sanit
 
 # Modules and fixture share this process's low addresses with the board's SDRAM and the linker-set video region, so
 # nothing here may move. The program lies above the SDRAM's address, and with it the heap, which the system puts at
-# random up to 1 GiB behind it.
+# random up to 1 GiB above it.
 set(CMAKE_POSITION_INDEPENDENT_CODE OFF)
 add_compile_options(-fno-pie)
 add_link_options(-no-pie -Wl,-Ttext-segment=0x30000000)

@@ -75,7 +75,7 @@ void CheckName(const BankFile &file) {
     const std::size_t length = Extension(file).size();
     if (length == 0 || length > kLongestExtension)
         throw Refusal(file.source, fmt::format("an extension of {} characters", length),
-                      fmt::format("1 to {} behind the \".\"", kLongestExtension));
+                      fmt::format("1 to {} after the \".\"", kLongestExtension));
 }
 
 void CheckVersion(const BankFile &file) {

@@ -7,9 +7,9 @@ namespace fixture {
 
 namespace {
 
-// A check reads this much behind an image; a DataFlash refuses to read beyond its end.
-constexpr std::uint32_t kReadBehind = 32;
-// A record that reads so is none: it is the beginning of an image, read behind a bad block.
+// A check reads this much after an image; a DataFlash refuses to read beyond its end.
+constexpr std::uint32_t kReadAfter = 32;
+// A record that reads so is none: it is the beginning of an image, read after a bad block.
 constexpr std::string_view kNoRecord = "Orvalis Luminati";
 
 std::uint32_t BadBlocksIn(const RawFlash &flash, const Slot &slot) {
@@ -41,8 +41,8 @@ void Add(Warnings &warnings, const char *id, std::string where, std::string text
     warnings.push_back({id, std::move(where), std::move(text), ""});
 }
 
-// What lies behind a slot.
-const char *Behind(const RawFlash &flash, const Slot &slot) {
+// What lies after a slot.
+const char *After(const RawFlash &flash, const Slot &slot) {
     const SlotTable &table = SlotsOf(flash.medium);
     for (const Slot &next : {table.bootloader[1], table.rescue})
         if (next.address == slot.address + slot.capacity) return next.name;
@@ -59,7 +59,7 @@ void WarnOfBadBlocks(const RawFlash &flash, const Slot &slot, Warnings &warnings
     if (bad > 0)
         Add(warnings, "slot-loses-room", slot.name,
             fmt::format("{} bad block{} inside it; an image above {} bytes runs on into {}", bad, bad == 1 ? "" : "s",
-                        RoomIn(flash, slot), Behind(flash, slot)));
+                        RoomIn(flash, slot), After(flash, slot)));
 }
 
 void WarnOfPushedTail(const RawFlash &flash, const Slot &slot, std::uint32_t bytes, Warnings &warnings) {
@@ -68,7 +68,7 @@ void WarnOfPushedTail(const RawFlash &flash, const Slot &slot, std::uint32_t byt
         Add(warnings, "image-runs-on", slot.name,
             fmt::format("bad blocks push the last {} of {} bytes on into {}; of the two, what is written last destroys "
                         "the other",
-                        bytes - room, bytes, Behind(flash, slot)));
+                        bytes - room, bytes, After(flash, slot)));
 }
 
 void WarnOfRecordBlock(const RawFlash &flash, Warnings &warnings) {
@@ -97,7 +97,7 @@ void WarnOfSharedTail(const RawFlash &flash, const Slot &slot, std::uint32_t byt
     Add(warnings, "shared-page", slot.name,
         fmt::format("the last {} of {} bytes share page {} with {}; a power cut while one is written can destroy the "
                     "other",
-                    slot.address + bytes - page * flash.unit, bytes, page, Behind(flash, slot)));
+                    slot.address + bytes - page * flash.unit, bytes, page, After(flash, slot)));
 }
 
 void WarnOfRecordPage(const RawFlash &flash, Warnings &warnings) {
@@ -105,12 +105,12 @@ void WarnOfRecordPage(const RawFlash &flash, Warnings &warnings) {
     const Slot &record = SlotsOf(flash.medium).record;
     WarnOfSharedHead(flash, record, warnings);
     const std::uint32_t page = record.address / flash.unit;
-    const std::size_t behind = UsedBytes(flash, record.address + record.capacity, (page + 1) * flash.unit);
-    if (behind > 0)
+    const std::size_t after = UsedBytes(flash, record.address + record.capacity, (page + 1) * flash.unit);
+    if (after > 0)
         Add(warnings, "shared-page", record.name,
             fmt::format("page {} holds {} bytes of what lies after it; a power cut while the record is written can "
                         "destroy them",
-                        page, behind));
+                        page, after));
 }
 
 void WarnOfOnlySlot(const RawFlash &flash, std::uint32_t bytes, Warnings &warnings) {
@@ -204,7 +204,7 @@ void RefuseUnreadableRecord(const RawFlash &flash, const Provision &provision) {
 void EraseSlot(const RawFlash &flash, const Slot &slot) {
     const std::uint32_t end = std::min(flash.bytes, slot.address + slot.capacity);
     if (slot.address >= end) return;
-    // A NAND write moves on behind bad blocks, so it is told only as much as the good ones take.
+    // A NAND write moves on past bad blocks, so it is told only as much as the good ones take.
     const std::uint32_t length = end - slot.address - BadBlocksIn(flash, slot) * flash.unit;
     flash.write(slot.address, Bytes(length, 0xFF));
 }
@@ -221,14 +221,14 @@ std::array<Slot, 3> SlotsOn(const RawFlash &flash) {
     // Nothing lies after the rescue image on a DataFlash, so it may reach to the end of this chip, less what a check
     // reads beyond it.
     if (flash.medium == Medium::dataflash)
-        rescue.capacity = flash.bytes < rescue.address + kReadBehind ? 0 : flash.bytes - rescue.address - kReadBehind;
+        rescue.capacity = flash.bytes < rescue.address + kReadAfter ? 0 : flash.bytes - rescue.address - kReadAfter;
     return {table.bootloader[0], table.bootloader[1], rescue};
 }
 
 std::uint32_t RoomIn(const RawFlash &flash, const Slot &slot) {
     if (flash.medium == Medium::nand) return slot.capacity - BadBlocksIn(flash, slot) * flash.unit;
-    if (flash.bytes < slot.address + kReadBehind) return 0;
-    return std::min(slot.capacity, flash.bytes - slot.address - kReadBehind);
+    if (flash.bytes < slot.address + kReadAfter) return 0;
+    return std::min(slot.capacity, flash.bytes - slot.address - kReadAfter);
 }
 
 std::uint32_t RescueRoomOn(const RawFlash &flash) { return RoomIn(flash, RescueOn(flash)); }

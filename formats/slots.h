@@ -23,7 +23,7 @@ const char *NameOf(Medium medium);
 struct Slot {
     const char *name;
     std::uint32_t address;  // first byte, counted in data bytes
-    std::uint32_t capacity; // bytes up to what lies behind it; the last one's on a chip of the usual size
+    std::uint32_t capacity; // bytes up to what lies after it; the last one's on a chip of the usual size
 };
 
 // The bootloader states these addresses too (src/Medium.h). This second copy is on purpose: with one copy a wrong

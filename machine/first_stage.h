@@ -1,7 +1,7 @@
 // What a first-stage loader does with what the last stage left in memory.
 //
 // After a processor reset it looks for the launch marker. Where it stands, the image in the load buffer is to be
-// started: at its first byte, or behind the stored image header where the maker text shows one.
+// started: at its first byte, or after the stored image header where the maker text shows one.
 #pragma once
 
 #include "fixture/processors/processor.h"

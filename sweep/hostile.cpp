@@ -15,7 +15,7 @@ namespace {
 
 constexpr const char *kParts[] = {"AT45DB321", "AT45DB642", "AT45DB1282"};
 constexpr const char *kBanks[] = {"app", "oldapp", "newapp"};
-constexpr std::uint32_t kNandEnd = 80; // behind the slots' last block that is of interest
+constexpr std::uint32_t kNandEnd = 80; // after the slots' last block that is of interest
 
 // What no honest file holds, and what it holds in another place.
 const std::string kTokens[] = {"",

@@ -202,7 +202,7 @@ std::vector<Variant> NoRoom() {
 
 // --- sizes at an edge
 
-// Sizes of images whose end lies at an edge of pages or blocks, a byte before it, and a byte behind.
+// Sizes of images whose end lies at an edge of pages or blocks, a byte before it, and a byte after it.
 std::vector<std::uint32_t> EdgeSizes(Medium medium, const Slot &slot, std::uint32_t page) {
     const std::uint32_t begin = slot.address % page;
     std::vector<std::uint32_t> edges = {page - begin, 2 * page - begin, slot.capacity,

@@ -114,7 +114,7 @@ private:
             tally(second.chips, {cut.cut, second.cut});
     }
 
-    // What is left behind one operation is what is there before the next: a worker that gets both boots it once.
+    // What is left after one operation is what is there before the next: a worker that gets both boots it once.
     std::vector<Cut> share_of(std::vector<Cut> cuts) const {
         std::erase_if(cuts, [&](const Cut &cut) {
             return (cut.operation + (cut.moment == CutMoment::after)) % unit_.shares != unit_.share;
