@@ -21,6 +21,7 @@ constexpr std::size_t kNumberBytes = 9;
 constexpr std::size_t kSumOffset = 12;
 constexpr std::size_t kPathOffset = 24;
 constexpr std::size_t kPathBytes = 256;
+static_assert(kPathOffset + kPathBytes + 2 == kRecordBytes);
 constexpr std::size_t kLongestExtension = 16;
 constexpr std::size_t kLongestVersion = 16;
 
@@ -104,6 +105,8 @@ void CheckStoredImage(const BankFile &file) {
 
 void CheckContent(const BankFile &file) {
     const bool application = file.role == FileRole::application;
+    // A bootloader and a rescue image are checked in the load buffer; an application shares it with the launch marker.
+    // A file without a role is never opened on the board, so the manifest's columns alone limit it.
     const std::uint32_t most = application                   ? kLargestApplication
                                : file.role == FileRole::none ? kLargestNumber
                                                              : kLoadBufferBytes;
@@ -211,6 +214,8 @@ std::uint32_t ByteSum(std::span<const std::uint8_t> bytes) {
 
 void CheckBankFiles(const std::vector<BankFile> &files) {
     for (const BankFile &file : files) {
+        // Names before base names: two files of one name would be reported as a base name in the other's path. The
+        // content comes last, since only it takes long.
         CheckName(file);
         CheckVersion(file);
         CheckUnique(file, files);
@@ -220,6 +225,7 @@ void CheckBankFiles(const std::vector<BankFile> &files) {
 }
 
 std::string MakeDescriptor(const std::vector<BankFile> &files) {
+    // Sections stand in the caller's order. The reader looks them up by name, so theirs means nothing to it.
     std::string text = "<?xml version=\"1.0\" encoding=\"US-ASCII\"?>\n<ProjectDescriptor>\n";
     for (const BankFile &file : files)
         for (const Section &section : kSections)
@@ -233,6 +239,8 @@ std::string MakeDescriptor(const std::vector<BankFile> &files) {
 
 // The two heading records are read over by their length alone; their words are for people.
 std::string MakeManifest(const std::vector<BankFile> &files) {
+    // Numbers stand to the right: their reader skips leading blanks. Paths stand to the left: theirs strips trailing
+    // ones.
     constexpr const char *kLine = "{:>9} | {:>9} | {:<256}\r\n";
     std::string text = fmt::format("{:<9} | {:<9} | {:<256}\r\n", "size", "byte-sum", "path");
     text += fmt::format("{:-<9}-|-{:-<9}-|-{:-<256}\r\n", "", "", "");

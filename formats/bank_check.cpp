@@ -3,6 +3,7 @@
 #include "formats/stored_image.h"
 
 #include <algorithm>
+#include <cassert>
 #include <fmt/format.h>
 
 namespace fixture {
@@ -16,6 +17,7 @@ constexpr std::uintmax_t kLargestText = 4u << 20; // the bootloader's whole heap
 // A file of the bank, never one outside it; none for anything that is not a regular file.
 fs::path FindFile(const fs::path &directory, const std::string &relative) {
     std::error_code error;
+    // Links are resolved on both sides: a file from elsewhere will be missing where the bank is copied to.
     const fs::path root = fs::canonical(directory, error);
     const fs::path file = fs::canonical(directory / fs::path(relative).relative_path(), error);
     if (error || !fs::is_regular_file(file, error)) return {};
@@ -35,6 +37,8 @@ std::optional<Bytes> ReadText(const fs::path &directory, const char *name, BankR
         AddProblem(bank, "missing", name, "no such file");
         return std::nullopt;
     }
+    // A text that cannot be read is a finding like any other, not the end of the call: one report names all that is
+    // wrong.
     try {
         return ReadFile(file, kLargestText);
     } catch (const Refusal &refusal) {
@@ -47,6 +51,7 @@ std::optional<Bytes> ReadText(const fs::path &directory, const char *name, BankR
 std::string CheckFailure(const fs::path &file, const ManifestRecord &record, Bytes &bytes) {
     if (file.empty()) return "no such file in the bank";
     const std::uintmax_t size = fs::file_size(file);
+    // The size comes first, as on the board, which reads nothing of a file whose length is wrong.
     if (size != record.size) return fmt::format("the file has {} bytes; expected {}", size, record.size);
     if (size > kLoadBufferBytes)
         return fmt::format("{} bytes; expected at most {}, the load buffer", size, kLoadBufferBytes);
@@ -78,9 +83,12 @@ void WarnOfImage(BankReport &bank, const RecordReport &report, const StoredImage
         warn("foreign-maker",
              "has another maker's text; the bootloader stores it, and the first stage starts it at its "
              "header instead of after it");
+    // A header alone is left out: no build stands for it, and ExamineImageFile has named it as the problem that it is.
     if (report.role == FileRole::bootloader && board.version_of && !report.calls_itself &&
         image.size > kImageHeaderBytes)
         warn("unknown-build", "no build known here stands for it; whether it starts cannot be said");
+    // The running version comes out of the image, the wanted one out of the descriptor. While they differ, every start
+    // stores the image and resets before it comes to the application.
     if (report.calls_itself && *report.calls_itself != version)
         warn("resets-for-ever", fmt::format("is version {}, not {}; a board stores it, resets at every start and never "
                                             "launches the application",
@@ -99,6 +107,7 @@ void ExamineImageFile(BankReport &bank, RecordReport &report, const Bytes &bytes
     report.problem = StoreFailure(report.role, image);
     report.storable = report.problem.empty();
     if (!report.storable) return;
+    // It stays storable: header and sums are right, so a board does store it.
     if (image.image.size == kImageHeaderBytes)
         report.problem = "a header alone, with nothing to start: a board that stores it is lost";
     const auto body = std::span(image.image.bytes).subspan(kImageHeaderBytes);
@@ -109,6 +118,7 @@ void ExamineImageFile(BankReport &bank, RecordReport &report, const Bytes &bytes
 
 void ExamineApplication(BankReport &bank, RecordReport &report, const Bytes &bytes) {
     if (bytes.empty()) report.problem = "0 bytes; expected an application";
+    // A warning and no problem: the board launches it, and loses only what the marker covers.
     if (bytes.size() > kLargestApplication)
         bank.warnings.push_back({"launch-marker-overlap", report.record.path,
                                  fmt::format("{} bytes: the bootloader launches it, but the launch marker is written "
@@ -134,6 +144,7 @@ RecordReport ExamineRecord(BankReport &bank, const fs::path &directory, const Ma
 
 FileRole RoleOf(const BankReport &bank, const ManifestRecord &record) {
     const std::string path = bank.directory + record.path;
+    // The board skips a record whose path does not fit its buffer, and one outside bin/, before it asks for a role.
     if (path.size() > kLongestPath || record.path.find(kFileDirectory) == std::string::npos) return FileRole::none;
     return bank.descriptor.role_of(path);
 }
@@ -144,11 +155,16 @@ void ExamineRecords(const fs::path &directory, const Manifest &manifest, BankRep
     for (const ManifestRecord &record : manifest.records) {
         if (record.rejects) {
             bank.rejected = true;
+            // What follows is examined all the same: who ships the bank wants to know all of it, not where a board
+            // stops.
             AddProblem(bank, "bad-path", At(record.offset + 24),
                        "a path of nothing but \"/\", \"\\\" and \".\"; the bootloader gives the bank up there");
         }
+        // The board never looks at line ends. But a line without its own is likely one byte short, and then every later
+        // record is read from the wrong place: length alone tells records apart.
         if (!record.line_end)
             AddProblem(bank, "no-line-end", At(record.offset + 280), "no line end", "carriage return and line feed");
+        // Not a file for the board either: an empty path has no bin/ in it.
         if (record.path.empty()) continue;
         bank.records.push_back(ExamineRecord(bank, directory, record, RoleOf(bank, record), board));
         if (const RecordReport &report = bank.records.back(); !report.problem.empty())
@@ -171,7 +187,10 @@ void TellUpdate(BankReport &bank, FileRole role, const char *otherwise) {
 
 void TellLaunch(BankReport &bank) {
     const RecordReport *application = bank.listed(FileRole::application);
+    assert(application && "a bank that lists none is done with before");
     const std::string path = Escaped(application->record.path);
+    // An empty file passes by size and sum, and leaves another file's bytes in the load buffer. So the board does not
+    // launch it.
     bank.launches = application->passes && application->record.size > 0;
     bank.actions.push_back(bank.launches ? fmt::format("launches {} ({} bytes)", path, application->record.size)
                                          : fmt::format("does not launch {}: {}", path, application->problem));
@@ -183,6 +202,7 @@ void TellActions(BankReport &bank) {
         bank.actions.emplace_back("rejects the bank and tries the next");
         return;
     }
+    // Before the roles are asked for: a bank that cannot be launched refreshes the rescue image all the same.
     TellUpdate(bank, FileRole::rescue, ", unless the board's version record names it already");
     for (const FileRole role : {FileRole::bootloader, FileRole::application}) {
         if (bank.listed(role)) continue;
@@ -205,6 +225,7 @@ void RequireDirectory(const fs::path &directory) {
 } // namespace
 
 const RecordReport *BankReport::listed(FileRole role) const {
+    // The board keeps one record a role, and each that it meets overwrites the one before.
     const auto found = std::find_if(records.rbegin(), records.rend(),
                                     [role](const RecordReport &record) { return record.role == role; });
     return found == records.rend() ? nullptr : &*found;
@@ -224,6 +245,7 @@ BankReport ExamineBank(const fs::path &directory, const std::string &board_direc
         if (!bank.descriptor.problem.empty())
             AddProblem(bank, "bad-descriptor", kDescriptorName, bank.descriptor.problem);
     }
+    // Read even if the descriptor is bad, so that one report tells of both files. Without roles its records have none.
     const std::optional<Bytes> text = ReadText(directory, kManifestName, bank);
     const Manifest manifest = ReadManifest(text.value_or(Bytes{}));
     if (text && !manifest.has_headings)
@@ -261,6 +283,7 @@ void JudgePowerUps(VolumeReport &volume, const std::string &where) {
         for (const BootHazard &hazard : last.hazards)
             if (hazard.id == kBanksFight || hazard.id == kResetsForEver)
                 volume.problems.push_back({hazard.id, where, fmt::format("{}; {}", last.reason, hazard.text), ""});
+        // The first power-up may well store a rescue image. If the second stores one again, banks take turns.
     } else if (volume.power_ups.size() > 1 && Stores(last, "rescue-stored")) {
         volume.warnings.push_back({"rescue-rewritten", where,
                                    "its banks carry different rescue images: the board rewrites the rescue slot at "
@@ -295,6 +318,7 @@ VolumeReport ExamineVolume(const fs::path &volume, const BoardView &board, Board
     state.volume = volume;
     state.version_of = [&, own = state.version_of](std::span<const std::uint8_t> body) {
         if (board.version_of)
+            // The image's own word goes before the bank's: that the two differ is one of the mistakes looked for.
             if (const std::optional<std::string> known = board.version_of(body)) return *known;
         if (const std::string *const stated = VersionInBanks(report.banks, body)) return *stated;
         return own ? own(body) : std::string();

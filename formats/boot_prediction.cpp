@@ -15,8 +15,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::uint32_t kReadBehind = 32;              // what a check reads beyond an image
-constexpr std::uint32_t kRescueFlush = 0x3FBFFF;       // what the bootloader writes back of a rescue image
+constexpr std::uint32_t kReadAfter = 32;               // what a check reads beyond an image
+constexpr std::uint32_t kRescueFlush = 0x3FBFFF;       // what the bootloader writes back of a rescue image of any size
 constexpr std::uintmax_t kHeapBytes = 4u << 20;        // the bootloader's heap
 constexpr std::uintmax_t kLargeDescriptor = 64u << 10; // from here on its tree may not fit that heap
 constexpr std::size_t kVersionBytes = 16;
@@ -37,6 +37,7 @@ std::string FieldText(const Bytes &field) {
 }
 
 std::uint32_t SizeField(const Bytes &image) {
+    assert(image.size() >= kImageHeaderBytes && "a whole header was read");
     return image[20] | static_cast<std::uint32_t>(image[21]) << 8 | static_cast<std::uint32_t>(image[22]) << 16 |
            static_cast<std::uint32_t>(image[23]) << 24;
 }
@@ -47,6 +48,7 @@ std::uint32_t Word(const Bytes &image, std::size_t at) {
 }
 
 bool SumsFit(const Bytes &image) {
+    assert(SizeField(image) >= kImageHeaderBytes && SizeField(image) <= image.size() && "callers judge the size first");
     const std::span<const std::uint8_t> body(image.data() + kImageHeaderBytes, SizeField(image) - kImageHeaderBytes);
     return SumsOf(body) == ImageSums{Word(image, 24), Word(image, 28)};
 }
@@ -145,6 +147,7 @@ void Predictor::warn(std::string id, std::string place, std::string text, std::s
 
 // NAND delivers what it has, and erased flash for the rest; a DataFlash refuses what does not lie in the chip.
 std::optional<Bytes> Predictor::read(std::uint32_t address, std::uint32_t length) {
+    // Without a chip the NAND driver delivers what it delivers beyond a chip's end.
     if (nand_) return board_.chip_answers ? board_.flash.read(address, length) : Bytes(length, 0xFF);
     if (in_chip(address, length)) return board_.flash.read(address, length);
     say("\tAT91SAM926X_ReadDataflash : Failed with Error=1\n");
@@ -156,6 +159,7 @@ bool Predictor::write(std::uint32_t address, const Bytes &bytes) {
         say("\tAT91SAM926X_WriteDataflash : Failed with Error=1\n");
         return false;
     }
+    // Without a chip the NAND driver reports success all the same. The check of what was written then finds nothing.
     if (!board_.chip_answers || bytes.empty()) return true;
     const std::uint32_t unit = board_.flash.unit;
     erases_ += (address % unit + bytes.size() + unit - 1) / unit;
@@ -187,7 +191,7 @@ std::optional<Bytes> Predictor::image_within(std::uint32_t address, std::uint32_
     if (!header) return std::nullopt;
     const std::uint32_t size = SizeField(*header);
     if (size < kImageHeaderBytes || size > std::min(largest, kLargestStoredImage)) return std::nullopt;
-    std::optional<Bytes> image = read(address, size + kReadBehind);
+    std::optional<Bytes> image = read(address, size + kReadAfter);
     if (!image) return std::nullopt;
     image->resize(size);
     return SumsFit(*image) ? image : std::nullopt;
@@ -258,6 +262,7 @@ bool Predictor::first_stage() {
 // --- the bootloader
 
 Predictor::Went Predictor::bootloader() {
+    // The flag lies in the bootloader's memory: every start clears it, and the banks of one start share it.
     rescue_found_ = false;
     for (const char *directory : kBankDirectories)
         if (const Went went = bank(directory); went != Went::on) return went;
@@ -273,6 +278,8 @@ Predictor::Went Predictor::bank(const std::string &directory) {
     const std::string path = directory + kDescriptorName;
     const std::optional<fs::path> file = FindOnVolume(board_.volume, path);
     if (!file) {
+        // Three reports without a break between them: the board asks for the size, reads from a file that it could not
+        // open, and only then gives up.
         tell("bank-rejected", directory, fmt::format("no {}: the bank is passed over", kDescriptorName),
              fmt::format("FileSize failed with errno=2\tFatal Error : read file failed with errno=9{}", kRejected));
         return Went::on;
@@ -295,6 +302,8 @@ Predictor::Went Predictor::bank(const std::string &directory) {
         return Went::on;
     }
     if (!read_manifest(directory)) return Went::on;
+    // Before the bank is asked for the other two: the board refreshes its rescue image even from a bank that it cannot
+    // launch.
     if (rescue_found_) update_rescue();
     for (const FileRole role : {FileRole::bootloader, FileRole::application}) {
         if (files_[static_cast<std::size_t>(role)]) continue;
@@ -313,12 +322,14 @@ bool Predictor::read_manifest(const std::string &directory) {
         tell("bank-rejected", path, "no such file: the bank is passed over");
         return false;
     }
+    // No limit: the board takes one record at a time, so no manifest is too long for it.
     const Manifest manifest = ReadManifest(ReadFile(*file, UINTMAX_MAX));
     if (!manifest.has_headings) {
         tell("bank-rejected", path, "fewer than 564 bytes, the two records of headings: the bank is passed over");
         return false;
     }
     for (const ManifestRecord &record : manifest.records) {
+        // What earlier records have set stays set, rescue_found_ above all: the next bank's rescue step runs.
         if (record.rejects) {
             tell("bank-rejected", path,
                  fmt::format("offset {}: a path of 256 \"/\", \"\\\" and \".\": the bank is given up here",
@@ -336,6 +347,7 @@ bool Predictor::read_manifest(const std::string &directory) {
 // A later record of a role takes the place of an earlier one.
 void Predictor::take_record(const std::string &directory, const ManifestRecord &record) {
     const std::string path = directory + record.path;
+    // A path that does not fit the bootloader's buffer is passed over, never cut off.
     if (path.size() > kLongestPath || record.path.find(kFileDirectory) == std::string::npos) return;
     const FileRole role = descriptor_.role_of(path);
     if (role == FileRole::none) return;
@@ -350,6 +362,7 @@ std::string Predictor::check_file(const Listed &file, Bytes &content) {
     if (!found) return "no such file";
     const std::uintmax_t size = fs::file_size(*found);
     if (size != file.size) {
+        // The board prints both with %i, so from 2 GiB on they come out negative.
         say(fmt::format("filesize check {} != {}\n", static_cast<std::int32_t>(file.size),
                         static_cast<std::int32_t>(size)));
         return fmt::format("{} bytes found, {} listed", size, file.size);
@@ -404,12 +417,16 @@ std::string Predictor::store_rescue(const Bytes &file, const Bytes &version) {
     const std::uint32_t size = SizeField(file);
     if (nand_ && size > slots_.rescue.capacity)
         return fmt::format("{} bytes; the slot takes {}", size, slots_.rescue.capacity);
-    if (!nand_ && !in_chip(slots_.rescue.address + size + kReadBehind, 0)) {
+    // Asked before a byte is written: an image that could never be checked must not cost the one that is there. The
+    // board asks by a write of no bytes, hence the words of a failed write.
+    if (!nand_ && !in_chip(slots_.rescue.address + size + kReadAfter, 0)) {
         say("\tAT91SAM926X_WriteDataflash : Failed with Error=1\n");
-        return fmt::format("{} bytes, and {} read after them, reach beyond the chip's end", size, kReadBehind);
+        return fmt::format("{} bytes, and {} read after them, reach beyond the chip's end", size, kReadAfter);
     }
     if (!write(slots_.rescue.address, {file.begin(), file.begin() + size})) return "the slot cannot be written";
     if (!image_within(slots_.rescue.address, kLargestStoredImage)) return "what was written does not read back";
+    // The record comes last. Where power goes in between, it still names the old version, and the next start stores the
+    // image again.
     if (!write_short(slots_.record.address, version)) return "the version record cannot be written";
     return "";
 }
@@ -419,6 +436,7 @@ std::string Predictor::store_rescue(const Bytes &file, const Bytes &version) {
 Predictor::Went Predictor::update_bootloader() {
     const Listed &file = *files_[static_cast<std::size_t>(FileRole::bootloader)];
     const std::string &version = descriptor_.entries[static_cast<std::size_t>(FileRole::bootloader)].version;
+    // Kept: "bootlaoder", which is what the board prints.
     tell("bootloader-kept", file.path, fmt::format("version {} runs already", told_.version),
          fmt::format("Current bootlaoder is: {}\nBank bootloader is: {}\n", told_.version, version));
     if (version == told_.version) return Went::on;
@@ -453,15 +471,18 @@ std::string Predictor::store_bootloader(const Bytes &file) {
     const auto &slots = slots_.bootloader;
     int target = -1, kept = -1;
     for (const int n : {0, 1}) (has_header(slots[static_cast<unsigned>(n)]) ? kept : target) = n;
+    // Two headers are what an update leaves that was cut before it retired the old copy. Now the whole images count.
     if (target < 0) {
         for (const int n : {0, 1}) {
             const Slot &slot = slots[static_cast<unsigned>(n)];
             (image_within(slot.address, slot.capacity) ? kept : target) = n;
         }
         if (target < 0) target = kept == 0 ? 1 : 0;
+        // With both broken, slot 1 has been both. The slot about to be written is never the one to retire.
         if (target == kept) kept = 1 - target;
     }
     const Slot &slot = slots[static_cast<unsigned>(target)];
+    // Kept: announced before the size is looked at, and on NAND boards alone.
     if (nand_) say(fmt::format("Placing new bootloader at {:08X}.\n", slot.address));
     if (image.size() > slot.capacity)
         return fmt::format("{} bytes; {} takes {}", image.size(), slot.name, slot.capacity);
@@ -474,6 +495,7 @@ std::string Predictor::store_bootloader(const Bytes &file) {
         const Slot &old = slots[static_cast<unsigned>(kept)];
         const std::optional<Bytes> header = read(old.address, kImageHeaderBytes);
         if (!header) return fmt::format("{} cannot be read", old.name);
+        // A slot without the maker text holds nothing that could be started, so nothing is written to it.
         if (HasMaker(*header)) {
             if (!write_short(old.address, Bytes(kImageHeaderBytes)))
                 return fmt::format("{} cannot be retired", old.name);
@@ -491,6 +513,7 @@ Predictor::Went Predictor::launch_application() {
     tell("application-launched", file.path, "");
     Bytes content;
     std::string problem = check_file(file, content);
+    // The board launches what the check has left in the load buffer; an empty file leaves another one's bytes there.
     if (problem.empty() && content.empty()) problem = "0 bytes; expected an application";
     if (!problem.empty()) {
         told_.steps.back().id = "application-rejected";
@@ -522,6 +545,8 @@ void Predictor::rescue() {
          "\tNo valid bank found...\n\tStart rescue app...\n\tFind valid rescue app...\n");
     std::optional<Bytes> image = image_within(slots_.rescue.address, kLargestStoredImage);
     if (!image) {
+        // The image may be good and still be refused: the check reads 32 bytes after it, and a DataFlash may end before
+        // them.
         const StoredImage found = ReadSlot(board_.flash.read, slots_.rescue);
         told_.steps.back().id = "nothing-launched";
         told_.steps.back().text =
@@ -558,6 +583,7 @@ bool Predictor::met_before() {
     now.flash.push_back(board_.flash.read(slots_.record.address, kVersionBytes));
     for (const Slot &slot : slots_.bootloader) {
         const StoredImage image = ReadSlot(board_.flash.read, slot);
+        // The headers above do not tell whether what follows them is whole, and the choice of a slot depends on that.
         now.flash.push_back({static_cast<std::uint8_t>(image.verdict())});
     }
     const auto same =
@@ -574,6 +600,7 @@ void Predictor::loop_found(std::size_t first) {
     told_.loop_erases = met_.back().erases - met_[first].erases;
     std::vector<std::string> installs;
     for (const auto &[start, text] : installs_)
+        // Installs before the turn are how the board got into it, not what keeps it going round.
         if (start > first) installs.push_back(text);
     std::sort(installs.begin(), installs.end());
     installs.erase(std::unique(installs.begin(), installs.end()), installs.end());

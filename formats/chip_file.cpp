@@ -4,6 +4,7 @@
 #include "formats/slots.h"
 
 #include <algorithm>
+#include <cassert>
 #include <fmt/format.h>
 
 namespace fixture {
@@ -112,6 +113,7 @@ ChipFileLayout RecogniseChip(const std::filesystem::path &file, std::span<const 
 void ForEachPage(std::span<const std::uint8_t> bytes, const ChipFileLayout &layout, const ChipShape &shape,
                  const std::function<void(std::uint32_t, std::span<const std::uint8_t>)> &take) {
     const std::uint32_t stored = layout.layout == ChipLayout::raw ? shape.whole : shape.data;
+    assert(bytes.size() % stored == 0 && "RecogniseChip refuses what is no whole number of pages");
     // Spare bytes that a file leaves out are erased ones, so no block counts as marked bad.
     Bytes whole(shape.whole, 0xFF);
     for (std::uint32_t page = 0; std::size_t{page} * stored < bytes.size(); ++page) {
@@ -128,6 +130,7 @@ void ForEachPage(std::span<const std::uint8_t> bytes, const ChipFileLayout &layo
 Bytes ChipBytes(const ChipFileLayout &layout, const ChipShape &shape, std::uint32_t used,
                 const std::function<std::span<const std::uint8_t>(std::uint32_t page)> &page) {
     const std::uint32_t stored = layout.layout == ChipLayout::raw ? shape.whole : shape.data;
+    assert(used <= shape.pages && "the caller counts the chip's own pages");
     // A file that was loaded keeps its length, unless the chip now holds more than fits it.
     const auto had = static_cast<std::uint32_t>(layout.bytes / stored);
     const std::uint32_t needed = std::min(shape.pages, (used + kPagesTogether - 1) / kPagesTogether * kPagesTogether);
@@ -147,6 +150,7 @@ std::string Ranges(std::span<const std::uint32_t> numbers) {
         std::size_t last = i;
         while (last + 1 < numbers.size() && numbers[last + 1] == numbers[last] + 1) ++last;
         text += fmt::format("{}{}", text.empty() ? "" : ", ", numbers[i]);
+        // Two neighbours stand side by side: "3 to 4" would say no more.
         if (last > i) text += fmt::format("{}{}", last == i + 1 ? ", " : " to ", numbers[last]);
         i = last + 1;
     }

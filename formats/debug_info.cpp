@@ -92,6 +92,7 @@ DebugInfo::DebugInfo(std::span<const std::uint8_t> file) : tables_(std::make_uni
     if (tables_->dwarf) tables_->frames = dwarf_getcfi(tables_->dwarf);
 }
 
+// The tables refer to the ELF handle, and the handle to the copy of the file, which goes last.
 DebugInfo::~DebugInfo() {
     if (tables_->dwarf) dwarf_end(tables_->dwarf);
     if (tables_->elf) elf_end(tables_->elf);
@@ -104,6 +105,7 @@ std::string DebugInfo::line(std::uint32_t address) const {
     int number = 0;
     const char *file = found ? dwarf_linesrc(found, nullptr, nullptr) : nullptr;
     if (!file || dwarf_lineno(found, &number) != 0 || number == 0) return {};
+    // Without directories: they are those of the machine that built the image.
     const char *slash = std::strrchr(file, '/');
     return fmt::format("{}:{}", slash ? slash + 1 : file, number);
 }
@@ -122,7 +124,9 @@ std::optional<DebugInfo::Registers> DebugInfo::caller(const Registers &registers
         if (!value) return std::nullopt;
         before[number] = *value;
     }
+    // For the ARM the tables define the frame's address as the stack pointer at the call, so no rule restores it.
     before[kStackPointer] = *frame_address;
+    // Bit 0 of a return address tells the instruction set; no table lists odd addresses.
     before[kProgramCounter] = before[kLink] & ~1u;
     return before;
 }

@@ -5,12 +5,14 @@
 
 #include <algorithm>
 #include <bit>
+#include <cassert>
 #include <fmt/format.h>
 
 namespace fixture {
 
 namespace {
 
+// K9F2G08U0M: the data bytes of a page, which one program operation takes.
 constexpr std::uint32_t kNandPage = 2048;
 
 // A page of the chip as far as it belongs to an image.
@@ -27,10 +29,13 @@ std::vector<Piece> PiecesOf(const RawFlash &flash, const Slot &slot, std::uint32
     std::vector<Piece> pieces;
     std::uint32_t address = slot.address;
     for (std::uint32_t offset = 0; offset < length && address < flash.bytes;) {
+        // The driver leaves out bad blocks and goes on with the next, so a slot's image may end later than its length
+        // says.
         if (nand && address % flash.unit == 0 && flash.is_bad(address / flash.unit)) {
             address += flash.unit;
             continue;
         }
+        // A DataFlash slot may begin within a page, so the first piece may be short.
         const std::uint32_t part = std::min(page - address % page, length - offset);
         pieces.push_back({offset, part, address});
         offset += part;
@@ -97,6 +102,7 @@ Match SlotDoctor::match(std::size_t reference) const {
         const Span part = Part(image, piece);
         const bool equal = Same(Part(content_, piece), part);
         if (equal && match.prefix == match.equal.size()) ++match.prefix;
+        // Erased pages are alike in any image and in an empty slot: they speak for no reference.
         match.count += equal && !IsAll(part, 0xFF);
         match.equal.push_back(equal);
     }
@@ -107,6 +113,7 @@ Match SlotDoctor::match(std::size_t reference) const {
 std::optional<Match> SlotDoctor::best() const {
     std::optional<Match> best;
     for (std::size_t n = 0; n < references_.size(); ++n) {
+        // An update refuses an image that is larger than its slot, so such a one was never here.
         if (references_[n].role != role_ || references_[n].image.size() > slot_.capacity) continue;
         Match match = this->match(n);
         if (match.count == 0) continue;
@@ -129,12 +136,14 @@ bool SlotDoctor::tells_apart(const Match &match, std::size_t piece) const {
 // An update writes page after page: after the one at which it was cut lies what was there before.
 bool SlotDoctor::was_cut(const Match &match) const {
     std::size_t pages = 0, equal = 0;
+    // The page of the cut itself is left out: it may hold anything.
     for (std::size_t n = match.prefix + 1; n < match.pieces.size(); ++n) {
         if (!tells_apart(match, n)) continue;
         ++pages;
         equal += match.equal[n];
     }
     // Two builds may be the same in all that follows: then nothing there speaks against a cut.
+    // Most pages after a cut belong to what was there before. Decay leaves most of them as they should be.
     return pages == 0 || 2 * equal < pages || match.prefix + 1 == match.pieces.size();
 }
 
@@ -143,6 +152,7 @@ void SlotDoctor::note_damages(const Match &match) {
     for (std::size_t n = 0; n < match.pieces.size(); ++n) {
         if (match.equal[n]) continue;
         ++found_.damaged_pages;
+        // The list is for people. The count goes on: it tells a flipped bit from a lost slot.
         if (found_.damages.size() == kMostDamages) continue;
         const Piece &piece = match.pieces[n];
         const Span is = Part(content_, piece), should = Part(image, piece);
@@ -177,6 +187,8 @@ void SlotDoctor::judge(const Match &match) {
         found_.holds = fmt::format("{}, retired: its header is cleared", name);
         return;
     }
+    // Not even the first page is right. On NAND its block is erased first, so a cut in either operation leaves none. A
+    // DataFlash erases and programs a page by one command; only an erased page is a sure sign of a cut.
     if (match.prefix > 0 ? was_cut(match) : flash_.medium == Medium::nand || IsAll(first, 0xFF)) {
         found_.condition = SlotCondition::cut;
         found_.cut_page = static_cast<std::uint32_t>(match.prefix);
@@ -195,10 +207,13 @@ void SlotDoctor::judge_without_reference(const StoredImage &image) {
     if (IsAll(content_, 0xFF)) {
         found_.condition = SlotCondition::erased;
         found_.holds = "nothing";
+        // Bootloaders alone: a rescue image is replaced in place, and nothing ever clears its header.
     } else if (all_zero && role_ == FileRole::bootloader) {
         found_.condition = SlotCondition::retired;
         found_.holds = "a retired bootloader; nothing tells which";
     } else if (image.verdict() == ImageVerdict::bad_sums) {
+        // Nothing says what belongs here, but an update writes page after page: the first erased one is where it
+        // stopped.
         const std::vector<Piece> pieces = PiecesOf(flash_, slot_, image.size);
         found_.pages = static_cast<std::uint32_t>(pieces.size());
         const auto blank =
@@ -223,6 +238,7 @@ SlotDiagnosis SlotDoctor::diagnose() {
             fmt::format("{}, {} bytes", found_.reference ? name_of(*found_.reference) : "a good image", image.size);
         return found_;
     }
+    // Read only now: a good slot, by far the usual one, needs no comparison of megabytes with every reference.
     content_ = flash_.read(slot_.address, slot_.capacity);
     if (const std::optional<Match> match = best())
         judge(*match);
@@ -257,6 +273,8 @@ private:
 };
 
 std::string BoardDoctor::cut_text(const SlotDiagnosis &slot, const char *what) const {
+    assert(slot.cut_page && "asked of slots that were cut");
+    // Both begin by erasing the first page, so what is left does not tell which it was.
     if (*slot.cut_page == 0)
         return fmt::format("power went while {} was erased: before an update's first page, or while its old copy was "
                            "retired",
@@ -279,8 +297,7 @@ void BoardDoctor::tell_bootloaders() {
                              slot.slot.name, whole));
     }
     if (found_.slots[0].condition == SlotCondition::good && found_.slots[1].condition == SlotCondition::good)
-        tell(fmt::format("both copies are good: an update was cut after it was checked, and before {} was retired",
-                         found_.slots[1].slot.name));
+        tell("both copies are good: an update was cut after the new one was checked, before the old one was retired");
 }
 
 void BoardDoctor::tell_rescue() {
@@ -297,11 +314,13 @@ std::string Verb(const Slot &slot) {
 }
 
 void BoardDoctor::erase(const SlotDiagnosis &slot, const std::string &text) {
+    // The slot goes into the repair by value, since a repair outlives the doctor.
     found_.repairs.push_back({"erase", slot.slot.name, text, "flash erase " + Verb(slot.slot),
                               [slot = slot.slot](const RawFlash &flash) { EraseSlot(flash, slot); }});
 }
 
 void BoardDoctor::write(const SlotDiagnosis &slot) {
+    assert(slot.reference && "only what is known can be written");
     const ReferenceImage &reference = references_[*slot.reference];
     found_.repairs.push_back(
         {"write", slot.slot.name, fmt::format("write {} again", reference.name),
@@ -327,8 +346,10 @@ void BoardDoctor::mend_bootloaders() {
 void BoardDoctor::mend_rescue() {
     const SlotDiagnosis &slot = found_.slots[2];
     if (slot.condition == SlotCondition::good || slot.condition == SlotCondition::erased) return;
+    // With the image at hand the slot is whole again at once, and no bank is needed.
     if (slot.reference) return write(slot);
     if (found_.record.empty()) return erase(slot, "erase what is broken; the next bank with a rescue image stores it");
+    // A board stores a rescue image only where the record names another version. Without the record any bank's will do.
     const Slot record = SlotsOf(flash_.medium).record;
     found_.repairs.push_back({"erase", record.name,
                               fmt::format("erase the version record: a bank whose rescue image is \"{}\" too would not "
@@ -366,6 +387,7 @@ StoreDiagnosis DiagnoseStore(const EepromBytes &chip) {
     StoreDiagnosis found{ReadStore(chip), "", {}};
     const auto &sectors = found.store.sectors;
     if (!found.store.current) {
+        // A commit writes one sector and leaves the other alone until its image is whole.
         const bool blank = sectors[0].empty() && sectors[1].empty();
         found.history = blank ? "no parameters were ever stored" : "both sectors are lost: no power cut leaves that";
         return found;
@@ -380,6 +402,7 @@ StoreDiagnosis DiagnoseStore(const EepromBytes &chip) {
     return found;
 }
 
+// The six bytes of the header, as the bootloader's own cleaning leaves them; the records stay and count for nothing.
 void CleanSector(EepromBytes &chip, int sector) { PlaceStoreImage(chip, sector, Bytes(6, 0xFF)); }
 
 } // namespace fixture

@@ -70,6 +70,7 @@ template <typename Take> void EachSymbol(Elf *elf, Take take) {
         GElf_Shdr header;
         if (!gelf_getshdr(section, &header) || header.sh_type != SHT_SYMTAB || header.sh_entsize == 0) continue;
         Elf_Data *data = elf_getdata(section, nullptr);
+        // A damaged header may claim any number of symbols; a bootloader has about a thousand.
         const auto count = data ? std::min<std::uint64_t>(header.sh_size / header.sh_entsize, 1u << 20) : 0;
         for (int i = 0; i < static_cast<int>(count); ++i) {
             GElf_Sym symbol;
@@ -92,6 +93,7 @@ ElfImage ElfImage::read(std::span<const std::uint8_t> file, const std::filesyste
     const Complaint complaint(name);
     const ElfHandle elf = OpenExecutable(file, complaint);
     ElfImage image;
+    // Kept for flat(), which may still have to refuse the file.
     image.name_ = name;
     GElf_Ehdr header;
     gelf_getehdr(elf.get(), &header);

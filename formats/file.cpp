@@ -53,6 +53,7 @@ const char *KindOf(mode_t mode) {
 
 // What a new file may be by this process's mask.
 mode_t Permitted(mode_t mode) {
+    // There is no way to ask for the mask but to set it.
     const mode_t mask = umask(0);
     umask(mask);
     return mode & ~mask;
@@ -68,6 +69,7 @@ struct Handle {
     Handle &operator=(const Handle &) = delete;
 };
 
+// Those that end a process and can be caught: keys, other processes, and the limits that batch systems set.
 constexpr int kEndingSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGXCPU, SIGXFSZ};
 
 // --- names that have to go when a signal ends the process
@@ -80,8 +82,10 @@ struct TemporaryName {
 std::array<TemporaryName, 16> temporary_names;
 
 extern "C" void RemoveTemporaryNames(int signal) {
+    // unlink(), signal() and raise() are among the few calls that a handler may make.
     for (TemporaryName &entry : temporary_names)
         if (entry.used) unlink(entry.name.data());
+    // Raised again, so that whoever waits for the process sees what ended it.
     std::signal(signal, SIG_DFL);
     std::raise(signal);
 }
@@ -132,6 +136,7 @@ fs::path DirectoryOf(const fs::path &file) { return file.has_parent_path() ? fil
 // A name beside the target that nobody has. Linking fails where somebody takes it first.
 std::string NameBeside(const fs::path &target) {
     static unsigned count = 0;
+    // A name may have 255 bytes; the process and the count need some of them.
     return (DirectoryOf(target) /
             fmt::format(".{}.{}-{}", target.filename().string().substr(0, 200), getpid(), ++count))
         .string();
@@ -151,6 +156,7 @@ void WantLargePages(const Bytes &reserved) {
 Bytes ReadFile(const fs::path &file, std::uintmax_t most) {
     // Without O_NONBLOCK the open of a pipe would wait for a writer.
     const Handle handle(open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    // A socket gives ENXIO, whose words here are for a pipe that is written to.
     if (handle.number < 0) Fail(Fault::unreadable, file, errno == ENXIO ? ENODEV : errno);
     struct stat status {};
     if (fstat(handle.number, &status) != 0) Fail(Fault::unreadable, file, errno);
@@ -160,12 +166,14 @@ Bytes ReadFile(const fs::path &file, std::uintmax_t most) {
     if (size > most) throw Refusal(file, fmt::format("{} bytes", size), fmt::format("at most {}", most), "too-large");
     Bytes bytes;
     bytes.reserve(size);
+    // Before resize() touches the pages: advice comes too late for those that are there.
     WantLargePages(bytes);
     bytes.resize(size);
     for (std::size_t done = 0; done < bytes.size();) {
         const ssize_t count = read(handle.number, bytes.data() + done, bytes.size() - done);
         if (count < 0 && errno == EINTR) continue;
         if (count < 0) Fail(Fault::unreadable, file, errno);
+        // Somebody has made the file shorter since its size was asked.
         if (count == 0)
             throw Refusal(Fault::unreadable, {"unreadable", file.string(), fmt::format("ends at offset {}", done),
                                               fmt::format("{} bytes", size)});
@@ -255,6 +263,7 @@ private:
         if (fchmod(handle_, old ? old->st_mode & 07777 : Permitted(0666)) != 0) FailToWrite(file, errno);
     }
     void open_named() {
+        // For file systems without O_TMPFILE.
         std::string name = (DirectoryOf(target_) / ".fixture-XXXXXX").string();
         handle_ = mkostemp(name.data(), O_CLOEXEC);
         if (handle_ < 0) FailToWrite(file, errno);
@@ -262,8 +271,10 @@ private:
         Remember(name_);
     }
     void give_name() {
+        // By way of /proc: to link a handle itself takes a privilege.
         const std::string self = fmt::format("/proc/self/fd/{}", handle_);
         for (;;) {
+            // Remembered before it exists, or a signal between the two lines would leave the file behind.
             name_ = NameBeside(target_);
             Remember(name_);
             if (linkat(AT_FDCWD, self.c_str(), AT_FDCWD, name_.c_str(), AT_SYMLINK_FOLLOW) == 0) return;
@@ -301,6 +312,7 @@ void OutputFile::complete() { buffer_->complete(); }
 void OutputFile::finish() { buffer_->finish(); }
 
 void OutputFiles::commit() {
+    // Two rounds: where the disk is full, no output has taken its place yet.
     for (OutputFile &file : files_) file.complete();
     for (OutputFile &file : files_) file.finish();
 }
@@ -323,6 +335,7 @@ namespace {
 int TryLock(const fs::path &file) {
     int handle = open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     const bool missing = handle < 0 && errno == ENOENT;
+    // No file to hold yet: its directory stands in, so that two who would both create it wait for each other.
     if (missing) handle = open(DirectoryOf(TargetOf(file)).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (handle < 0) Fail(Fault::unreadable, file, errno);
     if (flock(handle, LOCK_EX | LOCK_NB) == 0) {
@@ -345,6 +358,7 @@ FileLock::FileLock(const fs::path &file, double seconds) : handle_(TryLock(file)
     while (handle_ < 0) {
         if (Clock::now() > end)
             throw Refusal(Fault::output, {"in-use", file.string(), "another process is changing it", ""});
+        // Asked again and again, since a wait in flock() has no time limit.
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         handle_ = TryLock(file);
     }

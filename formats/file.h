@@ -58,7 +58,7 @@ public:
     // The same as a stream, for writers that want one. A failure shows in finish().
     std::ostream &stream();
 
-    // Writes out what is buffered; the disk has all of it, but the file does not have its name yet.
+    // Writes out what is buffered: the system has all of it, and the file does not have its name yet.
     void complete();
     // complete(), then the name. Once.
     void finish();

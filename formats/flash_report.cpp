@@ -54,6 +54,7 @@ std::uint32_t MostIn(const RawFlash &flash, const Slot &slot) {
     return flash.medium == Medium::nand ? slot.capacity : RoomIn(flash, slot);
 }
 
+// The driver knows addresses, not slots: it steps over a bad block and goes on into whatever follows.
 void WarnOfBadBlocks(const RawFlash &flash, const Slot &slot, Warnings &warnings) {
     const std::uint32_t bad = BadBlocksIn(flash, slot);
     if (bad > 0)
@@ -71,6 +72,7 @@ void WarnOfPushedTail(const RawFlash &flash, const Slot &slot, std::uint32_t byt
                         bytes - room, bytes, After(flash, slot)));
 }
 
+// The record has one block. Past a bad one the driver comes to block 2, where bootloader 0 begins.
 void WarnOfRecordBlock(const RawFlash &flash, Warnings &warnings) {
     if (flash.medium == Medium::nand && flash.is_bad(kRecordBlock))
         Add(warnings, "record-block-bad", "version record",
@@ -90,6 +92,7 @@ void WarnOfSharedHead(const RawFlash &flash, const Slot &slot, Warnings &warning
                         page, before));
 }
 
+// 528 and 1,056 divide no slot's address, so where one slot ends and the next begins there is a page of both.
 void WarnOfSharedTail(const RawFlash &flash, const Slot &slot, std::uint32_t bytes, Warnings &warnings) {
     const std::uint32_t next = slot.address + slot.capacity;
     const std::uint32_t page = next / flash.unit;
@@ -113,6 +116,7 @@ void WarnOfRecordPage(const RawFlash &flash, Warnings &warnings) {
                         page, after));
 }
 
+// An update goes to the slot that does not run. Where the image fits one slot alone, every second update has no place.
 void WarnOfOnlySlot(const RawFlash &flash, std::uint32_t bytes, Warnings &warnings) {
     const auto &slots = SlotsOf(flash.medium).bootloader;
     const bool fits[2] = {bytes <= MostIn(flash, slots[0]), bytes <= MostIn(flash, slots[1])};
@@ -163,9 +167,11 @@ Warnings WarningsOf(const RawFlash &flash, const FlashReport &report) {
         WarnOfChipEnd(slot, warnings);
         WarnOfBadBlocks(flash, slot.slot, warnings);
         WarnOfSharedHead(flash, slot.slot, warnings);
+        // What follows needs a size that can be trusted, which only a good image has.
         if (slot.image.verdict() != ImageVerdict::good) continue;
         WarnOfPushedTail(flash, slot.slot, slot.image.size, warnings);
         if (slot.image.has_no_body()) WarnOfNoBody(slot.slot, warnings);
+        // The rescue image has one slot by design.
         if (&slot != &report.slots.back()) WarnOfOnlySlot(flash, slot.image.size, warnings);
     }
     WarnOfLostRescue(report, warnings);
@@ -194,6 +200,7 @@ void RefuseUnreadableRecord(const RawFlash &flash, const Provision &provision) {
     const std::string where = fmt::format("rescue version \"{}\"", version);
     if (version.empty() || version.size() > most)
         throw Refusal(where, fmt::format("{} characters", version.size()), fmt::format("1 to {}", most), "bad-version");
+    // A board that reads it back would never store a rescue image again.
     if (version == kNoRecord)
         throw Refusal(where, "the beginning of the maker text counts as no version", "", "bad-version");
     if (flash.medium == Medium::nand && flash.is_bad(kRecordBlock))
@@ -271,6 +278,7 @@ Problems WarningsOfRescue(const RawFlash &flash, std::uint32_t bytes, const std:
     WarnOfSharedHead(flash, slot, warnings);
     WarnOfRecordBlock(flash, warnings);
     WarnOfRecordPage(flash, warnings);
+    // A slot without a good image has nothing to lose.
     const bool replaces = ReadSlot(flash.read, slot).verdict() == ImageVerdict::good;
     if (replaces && !version.empty() && version != RecordIn(flash))
         Add(warnings, "replaced-in-place", slot.name,
@@ -286,11 +294,13 @@ void StoreProvision(const RawFlash &flash, const Provision &provision) {
         RefuseUnlessItFits(flash, RescueOn(flash), provision.rescue);
         RefuseUnreadableRecord(flash, provision);
     }
+    // First of all: an older image left in slot 0 would be started in place of a new one in slot 1.
     EraseSlot(flash, table.bootloader.at(1 - provision.slot));
     flash.write(table.bootloader[provision.slot].address, provision.bootloader);
     if (provision.rescue.empty()) return;
     flash.write(table.rescue.address, provision.rescue);
     Bytes record(provision.rescue_version.begin(), provision.rescue_version.end());
+    // Filled up with zeros, as the bootloader fills its own: a board from production is like one after an update.
     record.resize(table.record.capacity);
     flash.write(table.record.address, record);
 }

@@ -10,14 +10,16 @@ namespace fixture {
 
 namespace {
 
+// Addresses of the store, not of the chip.
 constexpr unsigned kSectorAddress[2] = {0x000, 0x400};
 constexpr unsigned kHeaderSize = 6;
 constexpr unsigned kEndSize = 2;
 constexpr unsigned kEndIdentifier = 0xFFF;
-constexpr unsigned kSearchEnd = 0xFF; // where the bootloader's lookups stop
+constexpr unsigned kSearchEnd = 0xFF; // Kept: where the bootloader's lookups stop, in place of 0xFFF
 constexpr std::size_t kLongestData = 15;
 
-// The chip byte behind a store address: block bits come from the control byte, whose lowest bit is the direction.
+// The chip's byte at a store address. 24LC16: the control byte is 1010, three block bits and the direction. The
+// bootloader does not shift the block past the direction bit, so two blocks of the store share one of the chip.
 unsigned ChipAddress(unsigned store_address) {
     const unsigned control = 0xA0 | store_address / 0x100;
     return (control >> 1 & 7) * 0x100 + store_address % 0x100;
@@ -32,6 +34,7 @@ void Put16(std::vector<std::uint8_t> &bytes, std::size_t at, unsigned value) {
 
 std::vector<std::uint8_t> Fetch(const EepromBytes &chip, int sector, unsigned length) {
     std::vector<std::uint8_t> bytes(length);
+    // Byte by byte: store addresses do not follow each other on the chip across a block's end.
     for (unsigned i = 0; i < length; ++i) bytes[i] = chip[ChipAddress(kSectorAddress[sector] + i)];
     return bytes;
 }
@@ -59,11 +62,13 @@ std::vector<StoredParameter> Records(const std::vector<std::uint8_t> &image, std
         const unsigned tag = Get16(image, at);
         if (tag >> 4 == kEndIdentifier) break;
         const std::size_t end = at + 2 + (tag & 0xF);
+        // The length comes from the chip, and a good checksum does not make it fit.
         if (end > image.size()) break;
         parameters.push_back(
             {tag >> 4, {image.begin() + static_cast<long>(at) + 2, image.begin() + static_cast<long>(end)}});
         at = end;
     }
+    // Lookups end with the image, but a change copies records up to the end marker and finds none.
     if (at + kEndSize != image.size() || Get16(image, at) != 0xFFFF)
         Warn(warning,
              fmt::format("no end marker where the records end, at byte {}: the bootloader cannot change it", at));
@@ -79,6 +84,7 @@ StoreSector ReadSector(const EepromBytes &chip, int number) {
     sector.word = Get16(header, 0);
     sector.length = Get16(header, 2);
     sector.checksum = Get16(header, 4);
+    // The bootloader refuses these unread: its buffers hold 1,000 bytes, and nothing is shorter than header and end.
     if (sector.length < kHeaderSize + kEndSize || sector.length > kLongestImage) {
         sector.problem = fmt::format("length {} found, 8 to {} expected", sector.length, kLongestImage);
         return sector;
@@ -104,6 +110,7 @@ void Choose(StoreReport &report) {
         report.why = "both sectors are empty";
         return;
     }
+    // An erased word counts as 0, or FFFF would win over every sector in use.
     const unsigned words[2] = {sectors[0].empty() ? 0 : sectors[0].word, sectors[1].empty() ? 0 : sectors[1].word};
     const int first = words[0] >= words[1] ? 0 : 1;
     const int other = 1 - first;
@@ -115,6 +122,7 @@ void Choose(StoreReport &report) {
         return;
     }
     if (sectors[other].good) report.current = other;
+    // A commit carries the word over from the image that it read, and cleans the other sector.
     if (report.current && sectors[other].empty())
         Warn(sectors[other].warning, "its word says empty: the bootloader's next commit would lose all parameters");
     report.why = fmt::format("sector {} goes first, but is bad: {}", first, sectors[first].problem);
@@ -123,6 +131,7 @@ void Choose(StoreReport &report) {
 
 void Apply(std::vector<StoredParameter> &parameters, const StoredParameter &change) {
     bool found = false;
+    // All of several with one identifier are changed, as the bootloader does: a lookup must not find an old one.
     for (StoredParameter &parameter : parameters) {
         if (parameter.identifier != change.identifier) continue;
         parameter.data = change.data;
@@ -153,6 +162,7 @@ std::array<std::uint32_t, 4> NetworkOf(const EepromBytes &chip) {
         at = data + (tag & 0xF);
         if (tag >> 4 == kSearchEnd || at > image.size()) break;
         for (std::size_t n = 0; n < network.size(); ++n) {
+            // The first of several is the one that a lookup returns.
             if (tag >> 4 != kNetworkParameters[n].identifier || found[n]) continue;
             found[n] = true;
             if (at - data == 4) network[n] = Get16(image, data) << 16 | Get16(image, data + 2);
@@ -195,6 +205,7 @@ std::optional<std::uint32_t> ParseAddress(std::string_view text) {
 std::vector<std::uint8_t> MakeStoreImage(unsigned word, const std::vector<StoredParameter> &parameters) {
     std::vector<std::uint8_t> image(kHeaderSize);
     for (const StoredParameter &parameter : parameters) {
+        // 0xFFF would read as the end marker, and four bits hold the length.
         if (parameter.identifier >= kEndIdentifier || parameter.data.size() > kLongestData)
             throw Refused(fmt::format("parameter 0x{:X} of {} bytes", parameter.identifier, parameter.data.size()),
                           "up to 0xFFE, and 15 bytes");
@@ -207,6 +218,7 @@ std::vector<std::uint8_t> MakeStoreImage(unsigned word, const std::vector<Stored
         throw Refused(fmt::format("an image of {} bytes", image.size()), fmt::format("at most {}", kLongestImage));
     Put16(image, 0, word);
     Put16(image, 2, static_cast<unsigned>(image.size()));
+    // Last, since it covers the word and the length.
     Put16(image, 4, ChecksumOf(image));
     return image;
 }

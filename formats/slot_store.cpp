@@ -45,6 +45,7 @@ void StoreRecord(const RawFlash &flash, const std::string &version) {
                       fmt::format("1 to {}, and not the beginning of the maker text", slot.capacity));
     RefuseBadRecordBlock(flash);
     Bytes record(version.begin(), version.end());
+    // Filled up with zeros, since the bootloader compares up to the text's end.
     record.resize(slot.capacity);
     flash.write(slot.address, record);
 }

@@ -13,7 +13,9 @@ constexpr SlotTable kNandSlots{
 };
 constexpr SlotTable kDataflashSlots{
     {{{"bootloader 0", 0x00008000, 0x1FC000}, {"bootloader 1", 0x00204000, 0x200000}}},
-    {"rescue", 0x00404000, 8192 * 1056 - 0x00404000 - 32}, // the check of an image reads 32 bytes after it
+    // Up to the end of an AT45DB642, 8,192 pages of 1,056 bytes, less the 32 bytes that a check reads after an image.
+    // SlotsOn() has the end of the chip at hand.
+    {"rescue", 0x00404000, 8192 * 1056 - 0x00404000 - 32},
     {"version record", 0x00007F00, 16},
 };
 
@@ -30,6 +32,7 @@ const SlotTable &SlotsOf(Medium medium) { return medium == Medium::nand ? kNandS
 const char *NameOf(Medium medium) { return medium == Medium::nand ? "NAND" : "DataFlash"; }
 
 StoredImage ReadSlot(const FlashReader &read, const Slot &slot) {
+    // The header first: a size out of a damaged page must not say how much is read.
     const std::vector<std::uint8_t> header = read(slot.address, kImageHeaderBytes);
     const std::uint32_t size = JudgeImage(header, slot.capacity).size;
     if (size < kImageHeaderBytes || size > slot.capacity) return JudgeImage(header, slot.capacity);

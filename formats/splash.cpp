@@ -35,6 +35,7 @@ std::size_t Mixed(Row row) {
 
 void EncodeRow(SplashStream &stream, Row row) {
     while (!row.empty()) {
+        // No run needs splitting: a word counts to 32,768, and a row has 320 pixels.
         const std::size_t mixed = Mixed(row);
         if (mixed != 0) {
             PutWord(stream.bytes, kLiteral | static_cast<unsigned>(mixed - 1));
@@ -134,6 +135,7 @@ std::string SplashSource(const SplashStream &stream) {
 }
 
 Bytes ReadSplashSource(std::string_view source, const std::filesystem::path &file) {
+    // The first braces are the array's: SplashSource writes none before them.
     const std::size_t open = source.find('{');
     const std::size_t close = source.find('}', open == source.npos ? 0 : open);
     if (open == source.npos || close == source.npos) throw Refusal(file, "no array", "bytes in braces");
