@@ -48,6 +48,33 @@ add_library(platform OBJECT ${PLATFORM_SOURCES})
 target_compile_options(platform PRIVATE -Os)
 target_include_directories(platform PRIVATE ${MODULE_INCLUDES} ${CMAKE_SOURCE_DIR}/platform/common)
 
+# What all images have in common of the modules. No source of it may ask for a version or a record.
+set(common ${CMAKE_BINARY_DIR}/settings/common)
+foreach(header boot_version build_record)
+    file(CONFIGURE OUTPUT ${common}/${header}.h @ONLY CONTENT "// Made by the build.
+#error \"who includes this differs from image to image: it belongs in CMakeLists.txt's lists\"
+")
+endforeach()
+set(COMMON_SOURCES ${MODULE_SOURCES})
+list(REMOVE_ITEM COMMON_SOURCES ${VERSION_SOURCES} ${RECORD_SOURCES})
+add_library(common-modules OBJECT ${COMMON_SOURCES})
+target_include_directories(common-modules BEFORE PRIVATE ${common})
+target_include_directories(common-modules PRIVATE ${MODULE_INCLUDES})
+
+# The objects of some modules for one image, in the order of their sources.
+function(module_objects result target sources)
+    set(objects)
+    foreach(file ${sources})
+        set(library common-modules)
+        if(file IN_LIST VERSION_SOURCES OR file IN_LIST RECORD_SOURCES)
+            set(library ${target}-own)
+        endif()
+        get_filename_component(name ${file} NAME)
+        list(APPEND objects $<FILTER:$<TARGET_OBJECTS:${library}>,INCLUDE,/${name}[.]>)
+    endforeach()
+    set(${result} ${objects} PARENT_SCOPE)
+endfunction()
+
 # One image: the modules with a version and a build record of their own, on the reference platform. Kind `board` is the
 # one for boards, `fixed` the one for tests, in a directory of its own.
 function(add_image name kind record version)
@@ -65,10 +92,13 @@ inline constexpr int kBootVersionMinor = ${CMAKE_MATCH_2};
 inline constexpr const char *kBootVersionBuild = \"${CMAKE_MATCH_3}\";
 ")
     set(target ${kind}-${name})
-    add_library(${target}-modules STATIC ${MODULE_SOURCES})
-    target_include_directories(${target}-modules BEFORE PRIVATE ${settings} ${record})
-    target_include_directories(${target}-modules PRIVATE ${MODULE_INCLUDES})
-    add_dependencies(${target}-modules build-record)
+    add_library(${target}-own OBJECT ${VERSION_SOURCES} ${RECORD_SOURCES})
+    target_include_directories(${target}-own BEFORE PRIVATE ${settings} ${record})
+    target_include_directories(${target}-own PRIVATE ${MODULE_INCLUDES})
+    add_dependencies(${target}-own build-record)
+    module_objects(objects ${target} "${MODULE_SOURCES}")
+    add_library(${target}-modules STATIC ${objects})
+    set_target_properties(${target}-modules PROPERTIES LINKER_LANGUAGE CXX)
     add_executable(${target} $<TARGET_OBJECTS:platform>)
     set_target_properties(${target} PROPERTIES OUTPUT_NAME ${name} SUFFIX .elf RUNTIME_OUTPUT_DIRECTORY ${place})
     target_link_libraries(${target} PRIVATE -Wl,--whole-archive ${target}-modules -Wl,--no-whole-archive)

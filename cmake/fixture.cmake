@@ -39,19 +39,27 @@ add_bench_library(formats formats fmt::fmt PNG::PNG PkgConfig::ELF gif)
 # re-pointed to the host platform; its data lie in sections of their own, so that every start can begin with freshly
 # loaded data.
 file(GLOB SHARED_PLATFORM_SOURCES CONFIGURE_DEPENDS platform/common/*.cpp)
+function(add_native_objects name)
+    add_library(${name} OBJECT EXCLUDE_FROM_ALL ${ARGN})
+    target_compile_options(${name} PRIVATE -g2)
+    target_include_directories(${name} BEFORE PRIVATE ${CMAKE_SOURCE_DIR}/platform/host/include)
+    target_include_directories(${name} PRIVATE ${MODULE_INCLUDES})
+endfunction()
+set(COMMON_SOURCES ${MODULE_SOURCES} ${SHARED_PLATFORM_SOURCES})
+list(REMOVE_ITEM COMMON_SOURCES ${RECORD_SOURCES}) # a version is nothing that a native build has of its own
+add_native_objects(native-common ${COMMON_SOURCES})
 function(add_native_modules name record)
-    add_library(${name}-objects OBJECT ${MODULE_SOURCES} ${SHARED_PLATFORM_SOURCES})
-    target_compile_options(${name}-objects PRIVATE -g2)
-    target_include_directories(${name}-objects BEFORE PRIVATE ${CMAKE_SOURCE_DIR}/platform/host/include ${record})
-    target_include_directories(${name}-objects PRIVATE ${MODULE_INCLUDES})
-    add_dependencies(${name}-objects build-record)
+    add_native_objects(${name}-own ${RECORD_SOURCES})
+    target_include_directories(${name}-own BEFORE PRIVATE ${record})
+    add_dependencies(${name}-own build-record)
+    set(objects $<TARGET_OBJECTS:native-common> $<TARGET_OBJECTS:${name}-own>)
     set(joined ${CMAKE_BINARY_DIR}/${name}.o)
     add_custom_command(
         OUTPUT ${joined}
-        COMMAND ${CMAKE_LINKER} -r -o ${joined}.tmp $<TARGET_OBJECTS:${name}-objects>
+        COMMAND ${CMAKE_LINKER} -r -o ${joined}.tmp ${objects}
         COMMAND ${CMAKE_OBJCOPY} --redefine-syms=${CMAKE_SOURCE_DIR}/platform/host/kernel_names.txt
                 --rename-section .data=boot_data --rename-section .bss=boot_bss ${joined}.tmp ${joined}
-        DEPENDS ${name}-objects $<TARGET_OBJECTS:${name}-objects> ${CMAKE_SOURCE_DIR}/platform/host/kernel_names.txt
+        DEPENDS ${objects} ${CMAKE_SOURCE_DIR}/platform/host/kernel_names.txt
         COMMAND_EXPAND_LISTS)
     add_custom_target(${name}-joined DEPENDS ${joined})
     add_library(${name} INTERFACE)
@@ -115,6 +123,7 @@ if(NOT SANITIZE AND NOT FUZZ)
 endif()
 
 add_bench_library(harness harness tools)
+set_target_properties(harness PROPERTIES EXCLUDE_FROM_ALL ON) # no user of the command needs it
 if(SANITIZE)
     foreach(library sweep tools harness) # not where the time goes, but long to compile otherwise
         target_compile_options(${library} PRIVATE -O0)

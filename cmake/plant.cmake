@@ -15,11 +15,13 @@ function(plant patch)
         OUTPUT ${place}/${module}
         COMMAND patch --quiet --fuzz=0 -r - -o ${place}/${module} ${CMAKE_SOURCE_DIR}/${source} ${patch}
         DEPENDS ${CMAKE_SOURCE_DIR}/${source} ${patch})
+    set(others ${MODULE_SOURCES})
+    list(REMOVE_ITEM others ${CMAKE_SOURCE_DIR}/${source})
     foreach(version ${BOOT_VERSIONS})
         image_name(image ${version})
         set(target planted-${name}-${version})
-        set(others $<FILTER:$<TARGET_OBJECTS:fixed-${image}-modules>,EXCLUDE,/${module}[.]>)
-        add_executable(${target} EXCLUDE_FROM_ALL $<TARGET_OBJECTS:platform> ${others} ${place}/${module})
+        module_objects(objects fixed-${image} "${others}")
+        add_executable(${target} EXCLUDE_FROM_ALL $<TARGET_OBJECTS:platform> ${objects} ${place}/${module})
         target_include_directories(${target} PRIVATE ${CMAKE_BINARY_DIR}/settings/${version} ${FIXED_RECORD}
                                                      ${MODULE_INCLUDES})
         target_compile_options(${target} PRIVATE -Wno-unused) # what a mistake forgets to call
