@@ -8,7 +8,9 @@ namespace {
 
 constexpr std::uint32_t kBaudDivider = 0xFFFFEE20; // DBGU.BRGR
 constexpr std::uint32_t kNandWindow = 0x40000000;
+// A21 and A22 tell data, address and command of the NAND apart, so all of it lies in these 8 MiB.
 constexpr std::uint32_t kNandWindowBytes = 0x00800000;
+// A reset takes no virtual time, and a level without a length is not seen.
 constexpr Picoseconds kResetShown = kMicrosecond;
 
 } // namespace
@@ -26,12 +28,14 @@ BoardVcd::BoardVcd(std::ostream &out, const std::string &signals, Machine &machi
         else if (name == "NAND_IO")
             nand_io_ = writer_.add(signal.name, 8, 0);
         else
+            // The strobes are active low and begin high; the latch enables are active high.
             (name == "NAND_CLE"   ? nand_cle_
              : name == "NAND_ALE" ? nand_ale_
              : name == "NAND_WE"  ? nand_we_
                                   : nand_re_) = writer_.add(signal.name, 1, name == "NAND_WE" || name == "NAND_RE");
     }
     if (nand_io_ || nand_cle_ || nand_ale_ || nand_we_ || nand_re_) add_nand(machine);
+    // The controller moves whole characters. Its pins follow bit by bit only while somebody looks.
     machine.board().spi0.trace_bits = true;
     writer_.begin();
 }
@@ -41,6 +45,7 @@ void BoardVcd::add_console(Machine &machine, const Line &line) {
     Board &board = machine.board();
     board.console.transmitted = [&board, line, before = board.console.transmitted](char c) {
         if (before) before(c);
+        // AT91SAM9263, debug unit: a bit takes 16 x BRGR cycles of the master clock.
         const Picoseconds bit = 16 * Picoseconds{board.bus.peek(kBaudDivider).value_or(1)} * board.bus.cycle;
         const unsigned frame = unsigned{static_cast<unsigned char>(c)} << 1 | 1u << 9;
         for (unsigned n = 0; n < 10; ++n)
@@ -60,6 +65,7 @@ void BoardVcd::add_reset(Machine &machine, const Line &line) {
 
 // The strobe falls at the access and rises after half a bus cycle; data stand in between.
 void BoardVcd::add_nand(Machine &machine) {
+    // What nobody asked for goes nowhere, so that no access has to ask which signals there are.
     for (Line *line : {&nand_io_, &nand_cle_, &nand_ale_, &nand_we_, &nand_re_})
         if (!*line) *line = [](unsigned) {};
     Board &board = machine.board();

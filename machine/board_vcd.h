@@ -14,8 +14,7 @@ namespace fixture {
 
 class BoardVcd {
 public:
-    // Looks on beside whoever looks on already. `out` outlives it. Throws std::invalid_argument for a signal that there
-    // is not.
+    // Looks on beside whoever looks on already. `out` outlives it. Throws Refusal for a signal that does not exist.
     BoardVcd(std::ostream &out, const std::string &signals, Machine &machine);
 
 private:

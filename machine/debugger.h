@@ -23,7 +23,7 @@ public:
     // Where the run first waits for a debugger.
     enum class StopOn : std::uint8_t { entry, violation, hang, fault, reset };
 
-    // Port 0: any that is free. Throws std::runtime_error where the port cannot be had.
+    // Port 0: any that is free. Throws Refusal if the port cannot be had.
     Debugger(Machine &machine, std::uint16_t port, StopOn on);
     ~Debugger() override;
     Debugger(const Debugger &) = delete;

@@ -24,6 +24,7 @@ std::string DescribeEvent(const Event &event) {
 
 EventStream::EventStream(Machine &machine) : machine_(machine) {
     Board &board = machine_.board();
+    // Set, not chained: the stream comes first, and whatever looks on later passes on what it sees.
     board.bus.observer = [this](const BusAccess &made) { access(made); };
     board.journal.listener = [this](const JournalEntry &entry) {
         const std::vector<JournalEntry> &violations = machine_.board().journal.violations();
@@ -73,6 +74,8 @@ const std::string &EventStream::name_of(std::uint32_t address) {
 
 void EventStream::access(const BusAccess &made) {
     const BusAccess &last = pending_.access;
+    // A wait reads one register thousands of times, and a page goes through one data port: a count of them keeps a
+    // trace readable.
     const bool same_place = made.address == last.address && made.is_write == last.is_write && made.bytes == last.bytes;
     const bool data_port = made.bytes < 4; // registers are words
     if (has_pending_ && same_place && (data_port || made.value == last.value)) {
@@ -90,7 +93,7 @@ void EventStream::access(const BusAccess &made) {
 }
 
 void EventStream::tell(EventKind kind, std::string where, std::string what) {
-    flush();
+    flush(); // what was still being counted came before this
     Event event;
     event.time = machine_.board().clock.now();
     event.kind = kind;

@@ -3,6 +3,7 @@
 #include "formats/stored_image.h"
 
 #include <algorithm>
+#include <cassert>
 #include <charconv>
 #include <fmt/format.h>
 
@@ -12,7 +13,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::size_t kLargestImage = 16 * 1024 * 1024;
+constexpr std::size_t kLargestImage = 16 * 1024 * 1024; // the load buffer: no board is given a larger one
 
 std::optional<BootVersion> VersionFromName(const std::string &name) {
     if (name == "bootloader") return BootVersion{};
@@ -46,6 +47,7 @@ Firmware ReadFirmware(const fs::path &file) {
 
 KnownFirmware::KnownFirmware(const fs::path &directory) {
     std::error_code error;
+    // A missing directory has no builds. Callers that need some ask NeededFirmwareDirectory() first.
     for (const fs::directory_entry &entry : fs::directory_iterator(directory, error)) {
         const std::optional<BootVersion> version = VersionFromName(entry.path().stem().string());
         if (entry.path().extension() != ".elf" || !version) continue;
@@ -75,6 +77,7 @@ void LoadElf(const ElfImage &image, const Memory &memory, bool clear) {
             throw Refusal("program",
                           fmt::format("{} bytes at 0x{:08X}: no memory there", segment.memory_size, segment.address),
                           "", "bad-elf");
+        assert(segment.bytes.size() <= segment.memory_size && "ElfImage::read refuses any other segment");
         std::copy(segment.bytes.begin(), segment.bytes.end(), place.begin());
         if (clear)
             std::fill(place.begin() + static_cast<std::ptrdiff_t>(segment.bytes.size()), place.end(), std::uint8_t{0});

@@ -12,6 +12,7 @@ std::string VersionText(const Firmware &build) {
 }
 
 bool CanForecast(const Chips &chips, const RunOptions &options) {
+    // What a watchdog, a file server or a failing cell does depends on time and chance, which rules do not know.
     return options.slots && !options.firmware && options.known && !options.file_server_fails &&
            !options.board.watchdog && chips.nand.faults.empty() && chips.dataflash.faults.empty();
 }

@@ -39,6 +39,7 @@ struct Place {
 std::optional<Place> PlaceOf(std::string_view text) {
     const std::optional<std::uint32_t> address = GdbNumber(TakeGdbWord(text, ','));
     const std::optional<std::uint32_t> bytes = GdbNumber(text);
+    // Half a packet: a byte takes two digits in the reply.
     if (!address || !bytes || *bytes > kGdbPacketMost / 2) return std::nullopt;
     return Place{*address, *bytes};
 }
@@ -52,6 +53,7 @@ std::string Unescaped(std::string_view data) {
     return plain;
 }
 
+// Registers travel in the target's byte order, whatever the order of this machine.
 std::string WordToHex(std::uint32_t word) {
     char bytes[4];
     for (unsigned i = 0; i < 4; ++i) bytes[i] = static_cast<char>(word >> 8 * i);
@@ -64,6 +66,7 @@ std::uint32_t WordFrom(std::string_view bytes) {
     return word;
 }
 
+// Without it GDB expects eight registers of an old floating-point unit, and finds every reply to "g" too short.
 std::string TargetDescription() {
     std::string xml = "<?xml version=\"1.0\"?><!DOCTYPE target SYSTEM \"gdb-target.dtd\"><target version=\"1.0\">"
                       "<architecture>armv5te</architecture><feature name=\"org.gnu.gdb.arm.core\">";
@@ -95,6 +98,7 @@ std::optional<std::string> FromHex(std::string_view digits) {
 std::string FrameGdbPacket(std::string_view data) {
     std::string escaped;
     for (const char c : data) {
+        // "*" would be read as a count of repeats.
         const bool special = c == '$' || c == '#' || c == '*' || c == kEscape;
         if (special) escaped += kEscape;
         escaped += special ? static_cast<char>(c ^ 0x20) : c;
@@ -118,6 +122,7 @@ std::optional<GdbPacketReader::Item> GdbPacketReader::next() {
             waiting_.erase(0, std::min(end, waiting_.size()));
             return Item{Kind::broken, {}};
         }
+        // The sum's two digits may come with the next bytes.
         if (end + 3 > waiting_.size()) return std::nullopt;
         const std::string data = waiting_.substr(1, end - 1);
         const std::optional<std::uint32_t> sum = GdbNumber(std::string_view(waiting_).substr(end + 1, 2));
@@ -168,6 +173,7 @@ GdbSession::Answer GdbSession::handle(const std::string &packet) {
     case 'X': return {write_memory(rest, true)};
     case 'Z': return {set_stop(rest, true)};
     case 'z': return {set_stop(rest, false)};
+    // An address that may follow is left out: GDB sets r15 itself. So is a signal, since nothing here takes one.
     case 'c':
     case 'C': return {"", Then::go, false};
     case 's':
@@ -198,6 +204,7 @@ GdbSession::Answer GdbSession::resume(std::string_view actions) {
 
 std::string GdbSession::query(const std::string &packet) {
     if (packet.starts_with("qSupported")) {
+        // A debugger that has not said that it knows such stops is sent none.
         follows_programs_ = packet.find("exec-events+") != std::string::npos;
         return fmt::format("PacketSize={:x};qXfer:features:read+;qXfer:memory-map:read+;qXfer:exec-file:read+;"
                            "exec-events+;QStartNoAckMode+;vContSupported+",
@@ -240,6 +247,7 @@ std::string GdbSession::transfer(const std::string &packet) {
     if (verb != "read" || !text) return {};
     if (!offset || !length || *offset > text->size()) return "E01";
     const std::string piece = text->substr(*offset, std::min<std::uint32_t>(*length, kGdbPacketMost / 2));
+    // "m" has GDB ask for the next piece, "l" is the last one.
     return (*offset + piece.size() < text->size() ? "m" : "l") + piece;
 }
 
@@ -253,6 +261,7 @@ std::string GdbSession::write_memory(std::string_view arguments, bool binary) {
     const std::optional<Place> place = PlaceOf(TakeGdbWord(arguments, ':'));
     const std::optional<std::string> bytes = binary ? std::string(arguments) : FromHex(arguments);
     if (!place || !bytes || bytes->size() != place->bytes) return "E01";
+    // GDB tries by a write of no bytes whether binary writes are known here.
     return bytes->empty() || target_.write(place->address, *bytes) ? "OK" : "E01";
 }
 
@@ -286,7 +295,7 @@ std::string GdbSession::set_stop(std::string_view arguments, bool insert) {
     const std::optional<Place> place = PlaceOf(TakeGdbWord(arguments, ';'));
     if (!place) return "E01";
     // A bound, since every stop is looked at before each instruction and nobody sets thousands by hand.
-    if (breakpoints_.size() >= kStopsMost || watchpoints_.size() >= kStopsMost) return "E02";
+    if (insert && (breakpoints_.size() >= kStopsMost || watchpoints_.size() >= kStopsMost)) return "E02";
     if (kind[0] <= '1') {
         insert ? void(breakpoints_.insert(place->address)) : void(breakpoints_.erase(place->address));
         return "OK";

@@ -15,7 +15,8 @@ namespace {
 
 constexpr const char *kFirmware = "bootloader.elf";
 
-// The directory above the one that holds this program.
+// The directory above the one that holds this program: by its file, not by the name that it was called by, which may be
+// a link from anywhere.
 fs::path Prefix() {
     std::error_code error;
     return fs::read_symlink("/proc/self/exe", error).parent_path().parent_path();
@@ -28,6 +29,7 @@ bool Exists(const fs::path &file) {
 
 std::vector<fs::path> Places() {
     std::vector<fs::path> places = {Prefix() / "arm", Prefix() / "share/fixture"};
+    // First, since what somebody names counts for more than what is found.
     const char *const named = std::getenv("FIXTURE_DATA");
     if (named && *named) places.insert(places.begin(), named);
     return places;

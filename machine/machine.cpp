@@ -52,6 +52,7 @@ void Machine::connect() {
     };
     board_.reset_controller.processor_reset = [this] { stop({StageEnd::reset, 0, "reset controller"}); };
     board_.watchdog.expired = [this] {
+        // The register that was read last says what the program was waiting for.
         stop({StageEnd::reset, 0, "watchdog, after a look at " + board_.bus.last_read()});
     };
     board_.supply.lost = [this] {
@@ -131,6 +132,7 @@ void Machine::stage_ends(const StageResult &end) {
 }
 
 void Machine::stop(StageResult result) {
+    // The emulated processor tells of its ends itself, at the very instruction.
     if (native_) stage_ends(result);
     // A launched image runs on the emulated processor even in a native run, so that one is asked first.
     if (arm_ && arm_->running()) return arm_->stop(std::move(result));
@@ -191,6 +193,7 @@ StageResult Machine::run_bootloader(const Firmware &firmware) {
     const std::span<std::uint8_t> place = board_.memory.memory().at(kBootloaderLinkAddress, firmware.flat.size());
     if (place.empty()) return {StageEnd::fault, 0, "the image does not fit the memory"};
     if (firmware.elf)
+        // Not cleared, as after a copy of a flat image: start-up code that counts on zeroed memory must fail here too.
         LoadElf(*firmware.elf, board_.memory.memory(), false);
     else
         std::copy(firmware.flat.begin(), firmware.flat.end(), place.begin());
@@ -210,6 +213,7 @@ void Machine::note_rescue(char c) {
 void Machine::name_launched() {
     if (!rescue_found_) {
         std::error_code error;
+        // A launch takes the load buffer as the check of the application has left it, so that was the last file opened.
         const std::uintmax_t size = std::filesystem::file_size(volume_.last_opened_file(), error);
         report_.launched = volume_.last_opened();
         report_.launched_bytes = error ? 0 : static_cast<std::uint32_t>(size);
@@ -220,6 +224,7 @@ void Machine::name_launched() {
     report_.launched_bytes = JudgeImage(header, kLargestStoredImage).size;
 }
 
+// By content: the name of a file in a bank does not tell which program it is.
 const Firmware *Machine::program_at(std::uint32_t entry) {
     const Memory &memory = board_.memory.memory();
     for (const Firmware &program : options_.programs) {
@@ -305,6 +310,7 @@ RunReport Machine::run() {
         }
         ++report_.resets;
         tell(EventKind::reset, "processor", "reset by the " + end.place);
+        // Caches are discarded here, not written back, so what the bootloader left is what it flushed.
         board_.processor_reset();
         // Looked for after the reset: a marker that was not flushed is gone by now, and the bootloader starts again.
         if (MarkerStands(board_.memory.memory())) {

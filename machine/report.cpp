@@ -37,6 +37,7 @@ std::string HtmlText(std::string_view text) {
         case '&': html += "&amp;"; break;
         case '"': html += "&quot;"; break;
         default:
+            // A console may print any byte, and a page takes no control characters but these.
             if (static_cast<unsigned char>(c) >= 0x20 || c == '\n' || c == '\t') html += c;
         }
     }
@@ -150,6 +151,7 @@ public:
         ticks_[lane] += fmt::format("M{:.2f} {}v{}", x(time), whole ? 0 : lane * kLaneHeight + 5,
                                     whole ? kRows * kLaneHeight : kLaneHeight - 10);
     }
+    // Half a unit wide at least, or a short one could not be pointed at.
     void band(const char *style, unsigned lane, unsigned lanes, Picoseconds from, Picoseconds to,
               const std::string &title) {
         bands_ +=
@@ -212,6 +214,7 @@ constexpr std::string_view kStarts = "starts ";
 void AddStages(Timeline &timeline, const RunRecord &record, Picoseconds end) {
     std::vector<std::pair<Picoseconds, std::string>> starts;
     for (const Event &event : record.events())
+        // What the first stage takes, it starts in the next event.
         if (event.kind == EventKind::stage && !event.what.starts_with("takes"))
             starts.emplace_back(event.time,
                                 event.what.starts_with(kStarts) ? event.what.substr(kStarts.size()) : event.what);
@@ -221,6 +224,7 @@ void AddStages(Timeline &timeline, const RunRecord &record, Picoseconds end) {
 }
 
 std::string DrawTimeline(const RunRecord &record, Picoseconds end, std::span<const FrameRecorder::Frame> frames) {
+    // What is drawn later lies on top: pauses are the ground for everything else.
     Timeline timeline(end);
     for (const RunRecord::Pause &pause : record.pauses()) {
         if (timeline.x(pause.end) - timeline.x(pause.begin) < kClosest) continue;
@@ -245,6 +249,7 @@ std::string DrawMap(const FlashMap &map, const FlashMap *before) {
         const std::uint8_t fill = map.fill[block];
         const bool changed = before && block < before->fill.size() && before->fill[block] != fill;
         if (fill == 0 && !changed) continue;
+        // A block with one page in use is still to be seen, so the scale does not begin at 0.
         text += fmt::format("<rect class=\"m-{}\" x=\"{}\" y=\"{}\" width=\"3.4\" height=\"3.4\" opacity=\"{:.2f}\"/>",
                             fill == FlashMap::kBad ? "bad"
                             : changed              ? "changed"
@@ -278,8 +283,7 @@ std::string Facts(const RunReport &report) {
 
 // What was to be expected of the board, start by start, from its chips and files alone.
 std::string DrawForetold(const Prediction *foretold) {
-    if (!foretold)
-        return "<p class=\"quiet\">Nothing is foretold of this call: not all of the board is in its files.</p>";
+    if (!foretold) return "<p class=\"quiet\">This run cannot be foretold: not all of the board is in its files.</p>";
     std::string text =
         fmt::format("<p>Foretold from chips and files before the run: {}.</p>", HtmlText(foretold->reason));
     std::optional<unsigned> start;
@@ -300,6 +304,7 @@ std::string DrawForetold(const Prediction *foretold) {
     return text;
 }
 
+// The symbols of an event are those of its own time: the same address is another routine in another build.
 std::string EventRows(std::span<const Event> events) {
     std::string rows;
     for (const Event &event : events)
@@ -337,6 +342,7 @@ std::string Fill(std::string_view page, const std::map<std::string_view, std::st
         filled += page.substr(0, begin);
         page.remove_prefix(begin);
         if (page.empty()) break;
+        // The page is part of this program, so every name in it has its end and its text.
         const std::size_t end = page.find("}}");
         filled += texts.at(page.substr(2, end - 2));
         page.remove_prefix(end + 2);
@@ -357,6 +363,7 @@ FlashMap MapOf(const Chips &chips, bool nand) {
         }
     } else {
         const std::uint32_t pages = chips.dataflash.bytes() / chips.dataflash.part().page_bytes;
+        // AT45DB: a block, as its erase command takes it, is eight pages.
         constexpr std::uint32_t kGroup = 8;
         for (std::uint32_t first = 0; first < pages; first += kGroup) {
             std::uint8_t used = 0;
@@ -416,6 +423,7 @@ std::string ReportPage(const RunRecord &record, const RunReport &report, const F
          {"events_note", HtmlText(note)},
          {"events", EventRows(listed)},
          {"call", HtmlText(texts.call)},
+         // Its end is never 0: the page divides by it.
          {"data",
           fmt::format(
               "{{\"left\":{},\"width\":{},\"view\":{},\"end\":{:.6f},\"more\":{},\"frames\":[{}],\"events\":[{}]}}",

@@ -35,6 +35,7 @@ const Symbols::Known &Symbols::find(std::uint32_t address) const {
     return known;
 }
 
+// Read late: the tables outweigh the program many times over, and a run that ends well asks for none of their lines.
 const DebugInfo &Symbols::debug_info() const {
     if (debug_info_) return *debug_info_;
     try {

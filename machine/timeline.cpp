@@ -9,6 +9,7 @@ namespace fixture {
 
 // Routines and their causes, by name or by a pattern; the first line that fits holds. What stands nowhere is rest.
 const Timeline::Place Timeline::kPlaces[] = {
+    // Steps between the instruction sets, and the library: they work for whoever calls them.
     {"*_from_thumb", {.inherited = true}},
     {"*_from_arm", {.inherited = true}},
     {"__gnu_thumb1*", {.inherited = true}},
@@ -21,6 +22,7 @@ const Timeline::Place Timeline::kPlaces[] = {
     {"usleep", {.cause = Cause::pauses, .dictates = Dictates::nothing, .pauses = true}},
     {"(anonymous namespace)::Wait", {.inherited = true}},
 
+    // The two-wire bus. Its delays are bit times, which no program can shorten.
     {"mmio::Spin", {.cause = Cause::wire, .dictates = Dictates::all}},
     {"I2C_Delay", {.cause = Cause::wire, .dictates = Dictates::all}},
     {"I2C_*", {Cause::wire}},
@@ -34,12 +36,14 @@ const Timeline::Place Timeline::kPlaces[] = {
     {"*hkSum", {Cause::wire}},
     {"ui*", {Cause::wire}},
 
+    // The panel's serial bus makes its bits by usleep: those are no pauses, but the bus.
     {"Spi_*", {.cause = Cause::panel, .bits = true}},
     {"LCD_*", {Cause::panel}},
     {"*LCD", {Cause::panel}},
     {"(anonymous namespace)::SendWord", {Cause::panel}},
     {"(anonymous namespace)::StoreTurns", {Cause::panel}},
 
+    // Raw flash. What reads and writes share belongs to the one that called it.
     {"AT91SAM926X_WriteDataflash", {Cause::writes}},
     {"AT91SAM926X_ReadDataflash", {Cause::reads}},
     {"AT91SAM926X_InitializeDataflash", {Cause::reads}},
@@ -51,6 +55,7 @@ const Timeline::Place Timeline::kPlaces[] = {
     {"(anonymous namespace)::Move", {.inherited = true}},
     {"(anonymous namespace)::WaitReady", {.inherited = true}},
     {"(anonymous namespace)::MayTransfer", {.inherited = true}},
+    // Erasing stands before AT91F_*, which would take it in: the first line that fits holds.
     {"NandFlash_Write", {Cause::writes}},
     {"AT91F_NandEraseBlock", {Cause::writes}},
     {"NandFlash_Read", {Cause::reads}},
@@ -62,6 +67,7 @@ const Timeline::Place Timeline::kPlaces[] = {
     {"NandBus_*", {.inherited = true}},
 
     {"Sums_*", {Cause::sums}},
+    // Calls of the file system: pages that are read for the first time are dictated, pages that are read again are not.
     {"_open*", {Cause::files}},
     {"_read*", {Cause::files}},
     {"_close*", {Cause::files}},
@@ -105,6 +111,7 @@ Timeline::Timeline(Machine &machine) : machine_(machine) {
 Timeline::~Timeline() { machine_.arm().watch_runs(nullptr); }
 
 const Timeline::Role &Timeline::role_at(std::uint32_t address) {
+    // By address: a routine is entered a hundred thousand times and looked up by name once.
     const auto [known, is_new] = roles_.try_emplace(address);
     if (!is_new) return known->second;
     const std::string name = Symbols(firmware_).routine(address);
@@ -118,7 +125,9 @@ const Timeline::Role &Timeline::role_at(std::uint32_t address) {
 
 void Timeline::begin() {
     firmware_ = machine_.running();
+    // Without bit 0, by which a symbol tells the instruction set: runs of code begin at even addresses.
     usleep_ = firmware_ && firmware_->elf ? firmware_->elf->symbol("usleep").value_or(0) & ~1u : 0;
+    // The same address is another routine in another build.
     roles_.clear();
     role_ = {};
     if (machine_.in_launched()) role_ = {.cause = Cause::application, .dictates = Dictates::nothing};
@@ -136,11 +145,13 @@ void Timeline::entered(std::uint32_t address) {
     Role role = role_at(address);
     if (role.inherited) return;
     charge();
+    // usleep called from the panel's bus: the time is the bus's, not a pause.
     if (role.pauses && role_.bits) {
         role.cause = role_.cause;
         role.bits = true;
     }
     role_ = role;
+    // r0 holds the microseconds that are asked for.
     if (address == usleep_) spent().dictated += machine_.arm().registers()[0] * kMicrosecond;
 }
 
@@ -152,12 +163,14 @@ void Timeline::charge() {
     const Picoseconds waited = machine_.board().bus.waited() - std::exchange(waited_, machine_.board().bus.waited());
     const Picoseconds needed = machine_.file_time_needed() - std::exchange(files_, machine_.file_time_needed());
     const Picoseconds all_files = machine_.file_time() - std::exchange(all_files_, machine_.file_time());
+    // Before the first routine there is nobody to charge; the exchanges above have set where counting begins.
     if (starts_.empty()) return;
     const Picoseconds computed = instructions * machine_.board().pmc.core_cycle();
     spent().time += time;
     spent().dictated += needed;
     if (role_.dictates == Dictates::all) spent().dictated += time;
     if (role_.dictates == Dictates::accesses) {
+        // What is computed between two looks at a register costs nothing: the wait lasts as long without it.
         const Picoseconds worked = computed - std::min(computed, waited) + all_files;
         spent().dictated += time - std::min(time, worked);
     }

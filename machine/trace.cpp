@@ -55,10 +55,12 @@ bool TraceFilter::passes(const Event &event) const {
     if (event.time < from || event.time > until) return false;
     if (!kinds.empty() && !kinds.contains(event.kind)) return false;
     if (!peripherals.empty() && !MatchesAny(event.where.substr(0, event.where.find('.')), peripherals)) return false;
+    // Natively there is no place, so a filter by routine lets nothing pass.
     return functions.empty() || (event.pc && MatchesAny(event.symbols->routine(event.pc), functions));
 }
 
 std::string TraceLine(const Event &event) {
+    // Ten digits hold runs of more than two hours in one column.
     std::string line = fmt::format("{:10}.{:03} us  {:9}  {}", event.time / kMicrosecond,
                                    event.time / kNanosecond % 1000, NameOf(event.kind), DescribeEvent(event));
     if (event.pc) line += "  " + event.symbols->place(event.pc);
@@ -69,6 +71,7 @@ Trace::Trace(std::ostream &out, TraceFilter filter, std::size_t last)
     : filter_(std::move(filter)), last_(last), ring_(last), out_(out) {}
 
 Trace::~Trace() {
+    // Empty unless only the last events were asked for.
     for (const Event &event : ring_.in_order()) print(event);
 }
 

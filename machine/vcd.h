@@ -47,7 +47,7 @@ struct VcdSignal {
 };
 
 // The signals named in a list ("SDA,SCL,NAND_RB"); all of them for an empty one. A name that ends in "*" stands for all
-// that begin so ("PANEL*"). Throws std::invalid_argument, with the names there are, for a name that there is not.
+// that begin so ("PANEL*"). Throws Refusal, with the names there are, for a name that is none of them.
 std::vector<VcdSignal> VcdSignals(std::string_view list);
 
 } // namespace fixture
