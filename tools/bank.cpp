@@ -23,6 +23,7 @@ using nlohmann::ordered_json;
 
 namespace {
 
+// What boards leave production with, and so what most banks will meet. The help of --running states it too.
 constexpr const char *kUsualVersion = "1.9.0";
 
 struct BuildCall {
@@ -50,15 +51,19 @@ class NamedBoard {
 public:
     explicit NamedBoard(const ChipFiles &chips)
         : known_(FirmwareDirectory()), nand_(LoadNand(chips)), dataflash_(LoadDataflash(chips)) {
+        // One file cannot be both chips: every warning would be about a board that does not exist.
         RequireDistinct({chips.nand, chips.dataflash});
+        // If no chip is named, both blank ones are examined: the bank may be for either kind of board.
         if (!chips.nand.empty() || !chips.named()) view_.chips.push_back(RawFlashOf(nand_));
         if (!chips.dataflash.empty() || !chips.named()) view_.chips.push_back(RawFlashOf(dataflash_));
+        // By the image's content: the version that a bank states is the very thing under examination.
         view_.version_of = [this](std::span<const std::uint8_t> body) -> std::optional<std::string> {
             const Firmware *build = known_.identify(body);
             if (!build) return std::nullopt;
             return fmt::format("{}.{}.{}", build->version.major, build->version.minor, build->version.build);
         };
     }
+    // view_ reads the chips beside it. The view of a copy would still read the original's.
     NamedBoard(const NamedBoard &) = delete;
     NamedBoard &operator=(const NamedBoard &) = delete;
 
@@ -70,12 +75,16 @@ public:
         const bool nand = !chips.nand.empty() || chips.dataflash.empty();
         BoardState board;
         board.pins_12_13 = nand;
+        // The prediction writes to its chip; view_ must keep showing the chips as they are. A copy costs nothing until
+        // then, since pages are shared.
         started_nand_ = nand_;
         started_dataflash_ = dataflash_;
         board.flash = nand ? RawFlashOf(started_nand_) : RawFlashOf(started_dataflash_);
+        // Any bytes that no build has: `running` then says which version it is.
         const Bytes any_bootloader(64, 0xE1);
         if (!ChooseBootloader(board.flash.read, SlotsOf(board.medium())))
             StoreProvision(board.flash, {0, Wrap(any_bootloader), {}, ""});
+        // Asked last, after the builds known here and the banks' own images.
         board.version_of = [running](std::span<const std::uint8_t>) { return running; };
         return board;
     }
@@ -99,6 +108,7 @@ std::vector<BankFile> ReadFiles(const BuildCall &call) {
     if (!call.rescue.empty())
         files.push_back({FileRole::rescue, call.rescue, call.rescue_version, ReadStoredImage(call.rescue)});
     for (const std::string &extra : call.extras)
+        // The manifest has nine digits for a size: a larger file could not be listed.
         files.push_back({FileRole::none, extra, "", ReadFile(extra, kLargestNumber)});
     return files;
 }
@@ -109,19 +119,23 @@ void CheckReplaceable(const fs::path &out) {
         throw Refusal(Fault::output, {id, where.string(), found, expected});
     };
     constexpr const char *kExpected = "a new name, an empty directory or a bank";
+    // "out/app" and "out/app/" are the same directory; parent_path() of the second alone would be the first.
     const fs::path parent = fs::absolute(out / "").lexically_normal().parent_path().parent_path();
     std::error_code error;
     if (!fs::is_directory(parent, error)) refuse(parent, "no such directory", "", "missing");
     const fs::file_status status = fs::symlink_status(out, error);
+    // A link counts as what it is, not as where it leads: following it would empty a directory somewhere else.
     if (!fs::exists(status)) return;
     if (!fs::is_directory(status)) refuse(out, "not a directory", kExpected, "not-replaceable");
     for (const fs::directory_entry &entry : fs::directory_iterator(out)) {
         const std::string name = entry.path().filename().string();
+        // A foreign file is a sign of a mistyped OUT. Replacing the directory would delete it without a word.
         if (name != kDescriptorName && name != kManifestName && name + "/" != kFileDirectory)
             refuse(out, fmt::format("holds \"{}\", which is no part of a bank", name), kExpected, "not-replaceable");
     }
 }
 
+// In any order: nobody sees the directory before it takes its place.
 void WriteBank(const fs::path &directory, const std::vector<BankFile> &files) {
     fs::create_directory(directory / kFileDirectory);
     for (const BankFile &file : files) WriteFile(directory / file.path(), file.bytes);
@@ -141,6 +155,7 @@ ordered_json ToJson(const std::string &out, const std::vector<BankFile> &files) 
 }
 
 // Where a bank is to stand on the board: as asked for, or by the directory's own name.
+// Some checks depend on the place: a path and its bank's directory share one buffer of the bootloader.
 std::string BoardDirectory(const fs::path &directory, const std::string &as) {
     const fs::path named = fs::absolute(directory / "").lexically_normal().parent_path().filename();
     const std::string name = as.empty() ? named.string() : as;
@@ -165,6 +180,7 @@ void PrintFiles(const std::string &out, const std::vector<BankFile> &files) {
 
 // The new bank is examined before it takes its place, so that build and check say the same.
 int Build(const BuildCall &call) {
+    // The cheap refusals come first. The new directory removes itself if anything below fails.
     CheckReplaceable(call.out);
     NewDirectory directory(call.out);
     const std::vector<BankFile> files = ReadFiles(call);
@@ -177,6 +193,7 @@ int Build(const BuildCall &call) {
     outcome.problems = bank.problems;
     outcome.warnings = bank.warnings;
     const int status = outcome.judged(bank.problems.empty() ? kGood : kBad, call.judging);
+    // The only step that changes OUT. With --strict a warning keeps the old bank in its place.
     if (status == kGood) directory.take_place();
     if (status != kGood) outcome.problems.push_back({"not-built", call.out, "the bank is not written", ""});
     if (!call.json && status == kGood) PrintFiles(call.out, files);
@@ -192,6 +209,7 @@ ordered_json ToJson(const RecordReport &report) {
 }
 
 ordered_json ToJson(const BankReport &bank) {
+    // The descriptor has an entry for each role even where it says nothing: programs need not ask which keys are there.
     ordered_json json{{"directory", bank.directory},      {"good", bank.good()},
                       {"launches", bank.launches},        {"descriptor", ordered_json::object()},
                       {"records", ordered_json::array()}, {"actions", bank.actions}};
@@ -239,6 +257,7 @@ void PrintReport(const std::string &directory, const BankReport &bank) {
 }
 
 int CheckBank(const CheckCall &call, const NamedBoard &board) {
+    // Refused, not ignored: whoever names a version expects the answer to depend on it.
     if (!call.running.empty())
         throw Refusal(Fault::call,
                       {"wrong-call", "--running", "has no effect on one bank", "the directory that holds data/"});
@@ -246,6 +265,7 @@ int CheckBank(const CheckCall &call, const NamedBoard &board) {
     CallReport outcome("bank check", call.json);
     outcome.part = ToJson(bank);
     outcome.part["bank"] = TextJson(call.directory);
+    // In JSON alone, since PrintReport shows them among the records they belong to.
     outcome.problems = bank.problems;
     outcome.warnings = bank.warnings;
     if (!call.json) PrintReport(call.directory, bank);
@@ -262,6 +282,7 @@ void Append(Problems &to, const Problems &more) { to.insert(to.end(), more.begin
 
 int CheckVolume(const CheckCall &call, NamedBoard &board) {
     const std::string running = call.running.empty() ? kUsualVersion : call.running;
+    // The banks together: each may be good by itself and still replace what another one stores, start after start.
     const VolumeReport volume = ExamineVolume(call.directory, board.view(), board.state(call.chips, running));
     CallReport outcome("bank check", call.json);
     outcome.problems = volume.problems;
@@ -284,6 +305,7 @@ int CheckVolume(const CheckCall &call, NamedBoard &board) {
         fmt::print("{} as a volume: {}\n", Printable(call.directory), volume.good() ? "good" : "BAD");
         for (const Problem &problem : volume.problems) fmt::print("  {} ({})\n", problem.text(), problem.id);
         for (std::size_t n = 0; n < volume.power_ups.size(); ++n) {
+            // A second power-up is foretold only where the first one leaves something for it to do otherwise.
             fmt::print("\n{}\n", n == 0 ? "What a board does with it" : "And at the next power-up");
             PrintPrediction(volume.power_ups[n]);
         }
@@ -295,6 +317,8 @@ int CheckVolume(const CheckCall &call, NamedBoard &board) {
 int Check(const CheckCall &call) {
     NamedBoard board(call.chips);
     std::error_code error;
+    // A volume is known by its data/. A directory that is neither is examined as a bank, whose report says what is
+    // missing.
     if (!fs::is_directory(fs::path(call.directory) / "data", error)) return CheckBank(call, board);
     if (!call.as.empty())
         throw Refusal(Fault::call, {"wrong-call", "--as", "has no effect on a volume", "a bank's directory"});
@@ -304,16 +328,20 @@ int Check(const CheckCall &call) {
 void AddBuild(CLI::App &bank, int &exit_status) {
     auto call = std::make_shared<BuildCall>();
     CLI::App *build = bank.add_subcommand("build", "Make a bank directory from firmware files");
-    build->add_option("OUT", call->out, "directory to write; an older bank there is replaced")->required();
-    build->add_option("--app", call->application, "main application, flat or ELF")->required();
-    build->add_option("--app-version", call->application_version, "1 to 16 characters")->required();
-    build->add_option("--bootloader", call->bootloader, "bootloader; wrapped unless it is a stored image")->required();
-    build->add_option("--bootloader-version", call->bootloader_version, "1 to 16 characters")->required();
-    CLI::Option *rescue = build->add_option("--rescue", call->rescue, "rescue image; wrapped likewise");
-    CLI::Option *version = build->add_option("--rescue-version", call->rescue_version, "1 to 16 characters");
+    build->add_option("OUT", call->out, "directory to write; replaces an older bank there")->required();
+    build->add_option("--app", call->application, "main application, flat binary or ELF")->required();
+    build->add_option("--app-version", call->application_version, "its version, 1 to 16 characters")->required();
+    build->add_option("--bootloader", call->bootloader, "bootloader; gets its header here if it has none")->required();
+    build->add_option("--bootloader-version", call->bootloader_version, "its version, 1 to 16 characters")->required();
+    CLI::Option *rescue =
+        build->add_option("--rescue", call->rescue, "rescue image; gets its header here if it has none");
+    CLI::Option *version =
+        build->add_option("--rescue-version", call->rescue_version, "its version, 1 to 16 characters");
+    // Both or neither: the board stores a rescue image only when its version differs from the recorded one, so an image
+    // without a version could never be told from the one before it.
     rescue->needs(version);
     version->needs(rescue);
-    build->add_option("--extra", call->extras, "further files, as they are");
+    build->add_option("--extra", call->extras, "further files to carry, unchanged");
     call->chips.add_options(*build->add_option_group("Board", "chips to check against [blank]"));
     call->judging.add_options(*build);
     build->add_flag("--json", call->json, "one JSON object");
@@ -323,12 +351,12 @@ void AddBuild(CLI::App &bank, int &exit_status) {
 void AddCheck(CLI::App &bank, int &exit_status) {
     auto call = std::make_shared<CheckCall>();
     CLI::App *check =
-        bank.add_subcommand("check", "Verify a bank, or a volume with its banks, and say what a board does with it");
+        bank.add_subcommand("check", "Check a bank, or a volume with its banks, and say what a board does with it");
     check->add_option("DIR", call->directory, "bank directory, or the volume that holds data/")->required();
-    check->add_option("--as", call->as, "place on the board; by default the directory's own name, or else app")
+    check->add_option("--as", call->as, "place on the board [the directory's own name, or else app]")
         ->check(OneOf({"app", "oldapp", "newapp"}));
     check->add_option("--running", call->running,
-                      "version of the bootloader that the board runs, for a volume [1.9.0]");
+                      "for a volume, version of the bootloader that the board runs [1.9.0]");
     call->chips.add_options(*check->add_option_group("Board", "chips to check against [blank]"));
     call->judging.add_options(*check);
     check->add_flag("--json", call->json, "one JSON object");

@@ -16,6 +16,7 @@
 #include "tools/timeline_table.h"
 
 #include <CLI/CLI.hpp>
+#include <cassert>
 #include <cstdio>
 #include <fmt/format.h>
 #include <fstream>
@@ -30,6 +31,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// As the LCD controller puts its colours out. --panel-wiring has no effect without a panel, but is refused only if it
+// differs from this: then the user expects to see it.
 constexpr const char *kUsualWiring = "bgr";
 
 struct BootCall {
@@ -70,8 +73,10 @@ class BoardChips {
 public:
     BoardChips(const BootCall &call, OutputFiles &outputs) {
         const ChipFiles &files = call.files;
+        // Two chips in one file would each overwrite what the other stores at the end.
         RequireDistinct({files.nand, files.dataflash, call.eeprom});
         chips.nand = NandContents(FindNandPart(files.nand_part));
+        // "none" is no NAND part, and a NAND without one is not fitted. The DataFlash has a flag of its own for that.
         if (files.dataflash_part == "none")
             chips.dataflash.absent = true;
         else
@@ -80,12 +85,14 @@ public:
         const bool replay = !call.replay.empty();
         const ChipUse use = call.snapshot ? ChipUse::look : call.create || replay ? ChipUse::create : ChipUse::change;
         if (replay) RequireNewFiles({files.nand, files.dataflash, call.eeprom});
+        // Before the files are opened: a file that is named holds its own bootloader, and replaces this one.
         if (call.demo) DemoBoard::provision(chips.nand);
         if (!files.nand.empty()) nand_.emplace(chips.nand, files.nand, use, outputs);
         if (!files.dataflash.empty()) dataflash_.emplace(chips.dataflash, files.dataflash, use, outputs);
         if (!call.eeprom.empty()) eeprom_.emplace(chips.eeprom, call.eeprom, use, outputs);
     }
     void store() {
+        // Among the call's outputs, so that a full disk leaves all three files as they were.
         if (nand_) nand_->store();
         if (dataflash_) dataflash_->store();
         if (eeprom_) eeprom_->store();
@@ -96,6 +103,7 @@ public:
 private:
     static void RequireNewFiles(const std::vector<std::string> &files) {
         for (const std::string &file : files)
+            // Not exists(file): a link that leads nowhere is a file that is there.
             if (!file.empty() && fs::exists(fs::symlink_status(file)))
                 throw Refusal(Fault::call,
                               {"exists", file, "exists already", "a new file: a replay keeps its chips in those only"});
@@ -120,6 +128,8 @@ public:
         if (!fs::is_directory(call.panel_frames, error))
             throw Refusal(Fault::output,
                           {"not-a-directory", call.panel_frames, "not a directory", "one for the frames"});
+        // The frames' names are their times, which only the run tells. This one proves that the directory can be
+        // written; an output that is never finished leaves nothing behind.
         const OutputFile proof(fs::path(call.panel_frames) / "00.png");
     }
     bool wanted() const {
@@ -132,11 +142,13 @@ public:
             style.caption = [&](const FrameRecorder::Frame &frame) {
                 return fmt::format("{:.3f} ms  {}", Milliseconds(frame.time), said(frame.time));
             };
+        // The last frame may have been drawn after the last bus access, and so after the last glance.
         recorder.look();
         if (picture_) picture_->write(PngOf(recorder.shown()));
         if (animation_) animation_->write(GifOf(Frames(recorder, until, style)));
         if (!call_.panel_frames.empty())
             for (const FrameRecorder::Frame &frame : recorder.frames())
+                // Padded to one width, so that names sort by time in every viewer.
                 outputs_.add(fs::path(call_.panel_frames) / fmt::format("{:015.6f}ms.png", Milliseconds(frame.time)))
                     .write(PngOf(frame.picture));
         if (call_.preview) PrintPreview(stderr, recorder.shown());
@@ -193,23 +205,28 @@ nlohmann::ordered_json ToJson(const RunReport &report) {
 
 // Boots on this machine's own processor run in the sanitized build of this program, where there is one: the same call
 // again, there.
+// Natively a mistake in memory may pass unseen. The sanitized build stops at it, and names the line.
 void HandOverToSanitizedBuild() {
     std::error_code error;
     const fs::path self = fs::read_symlink("/proc/self/exe", error);
     const fs::path sanitized = self.parent_path().parent_path() / "asan" / "fixture";
+    // Installed alone there is no such build: then this one serves. self == sanitized: it has been handed over already.
     if (error || self.filename() != sanitized.filename() || self == sanitized || !fs::exists(sanitized)) return;
     std::ifstream cmdline("/proc/self/cmdline", std::ios::binary);
+    // The words as typed: turning the parsed call back into words could lose one.
     std::vector<std::string> words;
     for (std::string word; std::getline(cmdline, word, '\0');) words.push_back(word);
     std::vector<char *> arguments;
     arguments.reserve(words.size() + 1);
     for (std::string &word : words) arguments.push_back(word.data());
     arguments.push_back(nullptr);
+    // execv returns only on failure. The boot then continues here: a result from the plain build beats a refusal.
     execv(sanitized.c_str(), arguments.data());
 }
 
 // Chips, files and options are those of the case; what the call says about them does not count.
 void UseReplay(const Replay &replay, RunOptions &options, Chips &chips) {
+    // Only what looks on is taken from the call. Anything else would make it another case than the one that was found.
     const RunOptions asked = std::move(options);
     options = replay.options();
     options.console = asked.console;
@@ -217,6 +234,7 @@ void UseReplay(const Replay &replay, RunOptions &options, Chips &chips) {
     options.keep_going = asked.keep_going;
     options.sightings = asked.sightings;
     options.programs = asked.programs;
+    // In place: the chips' open files refer to these objects, and store what the run leaves in them.
     chips = replay.chips;
 }
 
@@ -230,6 +248,7 @@ Firmware FirmwareOf(const BootCall &call, const KnownFirmware &known) {
     if (!build)
         throw Refusal(file, "no native build stands for this image", "a build of this tree, or no --host",
                       "unknown-build");
+    // An image of the user's own has no version. The native build is chosen by it.
     firmware.version = build->version;
     return firmware;
 }
@@ -245,16 +264,20 @@ RunOptions OptionsOf(const BootCall &call, const KnownFirmware &known) {
         options.board.watchdog = static_cast<Picoseconds>(call.watchdog * static_cast<double>(kSecond));
     options.file_server_fails = call.fail == "file-server";
     options.most_resets = call.most_resets;
+    // Without chips there are no slots to choose from. The image is then started directly, as a debugger would load it.
     options.slots = call.demo || call.files.named();
     options.keep_going = call.observe.keep_going;
+    // The ELF is read again for the call chain, but only after a run that ended badly.
     options.sightings = true;
     return options;
 }
 
 int Report(const BootCall &call, const RunReport &report, const std::string &end, const std::string &hint,
            CallReport &outcome) {
+    // The console first. With both streams in one file the verdict would otherwise stand in the middle of it.
     std::fflush(stdout);
     const int status = report.exit_status();
+    // Printable: it quotes names of files, which may hold anything.
     if (!hint.empty()) outcome.part["hint"] = Printable(hint);
     if (status != kGood) outcome.problems.push_back({IdOf(report.verdict), "board", Describe(report), ""});
     if (call.json) return outcome.finish(status);
@@ -264,11 +287,12 @@ int Report(const BootCall &call, const RunReport &report, const std::string &end
 }
 
 // The demo board's own answers to what a call can say about a board.
+// --demo excludes the options that are set here, so nothing of the user's is overwritten.
 std::unique_ptr<DemoBoard> UseDemoBoard(BootCall &call) {
     if (!call.demo) return nullptr;
     if (!call.json)
-        fmt::print(stderr, "a demo board: 1.9.0 in its NAND slot, a bank with 1.9.1 on its volume; "
-                           "`fixture boot --help` names what a board of your own needs\n");
+        fmt::print(stderr, "demo board: bootloader 1.9.0 in its NAND, and a bank with 1.9.1 on its volume; "
+                           "for a board of your own see `fixture boot --help`\n");
     auto board = std::make_unique<DemoBoard>();
     call.volume = board->volume().string();
     call.straps = "12-13";
@@ -278,8 +302,10 @@ std::unique_ptr<DemoBoard> UseDemoBoard(BootCall &call) {
 // Options that would do nothing in this call are refused: whoever gives one expects something of it.
 void CheckOptions(const BootCall &call) {
     CheckObserveOptions(call.observe);
+    // GDB would see neither registers nor code of the bootloader: they are this machine's.
     RequireInCall(!call.host || !call.observe.gdb_port, "--gdb", "needs the emulated processor",
                   "no --host: there this machine's own debugger serves");
+    // A timeline follows the routines of the ARM image. A native run shows it none.
     RequireInCall(!call.host || !call.timeline, "--timeline", "needs the emulated processor",
                   "no --host: there instructions take no time");
     const bool chips = call.files.named() || !call.eeprom.empty();
@@ -293,11 +319,14 @@ void CheckOptions(const BootCall &call) {
                   "--panel, --panel-gif, --panel-frames, --preview, --live or --report");
 }
 
+// Everything that can be refused is refused before the board starts: a run may take minutes.
 int Boot(BootCall call) {
     RequireDirectory(call.volume);
     CheckOptions(call);
+    // Before any output is opened, since the other program opens its own.
     if (call.host) HandOverToSanitizedBuild();
     CallReport outcome("boot", call.json);
+    // Outlives the machine, which reads the volume up to its end.
     const std::unique_ptr<DemoBoard> demo = UseDemoBoard(call);
     OutputFiles outputs;
     BoardChips board(call, outputs);
@@ -309,16 +338,24 @@ int Boot(BootCall call) {
     RunOptions options = OptionsOf(call, known);
     options.programs = programs;
     BootObservers *observers = nullptr;
-    options.console = [&observers](char c) { observers->console(c); };
+    // Through a pointer: the machine needs its console before there are observers, and they need the machine.
+    options.console = [&observers](char c) {
+        assert(observers && "the board prints only while it runs");
+        observers->console(c);
+    };
+    // With chips and no --firmware the first stage chooses; an image forced on it would hide what is in the slots.
     if (!options.slots || !call.firmware.empty()) options.firmware = &firmware;
     std::optional<Replay> replay;
     if (!call.replay.empty()) {
         replay.emplace(call.replay, call.power_up, options.processor);
+        // After all other options are set, since it replaces most of them; before the machine takes a copy.
         UseReplay(*replay, options, board.chips);
     }
     Chips before = board.chips; // their pages are shared: nothing is copied until it changes
     Machine machine(board.chips, options);
 
+    // Each observer calls those that were there before it. The debugger comes last, in start(), so that a stop finds
+    // all others up to date.
     BootObservers looking_on(call.observe, machine, call.json ? stderr : stdout, outputs);
     observers = &looking_on;
     std::optional<BoardVcd> vcd;
@@ -329,10 +366,13 @@ int Boot(BootCall call) {
     looking_on.start();
     const RunReport report = replay ? replay->run(machine) : machine.run();
     std::optional<Prediction> foretold;
+    // Only where it will be shown: foretelling reads every slot and every bank once more. A replay has its case's
+    // judgement instead.
     if (!replay && CanForecast(before, options) && (looking_on.wants_forecast() || report.exit_status() != kGood))
         foretold = Forecast(before, options);
     looking_on.finish(report, Describe(report), foretold ? &*foretold : nullptr);
     if (timeline) timeline->finish();
+    // Its destructor writes the last values into a file that is committed below.
     vcd.reset();
     if (panel.wanted())
         panel.write(*machine.frames(), report.time, [&](Picoseconds time) { return looking_on.last_line(time); });
@@ -360,8 +400,8 @@ void AddBootCommand(CLI::App &app, int &exit_status) {
     auto call = std::make_shared<BootCall>();
     CLI::App *command = app.add_subcommand("boot", "Power a board up and run it to its end");
     CLI::Option *const firmware =
-        command->add_option("--firmware", call->firmware, "bootloader image (ELF or flat) in place of the built one");
-    command->add_flag("--host", call->host, "run the bootloader on this machine's processor");
+        command->add_option("--firmware", call->firmware, "bootloader image to run, ELF or flat [the built one]");
+    command->add_flag("--host", call->host, "run the bootloader on this machine's processor, not on an emulated ARM");
     CLI::Option *const volume =
         command->add_option("--volume", call->volume, "directory that the board sees as i:/vol0");
     CLI::Option *const straps = command->add_option("--straps", call->straps, "boot straps fitted")
@@ -371,36 +411,36 @@ void AddBootCommand(CLI::App &app, int &exit_status) {
         command->add_option("--fail", call->fail, "make this part of the board fail")->check(OneOf({"file-server"}));
     CLI::Option *const watchdog = command
                                       ->add_option("--watchdog", call->watchdog,
-                                                   "period of the watchdog in seconds; the first stage arms it [off]")
+                                                   "period in seconds of a watchdog that the first stage arms [off]")
                                       ->check(Number(0.001, 1000));
     CLI::Option *const resets =
-        command->add_option("--max-resets", call->most_resets, "number of resets after which the run counts as a loop")
+        command->add_option("--max-resets", call->most_resets, "number of resets that counts as an endless loop")
             ->check(WholeNumber(1, 1'000'000))
             ->capture_default_str();
-    command->add_option("--file-rate", call->file_rate, "what files arrive at, in MiB a second")
+    command->add_option("--file-rate", call->file_rate, "rate at which files arrive, in MiB per second")
         ->check(Number(0.01, 100'000))
         ->capture_default_str();
-    command->add_flag("--timeline", call->timeline, "split the virtual time by what it went to");
-    CLI::Option *const demo =
-        command->add_flag("--demo", call->demo, "a demo board, made for this run; the same as no option at all");
+    command->add_flag("--timeline", call->timeline, "show where the virtual time went");
+    CLI::Option *const demo = command->add_flag(
+        "--demo", call->demo, "run a demo board that is made for this call; the default without any option");
     for (CLI::Option *const option : {firmware, volume, straps}) demo->excludes(option);
     AddObserveOptions(*command, call->observe);
     call->files.add_options(*command, "chip file; it keeps what the board writes", true);
     command->add_option("--eeprom", call->eeprom, "chip file of the parameter EEPROM");
     CLI::Option *const snapshot =
-        command->add_flag("--snapshot", call->snapshot, "run on the chip files and leave them as they are");
+        command->add_flag("--snapshot", call->snapshot, "start from the chip files, but leave them as they are");
     command->add_flag("--create", call->create, "make chip files that are missing")->excludes(snapshot);
     CLI::Option *const vcd =
         command->add_option("--vcd", call->vcd, "write the pins as a value change dump, for a logic-analyser program");
     command
         ->add_option("--vcd-signals", call->vcd_signals,
-                     "signals to write, by name, separated by commas; NAME* takes all that begin so [all]")
+                     "names of the signals to write, separated by commas; NAME* stands for all that begin so [all]")
         ->needs(vcd);
     command->add_option("--panel", call->panel, "write what the panel shows at the end, as PNG");
-    command->add_option("--panel-frames", call->panel_frames, "write every different frame as PNG into this directory");
-    CLI::Option *const gif =
-        command->add_option("--panel-gif", call->panel_gif, "write the panel's boot as an animation that loops");
-    command->add_option("--panel-gif-slower", call->gif_style.slower, "slow the animation down so many times")
+    command->add_option("--panel-frames", call->panel_frames, "write every distinct frame as PNG into this directory");
+    CLI::Option *const gif = command->add_option("--panel-gif", call->panel_gif,
+                                                 "write what the panel shows during the boot as an animated GIF");
+    command->add_option("--panel-gif-slower", call->gif_style.slower, "factor by which to slow the animation down")
         ->check(WholeNumber(1, 1000))
         ->capture_default_str()
         ->needs(gif);
@@ -413,14 +453,15 @@ void AddBootCommand(CLI::App &app, int &exit_status) {
         ->capture_default_str();
     command->add_flag("--preview", call->preview, "show the panel in the terminal");
     CLI::Option *const replay = command->add_option(
-        "--replay", call->replay,
-        "a case of a sweep, by the name that the sweep gives it; its chips are kept in new files only");
+        "--replay", call->replay, "run a case of a sweep, by the name that the sweep prints; chip files must be new");
     for (CLI::Option *const option : {firmware, volume, straps, fail, watchdog, snapshot, resets, demo})
         replay->excludes(option);
-    command->add_option("--power-up", call->power_up, "power-up of the case to run, from 0 [the first after its cuts]")
+    command
+        ->add_option("--power-up", call->power_up,
+                     "which power-up of the case to run, from 0 [the first after its cuts]")
         ->check(WholeNumber(0, 1000))
         ->needs(replay);
-    command->add_flag("--json", call->json, "verdict as one JSON object; the console goes to standard error");
+    command->add_flag("--json", call->json, "print the verdict as one JSON object, and the console to standard error");
     command->callback([call, command, &exit_status] {
         const auto given = [](const CLI::Option *option) { return option->count() > 0; };
         if (command->get_options(given).empty()) call->demo = true;

@@ -12,6 +12,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// The first stage's own choice, so that a hint never names a chip from which it would not start.
 bool HasBootloader(const Chips &chips, Medium medium) {
     const FlashReader read = medium == Medium::nand ? ReaderOf(chips.nand) : ReaderOf(chips.dataflash);
     return ChooseBootloader(read, SlotsOf(medium)).has_value();
@@ -22,16 +23,19 @@ std::string OfMissingBootloader(const HintCall &call, const RunReport &report, c
     const Medium medium = nand ? Medium::nand : Medium::dataflash, other = nand ? Medium::dataflash : Medium::nand;
     if (HasBootloader(chips, medium))
         return call.host ? "the slot holds a bootloader that no native build stands for; try without --host" : "";
+    // A chip that was not named is blank. "No good bootloader" alone would send the user looking for damage.
     const bool given = !(nand ? call.nand : call.dataflash).empty();
     const std::string found = given
                                   ? fmt::format("the straps select the {}, which has no good bootloader", report.medium)
                                   : fmt::format("the straps select the {}, and no file of it was given", report.medium);
+    // The most frequent slip, and the only one with a single right answer: the straps select the wrong chip.
     if (HasBootloader(chips, other))
         return fmt::format("{}; the {} has one: try --straps {}", found, NameOf(other), nand ? "none" : "12-13");
     return found + "; store one with `fixture flash provision`, or see `fixture flash info`";
 }
 
 bool HoldsData(const fs::path &directory) {
+    // A directory that may not be read counts as none: a hint must never end in an error of its own.
     std::error_code error;
     return fs::is_directory(directory / "data", error);
 }
@@ -39,6 +43,7 @@ bool HoldsData(const fs::path &directory) {
 // For a volume that is named by its data/ directory, or by a bank.
 std::string OfVolumeLevel(const HintCall &call) {
     const fs::path given = fs::path(call.volume);
+    // One level up for a volume named by its data/, two for one named by a bank.
     for (const fs::path &above : {given / "..", given / "../.."})
         if (HoldsData(above))
             return fmt::format("{} holds no data/, but {} does: try --volume {}", call.volume,
@@ -51,6 +56,7 @@ std::string OfVolumeLevel(const HintCall &call) {
 std::string WhyNothing(const Prediction &told) {
     const auto rejects = [](const BootStep &step) {
         const std::string_view id = step.id;
+        // By identifiers: texts are for people, and change.
         return id == "bank-rejected" || id == "bank-incomplete" || id == "application-rejected";
     };
     const auto first = std::find_if(told.steps.begin(), told.steps.end(), rejects);
@@ -71,6 +77,7 @@ std::string OfClocks(const RunReport &report, const Board &board) {
     constexpr struct {
         const char *pins;
         unsigned peripheral;
+        // PIOC, PIOD and PIOE share one clock.
     } kControllers[] = {{"PIOA.PDSR", 2}, {"PIOB.PDSR", 3}, {"PIOC.PDSR", 4}, {"PIOD.PDSR", 4}, {"PIOE.PDSR", 4}};
     for (const auto &[pins, peripheral] : kControllers)
         if (report.place.find(pins) != std::string::npos && !board.pmc.clocked(peripheral))
@@ -82,6 +89,7 @@ std::string OfClocks(const RunReport &report, const Board &board) {
 
 std::string OfResets(const HintCall &call, const RunReport &report) {
     const bool slots = !call.nand.empty() || !call.dataflash.empty();
+    // Before the forecast, which knows no watchdog: without one the board might well have started.
     if (report.place.starts_with("watchdog")) return "the watchdog ends every start; try a longer --watchdog";
     if (call.foretold && call.foretold->end == BootEnd::loop) return call.foretold->reason;
     if (slots) return fmt::format("see `fixture bank check {}` for banks that replace each other", call.volume);
@@ -93,6 +101,8 @@ std::string OfResets(const HintCall &call, const RunReport &report) {
 
 std::string HintOf(const HintCall &call, const RunReport &report, const Board &board, const Chips &chips,
                    const KnownFirmware &known) {
+    // The order matters: verdicts that explain themselves come first. Only a hang or a fault is traced to a clock or to
+    // the image in the slot.
     if (report.verdict == Verdict::no_bootloader) return OfMissingBootloader(call, report, chips);
     if (report.verdict == Verdict::reset_loop) return OfResets(call, report);
     if (report.verdict == Verdict::launched) // with a wrong volume a board still has its rescue image
@@ -104,6 +114,7 @@ std::string HintOf(const HintCall &call, const RunReport &report, const Board &b
     const bool nand = report.medium == "NAND";
     const FlashReader read = nand ? ReaderOf(chips.nand) : ReaderOf(chips.dataflash);
     const StoredImage image = ReadSlot(read, SlotsOf(nand ? Medium::nand : Medium::dataflash).bootloader[*report.slot]);
+    // Bounded: the image may end inside its own header.
     const auto body = std::span(image.bytes).subspan(std::min<std::size_t>(image.bytes.size(), kImageHeaderBytes));
     if (body.empty()) return "the slot holds a header and no bootloader after it";
     return known.identify(body) ? "" : "no build known here stands for the image in the slot; it may be no bootloader";

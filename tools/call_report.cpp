@@ -11,6 +11,8 @@ namespace fixture {
 
 namespace {
 
+// Listed so that a mistyped --allow is refused. Unchecked, it would allow nothing, and the user would look for the
+// mistake in the image.
 constexpr std::string_view kWarningIds[] = {
     "beyond-the-chip", "fits-no-slot",     "foreign-maker",   "image-runs-on",    "launch-marker-overlap",
     "many-bad-blocks", "no-body",          "only-one-slot",   "record-block-bad", "replaced-in-place",
@@ -21,6 +23,7 @@ constexpr std::string_view kWarningIds[] = {
 std::string UnknownId(const std::string &id) {
     if (std::find(WarningIds().begin(), WarningIds().end(), id) != WarningIds().end()) return "";
     std::string known;
+    // The help has no room for the list; whoever gets here is looking for it.
     for (const std::string_view each : WarningIds()) known += fmt::format(" {}", each);
     return fmt::format("no warning \"{}\"; there are:{}", Printable(id), known);
 }
@@ -30,14 +33,15 @@ std::string UnknownId(const std::string &id) {
 std::span<const std::string_view> WarningIds() { return kWarningIds; }
 
 void WarningOptions::add_options(CLI::App &command) {
-    command.add_flag("--strict", strict, "fail the call, with exit status 1, where there is a warning");
-    command.add_option("--allow", allowed, "warnings to leave out, by identifier")->check(UnknownId);
+    command.add_flag("--strict", strict, "treat warnings as failures, with exit status 1");
+    command.add_option("--allow", allowed, "warnings to ignore, by identifier")->check(UnknownId);
 }
 
 nlohmann::ordered_json TextJson(std::string_view text) { return Escaped(text); }
 
 nlohmann::ordered_json SlotJson(std::string_view name) {
     nlohmann::ordered_json json{{"slot", nullptr}, {"name", name}};
+    // The record lies outside the numbered slots: null says so, a missing key would not.
     if (name.starts_with("bootloader")) json["slot"] = name.back() - '0';
     if (name == "rescue") json["slot"] = 2;
     return json;
@@ -45,6 +49,7 @@ nlohmann::ordered_json SlotJson(std::string_view name) {
 
 nlohmann::ordered_json ToJson(const Problem &problem) {
     return {{"id", problem.id},
+            // Both the parts and the line: a program that goes by the parts still has what a person would have read.
             {"where", Printable(problem.where)},
             {"found", Printable(problem.found)},
             {"expected", Printable(problem.expected)},
@@ -63,12 +68,15 @@ int CallReport::judged(int status, const WarningOptions &options) {
     });
     // Only now: a warning that was allowed must not fail a strict call.
     if (!options.strict || warnings.empty()) return status;
+    // They stay among the warnings as well: --strict changes the verdict, not what is known.
     problems.insert(problems.end(), warnings.begin(), warnings.end());
+    // A call that had already failed keeps its own status, which says more.
     return status == kGood ? kBad : status;
 }
 
 int CallReport::finish(int status) const {
     if (!json_) {
+        // Report first, warnings after it, also where both streams go to one file.
         std::fflush(stdout);
         for (const Problem &warning : warnings) fmt::print(stderr, "warning: {} ({})\n", warning.text(), warning.id);
         return status;
@@ -78,6 +86,7 @@ int CallReport::finish(int status) const {
                                 {"problems", ToJson(problems)}, {"warnings", ToJson(warnings)}};
     // After the envelope, whose names a subcommand's part never uses.
     for (const auto &[name, value] : part.items()) json[name] = value;
+    // Escaped to ASCII, and bytes that are no UTF-8 replaced: an odd file name must not end the report in an exception.
     fmt::print("{}\n", json.dump(2, ' ', true, nlohmann::ordered_json::error_handler_t::replace));
     return status;
 }

@@ -31,7 +31,9 @@ void ChipFiles::add_options(CLI::App &command, const std::string &help, bool non
 }
 
 void ChipFiles::add_part_options(CLI::App &command, bool none_too) {
-    command.add_option("--nand-part", nand_part, "NAND on the board")
+    command
+        .add_option("--nand-part", nand_part, "NAND on the board")
+        // From the table of models, so that a part added there is offered here.
         ->check(OnePart(NandParts(), none_too))
         ->capture_default_str();
     command.add_option("--dataflash-part", dataflash_part, "DataFlash on the board")

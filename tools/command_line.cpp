@@ -18,6 +18,7 @@ namespace fixture {
 
 namespace {
 
+// In the order of the help: boot first, which a newcomer wants; the rest by the alphabet.
 constexpr std::array kCommands = {AddBootCommand,   AddBankCommand,   AddDescribeCommand, AddDiffCommand,
                                   AddDoctorCommand, AddEepromCommand, AddExplainCommand,  AddFlashCommand,
                                   AddImageCommand,  AddSplashCommand, AddSweepCommand};
@@ -28,6 +29,7 @@ std::string CommandOf(const CLI::App &app, const std::vector<std::string> &argum
     const CLI::App *at = &app;
     for (const std::string &argument : arguments) {
         const auto subcommands = at->get_subcommands([&](const CLI::App *one) { return one->get_name() == argument; });
+        // Stops at the first word that is no subcommand: an option's value after it may look like one.
         if (subcommands.empty()) break;
         at = subcommands.front();
         names += (names.empty() ? "" : " ") + argument;
@@ -46,6 +48,8 @@ std::size_t Distance(std::string_view a, std::string_view b) {
             }
             const std::size_t changed = steps[i - 1][j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1);
             steps[i][j] = std::min({steps[i - 1][j] + 1, steps[i][j - 1] + 1, changed});
+            // Two letters in the wrong order are the most frequent slip; as two changes they would be too far from a
+            // short name.
             if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1])
                 steps[i][j] = std::min(steps[i][j], steps[i - 2][j - 2] + 1);
         }
@@ -57,6 +61,7 @@ std::vector<std::string> Expected(const CLI::App &at, bool option) {
     std::vector<std::string> names;
     for (const CLI::App *sub : at.get_subcommands([](const CLI::App *) { return true; })) {
         if (!option && !sub->get_name().empty()) names.push_back(sub->get_name());
+        // A group of options is a nameless subcommand to the parser. Its options stand beside the others to a user.
         if (option && sub->get_name().empty())
             for (std::string &name : Expected(*sub, true)) names.push_back(std::move(name));
     }
@@ -70,6 +75,7 @@ std::vector<std::string> Expected(const CLI::App &at, bool option) {
 std::string Suggestion(const CLI::App &app, const std::vector<std::string> &arguments) {
     const CLI::App *at = &app;
     for (const std::string &argument : arguments) {
+        // "--strap=none": the value would count as wrong letters.
         const std::string word = argument.substr(0, argument.find('='));
         const std::vector<std::string> names = Expected(*at, word.starts_with("--"));
         if (std::find(names.begin(), names.end(), word) != names.end()) {
@@ -79,6 +85,7 @@ std::string Suggestion(const CLI::App &app, const std::vector<std::string> &argu
         const auto nearest = std::min_element(names.begin(), names.end(), [&](const auto &a, const auto &b) {
             return Distance(a, word) < Distance(b, word);
         });
+        // A third of the letters may be wrong. Beyond that the nearest word is only a guess and would mislead.
         const std::size_t most = std::max<std::size_t>(1, word.size() / 3);
         if (nearest != names.end() && Distance(*nearest, word) <= most)
             return fmt::format("; did you mean \"{}\"?", *nearest);
@@ -87,16 +94,19 @@ std::string Suggestion(const CLI::App &app, const std::vector<std::string> &argu
 }
 
 bool WantsJson(const std::vector<std::string> &arguments) {
+    // Looked for by hand: a call that cannot be parsed has to be answered in JSON as well.
     const auto end = std::find(arguments.begin(), arguments.end(), "--");
     return std::find(arguments.begin(), end, "--json") != end;
 }
 
 // The help in plain words: values a person can type in place of the parser's types, defaults in brackets.
+// The parser's own help shows its types ("UINT:1 to 256") where a person wants the values alone.
 class HelpFormat : public CLI::Formatter {
 public:
     std::string make_option_opts(const CLI::Option *option) const override {
         std::string text;
-        if (option->get_type_size() != 0) {
+        // A flag takes no value, and so has nothing to show here.
+        if (option->get_items_expected_max() > 0) {
             std::string value = option->get_type_name(); // "TEXT", or "TEXT:" and what a check expects
             value.erase(0, value.find(':') == std::string::npos ? 0 : value.find(':') + 1);
             text = " " + value + (option->get_expected_max() > 1 ? " ..." : "");
@@ -108,10 +118,21 @@ public:
     }
 };
 
+// "fixture boot", or the program alone where no subcommand was given.
+std::string Named(const std::string &command) { return command.empty() ? "fixture" : "fixture " + command; }
+
+// A problem of the call itself begins with the command as it is typed, any other one with this program's name.
+std::string LineOf(const Problem &problem, const std::string &command) {
+    if (problem.where == Named(command)) return problem.text();
+    const bool of_command = !command.empty() && problem.where == command;
+    return (of_command ? "fixture " : "fixture: ") + problem.text();
+}
+
 int Report(const std::string &command, bool json, int status, const Problem &problem) {
+    // What was printed before the failure stands before the message, also where both streams go to one file.
     std::fflush(stdout);
     if (!json) {
-        fmt::print(stderr, "fixture: {}\n", problem.text());
+        fmt::print(stderr, "{}\n", LineOf(problem, command));
         return status;
     }
     CallReport outcome(command, json);
@@ -120,6 +141,7 @@ int Report(const std::string &command, bool json, int status, const Problem &pro
 }
 
 int ParseAndRun(CLI::App &app, const int &exit_status, const std::vector<std::string> &arguments) {
+    // Both found by hand: messages need them even if the parser gives up before it gets that far.
     const std::string command = CommandOf(app, arguments);
     const bool json = WantsJson(arguments);
     const auto report = [&](int status, const Problem &problem) { return Report(command, json, status, problem); };
@@ -127,19 +149,22 @@ int ParseAndRun(CLI::App &app, const int &exit_status, const std::vector<std::st
         std::vector<std::string> words(arguments.rbegin(), arguments.rend()); // the parser takes them from the end
         app.parse(words);
         return exit_status;
+        // --help and --version come as exceptions, and print themselves.
     } catch (const CLI::Success &help) {
         return app.exit(help);
     } catch (const CLI::ParseError &error) {
-        Problem problem = ProblemOf(error, app, command.empty() ? "fixture" : "fixture " + command);
+        Problem problem = ProblemOf(error, app, Named(command));
         if (const std::string meant = Suggestion(app, arguments); !meant.empty()) {
             problem.found += meant; // which says better what is expected
             problem.expected.clear();
         } else if (problem.expected.empty()) {
-            problem.found += fmt::format("; see fixture {}--help", command.empty() ? "" : command + " ");
+            // Where nothing better can be said, the way to the help; never beside a list of what was expected.
+            problem.found += fmt::format("; see {} --help", Named(command));
         }
         return report(kWrongCall, problem);
     } catch (const Refusal &refusal) {
         return report(StatusOf(refusal.fault()), refusal.problem());
+        // Mostly a directory that cannot be listed. Files are refused where they are read, in better words.
     } catch (const std::filesystem::filesystem_error &error) {
         return report(kWrongCall, {"unreadable", error.path1().string(), error.code().message(), ""});
     } catch (const std::system_error &) {
@@ -154,6 +179,7 @@ int ParseAndRun(CLI::App &app, const int &exit_status, const std::vector<std::st
 
 // Nothing is said to be done before the streams have taken all of it.
 bool StreamsTookAll() {
+    // Both layers: a trace goes to the stream, everything else to the C file below it.
     std::cout.flush();
     const bool out = std::fflush(stdout) == 0 && !std::ferror(stdout) && std::cout.good();
     const bool error = std::fflush(stderr) == 0 && !std::ferror(stderr);
@@ -167,6 +193,7 @@ int StatusOf(Fault fault) {
     switch (fault) {
     case Fault::content: return kBad;
     case Fault::output: return kNotWritten;
+    // An unreadable file counts as a wrong call, so that scripts can tell it from one that was read and is bad.
     case Fault::call:
     case Fault::unreadable: break;
     }
@@ -178,15 +205,18 @@ std::span<AddCommand *const> AllCommands() { return kCommands; }
 int RunCall(std::span<AddCommand *const> commands, const std::vector<std::string> &arguments) {
     CLI::App app("The virtual fixture: a board to run the bootloader on, and the tools for its images and chips",
                  "fixture");
+    // All of this before the subcommands are added: each takes over formatter, footer and help options when it is made.
+    app.set_help_flag("-h,--help", "Print this help and exit");
     app.formatter(std::make_shared<HelpFormat>());
-    app.set_version_flag("--version", VersionText());
-    app.set_help_all_flag("--help-all", "Print the help of every subcommand");
+    app.set_version_flag("--version", VersionText(), "Print the version and exit");
+    app.set_help_all_flag("--help-all", "Print the help of every subcommand and exit");
     app.require_subcommand(1);
     app.footer(
         "Exit status: 0 good, 1 the thing examined is bad, 2 the call is wrong, 3 a run that ended badly,\n"
         "4 a file cannot be written, 5 standard output or error cannot be written, 6 a fault of fixture itself.");
     int exit_status = kGood;
     for (AddCommand *const add : commands) add(app, exit_status);
+    // Holds unless the call below returns: what escapes it comes from printing, so a stream has failed.
     int status = kStreamFailed;
     try {
         status = ParseAndRun(app, exit_status, arguments);

@@ -20,12 +20,15 @@ BankFile FileOf(FileRole role, const fs::path &source, const char *version) {
 } // namespace
 
 DemoBoard::DemoBoard() {
+    // Everything is read before the directory is made: a constructor that throws gets no destructor, and nobody would
+    // remove the directory.
     const fs::path images = NeededFirmwareDirectory();
     const std::vector<BankFile> files = {
         FileOf(FileRole::application, images / "demo-application.bin", "2.0"),
         FileOf(FileRole::bootloader, images / "bootloader-1.9.1.bin", "1.9.1"),
         FileOf(FileRole::rescue, images / "demo-rescue.bin", "1.0"),
     };
+    // A name that nobody else has: two demos may run at once.
     std::string name = (fs::temp_directory_path() / "fixture-demo-XXXXXX").string();
     if (!mkdtemp(name.data()))
         throw Refusal(Fault::output, {"no-directory", name, "no directory can be made there", "TMPDIR with room"});
@@ -39,6 +42,7 @@ DemoBoard::DemoBoard() {
 
 DemoBoard::~DemoBoard() {
     std::error_code error;
+    // Without a throw: a directory that stays is less bad than a run without its verdict.
     fs::remove_all(volume_, error);
 }
 

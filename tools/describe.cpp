@@ -25,6 +25,7 @@ namespace {
 using Texts = std::vector<std::string>;
 
 // One option or file of a command, as help shows it.
+// One tree for all forms, taken from the parser itself: an option that is added appears in every one of them.
 struct Word {
     Texts names; // "--straps", "-h"; a single one without dashes: what stands in its place
     std::string help;
@@ -52,6 +53,7 @@ struct Node {
 
 // The parser writes a choice into the type's name, as in "TEXT:{both,none}".
 Texts ValuesOf(const std::string &type) {
+    // OneOf() writes them so (option_checks.cpp). Anything else has no fixed set of values.
     const std::size_t begin = type.find('{'), end = type.find('}', begin);
     if (begin == std::string::npos || end == std::string::npos) return {};
     return CLI::detail::split(type.substr(begin + 1, end - begin - 1), ',');
@@ -65,6 +67,7 @@ Word WordOf(const CLI::Option &option) {
               option.get_items_expected_max() > 0};
     for (const std::string &name : option.get_lnames()) word.names.push_back("--" + name);
     for (const std::string &name : option.get_snames()) word.names.push_back("-" + name);
+    // A positional has neither dashes nor letters.
     if (word.names.empty()) word.names.push_back(option.get_single_name());
     return word;
 }
@@ -73,6 +76,7 @@ Node NodeOf(const CLI::App &app, const std::string &above) {
     Node node{above.empty() ? app.get_name() : above + " " + app.get_name(), app.get_description(), {}, {}};
     const std::function<void(const CLI::App &)> take = [&](const CLI::App &part) {
         for (const CLI::Option *option : part.get_options())
+            // No group means hidden: such an option is left out of the help, too.
             if (!option->get_group().empty()) node.words.push_back(WordOf(*option));
         for (const CLI::App *sub : part.get_subcommands([](const CLI::App *) { return true; })) {
             if (sub->get_name().empty())
@@ -91,6 +95,7 @@ void ForEach(const Node &node, const std::function<void(const Node &)> &look) {
 }
 
 std::string Replaced(std::string text, std::string_view what, std::string_view with) {
+    // Continues after what was put in, which may contain `what` again.
     for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + with.size()))
         text.replace(at, what.size(), with);
     return text;
@@ -99,7 +104,10 @@ std::string Replaced(std::string text, std::string_view what, std::string_view w
 // --- manual pages
 
 std::string Roff(std::string text) {
+    // Backslashes first, or those put before dashes would be doubled. A bare "-" would come out as a hyphen, which
+    // nobody can paste into a shell.
     text = Replaced(Replaced(std::move(text), "\\", "\\e"), "-", "\\-");
+    // roff would take such a line for a request, and its text would vanish.
     if (text.starts_with('.') || text.starts_with('\'')) text.insert(0, "\\&");
     return Replaced(text, "\n", "\n.br\n");
 }
@@ -116,6 +124,7 @@ std::string Synopsis(const Node &node) {
 
 std::string Page(const Node &node, const std::string &footer) {
     const std::string name = PageName(node);
+    // No date in the heading: the same revision always makes the same page.
     std::string page =
         fmt::format(".TH {} 1 \"\" \"{}\" \"virtual fixture\"\n.SH NAME\n{} \\- {}\n.SH SYNOPSIS\n.B {}\n", Roff(name),
                     VersionText(), Roff(name), Roff(node.help), Roff(Synopsis(node)));
@@ -168,6 +177,7 @@ std::string ZshCompletion(const Node &top) {
         for (const Word &word : node.words) {
             if (!word.is_option()) continue;
             for (const std::string &name : word.names) {
+                // A colon ends the name in zsh's lists.
                 options += " " + Quoted(name + ":" + Replaced(word.help, ":", "\\:"));
                 if (!word.takes_value) continue;
                 values += fmt::format("\"{} {}\") ", node.path, name);
@@ -197,8 +207,10 @@ std::string FishCompletion(const Node &top) {
             if (!word.is_option()) continue;
             std::string line = at;
             for (const std::string &name : word.names)
+                // fish has long and short names, and no others.
                 line += name.starts_with("--") ? " -l " + name.substr(2) : " -s " + name.substr(1);
             if (!word.values.empty())
+                // -x: no file names beside the words. -r: a value must follow, and may be a file.
                 line += fmt::format(" -x -a '{}'", fmt::join(word.values, " "));
             else if (word.takes_value)
                 line += " -r";
@@ -224,6 +236,7 @@ const Texts kForms = {"bash", "zsh", "fish", "man", "schema"};
 // A page for each command, all of them or none.
 void WritePages(const Node &top, const std::string &footer, const fs::path &directory) {
     OutputFiles outputs;
+    // Proven writable one after another before the first is put in place.
     ForEach(top, [&](const Node &node) {
         outputs.add(directory / (PageName(node) + ".1")).write(std::string_view(Page(node, footer)));
     });
@@ -231,6 +244,7 @@ void WritePages(const Node &top, const std::string &footer, const fs::path &dire
 }
 
 int Describe(const CLI::App &app, const DescribeCall &call) {
+    RequireInCall(call.into.empty() || call.form == "man", "--into", "has no effect on " + call.form, "man");
     const Node top = NodeOf(app, "");
     CallReport outcome("describe", call.json);
     std::string text;
@@ -254,7 +268,7 @@ void AddDescribeCommand(CLI::App &app, int &exit_status) {
     auto call = std::make_shared<DescribeCall>();
     CLI::App *command = app.add_subcommand("describe", "Print shell completion, manual pages, or the schema of --json");
     command->add_option("FORM", call->form, "what to print")->required()->check(OneOf(kForms));
-    command->add_option("--into", call->into, "directory for one manual page a command, with man [the first, printed]");
+    command->add_option("--into", call->into, "with man, directory for one page per command [print the first page]");
     command->add_flag("--json", call->json, "one JSON object");
     command->callback([call, &app, &exit_status] { exit_status = Describe(app, *call); });
 }

@@ -13,6 +13,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cassert>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 #include <map>
@@ -50,6 +51,7 @@ std::string BadBlocks(const RawFlash &flash) { return flash.bad_blocks.empty() ?
 
 std::string Describe(const StoredImage &image, const std::vector<ReferenceImage> &known) {
     if (image.verdict() != ImageVerdict::good) return NameOf(image.verdict());
+    // Byte by byte: size and sums may agree by chance, and a name must not be a guess.
     for (const ReferenceImage &reference : known)
         if (reference.image == image.bytes) return fmt::format("{}, {} bytes", reference.name, image.size);
     return fmt::format("good, {} bytes, sums 0x{:08X} 0x{:08X}", image.size, image.stored.sum1, image.stored.sum2);
@@ -61,6 +63,7 @@ void CompareSlots(const RawFlash &one, const RawFlash &other, Differences &found
         Compare(found, slot.name, Describe(ReadSlot(one.read, slot), known),
                 Describe(ReadSlot(other.read, slot), known));
     const FlashReport reports[2] = {ExamineFlash(one), ExamineFlash(other)};
+    // "none" and not "": the report shows both sides below each other, and an empty line says nothing.
     const auto record = [](const FlashReport &report) { return report.record.empty() ? "none" : report.record; };
     Compare(found, "version record", record(reports[0]), record(reports[1]));
     const auto start = [](const FlashReport &report) {
@@ -76,6 +79,7 @@ std::string PartOf(const RawFlash &flash, std::uint32_t address) {
     for (const Slot &slot : SlotsOn(flash))
         if (address >= slot.address && address - slot.address < slot.capacity) return slot.name;
     if (flash.medium == Medium::nand && address >= kFileSystem) return "file system";
+    // Slot 0 is the lowest of the three on either medium.
     return address < SlotsOf(flash.medium).bootloader[0].address ? "before the slots" : "after the slots";
 }
 
@@ -85,7 +89,9 @@ template <> std::uint32_t PagesOf(const At45Contents &contents) { return content
 
 template <typename Contents> void ComparePages(Contents &one, Contents &other, Differences &found) {
     const RawFlash flash = RawFlashOf(one);
+    // Both are the same part: --nand-part and --dataflash-part count for both files.
     const std::uint32_t pages = PagesOf(one);
+    assert(PagesOf(other) == pages && "both were loaded as the same part");
     std::map<std::string, std::vector<std::uint32_t>> changed;
     for (std::uint32_t page = 0; page < pages; ++page)
         // Pages that were never written are one shared page, so most of a chip is passed over by address.
@@ -96,6 +102,7 @@ template <typename Contents> void ComparePages(Contents &one, Contents &other, D
 }
 
 template <typename Contents> void CompareChips(Contents one, Contents other, const DiffCall &, Differences &found) {
+    // The slots answer what a person asks first; the pages then say whether anything else differs.
     CompareSlots(RawFlashOf(one), RawFlashOf(other), found);
     ComparePages(one, other, found);
 }
@@ -126,6 +133,7 @@ void CompareStores(const fs::path &one, const fs::path &other, Differences &foun
     std::map<unsigned, std::string> parameters[2] = {ParametersIn(reports[0]), ParametersIn(reports[1])};
     std::set<unsigned> identifiers;
     for (const auto &each : parameters)
+        // From both sides: a parameter that only one of them has is a difference.
         for (const auto &[identifier, value] : each) identifiers.insert(identifier);
     for (const unsigned identifier : identifiers) {
         const std::string name = NameOfParameter(identifier);
@@ -135,6 +143,7 @@ void CompareStores(const fs::path &one, const fs::path &other, Differences &foun
         Compare(found, fmt::format("parameter {}{}", identifier, name.empty() ? "" : " (" + name + ")"),
                 text(parameters[0]), text(parameters[1]));
     }
+    // After the parameters: two stores may hold the same and still differ in which sector holds it.
     for (const int sector : {0, 1})
         Compare(found, fmt::format("sector {}", sector), SectorText(reports[0].sectors[sector]),
                 SectorText(reports[1].sectors[sector]));
@@ -161,11 +170,13 @@ std::map<std::string, std::string> FilesIn(const BankReport &bank) {
 
 bool SameBytes(const fs::path &one, const fs::path &other) {
     std::error_code error;
+    // Sizes first: files of a bank may have many megabytes, and mostly differ in length when they differ.
     return fs::file_size(one, error) == fs::file_size(other, error) &&
            ReadFile(one, UINT32_MAX) == ReadFile(other, UINT32_MAX);
 }
 
 void CompareBanks(const fs::path &one, const fs::path &other, const std::string &place, Differences &found) {
+    // Both examined as if in one place: where a bank stands is no difference of content.
     const BankReport banks[2] = {ExamineBank(one, kBankDirectories[0]), ExamineBank(other, kBankDirectories[0])};
     for (const FileRole role : {FileRole::application, FileRole::bootloader, FileRole::rescue})
         Compare(found, fmt::format("{}{} version", place, NameOf(role)), VersionIn(banks[0], role),
@@ -180,6 +191,7 @@ void CompareBanks(const fs::path &one, const fs::path &other, const std::string 
         };
         Compare(found, place + path, text(files[0]), text(files[1]));
         // Files may differ where size and byte-sum do not. A path that leads out of its bank is followed by nobody.
+        // By the bootloader's own rules for paths, as on a volume that begins at the bank.
         const auto here = FindOnVolume(one, "i:/vol0/" + path), there = FindOnVolume(other, "i:/vol0/" + path);
         if (here && there && text(files[0]) == text(files[1]) && !SameBytes(*here, *there))
             found.push_back({place + path, "the bytes differ", "with the same size and byte-sum"});
@@ -188,6 +200,7 @@ void CompareBanks(const fs::path &one, const fs::path &other, const std::string 
         std::error_code error;
         const bool there[2] = {fs::exists(one / name, error), fs::exists(other / name, error)};
         Compare(found, place + name, there[0] ? "there" : "missing", there[1] ? "there" : "missing");
+        // What they say may be the same although the bytes are not: blanks, or elements that nobody reads.
         if (there[0] && there[1] && !SameBytes(one / name, other / name))
             found.push_back({place + name, "the bytes differ", "see above for what they say"});
     }
@@ -202,12 +215,14 @@ bool IsBank(const fs::path &path) { return fs::exists(path / kDescriptorName) ||
 // How many bootloader and rescue slots show a stored image's header where this chip would have it.
 unsigned HeadersAt(const fs::path &file, Medium medium) {
     constexpr std::uintmax_t kMost = 300u << 20;
+    // Read before it is known to be a chip: bounded by the longest dump that any of them has.
     const Bytes bytes = ReadFile(file, kMost);
     const SlotTable &slots = SlotsOf(medium);
     unsigned headers = 0;
     for (const Slot &slot : {slots.bootloader[0], slots.bootloader[1], slots.rescue}) {
         const std::size_t at =
             medium == Medium::nand ? slot.address / kNandPageBytes * kNandRawPageBytes : slot.address;
+        // A dump may be cut short after its last written page.
         headers += at + sizeof kMakerText <= bytes.size() &&
                    std::equal(std::begin(kMakerText), std::end(kMakerText), bytes.begin() + static_cast<long>(at));
     }
@@ -220,9 +235,11 @@ std::string KindOf(const fs::path &file, const fs::path &other) {
     if (fs::file_size(file) == EepromContents::kSize) return "eeprom";
     std::uintmax_t largest = 0;
     for (const At45Part &part : At45Parts()) largest = std::max<std::uintmax_t>(largest, part.bytes());
+    // Longer than the largest DataFlash, so there is nothing to guess.
     if (fs::file_size(file) > largest || fs::file_size(other) > largest) return "nand";
     const unsigned nand = HeadersAt(file, Medium::nand) + HeadersAt(other, Medium::nand);
     const unsigned dataflash = HeadersAt(file, Medium::dataflash) + HeadersAt(other, Medium::dataflash);
+    // A tie, usually none at all. A guess might compare the wrong pages and call it a result.
     if (nand == dataflash)
         throw Refusal(Fault::call,
                       {"ambiguous", file.string(), "nothing tells which chip it is", "--as nand or --as dataflash"});
@@ -254,9 +271,11 @@ void CompareBoards(const DiffCall &call, Differences &found) {
         Compare(found, name, there[0] ? "there" : "missing", there[1] ? "there" : "missing");
         const std::size_t before = found.size();
         if (there[0] && there[1]) CompareFiles(call, boards[0] / name, boards[1] / name, kind, found);
+        // A board may have three chips, so each difference names its own.
         for (std::size_t n = before; n < found.size(); ++n)
             found[n].where = fmt::format("{}: {}", name, found[n].where);
     }
+    // The board's directory may be the volume itself, or hold it beside the chips.
     for (const char *volume : {"data", "volume/data"})
         for (const char *bank : {"app", "oldapp", "newapp"}) {
             const fs::path place = fs::path(volume) / bank;
@@ -265,6 +284,7 @@ void CompareBoards(const DiffCall &call, Differences &found) {
             Compare(found, place.string(), there[0] ? "there" : "missing", there[1] ? "there" : "missing");
             if (there[0] && there[1]) CompareBanks(boards[0] / place, boards[1] / place, place.string() + ": ", found);
         }
+    // Otherwise two directories that hold nothing would be "the same".
     if (!any)
         throw Refusal(
             Fault::call,
@@ -273,6 +293,8 @@ void CompareBoards(const DiffCall &call, Differences &found) {
 }
 
 Differences Find(const DiffCall &call) {
+    for (const std::string &named : {call.one, call.other})
+        if (!fs::exists(named)) throw Refusal(Fault::unreadable, {"missing", named, "no such file or directory", ""});
     Differences found;
     const bool directories[2] = {fs::is_directory(call.one), fs::is_directory(call.other)};
     if (directories[0] != directories[1])
@@ -292,6 +314,7 @@ int Diff(const DiffCall &call) {
     CallReport outcome("diff", call.json);
     outcome.part["differences"] = ordered_json::array();
     for (const Difference &difference : found) {
+        // The first one named is the expectation: `diff GOOD SUSPECT` reads as it was typed.
         outcome.problems.push_back({"differs", difference.where, difference.other, difference.one});
         outcome.part["differences"].push_back({{"where", TextJson(difference.where)},
                                                {"a", TextJson(difference.one)},
@@ -312,7 +335,7 @@ void AddDiffCommand(CLI::App &app, int &exit_status) {
         app.add_subcommand("diff", "Compare two chips, banks or boards: slots, versions, parameters, pages");
     command->add_option("A", call->one, "chip file, bank directory, or board directory")->required();
     command->add_option("B", call->other, "what to compare it with")->required();
-    command->add_option("--as", call->as, "chip that the files hold, where they do not tell")
+    command->add_option("--as", call->as, "which chip the files hold, if their contents do not tell")
         ->check(OneOf({"nand", "dataflash", "eeprom"}));
     call->parts.add_part_options(*command);
     command->add_flag("--json", call->json, "report as one JSON object");

@@ -9,6 +9,7 @@
 #include "tools/references.h"
 
 #include <CLI/CLI.hpp>
+#include <cassert>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 #include <memory>
@@ -38,10 +39,14 @@ struct Patient {
     std::optional<FlashDiagnosis> flash;
     std::optional<StoreDiagnosis> store;
     std::vector<std::string> mended;
-    bool healthy() const { return flash ? flash->healthy() : store->healthy(); }
+    bool healthy() const {
+        assert(flash.has_value() != store.has_value() && "a patient is one chip");
+        return flash ? flash->healthy() : store->healthy();
+    }
 };
 
 std::vector<ReferenceImage> References(const DoctorCall &call) {
+    // Known builds first: where a bank carries the same image, the name of the build says more.
     std::vector<ReferenceImage> references = KnownReferences();
     for (const std::string &bank : call.banks) {
         std::vector<ReferenceImage> more = BankReferences(bank);
@@ -56,14 +61,17 @@ bool Wanted(const DoctorCall &call, const std::string &place) { return call.only
 template <typename Contents>
 Patient Treat(const DoctorCall &call, Contents contents, const std::string &file, const char *option,
               const std::vector<ReferenceImage> &references) {
+    // Read only, so not locked: what is mended goes to a file of its own.
     const ChipFileLayout layout = LoadChip(contents, file);
     Patient patient{file, fmt::format("{} {}", option, file), DiagnoseFlash(RawFlashOf(contents), references), {}, {}};
     if (call.fix.empty()) return patient;
     for (const Repair &repair : patient.flash->repairs) {
+        // One after another on the same copy: each repair writes its own slot and leaves the others.
         if (!Wanted(call, repair.place)) continue;
         repair.apply(RawFlashOf(contents));
         patient.mended.push_back(fmt::format("{}: {}", repair.place, repair.text));
     }
+    // Even if nothing was mended: a script that asked for a file goes on with that file.
     WriteFile(call.fix, ChipBytesOf(contents, layout, call.fix));
     return patient;
 }
@@ -75,6 +83,7 @@ Patient TreatEeprom(const DoctorCall &call) {
     if (call.fix.empty()) return patient;
     if (const std::optional<int> sector = patient.store->clean;
         sector && Wanted(call, fmt::format("sector {}", *sector))) {
+        // What the board's next start does by itself, so nothing is lost that the board would have kept.
         CleanSector(chip.bytes, *sector);
         patient.mended.push_back(fmt::format("sector {}: header cleared", *sector));
     }
@@ -114,6 +123,7 @@ ordered_json ToJson(const Patient &patient) {
             json["repairs"].push_back({{"id", repair.id},
                                        {"where", repair.place},
                                        {"text", TextJson(repair.text)},
+                                       // Can be pasted once a name for the mended file is added.
                                        {"command", fmt::format("fixture {} {}", repair.command, patient.option)}});
     }
     json["mended"] = ordered_json::array();
@@ -128,6 +138,7 @@ void Print(const FlashDiagnosis &flash, const std::string &option) {
         for (const PageDamage &damage : slot.damages)
             fmt::print("    page {} at 0x{:08X}, {} {}: {}\n", damage.page, damage.address,
                        nand ? "block" : "page of the chip", damage.unit, damage.text);
+        // The first few tell where it begins. A slot may have thousands.
         if (slot.damaged_pages > slot.damages.size())
             fmt::print("    and {} more\n", slot.damaged_pages - slot.damages.size());
     }
@@ -137,6 +148,7 @@ void Print(const FlashDiagnosis &flash, const std::string &option) {
                flash.running ? fmt::format("starts {}", flash.slots[*flash.running].slot.name) : "starts nothing");
     for (const std::string &line : flash.history) fmt::print("history: {}\n", line);
     for (const Repair &repair : flash.repairs)
+        // Always to another file: the named one is evidence of what happened to the board.
         fmt::print("mend {}: {}\n  fixture {} {} --out FIXED\n", repair.place, repair.text, repair.command, option);
 }
 
@@ -151,6 +163,7 @@ void Print(const StoreDiagnosis &store) {
     if (store.clean)
         fmt::print("mend sector {}: clear its header, as the board's next start does; --fix OUT does so\n",
                    *store.clean);
+    // Nothing in the chip says what they were: only the user knows.
     if (!store.store.current)
         fmt::print("mend: set the parameters anew in a blank file: fixture eeprom set FILE ...\n");
 }
@@ -175,6 +188,7 @@ void CheckFix(const DoctorCall &call, std::size_t chips) {
 
 int Diagnose(const DoctorCall &call) {
     for (const std::string &bank : call.banks) RequireDirectory(bank);
+    // Before the references are made, which takes reading every known build and every bank.
     CheckFix(call, std::size_t{!call.chips.nand.empty()} + !call.chips.dataflash.empty() + !call.eeprom.empty());
     const std::vector<ReferenceImage> references = References(call);
     std::vector<Patient> patients;
@@ -201,12 +215,12 @@ int Diagnose(const DoctorCall &call) {
 void AddDoctorCommand(CLI::App &app, int &exit_status) {
     auto call = std::make_shared<DoctorCall>();
     CLI::App *command =
-        app.add_subcommand("doctor", "Find what is wrong with a board's chips, how it came about, and what mends it");
+        app.add_subcommand("doctor", "Find what is wrong with a board's chips, how it came about, and how to mend it");
     call->chips.add_options(*command);
     command->add_option("--eeprom", call->eeprom, "chip file of the parameter EEPROM");
-    command->add_option("--bank", call->banks, "bank whose images the chip may have held; may be given again");
+    command->add_option("--bank", call->banks, "bank whose images the chip may have held; may be repeated");
     CLI::Option *fix =
-        command->add_option("--fix", call->fix, "write a mended chip to this new file; the named one stays as it is");
+        command->add_option("--fix", call->fix, "write the mended chip to this new file; the named one stays as it is");
     command->add_option("--only", call->only, "slot or sector to mend, by its name in the report [all]")->needs(fix);
     command->add_flag("--json", call->json, "report as one JSON object");
     command->footer("Exit status: 0 every chip is healthy, 1 one is not, mended or not.");

@@ -36,6 +36,7 @@ std::string Hex(const std::vector<std::uint8_t> &bytes) {
 
 // A network parameter as people write it; empty for what is none.
 std::string Address(const StoredParameter &parameter) {
+    // By name and by length: another tool may have stored anything under these identifiers.
     if (!*NameOfParameter(parameter.identifier) || parameter.data.size() != 4) return "";
     std::uint32_t address = 0;
     for (const std::uint8_t byte : parameter.data) address = address << 8 | byte;
@@ -53,6 +54,7 @@ const char *StateOf(const StoreSector &sector) { return sector.empty() ? "empty"
 nlohmann::ordered_json ToJson(const StoreSector &sector) {
     nlohmann::ordered_json json = {{"chip_address", sector.chip_address},
                                    {"state", StateOf(sector)},
+                                   // Of a bad sector too: these show what went wrong with it.
                                    {"word", sector.word},
                                    {"length", sector.length},
                                    {"checksum", sector.checksum}};
@@ -83,14 +85,17 @@ void Print(int number, const StoreSector &sector) {
     fmt::print("\n  word 0x{:04X}, length {}, checksum 0x{:04X}\n", sector.word, sector.length, sector.checksum);
     if (!sector.warning.empty()) fmt::print("  warning: {}\n", sector.warning);
     for (const StoredParameter &parameter : sector.parameters)
+        // The digits as `set` takes them, so that a value can be copied into a call.
         fmt::print("  {:4} = {}{}\n", parameter.identifier, Hex(parameter.data), Meaning(parameter));
 }
 
 int Report(const char *command, const EepromCall &call, const StoreReport &report) {
     CallReport outcome(command, call.json);
     outcome.part = ToJson(call.file, report);
+    // No sector counts then, whatever the two hold.
     if (!report.current) outcome.problems.push_back({"no-current-sector", call.file, report.why, "a good sector"});
     for (int number = 0; number < 2; ++number)
+        // In plain text the warning stands with its sector already.
         if (const StoreSector &sector = report.sectors[number]; call.json && !sector.warning.empty())
             outcome.warnings.push_back(
                 {"store-warning", fmt::format("{}: sector {}", call.file, number), sector.warning, ""});
@@ -112,6 +117,7 @@ int Show(const EepromCall &call) { return Report("eeprom show", call, ReadStore(
 
 std::optional<unsigned> ParseNumber(std::string_view text, int base) {
     unsigned value = 0;
+    // No sign, no blanks, nothing left over: strtoul would take "12x" for 12, and "-1" for a very large number.
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
     if (text.empty() || error != std::errc() || end != text.data() + text.size()) return std::nullopt;
     return value;
@@ -143,10 +149,12 @@ StoredParameter ParseSetting(const std::string &text) {
     // People write identifiers in either form.
     const bool hex = id.starts_with("0x");
     const std::optional<unsigned> identifier = ParseNumber(std::string_view(id).substr(hex ? 2 : 0), hex ? 16 : 10);
+    // 12 bits hold an identifier. 0xFFF with the longest data would read as the end marker FF FF.
     if (!identifier || *identifier > 0xFFE)
         throw refuse("an identifier from 0 to 4094, or address, mask, gateway or name-server, before \"=\"");
     StoredParameter parameter{*identifier, {}};
     const std::string digits = text.substr(equals + 1);
+    // 4 bits hold a length.
     if (digits.size() % 2 != 0 || digits.size() > 30) throw refuse("0 to 15 bytes of two hex digits after \"=\"");
     for (std::size_t i = 0; i < digits.size(); i += 2) {
         const std::optional<unsigned> byte = ParseNumber(std::string_view(digits).substr(i, 2), 16);
@@ -158,6 +166,7 @@ StoredParameter ParseSetting(const std::string &text) {
 
 int Set(const EepromCall &call) {
     std::vector<StoredParameter> changes;
+    // All settings are read before the file is opened, so a mistake in the last one leaves the file as it was.
     for (const std::string &setting : call.settings) changes.push_back(ParseSetting(setting));
     OutputFiles outputs;
     EepromContents chip;
@@ -181,17 +190,17 @@ int Set(const EepromCall &call) {
 
 void AddEepromCommand(CLI::App &app, int &exit_status) {
     auto call = std::make_shared<EepromCall>();
-    CLI::App *eeprom = app.add_subcommand("eeprom", "Look at the parameter store in a chip file, or prepare one");
+    CLI::App *eeprom = app.add_subcommand("eeprom", "Show the parameter store in a chip file, or set parameters");
     eeprom->require_subcommand(1);
     CLI::App *show = eeprom->add_subcommand("show", "Print both sectors, and which one the bootloader uses");
-    show->add_option("FILE", call->file, "contents of the chip, 2048 bytes")->required();
+    show->add_option("FILE", call->file, "chip file of the parameter EEPROM, 2048 bytes")->required();
     show->add_flag("--json", call->json, "one JSON object");
     show->callback([call, &exit_status] { exit_status = Show(*call); });
     CLI::App *set =
         eeprom->add_subcommand("set", "Set parameters as the bootloader's commit would; a missing file is made");
-    set->add_option("FILE", call->file, "contents of the chip, 2048 bytes")->required();
+    set->add_option("FILE", call->file, "chip file of the parameter EEPROM, 2048 bytes")->required();
     set->add_option("SETTING", call->settings,
-                    "ID=HEX: identifier, up to 15 bytes; or NAME=ADDRESS: address, mask, gateway or name-server, as in "
+                    "ID=HEX, up to 15 bytes, or NAME=ADDRESS with address, mask, gateway or name-server, as in "
                     "address=10.0.0.5")
         ->required();
     set->add_flag("--json", call->json, "one JSON object");

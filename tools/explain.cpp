@@ -55,6 +55,7 @@ public:
         }
         state_.version_of = [this](std::span<const std::uint8_t> body) { return version_of(body); };
     }
+    // state_ reads from the chips beside it.
     ExplainedBoard(const ExplainedBoard &) = delete;
     ExplainedBoard &operator=(const ExplainedBoard &) = delete;
 
@@ -63,6 +64,8 @@ public:
 private:
     std::string version_of(std::span<const std::uint8_t> body) const {
         const Firmware *build = known_.identify(body);
+        // An image that no build here made has no known version. Without --assume-version the prediction ends there and
+        // says so.
         return build ? VersionText(*build) : assumed_;
     }
 
@@ -75,12 +78,14 @@ private:
 
 // Why a board that launches nothing may do so for a reason that lies in the call.
 std::string Hint(const ExplainCall &call, const Prediction &told) {
-    if (told.end == BootEnd::unknown_bootloader) return "say which version it is with --assume-version";
+    if (told.end == BootEnd::unknown_bootloader) return "state its version with --assume-version";
+    // The first needs no hint, and the reason for a loop lies in the files, not in the call.
     if (told.end == BootEnd::application || told.end == BootEnd::loop) return "";
     const bool nand = StrapsByName().at(call.straps).boots_from_nand();
     if ((nand ? call.chips.nand : call.chips.dataflash).empty())
         return nand ? "the straps select NAND, but no --nand was given"
                     : "the straps select DataFlash, but no --dataflash was given; try --straps 12-13";
+    // Last: without a bootloader no volume would help.
     if (call.volume.empty()) return "no --volume was given, so there are no banks";
     return "";
 }
@@ -107,6 +112,7 @@ void Print(const ExplainCall &call, const Prediction &told) {
 }
 
 int Explain(const ExplainCall &call) {
+    // Of two blank chips there is only one thing to say: nothing starts.
     RequireInCall(call.chips.named(), "explain", "no chip", "--nand or --dataflash");
     RequireDirectory(call.volume);
     const ExplainedBoard board(call);
@@ -115,8 +121,10 @@ int Explain(const ExplainCall &call) {
     const bool good = told.end == BootEnd::application;
     std::string id = NameOf(told.end);
     std::replace(id.begin(), id.end(), ' ', '-');
+    // A rescue image is launched too, but a script has to see that the application was not.
     if (!good) outcome.problems.push_back({id, "board", told.reason, ""});
     outcome.part = ToJson(call, told);
+    // In plain text the hazards stand in the report, each with its remedy; as warnings they would be printed twice.
     if (call.json)
         for (const BootHazard &hazard : told.hazards)
             outcome.warnings.push_back({hazard.id, hazard.place, hazard.text, ""});
@@ -129,15 +137,15 @@ int Explain(const ExplainCall &call) {
 
 void AddExplainCommand(CLI::App &app, int &exit_status) {
     auto call = std::make_shared<ExplainCall>();
-    CLI::App *command = app.add_subcommand("explain", "Tell what a board will do, and why, from its chips and files");
+    CLI::App *command =
+        app.add_subcommand("explain", "Predict what a board will do, and why, from its chips and files");
     call->chips.add_options(*command);
     command->add_option("--eeprom", call->eeprom, "chip file of the parameter EEPROM");
     command->add_option("--volume", call->volume, "directory that the board sees as i:/vol0");
     command->add_option("--straps", call->straps, "boot straps fitted")
         ->check(OneOfKeys(StrapsByName()))
         ->capture_default_str();
-    command->add_option("--assume-version", call->assumed,
-                        "version to assume of a bootloader that no known build stands for");
+    command->add_option("--assume-version", call->assumed, "version to assume for a bootloader that is no known build");
     command->add_flag("--json", call->json, "report as one JSON object");
     command->footer("Exit status: 0 a bank's application is launched, 1 anything else.");
     command->callback([call, &exit_status] { exit_status = Explain(*call); });

@@ -103,6 +103,7 @@ int Show(const FlashCall &call, const char *command, const std::vector<ShownChip
         boots |= Boots(chip.report);
         outcome.warnings.insert(outcome.warnings.end(), chip.report.warnings.begin(), chip.report.warnings.end());
         for (Problem &warning : outcome.warnings)
+            // With two chips, a slot's name alone would be ambiguous.
             if (!warning.where.starts_with(chip.file)) warning.where = chip.file + ": " + warning.where;
         if (call.json)
             all.push_back(ToJson(chip));
@@ -128,6 +129,7 @@ At45Contents BlankDataflash(const ChipFiles &chips) { return At45Contents(*FindA
 
 int ShowFlash(const FlashCall &call) {
     const ChipFiles &files = call.chips;
+    // No blank chips as in `bank check`: here the chip itself is the question.
     if (!files.named()) throw Refusal(Fault::call, {"wrong-call", "flash info", "no chip", "--nand or --dataflash"});
     RequireDistinct({files.nand, files.dataflash});
     std::vector<ShownChip> chips;
@@ -141,6 +143,7 @@ Provision ReadProvision(const FlashCall &call) {
     if (call.rescue.empty()) return provision;
     // The last one: a file's name may hold colons, a version seldom does.
     const std::size_t colon = call.rescue.rfind(':');
+    // No default: the board compares this text with its bank's, and replaces the rescue image where they differ.
     if (colon == std::string::npos) throw Refusal(Fault::call, {"wrong-call", "--rescue", call.rescue, "FILE:VERSION"});
     provision.rescue = ReadStoredImage(call.rescue.substr(0, colon));
     provision.rescue_version = call.rescue.substr(colon + 1);
@@ -149,6 +152,7 @@ Provision ReadProvision(const FlashCall &call) {
 
 template <typename Contents>
 ShownChip ProvisionChip(Contents contents, const std::string &file, const Provision &provision, OutputFiles &outputs) {
+    // Production provisions fresh chips and, after a repair, old ones: what the file holds outside the slots stays.
     OpenChip<Contents> chip(contents, file, ChipUse::create, outputs);
     const RawFlash flash = RawFlashOf(contents);
     StoreProvision(flash, provision);
@@ -161,6 +165,7 @@ ShownChip ProvisionChip(Contents contents, const std::string &file, const Provis
 
 // The chip that the board does not boot from comes erased with it.
 template <typename Contents> void MakeOther(const Contents &blank, const std::string &file, OutputFiles &outputs) {
+    // Only a missing file is made. One that is there may be another board's, and stays.
     std::error_code error;
     if (!file.empty() && !std::filesystem::exists(std::filesystem::symlink_status(file, error)))
         outputs.add(file).write(ChipBytesOf(blank));
@@ -175,6 +180,7 @@ int ProvisionFlash(const FlashCall &call) {
     // Before any chip is opened: an image that cannot be used leaves nothing locked and nothing half made.
     const Provision provision = ReadProvision(call);
     OutputFiles outputs;
+    // First, so that both files appear together or not at all.
     if (nand)
         MakeOther(BlankDataflash(chips), chips.dataflash, outputs);
     else
@@ -185,10 +191,12 @@ int ProvisionFlash(const FlashCall &call) {
 }
 
 template <typename Contents> std::string Convert(Contents contents, const FlashCall &call) {
+    // Proven writable before 276 MB are read.
     OutputFile output(call.output);
     const ChipFileLayout from = LoadChip(contents, call.input);
     const ChipShape shape = ShapeOf(contents);
     ChipFileLayout to{call.layout == "data" ? ChipLayout::data_only : ChipLayout::raw, 0};
+    // At full length: programmers of chips expect the whole chip, not a file that ends after the last written page.
     to.bytes = to.layout == ChipLayout::raw ? shape.whole_bytes() : shape.data_bytes();
     output.write(ChipBytesOf(contents, to, call.input));
     output.finish();
@@ -197,6 +205,7 @@ template <typename Contents> std::string Convert(Contents contents, const FlashC
 
 int ConvertChip(const FlashCall &call) {
     RequireDistinct({call.input, call.output});
+    // --medium is asked for, not guessed: files may be shorter than their chips, so a length can fit either.
     const std::string done =
         call.medium == "nand" ? Convert(BlankNand(call.chips), call) : Convert(BlankDataflash(call.chips), call);
     CallReport outcome("flash convert", call.json);
@@ -239,7 +248,9 @@ void AddConvert(CLI::App &command, int &exit_status) {
     convert->add_option("--medium", call->medium, "what the file holds")
         ->required()
         ->check(OneOf({"nand", "dataflash"}));
-    convert->add_option("--to", call->layout, "raw: all bytes of every page; data: no spare bytes, or 512/1,024 a page")
+    convert
+        ->add_option("--to", call->layout,
+                     "raw: every byte of every page; data: without spare bytes (DataFlash: 512 or 1,024 bytes a page)")
         ->required()
         ->check(OneOf({"raw", "data"}));
     call->chips.add_part_options(*convert);
@@ -250,7 +261,8 @@ void AddConvert(CLI::App &command, int &exit_status) {
 } // namespace
 
 void AddFlashCommand(CLI::App &app, int &exit_status) {
-    CLI::App *command = app.add_subcommand("flash", "Raw flash: the slots of a board's chips");
+    CLI::App *command =
+        app.add_subcommand("flash", "The slots of a board's raw flash: provision, show, write, compare");
     command->require_subcommand(1);
     AddProvision(*command, exit_status);
     AddInfo(*command, exit_status);

@@ -33,6 +33,7 @@ struct SlotCall {
 const std::vector<std::string> kSlotNames = {"bootloader0", "bootloader1", "rescue"};
 
 std::optional<Slot> FindSlot(const RawFlash &flash, const std::string &name) {
+    // "record" is in no table of slots: its block or page is written whole, so it has routines of its own.
     for (std::size_t n = 0; n < kSlotNames.size(); ++n)
         if (kSlotNames[n] == name) return SlotsOn(flash)[n];
     return std::nullopt;
@@ -55,6 +56,7 @@ void OnContents(const SlotCall &call, Contents contents, bool changes, Work work
     OutputFiles outputs;
     OpenChip<Contents> chip(contents, file, in_place ? ChipUse::change : ChipUse::look, outputs);
     OutputFile *const copy = changes && !in_place ? &outputs.add(call.out) : nullptr;
+    // By now the outputs are known to be writable. If the work throws, they stay as they were.
     work(RawFlashOf(contents));
     if (copy) copy->write(ChipBytesOf(contents, chip.layout(), call.out));
     chip.store();
@@ -78,6 +80,7 @@ int Extract(const SlotCall &call) {
                           "a good image, or --raw for the slot's bytes as they are");
         // Raw bytes are for those who want to see a damaged image; a good one ends where its header says.
         const Bytes bytes = call.raw ? flash.read(slot.address, RoomIn(flash, slot)) : image.bytes;
+        // Written only here, once the file has proven to hold such a chip.
         WriteFile(call.out, bytes);
         size = bytes.size();
     });
@@ -99,6 +102,7 @@ int Report(const SlotCall &call, const char *command, const std::string &text) {
 
 int Write(const SlotCall &call) {
     const bool record = call.slot == "record";
+    // --image is not required by the parser, since the record takes none.
     RequireInCall(record || !call.image.empty(), "flash write", "no image", "--image");
     RequireInCall(!record || call.image.empty(), "--image", "has no effect on the record", "--version alone");
     RequireInCall(!record || !call.version.empty(), "flash write", "no text for the record", "--version");
@@ -138,6 +142,7 @@ Check CheckSlot(const RawFlash &flash, const Slot &slot, const ReferenceImage &e
     const StoredImage image = ReadSlot(flash.read, slot);
     Check check{slot.name, NameOf(image.verdict()), Describe(expected)};
     if (image.verdict() == ImageVerdict::good)
+        // A good image of another build is no damage, and is told apart from it.
         check.found =
             image.bytes == expected.image ? check.expected : fmt::format("another good image, {} bytes", image.size);
     return check;
@@ -145,6 +150,7 @@ Check CheckSlot(const RawFlash &flash, const Slot &slot, const ReferenceImage &e
 
 // What the chip holds against what a board that has taken the bank would hold.
 std::vector<Check> Verify(const RawFlash &flash, const std::vector<ReferenceImage> &bank) {
+    // Only the slot that the first stage starts counts: after an update the other one may hold anything.
     const FlashReport report = ExamineFlash(flash);
     const auto slots = SlotsOn(flash);
     std::vector<Check> checks;
@@ -164,6 +170,7 @@ std::vector<Check> Verify(const RawFlash &flash, const std::vector<ReferenceImag
 int VerifyChip(const SlotCall &call) {
     RequireDirectory(call.bank);
     const std::vector<ReferenceImage> bank = BankReferences(call.bank);
+    // Nothing to compare would pass for "all good".
     if (bank.empty()) throw Refusal(call.bank, "neither a bootloader nor a rescue image", "a bank that lists one");
     std::vector<Check> checks;
     OnChip(call, false, [&](const RawFlash &flash) { checks = Verify(flash, bank); });
@@ -186,9 +193,10 @@ void AddFlashSlotCommands(CLI::App &flash, int &exit_status) {
     auto call = std::make_shared<SlotCall>();
     const auto add = [&](const char *name, const char *help, bool with_record, int (*run)(const SlotCall &)) {
         CLI::App *command = flash.add_subcommand(name, help);
+        // The record has no image to extract.
         std::vector<std::string> names = kSlotNames;
         if (with_record) names.emplace_back("record");
-        command->add_option("SLOT", call->slot, "which slot; record: the rescue image's version")
+        command->add_option("SLOT", call->slot, with_record ? "slot; record is the rescue image's version" : "slot")
             ->required()
             ->check(OneOf(names));
         call->chips.add_options(*command);
@@ -199,7 +207,7 @@ void AddFlashSlotCommands(CLI::App &flash, int &exit_status) {
     const char *const kOut = "write the changed chip to this file and leave the named one as it is";
     CLI::App *extract = add("extract", "Copy the image of one slot to a file", false, Extract);
     extract->add_option("--out", call->out, "file to write")->required();
-    extract->add_flag("--raw", call->raw, "all bytes of the slot, whatever they are");
+    extract->add_flag("--raw", call->raw, "copy every byte of the slot, good image or not");
     CLI::App *write = add("write", "Store an image in one slot; the others stay as they are", true, Write);
     write->add_option("--image", call->image, "stored image, flat binary or ELF");
     write->add_option("--version", call->version, "version to record, with a rescue image or alone");

@@ -15,6 +15,7 @@ namespace fixture {
 
 namespace {
 
+// More than any slot takes, so that an oversized image gets a report that says so, not a refusal.
 constexpr std::uintmax_t kLargestFile = 64u << 20;
 
 struct ImageCall {
@@ -37,6 +38,7 @@ Problems WarningsOf(const ImageCall &call, const std::string &file, const ImageR
     // Slots, holes and tails say nothing about an image that no slot would start.
     if (!report.good()) return all;
     if (report.image.has_no_body())
+        // Its sums are right, so every check of the board passes it.
         add("no-body", "a header alone, with nothing to start: a board that stores it is lost");
     if (report.trailing > 0)
         add("trailing-bytes", fmt::format("{} bytes after the image, which no sum covers", report.trailing));
@@ -45,6 +47,7 @@ Problems WarningsOf(const ImageCall &call, const std::string &file, const ImageR
             for (const Problem &hole : holes)
                 add(hole.id, fmt::format("{}: {}: {}", NameOf(flash.medium), hole.where, hole.found));
         };
+        // Nothing in an image says what it is for: it is held against every slot that could take it.
         if (fits("bootloader")) add_holes(WarningsOfBootloader(flash, report.image.size));
         if (fits("rescue")) add_holes(WarningsOfRescue(flash, report.image.size));
     });
@@ -55,6 +58,7 @@ void AddToJson(CallReport &outcome, const std::string &file, const ImageReport &
     nlohmann::ordered_json &json = outcome.part;
     json["file"] = TextJson(file);
     json["size"] = report.image.size;
+    // As stored. A wrong field states below what it should be.
     json["sum1"] = report.image.stored.sum1;
     json["sum2"] = report.image.stored.sum2;
     json["trailing"] = report.trailing;
@@ -85,6 +89,7 @@ int Show(const ImageCall &call, const char *command, const std::string &file, co
     CallReport outcome(command, call.json);
     for (const ImageField &field : report.fields)
         if (!field.valid)
+            // One problem a field, so that a program can tell a wrong size from wrong sums.
             outcome.problems.push_back({"bad-" + field.name, file, field.name + " " + field.value, field.expected});
     outcome.warnings = WarningsOf(call, file, report);
     AddToJson(outcome, file, report);
@@ -98,6 +103,7 @@ int WrapImage(const ImageCall &call) {
     const Bytes image = WrapFile(call.input);
     output.write(image);
     output.finish();
+    // Examined from the bytes that were written, by the same judge as any other image.
     return Show(call, "image wrap", call.output, ExamineImage(image));
 }
 
@@ -109,7 +115,7 @@ int ShowImage(const ImageCall &call) {
 
 void AddImageCommand(CLI::App &app, int &exit_status) {
     auto call = std::make_shared<ImageCall>();
-    CLI::App *command = app.add_subcommand("image", "Stored images: the header that images carry in raw flash");
+    CLI::App *command = app.add_subcommand("image", "Stored images: images with the header that raw flash needs");
     command->require_subcommand(1);
 
     CLI::App *wrap = command->add_subcommand("wrap", "Put the 32-byte header before an image");

@@ -15,6 +15,7 @@ namespace {
 // The whole text as a number; false where it is none, or is followed by anything.
 template <typename T> bool Read(const std::string &text, T &value) {
     const char *const end = text.data() + text.size();
+    // The parser's own conversion takes "0x10" and "010" as well, the second one as eight.
     const auto [stopped, error] = std::from_chars(text.data(), end, value);
     return !text.empty() && error == std::errc() && stopped == end;
 }
@@ -56,6 +57,7 @@ std::string Filled(const char *form, const std::string &command, const std::smat
 
 std::vector<std::string> SubcommandsOf(const CLI::App &app) {
     const CLI::App *at = &app;
+    // Without a filter these are the subcommands that were met in the call, so the last one is where it went wrong.
     while (!at->get_subcommands().empty()) at = at->get_subcommands().front();
     std::vector<std::string> names;
     for (const CLI::App *const one : at->get_subcommands([](const CLI::App *) { return true; }))
@@ -66,6 +68,7 @@ std::vector<std::string> SubcommandsOf(const CLI::App &app) {
 } // namespace
 
 CLI::Validator WholeNumber(std::uint64_t least, std::uint64_t most) {
+    // "0 to 18446744073709551615" says nothing to anybody.
     const bool open = most == std::numeric_limits<std::uint64_t>::max();
     const std::string range = open ? fmt::format("{} or more", least) : fmt::format("{} to {}", least, most);
     return CLI::Validator(
@@ -112,6 +115,7 @@ void RequireDirectory(const std::string &directory) {
     const std::filesystem::file_status status = std::filesystem::status(directory, error);
     if (!std::filesystem::exists(status))
         throw Refusal(Fault::unreadable, {"missing", directory, "no such directory", ""});
+    // Apart from "no such directory": a file there is mostly a slip of one level.
     if (!std::filesystem::is_directory(status))
         throw Refusal(Fault::unreadable, {"not-a-directory", directory, "not a directory", "a directory"});
 }
@@ -122,6 +126,8 @@ Problem ProblemOf(const CLI::ParseError &error, const CLI::App &app, const std::
         return Problem{"wrong-call", std::move(where), std::move(found), std::move(expected)};
     };
     // A mistyped word is also a missing one: what stands there says more than what does not.
+    // Only where the parser itself stumbled over a word: elsewhere words may be left over that nobody has looked at
+    // yet.
     const auto code = static_cast<CLI::ExitCodes>(error.get_exit_code());
     const std::vector<std::string> strange = app.remaining(true);
     const std::string words = text == "A subcommand is required" ? Either(SubcommandsOf(app)) : "";
@@ -133,6 +139,7 @@ Problem ProblemOf(const CLI::ParseError &error, const CLI::App &app, const std::
         return wrong(text.substr(0, colon), text.substr(colon + 2), "");
     for (const Sentence &sentence : kSentences) {
         std::smatch parts;
+        // Made anew for each: a call goes wrong once, and the table stays constant.
         if (!std::regex_match(text, parts, std::regex(sentence.of_parser))) continue;
         return wrong(Filled(sentence.where, command, parts), Filled(sentence.found, command, parts),
                      Filled(sentence.expected, command, parts));

@@ -9,6 +9,8 @@ namespace fixture {
 void PrintPrediction(const Prediction &told) {
     unsigned start = 0;
     for (const BootStep &step : told.steps) {
+        // A heading where the start changes: the same steps come again after each reset, and would read as a
+        // repetition.
         if (step.start != start)
             fmt::print("{}\n", step.start == 1 ? "at power-up" : fmt::format("after reset {}", step.start - 1));
         start = step.start;
@@ -20,6 +22,7 @@ void PrintPrediction(const Prediction &told) {
 nlohmann::ordered_json PredictionJson(const Prediction &told) {
     nlohmann::ordered_json json{{"end", NameOf(told.end)},
                                 {"reason", TextJson(told.reason)},
+                                // null where the first stage starts nothing; 0 would be a slot.
                                 {"slot", told.slot ? nlohmann::ordered_json(*told.slot) : nlohmann::ordered_json()},
                                 {"version", TextJson(told.version)},
                                 {"launched", TextJson(told.launched)},

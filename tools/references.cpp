@@ -15,6 +15,7 @@ std::vector<ReferenceImage> KnownReferences() {
     std::vector<ReferenceImage> references;
     for (const Firmware &build : known.all()) {
         const std::string version = VersionText(build);
+        // Wrapped, as they lie in a slot: whole slots are compared, header and all.
         references.push_back(
             {"build " + version, FileRole::bootloader, Wrap(build.flat), version, build.file.string()});
     }
@@ -23,8 +24,10 @@ std::vector<ReferenceImage> KnownReferences() {
 
 std::vector<ReferenceImage> BankReferences(const fs::path &bank) {
     std::vector<ReferenceImage> references;
+    // The place counts for nothing here: content alone is asked for.
     const BankReport report = ExamineBank(bank, kBankDirectories[0]);
     for (const RecordReport &record : report.records) {
+        // No slot holds an application: it is launched from the volume.
         if (record.role != FileRole::bootloader && record.role != FileRole::rescue) continue;
         const fs::path file = bank / record.record.path;
         // A chip held against a damaged file would be called damaged itself.

@@ -16,6 +16,7 @@ CaseId Parse(const std::string &name) {
 Replay::Replay(const std::string &name, std::optional<unsigned> power_up, ProcessorKind processor)
     : id_(Parse(name)), firmware_(FirmwareDirectory()), world_(WorldOf(id_, firmware_)),
       sweeper_(world_, processor, firmware_), power_up_(power_up.value_or(static_cast<unsigned>(id_.cuts.size()))) {
+    // A power-up before the last cut has fewer cuts behind it than the case has.
     const std::size_t cuts = std::min<std::size_t>(power_up_, id_.cuts.size());
     chips = sweeper_.cut({id_.cuts.begin(), id_.cuts.begin() + static_cast<std::ptrdiff_t>(cuts)}, id_.seed);
     // After the cuts every power-up is whole; the asked one finds what those before it left.
@@ -25,6 +26,7 @@ Replay::Replay(const std::string &name, std::optional<unsigned> power_up, Proces
 RunReport Replay::run(Machine &machine) {
     const bool is_cut = power_up_ < id_.cuts.size();
     if (is_cut) {
+        // PlanOf goes by the last of them, which is this power-up's own.
         const std::vector<Cut> cuts(id_.cuts.begin(), id_.cuts.begin() + power_up_ + 1);
         machine.board().supply.plan(PlanOf(cuts, id_.seed));
     }

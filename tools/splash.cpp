@@ -13,6 +13,7 @@ namespace fixture {
 
 namespace {
 
+// Ten times what encode writes at most. The bound keeps a wrong name from filling memory.
 constexpr std::uintmax_t kLargestSource = 1u << 20;
 
 struct SplashCall {
@@ -22,9 +23,11 @@ struct SplashCall {
 };
 
 int Encode(const SplashCall &call) {
+    // Proven writable first, as in every subcommand; without finish() nothing appears.
     OutputFile output(call.output);
     const Picture picture = ReadPng(call.input);
     const SplashStream stream = EncodeSplash(picture, call.input);
+    // Counted after the reduction to 15 bits, since that is what the panel shows.
     std::set<std::uint16_t> colours;
     for (const Colour colour : picture.pixels) colours.insert(SplashPixel(colour));
     output.write(SplashSource(stream));
@@ -57,14 +60,14 @@ void AddSplashCommand(CLI::App &app, int &exit_status) {
     CLI::App *command = app.add_subcommand("splash", "The start-up picture in its compressed form");
     command->require_subcommand(1);
 
-    CLI::App *encode = command->add_subcommand("encode", "Compress a picture to the bootloader's array");
+    CLI::App *encode = command->add_subcommand("encode", "Compress a picture into the bootloader's array");
     encode->add_option("IN.png", call->input, "320 x 240 pixels, black from row 219 on")->required();
     encode->add_option("OUT.cpp", call->output, "C++ source to write")->required();
     encode->add_flag("--json", call->json, "one JSON object");
     encode->callback([call, &exit_status] { exit_status = Encode(*call); });
 
-    CLI::App *decode = command->add_subcommand("decode", "Turn an array back to a picture");
-    decode->add_option("IN.cpp", call->input, "C++ source that encode has written")->required();
+    CLI::App *decode = command->add_subcommand("decode", "Turn the array back into a picture");
+    decode->add_option("IN.cpp", call->input, "C++ source that encode wrote")->required();
     decode->add_option("OUT.png", call->output, "picture to write")->required();
     decode->add_flag("--json", call->json, "one JSON object");
     decode->callback([call, &exit_status] { exit_status = Decode(*call); });

@@ -24,6 +24,7 @@ struct SweepCall {
     CampaignCall asked;
     bool all = false;
     bool list = false;
+    // hardware_concurrency() may be 0 where the system does not tell.
     unsigned jobs = std::max(1u, std::thread::hardware_concurrency());
     bool json = false;
     std::string report;
@@ -40,9 +41,11 @@ void ShowProgress(const JobProgress &now) {
     const double part = now.jobs ? static_cast<double>(now.jobs_done) / static_cast<double>(now.jobs) : 1;
     const std::size_t filled = static_cast<std::size_t>(part * kWidth);
     const double rate = now.seconds > 0 ? static_cast<double>(now.boots) / now.seconds : 0;
+    // By parts done: the number of cases is known only once all have been met.
     const double left = part > 0 ? now.seconds / part - now.seconds : 0;
     fmt::print(stderr, "\r[{:#<{}}{:.<{}}] {} cases, {:.0f} boots/s, {:.0f} s left \x1b[K", "", filled, "",
                kWidth - filled, now.cases, rate, left);
+    // Removes the bar, or the results would begin after it on the same line.
     if (now.jobs_done == now.jobs) fmt::print(stderr, "\r\x1b[K");
     std::fflush(stderr);
 }
@@ -93,6 +96,7 @@ constexpr const char *kDocument = "docs/reliability.md";
 Shard ParseShard(const std::string &text) {
     Shard shard;
     char rest = 0;
+    // The third field takes what must not be there: "1/2x" is no part.
     if (std::sscanf(text.c_str(), "%zu/%zu%c", &shard.number, &shard.of, &rest) != 2 || shard.number < 1 ||
         shard.number > shard.of)
         throw Refusal(Fault::call, {"wrong-call", "--shard", text, "K/N, the Kth of N parts, such as 2/8"});
@@ -100,6 +104,7 @@ Shard ParseShard(const std::string &text) {
 }
 
 std::filesystem::path TemplateOf(std::filesystem::path document) {
+    // docs/x.md is made from docs/x.in.md beside it.
     return document.replace_extension(".in" + document.extension().string());
 }
 
@@ -111,6 +116,7 @@ Bytes ReadTemplate(const std::filesystem::path &document) {
 // A sweep takes minutes: that what comes of it can be written, and its document filled in, is known before.
 void CheckOutputs(const SweepCall &call) {
     for (const std::string &file : {call.report, call.edges, call.out})
+        // Never finished, so whatever stands there stays.
         if (!file.empty()) const OutputFile proof(file);
     if (!call.report.empty()) ReadTemplate(call.report);
 }
@@ -118,6 +124,7 @@ void CheckOutputs(const SweepCall &call) {
 void WriteDocument(const std::filesystem::path &file, const CampaignCall &call, const Campaign &campaign,
                    const std::vector<TableResult> &results) {
     const Bytes text = ReadTemplate(file);
+    // Always with the document's usual name: readers repeat this line, whichever file this run wrote.
     const std::string command = fmt::format("fixture sweep --report {} --seed {}{}", kDocument, call.seed,
                                             call.sample == 0 ? "" : fmt::format(" --sample {}", call.sample));
     WriteFile(file, FillDocument({text.begin(), text.end()}, command, campaign.stages(), results));
@@ -138,6 +145,7 @@ int Show(const SweepCall &call, const char *command, const CampaignCall &asked, 
     const std::uint64_t found = FindingsOf(results);
     CallReport outcome(command, call.json);
     const Stage &stage = campaign.stages().front();
+    // With --report the document is the result; the tables would be too long for a terminal.
     if (asked.document) {
         const std::string document = call.report.empty() ? kDocument : call.report;
         WriteDocument(document, asked, campaign, results);
@@ -167,6 +175,7 @@ void CheckOptions(const SweepCall &call) {
     const auto needs_closure = [&asked](bool given, const char *option) {
         RequireInCall(asked.closure || !given, option, "has no effect alone", "--closure as well");
     };
+    // Known by a value other than the default: the default in so many words does no harm.
     needs_closure(call.follow.empty() && asked.near != usual.near, "--near");
     needs_closure(asked.most_states != usual.most_states, "--most-states");
     needs_closure(!call.edges.empty(), "--edges");
@@ -185,7 +194,9 @@ std::vector<std::string> ReadHistory(const std::string &file) {
     std::istringstream lines(std::string(bytes.begin(), bytes.end()));
     std::vector<std::string> history;
     for (std::string word, kind, from, to; lines >> word;) {
+        // The model prints other lines around these. Runs between the losses add nothing to a history of losses.
         if (word != "edge" || !(lines >> kind >> from >> to) || kind != "cut") continue;
+        // A history begins with the state before its first loss.
         if (history.empty()) history.push_back(from);
         history.push_back(to);
     }
@@ -207,6 +218,7 @@ int Follow(const SweepCall &call, const SweepFirmware &firmware) {
                             .history = ReadHistory(call.follow)}};
     CallReport outcome("sweep", call.json);
     for (const ClosureTally &tally : RunClosure(plan, call.jobs, firmware, Progress())) {
+        // One is enough: the trail stands for one history, and any case that follows it shows the fault.
         if (tally.findings.empty()) continue;
         const Finding &bad = tally.findings.front();
         outcome.problems.push_back({"found", bad.id, bad.outcome, ""});
@@ -222,17 +234,20 @@ int Follow(const SweepCall &call, const SweepFirmware &firmware) {
 int Sweep(const SweepCall &call) {
     CheckOptions(call);
     const SweepFirmware firmware = FirmwareOf(call);
+    // Before the checks that a sweep needs: neither --all nor a scenario is asked of it.
     if (!call.follow.empty()) return Follow(call, firmware);
     if (call.list) return List(AllScenarios(firmware), call.json);
     CheckOutputs(call);
     CampaignCall asked = call.asked;
     asked.document = !call.report.empty();
+    // All scenarios take long: a call that names none is more likely a slip than an order to run them all.
     RequireInCall(asked.document || asked.closure || call.all == asked.scenarios.empty(), "sweep",
                   call.all ? "both --all and names of scenarios" : "no scenario",
                   "names of some, or --all; see --list");
     RequireInCall(call.shard.empty() == call.out.empty(), call.out.empty() ? "--shard" : "--out", "has no effect alone",
                   "--shard and --out together");
     const Shard shard = call.shard.empty() ? Shard{} : ParseShard(call.shard);
+    // A part and the whole go the same way, so that merged parts give exactly the tables of one run.
     const Campaign campaign(asked, firmware);
     const UnitTexts texts = campaign.run(shard, call.jobs, Progress());
     if (call.out.empty()) return Show(call, "sweep", asked, campaign, campaign.results(texts));
@@ -245,6 +260,7 @@ int Sweep(const SweepCall &call) {
 int Merge(const SweepCall &call) {
     CheckOutputs(call);
     const SweepFirmware firmware = FirmwareOf(call);
+    // With the call that made the parts: their content decides the tables, not the options of this call.
     const Part whole = MergeParts({call.parts.begin(), call.parts.end()}, BuildOf(firmware));
     const Campaign campaign(whole.call, firmware);
     return Show(call, "sweep merge", whole.call, campaign, campaign.results(whole.units));
@@ -255,59 +271,62 @@ int Merge(const SweepCall &call) {
 void AddSweepCommand(CLI::App &app, int &exit_status) {
     auto call = std::make_shared<SweepCall>();
     CLI::App *command =
-        app.add_subcommand("sweep", "Cut the power at every operation and judge what becomes of the board");
+        app.add_subcommand("sweep", "Cut the power at every operation, and check that the board recovers");
     CampaignCall &asked = call->asked;
+    // A sweep is the command itself; `merge` is its only subcommand, and may be left out.
     command->require_subcommand(0, 1);
-    command->add_option("SCENARIO", asked.scenarios, "scenarios, or SCENARIO/VARIANT, by name");
+    command->add_option("SCENARIO", asked.scenarios, "names of scenarios, or of one variant as SCENARIO/VARIANT");
     command->add_flag("--all", call->all, "all scenarios");
     command->add_flag("--list", call->list, "name the scenarios and their variants");
     command->add_option("--processor", asked.processor, "processor that runs the bootloader; both compares them")
         ->check(OneOf({"arm", "host", "both"}))
         ->capture_default_str();
-    command->add_flag("--foretell", asked.foretells, "compare every boot with what explain says of it");
-    command->add_option("--boards", asked.boards, "number of boards in the scenario hostile [500]")
+    command->add_flag("--foretell", asked.foretells, "compare every boot with what explain predicts");
+    command->add_option("--boards", asked.boards, "number of boards in the scenario `hostile` [500]")
         ->check(WholeNumber(1, 1'000'000));
     command->add_option("--losses", asked.losses, "power losses in a case; 2 cuts the boot after the first cut as well")
         ->check(WholeNumber(1, 2))
         ->capture_default_str();
     command->add_flag("--closure", asked.closure,
-                      "any number of losses: every state of the chips that they can lead to, until none is new");
-    command->add_option("--ways", asked.ways, "ways of tearing an operation, for a closure")
+                      "any number of losses: follow every state that the chips can reach, until none is new");
+    command->add_option("--ways", asked.ways, "for a closure, ways of tearing each operation")
         ->check(WholeNumber(1, 64))
         ->capture_default_str();
     command
         ->add_option("--near", asked.near,
-                     "for a closure, operations to cut on each side of a change of kind or block [all]")
+                     "for a closure, cut only this many operations on each side of a change of kind or block [all]")
         ->check(WholeNumber(1, 1'000'000));
     command
         ->add_option("--most-states", asked.most_states,
-                     "for a closure, states after which to give a variant up, not closed [all]")
+                     "for a closure, states after which to give a variant up as not closed [no limit]")
         ->check(WholeNumber(1, 1'000'000'000));
     command->add_option("--edges", call->edges,
-                        "write the steps of a closure, state to state, for the protocol's model");
-    command->add_option("--follow", call->follow,
-                        "find the case that a trail of the protocol's model, in this file, stands for");
+                        "for a closure, write its steps from state to state, for the protocol's model");
+    command->add_option("--follow", call->follow, "find the case for the trail of the protocol's model in this file");
     command->add_option("--firmware", call->firmware, "directory of the bootloader's builds [beside this program]");
     command->add_option("--jobs", call->jobs, "worker processes")->check(WholeNumber(1, 256))->capture_default_str();
     command
         ->add_option("--sample", asked.sample,
-                     "number of cases to try of each scenario, about; the seed chooses them [all]")
+                     "try about this many cases of each scenario; the seed chooses them [all]")
         ->check(WholeNumber(1));
     command->add_option("--seed", asked.seed, "decides how operations tear and what is sampled")
         ->check(WholeNumber(0))
         ->capture_default_str();
     command->add_flag("--json", call->json, "results as one JSON object");
-    command->add_option("--report", call->report, "run the whole campaign and write its document to this file")
+    command
+        ->add_option("--report", call->report, "run the whole campaign and write its document to this file")
+        // The document has its own scenarios, processors and losses. A narrower one would pass for the whole.
         ->excludes("SCENARIO", "--list", "--processor", "--losses", "--foretell", "--boards");
     command->add_option("--shard", call->shard, "run K/N, the Kth of N parts, and keep its results in --out");
-    command->add_option("--out", call->out, "the part's file, for merge");
+    command->add_option("--out", call->out, "file for the part's results, for merge");
     CLI::App *merge = command->add_subcommand("merge", "Join the parts of a campaign into the results of one run");
     merge->add_option("PART", call->parts, "the parts' files, in any order")->required();
     merge->add_flag("--json", call->json, "results as one JSON object");
     merge->add_option("--report", call->report, "the document's file [docs/reliability.md]");
-    merge->add_option("--edges", call->edges, "write the steps of a closure, state to state");
+    merge->add_option("--edges", call->edges, "write the steps of a closure from state to state");
     merge->callback([call, &exit_status] { exit_status = Merge(*call); });
     command->callback([call, command, &exit_status] {
+        // The parser runs this for `merge` as well.
         if (command->get_subcommands().empty()) exit_status = Sweep(*call);
     });
 }

@@ -22,6 +22,7 @@ bool ShowsColours(const char *const *environment) {
     for (; *environment != nullptr; ++environment) {
         const std::string_view variable = *environment;
         if (variable.starts_with("TERM=")) terminal = variable.substr(5);
+        // Set but empty counts as not set: that is how the convention has it.
         if (variable.starts_with("NO_COLOR=") && variable != "NO_COLOR=") return false;
     }
     return !terminal.empty() && terminal != "dumb";
@@ -30,6 +31,7 @@ bool ShowsColours(const char *const *environment) {
 struct Pipe {
     Pipe() {
         std::array<int, 2> ends{-1, -1};
+        // Closed on exec: a child that kept its own writing end would never see the end of its input.
         if (pipe2(ends.data(), O_CLOEXEC) == 0) read_end = ends[0], write_end = ends[1];
     }
     ~Pipe() {
@@ -55,9 +57,11 @@ std::string Exchange(Pipe &to, Pipe &from, std::string_view input) {
     for (;;) {
         std::array<pollfd, 2> ends{pollfd{from.read_end, POLLIN, 0}, pollfd{to.write_end, POLLOUT, 0}};
         if (poll(ends.data(), ends.size(), -1) < 0) return output;
+        // A closed end has the number -1, which poll passes over.
         if (ends[1].revents != 0) {
             const ssize_t written = write(to.write_end, input.data(), input.size());
             if (written > 0) input.remove_prefix(static_cast<std::size_t>(written));
+            // The end of the input is what the child waits for before it draws.
             if (written < 0 || input.empty()) Pipe::shut(to.write_end);
         }
         if (ends[0].revents == 0) continue;
@@ -70,6 +74,7 @@ std::string Exchange(Pipe &to, Pipe &from, std::string_view input) {
 // What a program prints that is given `input`; empty where it does not run or ends badly.
 std::string OutputOf(const std::vector<std::string> &words, std::string_view input, const char *const *environment) {
     Pipe to, from;
+    // No preview is no failure: the board has run, and its verdict stands.
     if (to.write_end < 0 || from.read_end < 0) return {};
     std::vector<char *> arguments;
     for (const std::string &word : words) arguments.push_back(const_cast<char *>(word.c_str()));
@@ -83,6 +88,7 @@ std::string OutputOf(const std::vector<std::string> &words, std::string_view inp
         posix_spawn(&child, arguments[0], &streams, nullptr, arguments.data(), const_cast<char *const *>(environment));
     posix_spawn_file_actions_destroy(&streams);
     if (failed != 0) return {};
+    // The child holds its own copies. With these left open, the end of its output would never be seen.
     Pipe::shut(to.read_end);
     Pipe::shut(from.write_end);
     const std::string output = Exchange(to, from, input);
@@ -94,6 +100,7 @@ std::string OutputOf(const std::vector<std::string> &words, std::string_view inp
 } // namespace
 
 std::string TerminalPreview(const Picture &picture, int columns, int rows, const char *const *environment) {
+    // Cheaper than starting a process to find out.
     if (!ShowsColours(environment) || picture.pixels.empty()) return {};
     std::string file = fmt::format("P6 {} {} 255\n", picture.width, picture.height);
     file.append(reinterpret_cast<const char *>(picture.pixels.data()), picture.pixels.size() * 3);
@@ -103,6 +110,7 @@ std::string TerminalPreview(const Picture &picture, int columns, int rows, const
 void PrintPreview(std::FILE *stream, const Picture &picture) {
     winsize size{};
     if (isatty(fileno(stream)) == 0 || ioctl(fileno(stream), TIOCGWINSZ, &size) != 0) return;
+    // One row is left for the prompt, or the first row of the picture would scroll away.
     const std::string text = TerminalPreview(picture, size.ws_col, size.ws_row - 1, environ);
     std::fwrite(text.data(), 1, text.size(), stream);
 }

@@ -29,6 +29,7 @@ nlohmann::ordered_json ToJson(const TimeSpent &spent) {
 std::string TimelineTable(const Timeline &timeline) {
     const TimeSplit sum = timeline.sum();
     const TimeSpent boot = timeline.total();
+    // All of them or none: the first five of a loop would not add up to the sum beside them.
     const std::size_t columns = timeline.starts().size() > kMostColumns ? 0 : timeline.starts().size();
     std::string text = fmt::format("{:14}", "virtual ms");
     for (std::size_t start = 0; start < columns; ++start)
@@ -36,7 +37,9 @@ std::string TimelineTable(const Timeline &timeline) {
     text += fmt::format(" {:>11} {:>8} {:>11}\n", "all", "share", "dictated");
     std::vector<Picoseconds> whole(columns);
     for (std::size_t cause = 0; cause < kCauses; ++cause) {
+        // A cause that took no time anywhere is a line that says nothing.
         if (sum[cause].time == 0) continue;
+        // What was launched is no part of the boot, whose last line must stay the boot's.
         const bool counts = static_cast<Cause>(cause) != Cause::application;
         std::vector<Picoseconds> each;
         for (std::size_t start = 0; start < columns; ++start) {
@@ -57,6 +60,7 @@ nlohmann::ordered_json TimelineJson(const Timeline &timeline) {
     for (const TimeSplit &start : timeline.starts()) {
         nlohmann::ordered_json causes = nlohmann::ordered_json::object();
         for (std::size_t cause = 0; cause < kCauses; ++cause)
+            // A missing cause took no time, as in the table.
             if (start[cause].time > 0) causes[NameOf(static_cast<Cause>(cause))] = ToJson(start[cause]);
         json["starts"].push_back(causes);
     }
