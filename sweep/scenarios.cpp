@@ -362,11 +362,12 @@ std::vector<Scenario> FindScenarios(const std::vector<std::string> &names, const
         const auto has_name = [&](const Scenario &s) { return s.name == scenario; };
         const auto row = std::find_if(all.begin(), all.end(), has_name);
         if (row == all.end())
-            throw Refusal(Fault::call, {"no-such-case", scenario, "no scenario", "one of sweep --list"});
+            throw Refusal(Fault::call, {"no-such-case", scenario, "no such scenario", "one of `fixture sweep --list`"});
         std::vector<Variant> variants = row->variants;
         if (scenario != name)
             std::erase_if(variants, [&](const Variant &v) { return v.label != name.substr(scenario.size() + 1); });
-        if (variants.empty()) throw Refusal(Fault::call, {"no-such-case", name, "no variant", "one of sweep --list"});
+        if (variants.empty())
+            throw Refusal(Fault::call, {"no-such-case", name, "no such variant", "one of `fixture sweep --list`"});
         const auto before = std::find_if(found.begin(), found.end(), has_name);
         if (before == found.end())
             found.push_back({row->name, row->summary, variants});

@@ -334,7 +334,7 @@ TEST(Contract, CallsThatMakeNoSenseAreRefused) {
     const std::string nand = Shop().good("nand").string();
     const struct {
         Words words;
-        const char *message; // after "fixture: "
+        const char *message; // after "fixture: ", or from the command's name on
     } rows[] = {
         {{}, "fixture: no subcommand; expected boot, bank, describe, diff, doctor,"},
         {{"flash"}, "fixture flash: no subcommand; expected provision, info,"},
@@ -365,8 +365,8 @@ TEST(Contract, CallsThatMakeNoSenseAreRefused) {
         {{"boot", "--watchdog", "-1"}, "--watchdog: \"-1\""},
         {{"boot", "--max-resets", "0"}, "--max-resets: \"0\"; expected a whole number, 1 to 1000000"},
         {{"boot", "--max-resets", "4294967297"}, "--max-resets: "},
-        {{"sweep"}, "sweep: no scenario; expected names of some, or --all"},
-        {{"sweep", "nonsense"}, "nonsense: no scenario; expected one of sweep --list"},
+        {{"sweep"}, "fixture sweep: no scenario; expected names of some, or --all"},
+        {{"sweep", "nonsense"}, "nonsense: no such scenario; expected one of `fixture sweep --list`"},
         {{"sweep", "holes", "--near", "2"}, "--near: has no effect alone; expected --closure as well"},
         {{"sweep", "holes", "--list"}, "--list: names every scenario"},
         {{"sweep", "holes", "--shard", "3/2", "--out", "x"}, "--shard: 3/2; expected K/N"},
@@ -375,20 +375,23 @@ TEST(Contract, CallsThatMakeNoSenseAreRefused) {
         {{"sweep", "--all", "--seed", "99999999999999999999"}, "--seed: "},
         {{"sweep", "--all", "--jobs", "1e3"}, "--jobs: \"1e3\"; expected a whole number, 1 to 256"},
         {{"bank", "check", Shop().work("").string(), "--running", "1.9.1"}, "--running: has no effect on one bank"},
-        {{"explain"}, "explain: no chip; expected --nand or --dataflash"},
-        {{"doctor"}, "doctor: no chip; expected --nand, --dataflash or --eeprom"},
+        {{"explain"}, "fixture explain: no chip; expected --nand or --dataflash"},
+        {{"doctor"}, "fixture doctor: no chip; expected --nand, --dataflash or --eeprom"},
         {{"flash", "write", "record", "--nand", nand, "--image", "x"}, "--image: has no effect on the record"},
         {{"flash", "erase", "rescue"}, "flash: no chip; expected one of --nand and --dataflash"},
         {{"flash", "provision", "--medium", "nand", "--nand", nand, "--bootloader", "x", "--slot", "2"}, "--slot: "},
         {{"image", "info", nand, "--allow", "anything"}, "--allow: no warning \"anything\""},
         {{"diff", nand, Shop().work("").string()}, nullptr},
+        {{"describe", "bash", "--into", "."}, "--into: has no effect on bash; expected man"},
     };
     for (const auto &[words, message] : rows) {
         SCOPED_TRACE(fmt::format("{}", fmt::join(words, " ")));
         const CommandResult result = RunFixture(words);
         EXPECT_EQ(result.exit_status, kWrongCall) << result.error;
         if (std::find(words.begin(), words.end(), "--json") != words.end()) continue; // told as an object
-        EXPECT_THAT(result.error, testing::StartsWith("fixture: " + std::string(message ? message : "")));
+        const std::string_view text = message ? message : "";
+        EXPECT_THAT(result.error,
+                    testing::StartsWith((text.starts_with("fixture") ? "" : "fixture: ") + std::string(text)));
         EXPECT_EQ(result.output, "");
     }
 }

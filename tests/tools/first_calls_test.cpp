@@ -34,7 +34,7 @@ TEST(FirstCalls, ABootWithoutOptionsRunsADemoBoardAndLeavesNothing) {
     EXPECT_EQ(result.exit_status, kGood) << result.error;
     EXPECT_THAT(result.output, HasSubstr("Current bootlaoder is: 1.9.1"));
     EXPECT_THAT(result.output, HasSubstr("Hello from the demo application."));
-    EXPECT_THAT(result.error, HasSubstr("a demo board"));
+    EXPECT_THAT(result.error, HasSubstr("demo board: bootloader 1.9.0"));
     EXPECT_EQ(demo_directories(), before);
     EXPECT_EQ(RunFixture({"boot", "--straps", "none"}).exit_status, kBad) << "a board is named, and it has nothing";
 }
