@@ -59,7 +59,7 @@ void CheckText(const fs::path &file, const char *what, std::string_view text) {
         throw Refusal(file, fmt::format("byte 0x{:02X} in its {}", static_cast<unsigned char>(*bad), what),
                       "printable ASCII without \"<\" and \">\"");
     // The manifest pads with blanks, and reading it takes them away again.
-    if (text.ends_with(' ')) throw Refusal(file, fmt::format("a blank ends its {}", what), "none there");
+    if (text.ends_with(' ')) throw Refusal(file, fmt::format("its {} ends in a blank", what), "another character");
 }
 
 void CheckName(const BankFile &file) {
@@ -90,7 +90,7 @@ void CheckVersion(const BankFile &file) {
 
 void CheckStoredImage(const BankFile &file) {
     const ImageReport image = ExamineImage(file.bytes);
-    if (!image.good()) throw Refusal(file.source, "not a good stored image", image.problem());
+    if (!image.good()) throw Refusal(file.source, "not a good stored image: " + image.problem());
     std::uint32_t largest = 0;
     for (const SlotFit &slot : image.slots)
         // The largest over both media: one bank serves boards of either kind.
@@ -127,7 +127,7 @@ void CheckBaseName(const BankFile &file, const std::vector<BankFile> &files) {
     const auto refuse_in = [&](const std::string &path) {
         if (path.find(base) == std::string::npos) return;
         throw Refusal(file.source, fmt::format("its base name \"{}\" occurs in \"{}\"", base, path),
-                      fmt::format("a name that marks the {} alone", NameOf(file.role)));
+                      fmt::format("a name that only the {} has in its path", NameOf(file.role)));
     };
     // A base name such as "app" occurs in the bank's own directory, and so in the path of every file.
     for (const char *directory : kBankDirectories) refuse_in(std::string(directory) + kFileDirectory);

@@ -1,15 +1,15 @@
 // A bank: a directory with one firmware set, as the bootloader expects it.
 //
 //   ProjectDescriptorFile.xml   which base name, extension and version each firmware file has (ReadDescriptor)
-//   BankContent.txt             records of 282 bytes: two of headings, then one a file (ReadManifest)
+//   BankContent.txt             records of 282 bytes: two headings, then one per file (ReadManifest)
 //   bin/                        the files
 //
 //   record   0  9  size, decimal            12  9  byte-sum, decimal         280  2  carriage return, line feed
 //            9  3  separator                21  3  separator
 //                                           24 256 path in the bank, padded with blanks
 //
-// Texts are read here exactly as the bootloader reads them, by code of its own: the same mistake on both sides would
-// be seen by no test.
+// Texts are read here exactly as the bootloader reads them, by separate code: with one reader for both, no test would
+// see its mistakes.
 #pragma once
 
 #include "formats/file.h"
@@ -83,7 +83,7 @@ struct ManifestRecord {
     std::uint32_t size;
     std::uint32_t sum;
     std::string path; // cleaned; empty for a blank field
-    bool rejects;     // the field holds nothing but "/", "\" and ".": the bootloader gives the bank up here
+    bool rejects;     // the field holds nothing but "/", "\" and ".": the bootloader rejects the bank here
     bool line_end;    // closed by carriage return and line feed
 };
 

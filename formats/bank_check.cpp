@@ -83,10 +83,10 @@ void WarnOfImage(BankReport &bank, const RecordReport &report, const StoredImage
         warn("foreign-maker",
              "has another maker's text; the bootloader stores it, and the first stage starts it at its "
              "header instead of after it");
-    // A header alone is left out: no build stands for it, and ExamineImageFile has named it as the problem that it is.
+    // A header alone is left out: it is of no build, and ExamineImageFile has named it as the problem that it is.
     if (report.role == FileRole::bootloader && board.version_of && !report.calls_itself &&
         image.size > kImageHeaderBytes)
-        warn("unknown-build", "no build known here stands for it; whether it starts cannot be said");
+        warn("unknown-build", "it matches no build known here, so nobody can say whether it starts");
     // The running version comes out of the image, the wanted one out of the descriptor. While they differ, every start
     // stores the image and resets before it comes to the application.
     if (report.calls_itself && *report.calls_itself != version)
@@ -158,7 +158,7 @@ void ExamineRecords(const fs::path &directory, const Manifest &manifest, BankRep
             // What follows is examined all the same: who ships the bank wants to know all of it, not where a board
             // stops.
             AddProblem(bank, "bad-path", At(record.offset + 24),
-                       "a path of nothing but \"/\", \"\\\" and \".\"; the bootloader gives the bank up there");
+                       "a path of nothing but \"/\", \"\\\" and \".\"; the bootloader rejects the bank there");
         }
         // The board never looks at line ends. But a line without its own is likely one byte short, and then every later
         // record is read from the wrong place: length alone tells records apart.

@@ -6,8 +6,8 @@
 //   const VolumeReport examined = ExamineVolume("out/volume", {}, state);
 //   const bool launches = examined.launches();  no "two-banks-fight" among its problems
 //
-// ExamineBank judges files, one by one, for whoever ships them. What the board does with them all is foretold by
-// PredictBoot (boot_prediction.h), whose word is exact for any bytes whatever; tests hold both against the bootloader.
+// ExamineBank judges files, one by one, for whoever ships them. PredictBoot (boot_prediction.h) foretells what the
+// board does with all of them, exactly and for any bytes. Tests compare both with the bootloader.
 #pragma once
 
 #include "formats/bank.h"
@@ -79,7 +79,7 @@ struct VolumeReport {
 };
 
 // `volume` is the directory that holds data/. `state` is the board that is to start from it: its chip is left as the
-// last power-up leaves it, and its volume need not be set. A bootloader that no known build stands for is taken for the
+// last power-up leaves it, and its volume need not be set. A bootloader that matches no known build is taken for the
 // version that its bank states; the board's own one for what `state` says. Throws Refusal where there is no such
 // directory.
 VolumeReport ExamineVolume(const std::filesystem::path &volume, const BoardView &board, BoardState state);

@@ -247,7 +247,7 @@ bool Predictor::first_stage() {
         told_.version = board_.version_of ? board_.version_of(std::span(image.bytes).subspan(kImageHeaderBytes)) : "";
         tell("bootloader-starts", slot.name,
              fmt::format("good, {} bytes, {}: the first stage starts it", image.size,
-                         told_.version.empty() ? "no build that is known" : "version " + told_.version));
+                         told_.version.empty() ? "of no known build" : "version " + told_.version));
     }
     if (!chosen) {
         end(BootEnd::no_bootloader, fmt::format("no bootloader: neither slot of the {} holds a good one", Chip(nand_)));
@@ -255,7 +255,7 @@ bool Predictor::first_stage() {
     }
     if (!told_.version.empty()) return true;
     end(BootEnd::unknown_bootloader,
-        fmt::format("{} holds a bootloader that no known build stands for", slots_.bootloader[*chosen].name));
+        fmt::format("{} holds a bootloader that matches no known build", slots_.bootloader[*chosen].name));
     return false;
 }
 
@@ -332,7 +332,7 @@ bool Predictor::read_manifest(const std::string &directory) {
         // What earlier records have set stays set, rescue_found_ above all: the next bank's rescue step runs.
         if (record.rejects) {
             tell("bank-rejected", path,
-                 fmt::format("offset {}: a path of 256 \"/\", \"\\\" and \".\": the bank is given up here",
+                 fmt::format("offset {}: a path of 256 \"/\", \"\\\" and \".\": the bank is rejected here",
                              record.offset + 24));
             return false;
         }
@@ -379,7 +379,7 @@ std::string Predictor::check_image(const Bytes &file) const {
     const std::uint32_t size = SizeField(file);
     if (size < kImageHeaderBytes || size > file.size())
         return fmt::format("its header says {} bytes, the file has {}", size, file.size());
-    return SumsFit(file) ? "" : "the sums of its header are not those of its body";
+    return SumsFit(file) ? "" : "its header's sums do not match its body";
 }
 
 // --- the rescue image
@@ -396,7 +396,7 @@ void Predictor::update_rescue() {
     const std::optional<Bytes> record = read(slots_.record.address, kVersionBytes);
     if (!record) return done("rescue-kept", "the version record cannot be read: the rescue image stays");
     if (std::equal(record->begin(), record->end(), std::begin(kMakerText)))
-        return done("rescue-kept", "where the version record should be lies an image, read beyond a bad block: the "
+        return done("rescue-kept", "an image lies where the version record should be, read past a bad block: the "
                                    "rescue image stays");
     // Texts end at their terminators, so the rest of a stored field does not count.
     if (std::string(record->begin(), std::find(record->begin(), record->end(), 0)) == version)
@@ -466,7 +466,7 @@ Predictor::Went Predictor::update_bootloader() {
 // Writes the image where no good one lies and retires the other copy afterwards. Why not, or empty.
 std::string Predictor::store_bootloader(const Bytes &file) {
     if (std::string problem = check_image(file); !problem.empty()) return problem;
-    if (!HasMaker(file)) return "its maker text is another one; the first stage would not start it";
+    if (!HasMaker(file)) return "it has another maker's text; the first stage would not start it";
     const Bytes image(file.begin(), file.begin() + SizeField(file));
     const auto &slots = slots_.bootloader;
     int target = -1, kept = -1;
@@ -564,7 +564,7 @@ void Predictor::rescue() {
     end(BootEnd::rescue, fmt::format("falls back to the rescue image ({} bytes): no bank is good", size));
     if (!HasMaker(told_.image))
         warn("foreign-maker", slots_.rescue.name,
-             "its maker text is another one: the first stage starts it at its header, not after it",
+             "it has another maker's text: the first stage starts it at its header, not after it",
              "store a rescue image with this maker's header");
     if (size > kRescueFlush)
         warn("rescue-unflushed", slots_.rescue.name,
@@ -611,7 +611,7 @@ void Predictor::loop_found(std::size_t first) {
         return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
     };
     warn(fight ? kBanksFight : kResetsForEver, who,
-         fmt::format("a turn takes {} and wears the chip by {}", times(told_.loop_resets, "reset"),
+         fmt::format("each round takes {} and wears the chip by {}", times(told_.loop_resets, "reset"),
                      times(told_.loop_erases, nand_ ? "block erase" : "page erase")),
          fight ? "give both banks the same bootloader, or make the first bank's application good"
                : "let the bank's descriptor state the version that the bootloader has");

@@ -1,7 +1,7 @@
 // What a board will do at its next power-up, foretold from what its chips and files hold.
 //
-// Nothing of the bootloader runs. The rules stand here a second time, on purpose: that they are the bootloader's is
-// shown by comparing the two over many boards (tests/sweep/sweep_test.cpp).
+// Nothing of the bootloader runs. The rules are stated here a second time, on purpose: tests compare the two over many
+// boards (tests/sweep/sweep_test.cpp).
 //
 //   NandContents copy = chips.nand;                       a prediction changes the flash as the board would
 //   BoardState board{.pins_12_13 = true, .flash = RawFlashOf(copy), .volume = "demo/volume"};
@@ -10,7 +10,7 @@
 //   std::puts(told.reason.c_str());
 //
 // What it cannot foretell: chips that fail while the board runs, a watchdog that bites, a file server that does not
-// start, and what a bootloader does that no known build stands for.
+// start, and what a bootloader does that matches no known build.
 #pragma once
 
 #include "formats/flash_report.h"
@@ -36,7 +36,7 @@ struct BoardState {
     bool chip_answers = true; // false: none is fitted, or one that the bootloader's driver does not know
     std::optional<EepromBytes> eeprom;
     std::filesystem::path volume; // directory of the file system; empty: no files
-    // The version of the build that stands behind an image's body; empty: no build that is known.
+    // The version of the build that an image's body is; empty: no known build.
     std::function<std::string(std::span<const std::uint8_t> body)> version_of;
 };
 
@@ -67,7 +67,7 @@ enum class BootEnd : std::uint8_t {
     nothing,            // neither
     no_bootloader,      // the first stage finds no good slot
     loop,               // the board resets for ever
-    unknown_bootloader, // the first stage starts an image that no known build stands for
+    unknown_bootloader, // the first stage starts an image that matches no known build
 };
 const char *NameOf(BootEnd end);
 

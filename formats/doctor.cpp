@@ -210,7 +210,7 @@ void SlotDoctor::judge_without_reference(const StoredImage &image) {
         // Bootloaders alone: a rescue image is replaced in place, and nothing ever clears its header.
     } else if (all_zero && role_ == FileRole::bootloader) {
         found_.condition = SlotCondition::retired;
-        found_.holds = "a retired bootloader; nothing tells which";
+        found_.holds = "a retired bootloader; nobody can tell which";
     } else if (image.verdict() == ImageVerdict::bad_sums) {
         // Nothing says what belongs here, but an update writes page after page: the first erased one is where it
         // stopped.

@@ -4,7 +4,7 @@
 //   const FlashDiagnosis found = DiagnoseFlash(RawFlashOf(chips.nand), references);
 //   for (const Repair &repair : found.repairs) repair.apply(RawFlashOf(chips.nand));
 //
-// A slot without a good image is held against every reference. The order in which an update erases and programs tells
+// A slot without a good image is compared with every reference. The order in which an update erases and programs tells
 // how far it came: tests compare the answer with every place at which a sweep cuts the power.
 #pragma once
 

@@ -67,7 +67,7 @@ void WarnOfPushedTail(const RawFlash &flash, const Slot &slot, std::uint32_t byt
     const std::uint32_t room = RoomIn(flash, slot);
     if (flash.medium == Medium::nand && bytes > room && bytes <= slot.capacity)
         Add(warnings, "image-runs-on", slot.name,
-            fmt::format("bad blocks push the last {} of {} bytes on into {}; of the two, what is written last destroys "
+            fmt::format("bad blocks push the last {} of {} bytes on into {}; whichever is written last destroys "
                         "the other",
                         bytes - room, bytes, After(flash, slot)));
 }
@@ -138,15 +138,15 @@ void WarnOfLostRescue(const FlashReport &report, Warnings &warnings) {
     if (verdict == ImageVerdict::good || (verdict == ImageVerdict::erased && report.record.empty())) return;
     const std::string same = report.record.empty() ? "" : fmt::format(", unless its version is \"{}\"", report.record);
     Add(warnings, "rescue-lost", report.slots.back().slot.name,
-        "no good image, as a power cut while one is stored leaves it; the next boot with a bank that carries one "
-        "stores "
+        "no good image, as after a power cut while one was stored; the next boot with a bank that carries one stores "
         "it" +
             same);
 }
 
 // Header and sums are right, so the first stage starts it: at what erased flash left in memory.
 void WarnOfNoBody(const Slot &slot, Warnings &warnings) {
-    Add(warnings, "no-body", slot.name, "a header alone, with nothing to start: it counts as good and ends the board");
+    Add(warnings, "no-body", slot.name,
+        "a header alone, with nothing to start: it counts as good, and the board is lost");
 }
 
 // More marks than any chip leaves the factory with come from a file read in the wrong layout.
@@ -154,7 +154,7 @@ void WarnOfManyBadBlocks(const RawFlash &flash, Warnings &warnings) {
     constexpr std::size_t kMostFromFactory = 40; // 2,008 of 2,048 blocks are good in a new K9F2G08U0M
     if (flash.bad_blocks.size() <= kMostFromFactory) return;
     Add(warnings, "many-bad-blocks", NameOf(flash.medium),
-        fmt::format("{} bad blocks, and a new chip has at most {}; is the file laid out otherwise?",
+        fmt::format("{} bad blocks, and a new chip has at most {}; is the file in another layout?",
                     flash.bad_blocks.size(), kMostFromFactory));
 }
 
@@ -204,8 +204,7 @@ void RefuseUnreadableRecord(const RawFlash &flash, const Provision &provision) {
     if (version == kNoRecord)
         throw Refusal(where, "the beginning of the maker text counts as no version", "", "bad-version");
     if (flash.medium == Medium::nand && flash.is_bad(kRecordBlock))
-        throw Refusal(where, "block 1 is bad: written there it would fall into bootloader slot 0", "",
-                      "record-block-bad");
+        throw Refusal(where, "block 1 is bad: the record would fall into bootloader slot 0", "", "record-block-bad");
 }
 
 void EraseSlot(const RawFlash &flash, const Slot &slot) {

@@ -63,7 +63,7 @@ struct FlashReport {
 FlashReport ExamineFlash(const RawFlash &flash);
 
 // What an image of `bytes` bytes, header and all, would meet on a chip when an update stores it: which slots it does
-// not fit, where bad blocks push it on, with whom it shares a page. A rescue image's version, where it is known, tells
+// not fit, where bad blocks push it on, what it shares a page with. A rescue image's version, where it is known, tells
 // whether it replaces another one.
 Problems WarningsOfBootloader(const RawFlash &flash, std::uint32_t bytes);
 Problems WarningsOfRescue(const RawFlash &flash, std::uint32_t bytes, const std::string &version = "");

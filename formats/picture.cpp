@@ -21,7 +21,7 @@ constexpr std::uintmax_t kLargestFile = 256u << 20;
 
 // What the library found, in this tool's words where it says no more than a name of its own.
 [[noreturn]] void RefusePng(const std::filesystem::path &file) {
-    throw Refusal(file, "not a whole and sound PNG picture", "a PNG file", "bad-picture");
+    throw Refusal(file, "not an intact PNG picture", "a PNG file", "bad-picture");
 }
 
 } // namespace

@@ -1,9 +1,9 @@
-// Writing one slot of a chip, and nothing but it.
+// Writes one slot of a chip and nothing else.
 //
 //   const RawFlash flash = RawFlashOf(chips.nand);
 //   StoreInSlot(flash, SlotsOn(flash)[1], manifest);     bootloader 1; slot 0, the rescue image and the record stay
 //
-// Everything here throws Refusal, with nothing written, where what is asked for does not fit or would be lost.
+// Everything here throws Refusal, with nothing written, if what is asked for does not fit or would be lost.
 #pragma once
 
 #include "formats/flash_report.h"

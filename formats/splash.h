@@ -1,5 +1,5 @@
-// The start-up picture's compressed form, to and fro: 320 x 240 pixels of three 5-bit fields (red in the low bits), as
-// runs of little-endian 16-bit words.
+// The start-up picture's compressed form, in both directions: 320 x 240 pixels of three 5-bit fields (red in the low
+// bits), as runs of little-endian 16-bit words.
 //
 // Encoding takes a repeat run for every stretch of two or more equal pixels in a row and a literal run for what stands
 // between; no run crosses the end of a row. A picture of 24-bit colours loses their low three bits; one that was

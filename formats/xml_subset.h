@@ -25,8 +25,8 @@ public:
     explicit XmlSubset(std::string_view text);
 
     bool empty() const { return elements_.empty(); }
-    // The bootloader copies every name and value into its heap of 4 MiB. A document that nests beyond that is cut here
-    // and there, not at the same place.
+    // The bootloader copies every name and value into its heap of 4 MiB. A document that nests beyond that is cut by
+    // both readers, but not at the same place.
     bool exhausts_heap() const { return copied_ > kHeap; }
     // The first element of the document whose name begins with `name`, in an element whose name begins with `parent`.
     const Element *find(std::string_view parent, std::string_view name) const;

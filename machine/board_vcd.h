@@ -1,6 +1,6 @@
 // The signals of a run as a value change dump: pins, the console's serial line, resets, the NAND chip's bus.
 //
-//   BoardVcd vcd(stream, "NAND*,CONSOLE", machine);      before the run; complete when it goes
+//   BoardVcd vcd(stream, "NAND*,CONSOLE", machine);      before the run; complete once it is destroyed
 #pragma once
 
 #include "machine/machine.h"
@@ -14,7 +14,8 @@ namespace fixture {
 
 class BoardVcd {
 public:
-    // Looks on beside whoever looks on already. `out` outlives it. Throws Refusal for a signal that does not exist.
+    // Passes all it sees on to whoever observed the machine before. `out` outlives it. Throws Refusal for a signal that
+    // does not exist.
     BoardVcd(std::ostream &out, const std::string &signals, Machine &machine);
 
 private:

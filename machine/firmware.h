@@ -40,7 +40,7 @@ public:
     // The build whose flat binary begins `body` and is followed by nothing but padding of one byte value.
     const Firmware *identify(std::span<const std::uint8_t> body) const;
     const std::vector<Firmware> &all() const { return builds_; }
-    // Makes another image known. It may stand for a build that it is not.
+    // Adds another image, which may pass for a build that it is not.
     void add(Firmware build) { builds_.push_back(std::move(build)); }
 
 private:

@@ -21,8 +21,9 @@ struct Handover {
     bool has_header;
 };
 
-// Whether the launch marker stands, and taking it: it is cleared.
+// Whether the launch marker is in place.
 bool MarkerStands(const Memory &memory);
+// What to start, if the marker is in place; clears it.
 std::optional<Handover> TakeHandover(const Memory &memory);
 
 } // namespace fixture

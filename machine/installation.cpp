@@ -50,7 +50,7 @@ fs::path NeededFirmwareDirectory() {
     for (const fs::path &place : Places()) places += (places.empty() ? "" : ", ") + place.string();
     throw Refusal(Fault::unreadable,
                   {"no-firmware", kFirmware, "in none of " + places,
-                   "`make firmware` or an installed fixture; or name its directory as FIXTURE_DATA"});
+                   "it in one of them (`make firmware`, or install fixture), or FIXTURE_DATA to name its directory"});
 }
 
 fs::path PreviewProgram() {

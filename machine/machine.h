@@ -61,7 +61,7 @@ enum class Verdict : std::uint8_t {
 };
 const char *VerdictName(Verdict verdict);
 
-// What the processor was at when something went wrong.
+// Where the processor was when something went wrong.
 struct Sighting {
     Picoseconds time = 0;
     std::uint32_t pc = 0;           // 0 natively

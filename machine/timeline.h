@@ -11,7 +11,7 @@
 // to the picosecond.
 //
 // Some of it is dictated, whatever the program does: the pauses and bit times that it has to make, the cycles of the
-// bus as programmed, what it waits for with its eyes on one register (chips, console, serial bus), the pages of files
+// bus as programmed, what it waits for while it polls one register (chips, console, serial bus), the pages of files
 // read for the first time in a start. The instructions are not, nor is reading a file again.
 //
 // An image without symbols has one cause, the rest. Looking on changes nothing that the run counts.

@@ -35,7 +35,8 @@ bool Matches(std::string_view name, std::string_view wanted) {
 [[noreturn]] void Refuse(std::string_view wanted) {
     std::string names;
     for (const VcdSignal &signal : kSignals) names += fmt::format(" {}", signal.name);
-    throw Refusal(Fault::call, {"wrong-call", "--vcd-signals", fmt::format("no signal \"{}\"", wanted), "of" + names});
+    throw Refusal(Fault::call,
+                  {"wrong-call", "--vcd-signals", fmt::format("no signal \"{}\"", wanted), "one of" + names});
 }
 
 } // namespace

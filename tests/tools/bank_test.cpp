@@ -122,7 +122,7 @@ TEST_F(BankCommand, RefusesWhatCannotWork) {
         {"--app", write("x.12345678901234567", "x"), "extension of 17 characters; expected 1 to 16"},
         {"--app", write("a<b.bin", "x"), "byte 0x3C in its name"},
         {"--app", write("caf\xC3\xA9.bin", "x"), "byte 0xC3 in its name"},
-        {"--app", write("x.bin ", "x"), "a blank ends its name"},
+        {"--app", write("x.bin ", "x"), "its name ends in a blank"},
         {"--app", write(std::string(228, 'n') + ".bin", "x"),
          "its path in the bank has 236 characters; expected at most 235"},
         {"--app", write("elf.bin", "\177ELF, but no more"), "expected an ELF executable for the ARM"},

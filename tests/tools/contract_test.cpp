@@ -525,7 +525,7 @@ TEST(Contract, LayoutsAreRecognisedFromSizeAndContent) {
     EXPECT_THROW(ChipBytesOf(nand, {ChipLayout::data_only, 0}), Refusal) << "no place for the mark";
     EXPECT_EQ(Ranges(std::vector<std::uint32_t>{1, 5, 6, 9, 10, 11}), "1, 5, 6, 9 to 11");
     for (unsigned block = 100; block < 140; ++block) nand.make_factory_bad(block);
-    EXPECT_THAT(ExamineFlash(RawFlashOf(nand)).warnings.at(0).text(), HasSubstr("is the file laid out otherwise?"));
+    EXPECT_THAT(ExamineFlash(RawFlashOf(nand)).warnings.at(0).text(), HasSubstr("is the file in another layout?"));
 }
 
 // --- as processes of their own

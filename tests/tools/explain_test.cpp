@@ -101,7 +101,7 @@ TEST_F(Explain, TellsWhatABoardWillDoAndWhy) {
          true,
          1,
          "resets for ever: i:/vol0/data/app/ installs 1.9.1 and i:/vol0/data/oldapp/ installs 1.9.0",
-         "a turn takes 2 resets and wears the chip by 4 block erases"},
+         "each round takes 2 resets and wears the chip by 4 block erases"},
         {"a version text that is not its build's",
          "12-13",
          "1.9.0",
@@ -127,7 +127,7 @@ TEST_F(Explain, TellsWhatABoardWillDoAndWhy) {
          {},
          false,
          1,
-         "no known build stands for",
+         "matches no known build",
          "--assume-version"},
     };
     for (const Board &board : boards) {
