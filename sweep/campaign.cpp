@@ -14,11 +14,13 @@ namespace fixture {
 
 using nlohmann::json;
 
+// A field that is missing here would be missing in the parts' files, and parts of different campaigns would merge.
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(CampaignCall, scenarios, closure, document, processor, losses, foretells, boards,
                                    sample, seed, ways, most_states, near)
 
 namespace {
 
+// To be changed with the form of the file: an old part is then refused by name instead of being misread.
 constexpr const char *kPartFormat = "fixture sweep part 1";
 
 // --- the document's tables
@@ -119,6 +121,7 @@ std::vector<Stage> DocumentOf(const CampaignCall &call, const SweepFirmware &fir
 
 std::vector<Stage> StagesOf(const CampaignCall &call, const SweepFirmware &firmware) {
     if (call.document) return DocumentOf(call, firmware);
+    // "both" is neither.
     const bool host = call.processor != "arm";
     const bool arm = call.processor != "host";
     if (call.closure)
@@ -134,6 +137,7 @@ std::vector<Stage> StagesOf(const CampaignCall &call, const SweepFirmware &firmw
                    .seed = call.seed,
                    .foretells = call.foretells};
     for (Scenario &scenario : plan.scenarios)
+        // 0 leaves the scenario's own number.
         if (scenario.name == "hostile" && call.boards > 0) scenario.variants = HostileBoards(call.boards);
     return {{"", plan}};
 }
@@ -172,6 +176,8 @@ Campaign::Campaign(const CampaignCall &call, const SweepFirmware &firmware)
         else
             sweep_units_[n] = UnitsOf(std::get<SweepPlan>(stages_[n].plan));
         const std::size_t count = sweep_units_[n].size() + closure_units_[n].size();
+        // Numbered by the call alone, so that every machine gives a unit the same number. Units point into the plans of
+        // stages_, which stay as they are from here on.
         for (std::size_t number = 0; number < count; ++number) units_.push_back({n, number});
     }
 }
@@ -251,6 +257,7 @@ std::string BuildOf(const SweepFirmware &firmware) {
 
 void WritePart(const std::filesystem::path &file, const Part &part) {
     json units = json::array();
+    // Parsed, so that the file is one JSON document, and other tools need not unpack strings.
     for (const auto &[number, text] : part.units) units.push_back({{"unit", number}, {"result", json::parse(text)}});
     const json whole = {{"format", kPartFormat},     {"build", part.build}, {"call", part.call},
                         {"part", part.shard.number}, {"of", part.shard.of}, {"units", units}};
@@ -258,6 +265,7 @@ void WritePart(const std::filesystem::path &file, const Part &part) {
 }
 
 Part ReadPart(const std::filesystem::path &file) {
+    // Any file may be named on the command line, so what is read of it is bounded.
     constexpr std::uintmax_t kMost = std::uintmax_t{1} << 30;
     const Bytes bytes = ReadFile(file, kMost);
     try {
@@ -285,6 +293,7 @@ Part MergeParts(const std::vector<std::filesystem::path> &files, const std::stri
         const auto [other, is_new] = seen.try_emplace(part.shard.number, file);
         // Counted twice, it would pass for more boards.
         if (!is_new) throw Refusal(file, NameOf(part.shard), "it once; " + other->second.string() + " is it, too");
+        // Parts never share a unit: their numbers differ, and each takes every nth one.
         whole.units.merge(part.units);
     }
     std::vector<std::size_t> missing;

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <charconv>
 #include <cstring>
 #include <fmt/format.h>
@@ -46,6 +47,7 @@ bool TakeCut(std::string_view &text, Cut &cut) {
     cut.moment = static_cast<CutMoment>(moment - kMoments);
     text.remove_prefix(1);
     if (!Take(text, '.')) return true;
+    // Way 1 is written without a suffix, so that every case has exactly one name.
     return cut.moment == CutMoment::torn && TakeNumber(text, cut.way) && cut.way > 1;
 }
 
@@ -63,12 +65,14 @@ Bytes GoodImage(const FlashReader &read, const Slot &slot) {
 std::string NameOf(const CaseId &id) {
     std::string name = id.scenario + "/" + id.variant;
     for (std::size_t n = 0; n < id.cuts.size(); ++n) name += (n == 0 ? ":" : "+") + NameOf(id.cuts[n]);
+    // Left out where it is 1: nearly all names are of the usual sweep.
     return id.seed == 1 ? name : fmt::format("{}~{}", name, id.seed);
 }
 
 std::optional<CaseId> ParseCase(std::string_view name) {
     const std::size_t slash = name.find('/');
     if (slash == std::string_view::npos) return std::nullopt;
+    // No label contains either character.
     const std::size_t end = std::min(name.find_first_of(":~", slash), name.size());
     CaseId id{std::string(name.substr(0, slash)), std::string(name.substr(slash + 1, end - slash - 1)), {}, 1};
     name.remove_prefix(end);
@@ -80,6 +84,7 @@ std::optional<CaseId> ParseCase(std::string_view name) {
 
 // The whole history seeds the tearing through its last cut alone, so that one cut tears alike in every path to it.
 std::uint64_t TearingSeed(const std::vector<Cut> &cuts, std::uint64_t seed) {
+    assert(!cuts.empty() && "only a cut tears anything");
     const Cut &cut = cuts.back();
     const std::uint64_t operation = cut.operation * 3 + static_cast<unsigned>(cut.moment);
     const auto seed_of = [&](std::uint64_t way) { return (seed ^ operation ^ way << 40) * 0x9E3779B97F4A7C15u; };
@@ -92,6 +97,7 @@ std::uint64_t TearingSeed(const std::vector<Cut> &cuts, std::uint64_t seed) {
         return first << 1 | random() % 2;
     };
     std::uint64_t way = 1;
+    // Both choices the other way round. They are two bits, so a few tries find it.
     while (choices(seed_of(way << 8)) != 3 - choices(seed_of(0))) ++way;
     return seed_of(way << 8);
 }
@@ -114,6 +120,7 @@ const char *NameOf(Outcome outcome) {
                                           "fault",
                                           "resets without end",
                                           "not as foretold"};
+    static_assert(kNames.size() == static_cast<std::size_t>(Outcome::not_foretold) + 1);
     return kNames[static_cast<std::size_t>(outcome)];
 }
 
@@ -147,6 +154,7 @@ RunOptions Sweeper::options() const {
 bool Sweeper::may_touch(const ChipOperation &operation) const {
     const std::string_view chip = operation.chip;
     if (chip == "EEPROM") return world_.commits;
+    // The chip that the board does not boot from is none of the update's business.
     if ((chip == "NAND") != (world_.medium == Medium::nand)) return false;
     // An operation concerns a whole block or page, whatever part of it was addressed.
     const std::uint32_t unit = chip == "NAND" ? kNandBlockBytes : world_.chips.dataflash.part().page_bytes;
@@ -159,10 +167,12 @@ bool Sweeper::may_touch(const ChipOperation &operation) const {
 RunReport Sweeper::commit(Machine &machine) const {
     // SDRAM that neither the image nor the load buffer uses.
     constexpr std::uint32_t kScratch = 0x22000000;
+    // The device takes a pointer into the board's memory, so the data must lie there and not in this program.
     const std::span<std::uint8_t> scratch = machine.board().memory.memory().at(kScratch, 16);
     StageResult end = machine.start();
     const auto call = [&](const char *routine, std::vector<std::uint32_t> arguments) {
         std::uint32_t result = 0;
+        // After a power cut, or a fault, no further routine is called: `end` keeps what ended the commit.
         if (end.end == StageEnd::stopped_at) end = machine.call(routine, arguments, result);
         if (result != 0) throw std::runtime_error(fmt::format("{} gives {}", routine, result));
     };
@@ -219,6 +229,7 @@ Sweeper::PowerUp Sweeper::power_up(Chips &chips, unsigned number, const std::fun
     }
     result.operations = supply.operations();
     result.fired = supply.fired();
+    // The buffers below are filled for a launch. Without one they hold whatever was there before.
     if (result.report.verdict != Verdict::launched) return result;
     const auto image = machine.board().memory.memory().at(kLoadBuffer, result.report.launched_bytes);
     result.launched.assign(image.begin(), image.end());
@@ -245,6 +256,7 @@ bool Sweeper::check_choice(const Chips &chips, Judgement &judgement) const {
     const Bytes chosen = ReadSlot(read, slots.bootloader[*slot]).bytes;
     judgement.outcome = Outcome::wrong_bootloader;
     judgement.detail = fmt::format("slot {} is chosen, with neither the old nor the new image", *slot);
+    // Either is right at any moment: which one it is depends on how far the update came.
     if (chosen != world_.before.bootloader && chosen != world_.after.bootloader) return false;
     judgement.outcome = Outcome::good;
     judgement.detail.clear();
@@ -301,6 +313,7 @@ bool Sweeper::settled(const Chips &chips, const PowerUp &last, Judgement &judgem
         judgement.detail = std::move(detail);
         return false;
     };
+    // By content: the right file name may stand for the wrong bytes.
     if (last.launched != world_.after.application)
         return fails(Outcome::wrong_launch, fmt::format("{} of {} bytes", last.report.launched, last.launched.size()));
     const std::optional<unsigned> slot = ChooseBootloader(read, slots);
@@ -324,6 +337,7 @@ bool Sweeper::settled(const Chips &chips, const PowerUp &last, Judgement &judgem
         return last.network == expected.network && store.current &&
                store.sectors[*store.current].parameters == expected.parameters;
     };
+    // From two sides: what the bootloader hands to the application, and what the store would give the next start.
     if (!has(world_.after) && !(when.was_cut && has(world_.before)))
         return fails(Outcome::wrong_parameters, fmt::format("{:08X}", fmt::join(last.network, " ")));
     judgement.outcome = Outcome::good;
@@ -346,6 +360,7 @@ Sweeper::PowerUp Sweeper::boot_once(Chips &chips, unsigned number, Judgement &ju
     case Verdict::fault: judgement.outcome = Outcome::fault; break;
     case Verdict::reset_loop: judgement.outcome = Outcome::reset_loop; break;
     case Verdict::no_bootloader: judgement.outcome = Outcome::no_bootloader; break;
+    // Launched or idle. Whether that is right depends on the world, so it is not judged here.
     default: break;
     }
     if (last.difference.empty()) return last;
@@ -463,6 +478,7 @@ Chips Sweeper::cut(const std::vector<Cut> &path, std::uint64_t seed) {
     Chips chips = world_.chips;
     for (std::size_t n = 0; n < path.size(); ++n) {
         const std::vector<Cut> cuts(path.begin(), path.begin() + static_cast<std::ptrdiff_t>(n) + 1);
+        // Not by way of snapshots, which this is there to confirm.
         const PowerUp last = power_up(chips, to_cut(chips, static_cast<unsigned>(n)),
                                       [&](PowerSupply &supply) { supply.plan(PlanOf(cuts, seed)); });
         // A case that cuts nothing would pass for ever.

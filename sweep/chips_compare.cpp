@@ -1,5 +1,6 @@
 #include "sweep/chips_compare.h"
 
+#include <cassert>
 #include <cstring>
 #include <span>
 #include <string_view>
@@ -169,6 +170,7 @@ void ForEachChangedBlock(const NandContents &one, const NandContents &other,
 
 void ForEachChangedPage(const At45Contents &one, const At45Contents &other,
                         const std::function<void(std::uint32_t)> &call) {
+    assert(one.part().pages == other.part().pages && "chips of one world");
     for (std::uint32_t page = 0; page < one.part().pages; ++page)
         if (&one.page(page) != &other.page(page) && one.page(page) != other.page(page)) call(page);
 }

@@ -71,10 +71,12 @@ bool Foretold::possible(const World &world) {
 
 Foretold::Foretold(const World &world, const Chips &chips, const KnownFirmware &known)
     : medium_(world.medium), chips_(chips) {
+    // No options of this run but those that a prediction goes by.
     RunOptions options;
     options.known = &known;
     options.board = world.board;
     options.volume = *world.volume;
+    // On a copy of the chips, which then holds what the board should leave behind.
     prediction_ = Forecast(chips_, options);
 }
 

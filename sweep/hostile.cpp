@@ -6,6 +6,7 @@
 #include "formats/parameter_store.h"
 
 #include <algorithm>
+#include <cassert>
 
 namespace fixture {
 
@@ -46,6 +47,7 @@ class HostileWorldBuilder {
 public:
     HostileWorldBuilder(std::uint64_t seed, const SweepFirmware &firmware) : random_(seed), firmware_(firmware) {}
 
+    // The order of the draws is what a seed stands for: one more draw in between, and every seed makes another board.
     World make() {
         World world;
         world.hostile = true;
@@ -58,6 +60,7 @@ public:
             fill(RawFlashOf(world.chips.nand), SlotsOf(Medium::nand));
         else
             fill(RawFlashOf(world.chips.dataflash), SlotsOf(Medium::dataflash));
+        // After the chips are filled: faults are to meet the bootloader, not the making of this board.
         if (one_in(3)) add_faults(world.chips);
         fill_eeprom(world.chips.eeprom);
         world.volume = TemporaryVolume();
@@ -67,7 +70,10 @@ public:
     }
 
 private:
-    std::uint32_t below(std::size_t end) { return static_cast<std::uint32_t>(random_() % end); }
+    std::uint32_t below(std::size_t end) {
+        assert(end > 0 && "there is no number below 0");
+        return static_cast<std::uint32_t>(random_() % end);
+    }
     bool one_in(unsigned chances) { return below(chances) == 0; }
     template <typename Value, std::size_t N> const Value &pick(const Value (&row)[N]) { return row[below(N)]; }
 

@@ -21,6 +21,7 @@ bool HoldsText(const Bytes &bytes, std::string_view text) {
 char SlotLetter(const FlashReader &read, const Slot &slot, const Bytes &old_image, const Bytes &new_image) {
     const StoredImage image = ReadSlot(read, slot);
     if (image.verdict() == ImageVerdict::good)
+        // Old before new: where the bank carries no update the two are one image, and nothing has changed.
         return image.bytes == old_image ? 'o' : image.bytes == new_image ? 'n' : 'f';
     // Of an image that is not whole the text at its head is all that decides what the first stage and an update do.
     const Bytes maker = read(slot.address, sizeof kMakerText);
@@ -39,6 +40,7 @@ char RecordLetter(const FlashReader &read, const Slot &record, const World &worl
 char MarkDigit(const Chips &chips, const World &world, std::uint32_t begin, std::uint32_t end) {
     if (world.medium != Medium::nand) return '0';
     for (std::uint32_t block = begin / kNandBlockBytes; block * kNandBlockBytes < end; ++block)
+        // Blocks that were bad from the start belong to the world, not to what the update did.
         if (chips.nand.marked_bad(block) && !world.chips.nand.marked_bad(block)) return '1';
     return '0';
 }

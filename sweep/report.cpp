@@ -1,6 +1,7 @@
 #include "sweep/report.h"
 
 #include <algorithm>
+#include <cassert>
 #include <fmt/format.h>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -26,6 +27,7 @@ std::uint64_t Good(const Tally &tally) {
 std::uint64_t InHoles(const Tally &tally) {
     std::uint64_t count = 0;
     for (const auto &[hole, what] : tally.holes)
+        // "seen" marks a case that met the hole and came out good.
         for (const auto &[outcome, times] : what)
             if (outcome != NameOf(Outcome::good) && outcome != "seen") count += times;
     return count;
@@ -45,6 +47,7 @@ void PrintFindings(const std::vector<Finding> &all, std::uint64_t found) {
             fmt::print("  {} {}{}{}\n", finding->id, finding->processor, finding->detail.empty() ? "" : ": ",
                        finding->detail);
     }
+    // Each variant keeps its first findings only.
     if (found > all.size()) fmt::print("  ... {} in all\n", found);
 }
 
@@ -58,6 +61,7 @@ void PrintSweep(const SweepPlan &plan, const SweepResult &result) {
                    InHoles(tally), tally.found);
     };
     for (std::size_t n = 0; n < plan.scenarios.size(); ++n) row(plan.scenarios[n].name, result.scenarios[n]);
+    // The sum of a single row would only repeat it.
     if (plan.scenarios.size() > 1) row("all", result.all);
     for (const auto &[hole, what] : result.all.holes) {
         fmt::print("\nhole: {}\n", hole);
@@ -100,6 +104,7 @@ std::string SweepJson(const SweepPlan &plan, const SweepResult &result) {
         scenario.update(row(result.scenarios[n]));
         json["scenarios"].push_back(std::move(scenario));
     }
+    // A detail may quote the name of a file, which need not be UTF-8.
     return json.dump(2, ' ', true, nlohmann::json::error_handler_t::replace);
 }
 
@@ -124,11 +129,13 @@ struct ClosureRow {
         boots += tally.boots;
         left += tally.left;
         checked += tally.checked;
+        // The first entry counts the state before any loss.
         depth = std::max<std::uint64_t>(depth, tally.depths.empty() ? 0 : tally.depths.size() - 1);
         longest = std::max(longest, tally.longest_recovery);
         const auto all_well = tally.outcomes.find(NameOf(Outcome::good));
         good += all_well == tally.outcomes.end() ? 0 : all_well->second;
         found += tally.found;
+        // A maximum, not a sum: it says what a machine must have for each process.
         kilobytes = std::max(kilobytes, tally.peak_kilobytes);
         processor_seconds += tally.processor_seconds;
         for (const auto &[hole, what] : tally.holes)
@@ -139,6 +146,7 @@ struct ClosureRow {
 };
 
 std::string NameOf(const ClosurePlan &plan, const ClosureUnit &unit) {
+    // The host is the usual processor, and goes unnamed.
     const char *processor = unit.processor == ProcessorKind::host ? "" : ", ARM image";
     return fmt::format("{}/{}{}", plan.scenarios.at(unit.scenario).name, unit.variant->label, processor);
 }
@@ -191,6 +199,7 @@ std::string ClosureJson(const ClosurePlan &plan, const std::vector<ClosureTally>
         ordered_json row{{"name", NameOf(plan, units[n])},
                          {"medium", NameOf(units[n].variant->setup.medium)},
                          {"closed", tallies[n].closed()}};
+        // The text that workers and parts hand over, so that every field of a tally is in the report.
         row.update(ordered_json::parse(ToText(tallies[n])));
         json["closures"].push_back(std::move(row));
     }
@@ -236,8 +245,12 @@ std::uint64_t Outside(const Tally &tally, Outcome outcome) {
         const auto found = counts.find(NameOf(outcome));
         return found == counts.end() ? 0 : found->second;
     };
+    // Outcomes count every case, those in the holes included.
     std::uint64_t outside = count(tally.outcomes);
-    for (const auto &[hole, what] : tally.holes) outside -= count(what);
+    for (const auto &[hole, what] : tally.holes) {
+        assert(count(what) <= outside && "a case falls through one hole at most");
+        outside -= count(what);
+    }
     return outside;
 }
 
@@ -249,6 +262,7 @@ std::string ClosureTable(const ClosurePlan &plan, const std::vector<ClosureTally
         ClosureRow row;
         row.add(tallies.at(n));
         text += fmt::format("| `{}` | {} | {} | {} | {} | {} | {} |\n", NameOf(plan, units[n]), row.states, row.cuts,
+                            // States that are left were not judged, neither good nor bad.
                             DepthsOf(tallies[n]), row.longest, Closed(tallies[n]), row.states - row.left - row.good);
     }
     const ClosureRow all = SumOf(tallies);
@@ -280,6 +294,7 @@ std::string Figures(const Tally &all) {
 
 void Fill(std::string &text, std::string_view place, const std::string &with) {
     const std::size_t at = text.find(place);
+    // Otherwise a slip in the template would drop a table from the document without a word.
     if (at == std::string::npos) throw std::runtime_error(fmt::format("the document's template has no {}", place));
     text.replace(at, place.size(), with);
 }
@@ -293,6 +308,7 @@ std::string FillDocument(std::string text, const std::string &command, const std
     for (std::size_t n = 0; n < stages.size(); ++n) {
         const std::string title = fmt::format("## {}\n\n", stages[n].title);
         if (const auto *plan = std::get_if<ClosurePlan>(&stages[n].plan)) {
+            // Not added to the totals: a closure counts states of the chips, a sweep counts cases.
             closures += title + ClosureTable(*plan, std::get<std::vector<ClosureTally>>(results.at(n))) + "\n";
             continue;
         }

@@ -20,6 +20,7 @@ std::vector<const Variant *> VariantsOf(const SweepPlan &plan, const Scenario &s
     std::vector<const Variant *> all, some;
     for (const Variant &variant : scenario.variants) all.push_back(&variant);
     if (plan.sample == 0 || plan.sample >= all.size()) return all;
+    // By the plan's seed alone, so that a merge chooses what the parts chose.
     Random random(plan.seed);
     std::sample(all.begin(), all.end(), std::back_inserter(some), plan.sample, random);
     return some;
@@ -28,6 +29,7 @@ std::vector<const Variant *> VariantsOf(const SweepPlan &plan, const Scenario &s
 } // namespace
 
 void Tally::add(const Tally &other) {
+    // Enough to see what is wrong; in a sweep that fails everywhere, all of them would bury the tables.
     constexpr std::size_t kMost = 40;
     variants += other.variants;
     operations += other.operations;
@@ -64,6 +66,7 @@ std::vector<SweepUnit> UnitsOf(const SweepPlan &plan) {
 SweepResult Collect(const SweepPlan &plan, const std::vector<SweepUnit> &units, const std::vector<Tally> &tallies) {
     SweepResult result;
     result.scenarios.resize(plan.scenarios.size());
+    // By the units' order, not by that in which they were done: the first findings are the same in every run.
     for (std::size_t n = 0; n < units.size(); ++n) result.scenarios.at(units[n].scenario).add(tallies.at(n));
     for (const Tally &tally : result.scenarios) result.all.add(tally);
     return result;

@@ -33,6 +33,7 @@ std::vector<Variant> Updates(Medium medium) {
         const char *label;
         std::array<SlotState, 2> slots;
     };
+    // Every state that production, an update or a cut leaves a slot in, with the running image in either slot.
     const Row rows[] = {
         {"running-erased", {running, erased}},   {"running-retired", {running, retired}},
         {"running-broken", {running, broken}},   {"running-running", {running, running}},
@@ -85,12 +86,14 @@ std::vector<Variant> Parameters() {
     for (const int sector : {0, 1})
         for (const bool longer : {false, true}) {
             Situation setup{.new_bootloader = false, .parameters = {sector, true, {}}};
+            // The longest data that a parameter can have.
             if (longer) setup.parameters.more.assign(15, 0x5A);
             variants.push_back({fmt::format("{}-to-{}{}", sector, 1 - sector, longer ? "-longer" : ""), setup});
         }
     // A sector that was written before, by a commit with other addresses or with the same ones in another order.
     const std::vector<std::uint32_t> other = {0x0A020025, 0xFF000000, 0x0A020021, 0x0A020022};
     std::vector<std::uint32_t> swapped(kNewNetwork.begin(), kNewNetwork.end());
+    // The same bytes in another order have the same checksum, so a torn commit may pass for a whole one.
     std::swap(swapped[2], swapped[3]);
     for (const int sector : {0, 1})
         variants.push_back({fmt::format("{}-to-{}-used", sector, 1 - sector),
@@ -107,6 +110,7 @@ std::vector<Variant> FactoryBad() {
         const char *label;
         std::vector<std::uint32_t> blocks;
     };
+    // The slots begin at blocks 2, 17 and 32.
     const Row rows[] = {
         {"target-first", {17}}, {"target-second", {18}}, {"target-last", {19}},    {"target-two", {17, 19}},
         {"kept-second", {3}},   {"both", {2, 18}},       {"rescue-two", {32, 33}},
@@ -163,7 +167,12 @@ std::vector<Variant> WrongPages(const SweepFirmware &firmware) {
     for (const unsigned times : {1u, kForever})
         for (std::uint32_t page = 0; page < pages; ++page) {
             const NandFault fault{
-                .kind = NandFault::wrong_bits, .block = kSlot1Block, .page = page, .times = times, .column = 31 * page};
+                // Another column on each page, so that a comparison which skips columns misses some of them.
+                .kind = NandFault::wrong_bits,
+                .block = kSlot1Block,
+                .page = page,
+                .times = times,
+                .column = 31 * page};
             variants.push_back({fmt::format("{}-{}", times == 1 ? "once" : "always", page), {.nand_faults = {fault}}});
         }
     return variants;
@@ -214,6 +223,7 @@ std::vector<std::uint32_t> EdgeSizes(Medium medium, const Slot &slot, std::uint3
     for (const std::uint32_t edge : edges)
         // One too few, exact, one too many: where loops over pages go wrong.
         for (const int off : {-1, 0, 1}) sizes.push_back(edge + static_cast<std::uint32_t>(off));
+    // Edges may coincide.
     sizes.erase(std::unique(sizes.begin(), sizes.end()), sizes.end());
     return sizes;
 }
@@ -241,6 +251,7 @@ std::vector<Variant> BootloaderEdges(Medium medium) {
         const Slot &slot = SlotsOf(medium).bootloader[target];
         for (const std::uint32_t size : EdgeSizes(medium, slot, PageOf(medium))) {
             Situation setup{.medium = medium, .slots = {running, erased}, .update_bytes = size};
+            // The update goes to the slot that the board does not run from.
             if (target == 0) std::swap(setup.slots[0], setup.slots[1]);
             const bool fits = size <= slot.capacity;
             if (!fits) setup.fate = Fate::refused;
@@ -307,6 +318,7 @@ std::vector<Variant> HostileBoards(unsigned count) {
 }
 
 bool HoleTakes(std::string_view hole, Outcome outcome) {
+    // A hole explains its own damage and no other: any further outcome is a finding, in its variants too.
     static const struct {
         std::string_view hole;
         std::vector<Outcome> outcomes;
@@ -327,6 +339,7 @@ bool HoleTakes(std::string_view hole, Outcome outcome) {
 }
 
 std::vector<Scenario> AllScenarios(const SweepFirmware &firmware) {
+    // In the order of --list and of every table.
     const Medium nand = Medium::nand;
     const Medium flash = Medium::dataflash;
     return {
@@ -369,6 +382,7 @@ std::vector<Scenario> FindScenarios(const std::vector<std::string> &names, const
         if (variants.empty())
             throw Refusal(Fault::call, {"no-such-case", name, "no such variant", "one of `fixture sweep --list`"});
         const auto before = std::find_if(found.begin(), found.end(), has_name);
+        // Several variants of one scenario make one row of the tables.
         if (before == found.end())
             found.push_back({row->name, row->summary, variants});
         else
@@ -380,6 +394,7 @@ std::vector<Scenario> FindScenarios(const std::vector<std::string> &names, const
 World MakeWorld(const std::string &scenario, const Variant &variant, std::uint64_t seed,
                 const SweepFirmware &firmware) {
     World world = MakeWorld(variant.setup, firmware);
+    // From the names, so that a variant keeps its noise when others are added beside it.
     for (const char c : scenario + "/" + variant.label) seed = NoiseSource(seed, static_cast<unsigned char>(c))();
     world.board.seed = seed;
     world.board.slow_chips = seed % 2 != 0;

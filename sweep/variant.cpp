@@ -1,6 +1,7 @@
 #include "sweep/variant.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cmath>
 #include <fmt/format.h>
 #include <numeric>
@@ -49,6 +50,7 @@ public:
           world_(MakeWorld(scenario_.name, variant_, plan.seed, firmware)),
           // A sample depends on names, not on the order of variants or workers: a table can be counted again.
           seed_(HashOf(scenario_.name + variant_.label, plan.seed)) {
+        assert((plan.on_host || plan.on_arm) && "first() needs a processor");
         if (plan.on_host) host_.emplace(world_, ProcessorKind::host, firmware);
         if (plan.on_arm) arm_.emplace(world_, ProcessorKind::arm, firmware);
         for (std::optional<Sweeper> *sweeper : {&host_, &arm_})

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cassert>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -21,6 +22,7 @@ namespace fixture {
 
 namespace {
 
+// No job has this number: a worker that dies with it was between two jobs.
 constexpr std::size_t kNothing = SIZE_MAX;
 
 // Memory that the workers share with their parent. A worker writes its own progress alone.
@@ -67,6 +69,7 @@ public:
         progress_.at[length] = 0;
         ++progress_.cases;
         progress_.boots += boots - std::min(boots, counted_);
+        // A job gives its running total; what the parent reads is the sum over all jobs of this worker.
         counted_ = boots;
     }
     void begin() { counted_ = 0; }
@@ -91,6 +94,7 @@ void Work(SharedMemory &memory, Progress &progress, std::size_t count,
     Notes notes(progress);
     // Whoever is free takes the next job. Results depend on the job's number alone, so it does not matter who.
     for (std::size_t n; (n = memory.shared().next++) < count;) {
+        // Noted before the work begins, so that the parent knows what a dead worker was at.
         progress.job = n;
         notes.begin();
         Write(pipe, fmt::format("{} {}\n", n, work(n, notes)));
@@ -129,6 +133,7 @@ bool Read(Worker &worker, const std::function<void(std::size_t, const std::strin
     const ssize_t count = read(worker.pipe, buffer, sizeof buffer);
     // The end of the pipe is the end of the worker, in whatever way it came.
     if (count <= 0) return false;
+    // A pipe keeps no message boundaries: a line may come in pieces, or several at once.
     worker.unread.append(buffer, static_cast<std::size_t>(count));
     for (std::size_t end; (end = worker.unread.find('\n')) != std::string::npos; worker.unread.erase(0, end + 1)) {
         std::size_t digits = 0;
@@ -149,6 +154,7 @@ double ProcessorSeconds() {
 double RunJobs(const JobPlan &plan, const std::function<std::string(std::size_t, JobNotes &)> &work,
                const std::function<void(std::size_t, const std::string &)> &take) {
     const auto start = std::chrono::steady_clock::now();
+    assert(plan.workers > 0 && "without a worker no job is ever done, and the result looks complete");
     SharedMemory memory(plan.workers);
     std::vector<Worker> workers;
     const auto launch = [&](unsigned n) {
@@ -167,6 +173,7 @@ double RunJobs(const JobPlan &plan, const std::function<std::string(std::size_t,
         const std::string reason =
             WIFSIGNALED(status) ? strsignal(WTERMSIG(status)) : fmt::format("status {}", WEXITSTATUS(status));
         if (plan.died) take(progress.job, plan.died(progress.job, progress.at, reason));
+        // Counted as done, or the progress would never reach its end.
         ++memory.shared().done;
         progress.job = kNothing;
         workers[n] = launch(n);
@@ -177,6 +184,8 @@ double RunJobs(const JobPlan &plan, const std::function<std::string(std::size_t,
     for (std::size_t open = workers.size(); open > 0;) {
         for (unsigned n = 0; n < plan.workers; ++n) waiting[n] = {workers[n].pipe, POLLIN, 0};
         constexpr int kTick = 200; // ms
+        // Returns without news too, so that the progress goes on during a long job. The pipe of a finished worker is
+        // -1, which poll passes over.
         poll(waiting.data(), waiting.size(), kTick);
         for (unsigned n = 0; n < plan.workers; ++n)
             if (waiting[n].revents && !Read(workers[n], take) && !finish(n)) --open;

@@ -7,6 +7,7 @@
 #include "sweep/hostile.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstdlib>
 #include <fmt/format.h>
 #include <stdexcept>
@@ -20,6 +21,7 @@ namespace {
 // Short enough for thousands of boots.
 constexpr std::uint32_t kApplicationBytes = 256 * 1024;
 constexpr std::uint8_t kPadding = 0xA5; // never mistaken for erased flash
+// One that the bootloader itself never reads: it only has to survive.
 constexpr std::uint16_t kMoreParameter = 0x20;
 // Address, mask, gateway, name server: parameters 9 to 12.
 constexpr std::array<std::uint32_t, 4> kNetwork = {0x0A000005, 0xFFFFFF00, 0x0A000001, 0x0A000002};
@@ -37,6 +39,7 @@ std::string StandInText(int build) { return fmt::format("stands for 1.9.{}", bui
 Bytes BootloaderImage(const SweepFirmware &firmware, int build, std::uint32_t bytes) {
     Bytes body = firmware.version(build).flat;
     if (bytes != 0) {
+        assert(bytes > kImageHeaderBytes && "sizes count the header");
         const std::uint32_t length = bytes - kImageHeaderBytes;
         // Too short for the program itself: a stand-in of that length, which the native processor and the first stage
         // take for the build that it names.
@@ -44,6 +47,7 @@ Bytes BootloaderImage(const SweepFirmware &firmware, int build, std::uint32_t by
             const std::string text = StandInText(build);
             body.assign(text.begin(), text.end());
         }
+        // A build followed by one repeated byte is still known as that build.
         body.resize(length, kPadding);
     }
     return Wrap(body);
@@ -51,6 +55,7 @@ Bytes BootloaderImage(const SweepFirmware &firmware, int build, std::uint32_t by
 
 // Of small bytes: a bank states a file's sum in nine digits, and the largest rescue image has to have one.
 Bytes RescueImage(std::uint64_t seed, std::uint32_t bytes) {
+    assert(bytes > kImageHeaderBytes && "sizes count the header");
     Bytes body = Pattern(seed, bytes - kImageHeaderBytes);
     for (std::uint8_t &byte : body) byte &= 0x3F;
     return Wrap(body);
@@ -59,6 +64,7 @@ Bytes RescueImage(std::uint64_t seed, std::uint32_t bytes) {
 Bytes SlotBytes(SlotState state, const Bytes &running, const Bytes &updated) {
     Bytes bytes = state == SlotState::updated ? updated : running;
     if (state == SlotState::erased) bytes.clear();
+    // As an update leaves the image that it replaces: the body stays behind a header of zeros.
     if (state == SlotState::retired) std::fill_n(bytes.begin(), kImageHeaderBytes, std::uint8_t{0});
     if (state == SlotState::endless) bytes[23] = 0xFF; // the top of its length
     if (state == SlotState::broken) bytes[bytes.size() / 2] ^= 0x40;
@@ -93,6 +99,7 @@ void FillNeighbours(Chips &chips) {
     chips.nand.write(kNandBytes - kNandBlockBytes, Pattern(3, kNandPageBytes));
     const SlotTable &slots = SlotsOf(Medium::dataflash);
     chips.dataflash.write(0, Pattern(4, slots.bootloader[0].address));
+    // The pattern covers the record too. Erased again, since not every world has one.
     chips.dataflash.write(slots.record.address, Bytes(slots.record.capacity, 0xFF));
 }
 
@@ -105,6 +112,7 @@ public:
     WorldBuilder(const Situation &setup, const SweepFirmware &firmware)
         : setup_(setup), running_(BootloaderImage(firmware, 0, setup.running_bytes)),
           update_(BootloaderImage(firmware, setup.new_bootloader ? 1 : 0, setup.update_bytes)),
+          // The stored one always fits; only the bank's may be too large.
           rescue_(RescueImage(10, std::min(setup.rescue_bytes, SlotsOf(setup.medium).rescue.capacity))),
           new_rescue_(setup.new_rescue ? RescueImage(11, setup.rescue_bytes) : rescue_),
           application_(Pattern(12, kApplicationBytes)) {}
@@ -112,6 +120,7 @@ public:
     World make() {
         World world;
         world.medium = setup_.medium;
+        // Before anything is written: another part has other pages.
         if (setup_.part) world.chips.dataflash = At45Contents(*FindAt45Part(setup_.part));
         world.board.straps.pins_12_13 = setup_.medium == Medium::nand;
         make_chips(world.chips);
@@ -126,12 +135,14 @@ public:
 
 private:
     void make_chips(Chips &chips) const {
+        // First, so that everything stored afterwards skips these blocks as it did on a real board.
         for (const std::uint32_t block : setup_.bad_blocks) chips.nand.make_factory_bad(block);
         FillNeighbours(chips);
         if (setup_.medium == Medium::nand)
             fill_slots(RawFlashOf(chips.nand));
         else
             fill_slots(RawFlashOf(chips.dataflash));
+        // Last: faults are to strike the update, not the making of this world.
         chips.nand.faults = setup_.nand_faults;
         chips.dataflash.faults = setup_.dataflash_faults;
         const int target = 1 - setup_.parameters.sector;
@@ -182,6 +193,7 @@ private:
         if (setup_.damaged)
             for (BankFile &file : files)
                 if (file.role != FileRole::application) file.bytes.back() ^= 1;
+        // A bank that lists a rescue image would have it stored, and the world is to have none.
         if (setup_.rescue == RescueState::none && !setup_.new_rescue) files.pop_back();
         return files;
     }
@@ -197,6 +209,7 @@ private:
             for (const Slot &slot : slots.bootloader) add(slot, slot.capacity);
         if (!setup_.new_rescue && setup_.watches_slots) return;
         add(slots.rescue, slots.rescue.capacity);
+        // On NAND the record has a block of its own, which is erased as a whole.
         add(slots.record, setup_.medium == Medium::nand ? kNandBlockBytes : slots.record.capacity);
     }
 
@@ -214,6 +227,7 @@ private:
             world.after.network = kNewNetwork;
             world.after.parameters = Parameters(kNewNetwork, setup_.parameters.more);
         }
+        // A refused or failed update leaves everything as it was.
         if (setup_.fate != Fate::stored && setup_.fate != Fate::may_fail) return;
         if (setup_.new_bootloader) world.after.bootloader = update_;
         if (!setup_.new_rescue) return;
