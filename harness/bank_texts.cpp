@@ -11,6 +11,8 @@ std::uint32_t SumOf(const std::string &bytes) {
 }
 
 std::string ManifestLine(const std::string &path, const std::string &content) {
+    // Written out here, not taken from formats/bank.h: what the reader and the bootloader are tested with must not come
+    // from the writer beside them.
     return fmt::format("{:9} | {:9} | {:<256}\r\n", content.size(), SumOf(content), path);
 }
 

@@ -42,6 +42,7 @@ struct Boot {
 };
 
 MeasuredBoot Measure(const Boot &boot, const SweepFirmware &firmware) {
+    // Without a sweep's name and seed, so that the chips take their typical times and the figures are comparable.
     World world = MakeWorld(boot.setup, firmware);
     if (boot.volume) world.volume = boot.volume();
     RunOptions options;
@@ -54,6 +55,7 @@ MeasuredBoot Measure(const Boot &boot, const SweepFirmware &firmware) {
     Timeline timeline(machine);
     const RunReport report = machine.run();
     timeline.finish();
+    // A boot that fails is fast: its time must never enter the table.
     if (report.verdict != Verdict::launched || report.resets != boot.resets)
         throw std::runtime_error(
             fmt::format("boot \"{}\": {} {}", boot.what, VerdictName(report.verdict), report.place));
@@ -68,6 +70,7 @@ MeasuredBoot Measure(const Boot &boot, const SweepFirmware &firmware) {
 } // namespace
 
 std::vector<MeasuredBoot> BootSpeed() {
+    // Builds with a fixed revision and date: the real ones print texts of other lengths, and the console takes time.
     const SweepFirmware firmware(FirmwareDirectory() / "fixed");
     const Boot boots[] = {
         {"boot: update on NAND", {.rescue = RescueState::none, .new_rescue = true}, nullptr, 2},

@@ -14,6 +14,7 @@ class CapturedStream {
 public:
     explicit CapturedStream(std::FILE *stream) : stream_(stream), file_(std::tmpfile()) {
         if (!file_) throw std::runtime_error("no temporary file for a standard stream");
+        // What was printed before still belongs to the old target.
         std::fflush(stream_);
         saved_ = dup(fileno(stream_));
         dup2(fileno(file_), fileno(stream_));
@@ -36,6 +37,7 @@ public:
 
 private:
     void restore() {
+        // Already restored: text() has been called before the destructor.
         if (saved_ < 0) return;
         std::fflush(stream_);
         dup2(saved_, fileno(stream_));

@@ -4,6 +4,7 @@
 #include "harness/command.h"
 
 #include <algorithm>
+#include <cassert>
 #include <stdexcept>
 
 namespace fixture {
@@ -13,7 +14,10 @@ void Require(bool holds, std::string_view what) {
 }
 
 std::uint32_t Shape::below(std::uint32_t limit) {
+    assert(limit > 0 && "there is no number below 0");
     std::uint32_t value = 0;
+    // Only as many bytes as the limit needs, so that a mutation of one byte changes one decision. Without bytes left it
+    // is 0: a short input is a simple one.
     for (std::uint32_t range = 1; range < limit && !rest_.empty(); range *= 256, rest_ = rest_.subspan(1))
         value = value * 256 + rest_.front();
     return value % limit;
@@ -52,6 +56,7 @@ void Put32(Bytes &bytes, std::size_t at, std::uint32_t value) {
 }
 
 Bytes MakeImage(Shape &shape) {
+    // The fuzzer's own bytes now and then: the mutations below never leave the shape of an image far behind.
     if (const std::optional<Bytes> whole = shape.whole_in(8)) return *whole;
     Bytes body(shape.pick({5u, 0u, 1u, 7u, 8u, 9u, 2048u - 32, 2048u - 31, 4096u, 9000u}), 0x5A);
     const Bytes start = shape.bytes(64);
@@ -106,6 +111,7 @@ std::filesystem::path ScratchFile(const char *name, std::span<const std::uint8_t
 void RunOnFiles(AddCommand *add, const std::vector<std::string> &arguments) {
     const CommandResult result = RunCommand(add, arguments);
     Require(result.exit_status >= 0 && result.exit_status <= 2, "exit status");
+    // A user with many files has to see which one is meant.
     Require(result.error.empty() || result.error.find(ModuleBoard::volume().string()) != std::string::npos,
             "a message that names no file: " + result.error);
 }

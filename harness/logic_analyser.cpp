@@ -26,6 +26,7 @@ std::string TwoWireTraffic(const std::filesystem::path &file, unsigned address) 
     for (std::string line; std::getline(lines, line);) {
         const std::string value = line.substr(line.rfind(' ') + 1);
         const bool begins = line.find("Address") != std::string::npos;
+        // Several devices share the bus: data belongs to the address before it.
         if (begins) ours = value == wanted;
         if (!ours || value.size() != 2) continue;
         if (begins)

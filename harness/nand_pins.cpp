@@ -25,6 +25,7 @@ std::string NandPins::take(const std::string &step) {
     case 'c': chip.command(static_cast<std::uint8_t>(value)); break;
     case 'a': chip.address(static_cast<std::uint8_t>(value)); break;
     case 'w': chip.write(value); break;
+    // Only the bits that every datasheet defines; the others may read as anything.
     case 's': chip.command(0x70); return fmt::format("s{:0{}X}", chip.read() & (digits == 2 ? 0xC1 : 0xFFC1), digits);
     case 'r': return fmt::format("{}{:0{}X}", step[0], digits == 2 ? chip.read() & 0xFF : chip.read(), digits);
     case 'l': enable.set(Drive::low); break;

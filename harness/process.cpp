@@ -27,6 +27,8 @@ Process::Process(const std::vector<std::string> &arguments, StreamTo output, Str
     std::vector<std::string> words = {program};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char *> pointers;
+    // Everything is allocated before the fork: a child of a process with threads may only call what is safe in a signal
+    // handler.
     pointers.reserve(words.size() + 1);
     for (std::string &word : words) pointers.push_back(word.data());
     pointers.push_back(nullptr);
@@ -36,11 +38,13 @@ Process::Process(const std::vector<std::string> &arguments, StreamTo output, Str
     Connect(STDOUT_FILENO, output, file_);
     Connect(STDERR_FILENO, error, file_);
     execv(program.c_str(), pointers.data());
+    // As a shell reports a program that cannot be started. Not exit(): the parent's buffers would be written twice.
     _exit(127);
 }
 
 Process::~Process() {
     if (!status_) {
+        // A test that failed half-way must not leave a process behind that holds a lock or a port.
         kill(child_, SIGKILL);
         wait();
     }

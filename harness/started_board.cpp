@@ -25,12 +25,14 @@ StartedBoard::StartedBoard(Processor processor, BoardOptions board, const std::f
 
 StartedBoard::StartedBoard(Processor processor, Chips &chips, const std::filesystem::path &volume, BoardOptions board,
                            const std::function<void(Board &)> &prepare) {
+    // Made in place: callbacks refer to this object, and the machine refers to the chips beside it.
     machine_ = std::make_unique<Machine>(chips, RunOptions{.processor = processor,
                                                            .known = &TestFirmware(),
                                                            .firmware = &Bootloader(),
                                                            .volume = volume,
                                                            .board = board,
                                                            .console = [this](char c) { console_ += c; }});
+    // Before the start, so that faults and pin levels hold from the first instruction on.
     if (prepare) prepare(machine_->board());
     const StageResult started = machine_->start();
     if (started.end != StageEnd::stopped_at) throw std::runtime_error("main not reached: " + started.place);
@@ -42,6 +44,7 @@ StageResult StartedBoard::try_call(const char *routine, const std::vector<std::u
 }
 
 std::uint32_t StartedBoard::call_with(const char *routine, const std::vector<std::uint32_t> &arguments) {
+    // Ends of any other kind throw: a test that goes on after a fault would test nothing.
     std::uint32_t result = 0;
     const StageResult end = try_call(routine, arguments, result);
     if (end.end != StageEnd::stopped_at) throw std::runtime_error(std::string(routine) + " ended at " + end.place);
