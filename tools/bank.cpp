@@ -124,7 +124,7 @@ void CheckReplaceable(const fs::path &out) {
     std::error_code error;
     if (!fs::is_directory(parent, error)) refuse(parent, "no such directory", "", "missing");
     const fs::file_status status = fs::symlink_status(out, error);
-    // A link counts as what it is, not as where it leads: following it would empty a directory somewhere else.
+    // A link is no directory here: the new bank would take the link's place, and what it led to would stay as it was.
     if (!fs::exists(status)) return;
     if (!fs::is_directory(status)) refuse(out, "not a directory", kExpected, "not-replaceable");
     for (const fs::directory_entry &entry : fs::directory_iterator(out)) {
@@ -306,7 +306,7 @@ int CheckVolume(const CheckCall &call, NamedBoard &board) {
         for (const Problem &problem : volume.problems) fmt::print("  {} ({})\n", problem.text(), problem.id);
         for (std::size_t n = 0; n < volume.power_ups.size(); ++n) {
             // A second power-up is foretold only where the first one leaves something for it to do otherwise.
-            fmt::print("\n{}\n", n == 0 ? "What a board does with it" : "And at the next power-up");
+            fmt::print("\n{}\n", n == 0 ? "What a board does with it" : "What it does at the next power-up");
             PrintPrediction(volume.power_ups[n]);
         }
     }
@@ -329,19 +329,29 @@ void AddBuild(CLI::App &bank, int &exit_status) {
     auto call = std::make_shared<BuildCall>();
     CLI::App *build = bank.add_subcommand("build", "Make a bank directory from firmware files");
     build->add_option("OUT", call->out, "directory to write; replaces an older bank there")->required();
-    build->add_option("--app", call->application, "main application, flat binary or ELF")->required();
-    build->add_option("--app-version", call->application_version, "its version, 1 to 16 characters")->required();
-    build->add_option("--bootloader", call->bootloader, "bootloader; gets its header here if it has none")->required();
-    build->add_option("--bootloader-version", call->bootloader_version, "its version, 1 to 16 characters")->required();
+    build->add_option("--app", call->application, "main application, flat binary or ELF")
+        ->type_name("FILE")
+        ->required();
+    build->add_option("--app-version", call->application_version, "its version, 1 to 16 characters")
+        ->type_name("VERSION")
+        ->required();
+    build->add_option("--bootloader", call->bootloader, "bootloader; gets its header here if it has none")
+        ->type_name("FILE")
+        ->required();
+    build->add_option("--bootloader-version", call->bootloader_version, "its version, 1 to 16 characters")
+        ->type_name("VERSION")
+        ->required();
     CLI::Option *rescue =
-        build->add_option("--rescue", call->rescue, "rescue image; gets its header here if it has none");
+        build->add_option("--rescue", call->rescue, "rescue image; gets its header here if it has none")
+            ->type_name("FILE");
     CLI::Option *version =
-        build->add_option("--rescue-version", call->rescue_version, "its version, 1 to 16 characters");
+        build->add_option("--rescue-version", call->rescue_version, "its version, 1 to 16 characters")
+            ->type_name("VERSION");
     // Both or neither: the board stores a rescue image only when its version differs from the recorded one, so an image
     // without a version could never be told from the one before it.
     rescue->needs(version);
     version->needs(rescue);
-    build->add_option("--extra", call->extras, "further files to carry, unchanged");
+    build->add_option("--extra", call->extras, "further files to carry, unchanged")->type_name("FILE");
     call->chips.add_options(*build->add_option_group("Board", "chips to check against [blank]"));
     call->judging.add_options(*build);
     build->add_flag("--json", call->json, "one JSON object");
@@ -355,8 +365,8 @@ void AddCheck(CLI::App &bank, int &exit_status) {
     check->add_option("DIR", call->directory, "bank directory, or the volume that holds data/")->required();
     check->add_option("--as", call->as, "place on the board [the directory's own name, or else app]")
         ->check(OneOf({"app", "oldapp", "newapp"}));
-    check->add_option("--running", call->running,
-                      "for a volume, version of the bootloader that the board runs [1.9.0]");
+    check->add_option("--running", call->running, "for a volume, version of the bootloader that the board runs [1.9.0]")
+        ->type_name("VERSION");
     call->chips.add_options(*check->add_option_group("Board", "chips to check against [blank]"));
     call->judging.add_options(*check);
     check->add_flag("--json", call->json, "one JSON object");

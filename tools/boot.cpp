@@ -400,10 +400,11 @@ void AddBootCommand(CLI::App &app, int &exit_status) {
     auto call = std::make_shared<BootCall>();
     CLI::App *command = app.add_subcommand("boot", "Power a board up and run it to its end");
     CLI::Option *const firmware =
-        command->add_option("--firmware", call->firmware, "bootloader image to run, ELF or flat [the built one]");
+        command->add_option("--firmware", call->firmware, "bootloader image to run, ELF or flat [the built one]")
+            ->type_name("FILE");
     command->add_flag("--host", call->host, "run the bootloader on this machine's processor, not on an emulated ARM");
     CLI::Option *const volume =
-        command->add_option("--volume", call->volume, "directory that the board sees as i:/vol0");
+        command->add_option("--volume", call->volume, "directory that the board sees as i:/vol0")->type_name("DIR");
     CLI::Option *const straps = command->add_option("--straps", call->straps, "boot straps fitted")
                                     ->check(OneOfKeys(StrapsByName()))
                                     ->capture_default_str();
@@ -426,20 +427,25 @@ void AddBootCommand(CLI::App &app, int &exit_status) {
     for (CLI::Option *const option : {firmware, volume, straps}) demo->excludes(option);
     AddObserveOptions(*command, call->observe);
     call->files.add_options(*command, "chip file; it keeps what the board writes", true);
-    command->add_option("--eeprom", call->eeprom, "chip file of the parameter EEPROM");
+    command->add_option("--eeprom", call->eeprom, "chip file of the parameter EEPROM")->type_name("FILE");
     CLI::Option *const snapshot =
         command->add_flag("--snapshot", call->snapshot, "start from the chip files, but leave them as they are");
     command->add_flag("--create", call->create, "make chip files that are missing")->excludes(snapshot);
     CLI::Option *const vcd =
-        command->add_option("--vcd", call->vcd, "write the pins as a value change dump, for a logic-analyser program");
+        command->add_option("--vcd", call->vcd, "write the pins as a value change dump, for a logic-analyser program")
+            ->type_name("FILE");
     command
         ->add_option("--vcd-signals", call->vcd_signals,
                      "names of the signals to write, separated by commas; NAME* stands for all that begin so [all]")
+        ->type_name("NAMES")
         ->needs(vcd);
-    command->add_option("--panel", call->panel, "write what the panel shows at the end, as PNG");
-    command->add_option("--panel-frames", call->panel_frames, "write every distinct frame as PNG into this directory");
-    CLI::Option *const gif = command->add_option("--panel-gif", call->panel_gif,
-                                                 "write what the panel shows during the boot as an animated GIF");
+    command->add_option("--panel", call->panel, "write what the panel shows at the end, as PNG")->type_name("FILE");
+    command->add_option("--panel-frames", call->panel_frames, "write every distinct frame as PNG into this directory")
+        ->type_name("DIR");
+    CLI::Option *const gif = command
+                                 ->add_option("--panel-gif", call->panel_gif,
+                                              "write what the panel shows during the boot as an animated GIF")
+                                 ->type_name("FILE");
     command->add_option("--panel-gif-slower", call->gif_style.slower, "factor by which to slow the animation down")
         ->check(WholeNumber(1, 1000))
         ->capture_default_str()
@@ -452,8 +458,11 @@ void AddBootCommand(CLI::App &app, int &exit_status) {
         ->check(OneOfKeys(kWirings))
         ->capture_default_str();
     command->add_flag("--preview", call->preview, "show the panel in the terminal");
-    CLI::Option *const replay = command->add_option(
-        "--replay", call->replay, "run a case of a sweep, by the name that the sweep prints; chip files must be new");
+    CLI::Option *const replay =
+        command
+            ->add_option("--replay", call->replay,
+                         "run a case of a sweep, by the name that the sweep prints; chip files must be new")
+            ->type_name("CASE");
     for (CLI::Option *const option : {firmware, volume, straps, fail, watchdog, snapshot, resets, demo})
         replay->excludes(option);
     command

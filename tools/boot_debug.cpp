@@ -56,6 +56,7 @@ void AddObserveOptions(CLI::App &command, ObserveCall &call) {
     CLI::Option *const trace =
         command
             .add_option("--trace", call.trace, "write every event to this file, one line each; - is standard output")
+            ->type_name("FILE")
             ->group(group);
     command.add_option("--trace-last", call.trace_last, "write only this many events, the last ones [all]")
         ->check(WholeNumber(1, 10'000'000))
@@ -64,14 +65,17 @@ void AddObserveOptions(CLI::App &command, ObserveCall &call) {
     command
         .add_option("--trace-kind", call.kinds,
                     "write only these kinds: register,chip,violation,console,file,reset,stage,power [all]")
+        ->type_name("KINDS")
         ->needs(trace)
         ->group(group);
     command
         .add_option("--trace-peripheral", call.peripherals, "write only what these do, such as PIOB,NAND,SPI* [all]")
+        ->type_name("NAMES")
         ->needs(trace)
         ->group(group);
     command
         .add_option("--trace-function", call.functions, "write only while these routines run, such as NandFlash* [all]")
+        ->type_name("NAMES")
         ->needs(trace)
         ->group(group);
     command.add_option("--trace-from", call.from_ms, "write only from this virtual time on, in milliseconds [0]")
@@ -97,9 +101,12 @@ void AddObserveOptions(CLI::App &command, ObserveCall &call) {
     command
         .add_option("--symbols", call.symbols,
                     "ELF of an application, for the symbols of a launched image with the same content; may be repeated")
+        ->type_name("FILE")
         ->group(group);
-    command.add_option("--report", call.report,
-                       "write a report of the run as one HTML page: timeline, panel, flash, events");
+    command
+        .add_option("--report", call.report,
+                    "write a report of the run as one HTML page: timeline, panel, flash, events")
+        ->type_name("FILE");
     command
         .add_option("--live", call.live,
                     "show panel and console while the board runs; 1 is real time, 10 is ten times faster")

@@ -28,7 +28,7 @@ std::string OfMissingBootloader(const HintCall &call, const RunReport &report, c
     const std::string found = given
                                   ? fmt::format("the straps select the {}, which has no good bootloader", report.medium)
                                   : fmt::format("the straps select the {}, and no file of it was given", report.medium);
-    // The most frequent slip, and the only one with a single right answer: the straps select the wrong chip.
+    // The straps select the wrong chip: the one slip with a single right answer.
     if (HasBootloader(chips, other))
         return fmt::format("{}; the {} has one: try --straps {}", found, NameOf(other), nand ? "none" : "12-13");
     return found + "; store one with `fixture flash provision`, or see `fixture flash info`";
@@ -117,7 +117,7 @@ std::string HintOf(const HintCall &call, const RunReport &report, const Board &b
     // Bounded: the image may end inside its own header.
     const auto body = std::span(image.bytes).subspan(std::min<std::size_t>(image.bytes.size(), kImageHeaderBytes));
     if (body.empty()) return "the slot holds a header and no bootloader after it";
-    return known.identify(body) ? "" : "no build known here stands for the image in the slot; it may be no bootloader";
+    return known.identify(body) ? "" : "the image in the slot is no build known here; it may be no bootloader";
 }
 
 std::string IdOf(Verdict verdict) {

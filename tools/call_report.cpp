@@ -25,7 +25,7 @@ std::string UnknownId(const std::string &id) {
     std::string known;
     // The help has no room for the list; whoever gets here is looking for it.
     for (const std::string_view each : WarningIds()) known += fmt::format(" {}", each);
-    return fmt::format("no warning \"{}\"; there are:{}", Printable(id), known);
+    return fmt::format("no such warning as \"{}\"; there are:{}", Printable(id), known);
 }
 
 } // namespace

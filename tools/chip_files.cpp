@@ -25,8 +25,8 @@ template <typename Parts> CLI::Validator OnePart(const Parts &parts, bool none_t
 } // namespace
 
 void ChipFiles::add_options(CLI::App &command, const std::string &help, bool none_too) {
-    command.add_option("--nand", nand, "NAND " + help);
-    command.add_option("--dataflash", dataflash, "DataFlash " + help);
+    command.add_option("--nand", nand, "NAND " + help)->type_name("FILE");
+    command.add_option("--dataflash", dataflash, "DataFlash " + help)->type_name("FILE");
     add_part_options(command, none_too);
 }
 

@@ -48,8 +48,7 @@ std::size_t Distance(std::string_view a, std::string_view b) {
             }
             const std::size_t changed = steps[i - 1][j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1);
             steps[i][j] = std::min({steps[i - 1][j] + 1, steps[i][j - 1] + 1, changed});
-            // Two letters in the wrong order are the most frequent slip; as two changes they would be too far from a
-            // short name.
+            // Two letters in the wrong order are one slip; as two changes they would be too far from a short name.
             if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1])
                 steps[i][j] = std::min(steps[i][j], steps[i - 2][j - 2] + 1);
         }
@@ -109,7 +108,9 @@ public:
         if (option->get_items_expected_max() > 0) {
             std::string value = option->get_type_name(); // "TEXT", or "TEXT:" and what a check expects
             value.erase(0, value.find(':') == std::string::npos ? 0 : value.find(':') + 1);
-            text = " " + value + (option->get_expected_max() > 1 ? " ..." : "");
+            // A positional's own name says what it is.
+            if (!(option->get_positional() && value == "TEXT")) text = " " + value;
+            if (option->get_expected_max() > 1) text += " ...";
             if (!option->get_default_str().empty()) text += " [" + option->get_default_str() + "]";
         }
         for (const CLI::Option *const other : option->get_needs()) text += ", with " + other->get_name();

@@ -180,7 +180,7 @@ void Print(const DoctorCall &call, const Patient &patient) {
 void CheckFix(const DoctorCall &call, std::size_t chips) {
     if (chips == 0) RequireInCall(false, "doctor", "no chip", "--nand, --dataflash or --eeprom");
     if (call.fix.empty()) return;
-    RequireInCall(chips == 1, "--fix", "mends one chip a call", "one of --nand, --dataflash and --eeprom");
+    RequireInCall(chips == 1, "--fix", "mends one chip per call", "one of --nand, --dataflash and --eeprom");
     // Never over an older file: it may be the only copy of what the chip held.
     if (fs::exists(fs::symlink_status(call.fix)))
         throw Refusal(Fault::call, {"exists", call.fix, "exists already", "a new name"});
@@ -217,11 +217,15 @@ void AddDoctorCommand(CLI::App &app, int &exit_status) {
     CLI::App *command =
         app.add_subcommand("doctor", "Find what is wrong with a board's chips, how it came about, and how to mend it");
     call->chips.add_options(*command);
-    command->add_option("--eeprom", call->eeprom, "chip file of the parameter EEPROM");
-    command->add_option("--bank", call->banks, "bank whose images the chip may have held; may be repeated");
+    command->add_option("--eeprom", call->eeprom, "chip file of the parameter EEPROM")->type_name("FILE");
+    command->add_option("--bank", call->banks, "bank whose images the chip may have held; may be repeated")
+        ->type_name("DIR");
     CLI::Option *fix =
-        command->add_option("--fix", call->fix, "write the mended chip to this new file; the named one stays as it is");
-    command->add_option("--only", call->only, "slot or sector to mend, by its name in the report [all]")->needs(fix);
+        command->add_option("--fix", call->fix, "write the mended chip to this new file; the named one stays as it is")
+            ->type_name("FILE");
+    command->add_option("--only", call->only, "slot or sector to mend, by its name in the report [all]")
+        ->type_name("NAME")
+        ->needs(fix);
     command->add_flag("--json", call->json, "report as one JSON object");
     command->footer("Exit status: 0 every chip is healthy, 1 one is not, mended or not.");
     command->callback([call, &exit_status] { exit_status = Diagnose(*call); });

@@ -140,12 +140,13 @@ void AddExplainCommand(CLI::App &app, int &exit_status) {
     CLI::App *command =
         app.add_subcommand("explain", "Predict what a board will do, and why, from its chips and files");
     call->chips.add_options(*command);
-    command->add_option("--eeprom", call->eeprom, "chip file of the parameter EEPROM");
-    command->add_option("--volume", call->volume, "directory that the board sees as i:/vol0");
+    command->add_option("--eeprom", call->eeprom, "chip file of the parameter EEPROM")->type_name("FILE");
+    command->add_option("--volume", call->volume, "directory that the board sees as i:/vol0")->type_name("DIR");
     command->add_option("--straps", call->straps, "boot straps fitted")
         ->check(OneOfKeys(StrapsByName()))
         ->capture_default_str();
-    command->add_option("--assume-version", call->assumed, "version to assume for a bootloader that is no known build");
+    command->add_option("--assume-version", call->assumed, "version to assume for a bootloader that is no known build")
+        ->type_name("VERSION");
     command->add_flag("--json", call->json, "report as one JSON object");
     command->footer("Exit status: 0 a bank's application is launched, 1 anything else.");
     command->callback([call, &exit_status] { exit_status = Explain(*call); });

@@ -221,11 +221,13 @@ void AddProvision(CLI::App &command, int &exit_status) {
         ->required()
         ->check(OneOf({"nand", "dataflash"}));
     call->chips.add_options(*provision, "chip file; made if missing, changed in the named slots only");
-    provision->add_option("--bootloader", call->bootloader, "stored image, flat binary or ELF")->required();
+    provision->add_option("--bootloader", call->bootloader, "stored image, flat binary or ELF")
+        ->type_name("FILE")
+        ->required();
     provision->add_option("--slot", call->slot, "bootloader slot; the other one is erased")
         ->check(WholeNumber(0, 1))
         ->capture_default_str();
-    provision->add_option("--rescue", call->rescue, "FILE:VERSION: rescue image, and the version to record");
+    provision->add_option("--rescue", call->rescue, "rescue image and the version to record, as FILE:VERSION");
     call->judging.add_options(*provision);
     provision->add_flag("--json", call->json, "one JSON object");
     provision->callback([call, &exit_status] { exit_status = ProvisionFlash(*call); });

@@ -206,18 +206,19 @@ void AddFlashSlotCommands(CLI::App &flash, int &exit_status) {
     };
     const char *const kOut = "write the changed chip to this file and leave the named one as it is";
     CLI::App *extract = add("extract", "Copy the image of one slot to a file", false, Extract);
-    extract->add_option("--out", call->out, "file to write")->required();
+    extract->add_option("--out", call->out, "file to write")->type_name("FILE")->required();
     extract->add_flag("--raw", call->raw, "copy every byte of the slot, good image or not");
     CLI::App *write = add("write", "Store an image in one slot; the others stay as they are", true, Write);
-    write->add_option("--image", call->image, "stored image, flat binary or ELF");
-    write->add_option("--version", call->version, "version to record, with a rescue image or alone");
-    write->add_option("--out", call->out, kOut);
+    write->add_option("--image", call->image, "stored image, flat binary or ELF")->type_name("FILE");
+    write->add_option("--version", call->version, "version to record, with a rescue image or alone")
+        ->type_name("VERSION");
+    write->add_option("--out", call->out, kOut)->type_name("FILE");
     CLI::App *erase = add("erase", "Erase one slot; the others stay as they are", true, Erase);
-    erase->add_option("--out", call->out, kOut);
+    erase->add_option("--out", call->out, kOut)->type_name("FILE");
 
     CLI::App *verify = flash.add_subcommand("verify", "Compare the slots with what a bank carries");
     call->chips.add_options(*verify);
-    verify->add_option("--against", call->bank, "bank directory")->required();
+    verify->add_option("--against", call->bank, "bank directory")->type_name("DIR")->required();
     verify->add_flag("--json", call->json, "report as one JSON object");
     verify->callback([call, &exit_status] { exit_status = VerifyChip(*call); });
 }

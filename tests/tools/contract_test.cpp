@@ -380,7 +380,7 @@ TEST(Contract, CallsThatMakeNoSenseAreRefused) {
         {{"flash", "write", "record", "--nand", nand, "--image", "x"}, "--image: has no effect on the record"},
         {{"flash", "erase", "rescue"}, "flash: no chip; expected one of --nand and --dataflash"},
         {{"flash", "provision", "--medium", "nand", "--nand", nand, "--bootloader", "x", "--slot", "2"}, "--slot: "},
-        {{"image", "info", nand, "--allow", "anything"}, "--allow: no warning \"anything\""},
+        {{"image", "info", nand, "--allow", "anything"}, "--allow: no such warning as \"anything\""},
         {{"diff", nand, Shop().work("").string()}, nullptr},
         {{"describe", "bash", "--into", "."}, "--into: has no effect on bash; expected man"},
     };
@@ -430,7 +430,7 @@ TEST(Contract, ABootWithoutALaunchSaysWhatToTry) {
         {{"--nand", nand, "--straps", "12-13", "--volume", volume}, "no bank launches; see `fixture bank check"},
         {{"--nand", blank, "--straps", "12-13"}, "no good bootloader; store one with `fixture flash provision`"},
         {{"--nand", body, "--straps", "12-13", "--host"}, "no native build stands for; try without --host"},
-        {{"--nand", body, "--straps", "12-13"}, "no build known here stands for the image in the slot"},
+        {{"--nand", body, "--straps", "12-13"}, "the image in the slot is no build known here"},
         {{"--nand", header, "--straps", "12-13"}, "the slot holds a header and no bootloader after it"},
         {{"--host", "--watchdog", "0.001"}, "the watchdog ends every start; try a longer --watchdog"},
         {{"--firmware", Shop().work("polls").string()}, "the clock of PIOA is off"},
