@@ -1,5 +1,6 @@
 // Banks as whole boots: what descriptor and manifest make of a bank, to the last character on the console.
 #include "harness/bank_texts.h"
+#include "harness/console_texts.h"
 #include "tests/processors.h"
 
 #include <cstring>
@@ -11,37 +12,10 @@ namespace fixture {
 
 namespace {
 
-const std::string kStart = "Secondary Bootloader ver 1.9.0 started...\n"
-                           "************************************************************\n"
-                           "* SVNInfo:                                                 *\n"
-                           "*----------------------------------------------------------*\n"
-                           "*   Revision:         319                                  *\n"
-                           "*   Date:             2013/04/02 15:18:51                  *\n"
-                           "*   Build Time:       2013/04/02 15:26:48                  *\n"
-                           "*   Revision Range:   319                                  *\n"
-                           "*   Mixed Revisions:  no                                   *\n"
-                           "*   Modified:         no                                   *\n"
-                           "*   URL:              https://code.orvalis.example/fir     *\n"
-                           "*                     mware/fixture/secondary-bootload     *\n"
-                           "*                     er/trunk/sources-of-the-tree/x/y     *\n"
-                           "*                     /z                                   *\n"
-                           "*                                                          *\n"
-                           "************************************************************\n"
-                           "\tInit NandFlash...\n"
-                           "Boot pin reports: SD boot\n"
-                           "\tInit LCD...\n"
-                           "\tInit PJFS...\n"
-                           "\tInit SDFlash...\n"
-                           "\tFind valid bank...\n";
 const std::string kBadDescriptor = "error processing project descriptor file\n";
-const std::string kNoBank =
-    "FileSize failed with errno=2\tFatal Error : read file failed with errno=9" + kBadDescriptor;
+const std::string kNoBank = kMissingBank;
 const std::string kVersions = "Current bootlaoder is: 1.9.0\nBank bootloader is: ";
 const std::string kSameVersion = kVersions + "1.9.0\n";
-const std::string kFatal = "\tNo valid bank found...\n"
-                           "\tStart rescue app...\n"
-                           "\tFind valid rescue app...\n"
-                           "\tFatal Error : No valid application or bootloader in the filesystem\n";
 const std::string kApplication = "an application of some length, not a multiple of anything";
 const std::string kBootloader = "another bootloader";
 
@@ -87,10 +61,11 @@ protected:
         boot_case.processor = GetParam();
         boot_case.volume = volume.path();
         const BootResult result = RunBoot(boot_case);
-        std::string start = kStart;
+        const std::string fatal = std::string(kNoBankLaunched) + kNothingLaunched;
+        std::string start = StartText(Medium::dataflash);
         if (boot_case.file_server_fails)
             start.insert(start.find("\tInit SDFlash"), "PJFS Server : PJFS_Server_Run Failed!!!\n");
-        EXPECT_EQ(result.console, start + search + (verdict == Verdict::launched ? "" : kFatal));
+        EXPECT_EQ(result.console, start + search + (verdict == Verdict::launched ? "" : fatal));
         EXPECT_EQ(result.report.verdict, verdict) << result.report.place;
         return result.report;
     }

@@ -1,4 +1,6 @@
 // File sums, stored images and versions: the checks behind every launch and every write to raw flash.
+#include "formats/slots.h"
+#include "harness/nand_log.h"
 #include "harness/noise.h"
 #include "tests/processors.h"
 
@@ -12,7 +14,6 @@ namespace {
 
 constexpr std::uint32_t kLoadBuffer = 0x23000000;
 constexpr std::uint32_t kRescueSlot = 0x404000; // of the DataFlash, as are the following
-constexpr std::uint32_t kBootSlot = 0x8000;
 constexpr std::uint32_t kVersionRecord = 0x7F00;
 
 struct Header {
@@ -41,15 +42,26 @@ protected:
     int ram_checksums(const std::string &image) {
         return static_cast<int>(started_.call("Validate_RamChecksums", started_.scratch_text(image)));
     }
-    void put(std::uint32_t address, const std::string &bytes) {
+    void put(std::uint32_t address, const std::string &bytes, Medium medium = Medium::dataflash) {
         const auto *const data = reinterpret_cast<const std::uint8_t *>(bytes.data());
-        chips_.dataflash.write(address, {data, bytes.size()});
+        if (medium == Medium::dataflash) return chips_.dataflash.write(address, {data, bytes.size()});
+        chips_.nand.erase(address / kNandBlockBytes);
+        chips_.nand.write(address, {data, bytes.size()});
+    }
+    std::string kept(std::uint32_t address, std::size_t size, Medium medium) {
+        const auto length = static_cast<std::uint32_t>(size);
+        const Bytes bytes =
+            medium == Medium::nand ? chips_.nand.read(address, length) : chips_.dataflash.read(address, length);
+        return {bytes.begin(), bytes.end()};
     }
     int call(const char *routine, std::uint32_t a0, std::uint32_t a1 = 0) {
         return static_cast<int>(started_.call(routine, a0, a1));
     }
 
-    void SetUp() override { call("SDFlash_Init", 0); }
+    void SetUp() override {
+        call("NandFlash_if_Init", 0);
+        call("SDFlash_Init", 0);
+    }
 
     TemporaryDirectory volume_;
     Chips chips_;
@@ -104,29 +116,40 @@ TEST_P(Images, InSlotsAreCheckedByHeaderAndWhole) {
     const struct {
         std::string content;
         int header, whole;
+        const char *on_nand; // what is read and written there; the first look at a block reads its marks
     } rows[] = {
-        {StoredImage(NoiseText(3000)), 0, 0},
-        {broken, 0, -1},
-        {unterminated, -1, 0},
-        {other_case, -1, 0},
-        {std::string(64, '\xFF'), -1, -1},
-        {std::string(64, '\0'), -1, -1},
+        {StoredImage(NoiseText(3000)), 0, 0, "r2.0-1 R2.0 R2.0 R2.0-1 R2.0 E2 P2.0 R2.0"},
+        {broken, 0, -1, "R2.0 R2.0 R2.0 R2.0 E2 P2.0 R2.0"},
+        {unterminated, -1, 0, "R2.0 R2.0 R2.0 R2.0"},
+        {other_case, -1, 0, "R2.0 R2.0 R2.0 R2.0"},
+        {std::string(64, '\xFF'), -1, -1, "R2.0 R2.0 R2.0"},
+        {std::string(64, '\0'), -1, -1, "R2.0 R2.0 R2.0"},
     };
-    for (const auto &row : rows) {
-        put(kBootSlot, row.content);
-        std::memset(started_.at(kLoadBuffer), 0x5A, 4096);
-        EXPECT_EQ(call("Validate_SDFlashHeader", kBootSlot), row.header);
-        EXPECT_EQ(started_.console(),
-                  fmt::format("\t{} header at address 0x00008000\n", row.header ? "Invalid" : "Valid"));
-        EXPECT_EQ(*started_.at(kLoadBuffer), 0x5A) << "a header check leaves the load buffer alone";
-        EXPECT_EQ(call("Validate_SDFlashImage", kBootSlot), row.whole);
-        EXPECT_EQ(call("Validate_SDFlashInvalidateImage", kBootSlot), 0);
-        std::string after = row.content;
-        if (row.header == 0) std::memset(after.data(), 0, sizeof(Header)); // it is retired
-        const auto kept = chips_.dataflash.read(kBootSlot, static_cast<std::uint32_t>(after.size()));
-        EXPECT_EQ(std::string(kept.begin(), kept.end()), after);
-        EXPECT_EQ(started_.console(), "");
-    }
+    for (const Medium medium : {Medium::nand, Medium::dataflash})
+        for (const auto &row : rows) {
+            const std::string validate = medium == Medium::nand ? "Validate_NandFlash" : "Validate_SDFlash";
+            const auto check = [&](const char *what, std::uint32_t at) { return call((validate + what).c_str(), at); };
+            const std::uint32_t slot = SlotsOf(medium).bootloader[0].address;
+            put(slot, row.content, medium);
+            NandLog log(started_.board().bus);
+            std::memset(started_.at(kLoadBuffer), 0x5A, 4096);
+            EXPECT_EQ(check("Header", slot), row.header);
+            EXPECT_EQ(started_.console(),
+                      fmt::format("\t{} header at address 0x{:08x}\n", row.header ? "Invalid" : "Valid", slot));
+            EXPECT_EQ(*started_.at(kLoadBuffer), 0x5A) << "a header check leaves the load buffer alone";
+            EXPECT_EQ(check("Image", slot), row.whole);
+            EXPECT_EQ(check("InvalidateImage", slot), 0);
+            EXPECT_EQ(log.operations(), medium == Medium::nand ? row.on_nand : "");
+            started_.board().bus.observer = nullptr;
+            std::string after = row.content;
+            if (row.header == 0) { // it is retired: on the NAND by a page of zeros
+                std::memset(after.data(), 0, sizeof(Header));
+                if (medium == Medium::nand)
+                    after = std::string(kNandPageBytes, '\0') + std::string(kNandPageBytes, '\xFF');
+            }
+            EXPECT_EQ(kept(slot, after.size(), medium), after);
+            EXPECT_EQ(started_.console(), "");
+        }
     EXPECT_EQ(call("Validate_SDFlashHeader", 0x0FFFFFF0), -1);
     EXPECT_EQ(started_.console(), "\tAT91SAM926X_ReadDataflash : Failed with Error=1\n\tSDFlash read header failed\n");
 }

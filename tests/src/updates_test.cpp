@@ -1,0 +1,519 @@
+// The update path as whole boots on both media: what a bank's images make of the raw slots, to the last character on
+// the console and the last byte of every chip.
+#include "harness/bank_texts.h"
+#include "harness/console_texts.h"
+#include "harness/noise.h"
+#include "tests/processors.h"
+
+#include <algorithm>
+#include <cstring>
+#include <fmt/format.h>
+#include <map>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace fixture {
+
+namespace {
+
+const std::string kSame = "Current bootlaoder is: 1.9.0\nBank bootloader is: 1.9.0\n";
+const std::string kOlder = "Current bootlaoder is: 1.9.0\nBank bootloader is: 1.8.0\n";
+const std::string kStored = "\tBootloader image replaced successfully.\n";
+const std::string kNotStored = "\tBootloader image replace failed.\n";
+const std::string kRescueStored = "\tRescue image replaced successfully.\n";
+const std::string kRescueNotStored = "\tRescue image replace failed.\n";
+const std::string kDataflashUnread = "\tAT91SAM926X_ReadDataflash : Failed with Error=1\n";
+const std::string kDataflashUnwritten = "\tAT91SAM926X_WriteDataflash : Failed with Error=1\n";
+const std::string kBadRecordBlock = "Bad block at address 00020000\n";
+
+const std::string kApplication = "an application of some length";
+const std::string kBrokenApplication = "an application of Some length";
+const std::string kApplicationFailed = fmt::format("\tValidate_File(i:/vol0/data/app/bin/demo.bin, {}, {}) Failed!!!",
+                                                   SumOf(kApplication), kApplication.size());
+
+// A stored image of `size` bytes.
+std::string Image(std::uint32_t seed, std::size_t size) {
+    const Bytes image = Wrap(Noise(size - kImageHeaderBytes, seed));
+    return {image.begin(), image.end()};
+}
+const std::string kOldImages[] = {Image(1, 3000), Image(2, 4097)}; // by slot
+const std::string kOldRescue = Image(3, 2500);
+const std::string kNewImage = Image(4, 5000), kNewRescue = Image(5, 4100);
+
+std::string Damaged(std::string image) { return image.back() ^= 1, image; }
+std::string Foreign(std::string image) { return image[18] ^= 1, image; }
+std::string Retired(std::string image) { return image.replace(0, kImageHeaderBytes, kImageHeaderBytes, '\0'); }
+std::string Claiming(std::string image, std::uint32_t size) {
+    return image.replace(20, sizeof size, reinterpret_cast<const char *>(&size), sizeof size);
+}
+// An image of zeros: its sum fits a manifest, whatever its length.
+std::string Long(std::size_t size) {
+    const Bytes image = Wrap(Bytes(size - kImageHeaderBytes));
+    return {image.begin(), image.end()};
+}
+// What a slot holds that had `image`: - nothing, o it, d damaged, z retired, f of another maker.
+std::string Holding(char what, const std::string &image) {
+    switch (what) {
+    case '-': return "";
+    case 'd': return Damaged(image);
+    case 'z': return Retired(image);
+    case 'f': return Foreign(image);
+    default: return image;
+    }
+}
+
+struct Before {
+    const char *slots = "o-"; // two letters of Holding
+    char rescue = 'o';
+    std::string record = "1.0";
+};
+
+struct Bank {
+    std::string boot_version = "1.9.0"; // empty: none is listed
+    std::string boot = kNewImage;
+    std::string rescue_version = "1.0"; // empty: none is listed
+    std::string rescue = kNewRescue;
+    std::string application = kApplication;
+    std::string rescue_file = rescue; // where it is not what the manifest says
+
+    void write(const TemporaryDirectory &volume, const std::string &name) const {
+        const std::filesystem::path bank = std::filesystem::path("data") / name;
+        std::string descriptor = DescriptorElement("MainApplication", {}) +
+                                 DescriptorElement("SecondaryBootloader", {.base = "boot2", .version = boot_version});
+        std::string manifest =
+            ManifestLine("Path", "") + ManifestLine("----", "") + ManifestLine("bin/demo.bin", kApplication);
+        volume.write(bank / "bin/demo.bin", application);
+        if (!boot_version.empty()) {
+            manifest += ManifestLine("bin/boot2.bin", boot);
+            volume.write(bank / "bin/boot2.bin", boot);
+        }
+        if (!rescue_version.empty()) {
+            descriptor += DescriptorElement("RescueApplication", {.base = "resc", .version = rescue_version});
+            manifest += ManifestLine("bin/resc.bin", rescue);
+            volume.write(bank / "bin/resc.bin", rescue_file);
+        }
+        volume.write(bank / "ProjectDescriptorFile.xml", "<Project>" + descriptor + "</Project>");
+        volume.write(bank / "BankContent.txt", manifest);
+    }
+};
+
+enum class End { application, update, rescue, nothing };
+
+struct Row {
+    const char *name;
+    Before before;
+    std::vector<Bank> banks; // "app", then "oldapp"
+    // What these banks print: {v0} {i1} a valid header in slot 0, an invalid one in slot 1; {p0} {done} what the NAND's
+    // update says of itself; {...} what one medium alone says.
+    std::string printed;
+    // What is written: 0n the new bootloader to slot 0, 1z slot 1 retired, rn the new rescue image, vn its version.
+    std::string written;
+    End end = End::application;
+    void (*trouble)(Chips &) = nullptr;
+    bool refuses_resets = false;
+};
+
+// The texts that are not the same on both media.
+std::string Spell(const std::string &text, Medium medium) {
+    const bool nand = medium == Medium::nand;
+    const auto &slots = SlotsOf(medium).bootloader;
+    const auto header = [&](const char *verdict, int slot) {
+        return fmt::format("\t{} header at address 0x{:08x}\n", verdict, slots[slot].address);
+    };
+    const auto placing = [&](int slot) {
+        return nand ? fmt::format("Placing new bootloader at {:08X}.\n", slots[slot].address) : "";
+    };
+    return fmt::format(fmt::runtime(text), fmt::arg("v0", header("Valid", 0)), fmt::arg("v1", header("Valid", 1)),
+                       fmt::arg("i0", header("Invalid", 0)), fmt::arg("i1", header("Invalid", 1)),
+                       fmt::arg("p0", placing(0)), fmt::arg("p1", placing(1)),
+                       fmt::arg("done", nand ? "Bootloader replaced.\n" : ""),
+                       fmt::arg("unread", nand ? kBadRecordBlock : kDataflashUnread),
+                       fmt::arg("unwritten", nand ? "" : kDataflashUnwritten));
+}
+
+class Updates : public testing::TestWithParam<Processor> {
+protected:
+    void try_row(const Row &row, Medium medium) {
+        SCOPED_TRACE(fmt::format("{}, {}", row.name, NameOf(medium)));
+        const TemporaryDirectory volume;
+        constexpr const char *kNames[] = {"app", "oldapp"};
+        for (std::size_t n = 0; n < row.banks.size(); ++n) row.banks[n].write(volume, kNames[n]);
+        Chips chips = chips_before(row.before, medium);
+        if (row.trouble) row.trouble(chips);
+        const Chips before = chips;
+        BootCase boot;
+        boot.processor = GetParam();
+        boot.volume = volume.path();
+        boot.chips = &chips;
+        boot.most_resets = 1;
+        boot.board.straps.pins_12_13 = medium == Medium::nand;
+        boot.prepare = [&](Machine &machine) { machine.board().reset_controller.refuse = row.refuses_resets; };
+        const bool launches = row.end == End::application || row.end == End::update;
+        boot.inspect = [&](Machine &machine) {
+            EXPECT_TRUE(machine.board().journal.violations().empty());
+            EXPECT_EQ(machine.board().watchdog.restarts(), launches ? row.banks.size() : 3);
+        };
+        const BootResult result = RunBoot(boot);
+        EXPECT_EQ(result.console, StartText(medium) + Spell(row.printed, medium) + ending(row));
+        EXPECT_EQ(result.report.verdict, row.end == End::nothing  ? Verdict::idle
+                                         : row.end == End::update ? Verdict::reset_loop
+                                                                  : Verdict::launched)
+            << result.report.place;
+        EXPECT_EQ(result.report.launched_bytes, row.end == End::application ? kApplication.size()
+                                                : row.end == End::rescue    ? rescue_bytes(row)
+                                                                            : 0);
+        check_chips(chips, expected(row, medium, before, chips));
+    }
+
+    static Chips chips_before(const Before &before, Medium medium) {
+        Chips chips;
+        const SlotTable &slots = SlotsOf(medium);
+        // What lies around the slots, and on the other medium where this one has slots, is not to be touched.
+        chips.nand.write(0, Noise(4096));
+        chips.nand.write(0x01000000, Noise(4096));
+        for (const std::uint32_t address : {0x7000u, 0x7F10u}) chips.dataflash.write(address, Noise(0xF0));
+        put(chips, medium, slots.bootloader[0], Holding(before.slots[0], kOldImages[0]));
+        put(chips, medium, slots.bootloader[1], Holding(before.slots[1], kOldImages[1]));
+        put(chips, medium, slots.rescue, Holding(before.rescue, kOldRescue));
+        put(chips, medium, slots.record, padded(before.record));
+        return chips;
+    }
+
+private:
+    static std::string padded(std::string version) {
+        if (!version.empty()) version.resize(16);
+        return version;
+    }
+    static std::span<const std::uint8_t> bytes_of(const std::string &text) {
+        return {reinterpret_cast<const std::uint8_t *>(text.data()), text.size()};
+    }
+    static void put(Chips &chips, Medium medium, const Slot &slot, const std::string &content) {
+        if (content.empty()) return;
+        if (medium == Medium::nand)
+            chips.nand.write(slot.address, bytes_of(content));
+        else
+            chips.dataflash.write(slot.address, bytes_of(content));
+    }
+
+    static std::size_t rescue_bytes(const Row &row) {
+        return row.written.starts_with('r') ? row.banks[0].rescue.size() : kOldRescue.size();
+    }
+    static std::string ending(const Row &row) {
+        std::string text;
+        if (row.end == End::application || row.end == End::update) return text;
+        for (std::size_t missing = row.banks.size(); missing < 3; ++missing) text += kMissingBank;
+        text += kNoBankLaunched;
+        if (row.end == End::rescue || row.refuses_resets) text += kRescueLaunched;
+        return row.end == End::nothing ? text + kNothingLaunched : text;
+    }
+
+    // The chips of before with the row's writes. A write to the NAND erases its blocks; of its last page's rest
+    // anything may be made, but for short ones, where it is zeros.
+    static Chips expected(const Row &row, Medium medium, const Chips &before, const Chips &after) {
+        const SlotTable &slots = SlotsOf(medium);
+        const bool nand = medium == Medium::nand;
+        Chips chips = before;
+        for (std::size_t at = 0; at < row.written.size(); at += 3) {
+            const char where = row.written[at], what = row.written[at + 1];
+            const Slot &slot = where == 'r'   ? slots.rescue
+                               : where == 'v' ? slots.record
+                                              : slots.bootloader[where - '0'];
+            std::string content = where == 'r'   ? row.banks[0].rescue
+                                  : where == 'v' ? padded(row.banks[0].rescue_version)
+                                  : what == 'z'  ? std::string(kImageHeaderBytes, '\0')
+                                                 : row.banks[0].boot;
+            if (nand && (where == 'v' || what == 'z')) content.resize(kNandPageBytes);
+            const auto size = static_cast<std::uint32_t>(content.size());
+            if (nand) {
+                for (std::uint32_t from = 0; from < size; from += kNandBlockBytes)
+                    chips.nand.erase((slot.address + from) / kNandBlockBytes);
+                const std::uint32_t rest = slot.address + size;
+                chips.nand.write(rest, after.nand.read(rest, -size % kNandPageBytes));
+            }
+            put(chips, medium, slot, content);
+        }
+        return chips;
+    }
+
+    static void check_chips(const Chips &chips, const Chips &expected) {
+        EXPECT_TRUE(chips.eeprom == expected.eeprom);
+        EXPECT_TRUE(chips.nand == expected.nand);
+        EXPECT_TRUE(chips.dataflash == expected.dataflash);
+    }
+};
+BOTH_PROCESSORS(Updates);
+
+// No DataFlash answers; on the NAND the record's block is bad, and the read goes on into the first bootloader slot.
+void LoseRecord(Chips &chips) {
+    chips.dataflash.absent = true;
+    chips.nand.make_factory_bad(1);
+}
+void SmallDataflash(Chips &chips) { chips.dataflash = At45Contents(*FindAt45Part("AT45DB321")); }
+
+constexpr std::size_t kSmallRoom = 8192 * 528 - 0x404000 - 32; // of a DataFlash of 32 Mbit, for a rescue image
+
+const Row kRows[] = {
+    // The rescue image.
+    {"nothing new", {}, {{}}, kSame, ""},
+    {"rescue new", {}, {{.rescue_version = "1.1"}}, kRescueStored + kSame, "rn vn"},
+    {"rescue new, none there", {.rescue = '-', .record = ""}, {{}}, kRescueStored + kSame, "rn vn"},
+    {"rescue older", {.record = "2.0"}, {{}}, kRescueStored + kSame, "rn vn"},
+    {"rescue's version is the stored one's beginning", {.record = "1.0.1"}, {{}}, kRescueStored + kSame, "rn vn"},
+    {"rescue version of 16 characters, equal",
+     {.record = "1234567890123456"},
+     {{.rescue_version = "1234567890123456"}},
+     kSame,
+     ""},
+    {"rescue version of 16 characters, new",
+     {.record = "1234567890123450"},
+     {{.rescue_version = "1234567890123456"}},
+     kRescueStored + kSame,
+     "rn vn"},
+    {"rescue file of other bytes", {}, {{.rescue_version = "1.1", .rescue_file = Damaged(kNewRescue)}}, kSame, ""},
+    {"rescue file of another size",
+     {},
+     {{.rescue_version = "1.1", .rescue_file = "short"}},
+     "filesize check 4100 != 5\n" + kSame,
+     ""},
+    {"rescue with wrong sums",
+     {},
+     {{.rescue_version = "1.1", .rescue = Damaged(kNewRescue)}},
+     kRescueNotStored + kSame,
+     ""},
+    {"rescue of another maker",
+     {},
+     {{.rescue_version = "1.1", .rescue = Foreign(kNewRescue)}},
+     kRescueStored + kSame,
+     "rn vn"},
+    {"rescue that claims more than its file",
+     {},
+     {{.rescue_version = "1.1", .rescue = Claiming(kNewRescue, 4101)}},
+     kRescueNotStored + kSame,
+     ""},
+    {"rescue by a bank that launches nothing",
+     {},
+     {{.rescue_version = "1.1", .application = kBrokenApplication}},
+     kRescueStored + kSame + kApplicationFailed,
+     "rn vn",
+     End::rescue},
+    {"rescue by a bank without a bootloader",
+     {.rescue = 'd'},
+     {{.boot_version = "", .rescue_version = "1.1"}},
+     kRescueStored,
+     "rn vn",
+     End::rescue},
+    {"rescue and bootloader",
+     {},
+     {{.boot_version = "1.8.0", .rescue_version = "1.1"}},
+     kRescueStored + kOlder + "{v0}{i1}{p1}{done}",
+     "rn vn 1n 0z",
+     End::update},
+
+    // The bootloader.
+    {"over an erased slot", {"o-"}, {{"1.8.0"}}, kOlder + "{v0}{i1}{p1}{done}", "1n 0z", End::update},
+    {"over an erased first slot", {"-o"}, {{"1.8.0"}}, kOlder + "{i0}{v1}{p0}{done}", "0n 1z", End::update},
+    {"over a retired one", {"zo"}, {{"1.8.0"}}, kOlder + "{i0}{v1}{p0}{done}", "0n 1z", End::update},
+    {"over another maker's", {"of"}, {{"1.8.0"}}, kOlder + "{v0}{i1}{p1}{done}", "1n 0z", End::update},
+    {"over one of two good ones", {"oo"}, {{"1.8.0"}}, kOlder + "{v0}{v1}{p0}{done}", "0n 1z", End::update},
+    {"over a damaged second one", {"od"}, {{"1.8.0"}}, kOlder + "{v0}{v1}{p1}{done}", "1n 0z", End::update},
+    {"over a damaged first one", {"do"}, {{"1.8.0"}}, kOlder + "{v0}{v1}{p0}{done}", "0n 1z", End::update},
+    {"over two damaged ones", {"dd"}, {{"1.8.0"}}, kOlder + "{v0}{v1}{p1}{done}", "1n 0z", End::update},
+    {"over two erased ones", {"--"}, {{"1.8.0"}}, kOlder + "{i0}{i1}{p1}{done}", "1n", End::update},
+    {"by a second bank",
+     {},
+     {{.application = kBrokenApplication}, {"1.8.0"}},
+     kSame + kApplicationFailed + kOlder + "{v0}{i1}{p1}{done}",
+     "1n 0z",
+     End::update},
+    {"damaged", {}, {{"1.8.0", Damaged(kNewImage)}}, kOlder + kNotStored, ""},
+    {"of another maker", {}, {{"1.8.0", Foreign(kNewImage)}}, kOlder + kNotStored, ""},
+    {"shorter than it claims", {}, {{"1.8.0", Claiming(kNewImage, 5001)}}, kOlder + kNotStored, ""},
+    {"shorter than a header", {}, {{"1.8.0", Claiming(kNewImage, 31)}}, kOlder + kNotStored, ""},
+    {"too long", {"oo"}, {{"1.8.0", Long(0x200001)}}, kOlder + "{v0}{v1}{p0}" + kNotStored, ""},
+
+    // One bank's rescue image is looked at in the next bank's pass too, by an empty record.
+    {"rescue listed before, not now",
+     {},
+     {{.application = kBrokenApplication}, {.rescue_version = ""}},
+     kSame + kApplicationFailed + kSame,
+     ""},
+    {"rescue listed before, not now, and a record that cannot be read",
+     {"oo"},
+     {{.application = kBrokenApplication}, {.rescue_version = ""}},
+     "{unread}" + kSame + kApplicationFailed + "{unread}" + kSame,
+     "",
+     End::application,
+     LoseRecord},
+    {"rescue never listed, and a record that cannot be read",
+     {"oo"},
+     {{.rescue_version = ""}},
+     kSame,
+     "",
+     End::application,
+     LoseRecord},
+
+    {"no bank, rescue image", {}, {}, "", "", End::rescue},
+    {"no bank, rescue image of another maker", {.rescue = 'f'}, {}, "", "", End::rescue},
+    {"no bank, damaged rescue image", {.rescue = 'd'}, {}, "", "", End::nothing},
+    {"no bank, no rescue image", {.rescue = '-'}, {}, "", "", End::nothing},
+    {"resets that never come",
+     {},
+     {{"1.8.0"}},
+     kOlder + "{v0}{i1}{p1}{done}" + kStored,
+     "1n 0z",
+     End::nothing,
+     nullptr,
+     true},
+};
+
+TEST_P(Updates, SayAndWriteThisAndNothingElse) {
+    for (const Row &row : kRows)
+        for (const Medium medium : {Medium::nand, Medium::dataflash}) try_row(row, medium);
+}
+
+// Images that fit nowhere, as long as they may be and by one byte more; chips that are not there.
+TEST_P(Updates, StayWithinTheirChip) {
+    const auto rescue = [](std::string image) {
+        return std::vector<Bank>{{.rescue_version = "1.1", .rescue = std::move(image)}};
+    };
+    const auto boot = [](std::string image) { return std::vector<Bank>{{"1.8.0", std::move(image)}}; };
+    const struct {
+        Medium medium;
+        Row row;
+    } rows[] = {
+        {Medium::dataflash,
+         {"rescue, longest",
+          {},
+          rescue(Long(kSmallRoom)),
+          kRescueStored + kSame,
+          "rn vn",
+          End::application,
+          SmallDataflash}},
+        {Medium::dataflash,
+         {"rescue, too long",
+          {},
+          rescue(Long(kSmallRoom + 1)),
+          kDataflashUnwritten + kRescueNotStored + kSame,
+          "",
+          End::application,
+          SmallDataflash}},
+        {Medium::nand, {"rescue, too long", {}, rescue(Long(0xC00001)), kRescueNotStored + kSame, ""}},
+        {Medium::dataflash,
+         {"too long for slot 0", {"-o"}, boot(Long(0x1FC001)), kOlder + "{i0}{v1}" + kNotStored, ""}},
+        {Medium::dataflash,
+         {"too long for slot 1", {"o-"}, boot(Long(0x200001)), kOlder + "{v0}{i1}" + kNotStored, ""}},
+        {Medium::nand, {"too long", {"o-"}, boot(Long(0x1E0001)), kOlder + "{v0}{i1}{p1}" + kNotStored, ""}},
+        {Medium::nand,
+         {"no NAND",
+          {"--", '-', ""},
+          rescue(kNewRescue),
+          kRescueNotStored + kSame,
+          "",
+          End::application,
+          [](Chips &chips) { chips.nand = NandContents(nullptr); }}},
+        {Medium::dataflash,
+         {"no DataFlash",
+          {},
+          boot(kNewImage),
+          kDataflashUnread + kOlder + kDataflashUnread + "\tSDFlash read header failed\n" + kDataflashUnread +
+              "\tSDFlash read header failed\n" + kDataflashUnwritten + kNotStored,
+          "",
+          End::application,
+          LoseRecord}},
+    };
+    for (const auto &[medium, row] : rows) try_row(row, medium);
+}
+
+// The launch flushes a length of its own, whatever the image's: lines that hold any of it, and no more.
+TEST_P(Updates, FlushAFixedLengthForTheRescueImage) {
+    constexpr std::uint32_t kFlushed = 0x3FC000, kAround = 4096;
+    const TemporaryDirectory nothing;
+    Chips chips = chips_before({}, Medium::dataflash);
+    BootCase boot;
+    boot.processor = GetParam();
+    boot.volume = nothing.path();
+    boot.chips = &chips;
+    const auto memory = [](Machine &machine, std::uint32_t offset) {
+        return machine.board().memory.memory().from(0x23000000 + offset).data();
+    };
+    boot.prepare = [&](Machine &machine) { std::memset(memory(machine, kFlushed - kAround), 0xA5, 2 * kAround); };
+    boot.inspect = [&](Machine &machine) {
+        const std::uint8_t *const left = memory(machine, kFlushed - kAround);
+        EXPECT_EQ(std::count(left, left + kAround, 0xA5), kAround);
+        EXPECT_LT(std::count(left + kAround, left + kAround + 32, 0xA5), 8);
+        EXPECT_EQ(std::memcmp(memory(machine, 0), kOldRescue.data(), kOldRescue.size()), 0);
+    };
+    EXPECT_EQ(RunBoot(boot).report.verdict, Verdict::launched);
+}
+
+// What the file system is told of the NAND.
+TEST_P(Updates, KeepTheirSlotsFromTheFileSystem) {
+    for (const bool strapped : {true, false}) {
+        BoardOptions board;
+        board.straps.pins_12_13 = strapped;
+        StartedBoard started(GetParam(), board);
+        const auto place = [&](std::uint32_t address) -> const void * {
+            if (GetParam() == Processor::arm) return started.at(address);
+            return reinterpret_cast<const void *>(std::uintptr_t{address});
+        };
+        const std::uint32_t count = started.scratch(4);
+        const void *const range = place(started.call("User_GetFlashDeviceRanges", count));
+        std::array<std::uint32_t, 6> words; // the last one is the name, or its lower half
+        std::memcpy(words.data(), range, 5 * sizeof(std::uint32_t));
+        const std::size_t name = GetParam() == Processor::arm ? 20 : 24;
+        std::memcpy(&words[5], static_cast<const std::uint8_t *>(range) + name, 4);
+        EXPECT_STREQ(static_cast<const char *>(place(words[5])), "K9Fx NAND Flash Chip");
+        words[5] = *started.at(count);
+        EXPECT_EQ(words,
+                  (std::array<std::uint32_t, 6>{strapped ? 0x01000000u : 0, strapped ? 128u : 0, 0xFFFFFFFF, 2, 0, 1}));
+    }
+}
+
+TEST_P(Updates, StartWithTheBuildsRecord) {
+    struct {
+        char revision[32], dates[3][32], flags[2][4], url[256];
+    } record;
+    const std::string start = StartText(Medium::nand);
+    const auto line = [&](const char *of) { return start.find(std::string("*   ") + of); };
+    const std::size_t banner = start.find('*'), revision = line("Revision:"), dates = line("Date:"), url = line("URL:");
+    const std::size_t last = start.find("*" + std::string(58, ' ') + "*\n");
+    const std::string whole(32, 'u');
+    const std::string first = "*   URL:              " + whole + "     *\n";
+    const std::string more = "*                     " + whole + "     *\n";
+    const struct {
+        std::string revision, url, printed;
+    } rows[] = {
+        {"1", "", ""},
+        {"31", whole.substr(1), "*   URL:              " + whole.substr(1) + "      *\n"},
+        {"", whole, first},
+        {"1234M", whole + "v", first + "*                     v                                    *\n"},
+        {"a revision of twenty-six lett.", std::string(256, 'u'),
+         first + more + more + more + more + more + more + more},
+    };
+    StartedBoard started(GetParam());
+    void *const object = started.object("svnInfo");
+    std::memcpy(&record, object, sizeof record);
+    if (GetParam() == Processor::host) { // a constant lies in pages that cannot be written
+        const auto page = reinterpret_cast<std::uintptr_t>(object) / 4096 * 4096;
+        ASSERT_EQ(mprotect(reinterpret_cast<void *>(page), 2 * 4096, PROT_READ | PROT_WRITE), 0);
+    }
+    const auto kept = record;
+    for (const auto &row : rows) {
+        std::memset(record.revision, 0, sizeof record.revision);
+        std::memset(record.url, 0, sizeof record.url);
+        row.revision.copy(record.revision, sizeof record.revision);
+        row.url.copy(record.url, sizeof record.url);
+        std::memcpy(object, &record, sizeof record);
+        started.call("SVNInfo_Splash");
+        const std::string frame = start.substr(banner, 61);
+        EXPECT_EQ(started.console(), start.substr(banner, revision - banner) +
+                                         fmt::format("*   Revision:         {:<4}{:33}*\n", row.revision, "") +
+                                         start.substr(dates, url - dates) + row.printed + start.substr(last, 61) +
+                                         frame);
+    }
+    std::memcpy(object, &kept, sizeof kept);
+}
+
+} // namespace
+
+} // namespace fixture
