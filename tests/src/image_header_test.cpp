@@ -150,6 +150,8 @@ TEST_P(Images, InSlotsAreCheckedByHeaderAndWhole) {
             EXPECT_EQ(kept(slot, after.size(), medium), after);
             EXPECT_EQ(started_.console(), "");
         }
+    EXPECT_EQ(call("Validate_NandFlashHeader", 0xA0000), -1);
+    EXPECT_EQ(started_.console(), "\tInvalid header at address 0x000a0000\n");
     EXPECT_EQ(call("Validate_SDFlashHeader", 0x0FFFFFF0), -1);
     EXPECT_EQ(started_.console(), "\tAT91SAM926X_ReadDataflash : Failed with Error=1\n\tSDFlash read header failed\n");
 }
@@ -171,8 +173,14 @@ TEST_P(Images, FilesAreSummedInEveryLength) {
         EXPECT_EQ(check(NoiseText(length), 0, size + 1), -1);
         EXPECT_EQ(started_.console(), fmt::format("filesize check {} != {}\n", length + 1, length));
     }
-    EXPECT_EQ(started_.call("Validate_File", started_.scratch_text("i:/vol0/none"), 0, 0), 0xFFFFFFFFu);
+    const std::uint32_t missing = started_.scratch_text("i:/vol0/none");
+    EXPECT_EQ(call("Validate_File", missing), -1);
     EXPECT_EQ(started_.console(), "");
+    for (const char *load : {"Boot_LoadImageIntoMemory", "Rescue_LoadImageIntoMemory"}) {
+        EXPECT_EQ(call(load, missing, kLoadBuffer), -1);
+        EXPECT_EQ(started_.console(),
+                  "FileSize failed with errno=2\tFatal Error : unable to load bootloader into ram\n");
+    }
 }
 
 TEST_P(Images, AreNewWhereTheirVersionTextDiffers) {

@@ -75,13 +75,14 @@ struct Bank {
     std::string rescue = kNewRescue;
     std::string application = kApplication;
     std::string rescue_file = rescue; // where it is not what the manifest says
+    bool lists_application = true;
 
     void write(const TemporaryDirectory &volume, const std::string &name) const {
         const std::filesystem::path bank = std::filesystem::path("data") / name;
         std::string descriptor = DescriptorElement("MainApplication", {}) +
                                  DescriptorElement("SecondaryBootloader", {.base = "boot2", .version = boot_version});
-        std::string manifest =
-            ManifestLine("Path", "") + ManifestLine("----", "") + ManifestLine("bin/demo.bin", kApplication);
+        std::string manifest = ManifestLine("Path", "") + ManifestLine("----", "");
+        if (lists_application) manifest += ManifestLine("bin/demo.bin", kApplication);
         volume.write(bank / "bin/demo.bin", application);
         if (!boot_version.empty()) {
             manifest += ManifestLine("bin/boot2.bin", boot);
@@ -222,6 +223,7 @@ private:
                                   : where == 'v' ? padded(row.banks[0].rescue_version)
                                   : what == 'z'  ? std::string(kImageHeaderBytes, '\0')
                                                  : row.banks[0].boot;
+            if (what == 'n' && where != 'v') content.resize(JudgeImage(bytes_of(content), kLargestStoredImage).size);
             if (nand && (where == 'v' || what == 'z')) content.resize(kNandPageBytes);
             const auto size = static_cast<std::uint32_t>(content.size());
             if (nand) {
@@ -247,6 +249,12 @@ BOTH_PROCESSORS(Updates);
 void LoseRecord(Chips &chips) {
     chips.dataflash.absent = true;
     chips.nand.make_factory_bad(1);
+}
+// What is programmed to the second bootloader slot and to the rescue slot is lost.
+void LosePrograms(Chips &chips) {
+    for (const Slot &slot : {SlotsOf(Medium::dataflash).bootloader[1], SlotsOf(Medium::dataflash).rescue})
+        for (std::uint32_t page = slot.address / 1056; page <= (slot.address + 5000) / 1056; ++page)
+            chips.dataflash.faults.push_back({.page = page, .times = UINT_MAX});
 }
 void SmallDataflash(Chips &chips) { chips.dataflash = At45Contents(*FindAt45Part("AT45DB321")); }
 
@@ -302,6 +310,7 @@ const Row kRows[] = {
      kRescueStored,
      "rn vn",
      End::rescue},
+    {"rescue with more after it", {.record = "0"}, {{.rescue = kNewRescue + "more"}}, kRescueStored + kSame, "rn vn"},
     {"rescue and bootloader",
      {},
      {{.boot_version = "1.8.0", .rescue_version = "1.1"}},
@@ -325,6 +334,7 @@ const Row kRows[] = {
      kSame + kApplicationFailed + kOlder + "{v0}{i1}{p1}{done}",
      "1n 0z",
      End::update},
+    {"with more after it", {}, {{"1.8.0", kNewImage + "more"}}, kOlder + "{v0}{i1}{p1}{done}", "1n 0z", End::update},
     {"damaged", {}, {{"1.8.0", Damaged(kNewImage)}}, kOlder + kNotStored, ""},
     {"of another maker", {}, {{"1.8.0", Foreign(kNewImage)}}, kOlder + kNotStored, ""},
     {"shorter than it claims", {}, {{"1.8.0", Claiming(kNewImage, 5001)}}, kOlder + kNotStored, ""},
@@ -337,6 +347,23 @@ const Row kRows[] = {
      {{.application = kBrokenApplication}, {.rescue_version = ""}},
      kSame + kApplicationFailed + kSame,
      ""},
+    {"rescue file of another size before, none now",
+     {},
+     {{.rescue_version = "1.1", .application = kBrokenApplication, .rescue_file = "short"}, {.rescue_version = ""}},
+     "filesize check 4100 != 5\n" + kSame + kApplicationFailed + kSame,
+     ""},
+    {"application listed before, not now",
+     {},
+     {{.application = kBrokenApplication}, {.lists_application = false}},
+     kSame + kApplicationFailed,
+     "",
+     End::rescue},
+    {"bootloader listed before, not now",
+     {},
+     {{.application = kBrokenApplication}, {.boot_version = ""}},
+     kSame + kApplicationFailed,
+     "",
+     End::rescue},
     {"rescue listed before, not now, and a record that cannot be read",
      {"oo"},
      {{.application = kBrokenApplication}, {.rescue_version = ""}},
@@ -402,7 +429,7 @@ TEST_P(Updates, StayWithinTheirChip) {
          {"too long for slot 0", {"-o"}, boot(Long(0x1FC001)), kOlder + "{i0}{v1}" + kNotStored, ""}},
         {Medium::dataflash,
          {"too long for slot 1", {"o-"}, boot(Long(0x200001)), kOlder + "{v0}{i1}" + kNotStored, ""}},
-        {Medium::nand, {"too long", {"o-"}, boot(Long(0x1E0001)), kOlder + "{v0}{i1}{p1}" + kNotStored, ""}},
+        {Medium::nand, {"far too long", {"o-"}, boot(Long(0x480000)), kOlder + "{v0}{i1}{p1}" + kNotStored, ""}},
         {Medium::nand,
          {"no NAND",
           {"--", '-', ""},
@@ -411,6 +438,22 @@ TEST_P(Updates, StayWithinTheirChip) {
           "",
           End::application,
           [](Chips &chips) { chips.nand = NandContents(nullptr); }}},
+        {Medium::dataflash,
+         {"programs of the bootloader lost",
+          {},
+          boot(kNewImage),
+          kOlder + "{v0}{i1}" + kNotStored,
+          "",
+          End::application,
+          LosePrograms}},
+        {Medium::dataflash,
+         {"programs of the rescue image lost",
+          {.rescue = '-'},
+          rescue(kNewRescue),
+          kRescueNotStored + kSame,
+          "",
+          End::application,
+          LosePrograms}},
         {Medium::dataflash,
          {"no DataFlash",
           {},
