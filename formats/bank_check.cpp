@@ -16,6 +16,9 @@ constexpr std::uintmax_t kLargestText = 4u << 20; // the bootloader's whole heap
 
 // A file of the bank, never one outside it; none for anything that is not a regular file.
 fs::path FindFile(const fs::path &directory, const std::string &relative) {
+    // Not even where it stays inside: the board's volume serves no such path (FindOnVolume).
+    for (const fs::path &part : fs::path(relative))
+        if (part == "..") return {};
     std::error_code error;
     // Links are resolved on both sides: a file from elsewhere will be missing where the bank is copied to.
     const fs::path root = fs::canonical(directory, error);

@@ -26,6 +26,7 @@ Prediction Forecast(Chips &chips, const RunOptions &options) {
     board.eeprom = chips.eeprom.bytes;
     board.volume = options.volume;
     board.version_of = [known = options.known](std::span<const std::uint8_t> body) {
+        // Without a version the prediction ends where the image starts.
         const Firmware *build = known->identify(body);
         return build ? VersionText(*build) : "";
     };

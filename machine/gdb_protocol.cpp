@@ -1,6 +1,7 @@
 #include "machine/gdb_protocol.h"
 
 #include <algorithm>
+#include <cassert>
 #include <charconv>
 #include <fmt/format.h>
 
@@ -61,6 +62,7 @@ std::string WordToHex(std::uint32_t word) {
 }
 
 std::uint32_t WordFrom(std::string_view bytes) {
+    assert(bytes.size() == 4 && "callers have judged the packet's length");
     std::uint32_t word = 0;
     for (unsigned i = 0; i < 4; ++i) word |= static_cast<std::uint32_t>(static_cast<unsigned char>(bytes[i])) << 8 * i;
     return word;
@@ -113,7 +115,7 @@ std::optional<GdbPacketReader::Item> GdbPacketReader::next() {
             waiting_.erase(0, 1);
             if (first == '\x03') return Item{Kind::interrupt, {}};
             if (first == '-') return Item{Kind::resend, {}};
-            continue;
+            continue; // an acknowledgement, or the rest of a broken packet
         }
         const std::size_t end = waiting_.find('#');
         if (end == std::string::npos && waiting_.size() <= kGdbPacketMost) return std::nullopt;

@@ -72,11 +72,13 @@ void Machine::connect() {
     volume_.observer = [this](std::string call) { tell(EventKind::file, "volume", std::move(call)); };
     const auto page_time = static_cast<Picoseconds>(static_cast<double>(kSecond * Volume::kPageBytes) /
                                                     (options_.file_rate * 1024 * 1024));
+    // The board waits for a file with its clock running, so the watchdog counts and a cut may come meanwhile.
     volume_.moved = [this, page_time](std::uint64_t pages, std::uint64_t fresh) {
         file_time_ += pages * page_time;
         file_time_needed_ += fresh * page_time;
         board_.clock.advance(pages * page_time);
     };
+    // For native runs. The emulated processor answers with a bus fault of its own while it runs.
     board_.bus.unmapped = [this](std::uint32_t address, bool is_write) {
         stop({StageEnd::fault, 0,
               fmt::format("{} at 0x{:08X}, where nothing is", is_write ? "write" : "read", address)});
@@ -107,6 +109,7 @@ std::vector<std::string> Machine::call_chain() const {
     const std::array<std::uint32_t, 17> all = arm_->registers();
     std::copy_n(all.begin(), registers.size(), registers.begin());
     return Symbols(running()).call_chain(registers, [this](std::uint32_t address) -> std::optional<std::uint32_t> {
+        // Memory hands out writable bytes alone; these are only read.
         const std::span<const std::uint8_t> bytes = const_cast<Board &>(board_).memory.memory().at(address, 4);
         if (bytes.empty()) return std::nullopt;
         std::uint32_t word;
@@ -141,6 +144,7 @@ void Machine::stop(StageResult result) {
 
 ArmProcessor &Machine::arm() {
     if (!arm_) {
+        // Made late: a native run that launches nothing needs no emulator.
         arm_ = std::make_unique<ArmProcessor>(ArmProcessor::Wiring{board_.clock, board_.journal, board_.bus,
                                                                    board_.memory.memory(), debugger_, board_.cache,
                                                                    [this] { return board_.pmc.core_cycle(); }});
@@ -295,6 +299,7 @@ std::optional<Verdict> VerdictOf(const StageResult &end) {
 RunReport Machine::run() {
     for (;;) {
         const Firmware *firmware = choose_bootloader();
+        // Counted after the choice, which asks whether this is the first start.
         ++starts_;
         if (!firmware) {
             report_.verdict = Verdict::no_bootloader;

@@ -1,6 +1,7 @@
 #include "machine/symbols.h"
 
 #include "formats/file.h"
+#include "formats/refusal.h"
 
 #include <cstdlib>
 #include <cxxabi.h>
@@ -27,7 +28,9 @@ const Symbols::Known &Symbols::find(std::uint32_t address) const {
     const auto [entry, is_new] = known_.try_emplace(address);
     Known &known = entry->second;
     if (!is_new) return known;
-    known.place = firmware_ && firmware_->elf ? firmware_->elf->place(address) : fmt::format("0x{:08X}", address);
+    // An ELF may come from anybody, and traces go to terminals.
+    known.place =
+        firmware_ && firmware_->elf ? Printable(firmware_->elf->place(address)) : fmt::format("0x{:08X}", address);
     const std::size_t plus = known.place.rfind('+');
     if (plus == std::string::npos) return known;
     known.routine = WithoutArguments(known.place.substr(0, plus));
@@ -48,7 +51,7 @@ const DebugInfo &Symbols::debug_info() const {
 }
 
 std::string Symbols::place_and_line(std::uint32_t address) const {
-    const std::string line = debug_info().line(address);
+    const std::string line = Printable(debug_info().line(address));
     return line.empty() ? place(address) : fmt::format("{} ({})", place(address), line);
 }
 

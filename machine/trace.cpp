@@ -29,6 +29,7 @@ std::vector<std::string> Words(const std::string &list) {
     std::vector<std::string> words;
     for (std::size_t begin = 0; begin < list.size();) {
         const std::size_t end = std::min(list.find(',', begin), list.size());
+        // Empty words are left out, so that a list may end in a comma.
         if (end > begin) words.push_back(list.substr(begin, end - begin));
         begin = end + 1;
     }
@@ -52,6 +53,7 @@ std::set<EventKind> EventKinds(const std::string &list) {
 }
 
 bool TraceFilter::passes(const Event &event) const {
+    // The cheap questions first: this is asked of every register access.
     if (event.time < from || event.time > until) return false;
     if (!kinds.empty() && !kinds.contains(event.kind)) return false;
     if (!peripherals.empty() && !MatchesAny(event.where.substr(0, event.where.find('.')), peripherals)) return false;

@@ -1,6 +1,7 @@
 #include "machine/volume.h"
 
 #include "formats/board_volume.h"
+#include "formats/refusal.h"
 
 #include <algorithm>
 #include <array>
@@ -30,8 +31,8 @@ int Volume::open(std::string_view path, bool for_writing) {
     if (before_open) before_open();
     const int handle = open_file(path, for_writing);
     if (observer)
-        observer(handle < 0 ? fmt::format("open {}: {}", path, std::strerror(-handle))
-                            : fmt::format("open {}: handle {}", path, handle));
+        observer(handle < 0 ? fmt::format("open {}: {}", Printable(path), std::strerror(-handle))
+                            : fmt::format("open {}: handle {}", Printable(path), handle));
     return handle;
 }
 
@@ -164,6 +165,7 @@ std::uint32_t SemihostingServer::call(std::uint32_t operation, std::uint32_t par
             for (const char c : text) console(c);
         return 0;
     }
+    // Seeking among them: files are read from their beginning to their end here, and take() counts on it.
     default: return failed(EINVAL);
     }
 }

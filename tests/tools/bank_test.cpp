@@ -178,6 +178,8 @@ TEST_F(BankCommand, TellsWhatIsWrongWithABank) {
         {"path", manifest, [](auto &s) { s.replace(4 * 282 + 24, 256, 256, '.'); }, "nothing but", false},
         {"way out", manifest, [](auto &s) { s.replace(4 * 282 + 24, 25, "bin/../../../in/help.img "); },
          "no such file in the bank", true},
+        {"way out and in again", manifest, [](auto &s) { s.replace(2 * 282 + 24, 20, "bin/../bin/demo.bin "); },
+         "no such file in the bank", false},
     };
     for (const auto &row : rows) {
         ASSERT_EQ(build().exit_status, 0);
