@@ -145,7 +145,7 @@ std::vector<std::uint32_t> DebugInfo::call_chain(Registers registers, const Read
         if (!moves) return chain; // stacks grow downwards: anything else would go round for ever
         // A call may be a routine's last instruction, and what it returns to another routine's first.
         // The lowest bit of a return address says that the caller is in the 16-bit instruction set.
-        const std::uint32_t back = (*before)[kProgramCounter];
+        const std::uint32_t back = (*before)[kLink]; // where it goes on, with that bit
         const std::uint32_t call = back & 1 ? back - 3 : back - 4;
         chain.push_back(call);
         registers = *before;
