@@ -137,7 +137,10 @@ std::uint32_t SemihostingServer::write_text(const Request &request) {
     const auto [handle, buffer, length, unused] = request.words;
     // Nothing written: files are not for writing here.
     if (handle != kConsole) return length;
-    for (const std::uint8_t byte : request.memory.at(buffer, length))
+    const std::span<const std::uint8_t> text = request.memory.at(buffer, length);
+    // Memory that is not there has nothing to write.
+    if (text.empty()) return length;
+    for (const std::uint8_t byte : text)
         if (console) console(static_cast<char>(byte));
     return 0;
 }

@@ -450,6 +450,32 @@ TEST(GdbPackets, Framing) {
     EXPECT_EQ(seen, "0g 2 3 1 1 0? ");
 }
 
+class NoTarget : public GdbTarget {
+    std::array<std::uint32_t, 17> registers() override { return {}; }
+    void set_register(unsigned, std::uint32_t) override {}
+    std::optional<std::string> read(std::uint32_t, std::uint32_t) override { return {}; }
+    bool write(std::uint32_t, std::string_view) override { return false; }
+    std::string monitor(const std::string &) override { return {}; }
+    std::string memory_map() override { return {}; }
+    std::string program() override { return {}; }
+    std::optional<std::string> file(const std::string &) override { return {}; }
+};
+
+// Stops are bounded, and a debugger that has set all it may still takes them away again.
+TEST(GdbPackets, StopsAreBoundedAndCanAllBeTakenAway) {
+    NoTarget target;
+    GdbSession session(target);
+    const auto stop = [&](char command, unsigned n) {
+        return session.handle(fmt::format("{}0,{:x},4", command, 4 * n)).reply;
+    };
+    unsigned set = 0;
+    while (set < 100'000 && stop('Z', set) == "OK") ++set;
+    EXPECT_LT(set, 100'000u);
+    for (unsigned n = 0; n < set; ++n) ASSERT_EQ(stop('z', n), "OK") << n;
+    EXPECT_FALSE(session.breaks_at(0));
+    EXPECT_EQ(stop('Z', set), "OK");
+}
+
 } // namespace
 
 } // namespace fixture
