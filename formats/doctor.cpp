@@ -187,8 +187,9 @@ void SlotDoctor::judge(const Match &match) {
         found_.holds = fmt::format("{}, retired: its header is cleared", name);
         return;
     }
-    // Not even the first page is right. On NAND its block is erased first, so a cut in either operation leaves none. A
-    // DataFlash erases and programs a page by one command; only an erased page is a sure sign of a cut.
+    // Not even the first page is right. On NAND its block is erased first, so a cut in either operation leaves none. On
+    // a DataFlash the slot shares its first page with what lies before it, so the page is rewritten by one command with
+    // a built-in erase (83h): torn, it may look decayed, and only an erased one is a sure sign of a cut.
     if (match.prefix > 0 ? was_cut(match) : flash_.medium == Medium::nand || IsAll(first, 0xFF)) {
         found_.condition = SlotCondition::cut;
         found_.cut_page = static_cast<std::uint32_t>(match.prefix);
@@ -293,7 +294,7 @@ void BoardDoctor::tell_bootloaders() {
         if (slot.condition == SlotCondition::retired)
             tell(fmt::format("{} was retired after an update was stored and checked", slot.slot.name));
         if (slot.condition == SlotCondition::damaged)
-            tell(fmt::format("{}: no power cut leaves such pages; cells have decayed or were overwritten; {}",
+            tell(fmt::format("{}: a power cut rarely leaves such pages; cells have decayed or were overwritten; {}",
                              slot.slot.name, whole));
     }
     if (found_.slots[0].condition == SlotCondition::good && found_.slots[1].condition == SlotCondition::good)
@@ -304,7 +305,7 @@ void BoardDoctor::tell_rescue() {
     const SlotDiagnosis &slot = found_.slots[2];
     if (slot.condition == SlotCondition::cut) tell(cut_text(slot, "rescue update"));
     if (slot.condition == SlotCondition::damaged)
-        tell("rescue: no power cut leaves such pages; cells have decayed or were overwritten");
+        tell("rescue: a power cut rarely leaves such pages; cells have decayed or were overwritten");
 }
 
 std::string Verb(const Slot &slot) {

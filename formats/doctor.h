@@ -5,7 +5,7 @@
 //   for (const Repair &repair : found.repairs) repair.apply(RawFlashOf(chips.nand));
 //
 // A slot without a good image is compared with every reference. The order in which an update erases and programs tells
-// how far it came: tests compare the answer with every place at which a sweep cuts the power.
+// how far it came. Tests compare the answer with the cuts of a sweep.
 #pragma once
 
 #include "formats/bank.h"
