@@ -1,5 +1,7 @@
 #include "formats/flash_report.h"
 
+#include "formats/slot_store.h"
+
 #include <algorithm>
 #include <fmt/format.h>
 
@@ -205,14 +207,6 @@ void RefuseUnreadableRecord(const RawFlash &flash, const Provision &provision) {
         throw Refusal(where, "the beginning of the maker text counts as no version", "", "bad-version");
     if (flash.medium == Medium::nand && flash.is_bad(kRecordBlock))
         throw Refusal(where, "block 1 is bad: the record would fall into bootloader slot 0", "", "record-block-bad");
-}
-
-void EraseSlot(const RawFlash &flash, const Slot &slot) {
-    const std::uint32_t end = std::min(flash.bytes, slot.address + slot.capacity);
-    if (slot.address >= end) return;
-    // A NAND write moves on past bad blocks, so it is told only as much as the good ones take.
-    const std::uint32_t length = end - slot.address - BadBlocksIn(flash, slot) * flash.unit;
-    flash.write(slot.address, Bytes(length, 0xFF));
 }
 
 } // namespace
