@@ -1,6 +1,7 @@
 #include "tools/boot_debug.h"
 
 #include "formats/file.h"
+#include "tools/commands.h"
 #include "tools/option_checks.h"
 
 #include <algorithm>
@@ -40,8 +41,8 @@ std::string ThisCall() {
     std::string call;
     for (std::string word; std::getline(words, word, '\0');) {
         // Only what a shell would take apart is quoted, so that the usual call stays readable.
-        const bool plain = word.find_first_of(" '\"$&;|<>*?()\\\n") == std::string::npos && !word.empty();
-        call += (call.empty() ? "" : " ") + (plain ? word : fmt::format("'{}'", word));
+        const bool plain = word.find_first_of(" '\"$&;|<>*?()[]{}#~!`\\\t\n") == std::string::npos && !word.empty();
+        call += (call.empty() ? "" : " ") + (plain ? word : Quoted(word));
     }
     return call;
 }

@@ -203,6 +203,13 @@ int StatusOf(Fault fault) {
 
 std::span<AddCommand *const> AllCommands() { return kCommands; }
 
+std::string Quoted(std::string_view text) {
+    std::string quoted = "'";
+    // The quote itself cannot stand between quotes: they are closed before it and opened again after it.
+    for (const char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return quoted + "'";
+}
+
 int RunCall(std::span<AddCommand *const> commands, const std::vector<std::string> &arguments) {
     CLI::App app("The virtual fixture: a board to run the bootloader on, and the tools for its images and chips",
                  "fixture");

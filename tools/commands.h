@@ -9,6 +9,7 @@
 
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace CLI {
@@ -37,6 +38,9 @@ std::span<AddCommand *const> AllCommands();
 
 // "fixture 1.0, revision 165 of 2026/11/22 12:00:01", and whether its working copy was modified.
 std::string VersionText();
+
+// The text between single quotes, as one word for a shell.
+std::string Quoted(std::string_view text);
 
 // One call, with the arguments after the program's name. Prints what there is to print, errors as well, in the form
 // that the call asks for, and returns the exit status. Nothing is thrown.

@@ -166,9 +166,6 @@ std::string BashCompletion(const Node &top) {
            "fixture\n";
 }
 
-// Between single quotes; `doubled`: what the shell's own syntax inside them needs.
-std::string Quoted(const std::string &text) { return "'" + Replaced(text, "'", "'\\''") + "'"; }
-
 std::string ZshCompletion(const Node &top) {
     std::string paths, values, words;
     ForEach(top, [&](const Node &node) {
