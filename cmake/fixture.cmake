@@ -91,9 +91,6 @@ target_sources(tools PRIVATE ${CMAKE_BINARY_DIR}/made/report_schema.cpp)
 set_property(SOURCE tools/version.cpp PROPERTY INCLUDE_DIRECTORIES ${BUILD_RECORD})
 add_dependencies(tools build-record)
 
-# The large headers are read once, not for every file.
-target_precompile_headers(tools PRIVATE <CLI/CLI.hpp> <fmt/format.h> <nlohmann/json.hpp>)
-
 # Where the modules find what a linker script gives them on the board.
 set(NATIVE_LINK -rdynamic -Wl,--defsym=image_load_buf=0x23000000
                 -Wl,--defsym=__ghsbegin_mr_rwec__videobuffer=0x22F00000)

@@ -9,7 +9,6 @@
 #include "harness/started_board.h"
 #include "tools/commands.h"
 
-#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <initializer_list>
 #include <optional>

@@ -19,8 +19,8 @@
 #include "sweep/case.h"
 #include "tools/chip_files.h"
 #include "tools/commands.h"
+#include "tools/option_checks.h"
 
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <fmt/format.h>
 #include <memory_map.h>
@@ -56,7 +56,7 @@ extern std::span<std::uint8_t> cells;
 extern const SweepFirmware &firmware;
 extern const World &world;
 extern const FlashReader &read;
-extern CLI::App *command;
+extern Command *command;
 extern std::ostream &stream;
 extern std::filesystem::path directory;
 extern Bytes manifest;

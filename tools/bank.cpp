@@ -11,7 +11,6 @@
 #include "tools/option_checks.h"
 #include "tools/prediction_text.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <fmt/format.h>
 #include <memory>
@@ -325,9 +324,9 @@ int Check(const CheckCall &call) {
     return CheckVolume(call, board);
 }
 
-void AddBuild(CLI::App &bank, int &exit_status) {
+void AddBuild(Command &bank, int &exit_status) {
     auto call = std::make_shared<BuildCall>();
-    CLI::App *build = bank.add_subcommand("build", "Make a bank directory from firmware files");
+    Command *build = bank.add_subcommand("build", "Make a bank directory from firmware files");
     build->add_option("OUT", call->out, "directory to write; replaces an older bank there")->required();
     build->add_option("--app", call->application, "main application, flat binary or ELF")
         ->type_name("FILE")
@@ -341,12 +340,10 @@ void AddBuild(CLI::App &bank, int &exit_status) {
     build->add_option("--bootloader-version", call->bootloader_version, "its version, 1 to 16 characters")
         ->type_name("VERSION")
         ->required();
-    CLI::Option *rescue =
-        build->add_option("--rescue", call->rescue, "rescue image; gets its header here if it has none")
-            ->type_name("FILE");
-    CLI::Option *version =
-        build->add_option("--rescue-version", call->rescue_version, "its version, 1 to 16 characters")
-            ->type_name("VERSION");
+    Option *rescue = build->add_option("--rescue", call->rescue, "rescue image; gets its header here if it has none")
+                         ->type_name("FILE");
+    Option *version = build->add_option("--rescue-version", call->rescue_version, "its version, 1 to 16 characters")
+                          ->type_name("VERSION");
     // Both or neither: the board stores a rescue image only when its version differs from the recorded one, so an image
     // without a version could never be told from the one before it.
     rescue->needs(version);
@@ -358,9 +355,9 @@ void AddBuild(CLI::App &bank, int &exit_status) {
     build->callback([call, &exit_status] { exit_status = Build(*call); });
 }
 
-void AddCheck(CLI::App &bank, int &exit_status) {
+void AddCheck(Command &bank, int &exit_status) {
     auto call = std::make_shared<CheckCall>();
-    CLI::App *check =
+    Command *check =
         bank.add_subcommand("check", "Check a bank, or a volume with its banks, and say what a board does with it");
     check->add_option("DIR", call->directory, "bank directory, or the volume that holds data/")->required();
     check->add_option("--as", call->as, "place on the board [the directory's own name, or else app]")
@@ -375,9 +372,9 @@ void AddCheck(CLI::App &bank, int &exit_status) {
 
 } // namespace
 
-void AddBankCommand(CLI::App &app, int &exit_status) {
-    CLI::App *bank = app.add_subcommand("bank", "Banks: directories with one firmware set");
-    bank->require_subcommand(1);
+void AddBankCommand(Command &app, int &exit_status) {
+    Command *bank = app.add_subcommand("bank", "Banks: directories with one firmware set");
+    bank->require_subcommand();
     AddBuild(*bank, exit_status);
     AddCheck(*bank, exit_status);
 }

@@ -15,7 +15,6 @@
 #include "tools/terminal_preview.h"
 #include "tools/timeline_table.h"
 
-#include <CLI/CLI.hpp>
 #include <cassert>
 #include <cstdio>
 #include <fmt/format.h>
@@ -396,25 +395,25 @@ int Boot(BootCall call) {
 
 } // namespace
 
-void AddBootCommand(CLI::App &app, int &exit_status) {
+void AddBootCommand(Command &app, int &exit_status) {
     auto call = std::make_shared<BootCall>();
-    CLI::App *command = app.add_subcommand("boot", "Power a board up and run it to its end");
-    CLI::Option *const firmware =
+    Command *command = app.add_subcommand("boot", "Power a board up and run it to its end");
+    Option *const firmware =
         command->add_option("--firmware", call->firmware, "bootloader image to run, ELF or flat [the built one]")
             ->type_name("FILE");
     command->add_flag("--host", call->host, "run the bootloader on this machine's processor, not on an emulated ARM");
-    CLI::Option *const volume =
+    Option *const volume =
         command->add_option("--volume", call->volume, "directory that the board sees as i:/vol0")->type_name("DIR");
-    CLI::Option *const straps = command->add_option("--straps", call->straps, "boot straps fitted")
-                                    ->check(OneOfKeys(StrapsByName()))
-                                    ->capture_default_str();
-    CLI::Option *const fail =
+    Option *const straps = command->add_option("--straps", call->straps, "boot straps fitted")
+                               ->check(OneOfKeys(StrapsByName()))
+                               ->capture_default_str();
+    Option *const fail =
         command->add_option("--fail", call->fail, "make this part of the board fail")->check(OneOf({"file-server"}));
-    CLI::Option *const watchdog = command
-                                      ->add_option("--watchdog", call->watchdog,
-                                                   "period in seconds of a watchdog that the first stage arms [off]")
-                                      ->check(Number(0.001, 1000));
-    CLI::Option *const resets =
+    Option *const watchdog = command
+                                 ->add_option("--watchdog", call->watchdog,
+                                              "period in seconds of a watchdog that the first stage arms [off]")
+                                 ->check(Number(0.001, 1000));
+    Option *const resets =
         command->add_option("--max-resets", call->most_resets, "number of resets that counts as an endless loop")
             ->check(WholeNumber(1, 1'000'000))
             ->capture_default_str();
@@ -422,16 +421,16 @@ void AddBootCommand(CLI::App &app, int &exit_status) {
         ->check(Number(0.01, 100'000))
         ->capture_default_str();
     command->add_flag("--timeline", call->timeline, "show where the virtual time went");
-    CLI::Option *const demo = command->add_flag(
+    Option *const demo = command->add_flag(
         "--demo", call->demo, "run a demo board that is made for this call; the default without any option");
-    for (CLI::Option *const option : {firmware, volume, straps}) demo->excludes(option);
+    for (Option *const option : {firmware, volume, straps}) demo->excludes(option);
     AddObserveOptions(*command, call->observe);
     call->files.add_options(*command, "chip file; it keeps what the board writes", true);
     command->add_option("--eeprom", call->eeprom, "chip file of the parameter EEPROM")->type_name("FILE");
-    CLI::Option *const snapshot =
+    Option *const snapshot =
         command->add_flag("--snapshot", call->snapshot, "start from the chip files, but leave them as they are");
     command->add_flag("--create", call->create, "make chip files that are missing")->excludes(snapshot);
-    CLI::Option *const vcd =
+    Option *const vcd =
         command->add_option("--vcd", call->vcd, "write the pins as a value change dump, for a logic-analyser program")
             ->type_name("FILE");
     command
@@ -442,10 +441,10 @@ void AddBootCommand(CLI::App &app, int &exit_status) {
     command->add_option("--panel", call->panel, "write what the panel shows at the end, as PNG")->type_name("FILE");
     command->add_option("--panel-frames", call->panel_frames, "write every distinct frame as PNG into this directory")
         ->type_name("DIR");
-    CLI::Option *const gif = command
-                                 ->add_option("--panel-gif", call->panel_gif,
-                                              "write what the panel shows during the boot as an animated GIF")
-                                 ->type_name("FILE");
+    Option *const gif = command
+                            ->add_option("--panel-gif", call->panel_gif,
+                                         "write what the panel shows during the boot as an animated GIF")
+                            ->type_name("FILE");
     command->add_option("--panel-gif-slower", call->gif_style.slower, "factor by which to slow the animation down")
         ->check(WholeNumber(1, 1000))
         ->capture_default_str()
@@ -458,12 +457,12 @@ void AddBootCommand(CLI::App &app, int &exit_status) {
         ->check(OneOfKeys(kWirings))
         ->capture_default_str();
     command->add_flag("--preview", call->preview, "show the panel in the terminal");
-    CLI::Option *const replay =
+    Option *const replay =
         command
             ->add_option("--replay", call->replay,
                          "run a case of a sweep, by the name that the sweep prints; chip files must be new")
             ->type_name("CASE");
-    for (CLI::Option *const option : {firmware, volume, straps, fail, watchdog, snapshot, resets, demo})
+    for (Option *const option : {firmware, volume, straps, fail, watchdog, snapshot, resets, demo})
         replay->excludes(option);
     command
         ->add_option("--power-up", call->power_up,
@@ -472,8 +471,7 @@ void AddBootCommand(CLI::App &app, int &exit_status) {
         ->needs(replay);
     command->add_flag("--json", call->json, "print the verdict as one JSON object, and the console to standard error");
     command->callback([call, command, &exit_status] {
-        const auto given = [](const CLI::Option *option) { return option->count() > 0; };
-        if (command->get_options(given).empty()) call->demo = true;
+        if (!command->any_option_given()) call->demo = true;
         exit_status = Boot(*call);
     });
 }

@@ -49,12 +49,12 @@ std::string ThisCall() {
 
 } // namespace
 
-void AddObserveOptions(CLI::App &command, ObserveCall &call) {
+void AddObserveOptions(Command &command, ObserveCall &call) {
     const char *const group = "Debugging";
     command
         .add_flag("--keep-going", call.keep_going, "continue after something that the datasheets forbid [stop there]")
         ->group(group);
-    CLI::Option *const trace =
+    Option *const trace =
         command
             .add_option("--trace", call.trace, "write every event to this file, one line each; - is standard output")
             ->type_name("FILE")
@@ -87,13 +87,13 @@ void AddObserveOptions(CLI::App &command, ObserveCall &call) {
         ->check(Number(1e-9, 1e9))
         ->needs(trace)
         ->group(group);
-    CLI::Option *const gdb = command
-                                 .add_option("--gdb", call.gdb_port,
-                                             "wait for GDB on this port of the loopback address; 0 takes any free port")
-                                 ->expected(0, 1)
-                                 ->default_str("1234")
-                                 ->check(WholeNumber(0, 65535))
-                                 ->group(group);
+    Option *const gdb = command
+                            .add_option("--gdb", call.gdb_port,
+                                        "wait for GDB on this port of the loopback address; 0 takes any free port")
+                            ->expected(0, 1)
+                            ->default_str("1234")
+                            ->check(WholeNumber(0, 65535))
+                            ->group(group);
     command.add_option("--gdb-on", call.gdb_on, "where to stop and wait for GDB")
         ->check(OneOfKeys(kStops))
         ->capture_default_str()

@@ -7,7 +7,6 @@
 #include "machine/trace.h"
 #include "tools/live.h"
 
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -16,6 +15,8 @@
 #include <vector>
 
 namespace fixture {
+
+class Command;
 
 struct ObserveCall {
     std::string trace;
@@ -33,7 +34,7 @@ struct ObserveCall {
     std::optional<double> live; // seconds of virtual time in a second
     bool wants_frames() const { return !report.empty() || live; }
 };
-void AddObserveOptions(CLI::App &command, ObserveCall &call);
+void AddObserveOptions(Command &command, ObserveCall &call);
 // Throws Refusal for options that would do nothing in this call.
 void CheckObserveOptions(const ObserveCall &call);
 

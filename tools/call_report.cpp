@@ -1,8 +1,8 @@
 #include "tools/call_report.h"
 
 #include "tools/commands.h"
+#include "tools/options.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <fmt/format.h>
@@ -32,9 +32,9 @@ std::string UnknownId(const std::string &id) {
 
 std::span<const std::string_view> WarningIds() { return kWarningIds; }
 
-void WarningOptions::add_options(CLI::App &command) {
+void WarningOptions::add_options(Command &command) {
     command.add_flag("--strict", strict, "treat warnings as failures, with exit status 1");
-    command.add_option("--allow", allowed, "warnings to ignore, by identifier")->check(UnknownId);
+    command.add_option("--allow", allowed, "warnings to ignore, by identifier")->check({UnknownId, ""});
 }
 
 nlohmann::ordered_json TextJson(std::string_view text) { return Escaped(text); }

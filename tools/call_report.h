@@ -17,11 +17,9 @@
 #include <string_view>
 #include <vector>
 
-namespace CLI {
-class App;
-}
-
 namespace fixture {
+
+class Command;
 
 inline constexpr const char *kJsonSchema = "fixture/1";
 
@@ -29,7 +27,7 @@ inline constexpr const char *kJsonSchema = "fixture/1";
 struct WarningOptions {
     bool strict = false;
     std::vector<std::string> allowed;
-    void add_options(CLI::App &command);
+    void add_options(Command &command);
 };
 // Every identifier that a warning can have.
 std::span<const std::string_view> WarningIds();

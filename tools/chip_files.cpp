@@ -3,7 +3,6 @@
 #include "machine/raw_flash.h"
 #include "tools/option_checks.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 namespace fixture {
@@ -15,7 +14,7 @@ template <typename Contents> Contents Load(Contents contents, const std::string 
     return contents;
 }
 
-template <typename Parts> CLI::Validator OnePart(const Parts &parts, bool none_too) {
+template <typename Parts> ValueCheck OnePart(const Parts &parts, bool none_too) {
     std::vector<std::string> names;
     if (none_too) names.emplace_back("none");
     for (const auto &part : parts) names.emplace_back(part.name);
@@ -24,13 +23,13 @@ template <typename Parts> CLI::Validator OnePart(const Parts &parts, bool none_t
 
 } // namespace
 
-void ChipFiles::add_options(CLI::App &command, const std::string &help, bool none_too) {
+void ChipFiles::add_options(Command &command, const std::string &help, bool none_too) {
     command.add_option("--nand", nand, "NAND " + help)->type_name("FILE");
     command.add_option("--dataflash", dataflash, "DataFlash " + help)->type_name("FILE");
     add_part_options(command, none_too);
 }
 
-void ChipFiles::add_part_options(CLI::App &command, bool none_too) {
+void ChipFiles::add_part_options(Command &command, bool none_too) {
     command
         .add_option("--nand-part", nand_part, "NAND on the board")
         // From the table of models, so that a part added there is offered here.

@@ -22,11 +22,9 @@
 #include <optional>
 #include <string>
 
-namespace CLI {
-class App;
-}
-
 namespace fixture {
+
+class Command;
 
 struct ChipFiles {
     std::string nand; // files; empty: not named
@@ -36,9 +34,9 @@ struct ChipFiles {
 
     bool named() const { return !nand.empty() || !dataflash.empty(); }
     // --nand, --nand-part, --dataflash and --dataflash-part. `none_too`: "none" is a part as well.
-    void add_options(CLI::App &command, const std::string &help = "chip file", bool none_too = false);
+    void add_options(Command &command, const std::string &help = "chip file", bool none_too = false);
     // --nand-part and --dataflash-part alone.
-    void add_part_options(CLI::App &command, bool none_too = false);
+    void add_part_options(Command &command, bool none_too = false);
 };
 
 // The straps that --straps names: none, 12-13, 14-18 or both.

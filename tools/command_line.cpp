@@ -223,7 +223,8 @@ int RunCall(std::span<AddCommand *const> commands, const std::vector<std::string
         "Exit status: 0 good, 1 the thing examined is bad, 2 the call is wrong, 3 a run that ended badly,\n"
         "4 a file cannot be written, 5 standard output or error cannot be written, 6 a fault of fixture itself.");
     int exit_status = kGood;
-    for (AddCommand *const add : commands) add(app, exit_status);
+    Command top(app);
+    for (AddCommand *const add : commands) add(top, exit_status);
     // Holds unless the call below returns: what escapes it comes from printing, so a stream has failed.
     int status = kStreamFailed;
     try {

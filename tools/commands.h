@@ -12,11 +12,9 @@
 #include <string_view>
 #include <vector>
 
-namespace CLI {
-class App;
-}
-
 namespace fixture {
+
+class Command;
 
 // What a call's exit status says. README.md has the table for users.
 enum ExitStatus : int {
@@ -30,7 +28,7 @@ enum ExitStatus : int {
 };
 int StatusOf(Fault fault);
 
-using AddCommand = void(CLI::App &app, int &exit_status);
+using AddCommand = void(Command &app, int &exit_status);
 AddCommand AddBankCommand, AddBootCommand, AddDescribeCommand, AddDiffCommand, AddDoctorCommand, AddEepromCommand,
     AddExplainCommand, AddFlashCommand, AddImageCommand, AddSplashCommand, AddSweepCommand;
 // All of them, in the order of the help.

@@ -261,14 +261,14 @@ int Describe(const CLI::App &app, const DescribeCall &call) {
 
 } // namespace
 
-void AddDescribeCommand(CLI::App &app, int &exit_status) {
+void AddDescribeCommand(Command &app, int &exit_status) {
     auto call = std::make_shared<DescribeCall>();
-    CLI::App *command = app.add_subcommand("describe", "Print shell completion, manual pages, or the schema of --json");
+    Command *command = app.add_subcommand("describe", "Print shell completion, manual pages, or the schema of --json");
     command->add_option("FORM", call->form, "what to print")->required()->check(OneOf(kForms));
     command->add_option("--into", call->into, "with man, directory for one page per command [print the first page]")
         ->type_name("DIR");
     command->add_flag("--json", call->json, "one JSON object");
-    command->callback([call, &app, &exit_status] { exit_status = Describe(app, *call); });
+    command->callback([call, &app, &exit_status] { exit_status = Describe(app.parser(), *call); });
 }
 
 } // namespace fixture

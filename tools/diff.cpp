@@ -11,7 +11,6 @@
 #include "tools/option_checks.h"
 #include "tools/references.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cassert>
 #include <fmt/format.h>
@@ -329,9 +328,9 @@ int Diff(const DiffCall &call) {
 
 } // namespace
 
-void AddDiffCommand(CLI::App &app, int &exit_status) {
+void AddDiffCommand(Command &app, int &exit_status) {
     auto call = std::make_shared<DiffCall>();
-    CLI::App *command =
+    Command *command =
         app.add_subcommand("diff", "Compare two chips, banks or boards: slots, versions, parameters, pages");
     command->add_option("A", call->one, "chip file, bank directory, or board directory")->required();
     command->add_option("B", call->other, "what to compare it with")->required();

@@ -8,7 +8,6 @@
 #include "tools/option_checks.h"
 #include "tools/references.h"
 
-#include <CLI/CLI.hpp>
 #include <cassert>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
@@ -212,15 +211,15 @@ int Diagnose(const DoctorCall &call) {
 
 } // namespace
 
-void AddDoctorCommand(CLI::App &app, int &exit_status) {
+void AddDoctorCommand(Command &app, int &exit_status) {
     auto call = std::make_shared<DoctorCall>();
-    CLI::App *command =
+    Command *command =
         app.add_subcommand("doctor", "Find what is wrong with a board's chips, how it came about, and how to mend it");
     call->chips.add_options(*command);
     command->add_option("--eeprom", call->eeprom, "chip file of the parameter EEPROM")->type_name("FILE");
     command->add_option("--bank", call->banks, "bank whose images the chip may have held; may be repeated")
         ->type_name("DIR");
-    CLI::Option *fix =
+    Option *fix =
         command->add_option("--fix", call->fix, "write the mended chip to this new file; the named one stays as it is")
             ->type_name("FILE");
     command->add_option("--only", call->only, "slot or sector to mend, by its name in the report [all]")

@@ -8,7 +8,6 @@
 #include "tools/chip_files.h"
 #include "tools/option_checks.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
 #include <filesystem>
@@ -188,15 +187,15 @@ int Set(const EepromCall &call) {
 
 } // namespace
 
-void AddEepromCommand(CLI::App &app, int &exit_status) {
+void AddEepromCommand(Command &app, int &exit_status) {
     auto call = std::make_shared<EepromCall>();
-    CLI::App *eeprom = app.add_subcommand("eeprom", "Show the parameter store in a chip file, or set parameters");
-    eeprom->require_subcommand(1);
-    CLI::App *show = eeprom->add_subcommand("show", "Print both sectors, and which one the bootloader uses");
+    Command *eeprom = app.add_subcommand("eeprom", "Show the parameter store in a chip file, or set parameters");
+    eeprom->require_subcommand();
+    Command *show = eeprom->add_subcommand("show", "Print both sectors, and which one the bootloader uses");
     show->add_option("FILE", call->file, "chip file of the parameter EEPROM, 2048 bytes")->required();
     show->add_flag("--json", call->json, "one JSON object");
     show->callback([call, &exit_status] { exit_status = Show(*call); });
-    CLI::App *set =
+    Command *set =
         eeprom->add_subcommand("set", "Set parameters as the bootloader's commit would; a missing file is made");
     set->add_option("FILE", call->file, "chip file of the parameter EEPROM, 2048 bytes")->required();
     set->add_option("SETTING", call->settings,

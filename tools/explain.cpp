@@ -11,7 +11,6 @@
 
 #include "formats/boot_prediction.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <fmt/format.h>
 #include <memory>
@@ -135,10 +134,9 @@ int Explain(const ExplainCall &call) {
 
 } // namespace
 
-void AddExplainCommand(CLI::App &app, int &exit_status) {
+void AddExplainCommand(Command &app, int &exit_status) {
     auto call = std::make_shared<ExplainCall>();
-    CLI::App *command =
-        app.add_subcommand("explain", "Predict what a board will do, and why, from its chips and files");
+    Command *command = app.add_subcommand("explain", "Predict what a board will do, and why, from its chips and files");
     call->chips.add_options(*command);
     command->add_option("--eeprom", call->eeprom, "chip file of the parameter EEPROM")->type_name("FILE");
     command->add_option("--volume", call->volume, "directory that the board sees as i:/vol0")->type_name("DIR");

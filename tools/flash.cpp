@@ -214,9 +214,9 @@ int ConvertChip(const FlashCall &call) {
     return outcome.finish(kGood);
 }
 
-void AddProvision(CLI::App &command, int &exit_status) {
+void AddProvision(Command &command, int &exit_status) {
     auto call = std::make_shared<FlashCall>();
-    CLI::App *provision = command.add_subcommand("provision", "Store a bootloader as production does");
+    Command *provision = command.add_subcommand("provision", "Store a bootloader as production does");
     provision->add_option("--medium", call->medium, "chip the board boots from")
         ->required()
         ->check(OneOf({"nand", "dataflash"}));
@@ -233,18 +233,18 @@ void AddProvision(CLI::App &command, int &exit_status) {
     provision->callback([call, &exit_status] { exit_status = ProvisionFlash(*call); });
 }
 
-void AddInfo(CLI::App &command, int &exit_status) {
+void AddInfo(Command &command, int &exit_status) {
     auto call = std::make_shared<FlashCall>();
-    CLI::App *info = command.add_subcommand("info", "Show every slot, and what can still go wrong");
+    Command *info = command.add_subcommand("info", "Show every slot, and what can still go wrong");
     call->chips.add_options(*info);
     call->judging.add_options(*info);
     info->add_flag("--json", call->json, "one JSON object");
     info->callback([call, &exit_status] { exit_status = ShowFlash(*call); });
 }
 
-void AddConvert(CLI::App &command, int &exit_status) {
+void AddConvert(Command &command, int &exit_status) {
     auto call = std::make_shared<FlashCall>();
-    CLI::App *convert = command.add_subcommand("convert", "Write a chip file in another layout, at full length");
+    Command *convert = command.add_subcommand("convert", "Write a chip file in another layout, at full length");
     convert->add_option("IN", call->input, "chip file; its layout is recognised")->required();
     convert->add_option("OUT", call->output, "chip file to write")->required();
     convert->add_option("--medium", call->medium, "what the file holds")
@@ -262,10 +262,9 @@ void AddConvert(CLI::App &command, int &exit_status) {
 
 } // namespace
 
-void AddFlashCommand(CLI::App &app, int &exit_status) {
-    CLI::App *command =
-        app.add_subcommand("flash", "The slots of a board's raw flash: provision, show, write, compare");
-    command->require_subcommand(1);
+void AddFlashCommand(Command &app, int &exit_status) {
+    Command *command = app.add_subcommand("flash", "The slots of a board's raw flash: provision, show, write, compare");
+    command->require_subcommand();
     AddProvision(*command, exit_status);
     AddInfo(*command, exit_status);
     AddConvert(*command, exit_status);

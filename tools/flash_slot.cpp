@@ -10,7 +10,6 @@
 #include "tools/option_checks.h"
 #include "tools/references.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -189,10 +188,10 @@ int VerifyChip(const SlotCall &call) {
 
 } // namespace
 
-void AddFlashSlotCommands(CLI::App &flash, int &exit_status) {
+void AddFlashSlotCommands(Command &flash, int &exit_status) {
     auto call = std::make_shared<SlotCall>();
     const auto add = [&](const char *name, const char *help, bool with_record, int (*run)(const SlotCall &)) {
-        CLI::App *command = flash.add_subcommand(name, help);
+        Command *command = flash.add_subcommand(name, help);
         // The record has no image to extract.
         std::vector<std::string> names = kSlotNames;
         if (with_record) names.emplace_back("record");
@@ -205,18 +204,18 @@ void AddFlashSlotCommands(CLI::App &flash, int &exit_status) {
         return command;
     };
     const char *const kOut = "write the changed chip to this file and leave the named one as it is";
-    CLI::App *extract = add("extract", "Copy the image of one slot to a file", false, Extract);
+    Command *extract = add("extract", "Copy the image of one slot to a file", false, Extract);
     extract->add_option("--out", call->out, "file to write")->type_name("FILE")->required();
     extract->add_flag("--raw", call->raw, "copy every byte of the slot, good image or not");
-    CLI::App *write = add("write", "Store an image in one slot; the others stay as they are", true, Write);
+    Command *write = add("write", "Store an image in one slot; the others stay as they are", true, Write);
     write->add_option("--image", call->image, "stored image, flat binary or ELF")->type_name("FILE");
     write->add_option("--version", call->version, "version to record, with a rescue image or alone")
         ->type_name("VERSION");
     write->add_option("--out", call->out, kOut)->type_name("FILE");
-    CLI::App *erase = add("erase", "Erase one slot; the others stay as they are", true, Erase);
+    Command *erase = add("erase", "Erase one slot; the others stay as they are", true, Erase);
     erase->add_option("--out", call->out, kOut)->type_name("FILE");
 
-    CLI::App *verify = flash.add_subcommand("verify", "Compare the slots with what a bank carries");
+    Command *verify = flash.add_subcommand("verify", "Compare the slots with what a bank carries");
     call->chips.add_options(*verify);
     verify->add_option("--against", call->bank, "bank directory")->type_name("DIR")->required();
     verify->add_flag("--json", call->json, "report as one JSON object");

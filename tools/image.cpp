@@ -4,8 +4,8 @@
 #include "formats/stored_image.h"
 #include "tools/call_report.h"
 #include "tools/chip_files.h"
+#include "tools/options.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <fmt/format.h>
 #include <memory>
@@ -113,18 +113,18 @@ int ShowImage(const ImageCall &call) {
 
 } // namespace
 
-void AddImageCommand(CLI::App &app, int &exit_status) {
+void AddImageCommand(Command &app, int &exit_status) {
     auto call = std::make_shared<ImageCall>();
-    CLI::App *command = app.add_subcommand("image", "Stored images: images with the header that raw flash needs");
-    command->require_subcommand(1);
+    Command *command = app.add_subcommand("image", "Stored images: images with the header that raw flash needs");
+    command->require_subcommand();
 
-    CLI::App *wrap = command->add_subcommand("wrap", "Put the 32-byte header before an image");
+    Command *wrap = command->add_subcommand("wrap", "Put the 32-byte header before an image");
     wrap->add_option("IN", call->input, "ELF executable or flat binary")->required();
     wrap->add_option("OUT", call->output, "stored image to write")->required();
     wrap->add_flag("--json", call->json, "one JSON object");
     wrap->callback([call, &exit_status] { exit_status = WrapImage(*call); });
 
-    CLI::App *info = command->add_subcommand("info", "Show and check a stored image");
+    Command *info = command->add_subcommand("info", "Show and check a stored image");
     info->add_option("FILE", call->input, "stored image")->required();
     call->chips.add_options(*info->add_option_group("Board", "chips to check against [blank]"));
     call->judging.add_options(*info);

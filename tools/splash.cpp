@@ -3,8 +3,8 @@
 
 #include "formats/splash.h"
 #include "tools/call_report.h"
+#include "tools/options.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <memory>
 #include <set>
@@ -55,18 +55,18 @@ int Decode(const SplashCall &call) {
 
 } // namespace
 
-void AddSplashCommand(CLI::App &app, int &exit_status) {
+void AddSplashCommand(Command &app, int &exit_status) {
     auto call = std::make_shared<SplashCall>();
-    CLI::App *command = app.add_subcommand("splash", "The start-up picture in its compressed form");
-    command->require_subcommand(1);
+    Command *command = app.add_subcommand("splash", "The start-up picture in its compressed form");
+    command->require_subcommand();
 
-    CLI::App *encode = command->add_subcommand("encode", "Compress a picture into the bootloader's array");
+    Command *encode = command->add_subcommand("encode", "Compress a picture into the bootloader's array");
     encode->add_option("IN.png", call->input, "320 x 240 pixels, black from row 219 on")->required();
     encode->add_option("OUT.cpp", call->output, "C++ source to write")->required();
     encode->add_flag("--json", call->json, "one JSON object");
     encode->callback([call, &exit_status] { exit_status = Encode(*call); });
 
-    CLI::App *decode = command->add_subcommand("decode", "Turn the array back into a picture");
+    Command *decode = command->add_subcommand("decode", "Turn the array back into a picture");
     decode->add_option("IN.cpp", call->input, "C++ source that encode wrote")->required();
     decode->add_option("OUT.png", call->output, "picture to write")->required();
     decode->add_flag("--json", call->json, "one JSON object");

@@ -7,7 +7,6 @@
 #include "tools/call_report.h"
 #include "tools/option_checks.h"
 
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <fmt/format.h>
 #include <memory>
@@ -268,9 +267,9 @@ int Merge(const SweepCall &call) {
 
 } // namespace
 
-void AddSweepCommand(CLI::App &app, int &exit_status) {
+void AddSweepCommand(Command &app, int &exit_status) {
     auto call = std::make_shared<SweepCall>();
-    CLI::App *command =
+    Command *command =
         app.add_subcommand("sweep", "Cut the power at every operation, and check that the board recovers");
     CampaignCall &asked = call->asked;
     // A sweep is the command itself; `merge` is its only subcommand, and may be left out.
@@ -320,11 +319,11 @@ void AddSweepCommand(CLI::App &app, int &exit_status) {
     command->add_option("--report", call->report, "run the whole campaign and write its document to this file")
         ->type_name("FILE")
         // The document has its own scenarios, processors and losses. A narrower one would pass for the whole.
-        ->excludes("SCENARIO", "--list", "--processor", "--losses", "--foretell", "--boards");
+        ->excludes({"SCENARIO", "--list", "--processor", "--losses", "--foretell", "--boards"});
     command->add_option("--shard", call->shard, "run K/N, the Kth of N parts, and keep its results in --out")
         ->type_name("K/N");
     command->add_option("--out", call->out, "file for the part's results, for merge")->type_name("FILE");
-    CLI::App *merge = command->add_subcommand("merge", "Join the parts of a campaign into the results of one run");
+    Command *merge = command->add_subcommand("merge", "Join the parts of a campaign into the results of one run");
     merge->add_option("PART", call->parts, "the parts' files, in any order")->required();
     merge->add_flag("--json", call->json, "results as one JSON object");
     merge->add_option("--report", call->report, "the document's file [docs/reliability.md]")->type_name("FILE");
@@ -332,7 +331,7 @@ void AddSweepCommand(CLI::App &app, int &exit_status) {
     merge->callback([call, &exit_status] { exit_status = Merge(*call); });
     command->callback([call, command, &exit_status] {
         // The parser runs this for `merge` as well.
-        if (command->get_subcommands().empty()) exit_status = Sweep(*call);
+        if (!command->any_subcommand_given()) exit_status = Sweep(*call);
     });
 }
 
