@@ -258,8 +258,8 @@ SweepFirmware::SweepFirmware(const fs::path &directory) : known(directory) {
 const Firmware &SweepFirmware::version(int build) const {
     for (const Firmware &firmware : known.all())
         if (firmware.version.build == std::to_string(build)) return firmware;
-    throw Refusal(Fault::unreadable,
-                  {"missing", fmt::format("build 1.9.{} of the bootloader", build), "not there", "run make firmware"});
+    throw Refusal(Fault::unreadable, {"missing", fmt::format("build 1.9.{} of the bootloader", build),
+                                      "missing; `make firmware` builds it", ""});
 }
 
 std::shared_ptr<const fs::path> TemporaryVolume() {

@@ -34,7 +34,9 @@ std::span<const std::string_view> WarningIds() { return kWarningIds; }
 
 void WarningOptions::add_options(Command &command) {
     command.add_flag("--strict", strict, "treat warnings as failures, with exit status 1");
-    command.add_option("--allow", allowed, "warnings to ignore, by identifier")->check({UnknownId, ""});
+    command.add_option("--allow", allowed, "warnings to ignore, by identifier")
+        ->type_name("ID")
+        ->check({UnknownId, ""});
 }
 
 nlohmann::ordered_json TextJson(std::string_view text) { return Escaped(text); }

@@ -195,7 +195,9 @@ void AddFlashSlotCommands(Command &flash, int &exit_status) {
         // The record has no image to extract.
         std::vector<std::string> names = kSlotNames;
         if (with_record) names.emplace_back("record");
-        command->add_option("SLOT", call->slot, with_record ? "slot; record is the rescue image's version" : "slot")
+        command
+            ->add_option("SLOT", call->slot,
+                         with_record ? "which slot; record is the rescue image's version" : "which slot")
             ->required()
             ->check(OneOf(names));
         call->chips.add_options(*command);

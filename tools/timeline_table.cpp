@@ -29,6 +29,8 @@ nlohmann::ordered_json ToJson(const TimeSpent &spent) {
 std::string TimelineTable(const Timeline &timeline) {
     const TimeSplit sum = timeline.sum();
     const TimeSpent boot = timeline.total();
+    // Without a bootloader no time passes, and there are no shares of nothing.
+    if (boot.time == 0) return "virtual ms: nothing ran\n";
     // All of them or none: the first five of a loop would not add up to the sum beside them.
     const std::size_t columns = timeline.starts().size() > kMostColumns ? 0 : timeline.starts().size();
     std::string text = fmt::format("{:14}", "virtual ms");
