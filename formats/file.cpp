@@ -11,6 +11,8 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <map>
+#include <memory>
 #include <streambuf>
 #include <sys/file.h>
 #include <sys/mman.h>
@@ -331,41 +333,69 @@ void WriteFile(const fs::path &file, std::string_view text) {
 
 namespace {
 
-// The handle that holds the file's lock; -1: somebody else has it, or it was replaced meanwhile.
-int TryLock(const fs::path &file) {
-    int handle = open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    const bool missing = handle < 0 && errno == ENOENT;
-    // No file to hold yet: its directory stands in, so that two who would both create it wait for each other.
-    if (missing) handle = open(DirectoryOf(TargetOf(file)).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (handle < 0) Fail(Fault::unreadable, file, errno);
-    if (flock(handle, LOCK_EX | LOCK_NB) == 0) {
-        // A writer renames: the name may lead to another file now, which this lock does not hold.
-        struct stat held {
-        }, named{};
-        const bool there = stat(file.c_str(), &named) == 0;
-        const bool same = fstat(handle, &held) == 0 && held.st_dev == named.st_dev && held.st_ino == named.st_ino;
-        if (missing ? !there : there && same) return handle;
+// A handle whose lock goes with it.
+class Held {
+public:
+    explicit Held(int handle) : handle_(handle) {}
+    ~Held() { close(handle_); }
+    Held(const Held &) = delete;
+    Held &operator=(const Held &) = delete;
+
+private:
+    int handle_;
+};
+
+// A directory is locked once for all new files that this process makes in it: a second lock of its own would wait for
+// the first for ever.
+std::shared_ptr<const Held> OwnDirectory(const struct stat &directory, int handle) {
+    static std::map<std::pair<dev_t, ino_t>, std::weak_ptr<const Held>> held;
+    auto &own = held[{directory.st_dev, directory.st_ino}];
+    if (const auto first = own.lock()) {
+        close(handle);
+        return first;
     }
-    close(handle);
-    return -1;
+    if (flock(handle, LOCK_EX | LOCK_NB) != 0) {
+        close(handle);
+        return nullptr;
+    }
+    const auto first = std::make_shared<const Held>(handle);
+    own = first;
+    return first;
+}
+
+// What holds the file; null: somebody else holds it, or it was replaced meanwhile.
+std::shared_ptr<const Held> TryLock(const fs::path &file) {
+    struct stat held {
+    }, named{};
+    int handle = open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (handle < 0 && errno == ENOENT) {
+        // No file to hold yet: its directory stands in, so that two who would both create it wait for each other.
+        handle = open(DirectoryOf(TargetOf(file)).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (handle < 0 || fstat(handle, &held) != 0) Fail(Fault::unreadable, file, errno);
+        const auto lock = OwnDirectory(held, handle);
+        return stat(file.c_str(), &named) == 0 ? nullptr : lock;
+    }
+    if (handle < 0) Fail(Fault::unreadable, file, errno);
+    auto lock = std::make_shared<const Held>(handle);
+    if (flock(handle, LOCK_EX | LOCK_NB) != 0) return nullptr;
+    // A writer renames: the name may lead to another file now, which this lock does not hold.
+    const bool same = stat(file.c_str(), &named) == 0 && fstat(handle, &held) == 0 && held.st_dev == named.st_dev &&
+                      held.st_ino == named.st_ino;
+    return same ? lock : nullptr;
 }
 
 } // namespace
 
-FileLock::FileLock(const fs::path &file, double seconds) : handle_(TryLock(file)) {
+FileLock::FileLock(const fs::path &file, double seconds) : held_(TryLock(file)) {
     using Clock = std::chrono::steady_clock;
     const auto end = Clock::now() + std::chrono::duration<double>(seconds);
-    while (handle_ < 0) {
+    while (!held_) {
         if (Clock::now() > end)
             throw Refusal(Fault::output, {"in-use", file.string(), "another process is changing it", ""});
         // Asked again and again, since a wait in flock() has no time limit.
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        handle_ = TryLock(file);
+        held_ = TryLock(file);
     }
-}
-FileLock::FileLock(FileLock &&other) noexcept : handle_(std::exchange(other.handle_, -1)) {}
-FileLock::~FileLock() {
-    if (handle_ >= 0) close(handle_);
 }
 
 // --- directories

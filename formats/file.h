@@ -88,16 +88,14 @@ void WriteFile(const std::filesystem::path &file, std::span<const std::uint8_t> 
 void WriteFile(const std::filesystem::path &file, std::string_view text);
 
 // Holds a file that will be read, changed and written back, so that no other process does the same meanwhile. A file
-// that does not exist yet is held by its directory. Waits for `seconds`, then throws Refusal.
+// that does not exist yet is held by its directory, which one process may hold for several files. Waits for `seconds`,
+// then throws Refusal.
 class FileLock {
 public:
     explicit FileLock(const std::filesystem::path &file, double seconds = 10);
-    ~FileLock();
-    FileLock(FileLock &&other) noexcept;
-    FileLock &operator=(FileLock &&) = delete;
 
 private:
-    int handle_;
+    std::shared_ptr<const void> held_;
 };
 
 class NewDirectory {
