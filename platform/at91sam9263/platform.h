@@ -2,6 +2,8 @@
 // platform is in <kernel.h>.
 #pragma once
 
+#include "console.h"
+
 #include <cstdint>
 
 // Called from the entry, with zero-initialised data cleared. Never returns: it ends the run and idles.
@@ -12,12 +14,6 @@ extern "C" [[noreturn]] void FAULT_Report(std::uint32_t vector, std::uint32_t pc
 
 // Maps memory flat, with caches, alignment checks and high vectors on.
 void MMU_Enable(void);
-
-// The DBGU at 115,200 baud, polled. CONSOLE_Put waits until the character is taken.
-void CONSOLE_Init(void);
-void CONSOLE_Put(char c);
-void CONSOLE_PutText(const char *text);
-void CONSOLE_PutHex(std::uint32_t value);
 
 // Starts the timer that usleep reads.
 void TIMER_Init(void);

@@ -1,6 +1,6 @@
 #include "platform/host/host_kernel.h"
+#include "console.h"
 
-#include <at91sam9263.h>
 #include <kernel.h>
 #include <memory_map.h>
 
@@ -30,13 +30,6 @@ std::size_t g_allocated = 0;
 int Fails(long result) {
     errno = static_cast<int>(-result);
     return -1;
-}
-
-void Put(char c) {
-    constexpr std::uint32_t kTransmitReady = 0x2;
-    while (!(DBGU.SR().read() & kTransmitReady)) {
-    }
-    DBGU.THR().write(static_cast<std::uint8_t>(c));
 }
 
 } // namespace
@@ -102,13 +95,13 @@ int host_printf(const char *format, ...) {
     va_end(arguments);
     const std::string copy = length < 0 ? std::string{} : std::string(text, static_cast<std::size_t>(length));
     std::free(text);
-    for (const char c : copy) fixture::Put(c);
+    for (const char c : copy) CONSOLE_Put(c);
     return length;
 }
 
 int host_puts(const char *text) { return host_printf("%s\n", text); }
 int host_putchar(int c) {
-    fixture::Put(static_cast<char>(c));
+    CONSOLE_Put(static_cast<char>(c));
     return c;
 }
 int host_fflush(std::FILE *) { return 0; }

@@ -1,4 +1,5 @@
 // The board's start-up in a host process: the same devices in the same order as on the processor.
+#include "console.h"
 #include "platform/host/host_kernel.h"
 #include "stand_ins.h"
 
@@ -10,22 +11,9 @@
 
 extern "C" int host_printf(const char *format, ...);
 
-// The debug unit as the board's platform sets it up: the first stage may have left it off.
-static void StartConsole() {
-    constexpr std::uint32_t kPins = 3u << 30; // PC30 and PC31, peripheral A
-    constexpr std::uint32_t kNoParity = 4u << 9;
-    constexpr std::uint32_t kEnable = 1u << 6 | 1u << 4; // transmitter, receiver
-    constexpr std::uint32_t kBaud = 115'200;
-    PIOC.ASR().write(kPins);
-    PIOC.PDR().write(kPins);
-    DBGU.MR().write(kNoParity);
-    DBGU.BRGR().write((GetMasterClock() + 8 * kBaud) / (16 * kBaud));
-    DBGU.CR().write(kEnable);
-}
-
 void host_platform_start(void) {
     PMC.PCER().write(1u << ID_PIOA | 1u << ID_PIOB | 1u << ID_PIOCDE);
-    StartConsole();
+    CONSOLE_Init();
     AT91SAM926X_InitializeLCD();
     dev_at91sam926x_twi_init();
     FLASHLAYER_Start();

@@ -1,4 +1,4 @@
-#include "platform.h"
+#include "console.h"
 
 #include <at91sam9263.h>
 #include <kernel.h>
