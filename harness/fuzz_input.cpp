@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <fstream>
 #include <stdexcept>
 
 namespace fixture {
