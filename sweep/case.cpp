@@ -82,29 +82,7 @@ std::optional<CaseId> ParseCase(std::string_view name) {
     return name.empty() ? std::optional(id) : std::nullopt;
 }
 
-// The whole history seeds the tearing through its last cut alone, so that one cut tears alike in every path to it.
-std::uint64_t TearingSeed(const std::vector<Cut> &cuts, std::uint64_t seed) {
-    assert(!cuts.empty() && "only a cut tears anything");
-    const Cut &cut = cuts.back();
-    const std::uint64_t operation = cut.operation * 3 + static_cast<unsigned>(cut.moment);
-    const auto seed_of = [&](std::uint64_t way) { return (seed ^ operation ^ way << 40) * 0x9E3779B97F4A7C15u; };
-    if (cut.way != 2) return seed_of(cut.way - 1);
-    // Chips choose by their first numbers, odd or even, between part of the bytes and part of the bits: the second way
-    // is the other one.
-    const auto choices = [](std::uint64_t from) {
-        Random random(from);
-        const std::uint64_t first = random() % 2;
-        return first << 1 | random() % 2;
-    };
-    std::uint64_t way = 1;
-    // Both choices the other way round. They are two bits, so a few tries find it.
-    while (choices(seed_of(way << 8)) != 3 - choices(seed_of(0))) ++way;
-    return seed_of(way << 8);
-}
-
-PowerCut PlanOf(const std::vector<Cut> &cuts, std::uint64_t seed) {
-    return {cuts.back().operation, cuts.back().moment, TearingSeed(cuts, seed)};
-}
+PowerCut PlanOf(const Cut &cut, const World &world) { return {cut.operation, cut.moment, world.board.seed, cut.way}; }
 
 const char *NameOf(Outcome outcome) {
     static constexpr std::array kNames = {"good",
@@ -447,23 +425,21 @@ std::uint64_t Sweeper::operations() {
     return *operations_;
 }
 
-std::vector<Snapshot> Sweeper::take_snapshots(const Chips &start, unsigned number, const std::vector<Cut> &path,
-                                              std::uint64_t seed, const std::function<bool(const Cut &)> &wanted) {
+std::vector<Snapshot> Sweeper::take_snapshots(const Chips &start, unsigned number,
+                                              const std::function<bool(const Cut &)> &wanted) {
     Chips chips = start;
     std::vector<Snapshot> snapshots;
     const auto keep = [&](const Cut &cut) {
         if (wanted(cut)) snapshots.push_back({cut, chips});
     };
     watch(chips, number,
-          [&](std::uint64_t index, const ChipOperation &, const std::function<void()> &whole,
+          [&](std::uint64_t index, const ChipOperation &operation, const std::function<void()> &whole,
               const std::function<void(Random &)> &torn) {
               keep({index, CutMoment::before});
               if (const Cut cut{index, CutMoment::torn}; wanted(cut)) {
                   // Chips share their pages, so that going back costs what the operation touched.
                   const Chips before = chips;
-                  std::vector<Cut> cuts = path;
-                  cuts.push_back(cut);
-                  Random random(TearingSeed(cuts, seed));
+                  Random random = TearingOf(operation, world_.board.seed, cut.way);
                   torn(random);
                   snapshots.push_back({cut, chips});
                   chips = before;
@@ -474,13 +450,12 @@ std::vector<Snapshot> Sweeper::take_snapshots(const Chips &start, unsigned numbe
     return snapshots;
 }
 
-Chips Sweeper::cut(const std::vector<Cut> &path, std::uint64_t seed) {
+Chips Sweeper::cut(const std::vector<Cut> &path) {
     Chips chips = world_.chips;
     for (std::size_t n = 0; n < path.size(); ++n) {
-        const std::vector<Cut> cuts(path.begin(), path.begin() + static_cast<std::ptrdiff_t>(n) + 1);
         // Not by way of snapshots, which this is there to confirm.
         const PowerUp last = power_up(chips, to_cut(chips, static_cast<unsigned>(n)),
-                                      [&](PowerSupply &supply) { supply.plan(PlanOf(cuts, seed)); });
+                                      [&](PowerSupply &supply) { supply.plan(PlanOf(path[n], world_)); });
         // A case that cuts nothing would pass for ever.
         if (!last.fired || last.report.verdict != Verdict::power_lost)
             throw Refusal(Fault::call, {"no-such-case", "the cut at " + NameOf(path[n]), "does not come",
@@ -489,8 +464,6 @@ Chips Sweeper::cut(const std::vector<Cut> &path, std::uint64_t seed) {
     return chips;
 }
 
-Judgement Sweeper::run(const std::vector<Cut> &cuts, std::uint64_t seed) {
-    return judge(cut(cuts, seed), static_cast<unsigned>(cuts.size()));
-}
+Judgement Sweeper::run(const std::vector<Cut> &cuts) { return judge(cut(cuts), static_cast<unsigned>(cuts.size())); }
 
 } // namespace fixture

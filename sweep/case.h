@@ -12,7 +12,7 @@
 // run:
 //
 //   Sweeper sweeper(world, ProcessorKind::host, firmware);
-//   const Chips left = sweeper.cut({{12, CutMoment::torn}}, 1);
+//   const Chips left = sweeper.cut({{12, CutMoment::torn}});
 //   bool recovers = sweeper.judge(left, 1).outcome == Outcome::good;
 #pragma once
 
@@ -44,10 +44,8 @@ struct CaseId {
 };
 std::string NameOf(const CaseId &id);
 std::optional<CaseId> ParseCase(std::string_view name);
-// What decides how the last cut tears: the same operation of any power-up, torn the same way, is torn alike, so that
-// what can be left is finite. And that cut, for the power supply.
-std::uint64_t TearingSeed(const std::vector<Cut> &cuts, std::uint64_t seed);
-PowerCut PlanOf(const std::vector<Cut> &cuts, std::uint64_t seed);
+// The cut, for the power supply of this world's board, whose cells tear in a way of their own.
+PowerCut PlanOf(const Cut &cut, const World &world);
 
 enum class Outcome : std::uint8_t {
     good,
@@ -98,21 +96,21 @@ public:
 
     // What the chips hold where power-up number `power_up`, which begins with `chips`, is cut at the moments that
     // `wanted` asks for. One run gives them all. `path` is what was cut before.
-    std::vector<Snapshot> take_snapshots(const Chips &chips, unsigned power_up, const std::vector<Cut> &path,
-                                         std::uint64_t seed, const std::function<bool(const Cut &)> &wanted);
+    std::vector<Snapshot> take_snapshots(const Chips &chips, unsigned power_up,
+                                         const std::function<bool(const Cut &)> &wanted);
     // One power-up whose changes `interceptor` makes, on these chips.
     void watch(Chips &chips, unsigned power_up, const decltype(PowerSupply::interceptor) &interceptor);
     // The number of operations of one power-up.
     std::uint64_t count(Chips chips, unsigned power_up);
     // The same with the power really cut, once for every cut of a path. Throws std::runtime_error where a cut does not
     // come.
-    Chips cut(const std::vector<Cut> &path, std::uint64_t seed);
+    Chips cut(const std::vector<Cut> &path);
 
     // Up to four cold boots from here on; the first of them is power-up number `power_up`.
     Judgement judge(const Chips &chips, unsigned power_up);
 
     // The whole of a case by its cuts, with the power really cut.
-    Judgement run(const std::vector<Cut> &cuts, std::uint64_t seed);
+    Judgement run(const std::vector<Cut> &cuts);
 
     // One power-up without a cut; and what one does on a board made ready with options().
     void boot(Chips &chips, unsigned number);

@@ -216,7 +216,7 @@ private:
                            for (unsigned way = 1; is_cut && way <= limits_.ways; ++way) {
                                Undo undo(chips, operation);
                                const Cut one{index, CutMoment::torn, way};
-                               Random random(TearingSeed({one}, limits_.seed));
+                               Random random = TearingOf(operation, world_.board.seed, way);
                                torn(random);
                                cut(one, rest + TouchedSum(chips, operation));
                                undo.restore();
@@ -269,7 +269,7 @@ private:
         // A sample by the states' own sums, so that it is the same in every run and spread over all depths.
         if (cuts.empty() || states_[n].sum % 64 >= 8 || tally_.checked >= kChecks) return;
         ++tally_.checked;
-        const Chips really = sweeper_.cut(cuts, limits_.seed);
+        const Chips really = sweeper_.cut(cuts);
         if (CellsSum(really, world_.chips) != CellsSum(chips, world_.chips))
             found(cuts, "another state than the cuts themselves leave", "");
     }

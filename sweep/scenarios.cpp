@@ -408,7 +408,7 @@ World WorldOf(const CaseId &id, const SweepFirmware &firmware) {
 
 Judgement RunCase(const CaseId &id, ProcessorKind processor, const SweepFirmware &firmware) {
     const World world = WorldOf(id, firmware);
-    return Sweeper(world, processor, firmware).run(id.cuts, id.seed);
+    return Sweeper(world, processor, firmware).run(id.cuts);
 }
 
 } // namespace fixture

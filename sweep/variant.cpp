@@ -96,7 +96,7 @@ private:
         // Pairs: as many first cuts as second cuts for each of them.
         const auto level = static_cast<std::size_t>(std::ceil(std::sqrt(static_cast<double>(most))));
         const std::vector<Cut> cuts = share_of(ChooseCuts(operations, pairs ? level : most, seed_, plan_.sample == 0));
-        const std::vector<Snapshot> snapshots = take_snapshots(world_.chips, {}, cuts);
+        const std::vector<Snapshot> snapshots = take_snapshots(world_.chips, 0, cuts);
         tally_.cuts += snapshots.size();
         check(snapshots);
         for (const Snapshot &snapshot : snapshots) {
@@ -111,9 +111,10 @@ private:
     void sweep_second(const Snapshot &cut, std::size_t most) {
         tally(cut.chips, {cut.cut});
         const std::uint64_t operations = first().count(cut.chips, 1);
-        const std::vector<Cut> cuts = ChooseCuts(operations, most, seed_ ^ TearingSeed({cut.cut}, plan_.seed), false);
-        for (const Snapshot &second : take_snapshots(cut.chips, {cut.cut}, cuts))
-            tally(second.chips, {cut.cut, second.cut});
+        const std::vector<Cut> cuts =
+            ChooseCuts(operations, most,
+                       NoiseSource(seed_, 3 * cut.cut.operation + static_cast<unsigned>(cut.cut.moment))(), false);
+        for (const Snapshot &second : take_snapshots(cut.chips, 1, cuts)) tally(second.chips, {cut.cut, second.cut});
     }
 
     // What is left after one operation is what is there before the next: a worker that gets both boots it once.
@@ -125,15 +126,13 @@ private:
     }
 
     // Every cut must be met exactly once.
-    std::vector<Snapshot> take_snapshots(const Chips &chips, const std::vector<Cut> &path,
-                                         const std::vector<Cut> &cuts) {
+    std::vector<Snapshot> take_snapshots(const Chips &chips, unsigned power_up, const std::vector<Cut> &cuts) {
         std::size_t next = 0;
-        std::vector<Snapshot> snapshots =
-            first().take_snapshots(chips, static_cast<unsigned>(path.size()), path, plan_.seed, [&](const Cut &cut) {
-                const bool mine = next < cuts.size() && cuts[next] == cut;
-                next += mine;
-                return mine;
-            });
+        std::vector<Snapshot> snapshots = first().take_snapshots(chips, power_up, [&](const Cut &cut) {
+            const bool mine = next < cuts.size() && cuts[next] == cut;
+            next += mine;
+            return mine;
+        });
         if (snapshots.size() != cuts.size())
             throw std::runtime_error(fmt::format("{} cuts met, of {}", snapshots.size(), cuts.size()));
         return snapshots;
@@ -150,7 +149,7 @@ private:
             // On each processor: a snapshot is made on one, and the other must come to the same chips by itself.
             for (Sweeper *sweeper : {host_ ? &*host_ : nullptr, arm_ ? &*arm_ : nullptr}) {
                 if (!sweeper) continue;
-                const Chips cut = sweeper->cut({snapshot.cut}, plan_.seed);
+                const Chips cut = sweeper->cut({snapshot.cut});
                 if (sweeper->digest(cut) != sweeper->digest(snapshot.chips))
                     found(NameOf(id({snapshot.cut})), "another state than the cut itself leaves", "");
                 ++tally_.checked;

@@ -23,7 +23,7 @@ public:
     // Runs that power-up, with its cut where it has one.
     RunReport run(Machine &machine);
     // What becomes of the whole case.
-    Judgement judgement() { return sweeper_.run(id_.cuts, id_.seed); }
+    Judgement judgement() { return sweeper_.run(id_.cuts); }
 
 private:
     CaseId id_;

@@ -66,17 +66,16 @@ TEST(Sweep, ChipsOfACutAreThoseThatTheCutLeaves) {
     const World world = WorldOf({"nand-update", "broken-running", {}, 1}, Builds());
     Sweeper sweeper(world, ProcessorKind::host, Builds());
     ASSERT_EQ(sweeper.uncut().outcome, Outcome::good) << sweeper.uncut().detail;
-    const std::vector<Snapshot> snapshots =
-        sweeper.take_snapshots(world.chips, 0, {}, 1, [](const Cut &) { return true; });
+    const std::vector<Snapshot> snapshots = sweeper.take_snapshots(world.chips, 0, [](const Cut &) { return true; });
     ASSERT_EQ(snapshots.size(), 3 * sweeper.operations());
     std::set<std::uint64_t> states;
     for (std::size_t n = 0; n < snapshots.size(); ++n) {
         states.insert(sweeper.digest(snapshots[n].chips));
         if (n % 31 > 2) continue;
-        EXPECT_EQ(sweeper.digest(sweeper.cut({snapshots[n].cut}, 1)), sweeper.digest(snapshots[n].chips)) << n;
+        EXPECT_EQ(sweeper.digest(sweeper.cut({snapshots[n].cut})), sweeper.digest(snapshots[n].chips)) << n;
     }
     EXPECT_GT(states.size(), sweeper.operations()); // torn operations leave states of their own
-    EXPECT_THROW(sweeper.cut({{sweeper.operations(), CutMoment::before}}, 1), std::runtime_error);
+    EXPECT_THROW(sweeper.cut({{sweeper.operations(), CutMoment::before}}), std::runtime_error);
 }
 
 TEST(Sweep, JudgesWhatItSees) {

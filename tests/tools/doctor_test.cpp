@@ -41,7 +41,7 @@ TEST(Doctor, NamesThePageAtWhichAnUpdateWasCut) {
         static_cast<std::uint32_t>((world.after.bootloader.size() + kNandPageBytes - 1) / kNandPageBytes);
     ASSERT_EQ(sweeper.operations(), pages + 3u);
     const auto some = [pages](const Cut &each) { return each.operation % 4 == 1 || each.operation + 1 >= pages; };
-    for (Snapshot &cut : sweeper.take_snapshots(world.chips, 0, {}, 1, some)) {
+    for (Snapshot &cut : sweeper.take_snapshots(world.chips, 0, some)) {
         SCOPED_TRACE(testing::Message() << cut.cut.operation << " " << static_cast<int>(cut.cut.moment));
         const FlashDiagnosis found = DiagnoseFlash(RawFlashOf(cut.chips.nand), References(world));
         const auto operation = static_cast<std::uint32_t>(cut.cut.operation);
@@ -74,7 +74,7 @@ TEST(Doctor, NamesThePageOfADataflash) {
     const World world = WorldOf({"dataflash-update", "running-retired", {}, 1}, Builds());
     Sweeper sweeper(world, ProcessorKind::host, Builds());
     const auto erases = [](const Cut &cut) { return cut.moment == CutMoment::after && cut.operation % 16 == 1; };
-    for (Snapshot &cut : sweeper.take_snapshots(world.chips, 0, {}, 1, erases)) {
+    for (Snapshot &cut : sweeper.take_snapshots(world.chips, 0, erases)) {
         const RawFlash flash = RawFlashOf(cut.chips.dataflash);
         const FlashDiagnosis found = DiagnoseFlash(flash, References(world));
         EXPECT_EQ(found.running, 0u);
