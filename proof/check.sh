@@ -83,7 +83,7 @@ check() {
         log=$medium-${experiment:-plain}-$asked
         rm -f "$medium/update.pml.trail"
         export EDGES=1 EXPERIMENT="$experiment" ASKED="$asked"
-        (cd "$medium" && ./pan -a -m1000000) >"$log.log"
+        (cd "$medium" && ./pan -a -m100000 -w20) >"$log.log"
         [ "$asked$experiment" != 7 ] || grep '^edge' "$log.log" | sort >"$medium.edges"
         case $(grep -o 'errors: [0-9]*' "$log.log") in
         'errors: 0') found=holds ;;

@@ -160,6 +160,7 @@ inline judge() {
 
 byte now0, now1, now2, now3, from0, from1, from2, from3;
 bool marked0, marked1, marked2, marked3, first_marks[CELLS];
+bool tells; /* edges, where the environment variable EDGES asks for them */
 
 /* e erased, z zeros, x no maker, h header alone, o old, n new, f something else that is whole */
 inline name_region(letter, base, capacity, old, new) {
@@ -188,7 +189,10 @@ inline name_all() {
 
 inline remember_start() {
     d_step {
-        name_all();
+        if
+        :: tells -> name_all()
+        :: else
+        fi;
         from0 = now0 + 128 * marked0; from1 = now1 + 128 * marked1; from2 = now2 + 128 * marked2; from3 = now3 + 128 * marked3;
         now0 = 0; now1 = 0; now2 = 0; now3 = 0; marked0 = 0; marked1 = 0; marked2 = 0; marked3 = 0
     }
@@ -199,7 +203,6 @@ c_code {
     static void edge(int cut, unsigned long long from, unsigned long long to) {
         enum { SIZE = 1 << 16 };
         static unsigned long long known[SIZE][2];
-        if (!getenv("EDGES")) return;
         const unsigned long long key = from << 32 | to, also = 2 + (unsigned)cut;
         unsigned place = (unsigned)((key * 31 + also) * 0x9E3779B97F4A7C15u >> 48);
         for (; known[place][1] && !getenv("TRAIL"); place = (place + 1) % SIZE)
@@ -221,12 +224,16 @@ bit is_cut;
 inline tell_edge(by_loss) {
     d_step {
         is_cut = by_loss;
-        name_all();
-        now0 = now0 + 128 * marked0; now1 = now1 + 128 * marked1; now2 = now2 + 128 * marked2; now3 = now3 + 128 * marked3;
-        c_code {
-            edge(now.is_cut, (unsigned)now.from0 << 24 | now.from1 << 16 | now.from2 << 8 | now.from3,
-                 (unsigned)now.now0 << 24 | now.now1 << 16 | now.now2 << 8 | now.now3);
-        };
+        if
+        :: tells ->
+            name_all();
+            now0 = now0 + 128 * marked0; now1 = now1 + 128 * marked1; now2 = now2 + 128 * marked2; now3 = now3 + 128 * marked3;
+            c_code {
+                edge(now.is_cut, (unsigned)now.from0 << 24 | now.from1 << 16 | now.from2 << 8 | now.from3,
+                     (unsigned)now.now0 << 24 | now.now1 << 16 | now.now2 << 8 | now.now3);
+            }
+        :: else
+        fi;
         is_cut = 0; from0 = 0; from1 = 0; from2 = 0; from3 = 0;
         now0 = 0; now1 = 0; now2 = 0; now3 = 0; marked0 = 0; marked1 = 0; marked2 = 0; marked3 = 0
     }
@@ -235,15 +242,14 @@ inline tell_edge(by_loss) {
 /* --- operations, each of which may be the last one */
 
 #define AS_STRING(...) #__VA_ARGS__
-#define LOSE(what, c, moment) printf(AS_STRING(loss moment what of cell %d\n), c); goto off
+#define LOSE(what, c) printf(AS_STRING(loss in what of cell %d\n), c); goto off
 
-/* `whole` and `torn` are statements. */
+/* `whole` and `torn` are statements. A loss before the operation is a torn one that did nothing yet, a loss after it one that did everything:
+ * `torn` has both among its ends. */
 #define OPERATION(what, c, whole, torn) \
     if \
     :: atomic { whole } \
-    :: atomic { MAY_LOSE -> LOSE(what, c, before) } \
-    :: atomic { MAY_LOSE -> torn; LOSE(what, c, within) } \
-    :: atomic { MAY_LOSE -> whole; LOSE(what, c, after) } \
+    :: atomic { MAY_LOSE -> torn; LOSE(what, c) } \
     fi
 
 bool ok;
@@ -252,8 +258,8 @@ bool ok;
 #define TORN_ERASE(c) \
     if \
     :: true \
-    :: cell[c] = ERASED \
-    :: cell[c] = NOISE \
+    :: cell[c] != ERASED -> cell[c] = ERASED \
+    :: cell[c] != NOISE -> cell[c] = NOISE \
     :: (IS_FIRST(cell[c]) && IS_IMAGE(ID(cell[c])) && cell[c] < UNSURE) || cell[c] == HEADER -> cell[c] = HEADER \
     :: IS_UNSURE && cell[c] >= 16 && cell[c] < UNSURE -> cell[c] = cell[c] + UNSURE \
     fi
@@ -263,7 +269,7 @@ bool ok;
     if \
     :: true \
     :: cell[c] = NOISE \
-    :: cell[c] = begun \
+    :: (begun) != NOISE && (begun) != (content) -> cell[c] = begun \
     :: cell[c] = content \
     :: IS_UNSURE && (content) >= 16 -> cell[c] = (content) + UNSURE \
     fi
@@ -290,7 +296,8 @@ inline write_cell(c, content) {
     :: else
     fi;
     if
-    :: OPERATION(program, c, cell[c] = content, TORN_ERASE(c); TEAR_MATE(c); TORN_PROGRAM(c, content, BEGUN(content)))
+    :: OPERATION(program, c, cell[c] = content,
+                 if :: TORN_ERASE(c) :: TORN_PROGRAM(c, content, BEGUN(content)) fi; TEAR_MATE(c))
     :: may_fail && faults == 0 -> faults++ /* lost */
     fi
 }
@@ -405,12 +412,15 @@ inline may_misread() {
     fi
 }
 
-inline check_header(slot) { atomic { look(SLOT(slot), room[slot], SKIPS) } }
+/* Reads are one step each: no loss falls into them that would not fall before or after them as well. */
+inline check_header(slot) { d_step { look(SLOT(slot), room[slot], SKIPS) } }
 inline check_image(slot) {
     atomic {
         may_misread();
-        look(SLOT(slot), room[slot], SKIPS);
-        strict = false
+        d_step {
+            look(SLOT(slot), room[slot], SKIPS);
+            strict = false
+        }
     }
 }
 
@@ -492,10 +502,12 @@ inline store_bootloader() {
 inline read_record() {
     atomic {
         may_misread();
-        at = RECORD;
-        skip_bad(SKIPS);
-        read_cell();
-        strict = false
+        d_step {
+            at = RECORD;
+            skip_bad(SKIPS);
+            read_cell();
+            strict = false
+        }
     }
 }
 
@@ -508,7 +520,7 @@ inline store_rescue() {
         :: else
         fi;
         write_at(RESCUE_SLOT, PIECE(NEW_RESCUE, 0), length[NEW_RESCUE]);
-        atomic { look(RESCUE_SLOT, 3, SKIPS) };
+        d_step { look(RESCUE_SLOT, 3, SKIPS) };
         if
         :: (image != 0 || IS(rescue_not_verified)) && !IS(record_before_image) -> write_at(RECORD, NEW_TEXT, 1)
         :: else
@@ -521,15 +533,19 @@ inline store_rescue() {
 inline first_stage() {
     atomic {
         may_misread();
-        look(SLOT(0), room[0], true);
-        running = (image == OLD || image == NEW -> image : 0);
-        strict = false;
+        d_step {
+            look(SLOT(0), room[0], true);
+            running = (image == OLD || image == NEW -> image : 0);
+            strict = false
+        };
         if
         :: running == 0 ->
             may_misread();
-            look(SLOT(1), room[1], true);
-            running = (image == OLD || image == NEW -> image : 0);
-            strict = false
+            d_step {
+                look(SLOT(1), room[1], true);
+                running = (image == OLD || image == NEW -> image : 0);
+                strict = false
+            }
         :: else
         fi;
         image = 0; maker = 0; at = 0; seen = 0
@@ -581,6 +597,7 @@ inline choose_damage() {
 inline choose_experiment() {
     c_code {
         now.experiment = (unsigned char)experiment_asked_for();
+        now.tells = getenv("EDGES") != 0;
         now.asked = (unsigned char)(getenv("ASKED") ? atoi(getenv("ASKED")) : 7);
     };
     if
@@ -675,12 +692,15 @@ start:
         :: else
         fi;
 launch:
-        look(RESCUE_SLOT, 3, true);
-        at = RECORD;
-        skip_bad(true);
-        read_cell();
-        settled = ((running == NEW || !new_boot) && starts < 8);
-        settled = (settled && (!new_rescue || (image == NEW_RESCUE && seen == NEW_TEXT)));
+        skip;
+        d_step {
+            look(RESCUE_SLOT, 3, true);
+            at = RECORD;
+            skip_bad(true);
+            read_cell();
+            settled = ((running == NEW || !new_boot) && starts < 8);
+            settled = (settled && (!new_rescue || (image == NEW_RESCUE && seen == NEW_TEXT)))
+        };
         tell_edge(0);
         clear();
         judge();

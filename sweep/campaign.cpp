@@ -16,7 +16,7 @@ using nlohmann::json;
 
 // A field that is missing here would be missing in the parts' files, and parts of different campaigns would merge.
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(CampaignCall, scenarios, closure, document, processor, losses, foretells, boards,
-                                   sample, seed, ways, most_states, near)
+                                   sample, seed, ways, most_states, near, exact)
 
 namespace {
 
@@ -97,6 +97,9 @@ const Table kTables[] = {
 const std::vector<std::string> kClosed = {"nand-update",      "dataflash-update", "nand-rescue",
                                           "dataflash-rescue", "nand-both",        "dataflash-both",
                                           "parameters",       "nand-factory-bad", "nand-worn"};
+// Small enough for a closure in which every byte counts.
+const std::vector<std::string> kClosedExactly = {"nand-update", "nand-edge/slot-0-2049", "nand-edge/slot-1-2049",
+                                                 "dataflash-edge/slot-0-1025", "dataflash-edge/slot-1-1633"};
 const std::vector<std::string> kClosedOnBoth = {"nand-update", "dataflash-update"};
 
 std::vector<Scenario> ScenariosOf(const std::vector<std::string> &names, const SweepFirmware &firmware) {
@@ -104,12 +107,14 @@ std::vector<Scenario> ScenariosOf(const std::vector<std::string> &names, const S
 }
 
 std::vector<Stage> DocumentOf(const CampaignCall &call, const SweepFirmware &firmware) {
-    const ClosureLimits limits{call.ways, call.most_states, call.near, call.seed};
+    const ClosureLimits limits{call.ways, call.most_states, call.near, false, call.seed};
     std::vector<Stage> stages = {
         {"Any number of losses, on this machine's processor",
          ClosurePlan{FindScenarios(kClosed, firmware), true, false, limits}},
         {"Any number of losses, on the shipped ARM image: the same states",
          ClosurePlan{FindScenarios(kClosedOnBoth, firmware), true, true, limits}},
+        {"Any number of losses, every byte a state of its own: the same classes",
+         ClosurePlan{FindScenarios(kClosedExactly, firmware), true, false, limits, true}},
     };
     for (const Table &table : kTables) {
         const std::size_t sample = std::min(table.sample - 1, call.sample - 1) + 1; // 0, which is all, is the largest
@@ -128,7 +133,8 @@ std::vector<Stage> StagesOf(const CampaignCall &call, const SweepFirmware &firmw
         return {{"", ClosurePlan{FindScenarios(call.scenarios.empty() ? kClosed : call.scenarios, firmware),
                                  host,
                                  arm,
-                                 {call.ways, call.most_states, call.near, call.seed}}}};
+                                 {call.ways, call.most_states, call.near, false, call.seed},
+                                 call.exact}}};
     SweepPlan plan{.scenarios = ScenariosOf(call.scenarios, firmware),
                    .on_host = host,
                    .on_arm = arm,
@@ -224,7 +230,7 @@ std::vector<TableResult> Campaign::results(const UnitTexts &texts) const {
         if (std::holds_alternative<ClosurePlan>(stages_[n].plan)) {
             std::vector<ClosureTally> tallies;
             std::transform(by_stage[n].begin(), by_stage[n].end(), std::back_inserter(tallies), ClosureTallyFrom);
-            CompareProcessors(closure_units_[n], tallies);
+            CompareUnits(closure_units_[n], tallies);
             results.emplace_back(std::move(tallies));
         } else {
             std::vector<Tally> tallies;

@@ -32,6 +32,7 @@ struct CampaignCall {
     unsigned ways = 3;
     std::size_t most_states = 0;
     unsigned near = 0;
+    bool exact = false;
 };
 
 struct Shard {

@@ -1,5 +1,6 @@
 #include "sweep/chips_compare.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cstring>
 #include <span>
@@ -71,14 +72,14 @@ void AddDataflash(Digest &digest, const At45Contents &flash, const At45Contents 
 
 // --- sums
 
-// A state's sum is the sum of its pages' sums, so one operation changes it by the pages that it touches. Each is spread
-// over all bits first: plain digests of like pages might add up to those of others.
+// These are added up to sums of states, so each is spread over all bits first: plain digests of like pages might add up
+// to those of others.
 std::uint64_t Spread(std::uint64_t value) {
     value = (value ^ value >> 32) * 0xD6E8FEB86659FD93u;
     return (value ^ value >> 32) * 0xD6E8FEB86659FD93u;
 }
 
-enum class Unit : std::uint8_t { nand_page, dataflash_page, eeprom };
+enum class Unit : std::uint8_t { nand_page, dataflash_page, eeprom, body };
 
 std::uint64_t SumOf(Unit unit, std::uint64_t number, std::span<const std::uint8_t> bytes, std::uint64_t more = 0) {
     Digest digest;
@@ -97,6 +98,8 @@ const NandContents::Cells *CellsOf(const NandContents &nand, std::uint32_t row) 
     return &page == &kBlank.page(0) ? nullptr : reinterpret_cast<const NandContents::Cells *>(&page);
 }
 
+} // namespace
+
 std::uint64_t NandPageSum(const NandContents &nand, std::uint32_t row) {
     const NandContents::Cells *cells = CellsOf(nand, row);
     // Counts of data programs are left out; EraseWatch (closure.cpp) shows that they cannot matter.
@@ -104,46 +107,27 @@ std::uint64_t NandPageSum(const NandContents &nand, std::uint32_t row) {
     return SumOf(Unit::nand_page, row, cells->bytes, cells->spare_programs);
 }
 
-std::uint64_t NandBlockSum(const NandContents &nand, std::uint32_t block) {
-    std::uint64_t sum = 0;
-    for (std::uint32_t row = block * kNandPagesPerBlock; row < (block + 1) * kNandPagesPerBlock; ++row)
-        sum += NandPageSum(nand, row);
-    return sum;
+std::uint64_t NandSpareSum(const NandContents &nand, std::uint32_t row) {
+    const NandContents::Cells *cells = CellsOf(nand, row);
+    if (!cells) return 0;
+    const std::span<const std::uint8_t> spare = std::span(cells->bytes).subspan(kNandPageBytes);
+    const bool blank = std::all_of(spare.begin(), spare.end(), [](std::uint8_t byte) { return byte == 0xFF; });
+    return blank && cells->spare_programs == 0 ? 0 : SumOf(Unit::nand_page, row, spare, cells->spare_programs);
 }
 
 std::uint64_t DataflashPageSum(const At45Contents &flash, std::uint32_t page) {
     return SumOf(Unit::dataflash_page, page, flash.page(page));
 }
 
-} // namespace
+std::uint64_t EepromSum(const EepromContents &eeprom) { return SumOf(Unit::eeprom, 0, eeprom.bytes); }
+
+std::uint64_t BodySum(std::size_t number, std::uint64_t state) { return SumOf(Unit::body, number, {}, state); }
 
 std::uint64_t ChancesSum(const Chips &chips) {
     Digest digest;
     AddFaults(digest, chips.nand.faults);
     AddFaults(digest, chips.dataflash.faults);
     return Spread(digest.value());
-}
-
-std::uint64_t CellsSum(const Chips &chips, const Chips &base) {
-    std::uint64_t sum = SumOf(Unit::eeprom, 0, chips.eeprom.bytes);
-    for (std::uint32_t block = 0; block < kNandBlocks; ++block)
-        if (!chips.nand.shares_block(base.nand, block))
-            // Unsigned, so the differences add up to the right sum whatever their signs.
-            sum += NandBlockSum(chips.nand, block) - NandBlockSum(base.nand, block);
-    for (std::uint32_t page = 0; page < chips.dataflash.part().pages; ++page)
-        if (&chips.dataflash.page(page) != &base.dataflash.page(page))
-            sum += DataflashPageSum(chips.dataflash, page) - DataflashPageSum(base.dataflash, page);
-    return sum;
-}
-
-std::uint64_t TouchedSum(const Chips &chips, const ChipOperation &operation) {
-    const std::string_view chip = operation.chip;
-    if (chip == "EEPROM") return SumOf(Unit::eeprom, 0, chips.eeprom.bytes);
-    if (chip == "DataFlash")
-        return DataflashPageSum(chips.dataflash, operation.address / chips.dataflash.part().page_bytes);
-    const std::uint32_t block = operation.address / kNandBlockBytes;
-    if (std::string_view(operation.kind) == "erase") return NandBlockSum(chips.nand, block);
-    return NandPageSum(chips.nand, operation.address / kNandPageBytes);
 }
 
 unsigned DataPrograms(const NandContents &nand, std::uint32_t row) {

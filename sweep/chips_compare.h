@@ -14,15 +14,15 @@ namespace fixture {
 // programmed.
 std::uint64_t DigestOf(const Chips &chips, const Chips &base);
 
-// A number for all that the chips hold and that can matter later: every byte with its address, spare bytes and marks,
-// how often spare areas were programmed, what is left of the faults' chances. How often, and in which order, data pages
-// were programmed is left out: it matters to a power-up that programs a block which it has not erased, and whoever uses
-// these sums has to see that there is none. It is a sum over units (a NAND page, a DataFlash page, the EEPROM), so that
-// a change costs what it touches: take TouchedSum off before an operation and add it after. Sums of one base can be
-// compared. The state is CellsSum plus ChancesSum.
-std::uint64_t CellsSum(const Chips &chips, const Chips &base);
-std::uint64_t TouchedSum(const Chips &chips, const ChipOperation &operation); // of what one operation can change
-std::uint64_t ChancesSum(const Chips &chips);                                 // of the faults
+// What one unit gives to the sum that a state of the chips is known by (sweep/state_sum.h): a page with its number, on
+// NAND with its spare bytes and how often these were programmed; a page's spare bytes alone; the EEPROM; what is left
+// of the faults' chances.
+std::uint64_t NandPageSum(const NandContents &nand, std::uint32_t row);
+std::uint64_t NandSpareSum(const NandContents &nand, std::uint32_t row);
+std::uint64_t DataflashPageSum(const At45Contents &flash, std::uint32_t page);
+std::uint64_t EepromSum(const EepromContents &eeprom);
+std::uint64_t BodySum(std::size_t number, std::uint64_t state);
+std::uint64_t ChancesSum(const Chips &chips);
 
 // Since the last erase.
 unsigned DataPrograms(const NandContents &nand, std::uint32_t row);

@@ -3,6 +3,7 @@
 #include "sweep/chips_compare.h"
 #include "sweep/finding_json.h"
 #include "sweep/regions.h"
+#include "sweep/state_sum.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -12,13 +13,14 @@
 #include <string_view>
 #include <sys/resource.h>
 #include <unordered_map>
+#include <unordered_set>
 
 namespace fixture {
 
 using nlohmann::json;
 
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(ClosureTally, states, cuts, boots, left, depths, longest_recovery, checked,
-                                   fingerprint, outcomes, holes, found, findings, edges, processor_seconds,
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(ClosureTally, states, cuts, boots, left, depths, longest_recovery, members, twins,
+                                   checked, fingerprint, outcomes, holes, found, findings, edges, processor_seconds,
                                    peak_kilobytes)
 
 namespace {
@@ -43,13 +45,20 @@ struct KeptChips {
     }
 };
 
+// A class of states, or in an exact closure one state.
 struct State {
-    std::uint64_t sum;
-    std::size_t parent; // of the first: itself
-    Cut cut;            // of the parent's power-up
+    std::uint64_t key;
+    std::uint64_t of_class;
+    std::uint64_t cells; // of the member that was met first
+    std::size_t parent;  // of the first: itself
+    Cut cut;             // of the parent's power-up
     std::size_t losses;
     std::uint32_t letters;          // their number
     std::optional<KeptChips> chips; // until it has been explored
+    std::optional<KeptChips> twin;  // another member, of some classes
+    std::uint64_t steps = 0;        // differs where a cut of its power-up leads to another class
+    Outcome outcome = Outcome::good;
+    unsigned boots = 0;
 };
 
 // What one operation changes, as it was before it.
@@ -57,23 +66,26 @@ class Undo {
 public:
     Undo(Chips &chips, const ChipOperation &operation) : chips_(chips) {
         const std::string_view chip = operation.chip;
-        if (chip == "NAND")
-            nand_ = chips.nand;
-        else if (chip == "DataFlash")
-            dataflash_ = chips.dataflash;
-        else
+        if (chip == "NAND") {
+            block_ = chips.nand.keep(operation.address / kNandBlockBytes);
+        } else if (chip == "DataFlash") {
+            page_ = operation.address / chips.dataflash.part().page_bytes;
+            bytes_ = chips.dataflash.page(page_);
+        } else {
             eeprom_ = chips.eeprom;
+        }
     }
     void restore() {
-        if (nand_) chips_.nand = *nand_;
-        if (dataflash_) chips_.dataflash = *dataflash_;
+        if (block_) chips_.nand.put_back(*block_);
+        if (bytes_) chips_.dataflash.set_page(page_, *bytes_);
         if (eeprom_) chips_.eeprom = *eeprom_;
     }
 
 private:
     Chips &chips_;
-    std::optional<NandContents> nand_;
-    std::optional<At45Contents> dataflash_;
+    std::optional<NandContents::KeptBlock> block_;
+    std::uint32_t page_ = 0;
+    std::optional<At45Contents::Page> bytes_;
     std::optional<EepromContents> eeprom_;
 };
 
@@ -129,7 +141,7 @@ private:
 
     void close() {
         if (!follows(RegionLetters(world_.chips, world_), 0)) return;
-        meet(CellsSum(world_.chips, world_.chips), world_.chips, 0, {}, 0);
+        meet(StateSum(world_, world_.chips), world_.chips, 0, {}, 0);
         for (std::size_t n = 0; n < states_.size(); ++n) {
             if (limits_.most_states != 0 && n >= limits_.most_states) break;
             const std::vector<Cut> cuts = history(n);
@@ -140,19 +152,31 @@ private:
             states_[n].chips.reset();
             const bool is_last = limits_.history.size() == cuts.size() + 1;
             check(chips, n, cuts);
-            if (limits_.history.empty() || is_last) judge(chips, cuts);
+            if (limits_.history.empty() || is_last) judge(chips, n, cuts);
             if (!is_last) explore(chips, n);
             if (is_last && tally_.found > 0) break; // one case tells it all
         }
+        for (State &state : states_)
+            if (state.twin && state.steps != 0) compare_twin(state);
+        count();
+    }
+
+    void count() {
         tally_.states = states_.size();
+        tally_.members = members_.size();
         tally_.left =
             states_.size() - std::min(states_.size(), limits_.most_states ? limits_.most_states : states_.size());
+        std::map<std::uint64_t, const State *> classes; // each with the member that the fewest losses lead to
         for (const State &state : states_) {
             tally_.depths.resize(std::max(tally_.depths.size(), state.losses + 1));
             ++tally_.depths[state.losses];
-            // Of the set of states with their depths, whatever the order: both processors must come to the same one.
-            tally_.fingerprint += state.sum * (2 * state.losses + 1);
+            const auto [first, is_new] = classes.try_emplace(state.of_class, &state);
+            if (!is_new) compare(*first->second, state);
         }
+        // Of the set of classes with their depths and ends, whatever the order: both processors, and an exact closure,
+        // have to come to the same one.
+        for (const auto &[key, state] : classes)
+            tally_.fingerprint += key * (2 * state->losses + 1) + static_cast<std::uint64_t>(state->outcome);
     }
 
     CaseId id(const std::vector<Cut> &cuts) const { return {scenario_.name, variant_.label, cuts, limits_.seed}; }
@@ -166,11 +190,21 @@ private:
     }
 
     // A state is known by its sum. Chips are kept for new ones alone.
-    std::uint32_t meet(std::uint64_t cells, const Chips &chips, std::size_t parent, const Cut &cut,
+    std::uint32_t meet(const StateSum &sum, const Chips &chips, std::size_t parent, const Cut &cut,
                        std::size_t losses) {
-        const std::uint64_t sum = cells + ChancesSum(chips);
-        const auto [known, is_new] = known_.try_emplace(sum, states_.size());
-        if (!is_new) return states_[known->second].letters;
+        const std::uint64_t chances = ChancesSum(chips);
+        const std::uint64_t cells = sum.cells() + chances;
+        const std::uint64_t of_class = sum.of_class() + chances;
+        const std::uint64_t key = limits_.exact ? cells : of_class;
+        const bool is_new_member = members_.insert(cells).second;
+        const auto [known, is_new] = known_.try_emplace(key, states_.size());
+        if (!is_new) {
+            State &state = states_[known->second];
+            // Any of the others, not just the one that is met next and may differ least.
+            if (is_new_member && limits_.history.empty() && (!state.twin || cells % 8 == 0))
+                state.twin.emplace(chips, world_);
+            return state.letters;
+        }
         const std::string letters = RegionLetters(chips, world_);
         const std::uint32_t number = number_of(letters);
         // Not on the history that is asked for: forgotten, since another path may meet it where it is.
@@ -178,7 +212,9 @@ private:
             known_.erase(known);
             return number;
         }
-        states_.push_back({sum, parent, cut, losses, number, KeptChips(chips, world_)});
+        State state{key, of_class, cells, parent, cut, losses, number, {}, {}};
+        state.chips.emplace(chips, world_);
+        states_.push_back(std::move(state));
         return number;
     }
 
@@ -193,37 +229,53 @@ private:
         tally_.edges.insert(fmt::format("{} {} {}", how, text(from), text(to)));
     }
 
-    void explore(Chips chips, std::size_t n) {
-        // The first power-up differs (a commit is made by a running system); all later ones are alike.
-        const unsigned number = states_[n].losses > 0;
+    void explore(const Chips &chips, std::size_t n) {
         const std::uint32_t from = states_[n].letters;
+        const std::size_t losses = states_[n].losses;
+        const std::uint64_t steps =
+            walk(chips, losses > 0, [&](const Cut &cut, const StateSum &sum, const Chips &left) {
+                ++tally_.cuts;
+                add_edge("cut", from, meet(sum, left, n, cut, losses + 1));
+            });
+        states_[n].steps = steps;
+        add_edge("run", from, end_);
+    }
+
+    // One power-up from these chips, cut at each of its moments. What comes of it is a number that differs where a cut
+    // leads to another class; it is never 0.
+    std::uint64_t walk(Chips chips, unsigned number,
+                       const std::function<void(const Cut &, const StateSum &, const Chips &)> &visit) {
+        // The first power-up differs (a commit is made by a running system); all later ones are alike.
         const std::vector<bool> wanted = limits_.near == 0 ? std::vector<bool>{} : near_changes(chips, number);
-        std::uint64_t cells = CellsSum(chips, world_.chips);
-        const std::uint64_t begins_with = cells;
+        StateSum sum(world_, chips);
+        const std::uint64_t begins_with = sum.cells();
+        const std::uint32_t from = number_of(RegionLetters(chips, world_));
         EraseWatch erases;
-        const auto cut = [&](const Cut &one, std::uint64_t now) {
-            ++tally_.cuts;
-            add_edge("cut", from, meet(now, chips, n, one, states_[n].losses + 1));
+        std::uint64_t step = 1;
+        const auto cut = [&](const Cut &one, const StateSum &now) {
+            step = NoiseSource(step, now.of_class() + ChancesSum(chips))();
+            visit(one, now, chips);
         };
         sweeper_.watch(chips, number,
                        [&](std::uint64_t index, const ChipOperation &operation, const std::function<void()> &whole,
                            const std::function<void(Random &)> &torn) {
                            const bool is_cut = wanted.empty() || wanted.at(index);
+                           if (is_cut) cut({index, CutMoment::before}, sum);
                            // Taken out before the operation and put in after it: a cut costs the pages that it touches,
                            // not the chips.
-                           const std::uint64_t rest = cells - TouchedSum(chips, operation);
-                           if (is_cut) cut({index, CutMoment::before}, cells);
+                           sum.take_out(chips, operation);
                            for (unsigned way = 1; is_cut && way <= limits_.ways; ++way) {
                                Undo undo(chips, operation);
-                               const Cut one{index, CutMoment::torn, way};
                                Random random = TearingOf(operation, world_.board.seed, way);
                                torn(random);
-                               cut(one, rest + TouchedSum(chips, operation));
+                               StateSum now = sum;
+                               now.put_in(chips, operation);
+                               cut({index, CutMoment::torn, way}, now);
                                undo.restore();
                            }
                            erases.make(chips, operation, whole);
-                           cells = rest + TouchedSum(chips, operation);
-                           if (is_cut) cut({index, CutMoment::after}, cells);
+                           sum.put_in(chips, operation);
+                           if (is_cut) cut({index, CutMoment::after}, sum);
                        });
         // The sums leave out how often pages were programmed. If that ever mattered, states would be taken for one
         // another.
@@ -231,9 +283,31 @@ private:
             throw std::runtime_error(
                 fmt::format("block {} is programmed and was not erased by this power-up", *erases.block_not_erased));
         // The sum by steps against the sum over all: a model that changes a page beside the one it names is found here.
-        if (cells != CellsSum(chips, world_.chips))
+        const StateSum whole(world_, chips);
+        if (sum.cells() != whole.cells() || sum.of_class() != whole.of_class())
             throw std::runtime_error("the sum of what the chips hold went astray");
-        add_edge("run", from, cells == begins_with ? from : number_of(RegionLetters(chips, world_)));
+        end_ = sum.cells() == begins_with ? from : number_of(RegionLetters(chips, world_));
+        return step | 1;
+    }
+
+    // That a second member of a class goes the way of the first: in a closure by classes one that is explored for this
+    // alone, in an exact one every member.
+    void compare_twin(const State &state) {
+        const Chips chips = state.twin->restore(world_);
+        const Judgement judgement = sweeper_.judge(chips, state.losses > 0);
+        State twin{};
+        twin.key = state.key;
+        twin.outcome = judgement.outcome;
+        twin.boots = judgement.boots;
+        twin.steps = walk(chips, state.losses > 0, [](const Cut &, const StateSum &, const Chips &) {});
+        compare(state, twin);
+    }
+
+    void compare(const State &first, const State &other) {
+        if (first.steps == 0 || other.steps == 0) return; // not explored
+        ++tally_.twins;
+        if (first.steps == other.steps && first.outcome == other.outcome && first.boots == other.boots) return;
+        found(history(known_.at(other.key)), "another way than the first member of its class goes", "");
     }
 
     std::uint32_t number_of(const std::string &letters) {
@@ -267,16 +341,18 @@ private:
     // That the power really cut leaves what the state holds.
     void check(const Chips &chips, std::size_t n, const std::vector<Cut> &cuts) {
         // A sample by the states' own sums, so that it is the same in every run and spread over all depths.
-        if (cuts.empty() || states_[n].sum % 64 >= 8 || tally_.checked >= kChecks) return;
+        if (cuts.empty() || states_[n].cells % 64 >= 8 || tally_.checked >= kChecks) return;
         ++tally_.checked;
         const Chips really = sweeper_.cut(cuts);
-        if (CellsSum(really, world_.chips) != CellsSum(chips, world_.chips))
+        if (StateSum(world_, really).cells() != StateSum(world_, chips).cells())
             found(cuts, "another state than the cuts themselves leave", "");
     }
 
-    void judge(const Chips &chips, const std::vector<Cut> &cuts) {
+    void judge(const Chips &chips, std::size_t n, const std::vector<Cut> &cuts) {
         // Judged as after a cut, how many losses there were: the board knows of none.
         const Judgement judgement = sweeper_.judge(chips, cuts.empty() ? 0 : 1);
+        states_[n].outcome = judgement.outcome;
+        states_[n].boots = judgement.boots;
         ++tally_.outcomes[NameOf(judgement.outcome)];
         if (judgement.outcome == Outcome::good)
             tally_.longest_recovery = std::max<std::uint64_t>(tally_.longest_recovery, judgement.boots);
@@ -303,6 +379,8 @@ private:
     Sweeper sweeper_;
     std::vector<State> states_;
     std::unordered_map<std::uint64_t, std::size_t> known_;
+    std::unordered_set<std::uint64_t> members_;
+    std::uint32_t end_ = 0; // the letters with which the last walk ended
     std::map<std::string, std::uint32_t> letters_;
     std::set<std::uint64_t> edges_;
     ClosureTally tally_;
@@ -319,14 +397,19 @@ std::vector<ClosureUnit> UnitsOf(const ClosurePlan &plan) {
     std::vector<ClosureUnit> units;
     for (std::size_t n = 0; n < plan.scenarios.size(); ++n)
         for (const Variant &variant : plan.scenarios[n].variants) {
-            if (plan.on_host) units.push_back({n, &variant, ProcessorKind::host});
-            if (plan.on_arm) units.push_back({n, &variant, ProcessorKind::arm});
+            for (const bool exact : {false, true}) {
+                if (exact && !plan.also_exact) continue;
+                if (plan.on_host) units.push_back({n, &variant, ProcessorKind::host, exact});
+                if (plan.on_arm) units.push_back({n, &variant, ProcessorKind::arm, exact});
+            }
         }
     return units;
 }
 
 ClosureTally RunUnit(const ClosurePlan &plan, const ClosureUnit &unit, const SweepFirmware &firmware, JobNotes &notes) {
-    return CloseVariant(plan.limits, plan.scenarios.at(unit.scenario), *unit.variant, unit.processor, firmware, notes);
+    ClosureLimits limits = plan.limits;
+    limits.exact = unit.exact;
+    return CloseVariant(limits, plan.scenarios.at(unit.scenario), *unit.variant, unit.processor, firmware, notes);
 }
 
 ClosureTally ClosureDeathOf(const std::string &at, const std::string &reason) {
@@ -341,14 +424,16 @@ std::string ToText(const ClosureTally &tally) {
 }
 ClosureTally ClosureTallyFrom(const std::string &text) { return json::parse(text).get<ClosureTally>(); }
 
-void CompareProcessors(const std::vector<ClosureUnit> &units, std::vector<ClosureTally> &tallies) {
+void CompareUnits(const std::vector<ClosureUnit> &units, std::vector<ClosureTally> &tallies) {
     for (std::size_t n = 1; n < units.size(); ++n) {
-        const ClosureTally &host = tallies.at(n - 1);
-        ClosureTally &arm = tallies.at(n);
-        if (units[n].variant != units[n - 1].variant || host.fingerprint == arm.fingerprint) continue;
-        ++arm.found;
-        arm.findings.push_back({units[n].variant->label, "both", "other states on the other processor",
-                                fmt::format("{} and {}", host.states, arm.states)});
+        const ClosureTally &one = tallies.at(n - 1);
+        ClosureTally &other = tallies.at(n);
+        if (units[n].variant != units[n - 1].variant || one.fingerprint == other.fingerprint) continue;
+        ++other.found;
+        const char *what = units[n].exact == units[n - 1].exact ? "other states on the other processor"
+                                                                : "other classes where every byte counts";
+        other.findings.push_back(
+            {units[n].variant->label, "both", what, fmt::format("{} and {} states", one.states, other.states)});
     }
 }
 
@@ -364,7 +449,7 @@ std::vector<ClosureTally> RunClosure(const ClosurePlan &plan, unsigned jobs, con
          .progress = progress},
         [&](std::size_t n, JobNotes &notes) { return ToText(RunUnit(plan, units[n], firmware, notes)); },
         [&](std::size_t n, const std::string &text) { tallies.at(n) = ClosureTallyFrom(text); });
-    CompareProcessors(units, tallies);
+    CompareUnits(units, tallies);
     return tallies;
 }
 

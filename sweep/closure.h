@@ -26,6 +26,7 @@ struct ClosureLimits {
     std::size_t most_states = 0; // to explore; the others are left, and nothing is closed. 0: all
     unsigned near = 0;           // cut only so many operations on each side of where the kind of operation or the block
                                  // changes. 0: all
+    bool exact = false;          // every byte makes a state of its own; otherwise states go by classes (state_sum.h)
     std::uint64_t seed = 1;
     // What the regions hold before the first loss and after each one, as letters: nothing else is followed, and only
     // what stands at the end is judged. Empty: everything.
@@ -33,7 +34,9 @@ struct ClosureLimits {
 };
 
 struct ClosureTally {
-    std::uint64_t states = 0;
+    std::uint64_t states = 0;  // or classes of them
+    std::uint64_t members = 0; // states by every byte, as far as they were met
+    std::uint64_t twins = 0;   // of these, explored beside the first member of their class, and held against it
     std::uint64_t cuts = 0;
     std::uint64_t boots = 0;            // power-ups of every kind
     std::uint64_t left = 0;             // states that were found and not explored
@@ -61,12 +64,14 @@ struct ClosurePlan {
     bool on_host = true;
     bool on_arm = false; // both: the states have to be the same
     ClosureLimits limits = {};
+    bool also_exact = false; // every variant by classes and by every byte: the classes have to be the same
 };
 
 struct ClosureUnit {
     std::size_t scenario;
     const Variant *variant; // of the plan
     ProcessorKind processor;
+    bool exact;
 };
 std::vector<ClosureUnit> UnitsOf(const ClosurePlan &plan);
 ClosureTally RunUnit(const ClosurePlan &plan, const ClosureUnit &unit, const SweepFirmware &firmware, JobNotes &notes);
@@ -76,8 +81,8 @@ ClosureTally ClosureDeathOf(const std::string &at, const std::string &reason);
 std::string ToText(const ClosureTally &tally); // one line of JSON
 ClosureTally ClosureTallyFrom(const std::string &text);
 
-// Finds what differs between the processors, and adds it to the tallies of the units that ran on the ARM image.
-void CompareProcessors(const std::vector<ClosureUnit> &units, std::vector<ClosureTally> &tallies);
+// Finds what differs between units of one variant, which are neighbours, and adds it to the tally of the later one.
+void CompareUnits(const std::vector<ClosureUnit> &units, std::vector<ClosureTally> &tallies);
 
 // All of it, with so many worker processes.
 std::vector<ClosureTally> RunClosure(const ClosurePlan &plan, unsigned jobs, const SweepFirmware &firmware,

@@ -114,7 +114,7 @@ namespace {
 
 struct ClosureRow {
     std::uint64_t variants = 0, closed = 0, states = 0, cuts = 0, boots = 0, left = 0, depth = 0, longest = 0,
-                  checked = 0;
+                  members = 0, twins = 0, checked = 0;
     std::uint64_t good = 0, found = 0, kilobytes = 0;
     double processor_seconds = 0;
     std::map<std::string, std::map<std::string, std::uint64_t>> holes;
@@ -128,6 +128,8 @@ struct ClosureRow {
         cuts += tally.cuts;
         boots += tally.boots;
         left += tally.left;
+        members += tally.members;
+        twins += tally.twins;
         checked += tally.checked;
         // The first entry counts the state before any loss.
         depth = std::max<std::uint64_t>(depth, tally.depths.empty() ? 0 : tally.depths.size() - 1);
@@ -148,7 +150,8 @@ struct ClosureRow {
 std::string NameOf(const ClosurePlan &plan, const ClosureUnit &unit) {
     // The host is the usual processor, and goes unnamed.
     const char *processor = unit.processor == ProcessorKind::host ? "" : ", ARM image";
-    return fmt::format("{}/{}{}", plan.scenarios.at(unit.scenario).name, unit.variant->label, processor);
+    return fmt::format("{}/{}{}{}", plan.scenarios.at(unit.scenario).name, unit.variant->label, processor,
+                       unit.exact ? ", every byte" : "");
 }
 
 std::string Closed(const ClosureTally &tally) {
@@ -256,14 +259,15 @@ std::uint64_t Outside(const Tally &tally, Outcome outcome) {
 
 std::string ClosureTable(const ClosurePlan &plan, const std::vector<ClosureTally> &tallies) {
     const std::vector<ClosureUnit> units = UnitsOf(plan);
-    std::string text = "| variant | states | cuts | states by losses | longest recovery | closed | not good |\n"
-                       "|---|--:|--:|---|--:|---|--:|\n";
+    std::string text = "| variant | states | met | cuts | states by losses | longest recovery | closed | not good |\n"
+                       "|---|--:|--:|--:|---|--:|---|--:|\n";
     for (std::size_t n = 0; n < units.size(); ++n) {
         ClosureRow row;
         row.add(tallies.at(n));
-        text += fmt::format("| `{}` | {} | {} | {} | {} | {} | {} |\n", NameOf(plan, units[n]), row.states, row.cuts,
-                            // States that are left were not judged, neither good nor bad.
-                            DepthsOf(tallies[n]), row.longest, Closed(tallies[n]), row.states - row.left - row.good);
+        // States that are left were not judged, neither good nor bad.
+        const std::uint64_t ill = row.states - row.left - row.good;
+        text += fmt::format("| `{}` | {} | {} | {} | {} | {} | {} | {} |\n", NameOf(plan, units[n]), row.states,
+                            row.members, row.cuts, DepthsOf(tallies[n]), row.longest, Closed(tallies[n]), ill);
     }
     const ClosureRow all = SumOf(tallies);
     text +=

@@ -177,6 +177,7 @@ void CheckOptions(const SweepCall &call) {
     // Known by a value other than the default: the default in so many words does no harm.
     needs_closure(call.follow.empty() && asked.near != usual.near, "--near");
     needs_closure(asked.most_states != usual.most_states, "--most-states");
+    needs_closure(asked.exact, "--exact");
     needs_closure(!call.edges.empty(), "--edges");
     RequireInCall(!call.list || (asked.scenarios.empty() && !call.all), "--list",
                   "names every scenario, and runs none of them", "no scenario beside it");
@@ -213,6 +214,7 @@ int Follow(const SweepCall &call, const SweepFirmware &firmware) {
                            call.asked.processor == "arm",
                            {.ways = call.asked.ways,
                             .near = call.asked.near,
+                            .exact = call.asked.exact,
                             .seed = call.asked.seed,
                             .history = ReadHistory(call.follow)}};
     CallReport outcome("sweep", call.json);
@@ -299,6 +301,7 @@ void AddSweepCommand(Command &app, int &exit_status) {
         ->add_option("--most-states", asked.most_states,
                      "for a closure, states after which to give a variant up as not closed [no limit]")
         ->check(WholeNumber(1, 1'000'000'000));
+    command->add_flag("--exact", asked.exact, "for a closure, make another in which every byte counts, and compare");
     command
         ->add_option("--edges", call->edges,
                      "for a closure, write its steps from state to state, for the protocol's model")
