@@ -148,7 +148,11 @@ if(SANITIZE)
     target_link_libraries(fixture-tests PRIVATE native-modules-fixed harness PkgConfig::HTTPLIB
                           GTest::gtest GTest::gmock GTest::gtest_main ${NATIVE_LINK})
     add_test(NAME Protocol.IsSafeAndComesToItsEnd COMMAND ${CMAKE_SOURCE_DIR}/proof/check.sh ${CMAKE_BINARY_DIR}/proof)
-    set_tests_properties(Protocol.IsSafeAndComesToItsEnd PROPERTIES TIMEOUT 300)
+    add_test(NAME Protocol.HasEveryEdgeOfTheProgram
+             COMMAND ${CMAKE_SOURCE_DIR}/proof/refine_test.sh $<TARGET_FILE:fixture> ${CMAKE_BINARY_DIR}/proof
+                     ${CMAKE_SOURCE_DIR}/build/arm/planted)
+    set_tests_properties(Protocol.IsSafeAndComesToItsEnd PROPERTIES TIMEOUT 300 FIXTURES_SETUP edges)
+    set_tests_properties(Protocol.HasEveryEdgeOfTheProgram PROPERTIES TIMEOUT 300 FIXTURES_REQUIRED edges)
     add_dependencies(fixture-tests fixture) # some tests run the command as a process of its own
     gtest_discover_tests(fixture-tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300
                          WORKING_DIRECTORY ${CMAKE_BINARY_DIR})

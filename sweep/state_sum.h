@@ -13,8 +13,9 @@
 // closure that goes by classes explores second members of them, and finds one that goes another way.
 //
 //   StateSum sum(world, chips);
-//   sum.take_out(chips, operation);     // before the operation
-//   sum.put_in(chips, operation);       // after it
+//   const ChipOperation operation{"NAND", "erase", 0x40000};
+//   sum.take_out(chips, operation);     before the operation
+//   sum.put_in(chips, operation);       after it
 //
 // Both are sums over pages, so that a change costs the pages that it touches. What is left of the chances of faults is
 // not in them: ChancesSum (chips_compare.h).

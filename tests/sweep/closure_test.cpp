@@ -46,6 +46,19 @@ TEST(Closure, TellsTheShortestHistoryThatReplays) {
     EXPECT_EQ(NameOf(RunCase(id, ProcessorKind::host, Builds()).outcome), first.outcome);
 }
 
+// That classes leave out nothing that matters: each member of one goes the same way, and no class is missing.
+TEST(Closure, ByClassesMeetsWhatEveryByteMeets) {
+    const ClosurePlan plan{.scenarios = FindScenarios({"nand-edge/slot-1-2049"}, Builds()), .also_exact = true};
+    const std::vector<ClosureTally> tallies = RunClosure(plan, 1, Builds(), {});
+    ASSERT_EQ(tallies.size(), 2u);
+    for (const ClosureTally &tally : tallies) {
+        EXPECT_TRUE(tally.closed());
+        EXPECT_EQ(tally.found, 0u) << tally.findings.front().outcome;
+    }
+    EXPECT_LT(tallies[0].states, tallies[1].states);
+    EXPECT_GT(tallies[1].twins, 0u);
+}
+
 // A second way that tears as the first does would be none.
 TEST(Closure, WaysOfTearingDiffer) {
     const auto states = [](unsigned ways) {
