@@ -10,10 +10,22 @@ namespace fixture {
 
 namespace {
 
-// Refuses by the part whose full length the file has, which helps more than a list of lengths.
+ChipShape ShapeOf(const At45Part &part) {
+    // A data-only file has pages of the next smaller power of two: 512 of 528 bytes.
+    return {part.name, part.pages, part.page_bytes, std::bit_floor(part.page_bytes), false};
+}
+
+bool IsWhole(std::size_t bytes, const At45Part &part) {
+    const ChipShape shape = ShapeOf(part);
+    return bytes == shape.whole_bytes() || bytes == shape.data_bytes();
+}
+
+// Refuses by the part whose full length the file has, which helps more than a list of lengths. A smaller part's file
+// would else pass for the first pages of a larger one, and its slots for damaged ones.
 void RefuseOtherPart(const std::filesystem::path &file, std::size_t bytes, const At45Part &part) {
+    if (IsWhole(bytes, part)) return;
     for (const At45Part &other : At45Parts())
-        if (bytes == other.bytes() && bytes != part.bytes() && other.pages != part.pages)
+        if (IsWhole(bytes, other))
             throw Refusal(file, fmt::format("{} bytes: the length of an {}", bytes, other.name),
                           fmt::format("an {}; see --dataflash-part", part.name), "wrong-length");
 }
@@ -27,11 +39,7 @@ bool IsBlank(std::span<const std::uint8_t> bytes) {
 ChipShape ShapeOf(const NandContents &chip) {
     return {chip.part() ? chip.part()->name : kDefaultNand, kNandRows, kNandRawPageBytes, kNandPageBytes, true};
 }
-ChipShape ShapeOf(const At45Contents &chip) {
-    const At45Part &part = chip.part();
-    // A data-only file has pages of the next smaller power of two: 512 of 528 bytes.
-    return {part.name, part.pages, part.page_bytes, std::bit_floor(part.page_bytes), false};
-}
+ChipShape ShapeOf(const At45Contents &chip) { return ShapeOf(chip.part()); }
 
 ChipFileLayout LoadChip(NandContents &chip, const std::filesystem::path &file) {
     const ChipShape shape = ShapeOf(chip);

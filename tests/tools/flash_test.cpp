@@ -10,6 +10,8 @@
 #include "machine/raw_flash.h"
 #include "tools/commands.h"
 
+#include <bit>
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
@@ -236,6 +238,19 @@ TEST_F(FlashTool, WhatCannotWorkIsRefused) {
     };
     for (const auto &[status, words] : calls) EXPECT_EQ(run(words).exit_status, status) << words.back();
     EXPECT_FALSE(std::filesystem::exists(chip));
+}
+
+// Every part's whole dump, in either layout, against every part: one may be as long as half of another.
+TEST_F(FlashTool, ADumpOfAnotherDataflashIsRefused) {
+    for (const At45Part &dumped : At45Parts())
+        for (const std::uint32_t page : {dumped.page_bytes, std::bit_floor(dumped.page_bytes)})
+            for (const At45Part &fitted : At45Parts()) {
+                const std::string dump = file("dump", Bytes(std::size_t{dumped.pages} * page, 0xFF));
+                const CommandResult result = run({"info", "--dataflash", dump, "--dataflash-part", fitted.name});
+                const bool other =
+                    result.error.find(fmt::format("the length of an {}", dumped.name)) != std::string::npos;
+                EXPECT_EQ(other, &dumped != &fitted) << page << " " << dumped.name << " for " << fitted.name;
+            }
 }
 
 } // namespace
