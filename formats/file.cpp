@@ -236,6 +236,8 @@ protected:
         while (error_ == 0 && at != pptr()) {
             const ssize_t count = ::write(handle_, at, static_cast<std::size_t>(pptr() - at));
             if (count > 0) at += count;
+            // Some devices take nothing without an error: asked again, they would be asked for ever.
+            if (count == 0) error_ = EIO;
             if (count < 0 && errno != EINTR) error_ = errno;
         }
         setp(bytes_.data(), bytes_.data() + bytes_.size());
