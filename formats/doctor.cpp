@@ -189,7 +189,8 @@ void SlotDoctor::judge(const Match &match) {
     }
     // Not even the first page is right. On NAND its block is erased first, so a cut in either operation leaves none. On
     // a DataFlash the slot shares its first page with what lies before it, so the page is rewritten by one command with
-    // a built-in erase (83h): torn, it may look decayed, and only an erased one is a sure sign of a cut.
+    // a built-in erase (83h): torn, it may look decayed, and only an erased one is a sure sign of a cut. What else
+    // speaks for a cut is for BoardDoctor::tell_cut_from_decay().
     if (match.prefix > 0 ? was_cut(match) : flash_.medium == Medium::nand || IsAll(first, 0xFF)) {
         found_.condition = SlotCondition::cut;
         found_.cut_page = static_cast<std::uint32_t>(match.prefix);
@@ -226,6 +227,12 @@ void SlotDoctor::judge_without_reference(const StoredImage &image) {
         found_.holds += fmt::format(", erased from page {} of {} on", *found_.cut_page, found_.pages);
     } else {
         found_.holds = fmt::format("no image ({})", NameOf(image.verdict()));
+        // A slot is written from its first page on: with erased flash alone after that, the writing ended in it.
+        const std::vector<Piece> pieces = PiecesOf(flash_, slot_, slot_.capacity);
+        if (pieces.empty() || !IsAll(Span(content_).subspan(pieces.front().length), 0xFF)) return;
+        found_.condition = SlotCondition::cut;
+        found_.cut_page = 0;
+        found_.holds = "part of a first page, and nothing after it";
     }
 }
 
@@ -258,6 +265,7 @@ public:
     FlashDiagnosis diagnose();
 
 private:
+    void tell_cut_from_decay();
     void tell_bootloaders();
     void tell_rescue();
     void mend_bootloaders();
@@ -275,6 +283,13 @@ private:
 
 std::string BoardDoctor::cut_text(const SlotDiagnosis &slot, const char *what) const {
     assert(slot.cut_page && "asked of slots that were cut");
+    const bool nand = flash_.medium == Medium::nand;
+    const bool erased = IsAll(flash_.read(slot.slot.address, kImageHeaderBytes), 0xFF);
+    if (*slot.cut_page == 0 && (!nand || !erased))
+        return fmt::format("{} cut at the first page of {}{}", what, slot.slot.name,
+                           slot.reference && slot.slot.address != slots_[2].address
+                               ? ", or power went while its old copy was retired"
+                               : "");
     // Both begin by erasing the first page, so what is left does not tell which it was.
     if (*slot.cut_page == 0)
         return fmt::format("power went while {} was erased: before an update's first page, or while its old copy was "
@@ -282,6 +297,20 @@ std::string BoardDoctor::cut_text(const SlotDiagnosis &slot, const char *what) c
                            slot.slot.name);
     const std::string name = slot.reference ? " to " + references_[*slot.reference].name : "";
     return fmt::format("{}{} cut at page {} of {} of {}", what, name, *slot.cut_page + 1, slot.pages, slot.slot.name);
+}
+
+// A first page of a DataFlash that is neither right nor erased may be torn or decayed. Beside a good copy a slot is
+// at rest only while it is erased or retired, so remains of an image there are what an update was writing over.
+void BoardDoctor::tell_cut_from_decay() {
+    if (flash_.medium == Medium::nand) return;
+    for (const unsigned n : {0u, 1u}) {
+        SlotDiagnosis &slot = found_.slots[n];
+        if (slot.condition != SlotCondition::damaged || found_.slots[1 - n].condition != SlotCondition::good) continue;
+        if (slot.damages.front().page != 0) continue;
+        slot.condition = SlotCondition::cut;
+        slot.cut_page = 0;
+        slot.holds = fmt::format("part of a first page, and remains of {}", references_[*slot.reference].name);
+    }
 }
 
 void BoardDoctor::tell_bootloaders() {
@@ -365,6 +394,7 @@ FlashDiagnosis BoardDoctor::diagnose() {
     for (const unsigned n : {0u, 1u, 2u})
         found_.slots.push_back(
             SlotDoctor(flash_, slots_[n], n == 2 ? FileRole::rescue : FileRole::bootloader, references_).diagnose());
+    tell_cut_from_decay();
     tell_bootloaders();
     tell_rescue();
     if (!found_.running && found_.history.empty()) tell("no bootloader was ever stored, or all was erased");

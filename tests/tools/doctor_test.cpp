@@ -69,18 +69,58 @@ TEST(Doctor, NamesThePageAtWhichAnUpdateWasCut) {
     }
 }
 
-// After the first page, which the update shares with what lies before the slot, every odd operation erases one.
+// After the first page, which the update shares with what lies before the slot, every odd operation erases one. Torn,
+// it may look whole.
 TEST(Doctor, NamesThePageOfADataflash) {
-    const World world = WorldOf({"dataflash-update", "running-retired", {}, 1}, Builds());
-    Sweeper sweeper(world, ProcessorKind::host, Builds());
-    const auto erases = [](const Cut &cut) { return cut.moment == CutMoment::after && cut.operation % 16 == 1; };
-    for (Snapshot &cut : sweeper.take_snapshots(world.chips, 0, erases)) {
-        const RawFlash flash = RawFlashOf(cut.chips.dataflash);
-        const FlashDiagnosis found = DiagnoseFlash(flash, References(world));
-        EXPECT_EQ(found.running, 0u);
-        EXPECT_EQ(found.slots[1].cut_page, (cut.cut.operation + 1) / 2) << found.slots[1].holds;
-        for (const Repair &repair : found.repairs) repair.apply(flash);
-        EXPECT_TRUE(DiagnoseFlash(flash, References(world)).healthy());
+    for (const char *const slots : {"running-retired", "running-erased", "running-broken"}) {
+        SCOPED_TRACE(slots);
+        const World world = WorldOf({"dataflash-update", slots, {}, 1}, Builds());
+        Sweeper sweeper(world, ProcessorKind::host, Builds());
+        // What builds have in common may be there already, so only a page that is broken tells how far it came.
+        const auto some = [](const Cut &cut) { return cut.moment != CutMoment::before && cut.operation % 16 == 1; };
+        for (Snapshot &cut : sweeper.take_snapshots(world.chips, 0, some)) {
+            SCOPED_TRACE(testing::Message() << cut.cut.operation << " " << static_cast<int>(cut.cut.moment));
+            const RawFlash flash = RawFlashOf(cut.chips.dataflash);
+            const FlashDiagnosis found = DiagnoseFlash(flash, References(world));
+            EXPECT_EQ(found.running, 0u);
+            const std::uint64_t page = (cut.cut.operation + 1) / 2;
+            const SlotDiagnosis &slot = found.slots[1];
+            ASSERT_TRUE(slot.cut_page) << NameOf(slot.condition) << " " << slot.holds;
+            EXPECT_TRUE(slot.cut_page == page || (cut.cut.moment == CutMoment::torn && slot.cut_page == page + 1))
+                << *slot.cut_page << " " << slot.holds;
+            EXPECT_THAT(found.history, ElementsAre(testing::StartsWith("update to new cut at page")));
+            for (const Repair &repair : found.repairs) repair.apply(flash);
+            EXPECT_TRUE(DiagnoseFlash(flash, References(world)).healthy());
+        }
+    }
+}
+
+// That first page is erased and programmed by one command. Torn, it may also look as before, or as it was to become.
+TEST(Doctor, TellsOfAFirstPageOfADataflashThatIsTorn) {
+    for (const char *const slots : {"running-retired", "running-erased", "running-broken"}) {
+        const World world = WorldOf({"dataflash-update", slots, {}, 1}, Builds());
+        Sweeper sweeper(world, ProcessorKind::host, Builds());
+        At45Contents uncut = world.chips.dataflash;
+        const std::string before = DiagnoseFlash(RawFlashOf(uncut), References(world)).slots[1].holds;
+        unsigned told = 0;
+        for (unsigned way = 1; way <= 8; ++way) {
+            SCOPED_TRACE(testing::Message() << slots << " " << way);
+            Chips chips = sweeper.cut({{0, CutMoment::torn, way}});
+            const RawFlash flash = RawFlashOf(chips.dataflash);
+            const FlashDiagnosis found = DiagnoseFlash(flash, References(world));
+            const SlotDiagnosis &slot = found.slots[1];
+            EXPECT_EQ(found.running, 0u);
+            if (slot.cut_page == 0u) {
+                ++told;
+                EXPECT_THAT(found.history,
+                            ElementsAre(testing::StartsWith("update cut at the first page of bootloader 1")));
+            } else if (slot.cut_page != 1u) {
+                EXPECT_EQ(slot.holds, before);
+            }
+            for (const Repair &repair : found.repairs) repair.apply(flash);
+            EXPECT_TRUE(DiagnoseFlash(flash, References(world)).healthy());
+        }
+        EXPECT_GT(told, 0u) << slots;
     }
 }
 
