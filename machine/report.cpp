@@ -1,6 +1,7 @@
 #include "machine/report.h"
 
 #include "formats/file.h"
+#include "formats/refusal.h"
 #include "machine/raw_flash.h"
 
 #include <algorithm>
@@ -44,13 +45,13 @@ std::string HtmlText(std::string_view text) {
     return html;
 }
 
-// Inside a script element nothing may look like its end.
+// Inside a script element nothing may look like its end. The page is UTF-8 and may hold nothing else.
 std::string JsonText(std::string_view text) {
     std::string json = "\"";
-    for (const char c : text) {
+    for (const char c : Printable(text)) {
         if (c == '"' || c == '\\')
             json += fmt::format("\\{}", c);
-        else if (static_cast<unsigned char>(c) < 0x20 || c == '<' || c == '&' || static_cast<unsigned char>(c) >= 0x7F)
+        else if (c == '<' || c == '&')
             json += fmt::format("\\u{:04x}", static_cast<unsigned char>(c));
         else
             json += c;
@@ -135,9 +136,9 @@ unsigned LaneOf(const Event &event) {
     }
 }
 
-class Timeline {
+class TimelineDrawing {
 public:
-    explicit Timeline(Picoseconds end) : end_(std::max<Picoseconds>(end, 1)) {}
+    explicit TimelineDrawing(Picoseconds end) : end_(std::max<Picoseconds>(end, 1)) {}
 
     double x(Picoseconds time) const {
         return kLeft + static_cast<double>(time) / static_cast<double>(end_) * double{kWidth};
@@ -181,7 +182,7 @@ private:
 };
 
 // A line about every tenth of the width, at 1, 2 or 5 times a power of ten.
-std::string Timeline::axis() const {
+std::string TimelineDrawing::axis() const {
     double step = 1e-6;
     for (unsigned n = 0; Ms(end_) / step > 10; ++n) step *= n % 3 == 1 ? 2.5 : 2;
     const unsigned bottom = kRows * kLaneHeight;
@@ -195,7 +196,7 @@ std::string Timeline::axis() const {
     return text;
 }
 
-std::string Timeline::svg() const {
+std::string TimelineDrawing::svg() const {
     const unsigned height = kRows * kLaneHeight + 22;
     std::string text = fmt::format("<svg class=\"timeline\" role=\"img\" aria-label=\"What happened when\" "
                                    "viewBox=\"0 0 {} {}\">",
@@ -211,7 +212,7 @@ std::string Timeline::svg() const {
 
 // From one start to the next: a stage ends where another begins.
 constexpr std::string_view kStarts = "starts ";
-void AddStages(Timeline &timeline, const RunRecord &record, Picoseconds end) {
+void AddStages(TimelineDrawing &drawing, const RunRecord &record, Picoseconds end) {
     std::vector<std::pair<Picoseconds, std::string>> starts;
     for (const Event &event : record.events())
         // What the first stage takes, it starts in the next event.
@@ -219,22 +220,21 @@ void AddStages(Timeline &timeline, const RunRecord &record, Picoseconds end) {
             starts.emplace_back(event.time,
                                 event.what.starts_with(kStarts) ? event.what.substr(kStarts.size()) : event.what);
     for (std::size_t i = 0; i < starts.size(); ++i)
-        timeline.stage(i % 2 != 0, starts[i].first, i + 1 < starts.size() ? starts[i + 1].first : end,
-                       starts[i].second);
+        drawing.stage(i % 2 != 0, starts[i].first, i + 1 < starts.size() ? starts[i + 1].first : end, starts[i].second);
 }
 
 std::string DrawTimeline(const RunRecord &record, Picoseconds end, std::span<const FrameRecorder::Frame> frames) {
     // What is drawn later lies on top: pauses are the ground for everything else.
-    Timeline timeline(end);
+    TimelineDrawing drawing(end);
     for (const RunRecord::Pause &pause : record.pauses()) {
-        if (timeline.x(pause.end) - timeline.x(pause.begin) < kClosest) continue;
-        timeline.band("pause", lane_console, kRows - 1, pause.begin, pause.end,
-                      fmt::format("waits {:.3f} ms", Ms(pause.end - pause.begin)));
+        if (drawing.x(pause.end) - drawing.x(pause.begin) < kClosest) continue;
+        drawing.band("pause", lane_console, kRows - 1, pause.begin, pause.end,
+                     fmt::format("waits {:.3f} ms", Ms(pause.end - pause.begin)));
     }
-    AddStages(timeline, record, end);
-    for (const Event &event : record.events()) timeline.tick(LaneOf(event), event.time);
-    for (const FrameRecorder::Frame &frame : frames) timeline.tick(lane_frame, frame.time);
-    return timeline.svg();
+    AddStages(drawing, record, end);
+    for (const Event &event : record.events()) drawing.tick(LaneOf(event), event.time);
+    for (const FrameRecorder::Frame &frame : frames) drawing.tick(lane_frame, frame.time);
+    return drawing.svg();
 }
 
 // ---------------------------------------------------------------------------------------------------------------------

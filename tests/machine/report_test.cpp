@@ -66,6 +66,30 @@ TEST(Report, OfALongRunIsNoLargerThanItMayBe) {
     EXPECT_NE(page.find(fmt::format("data-events=\"{}\"", kEvents / 100)), std::string::npos) << "the resets";
 }
 
+// What an event is about comes from files and chips: any bytes, in a script element.
+TEST(Report, GivesEveryNameToItsScriptAsItIs) {
+    const std::pair<const char *, const char *> rows[] = {
+        {"open i:/vol0/f\u00fcr \u706f.bin", "open i:/vol0/f\u00fcr \u706f.bin"},
+        {"</script><!-- & \"\\", "</script><!-- & \"\\"},
+        {"a\nb\x7f\xff", "a\\x0Ab\\x7F\\xFF"},
+    };
+    for (const auto &[what, told] : rows) {
+        Chips chips;
+        RunOptions options;
+        options.firmware = &Bootloader();
+        Machine machine(chips, options);
+        RunRecord record(machine);
+        Event event;
+        event.kind = EventKind::file;
+        event.what = what;
+        record.add(event);
+        const std::string page = ReportPage(record, RunReport(), record.before(), {}, {"launched", "", "fixture boot"});
+        const std::size_t begin = page.find('{', page.find("id=\"data\""));
+        const auto data = nlohmann::json::parse(page.substr(begin, page.find("</script>", begin) - begin));
+        EXPECT_THAT(data["events"][0]["text"].get<std::string>(), testing::EndsWith(told));
+    }
+}
+
 TEST(Report, InABrowser) {
     const Page page = MakePage();
     ASSERT_GT(page.frames.size(), 1u);
