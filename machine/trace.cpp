@@ -13,12 +13,6 @@ namespace {
 constexpr EventKind kKinds[] = {EventKind::access, EventKind::chip,  EventKind::violation, EventKind::console,
                                 EventKind::file,   EventKind::reset, EventKind::stage,     EventKind::power};
 
-// "NAND*" stands for all that begin so.
-bool Matches(const std::string &name, const std::string &wanted) {
-    if (wanted.ends_with('*')) return name.compare(0, wanted.size() - 1, wanted, 0, wanted.size() - 1) == 0;
-    return name == wanted;
-}
-
 bool MatchesAny(const std::string &name, const std::vector<std::string> &wanted) {
     return std::any_of(wanted.begin(), wanted.end(), [&](const std::string &one) { return Matches(name, one); });
 }
@@ -34,6 +28,11 @@ std::vector<std::string> Words(const std::string &list) {
         begin = end + 1;
     }
     return words;
+}
+
+bool Matches(std::string_view name, std::string_view wanted) {
+    if (wanted.ends_with('*')) return name.starts_with(wanted.substr(0, wanted.size() - 1));
+    return name == wanted;
 }
 
 std::set<EventKind> EventKinds(const std::string &list) {

@@ -11,6 +11,7 @@
 #include <ostream>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace fixture {
@@ -29,6 +30,9 @@ struct TraceFilter {
 // A list of words between commas. Throws Refusal, with the kinds there are, for one that there is not.
 std::set<EventKind> EventKinds(const std::string &list);
 std::vector<std::string> Words(const std::string &list);
+
+// Whether a name is the one wanted; "NAND*" wants all that begin so.
+bool Matches(std::string_view name, std::string_view wanted);
 
 // One line of a trace, with its end.
 std::string TraceLine(const Event &event);

@@ -1,6 +1,7 @@
 #include "machine/vcd.h"
 
 #include "formats/refusal.h"
+#include "machine/trace.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -26,11 +27,6 @@ constexpr VcdSignal kSignals[] = {
 
 // Short identifiers out of the printable characters.
 std::string Identifier(std::size_t index) { return std::string(1, static_cast<char>('!' + index)); }
-
-bool Matches(std::string_view name, std::string_view wanted) {
-    if (wanted.ends_with('*')) return name.starts_with(wanted.substr(0, wanted.size() - 1));
-    return name == wanted;
-}
 
 [[noreturn]] void Refuse(std::string_view wanted) {
     std::string names;
