@@ -15,7 +15,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::uint32_t kReadAfter = 32;               // what a check reads beyond an image
 constexpr std::uint32_t kRescueFlush = 0x3FBFFF;       // what the bootloader writes back of a rescue image of any size
 constexpr std::uintmax_t kHeapBytes = 4u << 20;        // the bootloader's heap
 constexpr std::uintmax_t kLargeDescriptor = 64u << 10; // from here on its tree may not fit that heap
@@ -38,19 +37,13 @@ std::string FieldText(const Bytes &field) {
 
 std::uint32_t SizeField(const Bytes &image) {
     assert(image.size() >= kImageHeaderBytes && "a whole header was read");
-    return image[20] | static_cast<std::uint32_t>(image[21]) << 8 | static_cast<std::uint32_t>(image[22]) << 16 |
-           static_cast<std::uint32_t>(image[23]) << 24;
-}
-
-std::uint32_t Word(const Bytes &image, std::size_t at) {
-    return image[at] | static_cast<std::uint32_t>(image[at + 1]) << 8 |
-           static_cast<std::uint32_t>(image[at + 2]) << 16 | static_cast<std::uint32_t>(image[at + 3]) << 24;
+    return Little32(image, kSizeOffset);
 }
 
 bool SumsFit(const Bytes &image) {
     assert(SizeField(image) >= kImageHeaderBytes && SizeField(image) <= image.size() && "callers judge the size first");
     const std::span<const std::uint8_t> body(image.data() + kImageHeaderBytes, SizeField(image) - kImageHeaderBytes);
-    return SumsOf(body) == ImageSums{Word(image, 24), Word(image, 28)};
+    return SumsOf(body) == ImageSums{Little32(image, kSumsOffset), Little32(image, kSumsOffset + 4)};
 }
 
 // A file of a bank as the manifest lists it.

@@ -9,11 +9,6 @@ namespace fixture {
 
 namespace {
 
-// A check reads this much after an image; a DataFlash refuses to read beyond its end.
-constexpr std::uint32_t kReadAfter = 32;
-// A record that reads so is none: it is the beginning of an image, read after a bad block.
-constexpr std::string_view kNoRecord = "Orvalis Luminati";
-
 std::uint32_t BadBlocksIn(const RawFlash &flash, const Slot &slot) {
     const std::uint32_t first = slot.address / flash.unit;
     const std::uint32_t end = (slot.address + slot.capacity) / flash.unit;
@@ -196,19 +191,6 @@ void RefuseUnlessItFits(const RawFlash &flash, const Slot &slot, const Bytes &im
             "too-large");
 }
 
-void RefuseUnreadableRecord(const RawFlash &flash, const Provision &provision) {
-    const std::size_t most = SlotsOf(flash.medium).record.capacity;
-    const std::string &version = provision.rescue_version;
-    const std::string where = fmt::format("rescue version \"{}\"", version);
-    if (version.empty() || version.size() > most)
-        throw Refusal(where, fmt::format("{} characters", version.size()), fmt::format("1 to {}", most), "bad-version");
-    // A board that reads it back would never store a rescue image again.
-    if (version == kNoRecord)
-        throw Refusal(where, "the beginning of the maker text counts as no version", "", "bad-version");
-    if (flash.medium == Medium::nand && flash.is_bad(kRecordBlock))
-        throw Refusal(where, "block 1 is bad: the record would fall into bootloader slot 0", "", "record-block-bad");
-}
-
 } // namespace
 
 bool RawFlash::is_bad(std::uint32_t block) const {
@@ -285,17 +267,14 @@ void StoreProvision(const RawFlash &flash, const Provision &provision) {
     RefuseUnlessItFits(flash, table.bootloader.at(provision.slot), provision.bootloader);
     if (!provision.rescue.empty()) {
         RefuseUnlessItFits(flash, RescueOn(flash), provision.rescue);
-        RefuseUnreadableRecord(flash, provision);
+        RefuseRecord(flash, provision.rescue_version);
     }
     // First of all: an older image left in slot 0 would be started in place of a new one in slot 1.
     EraseSlot(flash, table.bootloader.at(1 - provision.slot));
     flash.write(table.bootloader[provision.slot].address, provision.bootloader);
     if (provision.rescue.empty()) return;
     flash.write(table.rescue.address, provision.rescue);
-    Bytes record(provision.rescue_version.begin(), provision.rescue_version.end());
-    // Filled up with zeros, as the bootloader fills its own: a board from production is like one after an update.
-    record.resize(table.record.capacity);
-    flash.write(table.record.address, record);
+    StoreRecord(flash, provision.rescue_version);
 }
 
 } // namespace fixture

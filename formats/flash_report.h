@@ -14,6 +14,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace fixture {
@@ -32,6 +33,12 @@ struct RawFlash {
 
     bool is_bad(std::uint32_t block) const;
 };
+
+// A check reads this much after an image; a DataFlash refuses to read beyond its end.
+inline constexpr std::uint32_t kReadAfter = 32;
+
+// A version record that reads so is none: it is the beginning of an image, read after a bad block.
+inline constexpr std::string_view kNoRecord = "Orvalis Luminati";
 
 // The NAND block that holds the version record and nothing else.
 inline constexpr std::uint32_t kRecordBlock = 1;

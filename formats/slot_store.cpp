@@ -14,7 +14,8 @@ Refusal Refused(const RawFlash &flash, const char *place, const std::string &fou
 // A write there would go on into block 2, where bootloader 0 begins.
 void RefuseBadRecordBlock(const RawFlash &flash) {
     if (flash.medium == Medium::nand && flash.is_bad(kRecordBlock))
-        throw Refused(flash, "version record", "block 1 is bad", "a good one: the next belongs to bootloader 0");
+        throw Refusal(fmt::format("version record of the {}", flash.part),
+                      "block 1 is bad: the record would fall into bootloader slot 0", "", "record-block-bad");
 }
 
 } // namespace
@@ -37,15 +38,22 @@ void EraseSlot(const RawFlash &flash, const Slot &slot) {
     flash.write(slot.address, Bytes(length, 0xFF));
 }
 
-void StoreRecord(const RawFlash &flash, const std::string &version) {
-    const Slot &slot = SlotsOf(flash.medium).record;
-    const bool begins_an_image = version == std::string_view(kMakerText).substr(0, slot.capacity);
-    if (version.empty() || version.size() > slot.capacity || begins_an_image)
-        throw Refused(flash, slot.name, fmt::format("\"{}\", {} characters", version, version.size()),
-                      fmt::format("1 to {}, and not the beginning of the maker text", slot.capacity));
+void RefuseRecord(const RawFlash &flash, const std::string &version) {
+    const std::size_t most = SlotsOf(flash.medium).record.capacity;
+    const std::string where = fmt::format("rescue version \"{}\"", version);
+    if (version.empty() || version.size() > most)
+        throw Refusal(where, fmt::format("{} characters", version.size()), fmt::format("1 to {}", most), "bad-version");
+    // A board that reads it back would never store a rescue image again.
+    if (version == kNoRecord)
+        throw Refusal(where, "the beginning of the maker text counts as no version", "", "bad-version");
     RefuseBadRecordBlock(flash);
+}
+
+void StoreRecord(const RawFlash &flash, const std::string &version) {
+    RefuseRecord(flash, version);
+    const Slot &slot = SlotsOf(flash.medium).record;
     Bytes record(version.begin(), version.end());
-    // Filled up with zeros, since the bootloader compares up to the text's end.
+    // Filled up with zeros, as the bootloader fills its own: a board from production is like one after an update.
     record.resize(slot.capacity);
     flash.write(slot.address, record);
 }

@@ -15,7 +15,9 @@ namespace fixture {
 void StoreInSlot(const RawFlash &flash, const Slot &slot, const Bytes &image);
 void EraseSlot(const RawFlash &flash, const Slot &slot);
 
-// The version of the stored rescue image: 1 to 16 characters.
+// The version of the stored rescue image: 1 to 16 characters. RefuseRecord throws what StoreRecord would, for callers
+// that write something else first.
+void RefuseRecord(const RawFlash &flash, const std::string &version);
 void StoreRecord(const RawFlash &flash, const std::string &version);
 void EraseRecord(const RawFlash &flash);
 

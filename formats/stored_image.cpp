@@ -3,6 +3,7 @@
 #include "formats/slots.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 #include <fmt/format.h>
 
@@ -11,15 +12,7 @@ namespace fixture {
 namespace {
 
 constexpr std::uintmax_t kLargestInput = 64u << 20; // an ELF file may carry much that is never loaded
-// The maker text takes the header's first 20 bytes with its terminator, then come size and sums, four bytes each.
-constexpr std::size_t kSizeOffset = 20;
-static_assert(sizeof kMakerText == kSizeOffset);
-
-// Byte by byte: an image may lie at any address of a file, and this machine may be of either byte order.
-std::uint32_t Little32(const std::uint8_t *bytes) {
-    return bytes[0] | static_cast<std::uint32_t>(bytes[1]) << 8 | static_cast<std::uint32_t>(bytes[2]) << 16 |
-           static_cast<std::uint32_t>(bytes[3]) << 24;
-}
+static_assert(kSumsOffset + 8 == kImageHeaderBytes);
 
 void AppendLittle32(Bytes &bytes, std::uint32_t value) {
     for (int shift = 0; shift < 32; shift += 8) bytes.push_back(static_cast<std::uint8_t>(value >> shift));
@@ -105,8 +98,8 @@ StoredImage JudgeImage(std::span<const std::uint8_t> bytes, std::uint32_t capaci
     image.maker = HasMaker(header);
     image.whole_header = header.size() == kImageHeaderBytes;
     if (!image.whole_header) return image;
-    image.size = Little32(&header[kSizeOffset]);
-    image.stored = {Little32(&header[kSizeOffset + 4]), Little32(&header[kSizeOffset + 8])};
+    image.size = Little32(header, kSizeOffset);
+    image.stored = {Little32(header, kSumsOffset), Little32(header, kSumsOffset + 4)};
     // Bounded by three things before a byte of the body is looked at: the size is whatever a damaged page made of it.
     image.sized = image.size >= kImageHeaderBytes && image.size <= capacity && image.size <= bytes.size();
     if (!image.sized) return image;
@@ -119,6 +112,14 @@ StoredImage JudgeImage(std::span<const std::uint8_t> bytes, std::uint32_t capaci
 // The whole text with its terminator, as both the first stage and the bootloader compare it.
 bool HasMaker(std::span<const std::uint8_t> bytes) {
     return bytes.size() >= sizeof kMakerText && std::equal(std::begin(kMakerText), std::end(kMakerText), bytes.begin());
+}
+
+// Byte by byte: an image may lie at any address of a file, and this machine may be of either byte order.
+std::uint32_t Little32(std::span<const std::uint8_t> bytes, std::size_t at) {
+    assert(at + 4 <= bytes.size() && "callers have looked how much there is");
+    std::uint32_t word = 0;
+    for (std::size_t n = 0; n < 4; ++n) word |= std::uint32_t{bytes[at + n]} << 8 * n;
+    return word;
 }
 
 Bytes Wrap(std::span<const std::uint8_t> body) {

@@ -69,6 +69,12 @@ StoredImage JudgeImage(std::span<const std::uint8_t> bytes, std::uint32_t capaci
 
 bool HasMaker(std::span<const std::uint8_t> bytes);
 
+// The word whose lowest byte is at `at`, as a header's fields are stored; `bytes` reaches to its end.
+std::uint32_t Little32(std::span<const std::uint8_t> bytes, std::size_t at);
+// Where a header's fields begin: the maker text takes the first 20 bytes with its terminator.
+inline constexpr std::size_t kSizeOffset = sizeof kMakerText;
+inline constexpr std::size_t kSumsOffset = kSizeOffset + 4; // both sums, one after the other
+
 // The body after a header of its own.
 Bytes Wrap(std::span<const std::uint8_t> body);
 
