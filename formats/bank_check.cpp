@@ -1,5 +1,6 @@
 #include "formats/bank_check.h"
 
+#include "formats/board_volume.h"
 #include "formats/stored_image.h"
 
 #include <algorithm>
@@ -12,20 +13,21 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::uintmax_t kLargestText = 4u << 20; // the bootloader's whole heap
+constexpr std::uintmax_t kLargestDescriptor = (4u << 20) - 1; // it and its end in the bootloader's heap
 
 // A file of the bank, never one outside it; none for anything that is not a regular file.
-fs::path FindFile(const fs::path &directory, const std::string &relative) {
+std::optional<fs::path> FindFile(const fs::path &directory, const std::string &relative) {
     // Not even where it stays inside: the board's volume serves no such path (FindOnVolume).
     for (const fs::path &part : fs::path(relative))
-        if (part == "..") return {};
+        if (part == "..") return std::nullopt;
     std::error_code error;
     // Links are resolved on both sides: a file from elsewhere will be missing where the bank is copied to.
     const fs::path root = fs::canonical(directory, error);
     const fs::path file = fs::canonical(directory / fs::path(relative).relative_path(), error);
-    if (error || !fs::is_regular_file(file, error)) return {};
+    if (error || !fs::is_regular_file(file, error)) return std::nullopt;
     const auto ends = std::mismatch(root.begin(), root.end(), file.begin(), file.end());
-    return ends.first == root.end() ? file : fs::path{};
+    if (ends.first != root.end()) return std::nullopt;
+    return file;
 }
 
 void AddProblem(BankReport &bank, const char *id, const std::string &where, const std::string &found,
@@ -34,37 +36,20 @@ void AddProblem(BankReport &bank, const char *id, const std::string &where, cons
 }
 
 // The bytes of one of the bank's own two texts; none, with a problem noted, where it cannot be read.
-std::optional<Bytes> ReadText(const fs::path &directory, const char *name, BankReport &bank) {
-    const fs::path file = FindFile(directory, name);
-    if (file.empty()) {
+std::optional<Bytes> ReadText(const fs::path &directory, const char *name, std::uintmax_t most, BankReport &bank) {
+    const std::optional<fs::path> file = FindFile(directory, name);
+    if (!file) {
         AddProblem(bank, "missing", name, "no such file");
         return std::nullopt;
     }
     // A text that cannot be read is a finding like any other, not the end of the call: one report names all that is
     // wrong.
     try {
-        return ReadFile(file, kLargestText);
+        return ReadFile(*file, most);
     } catch (const Refusal &refusal) {
         AddProblem(bank, refusal.problem().id.c_str(), name, refusal.problem().found, refusal.problem().expected);
     }
     return std::nullopt;
-}
-
-// Why the bootloader's file check fails; empty where it does not.
-std::string CheckFailure(const fs::path &file, const ManifestRecord &record, Bytes &bytes) {
-    if (file.empty()) return "no such file in the bank";
-    const std::uintmax_t size = fs::file_size(file);
-    // The size comes first, as on the board, which reads nothing of a file whose length is wrong.
-    if (size != record.size) return fmt::format("the file has {} bytes; expected {}", size, record.size);
-    if (size > kLoadBufferBytes)
-        return fmt::format("{} bytes; expected at most {}, the load buffer", size, kLoadBufferBytes);
-    try {
-        bytes = ReadFile(file, kLoadBufferBytes);
-    } catch (const Refusal &refusal) {
-        return refusal.problem().found;
-    }
-    const std::uint32_t sum = ByteSum(bytes);
-    return sum == record.sum ? "" : fmt::format("the file's byte-sum is {}; expected {}", sum, record.sum);
 }
 
 // Why an image is not stored, slots apart. A rescue image may be of any maker.
@@ -135,13 +120,12 @@ RecordReport ExamineRecord(BankReport &bank, const fs::path &directory, const Ma
     RecordReport report;
     report.record = record;
     report.role = role;
-    const fs::path file = FindFile(directory, record.path);
-    Bytes bytes;
-    report.problem = CheckFailure(file, record, bytes);
+    const FileCheck check = CheckFile(FindFile(directory, record.path), record.size, record.sum);
+    report.problem = check.problem;
     report.passes = report.problem.empty();
     if (!report.passes) return report;
-    if (role == FileRole::application) ExamineApplication(bank, report, bytes);
-    if (role == FileRole::bootloader || role == FileRole::rescue) ExamineImageFile(bank, report, bytes, board);
+    if (role == FileRole::application) ExamineApplication(bank, report, check.content);
+    if (role == FileRole::bootloader || role == FileRole::rescue) ExamineImageFile(bank, report, check.content, board);
     return report;
 }
 
@@ -242,14 +226,15 @@ BankReport ExamineBank(const fs::path &directory, const std::string &board_direc
     RequireDirectory(directory);
     BankReport bank;
     bank.directory = board_directory;
-    const std::optional<Bytes> descriptor = ReadText(directory, kDescriptorName, bank);
+    const std::optional<Bytes> descriptor = ReadText(directory, kDescriptorName, kLargestDescriptor, bank);
     if (descriptor) {
         bank.descriptor = ReadDescriptor(*descriptor);
         if (!bank.descriptor.problem.empty())
             AddProblem(bank, "bad-descriptor", kDescriptorName, bank.descriptor.problem);
     }
     // Read even if the descriptor is bad, so that one report tells of both files. Without roles its records have none.
-    const std::optional<Bytes> text = ReadText(directory, kManifestName, bank);
+    // No limit: the board takes one record at a time, so no manifest is too long for it.
+    const std::optional<Bytes> text = ReadText(directory, kManifestName, UINTMAX_MAX, bank);
     const Manifest manifest = ReadManifest(text.value_or(Bytes{}));
     if (text && !manifest.has_headings)
         AddProblem(bank, "no-headings", kManifestName, "the two 282-byte heading records are missing or cut short");

@@ -1,6 +1,9 @@
 #include "formats/board_volume.h"
 
+#include "formats/bank.h"
+
 #include <algorithm>
+#include <fmt/format.h>
 #include <sys/stat.h>
 
 namespace fixture {
@@ -33,6 +36,23 @@ std::optional<fs::path> FindOnVolume(const fs::path &directory, std::string_view
     const fs::path file = fs::canonical(root / relative, error);
     if (error || !LiesWithin(file, root) || !fs::is_regular_file(file, error)) return std::nullopt;
     return file;
+}
+
+FileCheck CheckFile(const std::optional<fs::path> &file, std::uint32_t size, std::uint32_t sum) {
+    if (!file) return {"no such file", {}, {}};
+    try {
+        // The size comes first, as on the board, which reads nothing of a file whose length is wrong.
+        const std::uintmax_t found = FileSize(*file);
+        if (found != size) return {fmt::format("{} bytes found, {} listed", found, size), found, {}};
+        if (found > kLoadBufferBytes)
+            return {fmt::format("{} bytes; expected at most {}, the load buffer", found, kLoadBufferBytes), {}, {}};
+        Bytes content = ReadFile(*file, kLoadBufferBytes);
+        if (const std::uint32_t own = ByteSum(content); own != sum)
+            return {fmt::format("byte-sum {} found, {} listed", own, sum), {}, {}};
+        return {"", {}, std::move(content)};
+    } catch (const Refusal &refusal) {
+        return {refusal.problem().found, {}, {}};
+    }
 }
 
 bool BoardMayWrite(const fs::path &file) {

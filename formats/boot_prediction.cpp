@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cerrno>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
@@ -90,6 +91,8 @@ private:
     bool first_stage();
     Went bootloader();
     Went bank(const std::string &directory);
+    bool read_descriptor(const std::string &directory);
+    std::optional<Manifest> manifest_in(const std::string &path);
     bool read_manifest(const std::string &directory);
     void take_record(const std::string &directory, const ManifestRecord &record);
     std::string check_file(const Listed &file, Bytes &content);
@@ -268,32 +271,7 @@ Predictor::Went Predictor::bank(const std::string &directory) {
     bank_ = directory;
     descriptor_ = {};
     for (std::optional<Listed> &file : files_) file.reset();
-    const std::string path = directory + kDescriptorName;
-    const std::optional<fs::path> file = FindOnVolume(board_.volume, path);
-    if (!file) {
-        // Three reports without a break between them: the board asks for the size, reads from a file that it could not
-        // open, and only then gives up.
-        tell("bank-rejected", directory, fmt::format("no {}: the bank is passed over", kDescriptorName),
-             fmt::format("FileSize failed with errno=2\tFatal Error : read file failed with errno=9{}", kRejected));
-        return Went::on;
-    }
-    const std::uintmax_t size = fs::file_size(*file);
-    if (size >= kHeapBytes) {
-        tell("bank-rejected", path,
-             fmt::format("{} bytes; expected less than the {} of the bootloader's heap: the bank is passed over", size,
-                         kHeapBytes),
-             fmt::format("\tFatal Error : read file failed with errno=12{}", kRejected));
-        return Went::on;
-    }
-    if (size > kLargeDescriptor)
-        warn("descriptor-large", path,
-             fmt::format("{} bytes: its tree may not fit the bootloader's heap of {}", size, kHeapBytes),
-             "shorten it to what bank build writes");
-    descriptor_ = ReadDescriptor(ReadFile(*file, kHeapBytes));
-    if (!descriptor_.problem.empty()) {
-        tell("bank-rejected", path, fmt::format("{}: the bank is passed over", descriptor_.problem), kRejected);
-        return Went::on;
-    }
+    if (!read_descriptor(directory)) return Went::on;
     if (!read_manifest(directory)) return Went::on;
     // Before the bank is asked for the other two: the board refreshes its rescue image even from a bank that it cannot
     // launch.
@@ -308,20 +286,58 @@ Predictor::Went Predictor::bank(const std::string &directory) {
     return launch_application();
 }
 
+bool Predictor::read_descriptor(const std::string &directory) {
+    const std::string path = directory + kDescriptorName;
+    const auto reject = [&](const std::string &place, const std::string &why, const std::string &console) {
+        tell("bank-rejected", place, why + ": the bank is passed over", console + kRejected);
+        return false;
+    };
+    // Three reports without a break between them: the board asks for the size, reads from a file that it could not
+    // open, and only then gives up.
+    const auto not_opened = [](int error) {
+        return fmt::format("FileSize failed with errno={}\tFatal Error : read file failed with errno=9", error);
+    };
+    const std::optional<fs::path> file = FindOnVolume(board_.volume, path);
+    if (!file) return reject(directory, fmt::format("no {}", kDescriptorName), not_opened(ENOENT));
+    try {
+        const std::uintmax_t size = FileSize(*file);
+        if (size >= kHeapBytes)
+            return reject(path,
+                          fmt::format("{} bytes; expected less than the {} of the bootloader's heap", size, kHeapBytes),
+                          "\tFatal Error : read file failed with errno=12");
+        if (size > kLargeDescriptor)
+            warn("descriptor-large", path,
+                 fmt::format("{} bytes: its tree may not fit the bootloader's heap of {}", size, kHeapBytes),
+                 "shorten it to what bank build writes");
+        descriptor_ = ReadDescriptor(ReadFile(*file, kHeapBytes));
+    } catch (const Refusal &refusal) {
+        return reject(path, refusal.problem().found, not_opened(EACCES));
+    }
+    return descriptor_.problem.empty() || reject(path, descriptor_.problem, "");
+}
+
+std::optional<Manifest> Predictor::manifest_in(const std::string &path) {
+    const auto reject = [&](const std::string &why) {
+        tell("bank-rejected", path, why + ": the bank is passed over");
+        return std::nullopt;
+    };
+    const std::optional<fs::path> file = FindOnVolume(board_.volume, path);
+    if (!file) return reject("no such file");
+    try {
+        // No limit: the board takes one record at a time, so no manifest is too long for it.
+        Manifest manifest = ReadManifest(ReadFile(*file, UINTMAX_MAX));
+        if (!manifest.has_headings) return reject("fewer than 564 bytes, the two records of headings");
+        return manifest;
+    } catch (const Refusal &refusal) {
+        return reject(refusal.problem().found);
+    }
+}
+
 bool Predictor::read_manifest(const std::string &directory) {
     const std::string path = directory + kManifestName;
-    const std::optional<fs::path> file = FindOnVolume(board_.volume, path);
-    if (!file) {
-        tell("bank-rejected", path, "no such file: the bank is passed over");
-        return false;
-    }
-    // No limit: the board takes one record at a time, so no manifest is too long for it.
-    const Manifest manifest = ReadManifest(ReadFile(*file, UINTMAX_MAX));
-    if (!manifest.has_headings) {
-        tell("bank-rejected", path, "fewer than 564 bytes, the two records of headings: the bank is passed over");
-        return false;
-    }
-    for (const ManifestRecord &record : manifest.records) {
+    const std::optional<Manifest> manifest = manifest_in(path);
+    if (!manifest) return false;
+    for (const ManifestRecord &record : manifest->records) {
         // What earlier records have set stays set, rescue_found_ above all: the next bank's rescue step runs.
         if (record.rejects) {
             tell("bank-rejected", path,
@@ -331,9 +347,9 @@ bool Predictor::read_manifest(const std::string &directory) {
         }
         take_record(directory, record);
     }
-    if (manifest.left_over > 0)
+    if (manifest->left_over > 0)
         tell("record-dropped", path,
-             fmt::format("{} bytes after the last whole record of 282 are dropped", manifest.left_over));
+             fmt::format("{} bytes after the last whole record of 282 are dropped", manifest->left_over));
     return true;
 }
 
@@ -351,19 +367,13 @@ void Predictor::take_record(const std::string &directory, const ManifestRecord &
 
 // Why a file does not pass the check by size and byte-sum; empty where it does, with its content.
 std::string Predictor::check_file(const Listed &file, Bytes &content) {
-    const std::optional<fs::path> found = FindOnVolume(board_.volume, file.path);
-    if (!found) return "no such file";
-    const std::uintmax_t size = fs::file_size(*found);
-    if (size != file.size) {
-        // The board prints both with %i, so from 2 GiB on they come out negative.
+    FileCheck check = CheckFile(FindOnVolume(board_.volume, file.path), file.size, file.sum);
+    // The board prints both with %i, so from 2 GiB on they come out negative.
+    if (check.other_size)
         say(fmt::format("filesize check {} != {}\n", static_cast<std::int32_t>(file.size),
-                        static_cast<std::int32_t>(size)));
-        return fmt::format("{} bytes found, {} listed", size, file.size);
-    }
-    if (size > kLoadBufferBytes) return fmt::format("{} bytes; expected at most {}", size, kLoadBufferBytes);
-    content = ReadFile(*found, kLoadBufferBytes);
-    const std::uint32_t sum = ByteSum(content);
-    return sum == file.sum ? "" : fmt::format("byte-sum {} found, {} listed", sum, file.sum);
+                        static_cast<std::int32_t>(*check.other_size)));
+    content = std::move(check.content);
+    return check.problem;
 }
 
 // Why a file is no stored image for the bootloader; empty where it is one, whatever its maker.

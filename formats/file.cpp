@@ -153,18 +153,33 @@ void WantLargePages(const Bytes &reserved) {
     if (begin < end) madvise(reinterpret_cast<void *>(begin), end - begin, MADV_HUGEPAGE); // advice: it may be refused
 }
 
-} // namespace
+// A regular file, opened for reading, and its length.
+struct OpenFile {
+    Handle handle;
+    std::uintmax_t size = 0;
 
-Bytes ReadFile(const fs::path &file, std::uintmax_t most) {
+    explicit OpenFile(const fs::path &file);
+};
+
+OpenFile::OpenFile(const fs::path &file)
     // Without O_NONBLOCK the open of a pipe would wait for a writer.
-    const Handle handle(open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    : handle(open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {
     // A socket gives ENXIO, whose words here are for a pipe that is written to.
     if (handle.number < 0) Fail(Fault::unreadable, file, errno == ENXIO ? ENODEV : errno);
     struct stat status {};
     if (fstat(handle.number, &status) != 0) Fail(Fault::unreadable, file, errno);
     if (!S_ISREG(status.st_mode))
         throw Refusal(Fault::unreadable, {"not-a-file", file.string(), KindOf(status.st_mode), "a file"});
-    const auto size = static_cast<std::uintmax_t>(status.st_size);
+    size = static_cast<std::uintmax_t>(status.st_size);
+}
+
+} // namespace
+
+std::uintmax_t FileSize(const fs::path &file) { return OpenFile(file).size; }
+
+Bytes ReadFile(const fs::path &file, std::uintmax_t most) {
+    const OpenFile opened(file);
+    const std::uintmax_t size = opened.size;
     if (size > most) throw Refusal(file, fmt::format("{} bytes", size), fmt::format("at most {}", most), "too-large");
     Bytes bytes;
     bytes.reserve(size);
@@ -172,7 +187,7 @@ Bytes ReadFile(const fs::path &file, std::uintmax_t most) {
     WantLargePages(bytes);
     bytes.resize(size);
     for (std::size_t done = 0; done < bytes.size();) {
-        const ssize_t count = read(handle.number, bytes.data() + done, bytes.size() - done);
+        const ssize_t count = read(opened.handle.number, bytes.data() + done, bytes.size() - done);
         if (count < 0 && errno == EINTR) continue;
         if (count < 0) Fail(Fault::unreadable, file, errno);
         // Somebody has made the file shorter since its size was asked.

@@ -39,6 +39,9 @@ using Bytes = std::vector<std::uint8_t>;
 // what might come out of it. A file larger than `most` is refused.
 Bytes ReadFile(const std::filesystem::path &file, std::uintmax_t most);
 
+// The length of such a file, which can be opened for reading.
+std::uintmax_t FileSize(const std::filesystem::path &file);
+
 // A file about to be written. The bytes go to a file that has no name yet, or where the file system has none of those,
 // to one that carries a name of its own; either goes when the process is killed by a signal that can be caught. A file
 // that takes another's place keeps its mode and, where this process may give it, its owner. A link stays a link: its

@@ -4,6 +4,7 @@
 #include "formats/stored_image.h"
 #include "harness/command.h"
 #include "harness/started_board.h"
+#include "harness/unprivileged.h"
 #include "machine/chip_store.h"
 #include "machine/raw_flash.h"
 #include "sweep/foretold.h"
@@ -113,36 +114,32 @@ private:
     std::mt19937 random_;
 };
 
-// A provisioned board with a volume whose one bank is hostile.
-struct HostileBoard {
-    explicit HostileBoard(unsigned seed) : bank(seed) {
-        bank.write(volume);
-        world.medium = seed % 2 ? Medium::nand : Medium::dataflash;
-        world.board.straps.pins_12_13 = seed % 2;
-        world.volume = std::make_shared<const fs::path>(volume.path());
-        Provision provision{0, Wrap(Bootloader().flat), {}, ""};
-        if (seed % 3 == 0) {
-            provision.rescue = Wrap(Bytes(99, 1));
-            provision.rescue_version = "2.0";
-        }
-        StoreProvision(seed % 2 ? RawFlashOf(world.chips.nand) : RawFlashOf(world.chips.dataflash), provision);
-    }
-    HostileBank bank;
-    TemporaryDirectory volume;
+// A provisioned board, on one medium or the other, with a rescue image or without.
+World Provisioned(const TemporaryDirectory &volume, unsigned seed) {
     World world;
-};
+    world.medium = seed % 2 ? Medium::nand : Medium::dataflash;
+    world.board.straps.pins_12_13 = seed % 2;
+    world.volume = std::make_shared<const fs::path>(volume.path());
+    Provision provision{0, Wrap(Bootloader().flat), {}, ""};
+    if (seed % 3 == 0) {
+        provision.rescue = Wrap(Bytes(99, 1));
+        provision.rescue_version = "2.0";
+    }
+    StoreProvision(seed % 2 ? RawFlashOf(world.chips.nand) : RawFlashOf(world.chips.dataflash), provision);
+    return world;
+}
 
 // In what a boot went otherwise than foretold: its end, what is launched, any line of any start, slots and record.
-std::string Disagreement(const HostileBoard &board, const Foretold &foretold, Processor processor) {
+std::string Disagreement(const World &world, const Foretold &foretold, Processor processor) {
     // What an image does that is no build of ours is nobody's to say: the run ends where it would be started.
     const bool stranger = foretold.prediction().end == BootEnd::unknown_bootloader;
-    Chips chips = board.world.chips;
+    Chips chips = world.chips;
     std::string console;
     Machine machine(chips, {.processor = processor,
                             .known = &TestFirmware(),
                             .slots = true,
-                            .volume = *board.world.volume,
-                            .board = board.world.board,
+                            .volume = *world.volume,
+                            .board = world.board,
                             .most_resets = stranger ? foretold.prediction().resets : 4,
                             .run_launched = false,
                             .console = [&console](char c) { console += c; }});
@@ -175,20 +172,55 @@ TEST(BankCheck, ForetellsWhatTheBootloaderDoes) {
     const unsigned banks = wanted ? static_cast<unsigned>(std::atoi(wanted)) : 200;
     std::map<std::string, unsigned> met;
     for (unsigned seed = 0; seed < banks && !HasFailure(); ++seed) {
-        const HostileBoard board(seed);
-        SCOPED_TRACE(fmt::format("bank {}: {}", seed, board.bank.descriptor));
-        const Foretold foretold(board.world, board.world.chips, TestFirmware());
-        ExpectSameWord(ExamineBank(board.volume.path() / "data/app", kBankDirectories[0]), foretold.prediction());
+        const HostileBank bank(seed);
+        const TemporaryDirectory volume;
+        bank.write(volume);
+        const World world = Provisioned(volume, seed);
+        SCOPED_TRACE(fmt::format("bank {}: {}", seed, bank.descriptor));
+        const Foretold foretold(world, world.chips, TestFirmware());
+        ExpectSameWord(ExamineBank(volume.path() / "data/app", kBankDirectories[0]), foretold.prediction());
         for (const BootStep &step : foretold.prediction().steps) ++met[step.id];
         for (const Processor processor : {Processor::host, Processor::arm})
             if (processor == Processor::host || wanted || seed % 8 == 0) {
-                EXPECT_EQ(Disagreement(board, foretold, processor), "");
+                EXPECT_EQ(Disagreement(world, foretold, processor), "");
             }
     }
     for (const char *const step : {"bank-rejected", "bank-incomplete", "rescue-kept", "rescue-fails", "rescue-stored",
                                    "bootloader-kept", "bootloader-refused", "bootloader-fails", "bootloader-stored",
                                    "application-rejected", "application-launched", "rescue-launched"})
         EXPECT_GT(met[step], banks / 50) << step << " is hardly tried";
+}
+
+// A file whose mode forbids reading is there for whoever lists the directory, and for nobody who opens it.
+TEST(BankCheck, ForetellsABankOfWhichAFileCannotBeRead) {
+    const std::vector<BankFile> files = {
+        {FileRole::application, "demo.bin", "2.0", Bytes(3000, 5)},
+        {FileRole::bootloader, "boot2.bin", "1.9.1", Wrap(Bootloader("1.9.1").flat)},
+        {FileRole::rescue, "help.bin", "3.0", Wrap(Bytes(900, 3))},
+    };
+    const std::pair<std::string, const char *> rows[] = {
+        {kDescriptorName, "bank-rejected"},       {kManifestName, "bank-rejected"},
+        {"bin/demo.bin", "application-rejected"}, {"bin/boot2.bin", "bootloader-refused"},
+        {"bin/help.bin", "rescue-kept"},
+    };
+    for (const auto &[name, id] : rows) {
+        SCOPED_TRACE(name);
+        const TemporaryDirectory volume;
+        volume.write(fs::path("data/app") / kDescriptorName, MakeDescriptor(files));
+        volume.write(fs::path("data/app") / kManifestName, MakeManifest(files));
+        for (const BankFile &file : files) volume.write(fs::path("data/app") / file.path(), Text(file.bytes));
+        fs::permissions(volume.path(), fs::perms(0755));
+        fs::permissions(volume.path() / "data/app" / name, fs::perms::none);
+        const World world = Provisioned(volume, 1);
+        const Unprivileged unprivileged;
+        const Foretold foretold(world, world.chips, TestFirmware());
+        const auto &steps = foretold.prediction().steps;
+        EXPECT_TRUE(std::any_of(steps.begin(), steps.end(), [&](const BootStep &step) {
+            return step.id == std::string(id) && step.text.find("permission denied") != std::string::npos;
+        }));
+        ExpectSameWord(ExamineBank(volume.path() / "data/app", kBankDirectories[0]), foretold.prediction());
+        EXPECT_EQ(Disagreement(world, foretold, Processor::host), "");
+    }
 }
 
 // Volumes of good banks, each with its bootloader's version and whether its application works.

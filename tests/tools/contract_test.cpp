@@ -9,6 +9,7 @@
 #include "harness/process.h"
 #include "harness/source_tree.h"
 #include "harness/started_board.h"
+#include "harness/unprivileged.h"
 #include "machine/chip_store.h"
 #include "machine/raw_flash.h"
 #include "tools/call_report.h"
@@ -184,23 +185,6 @@ public:
 
 private:
     std::vector<std::string> objects_;
-};
-
-// Makes this process somebody who may do only what a file's mode allows. Root may read and write anything.
-class Unprivileged {
-public:
-    Unprivileged() : was_(geteuid()) {
-        constexpr uid_t kNobody = 65534;
-        if (was_ == 0 && seteuid(kNobody) != 0) throw std::runtime_error("root cannot be left");
-    }
-    ~Unprivileged() {
-        if (seteuid(was_) != 0) std::abort();
-    }
-    Unprivileged(const Unprivileged &) = delete;
-    Unprivileged &operator=(const Unprivileged &) = delete;
-
-private:
-    uid_t was_;
 };
 
 void Truncate(const fs::path &file) { fs::resize_file(file, fs::file_size(file) - 1); }
