@@ -2,6 +2,7 @@
 
 #include "formats/board_volume.h"
 #include "formats/stored_image.h"
+#include "formats/warning_ids.h"
 
 #include <algorithm>
 #include <cassert>
@@ -63,7 +64,7 @@ std::string StoreFailure(FileRole role, const ImageReport &image) {
 }
 
 void WarnOfImage(BankReport &bank, const RecordReport &report, const StoredImage &image, const BoardView &board) {
-    const auto warn = [&](const char *id, std::string text) {
+    const auto warn = [&](WarningId id, std::string text) {
         bank.warnings.push_back({id, report.record.path, std::move(text), ""});
     };
     const std::string &version = bank.version(report.role);
@@ -85,7 +86,8 @@ void WarnOfImage(BankReport &bank, const RecordReport &report, const StoredImage
         const Problems holes = report.role == FileRole::rescue ? WarningsOfRescue(flash, image.size, version)
                                                                : WarningsOfBootloader(flash, image.size);
         for (const Problem &hole : holes)
-            warn(hole.id.c_str(), fmt::format("on {}: {}: {}", NameOf(flash.medium), hole.where, hole.found));
+            bank.warnings.push_back({hole.id, report.record.path,
+                                     fmt::format("on {}: {}: {}", NameOf(flash.medium), hole.where, hole.found), ""});
     }
 }
 
@@ -108,7 +110,7 @@ void ExamineApplication(BankReport &bank, RecordReport &report, const Bytes &byt
     if (bytes.empty()) report.problem = "0 bytes; expected an application";
     // A warning and no problem: the board launches it, and loses only what the marker covers.
     if (bytes.size() > kLargestApplication)
-        bank.warnings.push_back({"launch-marker-overlap", report.record.path,
+        bank.warnings.push_back({WarningId("launch-marker-overlap"), report.record.path,
                                  fmt::format("{} bytes: the bootloader launches it, but the launch marker is written "
                                              "over what lies from byte {} on",
                                              bytes.size(), kLargestApplication),
@@ -273,7 +275,7 @@ void JudgePowerUps(VolumeReport &volume, const std::string &where) {
                 volume.problems.push_back({hazard.id, where, fmt::format("{}; {}", last.reason, hazard.text), ""});
         // The first power-up may well store a rescue image. If the second stores one again, banks take turns.
     } else if (volume.power_ups.size() > 1 && Stores(last, "rescue-stored")) {
-        volume.warnings.push_back({"rescue-rewritten", where,
+        volume.warnings.push_back({WarningId("rescue-rewritten"), where,
                                    "its banks carry different rescue images: the board rewrites the rescue slot at "
                                    "every start, and a power cut then leaves none",
                                    ""});

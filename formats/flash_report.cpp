@@ -1,6 +1,7 @@
 #include "formats/flash_report.h"
 
 #include "formats/slot_store.h"
+#include "formats/warning_ids.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -34,7 +35,7 @@ std::size_t UsedBytes(const RawFlash &flash, std::uint32_t from, std::uint32_t t
 
 using Warnings = Problems;
 
-void Add(Warnings &warnings, const char *id, std::string where, std::string text) {
+void Add(Warnings &warnings, WarningId id, std::string where, std::string text) {
     warnings.push_back({id, std::move(where), std::move(text), ""});
 }
 
@@ -246,7 +247,7 @@ Problems WarningsOfBootloader(const RawFlash &flash, std::uint32_t bytes) {
 Problems WarningsOfRescue(const RawFlash &flash, std::uint32_t bytes, const std::string &version) {
     const Slot slot = RescueOn(flash);
     if (bytes > MostIn(flash, slot))
-        return {{"fits-no-slot", slot.name,
+        return {{WarningId("fits-no-slot"), slot.name,
                  fmt::format("takes {} bytes, not {}; the update is refused", MostIn(flash, slot), bytes), ""}};
     Warnings warnings;
     WarnOfPushedTail(flash, slot, bytes, warnings);

@@ -1,5 +1,6 @@
 #include "tools/call_report.h"
 
+#include "formats/warning_ids.h"
 #include "tools/commands.h"
 #include "tools/options.h"
 
@@ -11,26 +12,15 @@ namespace fixture {
 
 namespace {
 
-// Listed so that a mistyped --allow is refused. Unchecked, it would allow nothing, and the user would look for the
-// mistake in the image.
-constexpr std::string_view kWarningIds[] = {
-    "beyond-the-chip", "fits-no-slot",     "foreign-maker",   "image-runs-on",    "launch-marker-overlap",
-    "many-bad-blocks", "no-body",          "only-one-slot",   "record-block-bad", "replaced-in-place",
-    "rescue-lost",     "rescue-rewritten", "resets-for-ever", "shared-page",      "slot-loses-room",
-    "store-warning",   "trailing-bytes",   "unknown-build",
-};
-
 std::string UnknownId(const std::string &id) {
-    if (std::find(WarningIds().begin(), WarningIds().end(), id) != WarningIds().end()) return "";
+    if (std::find(std::begin(kWarningIds), std::end(kWarningIds), id) != std::end(kWarningIds)) return "";
     std::string known;
     // The help has no room for the list; whoever gets here is looking for it.
-    for (const std::string_view each : WarningIds()) known += fmt::format(" {}", each);
+    for (const std::string_view each : kWarningIds) known += fmt::format(" {}", each);
     return fmt::format("no such warning as \"{}\"; there are:{}", Printable(id), known);
 }
 
 } // namespace
-
-std::span<const std::string_view> WarningIds() { return kWarningIds; }
 
 void WarningOptions::add_options(Command &command) {
     command.add_flag("--strict", strict, "treat warnings as failures, with exit status 1");

@@ -12,7 +12,6 @@
 #include "formats/refusal.h"
 
 #include <nlohmann/json.hpp>
-#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -29,8 +28,6 @@ struct WarningOptions {
     std::vector<std::string> allowed;
     void add_options(Command &command);
 };
-// Every identifier that a warning can have.
-std::span<const std::string_view> WarningIds();
 
 class CallReport {
 public:

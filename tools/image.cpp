@@ -2,6 +2,7 @@
 #include "tools/commands.h"
 
 #include "formats/stored_image.h"
+#include "formats/warning_ids.h"
 #include "tools/call_report.h"
 #include "tools/chip_files.h"
 #include "tools/options.h"
@@ -39,9 +40,9 @@ Problems WarningsOf(const ImageCall &call, const std::string &file, const ImageR
     if (!report.good()) return all;
     if (report.image.has_no_body())
         // Its sums are right, so every check of the board passes it.
-        add("no-body", "a header alone, with nothing to start: a board that stores it is lost");
+        add(WarningId("no-body"), "a header alone, with nothing to start: a board that stores it is lost");
     if (report.trailing > 0)
-        add("trailing-bytes", fmt::format("{} bytes after the image, which no sum covers", report.trailing));
+        add(WarningId("trailing-bytes"), fmt::format("{} bytes after the image, which no sum covers", report.trailing));
     ForEachChip(call.chips, [&](const RawFlash &flash) {
         const auto add_holes = [&](const Problems &holes) {
             for (const Problem &hole : holes)
@@ -121,14 +122,14 @@ void AddImageCommand(Command &app, int &exit_status) {
     Command *wrap = command->add_subcommand("wrap", "Put the 32-byte header before an image");
     wrap->add_option("IN", call->input, "ELF executable or flat binary")->required();
     wrap->add_option("OUT", call->output, "stored image to write")->required();
-    wrap->add_flag("--json", call->json, "one JSON object");
+    wrap->add_flag("--json", call->json, "report as one JSON object");
     wrap->callback([call, &exit_status] { exit_status = WrapImage(*call); });
 
     Command *info = command->add_subcommand("info", "Show and check a stored image");
     info->add_option("FILE", call->input, "stored image")->required();
     call->chips.add_options(*info->add_option_group("Board", "chips to check against [blank]"));
     call->judging.add_options(*info);
-    info->add_flag("--json", call->json, "one JSON object");
+    info->add_flag("--json", call->json, "report as one JSON object");
     info->callback([call, &exit_status] { exit_status = ShowImage(*call); });
 }
 
