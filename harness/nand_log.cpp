@@ -3,6 +3,7 @@
 #include "fixture/parts/nand.h"
 
 #include <fmt/format.h>
+#include <stdexcept>
 #include <utility>
 
 namespace fixture {
@@ -77,6 +78,9 @@ void NandLog::command(std::uint32_t opcode) {
 // Read and program address a column in two cycles and then a row in three, erase a row alone. Column 0 is the page's
 // data; the driver addresses nothing else but the spare bytes.
 void NandLog::operation(char on_data, char on_spare, std::size_t row_cycle) {
+    if (cycles_.size() < row_cycle + 3)
+        throw std::runtime_error(fmt::format("NAND: {} address cycles before the confirmation of {}; expected {}",
+                                             cycles_.size(), on_data, row_cycle + 3));
     const std::uint32_t *const cycle = cycles_.data() + row_cycle;
     const std::uint32_t row = cycle[0] | cycle[1] << 8 | cycle[2] << 16, page = row % kNandPagesPerBlock;
     const char kind = cycles_[0] + cycles_[1] == 0 ? on_data : on_spare;

@@ -46,6 +46,9 @@ class Campaign {
 public:
     // Throws std::runtime_error for an unknown scenario.
     Campaign(const CampaignCall &call, const SweepFirmware &firmware);
+    // The units point into the stages of this very campaign.
+    Campaign(const Campaign &) = delete;
+    Campaign &operator=(const Campaign &) = delete;
 
     const std::vector<Stage> &stages() const { return stages_; }
     std::size_t units() const { return units_.size(); }

@@ -164,7 +164,7 @@ RunReport Sweeper::commit(Machine &machine) const {
         for (unsigned i = 0; i < 4; ++i) bytes[i] = static_cast<std::uint8_t>(world_.after.network[n] >> (24 - 8 * i));
         set(9 + n, bytes);
     }
-    if (!world_.more.empty()) set(0x20, world_.more);
+    if (!world_.more.empty()) set(kMoreParameter, world_.more);
     call("CommitBuffer", {});
     RunReport report;
     report.verdict = end.end == StageEnd::stopped_at   ? Verdict::idle

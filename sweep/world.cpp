@@ -21,8 +21,6 @@ namespace {
 // Short enough for thousands of boots.
 constexpr std::uint32_t kApplicationBytes = 256 * 1024;
 constexpr std::uint8_t kPadding = 0xA5; // never mistaken for erased flash
-// One that the bootloader itself never reads: it only has to survive.
-constexpr std::uint16_t kMoreParameter = 0x20;
 // Address, mask, gateway, name server: parameters 9 to 12.
 constexpr std::array<std::uint32_t, 4> kNetwork = {0x0A000005, 0xFFFFFF00, 0x0A000001, 0x0A000002};
 

@@ -111,6 +111,8 @@ struct World {
 
 World MakeWorld(const Situation &setup, const SweepFirmware &firmware);
 
+// The parameter that holds ParameterSetup::more. The bootloader itself never reads it: it only has to survive.
+inline constexpr std::uint16_t kMoreParameter = 0x20;
 // The network parameters that a commit sets.
 inline constexpr std::array<std::uint32_t, 4> kNewNetwork = {0x0A010015, 0xFFFF0000, 0x0A010011, 0x0A010012};
 
