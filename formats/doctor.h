@@ -25,7 +25,7 @@ struct ReferenceImage {
     FileRole role;    // bootloader or rescue
     Bytes image;      // header and all
     std::string version;
-    std::string file; // on this machine
+    std::string file; // on this machine, as a word that a shell takes
 };
 
 enum class SlotCondition : std::uint8_t {

@@ -351,7 +351,7 @@ void AddBuild(Command &bank, int &exit_status) {
     build->add_option("--extra", call->extras, "further files to carry, unchanged")->type_name("FILE");
     call->chips.add_options(*build->add_option_group("Board", "chips to check against [blank]"));
     call->judging.add_options(*build);
-    build->add_flag("--json", call->json, "one JSON object");
+    build->add_flag("--json", call->json, "report as one JSON object");
     build->callback([call, &exit_status] { exit_status = Build(*call); });
 }
 
@@ -366,14 +366,14 @@ void AddCheck(Command &bank, int &exit_status) {
         ->type_name("VERSION");
     call->chips.add_options(*check->add_option_group("Board", "chips to check against [blank]"));
     call->judging.add_options(*check);
-    check->add_flag("--json", call->json, "one JSON object");
+    check->add_flag("--json", call->json, "report as one JSON object");
     check->callback([call, &exit_status] { exit_status = Check(*call); });
 }
 
 } // namespace
 
 void AddBankCommand(Command &app, int &exit_status) {
-    Command *bank = app.add_subcommand("bank", "Banks: directories with one firmware set");
+    Command *bank = app.add_subcommand("bank", "Banks: directories that each hold one firmware set");
     bank->require_subcommand();
     AddBuild(*bank, exit_status);
     AddCheck(*bank, exit_status);

@@ -397,7 +397,7 @@ int Boot(BootCall call) {
 
 void AddBootCommand(Command &app, int &exit_status) {
     auto call = std::make_shared<BootCall>();
-    Command *command = app.add_subcommand("boot", "Power a board up and run it to its end");
+    Command *command = app.add_subcommand("boot", "Power up a board and run it until it stops");
     Option *const firmware =
         command->add_option("--firmware", call->firmware, "bootloader image to run, ELF or flat [the built one]")
             ->type_name("FILE");
@@ -421,21 +421,21 @@ void AddBootCommand(Command &app, int &exit_status) {
         ->check(Number(0.01, 100'000))
         ->capture_default_str();
     command->add_flag("--timeline", call->timeline, "show where the virtual time went");
-    Option *const demo = command->add_flag(
-        "--demo", call->demo, "run a demo board that is made for this call; the default without any option");
+    Option *const demo = command->add_flag("--demo", call->demo,
+                                           "run a demo board made for this call; the default when no option is given");
     for (Option *const option : {firmware, volume, straps}) demo->excludes(option);
     AddObserveOptions(*command, call->observe);
     call->files.add_options(*command, "chip file; it keeps what the board writes", true);
     command->add_option("--eeprom", call->eeprom, "chip file of the parameter EEPROM")->type_name("FILE");
     Option *const snapshot =
         command->add_flag("--snapshot", call->snapshot, "start from the chip files, but leave them as they are");
-    command->add_flag("--create", call->create, "make chip files that are missing")->excludes(snapshot);
+    command->add_flag("--create", call->create, "create missing chip files")->excludes(snapshot);
     Option *const vcd =
         command->add_option("--vcd", call->vcd, "write the pins as a value change dump, for a logic-analyser program")
             ->type_name("FILE");
     command
         ->add_option("--vcd-signals", call->vcd_signals,
-                     "names of the signals to write, separated by commas; NAME* stands for all that begin so [all]")
+                     "names of the signals to write, separated by commas; NAME* selects all that begin with NAME [all]")
         ->type_name("NAMES")
         ->needs(vcd);
     command->add_option("--panel", call->panel, "write what the panel shows at the end, as PNG")->type_name("FILE");

@@ -39,11 +39,7 @@ std::string ThisCall() {
     // Read from the system rather than handed down from main: only this page needs the words.
     std::ifstream words("/proc/self/cmdline", std::ios::binary);
     std::string call;
-    for (std::string word; std::getline(words, word, '\0');) {
-        // Only what a shell would take apart is quoted, so that the usual call stays readable.
-        const bool plain = word.find_first_of(" '\"$&;|<>*?()[]{}#~!`\\\t\n") == std::string::npos && !word.empty();
-        call += (call.empty() ? "" : " ") + (plain ? word : Quoted(word));
-    }
+    for (std::string word; std::getline(words, word, '\0');) call += (call.empty() ? "" : " ") + ShellWord(word);
     return call;
 }
 
@@ -84,7 +80,7 @@ void AddObserveOptions(Command &command, ObserveCall &call) {
         ->needs(trace)
         ->group(group);
     command.add_option("--trace-until", call.until_ms, "write only up to this virtual time, in milliseconds [the end]")
-        ->check(Number(1e-9, 1e9))
+        ->check(Number(0.001, 1e9))
         ->needs(trace)
         ->group(group);
     Option *const gdb = command

@@ -2,6 +2,7 @@
 
 #include "formats/bank_check.h"
 #include "machine/raw_flash.h"
+#include "tools/commands.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -68,7 +69,7 @@ std::string OfVolume(const HintCall &call) {
     if (call.volume.empty()) return "there is no volume; give the directory that holds data/ with --volume";
     if (!HoldsData(call.volume)) return OfVolumeLevel(call);
     if (call.foretold && call.foretold->end == BootEnd::nothing) return WhyNothing(*call.foretold);
-    return fmt::format("no bank launches; see `fixture bank check {}`", call.volume);
+    return fmt::format("no bank launches; see `fixture bank check {}`", ShellWord(call.volume));
 }
 
 // Without its clock a controller goes on showing the levels of before, whatever happens at its pins: a wait for one of
@@ -92,7 +93,8 @@ std::string OfResets(const HintCall &call, const RunReport &report) {
     // Before the forecast, which knows no watchdog: without one the board might well have started.
     if (report.place.starts_with("watchdog")) return "the watchdog ends every start; try a longer --watchdog";
     if (call.foretold && call.foretold->end == BootEnd::loop) return call.foretold->reason;
-    if (slots) return fmt::format("see `fixture bank check {}` for banks that replace each other", call.volume);
+    if (slots)
+        return fmt::format("see `fixture bank check {}` for banks that replace each other", ShellWord(call.volume));
     return "no chip file was given, so every start is the same bootloader again: a bank that stores another one has no "
            "effect; name the chips with --nand or --dataflash";
 }

@@ -210,17 +210,31 @@ std::string Quoted(std::string_view text) {
     return quoted + "'";
 }
 
+std::string ShellWord(std::string_view text) {
+    if (Printable(text) != text) {
+        // What cannot be printed can still be pasted: between $' and ' a shell reads \xNN as that byte.
+        std::string word = "$'";
+        for (const char c : Escaped(text)) word += c == '\'' ? "\\'" : std::string(1, c);
+        return word + "'";
+    }
+    // The usual name stays readable.
+    const bool plain = text.find_first_of(" '\"$&;|<>*?()[]{}#~!`\\") == std::string_view::npos && !text.empty();
+    return plain ? std::string(text) : Quoted(text);
+}
+
 int RunCall(std::span<AddCommand *const> commands, const std::vector<std::string> &arguments) {
     CLI::App app("The virtual fixture: a board to run the bootloader on, and the tools for its images and chips",
                  "fixture");
     // All of this before the subcommands are added: each takes over formatter, footer and help options when it is made.
     app.set_help_flag("-h,--help", "Print this help and exit");
-    app.formatter(std::make_shared<HelpFormat>());
+    const auto format = std::make_shared<HelpFormat>();
+    format->label("Positionals", "Arguments");
+    app.formatter(format);
     app.set_version_flag("--version", VersionText(), "Print the version and exit");
     app.set_help_all_flag("--help-all", "Print the help of every subcommand and exit");
     app.require_subcommand(1);
     app.footer(
-        "Exit status: 0 good, 1 the thing examined is bad, 2 the call is wrong, 3 a run that ended badly,\n"
+        "Exit status: 0 good, 1 the thing examined is bad, 2 the call is wrong, 3 a run ended badly,\n"
         "4 a file cannot be written, 5 standard output or error cannot be written, 6 a fault of fixture itself.");
     int exit_status = kGood;
     Command top(app);

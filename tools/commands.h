@@ -39,6 +39,9 @@ std::string VersionText();
 
 // The text between single quotes, as one word for a shell.
 std::string Quoted(std::string_view text);
+// The text as one word of a command that is printed to be pasted: quoted only where a shell would take it apart, and
+// with nothing in it that can drive a terminal.
+std::string ShellWord(std::string_view text);
 
 // One call, with the arguments after the program's name. Prints what there is to print, errors as well, in the form
 // that the call asks for, and returns the exit status. Nothing is thrown.

@@ -20,8 +20,7 @@ BankFile FileOf(FileRole role, const fs::path &source, const char *version) {
 } // namespace
 
 DemoBoard::DemoBoard() {
-    // Everything is read before the directory is made: a constructor that throws gets no destructor, and nobody would
-    // remove the directory.
+    // Read first: without the builds no directory need be made.
     const fs::path images = NeededFirmwareDirectory();
     const std::vector<BankFile> files = {
         FileOf(FileRole::application, images / "demo-application.bin", "2.0"),
@@ -33,6 +32,18 @@ DemoBoard::DemoBoard() {
     if (!mkdtemp(name.data()))
         throw Refusal(Fault::output, {"no-directory", name, "no directory can be made there", "TMPDIR with room"});
     volume_ = name;
+    try {
+        fill(files);
+    } catch (...) {
+        // A constructor that throws gets no destructor.
+        remove();
+        throw;
+    }
+}
+
+DemoBoard::~DemoBoard() { remove(); }
+
+void DemoBoard::fill(const std::vector<BankFile> &files) const {
     const fs::path bank = volume_ / "data/app";
     fs::create_directories(bank / kFileDirectory);
     for (const BankFile &file : files) WriteFile(bank / file.path(), file.bytes);
@@ -40,7 +51,7 @@ DemoBoard::DemoBoard() {
     WriteFile(bank / kManifestName, MakeManifest(files));
 }
 
-DemoBoard::~DemoBoard() {
+void DemoBoard::remove() const {
     std::error_code error;
     // Without a throw: a directory that stays is less bad than a run without its verdict.
     fs::remove_all(volume_, error);

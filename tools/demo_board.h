@@ -4,8 +4,10 @@
 #pragma once
 
 #include "fixture/parts/nand.h"
+#include "formats/bank.h"
 
 #include <filesystem>
+#include <vector>
 
 namespace fixture {
 
@@ -23,6 +25,9 @@ public:
     static void provision(NandContents &nand);
 
 private:
+    void fill(const std::vector<BankFile> &files) const;
+    void remove() const;
+
     std::filesystem::path volume_;
 };
 

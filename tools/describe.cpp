@@ -265,9 +265,10 @@ void AddDescribeCommand(Command &app, int &exit_status) {
     auto call = std::make_shared<DescribeCall>();
     Command *command = app.add_subcommand("describe", "Print shell completion, manual pages, or the schema of --json");
     command->add_option("FORM", call->form, "what to print")->required()->check(OneOf(kForms));
-    command->add_option("--into", call->into, "with man, directory for one page per command [print the first page]")
+    command
+        ->add_option("--into", call->into, "for man, directory to write one page per command to [print the first page]")
         ->type_name("DIR");
-    command->add_flag("--json", call->json, "one JSON object");
+    command->add_flag("--json", call->json, "report as one JSON object");
     command->callback([call, &app, &exit_status] { exit_status = Describe(app.parser(), *call); });
 }
 

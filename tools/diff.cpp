@@ -334,7 +334,7 @@ void AddDiffCommand(Command &app, int &exit_status) {
         app.add_subcommand("diff", "Compare two chips, banks or boards: slots, versions, parameters, pages");
     command->add_option("A", call->one, "chip file, bank directory, or board directory")->required();
     command->add_option("B", call->other, "what to compare it with")->required();
-    command->add_option("--as", call->as, "which chip the files hold, if their contents do not tell")
+    command->add_option("--as", call->as, "chip that the files hold, where their contents do not tell")
         ->check(OneOf({"nand", "dataflash", "eeprom"}));
     call->parts.add_part_options(*command);
     command->add_flag("--json", call->json, "report as one JSON object");

@@ -8,6 +8,7 @@
 #include "tools/option_checks.h"
 #include "tools/references.h"
 
+#include <algorithm>
 #include <cassert>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
@@ -34,7 +35,7 @@ struct DoctorCall {
 // What was found on one chip, and the repairs that were made of it.
 struct Patient {
     std::string file;
-    std::string option; // the file as an argument
+    std::string option; // the file as an argument that can be pasted
     std::optional<FlashDiagnosis> flash;
     std::optional<StoreDiagnosis> store;
     std::vector<std::string> mended;
@@ -56,14 +57,30 @@ std::vector<ReferenceImage> References(const DoctorCall &call) {
 
 bool Wanted(const DoctorCall &call, const std::string &place) { return call.only.empty() || call.only == place; }
 
+// A healthy place may be named: there is nothing to mend in it, which the report says. A mistyped one would mend
+// nothing as well, and the user would take OUT for a mended chip.
+void RequirePlace(const DoctorCall &call, const std::vector<std::string> &places) {
+    const bool known = call.only.empty() || std::find(places.begin(), places.end(), call.only) != places.end();
+    RequireInCall(known, "--only", fmt::format("no place \"{}\" on this chip", call.only), Either(places));
+}
+
+std::vector<std::string> PlacesOf(const FlashDiagnosis &flash) {
+    std::vector<std::string> places;
+    for (const SlotDiagnosis &slot : flash.slots) places.emplace_back(slot.slot.name);
+    places.emplace_back(SlotsOf(flash.medium).record.name);
+    return places;
+}
+
 // Mends a copy of the chip, one slot after another, and looks at it again.
 template <typename Contents>
 Patient Treat(const DoctorCall &call, Contents contents, const std::string &file, const char *option,
               const std::vector<ReferenceImage> &references) {
     // Read only, so not locked: what is mended goes to a file of its own.
     const ChipFileLayout layout = LoadChip(contents, file);
-    Patient patient{file, fmt::format("{} {}", option, file), DiagnoseFlash(RawFlashOf(contents), references), {}, {}};
+    Patient patient{
+        file, fmt::format("{} {}", option, ShellWord(file)), DiagnoseFlash(RawFlashOf(contents), references), {}, {}};
     if (call.fix.empty()) return patient;
+    RequirePlace(call, PlacesOf(*patient.flash));
     for (const Repair &repair : patient.flash->repairs) {
         // One after another on the same copy: each repair writes its own slot and leaves the others.
         if (!Wanted(call, repair.place)) continue;
@@ -78,8 +95,9 @@ Patient Treat(const DoctorCall &call, Contents contents, const std::string &file
 Patient TreatEeprom(const DoctorCall &call) {
     EepromContents chip;
     LoadChip(chip, call.eeprom);
-    Patient patient{call.eeprom, "--eeprom " + call.eeprom, {}, DiagnoseStore(chip.bytes), {}};
+    Patient patient{call.eeprom, "--eeprom " + ShellWord(call.eeprom), {}, DiagnoseStore(chip.bytes), {}};
     if (call.fix.empty()) return patient;
+    RequirePlace(call, {"sector 0", "sector 1"});
     if (const std::optional<int> sector = patient.store->clean;
         sector && Wanted(call, fmt::format("sector {}", *sector))) {
         // What the board's next start does by itself, so nothing is lost that the board would have kept.
@@ -116,7 +134,8 @@ ordered_json ToJson(const Patient &patient) {
         for (const SlotDiagnosis &slot : flash.slots) json["slots"].push_back(ToJson(slot));
         json["rescue_version"] = TextJson(flash.record);
         json["running"] = flash.running ? ordered_json(*flash.running) : ordered_json();
-        json["history"] = flash.history;
+        json["history"] = ordered_json::array();
+        for (const std::string &line : flash.history) json["history"].push_back(TextJson(line));
         json["repairs"] = ordered_json::array();
         for (const Repair &repair : flash.repairs)
             json["repairs"].push_back({{"id", repair.id},
@@ -133,7 +152,7 @@ ordered_json ToJson(const Patient &patient) {
 void Print(const FlashDiagnosis &flash, const std::string &option) {
     const bool nand = flash.medium == Medium::nand;
     for (const SlotDiagnosis &slot : flash.slots) {
-        fmt::print("  {:<16}{:<9}{}\n", slot.slot.name, NameOf(slot.condition), slot.holds);
+        fmt::print("  {:<16}{:<9}{}\n", slot.slot.name, NameOf(slot.condition), Printable(slot.holds));
         for (const PageDamage &damage : slot.damages)
             fmt::print("    page {} at 0x{:08X}, {} {}: {}\n", damage.page, damage.address,
                        nand ? "block" : "page of the chip", damage.unit, damage.text);
@@ -145,10 +164,11 @@ void Print(const FlashDiagnosis &flash, const std::string &option) {
     if (nand) fmt::print("  {:<16}{}\n", "bad blocks", flash.bad_blocks.empty() ? "none" : Ranges(flash.bad_blocks));
     fmt::print("  {:<16}{}\n", "first stage",
                flash.running ? fmt::format("starts {}", flash.slots[*flash.running].slot.name) : "starts nothing");
-    for (const std::string &line : flash.history) fmt::print("history: {}\n", line);
+    for (const std::string &line : flash.history) fmt::print("history: {}\n", Printable(line));
     for (const Repair &repair : flash.repairs)
         // Always to another file: the named one is evidence of what happened to the board.
-        fmt::print("mend {}: {}\n  fixture {} {} --out FIXED\n", repair.place, repair.text, repair.command, option);
+        fmt::print("mend {}: {}\n  fixture {} {} --out FIXED\n", repair.place, Printable(repair.text), repair.command,
+                   option);
 }
 
 void Print(const StoreDiagnosis &store) {
@@ -173,7 +193,9 @@ void Print(const DoctorCall &call, const Patient &patient) {
         Print(*patient.flash, patient.option);
     else
         Print(*patient.store);
-    for (const std::string &line : patient.mended) fmt::print("mended in {}: {}\n", call.fix, line);
+    for (const std::string &line : patient.mended)
+        fmt::print("mended in {}: {}\n", Printable(call.fix), Printable(line));
+    if (!call.fix.empty() && patient.mended.empty()) fmt::print("mended in {}: nothing\n", Printable(call.fix));
 }
 
 void CheckFix(const DoctorCall &call, std::size_t chips) {

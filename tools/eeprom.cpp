@@ -4,6 +4,7 @@
 
 #include "formats/file.h"
 #include "formats/parameter_store.h"
+#include "formats/warning_ids.h"
 #include "tools/call_report.h"
 #include "tools/chip_files.h"
 #include "tools/option_checks.h"
@@ -97,7 +98,7 @@ int Report(const char *command, const EepromCall &call, const StoreReport &repor
         // In plain text the warning stands with its sector already.
         if (const StoreSector &sector = report.sectors[number]; call.json && !sector.warning.empty())
             outcome.warnings.push_back(
-                {"store-warning", fmt::format("{}: sector {}", call.file, number), sector.warning, ""});
+                {WarningId("store-warning"), fmt::format("{}: sector {}", call.file, number), sector.warning, ""});
     if (!call.json) {
         for (int sector = 0; sector < 2; ++sector) Print(sector, report.sectors[sector]);
         fmt::print("current: {}, since {}\n", report.current ? fmt::format("sector {}", *report.current) : "none",
@@ -193,16 +194,16 @@ void AddEepromCommand(Command &app, int &exit_status) {
     eeprom->require_subcommand();
     Command *show = eeprom->add_subcommand("show", "Print both sectors, and which one the bootloader uses");
     show->add_option("FILE", call->file, "chip file of the parameter EEPROM, 2048 bytes")->required();
-    show->add_flag("--json", call->json, "one JSON object");
+    show->add_flag("--json", call->json, "report as one JSON object");
     show->callback([call, &exit_status] { exit_status = Show(*call); });
     Command *set =
-        eeprom->add_subcommand("set", "Set parameters as the bootloader's commit would; a missing file is made");
+        eeprom->add_subcommand("set", "Set parameters as the bootloader's commit would; a missing file is created");
     set->add_option("FILE", call->file, "chip file of the parameter EEPROM, 2048 bytes")->required();
     set->add_option("SETTING", call->settings,
                     "ID=HEX, up to 15 bytes, or NAME=ADDRESS with address, mask, gateway or name-server, as in "
                     "address=10.0.0.5")
         ->required();
-    set->add_flag("--json", call->json, "one JSON object");
+    set->add_flag("--json", call->json, "report as one JSON object");
     set->callback([call, &exit_status] { exit_status = Set(*call); });
 }
 

@@ -220,7 +220,7 @@ void AddProvision(Command &command, int &exit_status) {
     provision->add_option("--medium", call->medium, "chip the board boots from")
         ->required()
         ->check(OneOf({"nand", "dataflash"}));
-    call->chips.add_options(*provision, "chip file; made if missing, changed in the named slots only");
+    call->chips.add_options(*provision, "chip file; created if missing, changed in the named slots only");
     provision->add_option("--bootloader", call->bootloader, "stored image, flat binary or ELF")
         ->type_name("FILE")
         ->required();
@@ -229,7 +229,7 @@ void AddProvision(Command &command, int &exit_status) {
         ->capture_default_str();
     provision->add_option("--rescue", call->rescue, "rescue image and the version to record, as FILE:VERSION");
     call->judging.add_options(*provision);
-    provision->add_flag("--json", call->json, "one JSON object");
+    provision->add_flag("--json", call->json, "report as one JSON object");
     provision->callback([call, &exit_status] { exit_status = ProvisionFlash(*call); });
 }
 
@@ -238,7 +238,7 @@ void AddInfo(Command &command, int &exit_status) {
     Command *info = command.add_subcommand("info", "Show every slot, and what can still go wrong");
     call->chips.add_options(*info);
     call->judging.add_options(*info);
-    info->add_flag("--json", call->json, "one JSON object");
+    info->add_flag("--json", call->json, "report as one JSON object");
     info->callback([call, &exit_status] { exit_status = ShowFlash(*call); });
 }
 
@@ -256,7 +256,7 @@ void AddConvert(Command &command, int &exit_status) {
         ->required()
         ->check(OneOf({"raw", "data"}));
     call->chips.add_part_options(*convert);
-    convert->add_flag("--json", call->json, "one JSON object");
+    convert->add_flag("--json", call->json, "report as one JSON object");
     convert->callback([call, &exit_status] { exit_status = ConvertChip(*call); });
 }
 

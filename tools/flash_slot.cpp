@@ -19,6 +19,7 @@ namespace fixture {
 namespace {
 
 struct SlotCall {
+    std::string command; // as typed after `fixture`
     std::string slot;
     ChipFiles chips;
     std::string image;
@@ -39,7 +40,7 @@ std::optional<Slot> FindSlot(const RawFlash &flash, const std::string &name) {
 }
 
 const std::string &OnlyChip(const SlotCall &call) {
-    RequireInCall(call.chips.nand.empty() != call.chips.dataflash.empty(), "flash",
+    RequireInCall(call.chips.nand.empty() != call.chips.dataflash.empty(), call.command,
                   call.chips.named() ? "two chips" : "no chip", "one of --nand and --dataflash");
     return call.chips.nand.empty() ? call.chips.dataflash : call.chips.nand;
 }
@@ -83,16 +84,16 @@ int Extract(const SlotCall &call) {
         WriteFile(call.out, bytes);
         size = bytes.size();
     });
-    CallReport outcome("flash extract", call.json);
+    CallReport outcome(call.command, call.json);
     outcome.part = SlotJson(call.slot);
     outcome.part.update({{"file", TextJson(call.out)}, {"size", size}});
     if (!call.json) fmt::print("{}: {} bytes of {}\n", Printable(call.out), size, call.slot);
     return outcome.finish(kGood);
 }
 
-int Report(const SlotCall &call, const char *command, const std::string &text) {
+int Report(const SlotCall &call, const std::string &text) {
     const std::string &file = call.out.empty() ? OnlyChip(call) : call.out;
-    CallReport outcome(command, call.json);
+    CallReport outcome(call.command, call.json);
     outcome.part = SlotJson(call.slot);
     outcome.part["file"] = TextJson(file);
     if (!call.json) fmt::print("{}: {}: {}\n", Printable(file), call.slot, Printable(text));
@@ -102,9 +103,9 @@ int Report(const SlotCall &call, const char *command, const std::string &text) {
 int Write(const SlotCall &call) {
     const bool record = call.slot == "record";
     // --image is not required by the parser, since the record takes none.
-    RequireInCall(record || !call.image.empty(), "flash write", "no image", "--image");
+    RequireInCall(record || !call.image.empty(), call.command, "no image", "--image");
     RequireInCall(!record || call.image.empty(), "--image", "has no effect on the record", "--version alone");
-    RequireInCall(!record || !call.version.empty(), "flash write", "no text for the record", "--version");
+    RequireInCall(!record || !call.version.empty(), call.command, "no text for the record", "--version");
     RequireInCall(call.version.empty() || record || call.slot == "rescue", "--version",
                   fmt::format("{} has no version record", call.slot), "slot rescue");
     const Bytes image = record ? Bytes{} : ReadStoredImage(call.image);
@@ -112,7 +113,7 @@ int Write(const SlotCall &call) {
         if (!record) StoreInSlot(flash, *FindSlot(flash, call.slot), image);
         if (!call.version.empty()) StoreRecord(flash, call.version);
     });
-    return Report(call, "flash write",
+    return Report(call,
                   record ? fmt::format("\"{}\" written", call.version) : fmt::format("{} bytes written", image.size()));
 }
 
@@ -123,7 +124,7 @@ int Erase(const SlotCall &call) {
         else
             EraseRecord(flash);
     });
-    return Report(call, "flash erase", "erased");
+    return Report(call, "erased");
 }
 
 struct Check {
@@ -174,7 +175,7 @@ int VerifyChip(const SlotCall &call) {
     std::vector<Check> checks;
     OnChip(call, false, [&](const RawFlash &flash) { checks = Verify(flash, bank); });
     const bool good = std::all_of(checks.begin(), checks.end(), [](const Check &check) { return check.good(); });
-    CallReport outcome("flash verify", call.json);
+    CallReport outcome(call.command, call.json);
     outcome.part["file"] = TextJson(OnlyChip(call));
     for (const Check &check : checks) {
         if (!check.good()) outcome.problems.push_back({"differs", check.where, check.found, check.expected});
@@ -202,7 +203,10 @@ void AddFlashSlotCommands(Command &flash, int &exit_status) {
             ->check(OneOf(names));
         call->chips.add_options(*command);
         command->add_flag("--json", call->json, "report as one JSON object");
-        command->callback([call, run, &exit_status] { exit_status = run(*call); });
+        command->callback([call, run, name, &exit_status] {
+            call->command = std::string("flash ") + name;
+            exit_status = run(*call);
+        });
         return command;
     };
     const char *const kOut = "write the changed chip to this file and leave the named one as it is";
@@ -221,7 +225,10 @@ void AddFlashSlotCommands(Command &flash, int &exit_status) {
     call->chips.add_options(*verify);
     verify->add_option("--against", call->bank, "bank directory")->type_name("DIR")->required();
     verify->add_flag("--json", call->json, "report as one JSON object");
-    verify->callback([call, &exit_status] { exit_status = VerifyChip(*call); });
+    verify->callback([call, &exit_status] {
+        call->command = "flash verify";
+        exit_status = VerifyChip(*call);
+    });
 }
 
 } // namespace fixture

@@ -3,6 +3,7 @@
 #include "formats/bank_check.h"
 #include "formats/stored_image.h"
 #include "machine/forecast.h"
+#include "tools/commands.h"
 
 #include <fmt/format.h>
 
@@ -17,7 +18,7 @@ std::vector<ReferenceImage> KnownReferences() {
         const std::string version = VersionText(build);
         // Wrapped, as they lie in a slot: whole slots are compared, header and all.
         references.push_back(
-            {"build " + version, FileRole::bootloader, Wrap(build.flat), version, build.file.string()});
+            {"build " + version, FileRole::bootloader, Wrap(build.flat), version, ShellWord(build.file.string())});
     }
     return references;
 }
@@ -34,7 +35,7 @@ std::vector<ReferenceImage> BankReferences(const fs::path &bank) {
         if (!record.problem.empty()) throw Refusal(file, record.problem, "a good image");
         const std::string &version = report.descriptor.entries[static_cast<std::size_t>(record.role)].version;
         references.push_back({fmt::format("{} {} of {}", NameOf(record.role), version, bank.string()), record.role,
-                              ReadStoredImage(file), version, file.string()});
+                              ReadStoredImage(file), version, ShellWord(file.string())});
     }
     return references;
 }

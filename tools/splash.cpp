@@ -63,13 +63,13 @@ void AddSplashCommand(Command &app, int &exit_status) {
     Command *encode = command->add_subcommand("encode", "Compress a picture into the bootloader's array");
     encode->add_option("IN.png", call->input, "320 x 240 pixels, black from row 219 on")->required();
     encode->add_option("OUT.cpp", call->output, "C++ source to write")->required();
-    encode->add_flag("--json", call->json, "one JSON object");
+    encode->add_flag("--json", call->json, "report as one JSON object");
     encode->callback([call, &exit_status] { exit_status = Encode(*call); });
 
     Command *decode = command->add_subcommand("decode", "Turn the array back into a picture");
     decode->add_option("IN.cpp", call->input, "C++ source that encode wrote")->required();
     decode->add_option("OUT.png", call->output, "picture to write")->required();
-    decode->add_flag("--json", call->json, "one JSON object");
+    decode->add_flag("--json", call->json, "report as one JSON object");
     decode->callback([call, &exit_status] { exit_status = Decode(*call); });
 }
 

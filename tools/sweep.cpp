@@ -299,14 +299,16 @@ void AddSweepCommand(Command &app, int &exit_status) {
         ->check(WholeNumber(1, 1'000'000));
     command
         ->add_option("--most-states", asked.most_states,
-                     "for a closure, states after which to give a variant up as not closed [no limit]")
+                     "for a closure, states after which to give up on a variant as not closed [no limit]")
         ->check(WholeNumber(1, 1'000'000'000));
     command->add_flag("--exact", asked.exact, "for a closure, make another in which every byte counts, and compare");
     command
         ->add_option("--edges", call->edges,
-                     "for a closure, write its steps from state to state, for the protocol's model")
+                     "for a closure, write its steps from state to state to this file, for the protocol's model")
         ->type_name("FILE");
-    command->add_option("--follow", call->follow, "find the case for the trail of the protocol's model in this file")
+    command
+        ->add_option("--follow", call->follow,
+                     "find the case that follows the trail of the protocol's model in this file")
         ->type_name("FILE");
     command->add_option("--firmware", call->firmware, "directory of the bootloader's builds [beside this program]")
         ->type_name("DIR");
@@ -318,19 +320,20 @@ void AddSweepCommand(Command &app, int &exit_status) {
     command->add_option("--seed", asked.seed, "decides how operations tear and what is sampled")
         ->check(WholeNumber(0))
         ->capture_default_str();
-    command->add_flag("--json", call->json, "results as one JSON object");
+    command->add_flag("--json", call->json, "report as one JSON object");
     command->add_option("--report", call->report, "run the whole campaign and write its document to this file")
         ->type_name("FILE")
         // The document has its own scenarios, processors and losses. A narrower one would pass for the whole.
         ->excludes({"SCENARIO", "--list", "--processor", "--losses", "--foretell", "--boards"});
-    command->add_option("--shard", call->shard, "run K/N, the Kth of N parts, and keep its results in --out")
+    command->add_option("--shard", call->shard, "run the Kth of N parts, and write its results to --out")
         ->type_name("K/N");
     command->add_option("--out", call->out, "file for the part's results, for merge")->type_name("FILE");
     Command *merge = command->add_subcommand("merge", "Join the parts of a campaign into the results of one run");
-    merge->add_option("PART", call->parts, "the parts' files, in any order")->required();
-    merge->add_flag("--json", call->json, "results as one JSON object");
+    merge->add_option("PART", call->parts, "files of the parts, in any order")->required();
+    merge->add_flag("--json", call->json, "report as one JSON object");
     merge->add_option("--report", call->report, "the document's file [docs/reliability.md]")->type_name("FILE");
-    merge->add_option("--edges", call->edges, "write the steps of a closure from state to state")->type_name("FILE");
+    merge->add_option("--edges", call->edges, "write the steps of a closure from state to state to this file")
+        ->type_name("FILE");
     merge->callback([call, &exit_status] { exit_status = Merge(*call); });
     command->callback([call, command, &exit_status] {
         // The parser runs this for `merge` as well.

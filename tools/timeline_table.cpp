@@ -50,14 +50,16 @@ std::string TimelineTable(const Timeline &timeline) {
         }
         text += Line(NameOf(static_cast<Cause>(cause)), each, sum[cause], boot) + "\n";
     }
-    return text + Line("boot", whole, boot, boot) + fmt::format("  {:.4f} times what is dictated\n", boot.ratio());
+    text += Line("boot", whole, boot, boot);
+    return text + (boot.dictated > 0 ? fmt::format("  {:.4f} times what is dictated\n", boot.ratio()) : "\n");
 }
 
 nlohmann::ordered_json TimelineJson(const Timeline &timeline) {
     const TimeSpent boot = timeline.total();
     nlohmann::ordered_json json = ToJson(boot);
-    json["ratio"] = boot.ratio();
-    json["rest"] = timeline.rest();
+    // Left out rather than null, as JSON would have the quotient of nothing.
+    if (boot.dictated > 0) json["ratio"] = boot.ratio();
+    if (boot.time > 0) json["rest"] = timeline.rest();
     json["starts"] = nlohmann::ordered_json::array();
     for (const TimeSplit &start : timeline.starts()) {
         nlohmann::ordered_json causes = nlohmann::ordered_json::object();

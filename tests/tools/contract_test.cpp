@@ -4,6 +4,7 @@
 #include "formats/parameter_store.h"
 #include "formats/splash.h"
 #include "formats/stored_image.h"
+#include "formats/warning_ids.h"
 #include "harness/command.h"
 #include "harness/json_schema.h"
 #include "harness/process.h"
@@ -13,8 +14,10 @@
 #include "machine/chip_store.h"
 #include "machine/raw_flash.h"
 #include "tools/call_report.h"
+#include "tools/demo_board.h"
 
 #include <csignal>
+#include <cstdlib>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 #include <gmock/gmock.h>
@@ -24,6 +27,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -310,6 +314,33 @@ TEST(Contract, GoodCallsReportInOneForm) {
     envelopes.add(RunFixture({"flash", "verify", "--json", "--nand", nand, "--against", Shop().work("").string()}));
     envelopes.add(RunFixture({"flash", "--json", "nonsense"}));
     envelopes.add(RunFixture({"bank", "check", "--json", Shop().work("").string()}));
+    // The straps select the chip that is not there: nothing runs, and the times have no ratio.
+    envelopes.add(RunFixture({"boot", "--json", "--timeline", "--nand", nand}));
+}
+
+// A disk with room for a page, by a limit of this process.
+TEST(Contract, ADemoBoardThatCannotBeMadeLeavesNothing) {
+    const TemporaryDirectory directory;
+    const char *const was = std::getenv("TMPDIR");
+    const std::string before = was ? was : "/tmp";
+    setenv("TMPDIR", directory.path().c_str(), 1);
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    const rlimit page{4096, limit.rlim_max};
+    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+    setrlimit(RLIMIT_FSIZE, &page);
+    EXPECT_THROW(DemoBoard{}, Refusal);
+    setrlimit(RLIMIT_FSIZE, &limit);
+    std::signal(SIGXFSZ, handler);
+    setenv("TMPDIR", before.c_str(), 1);
+    EXPECT_TRUE(fs::is_empty(directory.path()));
+}
+
+// --allow refuses what is not in the list, and the document is where a user looks for what is.
+TEST(Contract, EveryWarningIsInTheDocument) {
+    const Bytes document = ReadFile(SourceFile("docs/json.md"), 1u << 20);
+    for (const std::string_view id : kWarningIds)
+        EXPECT_THAT(std::string(document.begin(), document.end()), HasSubstr(fmt::format("\n| `{}` |", id)));
 }
 
 // Calls that make no sense, options without effect, and numbers that are none: refused in plain words, with nothing
@@ -361,8 +392,9 @@ TEST(Contract, CallsThatMakeNoSenseAreRefused) {
         {{"bank", "check", Shop().work("").string(), "--running", "1.9.1"}, "--running: has no effect on one bank"},
         {{"explain"}, "fixture explain: no chip; expected --nand or --dataflash"},
         {{"doctor"}, "fixture doctor: no chip; expected --nand, --dataflash or --eeprom"},
+        {{"flash", "write", "rescue", "--nand", nand}, "fixture flash write: no image; expected --image"},
         {{"flash", "write", "record", "--nand", nand, "--image", "x"}, "--image: has no effect on the record"},
-        {{"flash", "erase", "rescue"}, "flash: no chip; expected one of --nand and --dataflash"},
+        {{"flash", "erase", "rescue"}, "fixture flash erase: no chip; expected one of --nand and"},
         {{"flash", "provision", "--medium", "nand", "--nand", nand, "--bootloader", "x", "--slot", "2"}, "--slot: "},
         {{"image", "info", nand, "--allow", "anything"}, "--allow: no such warning as \"anything\""},
         {{"diff", nand, Shop().work("").string()}, nullptr},

@@ -207,6 +207,54 @@ TEST_F(Repairs, ASectorThatACutCommitLeftIsCleared) {
                 HasSubstr("sector 1\n"));
 }
 
+TEST_F(Repairs, OnlyThePlaceNamedIsMended) {
+    SaveChip(board(true), file("bad.bin"));
+    const struct {
+        const char *only;
+        int exit_status;
+        const char *told;
+    } rows[] = {
+        {"bootloader 0", 1, "mended in OUT: bootloader 0: write "},
+        {"rescue", 1, "mended in OUT: nothing\n"},
+        {"version record", 1, "mended in OUT: nothing\n"},
+        {"bootloader0", 2,
+         "--only: no place \"bootloader0\" on this chip; expected bootloader 0, bootloader 1, rescue or version "
+         "record"},
+        {"sector 0", 2, "--only: no place \"sector 0\""},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.only);
+        const std::string out = file(row.only);
+        const CommandResult result =
+            RunCommand(AddDoctorCommand, {"doctor", "--nand", file("bad.bin"), "--fix", out, "--only", row.only});
+        EXPECT_EQ(result.exit_status, row.exit_status);
+        std::string told = result.output + result.error;
+        if (const std::size_t at = told.find("mended in " + out); at != std::string::npos)
+            told.replace(at + 10, out.size(), "OUT");
+        EXPECT_THAT(told, HasSubstr(row.told));
+        EXPECT_EQ(std::filesystem::exists(out), row.exit_status == 1) << "a refused call writes nothing";
+    }
+}
+
+TEST_F(Repairs, WhatIsPrintedToBePastedCanBe) {
+    const std::pair<const char *, const char *> rows[] = {
+        {"plain.bin", "/plain.bin"},
+        {"board 7.bin", "'/board 7.bin'"},
+        {"board's.bin", "'/board'\\''s.bin'"},
+        {"red\x1b[31m'.bin", "$'/red\\x1B[31m\\'.bin'"},
+    };
+    for (const auto &[name, word] : rows) {
+        SaveChip(board(true), file(name));
+        const CommandResult result = RunCommand(AddDoctorCommand, {"doctor", "--nand", file(name)});
+        EXPECT_EQ(result.output.find('\x1b'), std::string::npos);
+        // The directory stands between what opens the word and the slash.
+        std::string told = result.output;
+        for (std::size_t at; (at = told.find(directory.path().string())) != std::string::npos;)
+            told.erase(at, directory.path().string().size());
+        EXPECT_THAT(told, HasSubstr(fmt::format("--nand {} --out FIXED", word)));
+    }
+}
+
 TEST_F(Repairs, OneSlotIsWrittenAndTheOthersStay) {
     SaveChip(board(false), file("a.bin"));
     WriteFile(file("image"), known);
