@@ -35,6 +35,11 @@ endfunction()
 add_bench_library(board fixture fmt::fmt PkgConfig::UNICORN)
 add_bench_library(formats formats fmt::fmt PNG::PNG PkgConfig::ELF gif)
 
+# The large headers are read once, not for every file: they are half the time to compile a short one.
+target_precompile_headers(board PRIVATE <algorithm> <filesystem> <fmt/format.h> <functional> <map> <memory> <optional>
+                                        <string> <vector>)
+target_precompile_headers(formats REUSE_FROM board)
+
 # The modules, and with them the stand-ins that both platforms share, joined into one object. Its kernel names are
 # re-pointed to the host platform; its data lie in sections of their own, so that every start can begin with freshly
 # loaded data.
@@ -74,8 +79,10 @@ add_library(host-platform STATIC ${HOST_PLATFORM_SOURCES})
 target_include_directories(host-platform BEFORE PRIVATE platform/host/include)
 target_include_directories(host-platform PRIVATE ${MODULE_INCLUDES} platform/common)
 target_link_libraries(host-platform PUBLIC board)
+target_precompile_headers(host-platform REUSE_FROM board)
 
 add_bench_library(machine machine host-platform formats)
+target_precompile_headers(machine REUSE_FROM board)
 # The page that a report fills in is a document of its own.
 file(READ machine/report_page.html REPORT_PAGE)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS machine/report_page.html)
@@ -90,6 +97,9 @@ target_sources(tools PRIVATE ${CMAKE_BINARY_DIR}/made/report_schema.cpp)
 # The one source that knows its revision.
 set_property(SOURCE tools/version.cpp PROPERTY INCLUDE_DIRECTORIES ${BUILD_RECORD})
 add_dependencies(tools build-record)
+target_precompile_headers(sweep PRIVATE <algorithm> <filesystem> <fmt/format.h> <functional> <map> <memory>
+                                        <nlohmann/json.hpp> <optional> <string> <vector>)
+target_precompile_headers(tools REUSE_FROM sweep)
 
 # Where the modules find what a linker script gives them on the board.
 set(NATIVE_LINK -rdynamic -Wl,--defsym=image_load_buf=0x23000000
@@ -121,6 +131,7 @@ endif()
 
 add_bench_library(harness harness tools)
 set_target_properties(harness PROPERTIES EXCLUDE_FROM_ALL ON) # no user of the command needs it
+target_precompile_headers(harness REUSE_FROM sweep)
 if(SANITIZE)
     foreach(library sweep tools harness) # not where the time goes, but long to compile otherwise
         target_compile_options(${library} PRIVATE -O0)
@@ -156,6 +167,7 @@ if(SANITIZE)
     add_dependencies(fixture-tests fixture) # some tests run the command as a process of its own
     gtest_discover_tests(fixture-tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300
                          WORKING_DIRECTORY ${CMAKE_BINARY_DIR})
+    set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${CMAKE_SOURCE_DIR}/tests/costs.cmake)
 
     # Why the fast sums are exact, for a solver.
     file(GLOB LEMMAS CONFIGURE_DEPENDS tests/lemmas/*.smt2)

@@ -2,7 +2,7 @@
 
 # The modules' routines are called by their names, with no regard to how many arguments each has; and what is copied at
 # every start need not be counted.
-set_source_files_properties(platform/host/native_processor.cpp PROPERTIES
+set_source_files_properties(platform/host/native_processor.cpp PROPERTIES SKIP_PRECOMPILE_HEADERS ON
                             COMPILE_OPTIONS "-fno-sanitize=function,fuzzer-no-link;-O2")
 
 file(GLOB FUZZ_SOURCES CONFIGURE_DEPENDS fuzz/*.cpp)
