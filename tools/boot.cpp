@@ -393,82 +393,100 @@ int Boot(BootCall call) {
     return status;
 }
 
-} // namespace
-
-void AddBootCommand(Command &app, int &exit_status) {
-    auto call = std::make_shared<BootCall>();
-    Command *command = app.add_subcommand("boot", "Power up a board and run it until it stops");
+// What a board is made of. Returns the options that a replay excludes: its case has settled them.
+std::vector<Option *> AddBoardOptions(Command &command, BootCall &call) {
     Option *const firmware =
-        command->add_option("--firmware", call->firmware, "bootloader image to run, ELF or flat [the built one]")
+        command.add_option("--firmware", call.firmware, "bootloader image to run, ELF or flat [the built one]")
             ->type_name("FILE");
-    command->add_flag("--host", call->host, "run the bootloader on this machine's processor, not on an emulated ARM");
+    command.add_flag("--host", call.host, "run the bootloader on this machine's processor, not on an emulated ARM");
     Option *const volume =
-        command->add_option("--volume", call->volume, "directory that the board sees as i:/vol0")->type_name("DIR");
-    Option *const straps = command->add_option("--straps", call->straps, "boot straps fitted")
+        command.add_option("--volume", call.volume, "directory that the board sees as i:/vol0")->type_name("DIR");
+    Option *const straps = command.add_option("--straps", call.straps, "boot straps fitted")
                                ->check(OneOfKeys(StrapsByName()))
                                ->capture_default_str();
     Option *const fail =
-        command->add_option("--fail", call->fail, "make this part of the board fail")->check(OneOf({"file-server"}));
-    Option *const watchdog = command
-                                 ->add_option("--watchdog", call->watchdog,
-                                              "period in seconds of a watchdog that the first stage arms [off]")
-                                 ->check(Number(0.001, 1000));
+        command.add_option("--fail", call.fail, "make this part of the board fail")->check(OneOf({"file-server"}));
+    Option *const watchdog =
+        command
+            .add_option("--watchdog", call.watchdog, "period in seconds of a watchdog that the first stage arms [off]")
+            ->check(Number(0.001, 1000));
     Option *const resets =
-        command->add_option("--max-resets", call->most_resets, "number of resets that counts as an endless loop")
+        command.add_option("--max-resets", call.most_resets, "number of resets that counts as an endless loop")
             ->check(WholeNumber(1, 1'000'000))
             ->capture_default_str();
-    command->add_option("--file-rate", call->file_rate, "rate at which files arrive, in MiB per second")
+    command.add_option("--file-rate", call.file_rate, "rate at which files arrive, in MiB per second")
         ->check(Number(0.01, 100'000))
         ->capture_default_str();
-    command->add_flag("--timeline", call->timeline, "show where the virtual time went");
-    Option *const demo = command->add_flag("--demo", call->demo,
-                                           "run a demo board made for this call; the default when no option is given");
+    command.add_flag("--timeline", call.timeline, "show where the virtual time went");
+    Option *const demo = command.add_flag("--demo", call.demo,
+                                          "run a demo board made for this call; the default when no option is given");
     for (Option *const option : {firmware, volume, straps}) demo->excludes(option);
-    AddObserveOptions(*command, call->observe);
-    call->files.add_options(*command, "chip file; it keeps what the board writes", true);
-    command->add_option("--eeprom", call->eeprom, "chip file of the parameter EEPROM")->type_name("FILE");
+    return {firmware, volume, straps, fail, watchdog, resets, demo};
+}
+
+// The chip files. Returns --snapshot, which a replay excludes: its chip files are new.
+Option *AddChipOptions(Command &command, BootCall &call) {
+    call.files.add_options(command, "chip file; it keeps what the board writes", true);
+    command.add_option("--eeprom", call.eeprom, "chip file of the parameter EEPROM")->type_name("FILE");
     Option *const snapshot =
-        command->add_flag("--snapshot", call->snapshot, "start from the chip files, but leave them as they are");
-    command->add_flag("--create", call->create, "create missing chip files")->excludes(snapshot);
+        command.add_flag("--snapshot", call.snapshot, "start from the chip files, but leave them as they are");
+    command.add_flag("--create", call.create, "create missing chip files")->excludes(snapshot);
+    return snapshot;
+}
+
+void AddPictureOptions(Command &command, BootCall &call) {
     Option *const vcd =
-        command->add_option("--vcd", call->vcd, "write the pins as a value change dump, for a logic-analyser program")
+        command.add_option("--vcd", call.vcd, "write the pins as a value change dump, for a logic-analyser program")
             ->type_name("FILE");
     command
-        ->add_option("--vcd-signals", call->vcd_signals,
-                     "names of the signals to write, separated by commas; NAME* selects all that begin with NAME [all]")
+        .add_option("--vcd-signals", call.vcd_signals,
+                    "names of the signals to write, separated by commas; NAME* selects all that begin with NAME [all]")
         ->type_name("NAMES")
         ->needs(vcd);
-    command->add_option("--panel", call->panel, "write what the panel shows at the end, as PNG")->type_name("FILE");
-    command->add_option("--panel-frames", call->panel_frames, "write every distinct frame as PNG into this directory")
+    command.add_option("--panel", call.panel, "write what the panel shows at the end, as PNG")->type_name("FILE");
+    command.add_option("--panel-frames", call.panel_frames, "write every distinct frame as PNG into this directory")
         ->type_name("DIR");
-    Option *const gif = command
-                            ->add_option("--panel-gif", call->panel_gif,
-                                         "write what the panel shows during the boot as an animated GIF")
-                            ->type_name("FILE");
-    command->add_option("--panel-gif-slower", call->gif_style.slower, "factor by which to slow the animation down")
+    Option *const gif =
+        command
+            .add_option("--panel-gif", call.panel_gif, "write what the panel shows during the boot as an animated GIF")
+            ->type_name("FILE");
+    command.add_option("--panel-gif-slower", call.gif_style.slower, "factor by which to slow the animation down")
         ->check(WholeNumber(1, 1000))
         ->capture_default_str()
         ->needs(gif);
     command
-        ->add_flag("--panel-gif-captions", call->gif_captions,
-                   "put the time and the console's last line below each frame")
+        .add_flag("--panel-gif-captions", call.gif_captions,
+                  "put the time and the console's last line below each frame")
         ->needs(gif);
-    command->add_option("--panel-wiring", call->panel_wiring, "how the panel's colours are connected")
+    command.add_option("--panel-wiring", call.panel_wiring, "how the panel's colours are connected")
         ->check(OneOfKeys(kWirings))
         ->capture_default_str();
-    command->add_flag("--preview", call->preview, "show the panel in the terminal");
+    command.add_flag("--preview", call.preview, "show the panel in the terminal");
+}
+
+void AddReplayOptions(Command &command, BootCall &call, const std::vector<Option *> &settled) {
     Option *const replay =
         command
-            ->add_option("--replay", call->replay,
-                         "run a case of a sweep, by the name that the sweep prints; chip files must be new")
+            .add_option("--replay", call.replay,
+                        "run a case of a sweep, by the name that the sweep prints; chip files must be new")
             ->type_name("CASE");
-    for (Option *const option : {firmware, volume, straps, fail, watchdog, snapshot, resets, demo})
-        replay->excludes(option);
+    for (Option *const option : settled) replay->excludes(option);
     command
-        ->add_option("--power-up", call->power_up,
-                     "which power-up of the case to run, from 0 [the first after its cuts]")
+        .add_option("--power-up", call.power_up, "which power-up of the case to run, from 0 [the first after its cuts]")
         ->check(WholeNumber(0, 1000))
         ->needs(replay);
+}
+
+} // namespace
+
+void AddBootCommand(Command &app, int &exit_status) {
+    auto call = std::make_shared<BootCall>();
+    Command *command = app.add_subcommand("boot", "Power a board up and run it to its end");
+    std::vector<Option *> settled = AddBoardOptions(*command, *call);
+    AddObserveOptions(*command, call->observe);
+    settled.push_back(AddChipOptions(*command, *call));
+    AddPictureOptions(*command, *call);
+    AddReplayOptions(*command, *call, settled);
     command->add_flag("--json", call->json, "print the verdict as one JSON object, and the console to standard error");
     command->callback([call, command, &exit_status] {
         if (!command->any_option_given()) call->demo = true;
