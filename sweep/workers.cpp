@@ -5,6 +5,7 @@
 #include <cassert>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstring>
 #include <ctime>
 #include <fmt/format.h>
@@ -14,6 +15,7 @@
 #include <span>
 #include <stdexcept>
 #include <sys/mman.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -62,20 +64,27 @@ private:
 
 class Notes : public JobNotes {
 public:
-    explicit Notes(Progress &progress) : progress_(progress) {}
+    Notes(Progress &progress, unsigned case_seconds) : progress_(progress), case_seconds_(case_seconds) {}
     void at(const std::string &name, std::uint64_t boots) override {
-        const std::size_t length = std::min(name.size(), sizeof progress_.at - 1);
-        std::memcpy(progress_.at, name.data(), length);
-        progress_.at[length] = 0;
+        preparing(name);
         ++progress_.cases;
         progress_.boots += boots - std::min(boots, counted_);
         // A job gives its running total; what the parent reads is the sum over all jobs of this worker.
         counted_ = boots;
     }
+    void preparing(const std::string &name) override {
+        const std::size_t length = std::min(name.size(), sizeof progress_.at - 1);
+        std::memcpy(progress_.at, name.data(), length);
+        progress_.at[length] = 0;
+        // Of this process's own time, so that a busy machine ends no case; its signal ends the process.
+        const itimerval limit{{0, 0}, {static_cast<time_t>(case_seconds_), 0}};
+        setitimer(ITIMER_PROF, &limit, nullptr);
+    }
     void begin() { counted_ = 0; }
 
 private:
     Progress &progress_;
+    const unsigned case_seconds_;
     std::uint64_t counted_ = 0;
 };
 
@@ -89,14 +98,15 @@ void Write(int pipe, const std::string &text) {
     }
 }
 
-void Work(SharedMemory &memory, Progress &progress, std::size_t count,
+void Work(SharedMemory &memory, Progress &progress, const JobPlan &plan,
           const std::function<std::string(std::size_t, JobNotes &)> &work, int pipe) {
-    Notes notes(progress);
+    Notes notes(progress, plan.case_seconds);
     // Whoever is free takes the next job. Results depend on the job's number alone, so it does not matter who.
-    for (std::size_t n; (n = memory.shared().next++) < count;) {
+    for (std::size_t n; (n = memory.shared().next++) < plan.count;) {
         // Noted before the work begins, so that the parent knows what a dead worker was at.
         progress.job = n;
         notes.begin();
+        notes.preparing("");
         Write(pipe, fmt::format("{} {}\n", n, work(n, notes)));
         progress.job = kNothing;
         ++memory.shared().done;
@@ -143,6 +153,12 @@ bool Read(Worker &worker, const std::function<void(std::size_t, const std::strin
     return true;
 }
 
+std::string ReasonOf(int status, unsigned case_seconds) {
+    if (!WIFSIGNALED(status)) return fmt::format("status {}", WEXITSTATUS(status));
+    if (WTERMSIG(status) == SIGPROF) return fmt::format("no end after {} seconds of processor time", case_seconds);
+    return strsignal(WTERMSIG(status));
+}
+
 } // namespace
 
 double ProcessorSeconds() {
@@ -158,7 +174,7 @@ double RunJobs(const JobPlan &plan, const std::function<std::string(std::size_t,
     SharedMemory memory(plan.workers);
     std::vector<Worker> workers;
     const auto launch = [&](unsigned n) {
-        return Start([&, n](int pipe) { Work(memory, memory.progress()[n], plan.count, work, pipe); });
+        return Start([&, n](int pipe) { Work(memory, memory.progress()[n], plan, work, pipe); });
     };
     for (unsigned n = 0; n < plan.workers; ++n) workers.push_back(launch(n));
     // The job that a dead worker was at is given up, and another worker takes its place.
@@ -170,8 +186,7 @@ double RunJobs(const JobPlan &plan, const std::function<std::string(std::size_t,
         waitpid(workers[n].process, &status, 0);
         // Between two jobs nothing is lost. Within one, its findings are: say so, and go on with the others.
         if (status == 0 || progress.job == kNothing) return false;
-        const std::string reason =
-            WIFSIGNALED(status) ? strsignal(WTERMSIG(status)) : fmt::format("status {}", WEXITSTATUS(status));
+        const std::string reason = ReasonOf(status, plan.case_seconds);
         if (plan.died) take(progress.job, plan.died(progress.job, progress.at, reason));
         // Counted as done, or the progress would never reach its end.
         ++memory.shared().done;

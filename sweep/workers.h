@@ -3,7 +3,7 @@
 // RunJobs calls the work with a number and hands its text on with the same number.
 //
 // What comes of a job depends on its number alone, so the results are the same for any number of workers. A job whose
-// process dies gives what `died` makes of it, and the others go on.
+// process dies, or whose case takes too long, gives what `died` makes of it, and the others go on.
 #pragma once
 
 #include <cstddef>
@@ -19,6 +19,8 @@ public:
     virtual ~JobNotes() = default;
     // The case that is begun, by name, and the boots that the job has made so far.
     virtual void at(const std::string &name, std::uint64_t boots) = 0;
+    // Work before the first case, by the name that it is to be known by.
+    virtual void preparing(const std::string &) {}
 };
 
 struct JobProgress {
@@ -26,9 +28,14 @@ struct JobProgress {
     double seconds;
 };
 
+// A program that loops natively and touches no register stops for nobody: its worker is ended after so many seconds of
+// processor time. Cases take seconds.
+inline constexpr unsigned kCaseSeconds = 600;
+
 struct JobPlan {
     std::size_t count;
     unsigned workers = 1;
+    unsigned case_seconds = kCaseSeconds;
     std::function<std::string(std::size_t n, const std::string &at, const std::string &reason)> died = {};
     std::function<void(const JobProgress &)> progress = {}; // called now and then
 };
