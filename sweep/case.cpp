@@ -97,6 +97,7 @@ const char *NameOf(Outcome outcome) {
                                           "hang",
                                           "fault",
                                           "resets without end",
+                                          "changes chips though all is done",
                                           "not as foretold"};
     static_assert(kNames.size() == static_cast<std::size_t>(Outcome::not_foretold) + 1);
     return kNames[static_cast<std::size_t>(outcome)];
@@ -277,6 +278,18 @@ bool Sweeper::check_outside(const Chips &chips, Judgement &judgement, bool was_c
     return false;
 }
 
+// A block that is marked bad is lost for good. Where nothing is wrong with the chip, none may be.
+bool Sweeper::check_marks(const Chips &chips, Judgement &judgement) const {
+    if (!world_.chips.nand.faults.empty()) return true;
+    for (std::uint32_t block = 0; block < kNandBlocks; ++block) {
+        if (!chips.nand.marked_bad(block) || world_.chips.nand.marked_bad(block)) continue;
+        judgement.outcome = Outcome::outside;
+        judgement.detail = fmt::format("NAND block {} is marked bad, and is not", block);
+        return false;
+    }
+    return true;
+}
+
 void Sweeper::check_rescue_gap(const Chips &chips, Judgement &judgement) const {
     if (world_.before.rescue.empty()) return;
     judgement.rescue_gap = GoodImage(ReaderFor(world_, chips), SlotsOf(world_.medium).rescue).empty();
@@ -363,6 +376,27 @@ Judgement Sweeper::boot_hostile(Chips chips, unsigned number) {
     return judgement;
 }
 
+// What is good has to stay so: an update made once more, a slot retired late, would show in later boots alone. Without
+// a cut a boot depends on the chips, so chips that were steady once are so for good.
+bool Sweeper::stays(Chips chips, unsigned number, Judgement &judgement, When when) {
+    constexpr unsigned kMoreBoots = 2;
+    const std::uint64_t key = digest(chips);
+    if (steady_.contains(key)) return true;
+    Judgement more;
+    for (unsigned boot = 0; boot < kMoreBoots && more.outcome == Outcome::good; ++boot) {
+        const PowerUp last = boot_once(chips, number + boot, more);
+        if (more.outcome != Outcome::good || !check_choice(chips, more)) break;
+        if (last.report.verdict != Verdict::launched)
+            more.outcome = Outcome::no_launch;
+        else if (settled(chips, last, more, when) && last.operations != 0 && !world_.tries_again)
+            more.outcome = Outcome::restless;
+    }
+    if (more.outcome == Outcome::good) return steady_.insert(key).second;
+    judgement.outcome = more.outcome;
+    judgement.detail = more.detail;
+    return false;
+}
+
 Judgement Sweeper::boot_on(Chips chips, unsigned number) {
     if (world_.hostile) return boot_hostile(std::move(chips), number);
     Judgement judgement;
@@ -382,9 +416,11 @@ Judgement Sweeper::boot_on(Chips chips, unsigned number) {
         // Stands if the boots run out.
         judgement.outcome = Outcome::no_launch;
         const bool last_boot = boot + 1 == kMostBoots;
-        if (last.report.verdict == Verdict::launched &&
-            settled(chips, last, judgement, {.was_cut = was_cut, .last_boot = last_boot}))
+        const When when{.was_cut = was_cut, .last_boot = last_boot};
+        if (last.report.verdict == Verdict::launched && settled(chips, last, judgement, when)) {
+            if (was_cut || check_marks(chips, judgement)) stays(chips, number + boot + 1, judgement, when);
             return judgement;
+        }
     }
     return judgement;
 }
@@ -429,23 +465,23 @@ std::vector<Snapshot> Sweeper::take_snapshots(const Chips &start, unsigned numbe
                                               const std::function<bool(const Cut &)> &wanted) {
     Chips chips = start;
     std::vector<Snapshot> snapshots;
-    const auto keep = [&](const Cut &cut) {
-        if (wanted(cut)) snapshots.push_back({cut, chips});
+    const auto keep = [&](const Cut &cut, const ChipOperation &operation) {
+        if (wanted(cut)) snapshots.push_back({cut, chips, operation});
     };
     watch(chips, number,
           [&](std::uint64_t index, const ChipOperation &operation, const std::function<void()> &whole,
               const std::function<void(Random &)> &torn) {
-              keep({index, CutMoment::before});
+              keep({index, CutMoment::before}, operation);
               if (const Cut cut{index, CutMoment::torn}; wanted(cut)) {
                   // Chips share their pages, so that going back costs what the operation touched.
                   const Chips before = chips;
                   Random random = TearingOf(operation, world_.board.seed, cut.way);
                   torn(random);
-                  snapshots.push_back({cut, chips});
+                  snapshots.push_back({cut, chips, operation});
                   chips = before;
               }
               whole();
-              keep({index, CutMoment::after});
+              keep({index, CutMoment::after}, operation);
           });
     return snapshots;
 }

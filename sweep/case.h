@@ -9,7 +9,7 @@
 //   nand-update/running-erased:12t+3a~7   the boot after that is cut after its operation 3
 //
 // Operations count from 0 in each power-up. Up to four cold boots follow the cuts; all must then be as in the uncut
-// run:
+// run, and two more boots must leave it so:
 //
 //   Sweeper sweeper(world, ProcessorKind::host, firmware);
 //   const Chips left = sweeper.cut({{12, CutMoment::torn}});
@@ -25,6 +25,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace fixture {
@@ -60,6 +61,7 @@ enum class Outcome : std::uint8_t {
     hang,
     fault,
     reset_loop,
+    restless,     // all was as it should be, and the boots after that went on changing chips
     not_foretold, // the prediction from the chips and files said something else
 };
 const char *NameOf(Outcome outcome);
@@ -83,6 +85,7 @@ inline constexpr const char *kOtherVersion =
 struct Snapshot {
     Cut cut;
     Chips chips;
+    ChipOperation operation; // that was cut
 };
 
 // One world on one processor. Recovery from chips that were met before is not run again.
@@ -137,6 +140,8 @@ private:
     bool check_outside(const Chips &chips, Judgement &judgement, bool was_cut) const;
     void check_rescue_gap(const Chips &chips, Judgement &judgement) const;
     bool may_touch(const ChipOperation &operation) const;
+    bool check_marks(const Chips &chips, Judgement &judgement) const;
+    bool stays(Chips chips, unsigned number, Judgement &judgement, When when);
     bool settled(const Chips &chips, const PowerUp &last, Judgement &judgement, When when) const;
     PowerUp boot_once(Chips &chips, unsigned number, Judgement &judgement);
     Judgement boot_hostile(Chips chips, unsigned number);
@@ -148,6 +153,7 @@ private:
     std::optional<Judgement> uncut_;
     std::optional<std::uint64_t> operations_;
     std::unordered_map<std::uint64_t, Judgement> met_;
+    std::unordered_set<std::uint64_t> steady_; // chips that more boots leave as they are
 };
 
 } // namespace fixture

@@ -357,7 +357,7 @@ private:
         ++tally_.outcomes[NameOf(judgement.outcome)];
         if (judgement.outcome == Outcome::good)
             tally_.longest_recovery = std::max<std::uint64_t>(tally_.longest_recovery, judgement.boots);
-        const char *hole = HoleOf(variant_, judgement);
+        const char *hole = HoleOf(variant_, judgement, {.uncut = cuts.empty()});
         if (hole)
             ++tally_.holes[hole][NameOf(judgement.outcome)];
         else if (judgement.outcome != Outcome::good)

@@ -317,25 +317,43 @@ std::vector<Variant> HostileBoards(unsigned count) {
     return variants;
 }
 
-bool HoleTakes(std::string_view hole, Outcome outcome) {
-    // A hole explains its own damage and no other: any further outcome is a finding, in its variants too.
-    static const struct {
-        std::string_view hole;
+bool HoleTakes(std::string_view hole, Outcome outcome, const Struck &struck) {
+    struct Hole {
+        std::string_view name;
         std::vector<Outcome> outcomes;
-    } kHoles[] = {
-        {kPushedOn, {Outcome::no_bootloader, Outcome::wrong_rescue}},
-        {kWornRecord, {Outcome::no_bootloader, Outcome::wrong_rescue}},
-        {kSharedPage, {Outcome::no_bootloader, Outcome::wrong_rescue}},
-        {kFitsOneSlot, {Outcome::wrong_bootloader}},
-        {kNoMark, {Outcome::wrong_rescue}},
-        {kEqualSum, {Outcome::wrong_parameters}},
-        {kFailingNand, {Outcome::no_bootloader}},
-        {kOtherVersion, {Outcome::reset_loop}},
-        {kTwoBanksFight, {Outcome::reset_loop}},
+        bool uncut;                     // the run without a cut ends so too, and then every cut of it may
+        const char *chip = nullptr;     // that the cut has to strike; null: any
+        std::vector<ByteRange> at = {}; // and where; empty: anywhere
     };
-    for (const auto &[name, outcomes] : kHoles)
-        if (name == hole) return std::find(outcomes.begin(), outcomes.end(), outcome) != outcomes.end();
-    return false;
+    // The DataFlash pages that two slots share, the page that is rewritten to retire slot 0, and the last pages of the
+    // images that fit slot 1 alone; the EEPROM pages of the record that the checksum is over.
+    const std::vector<ByteRange> shared = {{0x203E20, 0x204240}, {0x403E60, 0x404280}};
+    const std::vector<ByteRange> last_of_slot_1 = {{0x7FE0, 0x8400}, {0x3FFBE0, 0x404280}};
+    // A hole explains its own damage and no other: any further outcome is a finding, in its variants too.
+    static const Hole kHoles[] = {
+        {kPushedOn, {Outcome::no_bootloader, Outcome::wrong_rescue}, true},
+        {kWornRecord, {Outcome::no_bootloader, Outcome::wrong_rescue}, true},
+        {kSharedPage, {Outcome::no_bootloader, Outcome::wrong_rescue}, false, "DataFlash", shared},
+        {kFitsOneSlot, {Outcome::wrong_bootloader}, false, "DataFlash", last_of_slot_1},
+        {kNoMark, {Outcome::wrong_rescue}, true},
+        {kEqualSum, {Outcome::wrong_parameters}, false, "EEPROM", {{0, 0x20}}},
+        {kFailingNand, {Outcome::no_bootloader}, true},
+        {kOtherVersion, {Outcome::reset_loop}, true},
+        {kTwoBanksFight, {Outcome::reset_loop}, true},
+    };
+    const auto known =
+        std::find_if(std::begin(kHoles), std::end(kHoles), [&](const Hole &h) { return h.name == hole; });
+    if (known == std::end(kHoles)) return false;
+    if (std::find(known->outcomes.begin(), known->outcomes.end(), outcome) == known->outcomes.end()) return false;
+    if (struck.uncut) return known->uncut;
+    const auto is_at = [&](const ChipOperation &cut) {
+        if (known->chip && std::string_view(known->chip) != cut.chip) return false;
+        return known->at.empty() || std::any_of(known->at.begin(), known->at.end(), [&](const ByteRange &range) {
+                   return range.begin <= cut.address && cut.address < range.end;
+               });
+    };
+    const std::vector<ChipOperation> &cuts = struck.operations;
+    return cuts.empty() || std::any_of(cuts.begin(), cuts.end(), is_at);
 }
 
 std::vector<Scenario> AllScenarios(const SweepFirmware &firmware) {

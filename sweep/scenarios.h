@@ -24,8 +24,14 @@ inline constexpr const char *kEqualSum = "a torn commit whose old and new parame
 inline constexpr const char *kTwoBanksFight =
     "two banks that replace each other's bootloader: the board never launches, and each reset wears both slots";
 
-// Whether an outcome is what a hole is known for. Any other one is a finding there too.
-bool HoleTakes(std::string_view hole, Outcome outcome);
+// What a case was cut in.
+struct Struck {
+    bool uncut = true;
+    std::vector<ChipOperation> operations = {}; // one for each cut; none where that is not known
+};
+// Whether an outcome is what a hole is known for, at the place that it is known for. Any other one is a finding in its
+// variants too.
+bool HoleTakes(std::string_view hole, Outcome outcome, const Struck &struck);
 
 struct Variant {
     std::string label;
@@ -35,7 +41,7 @@ struct Variant {
 };
 
 // The hole that takes what came of a case; null: none does.
-const char *HoleOf(const Variant &variant, const Judgement &judgement);
+const char *HoleOf(const Variant &variant, const Judgement &judgement, const Struck &struck);
 
 struct Scenario {
     std::string name;

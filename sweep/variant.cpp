@@ -84,12 +84,13 @@ private:
     }
 
     void sweep() {
+        notes_.preparing(NameOf(id({})));
         const std::uint64_t operations = first().operations();
         // The shares of one variant have its uncut run in common: one of them counts it.
         if (unit_.share == 0) {
             ++tally_.variants;
             tally_.operations += operations;
-            tally(world_.chips, {});
+            tally(world_.chips, {}, {});
         }
         const std::size_t most = this->most();
         const bool pairs = plan_.losses == 2;
@@ -103,18 +104,19 @@ private:
             if (pairs)
                 sweep_second(snapshot, most == 0 ? 0 : (most + level - 1) / level);
             else
-                tally(snapshot.chips, {snapshot.cut});
+                tally(snapshot.chips, {snapshot.cut}, {false, {snapshot.operation}});
         }
     }
 
     // The boot that follows a cut, as it is and cut again.
     void sweep_second(const Snapshot &cut, std::size_t most) {
-        tally(cut.chips, {cut.cut});
+        tally(cut.chips, {cut.cut}, {false, {cut.operation}});
         const std::uint64_t operations = first().count(cut.chips, 1);
         const std::vector<Cut> cuts =
             ChooseCuts(operations, most,
                        NoiseSource(seed_, 3 * cut.cut.operation + static_cast<unsigned>(cut.cut.moment))(), false);
-        for (const Snapshot &second : take_snapshots(cut.chips, 1, cuts)) tally(second.chips, {cut.cut, second.cut});
+        for (const Snapshot &second : take_snapshots(cut.chips, 1, cuts))
+            tally(second.chips, {cut.cut, second.cut}, {false, {cut.operation, second.operation}});
     }
 
     // What is left after one operation is what is there before the next: a worker that gets both boots it once.
@@ -156,7 +158,7 @@ private:
             }
     }
 
-    void tally(const Chips &chips, const std::vector<Cut> &cuts) {
+    void tally(const Chips &chips, const std::vector<Cut> &cuts, const Struck &struck) {
         const std::string name = NameOf(id(cuts));
         notes_.at(name, boots());
         ++tally_.cases;
@@ -166,9 +168,9 @@ private:
         if (host_) host = host_->judge(chips, number);
         if (arm_) arm = arm_->judge(chips, number);
         if (host && arm) compare(name, *host, *arm);
-        count(name, host ? *host : *arm);
+        count(name, host ? *host : *arm, struck);
         // Counted once where the processors agree.
-        if (host && arm && arm->outcome != host->outcome) count(name, *arm);
+        if (host && arm && arm->outcome != host->outcome) count(name, *arm, struck);
     }
 
     void compare(const std::string &name, const Judgement &host, const Judgement &arm) {
@@ -180,11 +182,11 @@ private:
             found(name, "chips differ between the processors", "");
     }
 
-    void count(const std::string &name, const Judgement &judgement) {
+    void count(const std::string &name, const Judgement &judgement, const Struck &struck) {
         ++tally_.outcomes[NameOf(judgement.outcome)];
         if (judgement.rescue_gap && judgement.outcome == Outcome::good) ++tally_.holes[kRescueGap]["seen"];
         if (judgement.neighbour) ++tally_.holes[kNeighbour]["seen"];
-        if (const char *hole = HoleOf(variant_, judgement))
+        if (const char *hole = HoleOf(variant_, judgement, struck))
             ++tally_.holes[hole][NameOf(judgement.outcome)];
         else if (judgement.outcome != Outcome::good)
             found(name, NameOf(judgement.outcome), judgement.detail);
@@ -210,11 +212,11 @@ private:
 
 } // namespace
 
-const char *HoleOf(const Variant &variant, const Judgement &judgement) {
+const char *HoleOf(const Variant &variant, const Judgement &judgement, const Struck &struck) {
     std::vector<const char *> holes = variant.holes;
     if (judgement.hole) holes = {judgement.hole};
     const auto hole = std::find_if(holes.begin(), holes.end(), [&](const char *one) {
-        return judgement.outcome == Outcome::good || HoleTakes(one, judgement.outcome);
+        return judgement.outcome == Outcome::good || HoleTakes(one, judgement.outcome, struck);
     });
     return hole == holes.end() ? nullptr : *hole;
 }

@@ -124,6 +124,7 @@ public:
         make_chips(world.chips);
         world.volume = volume();
         world.may_stay = setup_.fate == Fate::may_fail;
+        world.tries_again = world.may_stay || setup_.fate == Fate::fails;
         world.commits = setup_.parameters.commits;
         world.more = setup_.parameters.more;
         set_touched(world);

@@ -101,7 +101,8 @@ struct World {
     Chips chips;
     std::shared_ptr<const std::filesystem::path> volume; // removed with the last copy
     BoardOptions board;
-    bool may_stay = false; // the old bootloader stays, unless a cut lets the new one in
+    bool may_stay = false;    // the old bootloader stays, unless a cut lets the new one in
+    bool tries_again = false; // there is no room for what the bank carries: every boot tries
     bool commits = false;
     std::vector<std::uint8_t> more; // what a commit sets beside the network parameters
     std::vector<ByteRange> touched; // what the medium's updates may change

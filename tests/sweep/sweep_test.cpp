@@ -10,6 +10,7 @@
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <map>
 #include <set>
 
 namespace fixture {
@@ -161,6 +162,41 @@ TEST(Sweep, ProcessorsAgree) {
                                             "parameters/1-to-0", "hostile"};
     const Tally all = CleanSweep({.scenarios = FindScenarios(names, Builds()), .on_arm = true, .sample = 2});
     EXPECT_EQ(all.compared, all.cases);
+}
+
+// What falls through a hole elsewhere, otherwise, or without a cut, is no work of the hole.
+TEST(Sweep, HolesTakeTheirOwnAlone) {
+    const ChipOperation shared{"DataFlash", "program", 0x204000}, elsewhere{"DataFlash", "program", 0x300000},
+        other_chip{"NAND", "program", 0x204000};
+    const struct {
+        const char *hole;
+        Outcome outcome;
+        Struck struck;
+        bool taken;
+    } rows[] = {
+        {kSharedPage, Outcome::no_bootloader, {false, {shared}}, true},
+        {kSharedPage, Outcome::no_bootloader, {false}, true}, // a closure does not know
+        {kSharedPage, Outcome::no_bootloader, {false, {elsewhere, shared}}, true},
+        {kSharedPage, Outcome::hang, {false, {shared}}, false},
+        {kSharedPage, Outcome::no_bootloader, {false, {elsewhere}}, false},
+        {kSharedPage, Outcome::no_bootloader, {false, {other_chip}}, false},
+        {kSharedPage, Outcome::no_bootloader, {true}, false},
+        {kTwoBanksFight, Outcome::reset_loop, {true}, true},
+        {kTwoBanksFight, Outcome::no_bootloader, {true}, false},
+        {"no hole", Outcome::no_bootloader, {true}, false},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(HoleTakes(row.hole, row.outcome, row.struck), row.taken) << row.hole << ' ' << NameOf(row.outcome);
+}
+
+// How much falls through: more or less would be a change of the hole, or a mistake beside it.
+TEST(Sweep, HolesTakeAsMuchAsIsKnown) {
+    const Tally all =
+        CleanSweep({.scenarios = FindScenarios({"holes/worn-record", "parameters/1-to-0-equal-sum"}, Builds())});
+    const std::map<std::string, std::map<std::string, std::uint64_t>> known = {
+        {kEqualSum, {{"good", 8}, {"wrong parameters", 2}}},
+        {kWornRecord, {{"brick: no good bootloader", 244}, {"wrong rescue image or record", 6}}}};
+    EXPECT_EQ(all.holes, known);
 }
 
 TEST(Sweep, HolesAreSeen) {
