@@ -491,9 +491,12 @@ TEST_P(Updates, FlushAFixedLengthForTheRescueImage) {
 
 // What the file system is told of the NAND.
 TEST_P(Updates, KeepTheirSlotsFromTheFileSystem) {
-    for (const bool strapped : {true, false}) {
+    constexpr Straps kStraps[] = {
+        {}, {.pins_12_13 = true}, {.pins_14_18 = true}, {.pins_12_13 = true, .pins_14_18 = true}};
+    for (const Straps &straps : kStraps) {
+        const bool strapped = straps.pins_12_13 || straps.pins_14_18;
         BoardOptions board;
-        board.straps.pins_12_13 = strapped;
+        board.straps = straps;
         StartedBoard started(GetParam(), board);
         const auto place = [&](std::uint32_t address) -> const void * {
             if (GetParam() == Processor::arm) return started.at(address);
