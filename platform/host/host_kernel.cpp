@@ -13,10 +13,7 @@
 
 namespace fixture {
 
-HostKernel &host_kernel() {
-    static HostKernel kernel;
-    return kernel;
-}
+HostKernel g_host_kernel;
 
 namespace {
 

@@ -21,7 +21,9 @@ struct HostKernel {
     bool running = false;
     std::function<void(StageResult)> stop;
 };
-HostKernel &host_kernel();
+// Plain, not a local of a function: every access to a device asks for it.
+extern HostKernel g_host_kernel;
+inline HostKernel &host_kernel() { return g_host_kernel; }
 
 // Frees everything that the modules have allocated.
 void ReleaseModuleHeap();
