@@ -367,7 +367,7 @@ private:
 std::shared_ptr<const Held> OwnDirectory(const struct stat &directory, int handle) {
     static std::map<std::pair<dev_t, ino_t>, std::weak_ptr<const Held>> held;
     auto &own = held[{directory.st_dev, directory.st_ino}];
-    if (const auto first = own.lock()) {
+    if (auto first = own.lock()) {
         close(handle);
         return first;
     }
@@ -375,7 +375,7 @@ std::shared_ptr<const Held> OwnDirectory(const struct stat &directory, int handl
         close(handle);
         return nullptr;
     }
-    const auto first = std::make_shared<const Held>(handle);
+    auto first = std::make_shared<const Held>(handle);
     own = first;
     return first;
 }

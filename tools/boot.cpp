@@ -318,6 +318,13 @@ void CheckOptions(const BootCall &call) {
                   "--panel, --panel-gif, --panel-frames, --preview, --live or --report");
 }
 
+// What explain would have said of the board. Asked for only where it will be shown: it reads every slot and every bank
+// once more. A replay has its case's judgement instead.
+std::optional<Prediction> ForecastIfPossible(Chips &before, const RunOptions &options) {
+    if (!CanForecast(before, options)) return std::nullopt;
+    return Forecast(before, options);
+}
+
 // Everything that can be refused is refused before the board starts: a run may take minutes.
 int Boot(BootCall call) {
     RequireDirectory(call.volume);
@@ -365,10 +372,8 @@ int Boot(BootCall call) {
     looking_on.start();
     const RunReport report = replay ? replay->run(machine) : machine.run();
     std::optional<Prediction> foretold;
-    // Only where it will be shown: foretelling reads every slot and every bank once more. A replay has its case's
-    // judgement instead.
-    if (!replay && CanForecast(before, options) && (looking_on.wants_forecast() || report.exit_status() != kGood))
-        foretold = Forecast(before, options);
+    if (!replay && (looking_on.wants_forecast() || report.exit_status() != kGood))
+        foretold = ForecastIfPossible(before, options);
     looking_on.finish(report, Describe(report), foretold ? &*foretold : nullptr);
     if (timeline) timeline->finish();
     // Its destructor writes the last values into a file that is committed below.

@@ -215,8 +215,8 @@ TEST(BankCheck, ForetellsABankOfWhichAFileCannotBeRead) {
         const Unprivileged unprivileged;
         const Foretold foretold(world, world.chips, TestFirmware());
         const auto &steps = foretold.prediction().steps;
-        EXPECT_TRUE(std::any_of(steps.begin(), steps.end(), [&](const BootStep &step) {
-            return step.id == std::string(id) && step.text.find("permission denied") != std::string::npos;
+        EXPECT_TRUE(std::any_of(steps.begin(), steps.end(), [&, expected = std::string(id)](const BootStep &step) {
+            return step.id == expected && step.text.find("permission denied") != std::string::npos;
         }));
         ExpectSameWord(ExamineBank(volume.path() / "data/app", kBankDirectories[0]), foretold.prediction());
         EXPECT_EQ(Disagreement(world, foretold, Processor::host), "");
