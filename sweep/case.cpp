@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cassert>
 #include <charconv>
 #include <cstring>
 #include <fmt/format.h>
@@ -113,6 +112,12 @@ struct Sweeper::PowerUp {
     std::uint64_t operations = 0;
     bool fired = false;
     std::string difference; // from what was foretold
+};
+
+struct Sweeper::Watched {
+    unsigned number;
+    PowerUp power_up;
+    Chips left;
 };
 
 Sweeper::Sweeper(const World &world, ProcessorKind processor, const SweepFirmware &firmware)
@@ -338,9 +343,10 @@ bool Sweeper::settled(const Chips &chips, const PowerUp &last, Judgement &judgem
 
 // --- the boots
 
-// One cold boot, with what is wrong with it whatever the board is.
-Sweeper::PowerUp Sweeper::boot_once(Chips &chips, unsigned number, Judgement &judgement) {
-    PowerUp last = power_up(chips, number, {});
+// One cold boot, with what is wrong with it whatever the board is. One that was watched is not made again.
+Sweeper::PowerUp Sweeper::boot_once(Chips &chips, unsigned number, Judgement &judgement, const Watched *watched) {
+    PowerUp last = watched ? watched->power_up : power_up(chips, number, {});
+    if (watched) chips = watched->left;
     ++judgement.boots;
     judgement.console += last.console;
     judgement.chips = digest(chips);
@@ -397,7 +403,7 @@ bool Sweeper::stays(Chips chips, unsigned number, Judgement &judgement, When whe
     return false;
 }
 
-Judgement Sweeper::boot_on(Chips chips, unsigned number) {
+Judgement Sweeper::boot_on(Chips chips, unsigned number, const Watched *watched) {
     if (world_.hostile) return boot_hostile(std::move(chips), number);
     Judgement judgement;
     const bool was_cut = number > 0;
@@ -407,7 +413,7 @@ Judgement Sweeper::boot_on(Chips chips, unsigned number) {
         // Before every boot, not at the end alone: a board that has no good bootloader at any moment is lost if the
         // power goes then, whatever a later boot would have done.
         if (!check_choice(chips, judgement)) return judgement;
-        const PowerUp last = boot_once(chips, number + boot, judgement);
+        const PowerUp last = boot_once(chips, number + boot, judgement, boot == 0 ? watched : nullptr);
         if (!last.outside.empty()) {
             judgement.outcome = Outcome::outside;
             judgement.detail = last.outside;
@@ -434,6 +440,11 @@ Judgement Sweeper::judge(const Chips &chips, unsigned number) {
     return met_[key] = boot_on(chips, number);
 }
 
+Judgement Sweeper::judge_watched(const Chips &chips, unsigned number) {
+    // One that committed is no boot as a judge makes it.
+    return watched_->number == number ? boot_on(chips, number, watched_.get()) : judge(chips, number);
+}
+
 const Judgement &Sweeper::uncut() {
     if (!uncut_) uncut_ = judge(world_.chips, 0);
     return *uncut_;
@@ -449,7 +460,9 @@ unsigned Sweeper::to_cut(const Chips &chips, unsigned number) const {
 }
 
 void Sweeper::watch(Chips &chips, unsigned number, const decltype(PowerSupply::interceptor) &interceptor) {
-    power_up(chips, to_cut(chips, number), [&](PowerSupply &supply) { supply.interceptor = interceptor; });
+    number = to_cut(chips, number);
+    PowerUp last = power_up(chips, number, [&](PowerSupply &supply) { supply.interceptor = interceptor; });
+    watched_ = std::make_shared<const Watched>(Watched{number, std::move(last), chips});
 }
 
 std::uint64_t Sweeper::count(Chips chips, unsigned number) {

@@ -21,6 +21,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -101,7 +102,8 @@ public:
     // `wanted` asks for. One run gives them all. `path` is what was cut before.
     std::vector<Snapshot> take_snapshots(const Chips &chips, unsigned power_up,
                                          const std::function<bool(const Cut &)> &wanted);
-    // One power-up whose changes `interceptor` makes, on these chips.
+    // One power-up whose changes `interceptor` makes, on these chips. It has to leave them as the power-up by itself
+    // would, whatever it does to them on the way.
     void watch(Chips &chips, unsigned power_up, const decltype(PowerSupply::interceptor) &interceptor);
     // The number of operations of one power-up.
     std::uint64_t count(Chips chips, unsigned power_up);
@@ -111,6 +113,8 @@ public:
 
     // Up to four cold boots from here on; the first of them is power-up number `power_up`.
     Judgement judge(const Chips &chips, unsigned power_up);
+    // The same, of the chips that the last watch() began with: what it watched is not booted again.
+    Judgement judge_watched(const Chips &chips, unsigned power_up);
 
     // The whole of a case by its cuts, with the power really cut.
     Judgement run(const std::vector<Cut> &cuts);
@@ -131,6 +135,7 @@ public:
 
 private:
     struct PowerUp;
+    struct Watched;
     struct When {
         bool was_cut, last_boot;
     };
@@ -143,9 +148,9 @@ private:
     bool check_marks(const Chips &chips, Judgement &judgement) const;
     bool stays(Chips chips, unsigned number, Judgement &judgement, When when);
     bool settled(const Chips &chips, const PowerUp &last, Judgement &judgement, When when) const;
-    PowerUp boot_once(Chips &chips, unsigned number, Judgement &judgement);
+    PowerUp boot_once(Chips &chips, unsigned number, Judgement &judgement, const Watched *watched = nullptr);
     Judgement boot_hostile(Chips chips, unsigned number);
-    Judgement boot_on(Chips chips, unsigned number);
+    Judgement boot_on(Chips chips, unsigned number, const Watched *watched = nullptr);
 
     const World &world_;
     ProcessorKind processor_;
@@ -154,6 +159,7 @@ private:
     std::optional<std::uint64_t> operations_;
     std::unordered_map<std::uint64_t, Judgement> met_;
     std::unordered_set<std::uint64_t> steady_; // chips that more boots leave as they are
+    std::shared_ptr<const Watched> watched_;   // the last one
 };
 
 } // namespace fixture

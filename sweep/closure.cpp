@@ -46,13 +46,19 @@ struct KeptChips {
     }
 };
 
+// A cut, and the operation that it struck.
+struct Loss {
+    Cut cut;
+    ChipOperation operation;
+};
+
 // A class of states, or in an exact closure one state.
 struct State {
     std::uint64_t key;
     std::uint64_t of_class;
     std::uint64_t cells; // of the member that was met first
     std::size_t parent;  // of the first: itself
-    Cut cut;             // of the parent's power-up
+    Loss loss;           // in the parent's power-up
     std::size_t losses;
     std::uint32_t letters;          // their number
     std::optional<KeptChips> chips; // until it has been explored
@@ -152,9 +158,9 @@ private:
             // Explored, its chips are not needed again: memory goes with the border, not with all that was seen.
             states_[n].chips.reset();
             const bool is_last = limits_.history.size() == cuts.size() + 1;
-            check(chips, n, cuts);
-            if (limits_.history.empty() || is_last) judge(chips, n, cuts);
             if (!is_last) explore(chips, n);
+            if (limits_.history.empty() || is_last) judge(chips, n, cuts);
+            check(chips, n, cuts);
             if (is_last && tally_.found > 0) break; // one case tells it all
         }
         for (State &state : states_)
@@ -185,13 +191,19 @@ private:
     std::vector<Cut> history(std::size_t n) const {
         std::vector<Cut> cuts;
         // A case's name is its cuts, from the first power-up on; states keep the last one and where it came from.
-        for (; states_[n].losses > 0; n = states_[n].parent) cuts.push_back(states_[n].cut);
+        for (; states_[n].losses > 0; n = states_[n].parent) cuts.push_back(states_[n].loss.cut);
         std::reverse(cuts.begin(), cuts.end());
         return cuts;
     }
 
+    std::vector<ChipOperation> struck(std::size_t n) const {
+        std::vector<ChipOperation> operations;
+        for (; states_[n].losses > 0; n = states_[n].parent) operations.push_back(states_[n].loss.operation);
+        return operations;
+    }
+
     // A state is known by its sum. Chips are kept for new ones alone.
-    std::uint32_t meet(const StateSum &sum, const Chips &chips, std::size_t parent, const Cut &cut,
+    std::uint32_t meet(const StateSum &sum, const Chips &chips, std::size_t parent, const Loss &loss,
                        std::size_t losses) {
         const std::uint64_t chances = ChancesSum(chips);
         const std::uint64_t cells = sum.cells() + chances;
@@ -213,7 +225,7 @@ private:
             known_.erase(known);
             return number;
         }
-        State state{key, of_class, cells, parent, cut, losses, number, {}, {}};
+        State state{key, of_class, cells, parent, loss, losses, number, {}, {}};
         state.chips.emplace(chips, world_);
         states_.push_back(std::move(state));
         return number;
@@ -234,9 +246,9 @@ private:
         const std::uint32_t from = states_[n].letters;
         const std::size_t losses = states_[n].losses;
         const std::uint64_t steps =
-            walk(chips, losses > 0, [&](const Cut &cut, const StateSum &sum, const Chips &left) {
+            walk(chips, losses > 0, [&](const Loss &loss, const StateSum &sum, const Chips &left) {
                 ++tally_.cuts;
-                add_edge("cut", from, meet(sum, left, n, cut, losses + 1));
+                add_edge("cut", from, meet(sum, left, n, loss, losses + 1));
             });
         states_[n].steps = steps;
         add_edge("run", from, end_);
@@ -245,7 +257,7 @@ private:
     // One power-up from these chips, cut at each of its moments. What comes of it is a number that differs where a cut
     // leads to another class; it is never 0.
     std::uint64_t walk(Chips chips, unsigned number,
-                       const std::function<void(const Cut &, const StateSum &, const Chips &)> &visit) {
+                       const std::function<void(const Loss &, const StateSum &, const Chips &)> &visit) {
         // The first power-up differs (a commit is made by a running system); all later ones are alike.
         const std::vector<bool> wanted = limits_.near == 0 ? std::vector<bool>{} : near_changes(chips, number);
         StateSum sum(world_, chips);
@@ -253,15 +265,15 @@ private:
         const std::uint32_t from = number_of(RegionLetters(chips, world_));
         EraseWatch erases;
         std::uint64_t step = 1;
-        const auto cut = [&](const Cut &one, const StateSum &now) {
+        const auto cut = [&](const Loss &loss, const StateSum &now) {
             step = NoiseSource(step, now.of_class() + ChancesSum(chips))();
-            visit(one, now, chips);
+            visit(loss, now, chips);
         };
         sweeper_.watch(chips, number,
                        [&](std::uint64_t index, const ChipOperation &operation, const std::function<void()> &whole,
                            const std::function<void(Random &)> &torn) {
                            const bool is_cut = wanted.empty() || wanted.at(index);
-                           if (is_cut) cut({index, CutMoment::before}, sum);
+                           if (is_cut) cut({{index, CutMoment::before}, operation}, sum);
                            // Taken out before the operation and put in after it: a cut costs the pages that it touches,
                            // not the chips.
                            sum.take_out(chips, operation);
@@ -271,12 +283,12 @@ private:
                                torn(random);
                                StateSum now = sum;
                                now.put_in(chips, operation);
-                               cut({index, CutMoment::torn, way}, now);
+                               cut({{index, CutMoment::torn, way}, operation}, now);
                                undo.restore();
                            }
                            erases.make(chips, operation, whole);
                            sum.put_in(chips, operation);
-                           if (is_cut) cut({index, CutMoment::after}, sum);
+                           if (is_cut) cut({{index, CutMoment::after}, operation}, sum);
                        });
         // The sums leave out how often pages were programmed. If that ever mattered, states would be taken for one
         // another.
@@ -295,12 +307,12 @@ private:
     // alone, in an exact one every member.
     void compare_twin(const State &state) {
         const Chips chips = state.twin->restore(world_);
-        const Judgement judgement = sweeper_.judge(chips, state.losses > 0);
         State twin{};
         twin.key = state.key;
+        twin.steps = walk(chips, state.losses > 0, [](const Loss &, const StateSum &, const Chips &) {});
+        const Judgement judgement = sweeper_.judge_watched(chips, state.losses > 0);
         twin.outcome = judgement.outcome;
         twin.boots = judgement.boots;
-        twin.steps = walk(chips, state.losses > 0, [](const Cut &, const StateSum &, const Chips &) {});
         compare(state, twin);
     }
 
@@ -339,7 +351,7 @@ private:
         return wanted;
     }
 
-    // That the power really cut leaves what the state holds.
+    // That the power really cut leaves what the state holds, and that boots by themselves end as was judged.
     void check(const Chips &chips, std::size_t n, const std::vector<Cut> &cuts) {
         // A sample by the states' own sums, so that it is the same in every run and spread over all depths.
         if (cuts.empty() || states_[n].cells % 64 >= 8 || tally_.checked >= kChecks) return;
@@ -347,17 +359,25 @@ private:
         const Chips really = sweeper_.cut(cuts);
         if (StateSum(world_, really).cells() != StateSum(world_, chips).cells())
             found(cuts, "another state than the cuts themselves leave", "");
+        const Judgement judgement = sweeper_.judge(really, 1);
+        const bool was_judged = limits_.history.empty() || states_[n].boots > 0;
+        if (was_judged && (judgement.outcome != states_[n].outcome || judgement.boots != states_[n].boots))
+            found(cuts, "another end than the watched power-up leads to", judgement.detail);
     }
 
     void judge(const Chips &chips, std::size_t n, const std::vector<Cut> &cuts) {
-        // Judged as after a cut, how many losses there were: the board knows of none.
-        const Judgement judgement = sweeper_.judge(chips, cuts.empty() ? 0 : 1);
+        // Judged as after a cut, however many losses there were: the board knows of none.
+        const unsigned number = cuts.empty() ? 0 : 1;
+        // Explored just before, it has had its first boot, cut at every moment and put right again. What ends a
+        // history is not explored.
+        const Judgement judgement =
+            limits_.history.empty() ? sweeper_.judge_watched(chips, number) : sweeper_.judge(chips, number);
         states_[n].outcome = judgement.outcome;
         states_[n].boots = judgement.boots;
         ++tally_.outcomes[NameOf(judgement.outcome)];
         if (judgement.outcome == Outcome::good)
             tally_.longest_recovery = std::max<std::uint64_t>(tally_.longest_recovery, judgement.boots);
-        const char *hole = HoleOf(variant_, judgement, {.uncut = cuts.empty()});
+        const char *hole = HoleOf(variant_, judgement, {cuts.empty(), struck(n)});
         if (hole)
             ++tally_.holes[hole][NameOf(judgement.outcome)];
         else if (judgement.outcome != Outcome::good)

@@ -135,15 +135,24 @@ std::vector<Variant> Worn() {
     };
     // A grown bad block takes no mark either: what was to be stored in it is not found again.
     const Row rows[] = {
-        {"erase-first", {.kind = NandFault::erase_fails, .block = kSlot1Block, .times = kForever}},
-        {"erase-second", {.kind = NandFault::erase_fails, .block = kSlot1Block + 1, .times = kForever}},
+        {"erase-first",
+         {.kind = NandFault::erase_fails, .block = kSlot1Block, .times = kForever},
+         Fate::stored,
+         {kMarkTornOften}},
+        {"erase-second",
+         {.kind = NandFault::erase_fails, .block = kSlot1Block + 1, .times = kForever},
+         Fate::stored,
+         {kMarkTornOften}},
         {"erase-once", {.kind = NandFault::erase_fails, .block = kSlot1Block, .times = 1}},
         {"erase-twice", {.kind = NandFault::erase_fails, .block = kSlot1Block, .times = 2}},
         {"program", {.kind = NandFault::program_fails, .block = kSlot1Block + 1, .page = 20, .times = kForever}},
         {"grown", {.kind = NandFault::grown_bad, .block = kSlot1Block + 1, .skip = 30}, Fate::may_fail},
         {"grown-last", {.kind = NandFault::grown_bad, .block = kSlot1Block + 2, .skip = 5}, Fate::may_fail},
         {"retired", {.kind = NandFault::erase_fails, .block = 2, .times = kForever}},
-        {"rescue", {.kind = NandFault::erase_fails, .block = kRescueBlock, .times = kForever}},
+        {"rescue",
+         {.kind = NandFault::erase_fails, .block = kRescueBlock, .times = kForever},
+         Fate::stored,
+         {kMarkTornOften}},
         {"rescue-no-mark", {.kind = NandFault::grown_bad, .block = kRescueBlock, .skip = 10}, Fate::stored, {kNoMark}},
     };
     std::vector<Variant> variants;
@@ -317,13 +326,14 @@ std::vector<Variant> HostileBoards(unsigned count) {
     return variants;
 }
 
-bool HoleTakes(std::string_view hole, Outcome outcome, const Struck &struck) {
+bool HoleTakes(std::string_view hole, const Judgement &judgement, const Struck &struck) {
     struct Hole {
         std::string_view name;
         std::vector<Outcome> outcomes;
         bool uncut;                     // the run without a cut ends so too, and then every cut of it may
         const char *chip = nullptr;     // that the cut has to strike; null: any
         std::vector<ByteRange> at = {}; // and where; empty: anywhere
+        const char *said = "";          // part of what the judge says
     };
     // The DataFlash pages that two slots share, the page that is rewritten to retire slot 0, and the last pages of the
     // images that fit slot 1 alone; the EEPROM pages of the record that the checksum is over.
@@ -336,6 +346,8 @@ bool HoleTakes(std::string_view hole, Outcome outcome, const Struck &struck) {
         {kSharedPage, {Outcome::no_bootloader, Outcome::wrong_rescue}, false, "DataFlash", shared},
         {kFitsOneSlot, {Outcome::wrong_bootloader}, false, "DataFlash", last_of_slot_1},
         {kNoMark, {Outcome::wrong_rescue}, true},
+        // Each loss in the middle of the mark costs one of the programs that a page bears.
+        {kMarkTornOften, {Outcome::violation}, false, "NAND", {}, "page 0 programmed too often without an erase"},
         {kEqualSum, {Outcome::wrong_parameters}, false, "EEPROM", {{0, 0x20}}},
         {kFailingNand, {Outcome::no_bootloader}, true},
         {kOtherVersion, {Outcome::reset_loop}, true},
@@ -344,7 +356,9 @@ bool HoleTakes(std::string_view hole, Outcome outcome, const Struck &struck) {
     const auto known =
         std::find_if(std::begin(kHoles), std::end(kHoles), [&](const Hole &h) { return h.name == hole; });
     if (known == std::end(kHoles)) return false;
-    if (std::find(known->outcomes.begin(), known->outcomes.end(), outcome) == known->outcomes.end()) return false;
+    if (std::find(known->outcomes.begin(), known->outcomes.end(), judgement.outcome) == known->outcomes.end())
+        return false;
+    if (judgement.detail.find(known->said) == std::string::npos) return false;
     if (struck.uncut) return known->uncut;
     const auto is_at = [&](const ChipOperation &cut) {
         if (known->chip && std::string_view(known->chip) != cut.chip) return false;
@@ -353,7 +367,7 @@ bool HoleTakes(std::string_view hole, Outcome outcome, const Struck &struck) {
                });
     };
     const std::vector<ChipOperation> &cuts = struck.operations;
-    return cuts.empty() || std::any_of(cuts.begin(), cuts.end(), is_at);
+    return std::any_of(cuts.begin(), cuts.end(), is_at);
 }
 
 std::vector<Scenario> AllScenarios(const SweepFirmware &firmware) {

@@ -17,6 +17,7 @@ inline constexpr const char *kWornRecord = "block 1 wears out: the version recor
 inline constexpr const char *kSharedPage = "slots that share a DataFlash page, which is rewritten as a whole";
 inline constexpr const char *kFitsOneSlot = "an image that fits DataFlash slot 1 alone cannot be moved to slot 0";
 inline constexpr const char *kNoMark = "a rescue block so worn that it cannot even be marked bad";
+inline constexpr const char *kMarkTornOften = "a bad-block mark torn so often that its page bears no further program";
 inline constexpr const char *kEqualSum = "a torn commit whose old and new parameters happen to share a checksum";
 
 // The rule that each start follows the first bank that differs from it closes this circle: no start gets as far as the
@@ -27,11 +28,11 @@ inline constexpr const char *kTwoBanksFight =
 // What a case was cut in.
 struct Struck {
     bool uncut = true;
-    std::vector<ChipOperation> operations = {}; // one for each cut; none where that is not known
+    std::vector<ChipOperation> operations = {}; // one for each cut
 };
 // Whether an outcome is what a hole is known for, at the place that it is known for. Any other one is a finding in its
 // variants too.
-bool HoleTakes(std::string_view hole, Outcome outcome, const Struck &struck);
+bool HoleTakes(std::string_view hole, const Judgement &judgement, const Struck &struck);
 
 struct Variant {
     std::string label;

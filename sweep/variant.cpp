@@ -216,7 +216,7 @@ const char *HoleOf(const Variant &variant, const Judgement &judgement, const Str
     std::vector<const char *> holes = variant.holes;
     if (judgement.hole) holes = {judgement.hole};
     const auto hole = std::find_if(holes.begin(), holes.end(), [&](const char *one) {
-        return judgement.outcome == Outcome::good || HoleTakes(one, judgement.outcome, struck);
+        return judgement.outcome == Outcome::good || HoleTakes(one, judgement, struck);
     });
     return hole == holes.end() ? nullptr : *hole;
 }

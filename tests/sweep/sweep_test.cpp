@@ -175,7 +175,7 @@ TEST(Sweep, HolesTakeTheirOwnAlone) {
         bool taken;
     } rows[] = {
         {kSharedPage, Outcome::no_bootloader, {false, {shared}}, true},
-        {kSharedPage, Outcome::no_bootloader, {false}, true}, // a closure does not know
+        {kMarkTornOften, Outcome::violation, {false, {other_chip}}, false}, // that says something else
         {kSharedPage, Outcome::no_bootloader, {false, {elsewhere, shared}}, true},
         {kSharedPage, Outcome::hang, {false, {shared}}, false},
         {kSharedPage, Outcome::no_bootloader, {false, {elsewhere}}, false},
@@ -185,8 +185,11 @@ TEST(Sweep, HolesTakeTheirOwnAlone) {
         {kTwoBanksFight, Outcome::no_bootloader, {true}, false},
         {"no hole", Outcome::no_bootloader, {true}, false},
     };
-    for (const auto &row : rows)
-        EXPECT_EQ(HoleTakes(row.hole, row.outcome, row.struck), row.taken) << row.hole << ' ' << NameOf(row.outcome);
+    for (const auto &row : rows) {
+        Judgement judgement;
+        judgement.outcome = row.outcome;
+        EXPECT_EQ(HoleTakes(row.hole, judgement, row.struck), row.taken) << row.hole << ' ' << NameOf(row.outcome);
+    }
 }
 
 // How much falls through: more or less would be a change of the hole, or a mistake beside it.
