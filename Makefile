@@ -6,6 +6,7 @@
 #   make bench      speed in virtual time and instructions, compared with docs/bench.txt; make bench-record records it
 #   make size       the image's bytes by module and function, recorded in docs/size.txt
 #   make fuzz       run the fuzz targets on from their corpora, TIME=60 seconds each; FUZZ_ARGS: other fuzzer options
+#   make mutants    make 300 mistakes, one at a time, and write docs/mutants.md; MUTANTS_ARGS="--sample 0" makes all
 #   make campaign   count the tables of docs/reliability.md in PARTS=8 parts, ENGINE=local or slurm
 #   make cluster-test   a campaign on a Slurm of this one machine; needs root
 #   make install    install below PREFIX=/usr/local, into DESTDIR=; cmake/install.cmake says what goes where
@@ -17,7 +18,7 @@
 #   make clean
 
 .PHONY: help install deb package-test reproducible \
-	campaign cluster-test boot test firmware fixture asan bench bench-record size fuzz lint setup clean
+	campaign cluster-test mutants boot test firmware fixture asan bench bench-record size fuzz lint setup clean
 
 TIME = 60
 ENGINE = local
@@ -68,6 +69,11 @@ fuzz: firmware
 	@cmake --preset fuzz >build/fuzz.log || { cat build/fuzz.log; exit 1; }
 	@cmake --build build/fuzz --target fixture-fuzz
 	@fuzz/run.sh $(FUZZ_ARGS)
+
+mutants: firmware asan
+	@cmake --preset mutants >build/mutants.log || { cat build/mutants.log; exit 1; }
+	@cmake --build build/mutants --target fixture-tests
+	@mutants/mutants.py --report docs/mutants.md $(MUTANTS_ARGS)
 
 campaign: firmware fixture
 	@MERGE="--report docs/reliability.md" cluster/campaign.sh $(ENGINE) $(PARTS) build/campaign \

@@ -1,20 +1,20 @@
 #!/bin/sh
 # Runs a campaign in parts, and merges them.
 #
-#   cluster/campaign.sh local|slurm PARTS DIRECTORY SWEEP-ARGUMENT...
+#   cluster/campaign.sh local|slurm PARTS DIRECTORY ARGUMENT...
 #
 # Part K is DIRECTORY/K.part. A part that is there is not run again, so a campaign that was interrupted goes on where
 # it was; parts of another build or another call are refused by the merge, by name. `slurm` runs the parts as one
 # array job, whatever nodes they fall to: DIRECTORY and this tree have to be where all nodes see them. Tasks that are
-# lost are submitted again, twice. FIXTURE names another program than build/host/fixture, MERGE more arguments for the
-# merge (--json, --report FILE).
+# lost are submitted again, twice. The arguments are those of PROGRAM [build/host/fixture sweep]; MERGE has more for
+# the merge (--json, --report FILE).
 set -eu
 cd "$(dirname "$0")/.."
 engine=$1
 parts=$2
 directory=$3
 shift 3
-fixture=${FIXTURE:-build/host/fixture}
+program=${PROGRAM:-build/host/fixture sweep}
 mkdir -p "$directory"
 
 missing() {
@@ -28,7 +28,8 @@ missing() {
 case "$engine" in
 local)
     for k in $(missing); do
-        "$fixture" sweep "$@" --shard "$k/$parts" --out "$directory/$k.part"
+        # shellcheck disable=SC2086
+        $program "$@" --shard "$k/$parts" --out "$directory/$k.part"
     done
     ;;
 slurm)
@@ -36,7 +37,7 @@ slurm)
         lost=$(missing | sed 's/ $//; s/ /,/g')
         [ -n "$lost" ] || break
         echo "round $round: parts $lost"
-        FIXTURE=$fixture PARTS=$parts DIRECTORY=$directory \
+        PROGRAM=$program PARTS=$parts DIRECTORY=$directory \
             sbatch --wait --requeue --array="$lost" --chdir="$PWD" \
                 --output="$directory/%a.log" --export=ALL cluster/part.sbatch "$@" || true
     done
@@ -59,4 +60,4 @@ while [ "$k" -le "$parts" ]; do
     k=$((k + 1))
 done
 # shellcheck disable=SC2086
-exec "$fixture" sweep merge "$@" ${MERGE:-}
+exec $program merge "$@" ${MERGE:-}

@@ -71,7 +71,7 @@ echo "one run of everything"
 
 echo "an array of 8"
 # shellcheck disable=SC2086
-FIXTURE=$fixture MERGE=--json ./cluster/campaign.sh slurm 8 "$here/parts" $campaign >"$here/array.log" &
+PROGRAM="$fixture sweep" MERGE=--json ./cluster/campaign.sh slurm 8 "$here/parts" $campaign >"$here/array.log" &
 array=$!
 task() { squeue -h -r -t R -o '%A %K %F' | awk '$2 == 2 { print $1 }'; }
 task_runs() { [ -n "$(task)" ]; }

@@ -10,6 +10,7 @@ pkg_check_modules(ELF REQUIRED IMPORTED_TARGET libelf libdw)
 pkg_check_modules(CHAFA REQUIRED IMPORTED_TARGET chafa)
 
 option(SANITIZE "build everything with the address and undefined-behaviour sanitizers" OFF)
+option(TESTS "build the tests" ${SANITIZE})
 
 # Modules and fixture share this process's low addresses with the board's SDRAM and the linker-set video region, so
 # nothing here may move. The program lies above the SDRAM's address, and with it the heap, which the system puts at
@@ -143,7 +144,7 @@ add_executable(fixture-bench EXCLUDE_FROM_ALL ${BENCH_SOURCES})
 target_include_directories(fixture-bench PRIVATE ${MODULE_INCLUDES})
 target_link_libraries(fixture-bench PRIVATE native-modules-fixed harness ${NATIVE_LINK})
 
-if(SANITIZE)
+if(TESTS)
     find_package(GTest REQUIRED)
     enable_testing()
     include(GoogleTest)
@@ -168,6 +169,9 @@ if(SANITIZE)
     gtest_discover_tests(fixture-tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300
                          WORKING_DIRECTORY ${CMAKE_BINARY_DIR})
     set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${CMAKE_SOURCE_DIR}/tests/costs.cmake)
+
+    # The tool that makes mutants, on a tree of its own.
+    add_test(NAME Mutants.AreMadeTriedAndMerged COMMAND ${CMAKE_SOURCE_DIR}/tests/mutants/toy_test.py)
 
     # Why the fast sums are exact, for a solver.
     file(GLOB LEMMAS CONFIGURE_DEPENDS tests/lemmas/*.smt2)
