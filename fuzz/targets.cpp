@@ -13,7 +13,12 @@ std::span<const FuzzTarget> FuzzTargets() {
                                               {"elf", FuzzElf},
                                               {"png", FuzzPng},
                                               {"texts", FuzzTexts},
-                                              {"gdb", FuzzGdb}};
+                                              {"gdb", FuzzGdb},
+                                              {"update", FuzzUpdate},
+                                              {"replies", FuzzReplies},
+                                              {"requests", FuzzRequests},
+                                              {"semihosting", FuzzSemihosting},
+                                              {"writers", FuzzWriters}};
     return kTargets;
 }
 

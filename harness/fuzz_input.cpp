@@ -1,11 +1,14 @@
 #include "harness/fuzz_input.h"
 
+#include "formats/parameter_store.h"
 #include "formats/stored_image.h"
 #include "harness/command.h"
 
 #include <algorithm>
 #include <cassert>
 #include <fstream>
+#include <nlohmann/json.hpp>
+#include <numeric>
 #include <stdexcept>
 
 namespace fixture {
@@ -71,6 +74,52 @@ Bytes MakeImage(Shape &shape) {
     return image;
 }
 
+namespace {
+
+void Put16(Bytes &bytes, std::size_t at, std::uint32_t value) {
+    bytes[at] = static_cast<std::uint8_t>(value >> 8);
+    bytes[at + 1] = static_cast<std::uint8_t>(value);
+}
+
+// A sector's image: records, some of them cut short or without end, and a header that fits them or does not.
+Bytes MakeSector(Shape &shape) {
+    Bytes image(6);
+    for (unsigned records = shape.pick({1u, 0u, 2u, 3u, 4u, 6u, 20u, 60u}); records > 0; --records) {
+        const Bytes data = shape.bytes(15);
+        const unsigned identifier = shape.one_in(8) ? shape.below(4096) : kSomeIdentifiers[shape.below(8)];
+        const auto length = static_cast<unsigned>(shape.one_in(16) ? shape.below(16) : data.size());
+        image.resize(image.size() + 2);
+        Put16(image, image.size() - 2, identifier << 4 | length);
+        Append(image, data);
+    }
+    if (!shape.one_in(8)) image.insert(image.end(), {0xFF, 0xFF});
+    if (shape.one_in(8)) Append(image, shape.bytes(8));
+    const auto used = static_cast<std::uint32_t>(image.size());
+    const std::uint32_t length =
+        shape.one_in(6)
+            ? shape.pick({0u, 7u, 8u, 9u, 255u, 256u, 257u, 999u, 1000u, 1001u, used - 1, used + 1, shape.below(65536)})
+            : used;
+    Put16(image, 0, shape.pick({1u, 2u, 0u, 0xFFFEu, 0xFFFFu, shape.below(65536)}));
+    Put16(image, 2, length);
+    std::uint32_t sum = std::accumulate(image.begin(), image.begin() + std::min(length, used), 0u);
+    if (length > image.size()) sum += (length - used) * 0xFF;
+    Put16(image, 4, shape.one_in(8) ? shape.below(65536) : 0x10000 - (sum & 0xFFFF));
+    return image;
+}
+
+} // namespace
+
+EepromContents MakeEeprom(Shape &shape) {
+    EepromContents chip;
+    if (const std::optional<Bytes> whole = shape.whole_in(16)) {
+        std::copy_n(whole->begin(), std::min(whole->size(), chip.bytes.size()), chip.bytes.begin());
+        return chip;
+    }
+    for (const int sector : {0, 1})
+        if (!shape.one_in(4)) PlaceStoreImage(chip.bytes, sector, MakeSector(shape));
+    return chip;
+}
+
 ModuleBoard::ModuleBoard(Chips chips)
     : chips_(std::move(chips)), started_(Processor::host, chips_, volume(), {}, [](Board &board) {
           board.eeprom.write_time = 50 * kMicrosecond; // every poll is simulated
@@ -112,6 +161,8 @@ std::filesystem::path ScratchFile(const char *name, std::span<const std::uint8_t
 void RunOnFiles(AddCommand *add, const std::vector<std::string> &arguments) {
     const CommandResult result = RunCommand(add, arguments);
     Require(result.exit_status >= 0 && result.exit_status <= 2, "exit status");
+    const bool json = std::find(arguments.begin(), arguments.end(), "--json") != arguments.end();
+    Require(!json || result.exit_status == 2 || nlohmann::json::accept(result.output), "no JSON: " + result.output);
     // A user with many files has to see which one is meant.
     Require(result.error.empty() || result.error.find(ModuleBoard::volume().string()) != std::string::npos,
             "a message that names no file: " + result.error);

@@ -49,6 +49,10 @@ void Put32(Bytes &bytes, std::size_t at, std::uint32_t value); // little-endian
 // A stored image, right or wrong in some part, with a short body.
 Bytes MakeImage(Shape &shape);
 
+// A parameter EEPROM, right or wrong in some part of its sectors, with some of these parameters and others.
+inline constexpr unsigned kSomeIdentifiers[] = {9, 10, 11, 12, 0, 77, 0x123, 0xFFE};
+EepromContents MakeEeprom(Shape &shape);
+
 // A board whose modules have just started, natively: with fresh data and an empty heap.
 class ModuleBoard {
 public:
