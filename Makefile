@@ -70,7 +70,8 @@ fuzz: firmware
 	@cmake --build build/fuzz --target fixture-fuzz
 	@fuzz/run.sh $(FUZZ_ARGS)
 
-mutants: firmware asan
+mutants: firmware
+	@./setup.sh --test
 	@cmake --preset mutants >build/mutants.log || { cat build/mutants.log; exit 1; }
 	@cmake --build build/mutants --target fixture-tests
 	@mutants/mutants.py --report docs/mutants.md $(MUTANTS_ARGS)

@@ -15,7 +15,7 @@ namespace {
 constexpr std::uint32_t kData = 0x40000000, kAddress = 0x40200000, kCommand = 0x40400000;
 constexpr std::uint32_t kEnableLow = 0xFFFFF834, kEnableHigh = 0xFFFFF830; // PIOD.CODR, PIOD.SODR
 constexpr std::uint32_t kReadyPins = 0xFFFFF23C;                           // PIOA.PDSR
-constexpr std::uint32_t kReady = 1u << 22;
+constexpr std::uint32_t kReady = 1u << 22, kEnable = 1u << 15;
 
 } // namespace
 
@@ -46,8 +46,12 @@ std::string NandLog::word_for(const BusAccess &access) const {
     case kCommand: return fmt::format("c{:02X}", access.value);
     case kAddress: return fmt::format("a{:02X}", access.value);
     case kReadyPins: return access.value & kReady ? "R" : "";
-    case kEnableLow: return "[";
-    case kEnableHigh: return "]";
+    case kEnableLow:
+        if (access.value == kEnable) return "[";
+        break;
+    case kEnableHigh:
+        if (access.value == kEnable) return "]";
+        break;
     default: break;
     }
     const std::string name = bus_.name_of(access.address);

@@ -103,9 +103,11 @@ def builds_of(root):
     own = ("native-common", "native-modules-fixed-own")
     native = (["native-modules-fixed.o", "fixture-tests"],) * 2
     archives = ["libfixed-bootloader-modules.a", "libfixed-bootloader-1.9.1-modules.a"]
-    return {
+    builds = {
         "native": Build(root, "mutants", own, *native),
         "arm": Build(root, "arm", ("common-modules", "platform", "fixed-bootloader-own", "fixed-bootloader-1.9.1-own"),
                      archives + ["fixed/bootloader.elf", "fixed/bootloader-1.9.1.elf"], archives + ["fixed/"]),
-        "sanitized": Build(root, "asan", own, *native),
     }  # fmt: skip
+    if os.path.exists(os.path.join(root, "build/asan/fixture-tests")):
+        builds["sanitized"] = Build(root, "asan", own, *native)
+    return builds

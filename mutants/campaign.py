@@ -39,7 +39,7 @@ def build_of(root):
     here = os.path.dirname(os.path.abspath(__file__))
     files += [os.path.join(here, name) for name in sorted(os.listdir(here)) if name.endswith(".py")]
     contents = []
-    for name in files:
+    for name in filter(os.path.exists, files):  # fast tests do without some
         with open(name, "rb") as file:
             contents.append(file.read())
     return digest(sources_of(root), *contents)[:16]
@@ -110,8 +110,8 @@ def taken_over(file, sources, call):
     part = read_part(file)
     if part["sources"] != sources:
         raise Refusal(file, "a part of other sources, " + part["sources"], "one of these, " + sources)
-    # From a fast run to a whole one is what this is for.
-    if part["call"] | {"fast": False} != call | {"fast": False}:
+    # From a fast run to a whole one is what this is for, so their depths may differ.
+    if part["call"] | {"depth": ""} != call | {"depth": ""}:
         raise Refusal(file, "a part of another campaign: " + json.dumps(part["call"]), json.dumps(call))
     return {number: result for number, result in part["results"].items() if result.verdict != "survived"}
 

@@ -1,14 +1,14 @@
 #!/usr/bin/python3
 """A mutation score of the bootloader: see docs/mutants.md.
 
-    mutants/mutants.py [--sample N] [--seed S] [--jobs J] [--fast] [--report FILE] [--shard K/N --out PART]
-                       [--again PART]
+    mutants/mutants.py [--sample N] [--seed S] [--jobs J] [--depth D] [--report FILE]
+                       [--shard K/N --out PART] [--again PART...]
     mutants/mutants.py merge PART... [--report FILE]
     mutants/mutants.py list [TEXT...]         the mutants whose place begins with a text, or whose key contains it
-    mutants/mutants.py try TEXT... [--fast]   builds and tries these
+    mutants/mutants.py try TEXT...            builds and tries these
 
-Needs build/mutants, build/asan and build/arm up to date, as `make mutants` leaves them. Ends with 0 where every
-survivor is explained, 1 where one is not or a part does not fit, 2 where the call is wrong.
+Needs build/mutants and build/arm up to date, as `make mutants` leaves them; --depth sanitized needs build/asan as well.
+Ends with 0 where every survivor is explained, 1 where one is not or a part does not fit, 2 where the call is wrong.
 """
 
 import argparse
@@ -49,7 +49,7 @@ class Tree:
 
         def attempt(mutant):
             bench = benches.get()
-            result = bench.attempt(mutant, limits, arguments.fast)
+            result = bench.attempt(mutant, limits, arguments.depth)
             benches.put(bench)
             tell(mutant, result)
             return result
@@ -86,9 +86,11 @@ def parser_of(words):
         parser.add_argument("--seed", type=int, default=1, help="of the sample [1]")
         parser.add_argument("--shard", type=shard, default=(1, 1), metavar="K/N", help="try part K of N only")
         parser.add_argument("--out", metavar="FILE", help="file for the part's results, for merge")
-        parser.add_argument("--again", metavar="PART", help="try only what survived there: tests were added since")
+        parser.add_argument("--again", nargs="+", default=[], metavar="PART",
+                            help="try only what survived there: tests were added since")
     parser.add_argument("--jobs", type=int, default=os.cpu_count(), help="mutants at a time [processors]")
-    parser.add_argument("--fast", action="store_true", help="only the tests of seconds: survivors may yet be killed")
+    parser.add_argument("--depth", choices=("fast", "whole", "sanitized"), default="whole",
+                        help="fast: tests of seconds only; sanitized: the tables under sanitizers, too [whole]")
     parser.add_argument("--report", metavar="FILE", help="write the document to this file")
     return parser
 
@@ -110,12 +112,15 @@ def conclude(tree, call, results, file):
 
 
 def run(tree, arguments):
-    call = {"sample": arguments.sample, "seed": arguments.seed, "fast": arguments.fast}
+    call = {"sample": arguments.sample, "seed": arguments.seed, "depth": arguments.depth}
     part, of = arguments.shard
     chosen = campaign.sample(tree.mutants, call["sample"], call["seed"])
     numbers = campaign.units_of(part, of, len(chosen))
     builds = {"build": campaign.build_of(ROOT), "sources": campaign.sources_of(ROOT)}
-    results = campaign.taken_over(arguments.again, builds["sources"], call) if arguments.again else {}
+    results = {}
+    for file in arguments.again:
+        results |= campaign.taken_over(file, builds["sources"], call)
+    results = {number: result for number, result in results.items() if number in numbers}
     left = [number for number in numbers if number not in results]
     results |= dict(zip(left, tree.attempts([chosen[number] for number in left], arguments)))
     if arguments.out:
@@ -129,8 +134,8 @@ def main(words):
     if command == "run" and arguments.shard[1] > 1 and not arguments.out:
         print("--shard: a part of a run is for merge; expected --out FILE", file=sys.stderr)
         return 2
-    if arguments.fast and arguments.report:
-        print("--report: what survives the fast tests may yet be killed; expected no --fast", file=sys.stderr)
+    if arguments.depth == "fast" and arguments.report:
+        print("--report: what survives the fast tests may yet be killed; expected another --depth", file=sys.stderr)
         return 2
     tree = Tree()
     try:

@@ -130,10 +130,8 @@ def document(mutants, call, tried, explained):
         "",
         *killers(tried),
         "",
-        "Stages run in this order and end at the first test that fails: the table of the module itself;",
-        "all tables, natively; all tables on the ARM image; the native tables under sanitizers; the rest",
-        "of `make test` but for what never meets a mutant. A test that takes three times as long as",
-        "without the mutant has killed it: `(time)`.",
+        *STAGES,
+        *([] if call["depth"] == "sanitized" else ["The tables were not run under sanitizers (`--depth sanitized`)."]),
         "",
         "## Survivors",
         "",
@@ -142,8 +140,15 @@ def document(mutants, call, tried, explained):
         *survivors(tried, explained),
         "",
     ]
-    return "\n".join(lines) + HOW
+    return "\n".join(lines) + "\n" + HOW
 
+
+STAGES = (
+    "Stages run in this order, until a test fails: the table of the module itself; the other tables that",
+    "are short; the module's table on the ARM image; all tables on the ARM image; sweeps, closures,",
+    "predictions, fuzz corpora, figures of speed and the long tables, with the mutant in both builds. A",
+    "stage that takes three times as long as without the mutant has killed it: `(time)`.",
+)
 
 HOW = """## Run it
 
@@ -151,6 +156,7 @@ HOW = """## Run it
 make mutants                                 # a sample of 300
 make mutants MUTANTS_ARGS="--sample 1000 --seed 2"
 make mutants MUTANTS_ARGS="--sample 0"       # all
+make asan mutants MUTANTS_ARGS="--depth sanitized"
 ```
 
 ```sh not run: needs the builds of `make mutants`
@@ -164,7 +170,10 @@ Every Nth mutant is one part's. A part that is missing, there twice, of another 
 call is refused by name ([campaigns.md](campaigns.md)).
 
 A survivor is killed by a row in a table of the tests, or explained in `mutants/explained.txt`. The
-run ends with 1 where one is neither, or where an explanation is of no survivor any more.
+run ends with 1 where one is neither, or where an explanation is of no survivor any more. After rows
+were added, `--again PART...` tries only what survived in those parts: a test that is there can only
+kill more. So the rest, which takes a minute a mutant, need not be run on what one table kills:
+`--depth fast --out fast.part` first, then `--again fast.part`.
 
 What is mutated: `src/`, `bsp/`, `platform/at91sam9263/` and `platform/common/`, with their headers.
 Not the picture's array, which a command writes, and not `platform/include/`, which the bench is

@@ -56,6 +56,7 @@ TEST_P(PanelInBoots, ShowsEveryStep) {
         if (GetParam() == Processor::host && !c.setup.damaged) std::erase(expected, 70);
         std::vector<int> seen;
         const auto look = [&](Machine &machine) {
+            EXPECT_THAT(machine.board().panel.registers(), testing::ElementsAre(testing::Pair(0x1E, 0xDF)));
             machine.frames()->look();
             for (const FrameRecorder::Frame &frame : machine.frames()->frames())
                 seen.push_back(frame.lit ? BarOf(frame.picture) : kDark);

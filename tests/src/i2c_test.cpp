@@ -102,15 +102,24 @@ protected:
         for (int stop = 0; stop < 2; ++stop) started.call("I2C_Stop");
         monitor.take();
     }
-    // The register accesses of a call: "CODR=20 PER=20 PDSR ".
+    // The register accesses of a call, natively with the units waited for before them: "CODR=20 d1 PER=20 PDSR ".
     template <typename... Arguments> std::string accesses(const char *routine, Arguments... arguments) {
+        constexpr Picoseconds kUnit = 300 * kNanosecond;
         std::string text;
+        Picoseconds last = started.board().clock.now();
+        const auto wait = [&] {
+            const Picoseconds units = (started.board().clock.now() - last) / kUnit;
+            if (units > 0 && GetParam() == Processor::host) text += fmt::format("d{} ", units);
+            last = started.board().clock.now();
+        };
         started.board().bus.observer = [&](const BusAccess &access) {
+            wait();
             const std::string name = started.board().bus.name_of(access.address);
             if (!name.starts_with("PIOB.")) return;
             text += name.substr(5) + (access.is_write ? fmt::format("={:X} ", access.value) : " ");
         };
         started.call(routine, arguments...);
+        wait();
         started.board().bus.observer = nullptr;
         return text;
     }
@@ -177,6 +186,19 @@ TEST_P(TwoWireBus, RegisterSequences) {
 
     started.board().two_wire_trouble.inject({Line::scl});
     EXPECT_EQ(accesses("I2C_Start"), "ODR=20 PER=20 PDSR ") << "a busy bus: SDA is left alone";
+}
+
+TEST_P(TwoWireBus, WaitsBetweenEdges) {
+    if (GetParam() == Processor::arm) return; // there the accesses take a share of each wait
+    const std::string scl1 = "ODR=20 PER=20 ", scl0 = "CODR=20 PER=20 OER=20 CODR=20 ";
+    const std::string sda1 = "ODR=10 PER=10 ", sda0 = "CODR=10 PER=10 OER=10 CODR=10 ";
+    const std::string up = scl1 + "PDSR ", end = "d1 " + scl0 + "d1 ";
+    const auto bit = [&](const std::string &data) { return "d1 " + scl0 + "d1 " + data + "d1 " + scl1 + "d1 " + up; };
+    EXPECT_EQ(accesses("I2C_Start"), up + "d1 " + sda1 + "d1 " + scl1 + "d1 " + sda0 + "d20 " + scl0);
+    EXPECT_EQ(accesses("I2C_WriteBit", 1), bit(sda1) + end);
+    EXPECT_EQ(accesses("I2C_WriteBit", 0), bit(sda0) + end);
+    EXPECT_EQ(accesses("I2C_ReadBit", started.scratch(4)), bit(sda1) + "d1 " + sda1 + "PDSR " + scl0 + "d1 ");
+    EXPECT_EQ(accesses("I2C_Stop"), "d1 " + scl0 + "d1 " + sda0 + "d1 " + scl1 + up + "d20 " + sda1 + sda1 + "PDSR ");
 }
 
 TEST_P(TwoWireBus, DelayTakesTime) {

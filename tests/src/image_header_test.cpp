@@ -84,6 +84,8 @@ TEST_P(Images, HaveSumsOverTheBodyAlone) {
     const auto reference = [&](const char *name) { return static_cast<const char *>(started_.object(name)); };
     EXPECT_EQ(ram_checksums({reference("TestApplicationData"), 48}), 0);
     EXPECT_EQ(ram_checksums({reference("TestBootData"), 41}), 0);
+    EXPECT_STREQ(reference("TestApplicationData"), "Orvalis Luminations");
+    EXPECT_STREQ(reference("TestBootData"), "Orvalis Luminations");
 }
 
 TEST_P(Images, AreTakenUpToTheLargestSizeAlone) {

@@ -197,6 +197,8 @@ TEST_F(Xml, GoesOnWithoutMemory) {
     EXPECT_EQ(parse(text), 1); // the file fits, the copy of its content does not
     EXPECT_EQ(show(root), "a=(null) b=1");
     EXPECT_EQ(root.child->value_length, 0);
+    ReleaseModuleHeap();
+    EXPECT_EQ(parse(std::string(kHeapSize - 4, ' ') + "<b/>"), 0) << "no room for an element";
 }
 
 } // namespace
