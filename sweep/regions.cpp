@@ -33,8 +33,8 @@ char SlotLetter(const FlashReader &read, const Slot &slot, const Bytes &old_imag
 char RecordLetter(const FlashReader &read, const Slot &record, const World &world) {
     const Bytes text = read(record.address, record.capacity);
     if (AllAre(text, 0xFF)) return 'e';
-    if (HoldsText(text, world.before.record)) return 'o';
-    return HoldsText(text, world.after.record) ? 'n' : 'x';
+    if (SaysTheSame(text, world.before.record)) return 'o';
+    return SaysTheSame(text, world.after.record) ? 'n' : 'x';
 }
 
 char MarkDigit(const Chips &chips, const World &world, std::uint32_t begin, std::uint32_t end) {

@@ -14,6 +14,8 @@ using enum SlotState;
 
 // Bytes: an image that reaches into a third block, so that a fault can lie in its first, a middle or its last one.
 constexpr std::uint32_t kThreeBlocks = 300'000;
+// As many pages of a DataFlash as the bootloader has. On NAND an image of the usual size reaches into a second block.
+constexpr std::uint32_t kFortyPages = 42'000;
 constexpr std::size_t kSample = 12; // cuts of a variant that is long, or one of many
 // First blocks of the second bootloader slot and of the rescue slot on NAND.
 constexpr std::uint32_t kSlot1Block = 17;
@@ -47,7 +49,8 @@ std::vector<Variant> Updates(Medium medium) {
 }
 
 std::vector<Variant> RescueUpdates(Medium medium) {
-    const Situation setup{.medium = medium, .new_bootloader = false, .new_rescue = true};
+    Situation setup{.medium = medium, .new_bootloader = false, .new_rescue = true};
+    if (medium == Medium::dataflash) setup.rescue_bytes = kFortyPages;
     std::vector<Variant> variants = {{"good", setup}, {"broken", setup}, {"none", setup}};
     variants[1].setup.rescue = RescueState::broken;
     variants[2].setup.rescue = RescueState::none;
@@ -58,7 +61,8 @@ std::vector<Variant> RescueUpdates(Medium medium) {
 }
 
 std::vector<Variant> BothUpdates(Medium medium) {
-    const Situation setup{.medium = medium, .slots = {running, retired}, .new_rescue = true};
+    Situation setup{.medium = medium, .slots = {running, retired}, .new_rescue = true};
+    if (medium == Medium::dataflash) setup.rescue_bytes = kFortyPages;
     std::vector<Variant> variants = {{"running-retired", setup}, {"retired-running", setup}};
     variants[1].setup.slots = {retired, running};
     return variants;

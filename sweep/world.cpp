@@ -214,10 +214,9 @@ private:
 
     void set_expected(World &world) const {
         const bool has_record = setup_.rescue != RescueState::none;
-        const Bytes text = has_record ? record("1.0") : Bytes(16, 0xFF);
         world.before = {running_,
                         setup_.rescue == RescueState::good ? rescue_ : Bytes{},
-                        {text.begin(), text.end()},
+                        has_record ? record("1.0") : Bytes(16, 0xFF),
                         application_,
                         kNetwork,
                         Parameters(kNetwork, {})};
@@ -230,9 +229,8 @@ private:
         if (setup_.fate != Fate::stored && setup_.fate != Fate::may_fail) return;
         if (setup_.new_bootloader) world.after.bootloader = update_;
         if (!setup_.new_rescue) return;
-        const Bytes new_text = record("1.1");
         world.after.rescue = new_rescue_;
-        world.after.record.assign(new_text.begin(), new_text.end());
+        world.after.record = record("1.1");
     }
 
     const Situation &setup_;
@@ -244,6 +242,11 @@ private:
 };
 
 } // namespace
+
+bool SaysTheSame(const Bytes &record, const Bytes &other) {
+    const auto text = [](const Bytes &bytes) { return Bytes(bytes.begin(), std::ranges::find(bytes, 0)); };
+    return text(record) == text(other);
+}
 
 SweepFirmware::SweepFirmware(const fs::path &directory) : known(directory) {
     for (const int build : {0, 1}) {

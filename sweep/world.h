@@ -89,11 +89,14 @@ struct ByteRange {
 struct Expected {
     Bytes bootloader;                        // the image that the first stage starts
     Bytes rescue;                            // empty: none that is good
-    std::string record;                      // the 16 bytes of the version record
+    Bytes record;                            // the 16 bytes of the version record
     Bytes application;                       // what is launched
     std::array<std::uint32_t, 4> network{};  // parameters 9 to 12
     std::vector<StoredParameter> parameters; // all that are stored
 };
+
+// Whether two version records have one text: the bootloader looks no further than its end.
+bool SaysTheSame(const Bytes &record, const Bytes &other);
 
 struct World {
     bool hostile = false; // nothing is expected of it but that every boot ends
