@@ -7,6 +7,8 @@
 #   make size       the image's bytes by module and function, recorded in docs/size.txt
 #   make fuzz       run the fuzz targets on from their corpora, TIME=60 seconds each; FUZZ_ARGS: other fuzzer options
 #   make mutants    make 300 mistakes, one at a time, and write docs/mutants.md; MUTANTS_ARGS="--sample 0" makes all
+#   make fuzz-coverage   which lines the committed corpora reach, recorded in docs/coverage.md
+#   make mcdc       which branches and conditions of the update path the tests decide, recorded there too
 #   make campaign   count the tables of docs/reliability.md in PARTS=8 parts, ENGINE=local or slurm
 #   make cluster-test   a campaign on a Slurm of this one machine; needs root
 #   make install    install below PREFIX=/usr/local, into DESTDIR=; cmake/install.cmake says what goes where
@@ -18,7 +20,8 @@
 #   make clean
 
 .PHONY: help install deb package-test reproducible \
-	campaign cluster-test mutants boot test firmware fixture asan bench bench-record size fuzz lint setup clean
+	campaign cluster-test mutants boot test firmware fixture asan bench bench-record size fuzz fuzz-coverage mcdc \
+	cover lint setup clean
 
 TIME = 60
 ENGINE = local
@@ -75,6 +78,17 @@ mutants: firmware
 	@cmake --preset mutants >build/mutants.log || { cat build/mutants.log; exit 1; }
 	@cmake --build build/mutants --target fixture-tests
 	@mutants/mutants.py --report docs/mutants.md $(MUTANTS_ARGS)
+
+fuzz-coverage: cover
+	@cmake/cover.py lines
+
+mcdc: cover
+	@cmake/cover.py conditions
+
+cover: firmware
+	@./setup.sh --cover
+	@cmake --preset cover >build/cover.log || { cat build/cover.log; exit 1; }
+	@cmake --build build/cover --target fixture-cover
 
 campaign: firmware fixture
 	@MERGE="--report docs/reliability.md" cluster/campaign.sh $(ENGINE) $(PARTS) build/campaign \

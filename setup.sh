@@ -10,13 +10,14 @@ libunicorn-dev libelf-dev libdw-dev libcli11-dev libfmt-dev nlohmann-json3-dev
 libpng-dev libgif-dev libchafa-dev libglib2.0-dev
 libgtest-dev libgmock-dev sigrok-cli spin z3 python3-jsonschema
 "
-# Only what CI, `make test`, `make lint`, `make fuzz`, `make deb` and `make cluster-test` use beyond that.
+# Only what CI, `make test`, `make lint`, `make fuzz`, `make mcdc`, `make deb` and `make cluster-test` use beyond that.
 case "${1:-}" in
 --lint) packages="$packages clang-format clang-tidy python3" ;;
 --test) packages="$packages gdb gdb-multiarch chromium chromium-driver libcpp-httplib-dev python3-clang" ;;
 --package) packages="$packages dpkg-dev file zsh fish groff-base" ;;
 --cluster) packages="$packages slurm-wlm munge" ;;
 --fuzz) packages="$packages clang libclang-rt-14-dev" ;;
+--cover) packages="$packages clang-19 llvm-19 libclang-rt-19-dev" ;;
 esac
 
 missing=

@@ -12,6 +12,7 @@
 #
 #   fuzz/run.sh --seeds 8 --shard 3/4 --out 3.part -runs=20000
 #   fuzz/run.sh merge 1.part 2.part 3.part 4.part
+#   PROGRAM=fuzz/run.sh cluster/campaign.sh slurm 100 build/fuzz/parts --seeds 50 -runs=100000      all of it
 set -u
 cd "$(dirname "$0")/.."
 # Files in memory; short stacks and a short memory of what was freed take half the time. A replay has all of them.
@@ -101,15 +102,20 @@ merge() {
 
 shard= out= seeds=1
 [ "${1:-}" = merge ] && { shift; [ $# -gt 0 ] || refuse "merge: no parts"; merge "$@"; exit; }
-while [ $# -gt 1 ]; do
+options=
+while [ $# -gt 0 ]; do
     case "$1" in
-    --shard) shard=$2 ;;
-    --out) out=$2 ;;
-    --seeds) seeds=$2 ;;
-    *) break ;;
+    --shard | --out | --seeds)
+        [ $# -gt 1 ] || { echo "$1: no value" >&2; exit 2; }
+        case "$1" in --shard) shard=$2 ;; --out) out=$2 ;; *) seeds=$2 ;; esac
+        shift
+        ;;
+    *) options="$options $1" ;;
     esac
-    shift 2
+    shift
 done
+# shellcheck disable=SC2086
+set -- $options
 [ -z "$shard" ] || { part "$@"; exit; }
 for corpus in fuzz/corpus/*; do
     run "$(basename "$corpus")" "$(basename "$corpus")" "build/fuzz/corpus/$(basename "$corpus")" "$@"

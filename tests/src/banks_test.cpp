@@ -127,6 +127,8 @@ const struct {
     {"255 separators and a line end do not",
      kSameVersion,
      {.manifest = Listing(std::string(255, '.') + "\n", kDemoRecord)}},
+    {"a file that is none of the bootloader's", kSameVersion, {.manifest = Listing("bin/none.txt", kDemoRecord)}},
+    {"path of line ends", kSameVersion, {.manifest = Listing(std::string(256, '\n'), kDemoRecord)}},
     {"blank path", kSameVersion, {.manifest = Listing("", kDemoRecord)}},
     {"line end in the last byte", kSameVersion, {.manifest = Listing("bin/demo.bin" + std::string(243, ' ') + "\n")}},
     {"line end before the padding",

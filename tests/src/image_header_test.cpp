@@ -89,7 +89,7 @@ TEST_P(Images, HaveSumsOverTheBodyAlone) {
 }
 
 TEST_P(Images, AreTakenUpToTheLargestSizeAlone) {
-    for (const std::uint32_t size : {0u, 31u, 32u, 0x1000001u, 0xFFFFFFE0u, 0xFFFFFFFFu}) {
+    for (const std::uint32_t size : {0u, 31u, 32u, 0xFFFFE1u, 0x1000001u, 0xFFFFFFE0u, 0xFFFFFFFFu}) {
         const int result = size == 32 ? 0 : -1;
         const std::string image = StoredImage("", size);
         EXPECT_EQ(ram_checksums(image), result) << size;
@@ -154,8 +154,38 @@ TEST_P(Images, InSlotsAreCheckedByHeaderAndWhole) {
         }
     EXPECT_EQ(call("Validate_NandFlashHeader", 0xA0000), -1);
     EXPECT_EQ(started_.console(), "\tInvalid header at address 0x000a0000\n");
+    const std::string unread = "\tAT91SAM926X_ReadDataflash : Failed with Error=1\n";
     EXPECT_EQ(call("Validate_SDFlashHeader", 0x0FFFFFF0), -1);
-    EXPECT_EQ(started_.console(), "\tAT91SAM926X_ReadDataflash : Failed with Error=1\n\tSDFlash read header failed\n");
+    EXPECT_EQ(started_.console(), unread + "\tSDFlash read header failed\n");
+    // The check reads on after an image: one that ends with the chip has a header and cannot be checked.
+    const auto last = static_cast<std::uint32_t>(chips_.dataflash.bytes() - good.size());
+    put(last, good);
+    for (const auto &[routine, at] :
+         {std::pair{"Validate_SDFlashImage", 0x0FFFFFF0u}, std::pair{"Validate_SDFlashInvalidateImage", 0x0FFFFFF0u},
+          std::pair{"Validate_SDFlashImage", last}}) {
+        EXPECT_EQ(call(routine, at), -1) << routine;
+        EXPECT_EQ(started_.console(), unread) << routine;
+    }
+    put(kRescueSlot, good);
+    const auto size = static_cast<std::uint32_t>(good.size());
+    const std::uint32_t dataflash = started_.call("Medium_Of", 0);
+    EXPECT_EQ(static_cast<int>(started_.call("Validate_ImageWithin", dataflash, kRescueSlot, size)), 0);
+    EXPECT_EQ(static_cast<int>(started_.call("Validate_ImageWithin", dataflash, kRescueSlot, size - 1)), -1);
+}
+
+TEST_P(Images, AreCopiedToTheirSlots) {
+    const std::string good = StoredImage("body");
+    const auto size = static_cast<std::uint32_t>(good.size());
+    for (const Medium medium : {Medium::nand, Medium::dataflash}) {
+        const SlotTable &slots = SlotsOf(medium);
+        const std::string to = medium == Medium::nand ? "_CopyImageToNandFlash" : "_CopyImageToSDFlash";
+        const std::uint32_t image = started_.scratch_text(good + std::string(2048, 'x'));
+        for (const auto &[routine, slot] :
+             {std::pair{"Boot" + to, slots.bootloader[1]}, {"Rescue" + to, slots.rescue}}) {
+            EXPECT_EQ(call(routine.c_str(), image, size), 0) << routine;
+            EXPECT_EQ(kept(slot.address, good.size(), medium), good) << routine;
+        }
+    }
 }
 
 TEST_P(Images, FilesAreSummedInEveryLength) {
@@ -182,6 +212,46 @@ TEST_P(Images, FilesAreSummedInEveryLength) {
         EXPECT_EQ(call(load, missing, kLoadBuffer), -1);
         EXPECT_EQ(started_.console(),
                   "FileSize failed with errno=2\tFatal Error : unable to load bootloader into ram\n");
+    }
+    for (const std::string image : {"Boot", "Rescue"}) {
+        call((image + "_SetPathFilename").c_str(), missing);
+        EXPECT_EQ(call((image + "_Store").c_str(), image == "Boot" ? 0 : missing), -1);
+        EXPECT_EQ(started_.console(),
+                  "FileSize failed with errno=2\tFatal Error : unable to load bootloader into ram\n");
+    }
+}
+
+TEST_P(Images, FilesAreTakenUpToTheLoadBufferAndWhole) {
+    const std::uint32_t file = started_.scratch_text("i:/vol0/f");
+    // The second one is negative to its reader; semihosting has no such file.
+    for (const std::uint32_t size : {0x1000001u, 0x80000000u}) {
+        if (size == 0x80000000 && GetParam() == Processor::arm) continue;
+        std::filesystem::resize_file(volume_.write("f", ""), size);
+        EXPECT_EQ(static_cast<int>(started_.call("Validate_File", file, 0, size)), -1);
+        EXPECT_EQ(call("Boot_LoadImageIntoMemory", file, kLoadBuffer), -1);
+        EXPECT_EQ(started_.console(), "");
+    }
+    // It shrinks after its size was asked for.
+    const std::filesystem::path shrinking = volume_.write("f", std::string(5000, '\0'));
+    started_.machine().observer = [&](EventKind, const std::string &, const std::string &what) {
+        if (what.starts_with("close")) std::filesystem::resize_file(shrinking, 100);
+    };
+    EXPECT_EQ(static_cast<int>(started_.call("Validate_File", file, 0, 5000)), -1);
+    started_.machine().observer = nullptr;
+}
+
+TEST_P(Images, BanksNeedTheirTexts) {
+    const struct {
+        const char *routine;
+        std::string bank, printed;
+    } rows[] = {
+        {"Validate_BankContent", "i:/vol0/none/", ""},
+        {"Validate_BankContent", std::string(256 - 15, 'x'), ""}, // with the manifest's name too long by one
+        {"Validate_Bank", std::string(256 - 25, 'x'), "error processing project descriptor file\n"},
+    };
+    for (const auto &[routine, bank, printed] : rows) {
+        EXPECT_EQ(call(routine, started_.scratch_text(bank)), -1) << bank;
+        EXPECT_EQ(started_.console(), printed);
     }
 }
 

@@ -101,6 +101,7 @@ const Transfer kTransfers[] = {
     {"first piece fails", kRead, 0x0F0, 32, 0, 32, "S A0- Sr A0+ 00+ Sr A1+ *16 P", {{At::address}}},
     {"last piece fails", kRead, 0x0F0, 32, 5, 32, nullptr, {{At::address, 2}}},
     {"no byte comes", kRead, 0x0F0, 32, 2, 0, nullptr, {}, {{LineFault::Line::scl, 29, 150}}},
+    {"no byte comes, nor the stop", kRead, 0x0F0, 32, 4, 0, nullptr, {}, {{LineFault::Line::scl, 29}}},
     {"broken off, goes on after", kRead, 0x000, 4, 0, 4, nullptr, {}, {{LineFault::Line::scl, 40, 150}}},
 };
 
@@ -208,6 +209,15 @@ TEST_P(ParameterStore, RefusesUnsoundImages) {
     EXPECT_EQ(load(image, 11), 0u);
     EXPECT_EQ(lookup(9), std::nullopt);
     EXPECT_EQ(update(9, {1}), 1u);
+    // It ends after its first record, without an end marker.
+    EXPECT_EQ(load(image, 12), 0u);
+    EXPECT_EQ(lookup(9), (Data{1, 2, 3, 4}));
+    EXPECT_EQ(lookup(11), std::nullopt);
+    EXPECT_EQ(update(9, {1}), 1u);
+    // A parameter that is there many times has to be changed in every place, and there is no room for that.
+    const Data many = MakeStoreImage(3, std::vector<StoredParameter>(100, {9, {}}));
+    EXPECT_EQ(load(many, static_cast<unsigned>(many.size())), 0u);
+    EXPECT_EQ(update(9, Data(15, 1)), 8u);
 }
 
 TEST_P(ParameterStore, UpdatesInMemory) {
@@ -279,6 +289,7 @@ struct Request {
     unsigned count;
     std::int32_t status;
     Data answer = {};
+    std::optional<SlaveFault> fault = {};
 };
 const Request kRequests[] = {
     {"generic read at a sub-address", 1, 0xD0, 0, 1, {}, 2, 0, {0, 1}}, // the header: word 1
@@ -295,6 +306,14 @@ const Request kRequests[] = {
     {"query drops what is not committed", 7, 0, 0, 0, {}, 0, 0},
     {"dropped", 3, 13, 0, 0, {}, 0, 1},
     {"commit", 8, 0, 0, 0, {}, 0, 0},
+    {"query without an answer", 7, 0, 0, 0, {}, 0, 5, {}, SlaveFault{At::address}},
+    {"nothing has changed", 3, 9, 0, 0, {}, 0, 0, {10, 0, 0, 2}},
+    {"query that finds a header and no more", 7, 0, 0, 0, {}, 0, 1, {}, SlaveFault{At::address, 4}},
+    {"nothing is left", 3, 9, 0, 0, {}, 0, 1},
+    {"commit of nothing", 8, 0, 0, 0, {}, 0, 1},
+    {"query again", 7, 0, 0, 0, {}, 0, 0},
+    {"commit that the chip refuses", 8, 0, 0, 0, {}, 0, 7, {}, SlaveFault{At::data}},
+    {"still there", 3, 9, 0, 0, {}, 0, 0, {10, 0, 0, 2}},
     {"no such request", 9, 0, 0, 0, {}, 0, 1},
 };
 
@@ -320,6 +339,7 @@ TEST_P(ParameterStore, DeviceRequests) {
         started->at(record)[24] = static_cast<std::uint8_t>(request.count);
         std::memcpy(started->at(record) + data_at, &buffer, sizeof buffer);
         put(request.data);
+        if (request.fault) started->board().eeprom.inject(*request.fault);
         started->call("dev_at91sam926x_twi_request", record);
         EXPECT_EQ(word(16), request.status);
         EXPECT_EQ(word(20), 1) << "notified once";
