@@ -623,6 +623,12 @@ void Predictor::loop_found(std::size_t first) {
 // --- what may come later
 
 void Predictor::look_ahead() {
+    if (board_.unstrapped_nand)
+        warn("nand-without-strap", "NAND",
+             "holds a bootloader, and no strap is fitted: the file system takes the whole chip, and may format it, "
+             "slots "
+             "included",
+             "fit the strap before the board is started at all");
     for (const Problem &warning : ExamineFlash(board_.flash).warnings)
         warn(warning.id, warning.where.empty() ? Chip(nand_) : warning.where,
              Problem{"", "", warning.found, warning.expected}.text(), "flash info tells more");

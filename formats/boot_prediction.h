@@ -32,8 +32,9 @@ struct BoardState {
     bool pins_14_18 = false;
     Medium medium() const { return pins_12_13 || pins_14_18 ? Medium::nand : Medium::dataflash; }
 
-    RawFlash flash;           // the chip that the straps select; it is left as the board would leave it
-    bool chip_answers = true; // false: none is fitted, or one that the bootloader's driver does not know
+    RawFlash flash;               // the chip that the straps select; it is left as the board would leave it
+    bool unstrapped_nand = false; // no strap selects the NAND that is fitted, and it holds a bootloader
+    bool chip_answers = true;     // false: none is fitted, or one that the bootloader's driver does not know
     std::optional<EepromBytes> eeprom;
     std::filesystem::path volume; // directory of the file system; empty: no files
     // The version of the build that an image's body is; empty: no known build.

@@ -156,9 +156,20 @@ void WarnOfManyBadBlocks(const RawFlash &flash, Warnings &warnings) {
                     flash.bad_blocks.size(), kMostFromFactory));
 }
 
+// The bootloader's driver writes no spare byte but a mark; a layer below a file system keeps its books there. It is
+// given the whole chip where a NAND board starts without its strap.
+void WarnOfVolume(const RawFlash &flash, Warnings &warnings) {
+    if (flash.spare_in_use.empty()) return;
+    Add(warnings, "volume-over-slots", NameOf(flash.medium),
+        fmt::format("spare bytes are in use in {} of the blocks before the file system's part, from block {} on: as "
+                    "after a start without the strap, when the file system takes the whole chip, slots included",
+                    flash.spare_in_use.size(), flash.spare_in_use.front()));
+}
+
 Warnings WarningsOf(const RawFlash &flash, const FlashReport &report) {
     Warnings warnings;
     WarnOfManyBadBlocks(flash, warnings);
+    WarnOfVolume(flash, warnings);
     WarnOfRecordBlock(flash, warnings);
     WarnOfRecordPage(flash, warnings);
     for (const SlotReport &slot : report.slots) {
@@ -225,6 +236,18 @@ FlashReport ExamineFlash(const RawFlash &flash) {
     report.first_stage = ChooseBootloader(flash.read, table);
     report.warnings = WarningsOf(flash, report);
     return report;
+}
+
+Problems WarningsOfOneCopy(const FlashReport &report) {
+    Warnings warnings;
+    const auto good = [&](unsigned slot) {
+        const StoredImage &image = report.slots[slot].image;
+        return image.verdict() == ImageVerdict::good && !image.has_no_body();
+    };
+    if (good(0) != good(1))
+        Add(warnings, "one-good-copy", report.slots[good(1)].slot.name,
+            "the only good bootloader: nothing corrects a bit that flips in it, and then the board is lost");
+    return warnings;
 }
 
 Problems WarningsOfBootloader(const RawFlash &flash, std::uint32_t bytes) {

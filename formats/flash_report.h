@@ -30,6 +30,8 @@ struct RawFlash {
     // Writes from a byte address on, as the bootloader would: a NAND block is erased first and bad blocks are skipped;
     // on a DataFlash the rest of a page stays. `bytes` fits.
     std::function<void(std::uint32_t address, std::span<const std::uint8_t> bytes)> write;
+    // NAND: blocks of the slots with spare bytes that are neither erased nor a bad block's mark.
+    std::vector<std::uint32_t> spare_in_use = {};
 
     bool is_bad(std::uint32_t block) const;
 };
@@ -39,6 +41,9 @@ inline constexpr std::uint32_t kReadAfter = 32;
 
 // A version record that reads so is none: it is the beginning of an image, read after a bad block.
 inline constexpr std::string_view kNoRecord = "Orvalis Luminati";
+
+// Where the file system's part of the NAND begins: the raw slots lie in the blocks before it.
+inline constexpr std::uint32_t kFileSystemBlock = 128;
 
 // The NAND block that holds the version record and nothing else.
 inline constexpr std::uint32_t kRecordBlock = 1;
@@ -68,6 +73,9 @@ struct FlashReport {
     Problems warnings;
 };
 FlashReport ExamineFlash(const RawFlash &flash);
+
+// Of a board with one good bootloader, not two: that this copy is all it has.
+Problems WarningsOfOneCopy(const FlashReport &report);
 
 // What an image of `bytes` bytes, header and all, would meet on a chip when an update stores it: which slots it does
 // not fit, where bad blocks push it on, what it shares a page with. A rescue image's version, where it is known, tells

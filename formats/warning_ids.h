@@ -11,10 +11,10 @@ namespace fixture {
 // Listed so that a mistyped --allow is refused. Unchecked, it would allow nothing, and the user would look for the
 // mistake in the image.
 inline constexpr std::string_view kWarningIds[] = {
-    "beyond-the-chip", "fits-no-slot",     "foreign-maker",   "image-runs-on",    "launch-marker-overlap",
-    "many-bad-blocks", "no-body",          "only-one-slot",   "record-block-bad", "replaced-in-place",
-    "rescue-lost",     "rescue-rewritten", "resets-for-ever", "shared-page",      "slot-loses-room",
-    "store-warning",   "trailing-bytes",   "unknown-build",
+    "beyond-the-chip",   "fits-no-slot",  "foreign-maker",    "image-runs-on",   "launch-marker-overlap",
+    "many-bad-blocks",   "no-body",       "one-good-copy",    "only-one-slot",   "record-block-bad",
+    "replaced-in-place", "rescue-lost",   "rescue-rewritten", "resets-for-ever", "shared-page",
+    "slot-loses-room",   "store-warning", "trailing-bytes",   "unknown-build",   "volume-over-slots",
 };
 
 // One of them. What is not in the list does not compile, so no call can give a warning that --allow refuses.

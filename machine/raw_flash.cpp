@@ -13,6 +13,25 @@ std::vector<std::uint32_t> BadBlocksOf(const NandContents &contents) {
     return bad;
 }
 
+// The first spare byte of a page is the mark; on a 16-bit chip the second one too.
+bool UsesSpare(const NandContents &contents, std::uint32_t block) {
+    for (std::uint32_t row = block * kNandPagesPerBlock; row < (block + 1) * kNandPagesPerBlock; ++row) {
+        if (contents.erased(row)) continue;
+        const NandContents::Page &page = contents.page(row);
+        if (std::any_of(page.begin() + kNandPageBytes + 2, page.end(), [](std::uint8_t byte) { return byte != 0xFF; }))
+            return true;
+    }
+    return false;
+}
+
+// Block 0 is the first stage's: whoever writes it may use its spare bytes.
+std::vector<std::uint32_t> SpareInUse(const NandContents &contents) {
+    std::vector<std::uint32_t> blocks;
+    for (std::uint32_t block = 1; block < kFileSystemBlock; ++block)
+        if (!contents.marked_bad(block) && UsesSpare(contents, block)) blocks.push_back(block);
+    return blocks;
+}
+
 } // namespace
 
 FlashReader ReaderOf(const At45Contents &contents) {
@@ -65,6 +84,7 @@ RawFlash RawFlashOf(NandContents &contents) {
             bytes = bytes.subspan(part.size());
         }
     };
+    flash.spare_in_use = SpareInUse(contents);
     return flash;
 }
 

@@ -105,7 +105,7 @@ TimeSpent &TimeSpent::operator+=(const TimeSpent &other) {
 }
 
 Timeline::Timeline(Machine &machine) : machine_(machine) {
-    machine_.arm().watch_runs([this](std::uint32_t address) { entered(address); });
+    machine_.arm().watch_runs([this](const CodeRun &run) { entered(run.address); });
 }
 
 Timeline::~Timeline() { machine_.arm().watch_runs(nullptr); }

@@ -15,13 +15,13 @@ namespace fixture {
 using nlohmann::json;
 
 // A field that is missing here would be missing in the parts' files, and parts of different campaigns would merge.
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(CampaignCall, scenarios, closure, document, processor, losses, foretells, boards,
-                                   sample, seed, ways, most_states, near, exact)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(CampaignCall, scenarios, closure, document, processor, losses, loss, skips,
+                                   foretells, boards, sample, seed, ways, most_states, near, exact)
 
 namespace {
 
 // To be changed with the form of the file: an old part is then refused by name instead of being misread.
-constexpr const char *kPartFormat = "fixture sweep part 1";
+constexpr const char *kPartFormat = "fixture sweep part 2";
 
 // --- the document's tables
 
@@ -31,6 +31,8 @@ struct Table {
     unsigned losses;
     std::size_t sample;
     std::vector<std::string> scenarios; // none: all
+    const char *loss = "plain";
+    bool skips = false;
 };
 
 // All but images of megabytes, which take minutes a case.
@@ -65,6 +67,11 @@ const std::vector<std::string> kLong = {
     "nand-edge",         "dataflash-edge", "nand-rescue-edge", "dataflash-rescue-edge", "nand-refused",
     "dataflash-refused", "holes"};
 
+// Updates and commits of every kind, on sound chips.
+const std::vector<std::string> kSettled = {"nand-update", "dataflash-update", "nand-rescue", "dataflash-rescue",
+                                           "nand-both",   "dataflash-both",   "parameters"};
+const std::vector<std::string> kOneOfEach = {"nand-update/running-erased", "nand-update/erased-running"};
+
 // The order in which the document states them.
 const Table kTables[] = {
     {"One loss of power, on this machine's processor", true, false, 1, 0, {}},
@@ -91,6 +98,14 @@ const Table kTables[] = {
      2,
      0,
      {"nand-update/running-erased", "nand-update/erased-running", "parameters"}},
+    {"One loss that leaves cells between two levels", true, false, 1, 0, kSettled, "unstable"},
+    {"One loss that comes late: all reads right at first", true, false, 1, 0, kSettled, "late"},
+    {"One loss that spoils a whole EEPROM page", true, false, 1, 0, {"parameters"}, "spoiled"},
+    {"A brown-out: the chips stop before the processor", true, false, 1, 0, kSettled, "brownout"},
+    {"Two losses, the first of which leaves cells between two levels", true, false, 2, 0, kOneOfEach, "unstable"},
+    {"Two losses, the first of which comes late", true, false, 2, 0, kOneOfEach, "late"},
+    {"Bits that flip by themselves", true, false, 1, 0, {"nand-rot", "dataflash-rot", "parameters-rot"}},
+    {"One instruction left out, on the shipped ARM image", true, true, 1, 20'000, kOneOfEach, "plain", true},
 };
 
 // What a closure is for: boards on which nothing but the power is at fault, and those with blocks that are or go bad.
@@ -118,8 +133,14 @@ std::vector<Stage> DocumentOf(const CampaignCall &call, const SweepFirmware &fir
     };
     for (const Table &table : kTables) {
         const std::size_t sample = std::min(table.sample - 1, call.sample - 1) + 1; // 0, which is all, is the largest
-        stages.push_back({table.title, SweepPlan{ScenariosOf(table.scenarios, firmware), table.host, table.arm,
-                                                 table.losses, 1, sample, call.seed}});
+        stages.push_back({table.title, SweepPlan{.scenarios = ScenariosOf(table.scenarios, firmware),
+                                                 .on_host = table.host,
+                                                 .on_arm = table.arm,
+                                                 .losses = table.losses,
+                                                 .kinds = KindsOf(table.loss),
+                                                 .skips = table.skips,
+                                                 .sample = sample,
+                                                 .seed = call.seed}});
     }
     return stages;
 }
@@ -127,8 +148,8 @@ std::vector<Stage> DocumentOf(const CampaignCall &call, const SweepFirmware &fir
 std::vector<Stage> StagesOf(const CampaignCall &call, const SweepFirmware &firmware) {
     if (call.document) return DocumentOf(call, firmware);
     // "both" is neither.
-    const bool host = call.processor != "arm";
-    const bool arm = call.processor != "host";
+    const bool host = call.processor != "arm" || call.skips;
+    const bool arm = call.processor != "host" || call.skips;
     if (call.closure)
         return {{"", ClosurePlan{FindScenarios(call.scenarios.empty() ? kClosed : call.scenarios, firmware),
                                  host,
@@ -139,6 +160,8 @@ std::vector<Stage> StagesOf(const CampaignCall &call, const SweepFirmware &firmw
                    .on_host = host,
                    .on_arm = arm,
                    .losses = call.losses,
+                   .kinds = KindsOf(call.loss),
+                   .skips = call.skips,
                    .sample = call.sample,
                    .seed = call.seed,
                    .foretells = call.foretells};

@@ -25,6 +25,8 @@ struct CampaignCall {
     bool document = false; // all tables of the reliability document; the others then count for nothing
     std::string processor = "host";
     unsigned losses = 1;
+    std::string loss = "plain"; // what a loss leaves: KindsOf()
+    bool skips = false;
     bool foretells = false;
     unsigned boards = 0; // of the scenario hostile; 0: as many as it has
     std::size_t sample = 0;

@@ -19,7 +19,10 @@ namespace {
 
 // Two would do for an update (store and reset, then launch); two more let a board repair what a cut left half-way.
 constexpr unsigned kMostBoots = 4;
-constexpr char kMoments[] = {'b', 't', 'a'}; // by CutMoment
+constexpr char kMoments[] = {'b', 't', 'a', 'u', 'l', 's', 'o'}; // by CutMoment
+static_assert(std::size(kMoments) == static_cast<std::size_t>(CutMoment::brownout) + 1);
+
+bool HasWays(CutMoment moment) { return moment != CutMoment::before && moment != CutMoment::after; }
 
 std::string NameOf(const Cut &cut) {
     std::string name = fmt::format("{}{}", cut.operation, kMoments[static_cast<unsigned>(cut.moment)]);
@@ -47,7 +50,11 @@ bool TakeCut(std::string_view &text, Cut &cut) {
     text.remove_prefix(1);
     if (!Take(text, '.')) return true;
     // Way 1 is written without a suffix, so that every case has exactly one name.
-    return cut.moment == CutMoment::torn && TakeNumber(text, cut.way) && cut.way > 1;
+    return HasWays(cut.moment) && TakeNumber(text, cut.way) && cut.way > 1;
+}
+
+bool Disturbed(const Chips &chips) {
+    return chips.nand.disturbed() || chips.dataflash.disturbed() || !chips.eeprom.unstable.empty();
 }
 
 FlashReader ReaderFor(const World &world, const Chips &chips) {
@@ -59,10 +66,31 @@ Bytes GoodImage(const FlashReader &read, const Slot &slot) {
     return image.verdict() == ImageVerdict::good ? std::move(image.bytes) : Bytes{};
 }
 
+// The first bootloader that is good whichever way unstable cells read. One that reads well at times may not do so when
+// it is needed, and is no bootloader to count on.
+std::optional<unsigned> BootloaderOf(const World &world, const Chips &chips) {
+    if (!Disturbed(chips)) return ChooseBootloader(ReaderFor(world, chips), SlotsOf(world.medium));
+    Chips other = chips;
+    for (const auto &[row, unstable] : chips.nand.unstable()) {
+        NandContents::Page page{};
+        std::copy(unstable.also.begin(), unstable.also.end(), page.begin());
+        other.nand.set_page(row, page);
+    }
+    for (const auto &[page, unstable] : chips.dataflash.unstable()) other.dataflash.set_page(page, unstable.also);
+    const FlashReader read = ReaderFor(world, chips), read_other = ReaderFor(world, other);
+    const SlotTable &slots = SlotsOf(world.medium);
+    for (unsigned slot = 0; slot < slots.bootloader.size(); ++slot) {
+        const Bytes image = GoodImage(read, slots.bootloader[slot]);
+        if (!image.empty() && image == GoodImage(read_other, slots.bootloader[slot])) return slot;
+    }
+    return std::nullopt;
+}
+
 } // namespace
 
 std::string NameOf(const CaseId &id) {
     std::string name = id.scenario + "/" + id.variant;
+    if (id.skipped) name += fmt::format(":i{}", *id.skipped);
     for (std::size_t n = 0; n < id.cuts.size(); ++n) name += (n == 0 ? ":" : "+") + NameOf(id.cuts[n]);
     // Left out where it is 1: nearly all names are of the usual sweep.
     return id.seed == 1 ? name : fmt::format("{}~{}", name, id.seed);
@@ -75,10 +103,34 @@ std::optional<CaseId> ParseCase(std::string_view name) {
     const std::size_t end = std::min(name.find_first_of(":~", slash), name.size());
     CaseId id{std::string(name.substr(0, slash)), std::string(name.substr(slash + 1, end - slash - 1)), {}, 1};
     name.remove_prefix(end);
-    for (char before = ':'; Take(name, before); before = '+')
-        if (!TakeCut(name, id.cuts.emplace_back())) return std::nullopt;
+    if (name.starts_with(":i")) {
+        name.remove_prefix(2);
+        if (!TakeNumber(name, id.skipped.emplace())) return std::nullopt;
+    } else
+        for (char before = ':'; Take(name, before); before = '+')
+            if (!TakeCut(name, id.cuts.emplace_back())) return std::nullopt;
     if (Take(name, '~') && !TakeNumber(name, id.seed)) return std::nullopt;
     return name.empty() ? std::optional(id) : std::nullopt;
+}
+
+CutKinds KindsOf(std::string_view name) {
+    struct Row {
+        std::string_view name;
+        CutMoment moment;
+        unsigned ways;
+    };
+    // Ways: of reading, of decaying, of noise; a chip that has stopped answers as if it were not there, or as if idle.
+    static constexpr Row kRows[] = {{"unstable", CutMoment::unstable, 3},
+                                    {"late", CutMoment::late, 3},
+                                    {"spoiled", CutMoment::spoiled, 2},
+                                    {"brownout", CutMoment::brownout, 2}};
+    CutKinds kinds;
+    for (const Row &row : kRows)
+        for (unsigned way = 1; row.name == name && way <= row.ways; ++way) kinds.push_back({row.moment, way});
+    if (kinds.empty() && name != "plain")
+        throw Refusal(Fault::call, {"no-such-case", std::string(name), "no kind of loss",
+                                    "plain, unstable, late, spoiled or brownout"});
+    return kinds.empty() ? kPlainCuts : kinds;
 }
 
 PowerCut PlanOf(const Cut &cut, const World &world) { return {cut.operation, cut.moment, world.board.seed, cut.way}; }
@@ -123,13 +175,16 @@ struct Sweeper::Watched {
 Sweeper::Sweeper(const World &world, ProcessorKind processor, const SweepFirmware &firmware)
     : world_(world), processor_(processor), firmware_(firmware) {}
 
-RunOptions Sweeper::options() const {
+RunOptions Sweeper::options(const Chips &chips, unsigned number) const {
     RunOptions options;
     options.processor = processor_;
     options.known = &firmware_.known;
     options.slots = true;
     options.volume = *world_.volume;
     options.board = world_.board;
+    // Cells between two levels read anew at each power-up. With one seed they would read alike at all of them.
+    constexpr unsigned kWays = 1 << 16;
+    if (Disturbed(chips)) options.board.seed = NoiseSource(world_.board.seed, std::uint64_t{number} * kWays + way_)();
     // What is launched is judged by its bytes in the load buffer. What it would do then is not the update's business.
     options.run_launched = false;
     return options;
@@ -189,9 +244,14 @@ RunReport Sweeper::run(Machine &machine, unsigned number) const {
     return number == 0 && world_.commits ? commit(machine) : machine.run();
 }
 
-Sweeper::PowerUp Sweeper::power_up(Chips &chips, unsigned number, const std::function<void(PowerSupply &)> &prepare) {
+Sweeper::PowerUp Sweeper::power_up(Chips &chips, unsigned number, const std::function<void(Machine &)> &prepare) {
+    return power_up(chips, number, options(chips, number), prepare, {});
+}
+
+Sweeper::PowerUp Sweeper::power_up(Chips &chips, unsigned number, RunOptions options,
+                                   const std::function<void(Machine &)> &prepare,
+                                   const std::function<void(Machine &)> &done) {
     PowerUp result;
-    RunOptions options = this->options();
     options.console = [&result](char c) { result.console += c; };
     Machine machine(chips, options);
     PowerSupply &supply = machine.board().supply;
@@ -200,7 +260,7 @@ Sweeper::PowerUp Sweeper::power_up(Chips &chips, unsigned number, const std::fun
         if (!world_.hostile && result.outside.empty() && !may_touch(operation))
             result.outside = fmt::format("{} {} at 0x{:08X}", operation.chip, operation.kind, operation.address);
     };
-    if (prepare) prepare(supply);
+    if (prepare) prepare(machine);
     ++boots;
     // Only whole boots are foretold: a prediction knows no cut, and no commit by a running system.
     const bool boots_uncut = !prepare && !(number == 0 && world_.commits);
@@ -211,6 +271,7 @@ Sweeper::PowerUp Sweeper::power_up(Chips &chips, unsigned number, const std::fun
         ++foretold_boots;
         result.difference = foretold->compare(result.report, result.console, machine.board().memory.memory(), chips);
     }
+    if (done) done(machine);
     result.operations = supply.operations();
     result.fired = supply.fired();
     // The buffers below are filled for a launch. Without one they hold whatever was there before.
@@ -227,6 +288,14 @@ Sweeper::PowerUp Sweeper::power_up(Chips &chips, unsigned number, const std::fun
 
 void Sweeper::boot(Chips &chips, unsigned number) { power_up(chips, number, {}); }
 
+RunReport Sweeper::first_start(Chips &chips, const std::function<void(Machine &)> &prepare,
+                               const std::function<void(Machine &)> &done) {
+    RunOptions options = this->options(chips, 0);
+    // What follows a reset is a boot like any other; whoever wants it boots these chips.
+    options.most_resets = 1;
+    return power_up(chips, 0, std::move(options), prepare, done).report;
+}
+
 std::uint64_t Sweeper::digest(const Chips &chips) const { return DigestOf(chips, world_.chips); }
 
 // --- what has to hold
@@ -234,7 +303,7 @@ std::uint64_t Sweeper::digest(const Chips &chips) const { return DigestOf(chips,
 bool Sweeper::check_choice(const Chips &chips, Judgement &judgement) const {
     const FlashReader read = ReaderFor(world_, chips);
     const SlotTable &slots = SlotsOf(world_.medium);
-    const std::optional<unsigned> slot = ChooseBootloader(read, slots);
+    const std::optional<unsigned> slot = BootloaderOf(world_, chips);
     judgement.outcome = Outcome::no_bootloader;
     if (!slot) return false;
     const Bytes chosen = ReadSlot(read, slots.bootloader[*slot]).bytes;
@@ -312,7 +381,7 @@ bool Sweeper::settled(const Chips &chips, const PowerUp &last, Judgement &judgem
     // By content: the right file name may stand for the wrong bytes.
     if (last.launched != world_.after.application)
         return fails(Outcome::wrong_launch, fmt::format("{} of {} bytes", last.report.launched, last.launched.size()));
-    const std::optional<unsigned> slot = ChooseBootloader(read, slots);
+    const std::optional<unsigned> slot = BootloaderOf(world_, chips);
     if (!slot) return fails(Outcome::no_bootloader, "");
     const Bytes chosen = ReadSlot(read, slots.bootloader[*slot]).bytes;
     // Where a worn block keeps the update out, it is out; a cut may change that.
@@ -387,7 +456,7 @@ Judgement Sweeper::boot_hostile(Chips chips, unsigned number) {
 bool Sweeper::stays(Chips chips, unsigned number, Judgement &judgement, When when) {
     constexpr unsigned kMoreBoots = 2;
     const std::uint64_t key = digest(chips);
-    if (steady_.contains(key)) return true;
+    if (!Disturbed(chips) && steady_.contains(key)) return true;
     Judgement more;
     for (unsigned boot = 0; boot < kMoreBoots && more.outcome == Outcome::good; ++boot) {
         const PowerUp last = boot_once(chips, number + boot, more);
@@ -403,22 +472,23 @@ bool Sweeper::stays(Chips chips, unsigned number, Judgement &judgement, When whe
     return false;
 }
 
-Judgement Sweeper::boot_on(Chips chips, unsigned number, const Watched *watched) {
+Judgement Sweeper::boot_on(Chips chips, unsigned number, const Watched *watched, bool astray) {
     if (world_.hostile) return boot_hostile(std::move(chips), number);
     Judgement judgement;
     const bool was_cut = number > 0;
     check_rescue_gap(chips, judgement);
-    if (!check_outside(chips, judgement, was_cut)) return judgement;
+    if (!astray && !check_outside(chips, judgement, was_cut)) return judgement;
     for (unsigned boot = 0; boot < kMostBoots; ++boot) {
         // Before every boot, not at the end alone: a board that has no good bootloader at any moment is lost if the
         // power goes then, whatever a later boot would have done.
         if (!check_choice(chips, judgement)) return judgement;
         const PowerUp last = boot_once(chips, number + boot, judgement, boot == 0 ? watched : nullptr);
-        if (!last.outside.empty()) {
+        if (!astray && !last.outside.empty()) {
             judgement.outcome = Outcome::outside;
             judgement.detail = last.outside;
         }
-        if (judgement.outcome != Outcome::good || !check_outside(chips, judgement, was_cut)) return judgement;
+        if (judgement.outcome != Outcome::good || (!astray && !check_outside(chips, judgement, was_cut)))
+            return judgement;
         // Stands if the boots run out.
         judgement.outcome = Outcome::no_launch;
         const bool last_boot = boot + 1 == kMostBoots;
@@ -431,9 +501,11 @@ Judgement Sweeper::boot_on(Chips chips, unsigned number, const Watched *watched)
     return judgement;
 }
 
-Judgement Sweeper::judge(const Chips &chips, unsigned number) {
-    // Chips that were met before end as they did before. Not the first power-up, which a commit may make another one.
-    if (number == 0 || !remember) return boot_on(chips, number);
+Judgement Sweeper::judge(const Chips &chips, unsigned number, unsigned way) {
+    way_ = way;
+    // Chips that were met before end as they did before. Not the first power-up, which a commit may make another one;
+    // nor chips whose cells read differently each time.
+    if (number == 0 || !remember || Disturbed(chips)) return boot_on(chips, number);
     const std::uint64_t key = digest(chips);
     const auto met = met_.find(key);
     if (met != met_.end()) return met->second;
@@ -443,6 +515,15 @@ Judgement Sweeper::judge(const Chips &chips, unsigned number) {
 Judgement Sweeper::judge_watched(const Chips &chips, unsigned number) {
     // One that committed is no boot as a judge makes it.
     return watched_->number == number ? boot_on(chips, number, watched_.get()) : judge(chips, number);
+}
+
+Judgement Sweeper::judge_astray(const Chips &chips) {
+    const std::uint64_t key = digest(chips);
+    const auto met = met_.find(key);
+    if (met != met_.end()) return met->second;
+    Judgement judgement = boot_on(chips, 1, nullptr, true);
+    if (judgement.outcome == Outcome::good) check_outside(chips, judgement, true);
+    return met_[key] = judgement;
 }
 
 const Judgement &Sweeper::uncut() {
@@ -461,11 +542,12 @@ unsigned Sweeper::to_cut(const Chips &chips, unsigned number) const {
 
 void Sweeper::watch(Chips &chips, unsigned number, const decltype(PowerSupply::interceptor) &interceptor) {
     number = to_cut(chips, number);
-    PowerUp last = power_up(chips, number, [&](PowerSupply &supply) { supply.interceptor = interceptor; });
+    PowerUp last = power_up(chips, number, [&](Machine &machine) { machine.board().supply.interceptor = interceptor; });
     watched_ = std::make_shared<const Watched>(Watched{number, std::move(last), chips});
 }
 
-std::uint64_t Sweeper::count(Chips chips, unsigned number) {
+std::uint64_t Sweeper::count(Chips chips, unsigned number, unsigned way) {
+    way_ = way;
     return power_up(chips, to_cut(chips, number), {}).operations;
 }
 
@@ -475,44 +557,60 @@ std::uint64_t Sweeper::operations() {
 }
 
 std::vector<Snapshot> Sweeper::take_snapshots(const Chips &start, unsigned number,
-                                              const std::function<bool(const Cut &)> &wanted) {
+                                              const std::function<bool(const Cut &)> &wanted, const CutKinds &kinds,
+                                              unsigned way) {
+    way_ = way;
     Chips chips = start;
     std::vector<Snapshot> snapshots;
-    const auto keep = [&](const Cut &cut, const ChipOperation &operation) {
-        if (wanted(cut)) snapshots.push_back({cut, chips, operation});
+    const auto before_operation = [&](PowerSupply &supply, std::uint64_t index, const ChipOperation &operation,
+                                      const std::function<void(Random &)> &torn) {
+        for (const CutKind &kind : kinds) {
+            const Cut cut{index, kind.moment, kind.way};
+            if (kind.moment == CutMoment::after || !wanted(cut)) continue;
+            // Chips share their pages, so that going back costs what the operation touched.
+            const Chips before = chips;
+            if (kind.moment != CutMoment::before && kind.moment != CutMoment::brownout) {
+                Random random = TearingOf(operation, world_.board.seed, cut.way);
+                supply.tear_as(kind.moment);
+                torn(random);
+            }
+            snapshots.push_back({cut, chips, operation});
+            chips = before;
+        }
     };
-    watch(chips, number,
-          [&](std::uint64_t index, const ChipOperation &operation, const std::function<void()> &whole,
-              const std::function<void(Random &)> &torn) {
-              keep({index, CutMoment::before}, operation);
-              if (const Cut cut{index, CutMoment::torn}; wanted(cut)) {
-                  // Chips share their pages, so that going back costs what the operation touched.
-                  const Chips before = chips;
-                  Random random = TearingOf(operation, world_.board.seed, cut.way);
-                  torn(random);
-                  snapshots.push_back({cut, chips, operation});
-                  chips = before;
-              }
-              whole();
-              keep({index, CutMoment::after}, operation);
-          });
+    power_up(chips, to_cut(chips, number), [&](Machine &machine) {
+        PowerSupply &supply = machine.board().supply;
+        supply.interceptor = [&](std::uint64_t index, const ChipOperation &operation,
+                                 const std::function<void()> &whole, const std::function<void(Random &)> &torn) {
+            before_operation(supply, index, operation, torn);
+            whole();
+            for (const CutKind &kind : kinds)
+                if (const Cut cut{index, kind.moment}; kind.moment == CutMoment::after && wanted(cut))
+                    snapshots.push_back({cut, chips, operation});
+        };
+    });
     return snapshots;
 }
 
 Chips Sweeper::cut(const std::vector<Cut> &path) {
     Chips chips = world_.chips;
     for (std::size_t n = 0; n < path.size(); ++n) {
+        // The cut before this one says how its cells read now.
+        way_ = n == 0 ? 1 : path[n - 1].way;
         // Not by way of snapshots, which this is there to confirm.
         const PowerUp last = power_up(chips, to_cut(chips, static_cast<unsigned>(n)),
-                                      [&](PowerSupply &supply) { supply.plan(PlanOf(path[n], world_)); });
+                                      [&](Machine &machine) { machine.board().supply.plan(PlanOf(path[n], world_)); });
         // A case that cuts nothing would pass for ever.
         if (!last.fired || last.report.verdict != Verdict::power_lost)
             throw Refusal(Fault::call, {"no-such-case", "the cut at " + NameOf(path[n]), "does not come",
                                         fmt::format("one of {} operations", last.operations)});
+        way_ = path[n].way;
     }
     return chips;
 }
 
-Judgement Sweeper::run(const std::vector<Cut> &cuts) { return judge(cut(cuts), static_cast<unsigned>(cuts.size())); }
+Judgement Sweeper::run(const std::vector<Cut> &cuts) {
+    return judge(cut(cuts), static_cast<unsigned>(cuts.size()), cuts.empty() ? 1 : cuts.back().way);
+}
 
 } // namespace fixture

@@ -28,6 +28,15 @@ std::vector<const Variant *> VariantsOf(const SweepPlan &plan, const Scenario &s
 
 } // namespace
 
+CutKinds SweepPlan::second_kinds() const {
+    CutKinds both;
+    // Those that come after the operation last, as snapshots are taken.
+    for (const CutKind &kind : kinds)
+        if (kind.moment > CutMoment::after) both.push_back(kind);
+    both.insert(both.end(), kPlainCuts.begin(), kPlainCuts.end());
+    return both;
+}
+
 void Tally::add(const Tally &other) {
     // Enough to see what is wrong; in a sweep that fails everywhere, all of them would bury the tables.
     constexpr std::size_t kMost = 40;

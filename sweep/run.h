@@ -17,10 +17,15 @@ struct SweepPlan {
     bool on_host = true;
     bool on_arm = false; // both: every case on both, and compared
     unsigned losses = 1;
-    unsigned jobs = 1;      // worker processes: nothing of the result depends on their number
-    std::size_t sample = 0; // about so many cases of each scenario; 0: all there are
+    CutKinds kinds = kPlainCuts; // what is tried at each operation
+    bool skips = false;          // no losses: instructions of the ARM image are left out; needs both processors
+    unsigned jobs = 1;           // worker processes: nothing of the result depends on their number
+    std::size_t sample = 0;      // about so many cases of each scenario; 0: all there are
     std::uint64_t seed = 1;
     bool foretells = false; // every boot without a cut is foretold as well, and compared
+
+    // A second loss is one of the plain ways too, whatever the first one was.
+    CutKinds second_kinds() const;
 };
 
 struct Finding {

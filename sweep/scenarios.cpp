@@ -1,5 +1,7 @@
 #include "sweep/scenarios.h"
 
+#include "sweep/skips.h"
+
 #include <algorithm>
 #include <fmt/format.h>
 #include <numeric>
@@ -222,6 +224,46 @@ std::vector<Variant> NoRoom() {
     return variants;
 }
 
+// --- bits that flip by themselves
+
+// Each page of what a board has once: its bootloader in slot 0, the rescue image, the version record.
+std::vector<Variant> Rotten(Medium medium, const SweepFirmware &firmware) {
+    const Situation setup{.medium = medium, .slots = {running, retired}, .new_bootloader = false};
+    const auto image = static_cast<std::uint32_t>(kImageHeaderBytes + firmware.version(0).flat.size());
+    const SlotTable &slots = SlotsOf(medium);
+    const std::uint32_t page = medium == Medium::nand ? kNandPageBytes : FindAt45Part(kDefaultAt45)->page_bytes;
+    std::vector<Variant> variants;
+    const auto add = [&](const std::string &label, const Rot &rot) {
+        variants.push_back({label, setup, {kRotten}, kSample});
+        variants.back().setup.rot = rot;
+    };
+    const auto add_pages = [&](const char *what, std::uint32_t address, std::uint32_t bytes) {
+        for (std::uint32_t n = 0; n * page < bytes; ++n)
+            // Another column in each page; the last one may be short.
+            add(fmt::format("{}-{}", what, n),
+                {Rot::Place::data, address + std::min(n * page + 37 * n % page, bytes - 1)});
+    };
+    add_pages("bootloader", slots.bootloader[0].address, image);
+    add("after-bootloader", {Rot::Place::data, slots.bootloader[0].address + image + 1});
+    add_pages("rescue", slots.rescue.address, setup.rescue_bytes);
+    add("record", {Rot::Place::data, slots.record.address + 1});
+    if (medium == Medium::dataflash) return variants;
+    for (const std::uint32_t n : {0u, 1u})
+        add(fmt::format("mark-{}", n), {Rot::Place::mark, slots.bootloader[0].address + n * page});
+    return variants;
+}
+
+// Each page of 16 bytes of the only parameter sector.
+std::vector<Variant> RottenParameters() {
+    constexpr std::uint32_t kStorePages = 4; // that the four network parameters take
+    std::vector<Variant> variants;
+    for (std::uint32_t n = 0; n < kStorePages; ++n)
+        variants.push_back({fmt::format("page-{}", n),
+                            {.new_bootloader = false, .rot = Rot{Rot::Place::eeprom, 16 * n + 5 * n % 16}},
+                            {kRotten}});
+    return variants;
+}
+
 // --- sizes at an edge
 
 // Sizes of images whose end lies at an edge of pages or blocks, a byte before it, and a byte after it.
@@ -334,15 +376,26 @@ bool HoleTakes(std::string_view hole, const Judgement &judgement, const Struck &
     struct Hole {
         std::string_view name;
         std::vector<Outcome> outcomes;
-        bool uncut;                     // the run without a cut ends so too, and then every cut of it may
-        const char *chip = nullptr;     // that the cut has to strike; null: any
-        std::vector<ByteRange> at = {}; // and where; empty: anywhere
-        const char *said = "";          // part of what the judge says
+        bool uncut;                       // the run without a cut ends so too, and then every cut of it may
+        const char *chip = nullptr;       // that the cut has to strike; null: any
+        std::vector<ByteRange> at = {};   // and where; empty: anywhere
+        const char *said = "";            // part of what the judge says
+        std::vector<CutMoment> left = {}; // what that cut has to leave; empty: anything
+        std::vector<ByteRange> then = {}; // where a cut after it has to strike; empty: none need come
     };
     // The DataFlash pages that two slots share, the page that is rewritten to retire slot 0, and the last pages of the
     // images that fit slot 1 alone; the EEPROM pages of the record that the checksum is over.
     const std::vector<ByteRange> shared = {{0x203E20, 0x204240}, {0x403E60, 0x404280}};
     const std::vector<ByteRange> last_of_slot_1 = {{0x7FE0, 0x8400}, {0x3FFBE0, 0x404280}};
+    const auto range_of = [](Medium medium, unsigned slot) {
+        const Slot &place = SlotsOf(medium).bootloader[slot];
+        // An operation is known by where its page begins.
+        const std::uint32_t page = PageOf(medium);
+        return std::vector<ByteRange>{{place.address / page * page, place.address + place.capacity}};
+    };
+    const auto slot_0_of = [&](Medium medium) { return range_of(medium, 0); };
+    const auto slot_1_of = [&](Medium medium) { return range_of(medium, 1); };
+    const std::vector<CutMoment> kUnsure = {CutMoment::unstable, CutMoment::late};
     // A hole explains its own damage and no other: any further outcome is a finding, in its variants too.
     static const Hole kHoles[] = {
         {kPushedOn, {Outcome::no_bootloader, Outcome::wrong_rescue}, true},
@@ -356,23 +409,66 @@ bool HoleTakes(std::string_view hole, const Judgement &judgement, const Struck &
         {kFailingNand, {Outcome::no_bootloader}, true},
         {kOtherVersion, {Outcome::reset_loop}, true},
         {kTwoBanksFight, {Outcome::reset_loop}, true},
+        {kTwoWhole,
+         {Outcome::no_bootloader},
+         false,
+         "NAND",
+         slot_1_of(Medium::nand),
+         "",
+         kUnsure,
+         slot_0_of(Medium::nand)},
+        {kTwoWhole,
+         {Outcome::no_bootloader},
+         false,
+         "DataFlash",
+         slot_1_of(Medium::dataflash),
+         "",
+         kUnsure,
+         slot_0_of(Medium::dataflash)},
+        {kOldReturns, {Outcome::restless, Outcome::wrong_bootloader}, false, "NAND", {}, "", kUnsure},
+        {kOldReturns, {Outcome::restless, Outcome::wrong_bootloader}, false, "DataFlash", {}, "", kUnsure},
+        {kLatePage, {Outcome::wrong_parameters}, false, "EEPROM", {}, "", {CutMoment::late}},
+        {kRotten, {Outcome::no_bootloader, Outcome::wrong_rescue, Outcome::wrong_parameters}, true},
     };
-    const auto known =
-        std::find_if(std::begin(kHoles), std::end(kHoles), [&](const Hole &h) { return h.name == hole; });
-    if (known == std::end(kHoles)) return false;
-    if (std::find(known->outcomes.begin(), known->outcomes.end(), judgement.outcome) == known->outcomes.end())
-        return false;
-    if (judgement.detail.find(known->said) == std::string::npos) return false;
-    if (struck.uncut) return known->uncut;
-    const auto is_at = [&](const ChipOperation &cut) {
-        if (known->chip && std::string_view(known->chip) != cut.chip) return false;
-        return known->at.empty() || std::any_of(known->at.begin(), known->at.end(), [&](const ByteRange &range) {
-                   return range.begin <= cut.address && cut.address < range.end;
+    const auto within = [](const std::vector<ByteRange> &ranges, std::uint32_t address) {
+        return ranges.empty() || std::any_of(ranges.begin(), ranges.end(), [=](const ByteRange &range) {
+                   return range.begin <= address && address < range.end;
                });
     };
-    const std::vector<ChipOperation> &cuts = struck.operations;
-    return std::any_of(cuts.begin(), cuts.end(), is_at);
+    const auto takes = [&](const Hole &known) {
+        if (known.name != hole) return false;
+        if (std::find(known.outcomes.begin(), known.outcomes.end(), judgement.outcome) == known.outcomes.end())
+            return false;
+        if (judgement.detail.find(known.said) == std::string::npos) return false;
+        if (struck.uncut) return known.uncut;
+        const std::vector<ChipOperation> &cuts = struck.operations;
+        const auto strikes = [&](const ChipOperation &cut, const std::vector<ByteRange> &ranges) {
+            return (!known.chip || std::string_view(known.chip) == cut.chip) && within(ranges, cut.address);
+        };
+        if (known.left.empty())
+            return std::any_of(cuts.begin(), cuts.end(), [&](const auto &cut) { return strikes(cut, known.at); });
+        // The cut that left such cells, and the one after it.
+        for (std::size_t n = 0; n < struck.moments.size(); ++n) {
+            if (std::find(known.left.begin(), known.left.end(), struck.moments[n]) == known.left.end()) continue;
+            if (!strikes(cuts.at(n), known.at)) continue;
+            if (known.then.empty() || (n + 1 < cuts.size() && strikes(cuts[n + 1], known.then))) return true;
+        }
+        return false;
+    };
+    return std::any_of(std::begin(kHoles), std::end(kHoles), takes);
 }
+
+std::string AstrayHole(Outcome outcome, std::string_view routine) {
+    switch (outcome) {
+    case Outcome::wrong_rescue:
+    case Outcome::wrong_parameters:
+    case Outcome::outside:
+    case Outcome::restless: return kAstrayHarm;
+    default: return fmt::format("an instruction left out in {}", routine);
+    }
+}
+
+bool IsKnownAstray(std::string_view hole) { return hole == kAstrayHarm; }
 
 std::vector<Scenario> AllScenarios(const SweepFirmware &firmware) {
     // In the order of --list and of every table.
@@ -399,6 +495,9 @@ std::vector<Scenario> AllScenarios(const SweepFirmware &firmware) {
         {"nand-rescue-edge", "rescue images that end at an edge on NAND", RescueEdges(nand)},
         {"dataflash-rescue-edge", "rescue images that end at an edge on DataFlash", RescueEdges(flash)},
         {"holes", "where the layout of the flash, or the rule of updates, leaves a hole", Holes()},
+        {"nand-rot", "a flipped bit in each page of what a NAND board has once", Rotten(nand, firmware)},
+        {"dataflash-rot", "a flipped bit in each page of what a DataFlash board has once", Rotten(flash, firmware)},
+        {"parameters-rot", "a flipped bit in each page of the only parameter sector", RottenParameters()},
         {"hostile", "hostile boards: random chips, files and faults", HostileBoards(kHostileBoards)},
     };
 }
@@ -444,7 +543,11 @@ World WorldOf(const CaseId &id, const SweepFirmware &firmware) {
 
 Judgement RunCase(const CaseId &id, ProcessorKind processor, const SweepFirmware &firmware) {
     const World world = WorldOf(id, firmware);
-    return Sweeper(world, processor, firmware).run(id.cuts);
+    Sweeper sweeper(world, processor, firmware);
+    if (!id.skipped) return sweeper.run(id.cuts);
+    Sweeper arm(world, ProcessorKind::arm, firmware);
+    Skips skips(arm, world);
+    return sweeper.judge_astray(skips.leave_out(skips.find(*id.skipped)));
 }
 
 } // namespace fixture

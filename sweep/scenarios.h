@@ -20,6 +20,16 @@ inline constexpr const char *kNoMark = "a rescue block so worn that it cannot ev
 inline constexpr const char *kMarkTornOften = "a bad-block mark torn so often that its page bears no further program";
 inline constexpr const char *kEqualSum = "a torn commit whose old and new parameters happen to share a checksum";
 
+inline constexpr const char *kRotten = "a flipped bit in the only good copy: nothing corrects it";
+inline constexpr const char *kAstrayHarm = "an instruction left out: a good bootloader is there, and something is lost";
+// What a loss leaves that no single read shows.
+inline constexpr const char *kTwoWhole =
+    "two losses: a new image that reads whole and is not, and then the old one is erased to make room";
+inline constexpr const char *kOldReturns =
+    "a header that was cleared reads so or so: the old bootloader comes back for a start, and updates again";
+inline constexpr const char *kLatePage =
+    "a parameter page cut late: it reads whole once, the good sector is cleaned, and then it decays";
+
 // The rule that each start follows the first bank that differs from it closes this circle: no start gets as far as the
 // good application. `fixture bank check` names it before a volume is shipped.
 inline constexpr const char *kTwoBanksFight =
@@ -29,10 +39,16 @@ inline constexpr const char *kTwoBanksFight =
 struct Struck {
     bool uncut = true;
     std::vector<ChipOperation> operations = {}; // one for each cut
+    std::vector<CutMoment> moments = {};        // as many
 };
 // Whether an outcome is what a hole is known for, at the place that it is known for. Any other one is a finding in its
 // variants too.
 bool HoleTakes(std::string_view hole, const Judgement &judgement, const Struck &struck);
+
+// What an instruction that was left out in a routine came to, by a name; and whether that is known. What leaves a good
+// bootloader is.
+std::string AstrayHole(Outcome outcome, std::string_view routine);
+bool IsKnownAstray(std::string_view hole);
 
 struct Variant {
     std::string label;

@@ -15,6 +15,7 @@
 #include <span>
 #include <stdexcept>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -161,10 +162,45 @@ std::string ReasonOf(int status, unsigned case_seconds) {
 
 } // namespace
 
+ForkedCopy::ForkedCopy(unsigned seconds) : seconds_(seconds) {
+    int ends[2];
+    if (pipe(ends) != 0) throw std::runtime_error("no pipe for a copy of the process");
+    process_ = fork();
+    if (process_ < 0) throw std::runtime_error("no copy of the process can be made");
+    close(ends[process_ != 0]);
+    pipe_ = ends[process_ == 0];
+    const itimerval limit{{0, 0}, {static_cast<time_t>(seconds_), 0}};
+    if (process_ == 0) setitimer(ITIMER_PROF, &limit, nullptr);
+}
+
+void ForkedCopy::finish(const std::string &text) {
+    Write(pipe_, text);
+    _exit(0);
+}
+
+std::pair<std::string, std::string> ForkedCopy::wait() {
+    std::string text;
+    char buffer[4096];
+    for (ssize_t count; (count = read(pipe_, buffer, sizeof buffer)) != 0;) {
+        if (count < 0 && errno != EINTR) break;
+        if (count > 0) text.append(buffer, static_cast<std::size_t>(count));
+    }
+    close(pipe_);
+    int status = 0;
+    waitpid(process_, &status, 0);
+    return {text, status == 0 ? "" : ReasonOf(status, seconds_)};
+}
+
 double ProcessorSeconds() {
     timespec now;
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+    rusage copies{}; // those that have ended
+    getrusage(RUSAGE_CHILDREN, &copies);
+    const auto seconds = [](const auto &time) {
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) * 1e-6;
+    };
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9 + seconds(copies.ru_utime) +
+           seconds(copies.ru_stime);
 }
 
 double RunJobs(const JobPlan &plan, const std::function<std::string(std::size_t, JobNotes &)> &work,

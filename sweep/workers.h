@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
 
 namespace fixture {
 
@@ -44,7 +45,29 @@ struct JobPlan {
 double RunJobs(const JobPlan &plan, const std::function<std::string(std::size_t n, JobNotes &notes)> &work,
                const std::function<void(std::size_t n, const std::string &text)> &take);
 
-// Of this process so far. Two processes on one core do not take twice as many.
+// A copy of this process that works on from here, and hands a text back:
+//
+//   ForkedCopy copy;
+//   if (copy.is_copy()) copy.finish(text);      never returns
+//   const auto [text, death] = copy.wait();     of a copy that died: why
+//
+// It has so many seconds of processor time.
+class ForkedCopy {
+public:
+    explicit ForkedCopy(unsigned seconds = 60);
+    ForkedCopy(const ForkedCopy &) = delete;
+    ForkedCopy &operator=(const ForkedCopy &) = delete;
+    bool is_copy() const { return process_ == 0; }
+    [[noreturn]] void finish(const std::string &text);
+    std::pair<std::string, std::string> wait();
+
+private:
+    int process_ = -1;
+    int pipe_ = -1;
+    unsigned seconds_;
+};
+
+// Of this process so far, and of its copies that have ended. Two processes on one core do not take twice as many.
 double ProcessorSeconds();
 
 } // namespace fixture

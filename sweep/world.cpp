@@ -105,6 +105,23 @@ void Place(const RawFlash &flash, const Slot &slot, const Bytes &bytes) {
     if (!bytes.empty()) flash.write(slot.address, bytes);
 }
 
+// One of its eight bits, another one for each address.
+void Flip(Chips &chips, Medium medium, const Rot &rot) {
+    const auto mask = static_cast<std::uint8_t>(1u << rot.address * 5 % 8);
+    if (rot.place == Rot::Place::eeprom) {
+        chips.eeprom.bytes.at(rot.address) ^= mask;
+    } else if (medium == Medium::dataflash) {
+        const std::uint32_t page_bytes = chips.dataflash.part().page_bytes;
+        At45Contents::Page page = chips.dataflash.page(rot.address / page_bytes);
+        page[rot.address % page_bytes] ^= mask;
+        chips.dataflash.set_page(rot.address / page_bytes, std::move(page));
+    } else {
+        NandContents::Page page = chips.nand.page(rot.address / kNandPageBytes);
+        page[rot.place == Rot::Place::mark ? kNandPageBytes : rot.address % kNandPageBytes] ^= mask;
+        chips.nand.set_page(rot.address / kNandPageBytes, page);
+    }
+}
+
 class WorldBuilder {
 public:
     WorldBuilder(const Situation &setup, const SweepFirmware &firmware)
@@ -150,6 +167,7 @@ private:
             PlaceStoreImage(chips.eeprom.bytes, target, Bytes(6, 0xFF)); // as a commit cleans a header
         }
         PlaceStoreImage(chips.eeprom.bytes, setup_.parameters.sector, MakeStoreImage(1, Parameters(kNetwork, {})));
+        if (setup_.rot) Flip(chips, setup_.medium, *setup_.rot);
     }
 
     void fill_slots(const RawFlash &flash) const {
@@ -206,7 +224,8 @@ private:
         };
         if (setup_.new_bootloader || !setup_.watches_slots)
             for (const Slot &slot : slots.bootloader) add(slot, slot.capacity);
-        if (!setup_.new_rescue && setup_.watches_slots) return;
+        // What rotted may be stored anew.
+        if (!setup_.new_rescue && !setup_.rot && setup_.watches_slots) return;
         add(slots.rescue, slots.rescue.capacity);
         // On NAND the record has a block of its own, which is erased as a whole.
         add(slots.record, setup_.medium == Medium::nand ? kNandBlockBytes : slots.record.capacity);

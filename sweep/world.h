@@ -44,6 +44,13 @@ struct ParameterSetup {
     std::vector<std::uint32_t> remains = {}; // the network that a commit of before left in the other sector
 };
 
+// A bit that flipped by itself: in the data or in the mark of the medium's page at an address, or in the EEPROM.
+struct Rot {
+    enum class Place : std::uint8_t { data, mark, eeprom };
+    Place place = Place::data;
+    std::uint32_t address = 0;
+};
+
 // What becomes of the images that the bank carries.
 enum class Fate : std::uint8_t {
     stored,
@@ -68,6 +75,7 @@ struct Situation {
     std::vector<std::uint32_t> bad_blocks = {}; // from the factory
     std::vector<NandFault> nand_faults = {};
     std::vector<At45Fault> dataflash_faults = {};
+    std::optional<Rot> rot = {};
     Fate fate = Fate::stored;
     bool watches_slots = true; // false: the slots and the record may change all, whatever the bank carries
     std::optional<std::uint64_t> hostile = {}; // none of the above: a hostile board, by its seed

@@ -45,6 +45,11 @@ public:
         } else {
             dataflash_ = LoadDataflash(call.chips);
             state_.flash = RawFlashOf(dataflash_);
+            // Not booted from, but the file system's all the same.
+            if (!call.chips.nand.empty()) {
+                nand_ = LoadNand(call.chips);
+                state_.unstrapped_nand = ExamineFlash(RawFlashOf(nand_)).first_stage.has_value();
+            }
         }
         state_.volume = call.volume;
         if (!call.eeprom.empty()) {

@@ -135,6 +135,11 @@ int ShowFlash(const FlashCall &call) {
     std::vector<ShownChip> chips;
     if (!files.nand.empty()) chips.push_back(Look(BlankNand(files), files.nand));
     if (!files.dataflash.empty()) chips.push_back(Look(BlankDataflash(files), files.dataflash));
+    // Not of a chip that is being provisioned: one copy is what production stores.
+    for (ShownChip &chip : chips) {
+        const Problems more = WarningsOfOneCopy(chip.report);
+        chip.report.warnings.insert(chip.report.warnings.end(), more.begin(), more.end());
+    }
     return Show(call, "flash info", chips);
 }
 

@@ -6,6 +6,7 @@
 #pragma once
 
 #include "sweep/scenarios.h"
+#include "sweep/skips.h"
 
 #include <optional>
 #include <string>
@@ -19,18 +20,23 @@ public:
     Replay(const std::string &name, std::optional<unsigned> power_up, ProcessorKind processor);
 
     Chips chips; // as that power-up finds them
-    RunOptions options() const { return sweeper_.options(); }
+    RunOptions options() const { return sweeper_.options(chips, power_up_); }
     // Runs that power-up, with its cut where it has one.
     RunReport run(Machine &machine);
     // What becomes of the whole case.
-    Judgement judgement() { return sweeper_.run(id_.cuts); }
+    Judgement judgement();
 
 private:
+    void begin_astray(ProcessorKind processor);
+
     CaseId id_;
     SweepFirmware firmware_;
     World world_;
     Sweeper sweeper_;
     unsigned power_up_;
+    std::optional<Sweeper> arm_; // these where an instruction is left out
+    std::optional<Skips> skips_;
+    Skip skip_{};
 };
 
 } // namespace fixture

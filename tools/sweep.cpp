@@ -179,6 +179,8 @@ void CheckOptions(const SweepCall &call) {
     needs_closure(asked.most_states != usual.most_states, "--most-states");
     needs_closure(asked.exact, "--exact");
     needs_closure(!call.edges.empty(), "--edges");
+    RequireInCall(!asked.skips || (asked.losses == 1 && asked.loss == usual.loss && !asked.closure), "--skip",
+                  "goes with no loss of power", "neither --losses nor --loss nor --closure");
     RequireInCall(!call.list || (asked.scenarios.empty() && !call.all), "--list",
                   "names every scenario, and runs none of them", "no scenario beside it");
 }
@@ -288,6 +290,14 @@ void AddSweepCommand(Command &app, int &exit_status) {
     command->add_option("--losses", asked.losses, "power losses in a case; 2 cuts the boot after the first cut as well")
         ->check(WholeNumber(1, 2))
         ->capture_default_str();
+    command
+        ->add_option("--loss", asked.loss,
+                     "what a loss leaves: plain is before, torn and after the operation; unstable cells, a late loss, "
+                     "a spoiled page, a brown-out")
+        ->check(OneOf({"plain", "unstable", "late", "spoiled", "brownout"}))
+        ->capture_default_str();
+    command->add_flag("--skip", asked.skips,
+                      "no losses: leave out one instruction of the update on the ARM image; --sample says how many");
     command->add_flag("--closure", asked.closure,
                       "any number of losses: follow every state that the chips can reach, until none is new");
     command->add_option("--ways", asked.ways, "for a closure, ways of tearing each operation")
@@ -324,7 +334,7 @@ void AddSweepCommand(Command &app, int &exit_status) {
     command->add_option("--report", call->report, "run the whole campaign and write its document to this file")
         ->type_name("FILE")
         // The document has its own scenarios, processors and losses. A narrower one would pass for the whole.
-        ->excludes({"SCENARIO", "--list", "--processor", "--losses", "--foretell", "--boards"});
+        ->excludes({"SCENARIO", "--list", "--processor", "--losses", "--loss", "--skip", "--foretell", "--boards"});
     command->add_option("--shard", call->shard, "run the Kth of N parts, and write its results to --out")
         ->type_name("K/N");
     command->add_option("--out", call->out, "file for the part's results, for merge")->type_name("FILE");

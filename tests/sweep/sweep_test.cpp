@@ -51,15 +51,19 @@ TEST(SweepCase, NamesSayAllThereIs) {
         {"nand-update", "running-erased", {{12, CutMoment::torn}}, 1},
         {"nand-update", "running-erased", {{12, CutMoment::torn, 3}}, 1},
         {"parameters", "0-to-1", {{0, CutMoment::before}, {3, CutMoment::after}}, 77},
+        {"parameters", "0-to-1", {{0, CutMoment::unstable}, {3, CutMoment::late, 2}, {4, CutMoment::spoiled}}, 1},
+        {"nand-update", "running-erased", {{12, CutMoment::brownout, 2}}, 1},
+        {"nand-update", "running-erased", {}, 7, 123456},
     };
     for (const CaseId &id : cases) {
         const std::optional<CaseId> parsed = ParseCase(NameOf(id));
         ASSERT_TRUE(parsed) << NameOf(id);
         EXPECT_EQ(NameOf(*parsed), NameOf(id));
         EXPECT_EQ(parsed->cuts, id.cuts);
+        EXPECT_EQ(parsed->skipped, id.skipped);
     }
     for (const char *bad : {"", "nand-update", "a/b:", "a/b:12", "a/b:t", "a/b:12x", "a/b:1t+", "a/b:1t~", "a/b:1t2",
-                            "a/b:1t.", "a/b:1t.1", "a/b:1b.2"})
+                            "a/b:1t.", "a/b:1t.1", "a/b:1b.2", "a/b:12u.1", "a/b:i", "a/b:i5t"})
         EXPECT_FALSE(ParseCase(bad)) << bad;
 }
 
@@ -162,6 +166,77 @@ TEST(Sweep, ProcessorsAgree) {
                                             "parameters/1-to-0", "hostile"};
     const Tally all = CleanSweep({.scenarios = FindScenarios(names, Builds()), .on_arm = true, .sample = 2});
     EXPECT_EQ(all.compared, all.cases);
+}
+
+// What no single read shows: one loss never takes the last bootloader, and what else comes of it is known by number.
+TEST(Sweep, LossesThatShowLateHaveTheirHoles) {
+    using Holes = std::map<std::string, std::map<std::string, std::uint64_t>>;
+    const struct {
+        const char *loss;
+        std::vector<std::string> scenarios;
+        Holes holes;
+    } rows[] = {
+        {"unstable",
+         {"nand-update/running-erased", "parameters/0-to-1"},
+         {{kOldReturns, {{"changes chips though all is done", 0}}}}},
+        {"late", {"nand-update/running-erased", "parameters/1-to-0"}, {{kLatePage, {{"wrong parameters", 3}}}}},
+        {"spoiled", {"parameters/0-to-1-used"}, {}},
+        {"brownout", {"nand-update/erased-running", "parameters/0-to-1"}, {}},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.loss);
+        EXPECT_EQ(CleanSweep({.scenarios = FindScenarios(row.scenarios, Builds()), .kinds = KindsOf(row.loss)}).holes,
+                  row.holes);
+    }
+}
+
+// The brick that follows from the choice between two copies that read whole. The condition: the new image's last page
+// is between two levels, reads whole once, and the power goes again while the old copy makes room for it.
+TEST(Sweep, TwoLossesOfWhichOneShowsLateAreAHole) {
+    const World world = WorldOf({"nand-update", "running-erased", {}, 1}, Builds());
+    Sweeper sweeper(world, ProcessorKind::host, Builds());
+    const std::uint64_t last_page = sweeper.operations() - 3; // then the old copy's block is erased, and its header
+    std::map<std::string, unsigned> outcomes;
+    for (const CutKind &kind : KindsOf("unstable")) {
+        const auto is_last = [&](const Cut &cut) { return cut.operation == last_page; };
+        const Snapshot first = sweeper.take_snapshots(world.chips, 0, is_last, {kind}).at(0);
+        for (const Snapshot &second : sweeper.take_snapshots(
+                 first.chips, 1, [](const Cut &) { return true; }, kPlainCuts, kind.way)) {
+            const Judgement end = sweeper.judge(second.chips, 2, 1);
+            ++outcomes[NameOf(end.outcome)];
+            const Struck struck{false, {first.operation, second.operation}, {kind.moment, second.cut.moment}};
+            EXPECT_EQ(HoleTakes(kTwoWhole, end, struck), end.outcome == Outcome::no_bootloader);
+        }
+    }
+    EXPECT_EQ(outcomes, (std::map<std::string, unsigned>{{"good", 1}, {"brick: no good bootloader", 1}}));
+}
+
+// The named holes of bits that flip: what is there once, and what the board mends.
+TEST(Sweep, AFlippedBitTakesTheOnlyCopy) {
+    const std::pair<const char *, Outcome> rows[] = {{"nand-rot/bootloader-0", Outcome::no_bootloader},
+                                                     {"nand-rot/bootloader-27", Outcome::no_bootloader},
+                                                     {"nand-rot/mark-1", Outcome::no_bootloader},
+                                                     {"nand-rot/after-bootloader", Outcome::good},
+                                                     {"nand-rot/record", Outcome::good},
+                                                     {"nand-rot/rescue-40", Outcome::wrong_rescue},
+                                                     {"dataflash-rot/bootloader-52", Outcome::no_bootloader},
+                                                     {"parameters-rot/page-1", Outcome::wrong_parameters}};
+    for (const auto &[name, outcome] : rows)
+        EXPECT_STREQ(NameOf(RunCase(*ParseCase(name), ProcessorKind::host, Builds()).outcome), NameOf(outcome)) << name;
+}
+
+// An instruction that does nothing else than it should be missed, and one whose loop then never ends.
+TEST(Sweep, AnInstructionLeftOutIsReplayed) {
+    const Tally all = RunSweep({.scenarios = FindScenarios({"nand-update/running-erased"}, Builds()),
+                                .on_arm = true,
+                                .skips = true,
+                                .sample = 12},
+                               Builds(), {})
+                          .all;
+    EXPECT_EQ(all.cases, 12u);
+    EXPECT_GE(all.checked, 4u) << "the same once more, in one process";
+    EXPECT_EQ(all.found, 0u);
+    EXPECT_THROW(RunCase(*ParseCase("nand-update/running-erased:i999999999"), ProcessorKind::host, Builds()), Refusal);
 }
 
 // What falls through a hole elsewhere, otherwise, or without a cut, is no work of the hole.

@@ -120,6 +120,7 @@ TEST_F(Explain, TellsWhatABoardWillDoAndWhy) {
          "launches nothing",
          "rescue slot holds no good image (erased)"},
         {"a strap forgotten", "none", "1.9.0", {}, true, 1, "no bootloader", "try --straps 12-13"},
+        {"a strap forgotten, and what that costs", "none", "1.9.0", {}, true, 1, "no bootloader", "nand-without-strap"},
         {"an empty chip", "12-13", "", {}, false, 1, "neither slot of the NAND holds a good one", ""},
         {"a bootloader from elsewhere", "12-13", "other", {}, false, 1, "matches no known build", "--assume-version"},
     };

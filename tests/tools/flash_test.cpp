@@ -130,7 +130,8 @@ TEST_F(FlashTool, ProvisionedChipsShowWhatProductionStored) {
             EXPECT_EQ(info["slots"][1 - slot]["state"], "erased") << "the other one is retired";
             EXPECT_EQ(info["slots"][2]["size"], rescue.size());
             EXPECT_EQ(info["rescue_version"], "2.7");
-            EXPECT_EQ(warnings(shown), "");
+            EXPECT_EQ(warnings(made), "");
+            EXPECT_THAT(warnings(shown), HasSubstr(fmt::format("bootloader {}: the only good bootloader", slot)));
         }
     }
     EXPECT_EQ(run({"info", "--nand", file("dataflash")}).exit_status, 1) << "nothing to boot from";
@@ -163,6 +164,26 @@ TEST_F(FlashTool, BadBlocksAreNamedWithWhatTheyCost) {
     LoadChip(nand, chip);
     RawFlashOf(nand).write(0x40000, Wrap(Noise(0x1E0000 - 32, 1)));
     EXPECT_THAT(warnings(RawFlashOf(nand)), HasSubstr("push the last 131072 of 1966080 bytes"));
+}
+
+// Two good copies are no reason to warn; spare bytes that only a layer below a file system writes are.
+TEST_F(FlashTool, WarnsOfWhatTheSlotsShouldNotHold) {
+    const std::string chip = file("nand");
+    NandContents nand;
+    for (const std::uint32_t address : {0x40000u, 0x220000u}) RawFlashOf(nand).write(address, bootloader);
+    const auto with_spare = [&](std::uint32_t block, std::uint32_t byte) {
+        NandContents changed = nand;
+        NandContents::Page page = changed.page(block * kNandPagesPerBlock + 3);
+        page[kNandPageBytes + byte] = 0x5A;
+        changed.set_page(block * kNandPagesPerBlock + 3, page);
+        SaveChip(changed, chip);
+        return warnings(run({"info", "--nand", chip, "--json"}));
+    };
+    EXPECT_EQ(with_spare(127, 1), "") << "the mark of a 16-bit chip";
+    EXPECT_EQ(with_spare(0, 9), "") << "the first stage's own";
+    EXPECT_EQ(with_spare(128, 9), "") << "the file system's part";
+    EXPECT_THAT(with_spare(127, 9),
+                HasSubstr("in use in 1 of the blocks before the file system's part, from block 127"));
 }
 
 TEST_F(FlashTool, AnImageIsWarnedOfTheHolesItWouldMeet) {
