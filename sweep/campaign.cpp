@@ -105,7 +105,22 @@ const Table kTables[] = {
     {"Two losses, the first of which leaves cells between two levels", true, false, 2, 0, kOneOfEach, "unstable"},
     {"Two losses, the first of which comes late", true, false, 2, 0, kOneOfEach, "late"},
     {"Bits that flip by themselves", true, false, 1, 0, {"nand-rot", "dataflash-rot", "parameters-rot"}},
-    {"One instruction left out, on the shipped ARM image", true, true, 1, 20'000, kOneOfEach, "plain", true},
+    {"One instruction left out on NAND, on the shipped ARM image",
+     true,
+     true,
+     1,
+     10'000,
+     {"nand-update/running-erased", "nand-update/erased-running", "nand-rescue/good"},
+     "plain",
+     true},
+    {"One instruction left out on DataFlash, on the shipped ARM image",
+     true,
+     true,
+     1,
+     2'000,
+     {"dataflash-update/running-erased"},
+     "plain",
+     true},
 };
 
 // What a closure is for: boards on which nothing but the power is at fault, and those with blocks that are or go bad.

@@ -265,7 +265,9 @@ Sweeper::PowerUp Sweeper::power_up(Chips &chips, unsigned number, RunOptions opt
     // Only whole boots are foretold: a prediction knows no cut, and no commit by a running system.
     const bool boots_uncut = !prepare && !(number == 0 && world_.commits);
     std::optional<Foretold> foretold;
-    if (foretells && boots_uncut && Foretold::possible(world_)) foretold.emplace(world_, chips, firmware_.known);
+    // Nor does it know which way a cell between two levels will read.
+    if (foretells && boots_uncut && !Disturbed(chips) && Foretold::possible(world_))
+        foretold.emplace(world_, chips, firmware_.known);
     result.report = run(machine, number);
     if (foretold) {
         ++foretold_boots;
@@ -387,7 +389,10 @@ bool Sweeper::settled(const Chips &chips, const PowerUp &last, Judgement &judgem
     // Where a worn block keeps the update out, it is out; a cut may change that.
     const bool is_old = world_.may_stay && chosen == world_.before.bootloader;
     const bool is_new = (!world_.may_stay || when.was_cut) && chosen == world_.after.bootloader;
-    if (!is_old && !is_new) return fails(Outcome::wrong_bootloader, fmt::format("slot {}", *slot));
+    if (!is_old && !is_new)
+        return fails(
+            Outcome::wrong_bootloader,
+            fmt::format("{} in slot {}", chosen == world_.before.bootloader ? kStillOld : "another one", *slot));
     const Bytes rescue = GoodImage(read, slots.rescue);
     const Bytes text = read(slots.record.address, slots.record.capacity);
     const auto stands = [&](const Expected &expected) {
@@ -601,7 +606,9 @@ Chips Sweeper::cut(const std::vector<Cut> &path) {
         const PowerUp last = power_up(chips, to_cut(chips, static_cast<unsigned>(n)),
                                       [&](Machine &machine) { machine.board().supply.plan(PlanOf(path[n], world_)); });
         // A case that cuts nothing would pass for ever.
-        if (!last.fired || last.report.verdict != Verdict::power_lost)
+        // A program may be done before the last of the power has gone.
+        const bool ends = last.report.verdict == Verdict::power_lost || path[n].moment == CutMoment::brownout;
+        if (!last.fired || !ends)
             throw Refusal(Fault::call, {"no-such-case", "the cut at " + NameOf(path[n]), "does not come",
                                         fmt::format("one of {} operations", last.operations)});
         way_ = path[n].way;

@@ -43,6 +43,9 @@ struct Cut {
     bool operator==(const Cut &) const = default;
 };
 
+// What is said of a bootloader that should have been replaced.
+inline constexpr const char *kStillOld = "still the old one";
+
 // What is tried at an operation.
 struct CutKind {
     CutMoment moment;

@@ -37,6 +37,10 @@ const char *ProcessorOf(const SweepPlan &plan) {
     return plan.on_host && plan.on_arm ? "both" : plan.on_host ? "host" : "arm";
 }
 
+const char *AgainOf(const SweepPlan &plan) {
+    return plan.skips ? "left out again from the power-up on" : "cuts made again by cutting the power";
+}
+
 void PrintFindings(const std::vector<Finding> &all, std::uint64_t found) {
     // By outcome: one mistake mostly shows as one outcome in many cases.
     std::map<std::string, std::vector<const Finding *>> grouped;
@@ -68,10 +72,11 @@ void PrintSweep(const SweepPlan &plan, const SweepResult &result) {
         for (const auto &[outcome, count] : what) fmt::print("  {:>8} {}\n", count, outcome);
     }
     PrintFindings(result.all.findings, result.all.found);
-    fmt::print("\n{} on {}, {:.0f} processor seconds, {:.0f} cold boots a second; {} cuts made again by cutting the "
-               "power",
-               plan.losses == 1 ? "one loss of power" : "two losses of power", ProcessorOf(plan),
-               result.all.processor_seconds, Rate(result.all), result.all.checked);
+    fmt::print("\n{} on {}, {:.0f} processor seconds, {:.0f} cold boots a second; {} {}",
+               plan.skips         ? "one instruction left out"
+               : plan.losses == 1 ? "one loss of power"
+                                  : "two losses of power",
+               ProcessorOf(plan), result.all.processor_seconds, Rate(result.all), result.all.checked, AgainOf(plan));
     if (result.all.compared) fmt::print("; {} cases the same on both processors", result.all.compared);
     if (result.all.foretold) fmt::print("; {} boots as explain foretells them", result.all.foretold);
     fmt::print("\n");
@@ -213,11 +218,14 @@ std::string ClosureJson(const ClosurePlan &plan, const std::vector<ClosureTally>
 
 namespace {
 
-std::string Extent(std::size_t sample) {
-    if (sample == 0)
+std::string Extent(const SweepPlan &plan) {
+    if (plan.skips)
+        return fmt::format("A seeded sample: {} of each scenario, at every place of the code that an update executes.",
+                           plan.sample);
+    if (plan.sample == 0)
         return "Every cut; of images that fill a slot, of each lost DataFlash program and of hostile boards a seeded "
                "sample, with all cuts of the first and the last two operations.";
-    return fmt::format("A seeded sample: about {} cuts of each scenario, beside its uncut runs.", sample);
+    return fmt::format("A seeded sample: about {} cuts of each scenario, beside its uncut runs.", plan.sample);
 }
 
 std::string Table(const SweepPlan &plan, const SweepResult &result) {
@@ -279,8 +287,8 @@ std::string ClosureTable(const ClosurePlan &plan, const std::vector<ClosureTally
 }
 
 std::string SweepSection(const SweepPlan &plan, const SweepResult &result) {
-    std::string text = fmt::format("{}\n\n{}\n{} cuts made again by cutting the power.", Extent(plan.sample),
-                                   Table(plan, result), result.all.checked);
+    std::string text =
+        fmt::format("{}\n\n{}\n{} {}.", Extent(plan), Table(plan, result), result.all.checked, AgainOf(plan));
     if (result.all.compared) text += fmt::format(" {} cases compared on both processors.", result.all.compared);
     return text +
            fmt::format("\n\n{:.0f} processor seconds, {:.0f} cold boots in each, every boot counted.\n\n",

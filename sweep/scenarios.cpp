@@ -425,8 +425,10 @@ bool HoleTakes(std::string_view hole, const Judgement &judgement, const Struck &
          "",
          kUnsure,
          slot_0_of(Medium::dataflash)},
-        {kOldReturns, {Outcome::restless, Outcome::wrong_bootloader}, false, "NAND", {}, "", kUnsure},
-        {kOldReturns, {Outcome::restless, Outcome::wrong_bootloader}, false, "DataFlash", {}, "", kUnsure},
+        {kOldReturns, {Outcome::restless}, false, "NAND", {}, "", kUnsure},
+        {kOldReturns, {Outcome::restless}, false, "DataFlash", {}, "", kUnsure},
+        {kOldReturns, {Outcome::wrong_bootloader}, false, "NAND", {}, kStillOld, kUnsure},
+        {kOldReturns, {Outcome::wrong_bootloader}, false, "DataFlash", {}, kStillOld, kUnsure},
         {kLatePage, {Outcome::wrong_parameters}, false, "EEPROM", {}, "", {CutMoment::late}},
         {kRotten, {Outcome::no_bootloader, Outcome::wrong_rescue, Outcome::wrong_parameters}, true},
     };

@@ -26,7 +26,7 @@ inline constexpr const char *kAstrayHarm = "an instruction left out: a good boot
 inline constexpr const char *kTwoWhole =
     "two losses: a new image that reads whole and is not, and then the old one is erased to make room";
 inline constexpr const char *kOldReturns =
-    "a header that was cleared reads so or so: the old bootloader comes back for a start, and updates again";
+    "a slot with cells between two levels: the old bootloader comes back for a start, and updates again";
 inline constexpr const char *kLatePage =
     "a parameter page cut late: it reads whole once, the good sector is cleaned, and then it decays";
 

@@ -4,9 +4,9 @@
 // ARM image executes from its first operation on a chip to its last one. Every place of its code in that stretch is
 // tried: the first time it is executed, the last time, and at times between them that the seed draws.
 //
-//   Skips skips(sweeper);                          two runs, to see what there is
-//   for (const Skip &skip : skips.choose(20'000, 1))
-//       Judgement end = judge.judge_astray(skips.leave_out(skip));
+//   Sweeper arm(world, ProcessorKind::arm, firmware), host(world, ProcessorKind::host, firmware);
+//   Skips skips(arm, world);
+//   for (const Skip &skip : skips.choose(20'000, 1)) host.judge_astray(skips.leave_out(skip));
 #pragma once
 
 #include "sweep/case.h"

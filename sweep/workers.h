@@ -48,7 +48,7 @@ double RunJobs(const JobPlan &plan, const std::function<std::string(std::size_t 
 // A copy of this process that works on from here, and hands a text back:
 //
 //   ForkedCopy copy;
-//   if (copy.is_copy()) copy.finish(text);      never returns
+//   if (copy.is_copy()) copy.finish("done");    never returns
 //   const auto [text, death] = copy.wait();     of a copy that died: why
 //
 // It has so many seconds of processor time.
