@@ -361,6 +361,7 @@ std::vector<Variant> Holes() {
 }
 
 constexpr unsigned kHostileBoards = 500;
+constexpr std::string_view kAnotherBlock = ": another block is erased than the one that was meant";
 
 } // namespace
 
@@ -461,16 +462,23 @@ bool HoleTakes(std::string_view hole, const Judgement &judgement, const Struck &
 }
 
 std::string AstrayHole(Outcome outcome, std::string_view routine) {
+    // Where the number of a block is made, or its mark is read: with the one wrong, or the other, the driver erases the
+    // other copy's block.
+    static constexpr std::string_view kMisled[] = {"CheckBlock", "NandBus_Take8", "NandFlash_Write",
+                                                   "__aeabi_uidivmod"};
     switch (outcome) {
     case Outcome::wrong_rescue:
     case Outcome::wrong_parameters:
     case Outcome::outside:
     case Outcome::restless: return kAstrayHarm;
-    default: return fmt::format("an instruction left out in {}", routine);
+    default: break;
     }
+    const bool misled = outcome == Outcome::no_bootloader &&
+                        std::find(std::begin(kMisled), std::end(kMisled), routine) != std::end(kMisled);
+    return fmt::format("an instruction left out in {}{}", routine, misled ? kAnotherBlock : "");
 }
 
-bool IsKnownAstray(std::string_view hole) { return hole == kAstrayHarm; }
+bool IsKnownAstray(std::string_view hole) { return hole == kAstrayHarm || hole.ends_with(kAnotherBlock); }
 
 std::vector<Scenario> AllScenarios(const SweepFirmware &firmware) {
     // In the order of --list and of every table.

@@ -265,6 +265,13 @@ TEST(Sweep, HolesTakeTheirOwnAlone) {
     }
 }
 
+TEST(Sweep, WhatWentAstrayIsNamedByItsRoutine) {
+    EXPECT_TRUE(IsKnownAstray(AstrayHole(Outcome::no_bootloader, "CheckBlock")));
+    EXPECT_TRUE(IsKnownAstray(AstrayHole(Outcome::outside, "anything")));
+    EXPECT_FALSE(IsKnownAstray(AstrayHole(Outcome::no_bootloader, "Boot_Store")));
+    EXPECT_FALSE(IsKnownAstray(AstrayHole(Outcome::no_launch, "CheckBlock")));
+}
+
 // How much falls through: more or less would be a change of the hole, or a mistake beside it.
 TEST(Sweep, HolesTakeAsMuchAsIsKnown) {
     const Tally all =
