@@ -248,6 +248,9 @@ SlotDiagnosis SlotDoctor::diagnose() {
     }
     // Read only now: a good slot, by far the usual one, needs no comparison of megabytes with every reference.
     content_ = flash_.read(slot_.address, slot_.capacity);
+    // A NAND's read goes on past bad blocks: what comes after the slot's room is the next slot's.
+    if (flash_.medium == Medium::nand)
+        std::fill(content_.begin() + RoomIn(flash_, slot_), content_.end(), std::uint8_t{0xFF});
     if (const std::optional<Match> match = best())
         judge(*match);
     else

@@ -1,10 +1,12 @@
 // Stored images, in a file and in the slots of raw flash: the bootloader's checks against the tools'.
 #include "fixture/parts/at45.h"
 #include "fixture/parts/nand.h"
+#include "formats/doctor.h"
 #include "formats/flash_report.h"
 #include "formats/slots.h"
 #include "formats/stored_image.h"
 #include "fuzz/targets.h"
+#include "machine/chip_store.h"
 #include "machine/raw_flash.h"
 #include "tools/commands.h"
 
@@ -78,7 +80,76 @@ void CheckSlots(Shape &shape, ModuleBoard &board, const std::string &medium, Con
     board.resets("Rescue_Load", {medium == "NandFlash"});
 }
 
+// Images that are known: whole, with a byte that has decayed, or in part, as a cut leaves them.
+template <typename Contents>
+void PutRemains(Shape &shape, Contents &contents, const std::vector<ReferenceImage> &references) {
+    const RawFlash flash = RawFlashOf(contents);
+    for (const Slot &slot : SlotsOn(flash)) {
+        const unsigned what = shape.below(4);
+        if (what == 0) continue;
+        Bytes image = references[shape.below(static_cast<std::uint32_t>(references.size()))].image;
+        const auto size = static_cast<std::uint32_t>(image.size());
+        if (what == 2) image[shape.below(size)] ^= 0x10;
+        if (what == 3) image.resize(shape.below(size + 1));
+        image.resize(std::min<std::size_t>(image.size(), RoomIn(flash, slot)));
+        if (!image.empty()) flash.write(slot.address, image);
+    }
+}
+
+// The commands that look at a chip, on a file of it. What they see of it they say as JSON.
+template <typename Contents> void LookAt(const Contents &contents, const std::string &option, const char *straps) {
+    const std::filesystem::path file = ModuleBoard::volume() / "looked-at";
+    SaveChip(contents, file);
+    RunOnFiles(AddDoctorCommand, {"doctor", "--json", option, file});
+    RunOnFiles(AddExplainCommand, {"explain", "--json", "--straps", straps, option, file, "--assume-version", "1.9.0"});
+    RunOnFiles(AddDiffCommand, {"diff", "--json", "--as", option.substr(2), file, file});
+}
+
+// A repair never takes the bootloader that runs, and after a few visits there is nothing to mend.
+template <typename Contents> void Treat(Shape &shape, Contents &contents) {
+    const std::vector<ReferenceImage> references = {
+        {"one", FileRole::bootloader, Wrap(Bytes(5000, 0x11)), "1", "one"},
+        {"other", FileRole::bootloader, Wrap(Bytes(300, 0x22)), "2", "other"},
+        {"rescue", FileRole::rescue, Wrap(Bytes(2100, 0x33)), "3", "rescue"},
+    };
+    PutRemains(shape, contents, references);
+    const RawFlash flash = RawFlashOf(contents);
+    const auto starts = [&] { return ChooseBootloader(flash.read, SlotsOf(flash.medium)); };
+    const bool started = starts().has_value();
+    constexpr int kVisits = 4;
+    std::string last;
+    for (int visit = 0; visit < kVisits; ++visit) {
+        const FlashDiagnosis found = DiagnoseFlash(flash, references);
+        Require(found.running == starts(), "another slot runs than the first stage starts");
+        if (found.repairs.empty()) return;
+        last = found.repairs.front().id + " " + found.repairs.front().place + ": " + found.repairs.front().text;
+        try {
+            for (const Repair &repair : found.repairs) repair.apply(flash);
+        } catch (const Refusal &) { // no room on this chip
+            return;
+        }
+        Require(!started || starts(), "a repair took the only bootloader");
+    }
+    Require(false, "the doctor never comes to an end: " + last);
+}
+
 } // namespace
+
+void FuzzDoctor(std::span<const std::uint8_t> input) {
+    Shape shape(input);
+    if (shape.one_in(2)) {
+        NandContents nand;
+        MarkBadBlocks(shape, nand);
+        FillSlots(shape, nand);
+        if (shape.one_in(8)) LookAt(nand, "--nand", "12-13");
+        Treat(shape, nand);
+    } else {
+        At45Contents dataflash(*FindAt45Part(kDefaultAt45));
+        FillSlots(shape, dataflash);
+        if (shape.one_in(8)) LookAt(dataflash, "--dataflash", "none");
+        Treat(shape, dataflash);
+    }
+}
 
 void FuzzImage(std::span<const std::uint8_t> input) {
     Shape shape(input);

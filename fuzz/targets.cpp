@@ -18,7 +18,8 @@ std::span<const FuzzTarget> FuzzTargets() {
                                               {"replies", FuzzReplies},
                                               {"requests", FuzzRequests},
                                               {"semihosting", FuzzSemihosting},
-                                              {"writers", FuzzWriters}};
+                                              {"writers", FuzzWriters},
+                                              {"doctor", FuzzDoctor}};
     return kTargets;
 }
 

@@ -14,6 +14,6 @@ std::span<const FuzzTarget> FuzzTargets();
 
 using FuzzRoutine = void(std::span<const std::uint8_t> input);
 FuzzRoutine FuzzDescriptor, FuzzManifest, FuzzImage, FuzzSlot, FuzzParameters, FuzzPicture, FuzzChipFiles, FuzzElf,
-    FuzzPng, FuzzTexts, FuzzGdb, FuzzUpdate, FuzzReplies, FuzzRequests, FuzzSemihosting, FuzzWriters;
+    FuzzPng, FuzzTexts, FuzzGdb, FuzzUpdate, FuzzReplies, FuzzRequests, FuzzSemihosting, FuzzWriters, FuzzDoctor;
 
 } // namespace fixture
