@@ -43,13 +43,16 @@ class Tree:
     def attempts(self, mutants, arguments):
         """The results in the order of the mutants."""
         limits = trying.Limits(self.bench, threading.Lock())
+        explained = report.read_explanations(EXPLAINED)
         benches = queue.SimpleQueue()
         for _ in range(arguments.jobs):
             benches.put(self.bench())
 
         def attempt(mutant):
             bench = benches.get()
-            result = bench.attempt(mutant, limits, arguments.depth)
+            # What is argued to be equivalent is not taken through minutes of sweeps.
+            equivalent = explained.get(mutant.key, "").startswith("equivalent")
+            result = bench.attempt(mutant, limits, "fast" if equivalent else arguments.depth)
             benches.put(bench)
             tell(mutant, result)
             return result
@@ -133,9 +136,6 @@ def main(words):
     arguments = parser_of(words).parse_args(words if command == "run" else words[1:])
     if command == "run" and arguments.shard[1] > 1 and not arguments.out:
         print("--shard: a part of a run is for merge; expected --out FILE", file=sys.stderr)
-        return 2
-    if arguments.depth == "fast" and arguments.report:
-        print("--report: what survives the fast tests may yet be killed; expected another --depth", file=sys.stderr)
         return 2
     tree = Tree()
     try:

@@ -131,7 +131,7 @@ def document(mutants, call, tried, explained):
         *killers(tried),
         "",
         *STAGES,
-        *([] if call["depth"] == "sanitized" else ["The tables were not run under sanitizers (`--depth sanitized`)."]),
+        *NOT_RUN[call["depth"]],
         "",
         "## Survivors",
         "",
@@ -147,8 +147,15 @@ STAGES = (
     "Stages run in this order, until a test fails: the table of the module itself; the other tables that",
     "are short; the module's table on the ARM image; all tables on the ARM image; sweeps, closures,",
     "predictions, fuzz corpora, figures of speed and the long tables, with the mutant in both builds. A",
-    "stage that takes three times as long as without the mutant has killed it: `(time)`.",
+    "stage that takes three times as long as without the mutant has killed it: `(time)`. Mutants that",
+    "are explained as equivalent are taken through the first three alone.",
 )
+
+NOT_RUN = {
+    "fast": ["**Only the first three were run** (`--depth fast`): the others would kill some of the survivors."],
+    "whole": ["The tables were not run under sanitizers (`--depth sanitized`)."],
+    "sanitized": ["Last of all, the tables under sanitizers."],
+}  # fmt: skip
 
 HOW = """## Run it
 

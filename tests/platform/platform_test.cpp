@@ -101,6 +101,8 @@ TEST_F(PlatformTest, ReadsClosesAndMeasuresFilesAsTheDebuggerSays) {
     debugger.length = 1234;
     put_path("i:/vol0/a");
     EXPECT_EQ(call("PJFS_FileSize", {kPath}), 1234u);
+    EXPECT_EQ(call("stat", {kPath, kBuffer}), 0u);
+    EXPECT_EQ(*at(kBuffer + 5), 0x81) << "a regular file";
     debugger.length = kFailed;
     EXPECT_EQ(call("stat", {kPath, kBuffer}), kFailed);
     EXPECT_EQ(last_errno(), 5u);
@@ -175,6 +177,8 @@ TEST_F(PlatformTest, ReportsFaultsOnTheConsole) {
         EXPECT_EQ(end.exit_code, 101);
         EXPECT_EQ(end.place.rfind(fault.place, 0), 0u) << end.place;
         EXPECT_NE(console.find(fault.text), std::string::npos) << console;
+        EXPECT_NE(console.find("\nFault: " + end.place.substr(0, end.place.find(" at "))), std::string::npos)
+            << console;
         EXPECT_EQ(console.back(), '\n');
         console.clear();
         LoadElf(image, board.memory.memory());
@@ -183,16 +187,40 @@ TEST_F(PlatformTest, ReportsFaultsOnTheConsole) {
 
 // The kernel's parts that the bootloader configures cannot work with wrong tables, and say so.
 TEST_F(PlatformTest, RefusesWrongTables) {
+    constexpr const char *kClient = "__ghsentry_pjfs_clients_client", *kDisk = "__ghsentry_pjfs_backends_disk1",
+                         *kVolume = "__ghsentry_pjfs_autoformats_drive1",
+                         *kRange = "_ZN12_GLOBAL__N_1L19kDataFlashBootRangeE";
     const struct {
         const char *table;
         std::uint32_t offset, value;
-        const char *text;
+        std::string text;
     } cases[] = {
-        {"__ghsentry_pjfs_clients_client", 16, 0x20200000, "File server: wrong working memory\n"},
-        {"__ghsentry_pjfs_backends_disk1", 20, 1, "File server: words of the back-end that must be 0\n"},
+        {kDisk, 0, 0, "File server: wrong drive or disk\n"},
+        {kDisk, 4, 0, "File server: wrong drive or disk\n"},
+        {kDisk, 8, 0, "File server: the disk has no initialisation\n"},
+        {kDisk, 12, 1, "File server: words of the back-end that must be 0\n"},
+        {kDisk, 16, 0, "File server: no such block device\n"},
+        {kDisk, 20, 1, "File server: words of the back-end that must be 0\n"},
+        {kClient, 8, 1, "File server: words of the client that must be 0\n"},
+        {kClient, 12, 0, "File server: wrong working memory\n"},
+        {kClient, 16, 0x20200000, "File server: wrong working memory\n"},
+        {kClient, 24, 1, "File server: words of the client that must be 0\n"},
+        {kClient, 28, 99, "File server: wrong client values\n"},
+        {kClient, 32, 5, "File server: wrong client values\n"},
+        {kVolume, 0, 0, "File server: wrong volume to create\n"},
+        {kVolume, 8, 1, "File server: words of the volume that must be 0\n"},
+        {kVolume, 12, 2, "File server: wrong values of the volume to create\n"},
+        {kVolume, 16, 0, "File server: wrong volume to create\n"},
+        {kVolume, 20, 99, "File server: wrong values of the volume to create\n"},
+        {kVolume, 36, 1, "File server: words of the volume that must be 0\n"},
+        {"__ghstable_pjfs_backends", 4, 1, "File server: wrong table of back-ends\n"},
+        {"__ghstable_pjfs_clients", 4, 1, "File server: wrong table of clients\n"},
         {"__ghstable_pjfs_autoformats", 4, 1, "File server: wrong table of volumes to create\n"},
-        {"_ZN12_GLOBAL__N_1L19kDataFlashBootRangeE", 12, 1, "Flash layer: the range is not on a NAND device\n"},
-        {"_ZN12_GLOBAL__N_1L19kDataFlashBootRangeE", 4, 5, "Flash layer: offset and first block differ\n"},
+        {kRange, 4, 5, "Flash layer: offset and first block differ\n"},
+        {kRange, 8, 5, "Flash layer: the range ends before the chip does\n"},
+        {kRange, 12, 1, "Flash layer: the range is not on a NAND device\n"},
+        {kRange, 16, 1, "Flash layer: the range is not for instance 0\n"},
+        {kRange, 20, 0, "Flash layer: the device has no name\n"},
     };
     for (const auto &wrong : cases) {
         SCOPED_TRACE(wrong.text);
@@ -202,8 +230,8 @@ TEST_F(PlatformTest, RefusesWrongTables) {
         StageResult end = start();
         if (end.end == StageEnd::stopped_at) end = try_call(*image.symbol("PJFS_InitServer"), {});
         EXPECT_EQ(end.end, StageEnd::exited);
-        EXPECT_NE(end.exit_code, 0);
-        EXPECT_EQ(console, "\n" + std::string(wrong.text));
+        EXPECT_EQ(end.exit_code, wrong.table == kRange ? 102 : 103);
+        EXPECT_EQ(console, "\n" + wrong.text);
     }
 }
 
