@@ -43,6 +43,17 @@ class Build:
         # What the build system does beside it, for itself.
         return " && ".join(piece for piece in text.split(" && ") if not re.match(r"cd |\S*cmake ", piece))
 
+    def stale(self):
+        """What is newer than the product that is made of it; None: nothing. Mutants linked with it would be another
+        program's."""
+        for product in self.products:
+            made = os.path.getmtime(os.path.join(self.directory, product))
+            for word in shlex.split(self.command(product)):
+                part = os.path.join(self.directory, word)
+                if word.endswith((".o", ".obj", ".a")) and word != product and os.path.getmtime(part) > made:
+                    return part
+        return None
+
     def parser_arguments(self, source):
         """What another compiler has to know to read the source as this one does."""
         command = shlex.split(self.command(self.objects[source][0]))

@@ -37,11 +37,18 @@ class Tree:
         self.builds = building.builds_of(ROOT)
         self.mutants, self.includers = making.make(ROOT, [self.builds["native"], self.builds["arm"]])
 
+    def check_builds(self):
+        for build in self.builds.values():
+            part = build.stale()
+            if part:
+                raise campaign.Refusal(part, "newer than what is made of it", "a build that is complete and stays so")
+
     def bench(self):
         return trying.Workbench(ROOT, self.builds, self.includers)
 
     def attempts(self, mutants, arguments):
         """The results in the order of the mutants."""
+        self.check_builds()
         limits = trying.Limits(self.bench, threading.Lock())
         explained = report.read_explanations(EXPLAINED)
         benches = queue.SimpleQueue()
@@ -52,13 +59,17 @@ class Tree:
             bench = benches.get()
             # What is argued to be equivalent is not taken through minutes of sweeps.
             equivalent = explained.get(mutant.key, "").startswith("equivalent")
-            result = bench.attempt(mutant, limits, "fast" if equivalent else arguments.depth)
-            benches.put(bench)
+            try:
+                result = bench.attempt(mutant, limits, "fast" if equivalent else arguments.depth)
+            finally:
+                benches.put(bench)
             tell(mutant, result)
             return result
 
         with concurrent.futures.ThreadPoolExecutor(arguments.jobs) as pool:
-            return list(pool.map(attempt, mutants))
+            results = list(pool.map(attempt, mutants))
+        self.check_builds()
+        return results
 
     def matching(self, texts):
         return [mutant for mutant in self.mutants

@@ -121,6 +121,14 @@ class Toy(unittest.TestCase):
         with open(os.path.join(self.root, "src/toy.cpp"), encoding="utf-8") as file:
             self.assertEqual(file.read(), TOY)
 
+    def test_tells_a_build_that_is_not_complete(self):
+        self.assertIsNone(self.build.stale())
+        part = os.path.join(self.build.directory, "main.o")
+        time = os.path.getmtime(part)
+        os.utime(part, (time + 60, time + 60))
+        self.assertEqual(self.build.stale(), part)
+        os.utime(part, (time, time))
+
     def test_two_never_share_a_bench(self):
         first, second = self.bench(), self.bench()
         self.assertNotEqual(first.place, second.place)
