@@ -165,6 +165,9 @@ std::vector<Variant> Worn() {
     for (const Row &row : rows)
         variants.push_back({row.label,
                             {.slots = {running, erased},
+                             // Whatever a dead block got from a rescue image would be there beside every state of an
+                             // update.
+                             .new_bootloader = std::string_view(row.label) != "rescue-no-mark",
                              .running_bytes = kThreeBlocks,
                              .update_bytes = kThreeBlocks,
                              .new_rescue = std::string_view(row.label).starts_with("rescue"),
