@@ -115,7 +115,7 @@ TEST(Board, ABrownOutStopsTheChipsFirst) {
             {"NAND", "erase", 0}, [&] { chips.nand.make_factory_bad(7); }, [](Random &) {});
     EXPECT_TRUE(board.supply.on() && !board.supply.chips_on() && !lost);
     EXPECT_FALSE(chips.nand.factory_bad(7));
-    board.clock.advance(5 * kMillisecond);
+    board.clock.advance(50 * kMillisecond);
     EXPECT_TRUE(lost && !board.supply.on());
 }
 

@@ -179,7 +179,7 @@ TEST(Sweep, LossesThatShowLateHaveTheirHoles) {
         {"unstable", {"nand-update/running-erased", "parameters/0-to-1"}, {}},
         {"late", {"nand-update/running-erased", "parameters/1-to-0"}, {{kLatePage, {{"wrong parameters", 3}}}}},
         {"spoiled", {"parameters/0-to-1-used"}, {}},
-        {"brownout", {"nand-update/erased-running", "parameters/0-to-1"}, {}},
+        {"brownout", {"parameters/0-to-1", "parameters/1-to-0"}, {}},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.loss);
