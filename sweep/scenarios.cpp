@@ -391,14 +391,14 @@ bool HoleTakes(std::string_view hole, const Judgement &judgement, const Struck &
     // images that fit slot 1 alone; the EEPROM pages of the record that the checksum is over.
     const std::vector<ByteRange> shared = {{0x203E20, 0x204240}, {0x403E60, 0x404280}};
     const std::vector<ByteRange> last_of_slot_1 = {{0x7FE0, 0x8400}, {0x3FFBE0, 0x404280}};
-    const auto range_of = [](Medium medium, unsigned slot) {
-        const Slot &place = SlotsOf(medium).bootloader[slot];
+    const auto range_of = [](Medium medium, const Slot &place) {
         // An operation is known by where its page begins.
         const std::uint32_t page = PageOf(medium);
         return std::vector<ByteRange>{{place.address / page * page, place.address + place.capacity}};
     };
-    const auto slot_0_of = [&](Medium medium) { return range_of(medium, 0); };
-    const auto slot_1_of = [&](Medium medium) { return range_of(medium, 1); };
+    const auto slot_0_of = [&](Medium medium) { return range_of(medium, SlotsOf(medium).bootloader[0]); };
+    const auto slot_1_of = [&](Medium medium) { return range_of(medium, SlotsOf(medium).bootloader[1]); };
+    const auto record_of = [&](Medium medium) { return range_of(medium, SlotsOf(medium).record); };
     const std::vector<CutMoment> kUnsure = {CutMoment::unstable, CutMoment::late};
     // A hole explains its own damage and no other: any further outcome is a finding, in its variants too.
     static const Hole kHoles[] = {
@@ -433,6 +433,8 @@ bool HoleTakes(std::string_view hole, const Judgement &judgement, const Struck &
         {kOldReturns, {Outcome::restless}, false, "DataFlash", {}, "", kUnsure},
         {kOldReturns, {Outcome::wrong_bootloader}, false, "NAND", {}, kStillOld, kUnsure},
         {kOldReturns, {Outcome::wrong_bootloader}, false, "DataFlash", {}, kStillOld, kUnsure},
+        {kUnsureRecord, {Outcome::wrong_rescue}, false, "NAND", record_of(Medium::nand), "", kUnsure},
+        {kUnsureRecord, {Outcome::wrong_rescue}, false, "DataFlash", record_of(Medium::dataflash), "", kUnsure},
         {kLatePage, {Outcome::wrong_parameters}, false, "EEPROM", {}, "", {CutMoment::late}},
         {kRotten, {Outcome::no_bootloader, Outcome::wrong_rescue, Outcome::wrong_parameters}, true},
     };

@@ -27,6 +27,8 @@ inline constexpr const char *kTwoWhole =
     "two losses: a new image that reads whole and is not, and then the old one is erased to make room";
 inline constexpr const char *kOldReturns =
     "a slot with cells between two levels: the old bootloader comes back for a start, and updates again";
+inline constexpr const char *kUnsureRecord =
+    "a version record with cells between two levels: where it reads right it stays, and may read wrong later";
 inline constexpr const char *kLatePage =
     "a parameter page cut late: it reads whole once, the good sector is cleaned, and then it decays";
 

@@ -317,7 +317,7 @@ const char *HoleOf(const Variant &variant, const Judgement &judgement, const Str
     if (judgement.hole) holes = {judgement.hole};
     // What comes out well belongs to the variant's own hole; those of unstable cells may be met anywhere.
     if (judgement.outcome == Outcome::good) return holes.empty() ? nullptr : holes.front();
-    holes.insert(holes.end(), {kTwoWhole, kOldReturns, kLatePage});
+    holes.insert(holes.end(), {kTwoWhole, kOldReturns, kUnsureRecord, kLatePage});
     const auto takes = [&](const char *one) { return HoleTakes(one, judgement, struck); };
     const auto hole = std::find_if(holes.begin(), holes.end(), takes);
     return hole == holes.end() ? nullptr : *hole;
