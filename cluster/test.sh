@@ -91,6 +91,8 @@ wait "$array"
 grep -q '^round 2: parts 2$' "$here/array.log" || {
     echo "the killed task was not run again:" >&2; cat "$here/array.log" >&2; exit 1; }
 sed -n '/^{/,$p' "$here/array.log" >"$here/merged.json"
-for one in one merged; do grep -v 'processor_seconds\|peak_kilobytes\|"command"' "$here/$one.json" >"$here/$one.same"; done
+for one in one merged; do
+    grep -v 'processor_seconds\|peak_kilobytes\|"command"' "$here/$one.json" >"$here/$one.same"
+done
 cmp "$here/one.same" "$here/merged.same"
 echo "what was merged from 8 parts is what one run gives: $(grep -c . "$here/one.same") lines but for the seconds"
