@@ -167,7 +167,6 @@ void Skips::leave_out_each(const std::vector<Skip> &skips,
                 take(skips[next], text, death);
             }
             if (mine || next < skips.size()) return whole();
-            machine.board().supply.interceptor = nullptr;
             machine.board().supply.fail(); // all copies have gone on
         };
     };

@@ -165,7 +165,7 @@ TEST_P(Boots, EndInAVerdict) {
         {"patient watchdog", nothing_new, 16 * kSecond, false, "launched "},
         {"impatient watchdog", nothing_new, 100 * kMillisecond, false, "reset loop watchdog, after a look at "},
         {"busy NAND", busy_nand, 0, false, "hang PIOA.PDSR"},
-        {"busy NAND, watchdog", busy_nand, 2 * kSecond, false, "reset loop watchdog, after a look at PIOA.PDSR"},
+        {"busy NAND, watchdog", busy_nand, kSecond, false, "reset loop watchdog, after a look at PIOA.PDSR"},
         {"busy DataFlash, watchdog", two_pages, kSecond, true, "reset loop watchdog, after a look at SPI0."},
         {"busy DataFlash", two_pages, 0, true, "launched "},
     };

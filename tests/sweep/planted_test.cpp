@@ -60,8 +60,12 @@ constexpr Plant kPlants[] = {
     {"writes_over_the_good_slot", "nand-update/running-erased:10t", Outcome::no_bootloader},
 };
 
-void Expect(Outcome outcome, const char *found_by, const std::filesystem::path &builds) {
-    const Judgement judgement = RunCase(ParseCase(found_by).value(), ProcessorKind::arm, SweepFirmware(builds));
+// The one case that looks at every block of the chip: emulated, it takes as long as all others together.
+constexpr std::string_view kWholeChip = "nand-no-room/no-block";
+
+void Expect(Outcome outcome, const char *found_by, const std::filesystem::path &builds,
+            ProcessorKind processor = ProcessorKind::arm) {
+    const Judgement judgement = RunCase(ParseCase(found_by).value(), processor, SweepFirmware(builds));
     EXPECT_STREQ(NameOf(judgement.outcome), NameOf(outcome)) << builds << ": " << judgement.detail;
 }
 
@@ -80,7 +84,9 @@ class AllPlanted : public testing::TestWithParam<std::size_t> {};
 TEST_P(AllPlanted, CasesPassWithoutThem) {
     std::set<std::string_view> cases;
     for (const Plant &plant : kPlants)
-        if (cases.insert(plant.found_by).second) Expect(Outcome::good, plant.found_by, FirmwareDirectory() / "fixed");
+        if (cases.insert(plant.found_by).second)
+            Expect(Outcome::good, plant.found_by, FirmwareDirectory() / "fixed",
+                   plant.found_by == kWholeChip ? ProcessorKind::host : ProcessorKind::arm);
 }
 
 TEST_P(AllPlanted, MistakesAreTried) {

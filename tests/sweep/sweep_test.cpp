@@ -176,7 +176,7 @@ TEST(Sweep, LossesThatShowLateHaveTheirHoles) {
         std::vector<std::string> scenarios;
         Holes holes;
     } rows[] = {
-        {"unstable", {"nand-update/running-erased", "parameters/0-to-1"}, {}},
+        {"unstable", {"nand-update/erased-running", "parameters/0-to-1"}, {}},
         {"late", {"nand-update/running-erased", "parameters/1-to-0"}, {{kLatePage, {{"wrong parameters", 3}}}}},
         {"spoiled", {"parameters/0-to-1-used"}, {}},
         {"brownout", {"parameters/0-to-1", "parameters/1-to-0"}, {}},
