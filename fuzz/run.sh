@@ -35,16 +35,21 @@ run() {
     fi
 }
 
-# Reads such lines, those of one target after each other, and prints COLUMNS of the table. Ends with 1 where one has
+heads() {
+    case "$1" in
+    5) printf '%-12s %10s %8s %8s %8s\n' target runs seconds covered corpus ;;
+    3) printf '%-12s %10s %8s\n' target runs seconds ;;
+    esac
+}
+
+# Reads such lines, those of one target after each other, and prints COLUMNS of their rows. Ends with 1 where one has
 # found something.
-table() {
+rows() {
     awk -v columns="$1" '
         function print_row(a, b, c, d, e) {
             if (columns == 5) printf "%-12s %10s %8s %8s %8s\n", a, b, c, d, e
             else printf "%-12s %10s %8s\n", a, b, c
-            fflush()
         }
-        BEGIN { print_row("target", "runs", "seconds", "covered", "corpus") }
         { name = $1; sub("@.*", "", name) }
         name != target { if (target != "" && runs) print_row(target, runs, seconds, covered, corpus)
                          target = name; runs = seconds = covered = corpus = 0 }
@@ -97,7 +102,8 @@ merge() {
     for k in $(seq "${n:-0}"); do
         case " $seen " in *" $k "*) ;; *) refuse "part $k/$n is missing" ;; esac
     done
-    for file; do sed '1,2d;/^end$/d' "$file"; done | LC_ALL=C sort -V | table 3
+    heads 3
+    for file; do sed '1,2d;/^end$/d' "$file"; done | LC_ALL=C sort -V | rows 3
 }
 
 shard= out= seeds=1
@@ -117,6 +123,10 @@ done
 # shellcheck disable=SC2086
 set -- $options
 [ -z "$shard" ] || { part "$@"; exit; }
-for corpus in fuzz/corpus/*; do
-    run "$(basename "$corpus")" "$(basename "$corpus")" "build/fuzz/corpus/$(basename "$corpus")" "$@"
-done | table 5
+heads 5
+result=0
+for corpus in fuzz/corpus/*; do # a row as soon as its target is done
+    name=$(basename "$corpus")
+    run "$name" "$name" "build/fuzz/corpus/$name" "$@" | rows 5 || result=1
+done
+exit $result

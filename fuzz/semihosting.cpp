@@ -27,7 +27,7 @@ const std::filesystem::path &GuestVolume() {
     static const std::filesystem::path directory = [] {
         ScratchFile("semihosting/volume/guest/file", AsBytes(kContent));
         const std::filesystem::path secret = ScratchFile("semihosting/secret", AsBytes(kSecret));
-        const std::filesystem::path volume = ModuleBoard::volume() / "semihosting/volume";
+        std::filesystem::path volume = ModuleBoard::volume() / "semihosting/volume";
         std::filesystem::create_symlink(secret, volume / "guest/link");
         return volume;
     }();

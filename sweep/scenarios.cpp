@@ -366,6 +366,63 @@ std::vector<Variant> Holes() {
 constexpr unsigned kHostileBoards = 500;
 constexpr std::string_view kAnotherBlock = ": another block is erased than the one that was meant";
 
+// What is known to go wrong, where, and what comes of it.
+struct Hole {
+    std::string_view name;
+    std::vector<Outcome> outcomes;
+    bool uncut = false;               // the run without a cut ends so too, and then every cut of it may
+    const char *chip = nullptr;       // that the cut has to strike; null: any
+    std::vector<ByteRange> at = {};   // and where; empty: anywhere
+    const char *said = "";            // part of what the judge says
+    std::vector<CutMoment> left = {}; // what that cut has to leave; empty: anything
+    std::vector<ByteRange> then = {}; // where a cut after it has to strike; empty: none need come
+};
+
+std::vector<Hole> MakeHoles() {
+    using enum Outcome;
+    const std::vector<CutMoment> unsure = {CutMoment::unstable, CutMoment::late};
+    // A hole explains its own damage and no other: any further outcome is a finding, in its variants too.
+    std::vector<Hole> holes = {
+        {kPushedOn, {no_bootloader, wrong_rescue}, true},
+        {kWornRecord, {no_bootloader, wrong_rescue}, true},
+        // The pages that two slots share, and the page that is rewritten to retire slot 0.
+        {kSharedPage, {no_bootloader, wrong_rescue}, false, "DataFlash", {{0x203E20, 0x204240}, {0x403E60, 0x404280}}},
+        // The last pages of the images that fit slot 1 alone.
+        {kFitsOneSlot, {wrong_bootloader}, false, "DataFlash", {{0x7FE0, 0x8400}, {0x3FFBE0, 0x404280}}},
+        {kNoMark, {wrong_rescue}, true},
+        // Each loss in the middle of the mark costs one of the programs that a page bears.
+        {kMarkTornOften, {violation}, false, "NAND", {}, "page 0 programmed too often without an erase"},
+        // The pages of the record that the checksum is over.
+        {kEqualSum, {wrong_parameters}, false, "EEPROM", {{0, 0x20}}},
+        {kFailingNand, {no_bootloader}, true},
+        {kOtherVersion, {reset_loop}, true},
+        {kTwoBanksFight, {reset_loop}, true},
+        {kLatePage, {wrong_parameters}, false, "EEPROM", {}, "", {CutMoment::late}},
+        {kRotten, {no_bootloader, wrong_rescue, wrong_parameters}, true},
+    };
+    for (const Medium medium : {Medium::nand, Medium::dataflash}) {
+        const char *chip = medium == Medium::nand ? "NAND" : "DataFlash";
+        const SlotTable &slots = SlotsOf(medium);
+        const auto range_of = [medium](const Slot &place) {
+            // An operation is known by where its page begins.
+            const std::uint32_t page = PageOf(medium);
+            return std::vector<ByteRange>{{place.address / page * page, place.address + place.capacity}};
+        };
+        holes.push_back({kTwoWhole,
+                         {no_bootloader},
+                         false,
+                         chip,
+                         range_of(slots.bootloader[1]),
+                         "",
+                         unsure,
+                         range_of(slots.bootloader[0])});
+        holes.push_back({kOldReturns, {restless}, false, chip, {}, "", unsure});
+        holes.push_back({kOldReturns, {wrong_bootloader}, false, chip, {}, kStillOld, unsure});
+        holes.push_back({kUnsureRecord, {wrong_rescue}, false, chip, range_of(slots.record), "", unsure});
+    }
+    return holes;
+}
+
 } // namespace
 
 std::vector<Variant> HostileBoards(unsigned count) {
@@ -377,67 +434,7 @@ std::vector<Variant> HostileBoards(unsigned count) {
 }
 
 bool HoleTakes(std::string_view hole, const Judgement &judgement, const Struck &struck) {
-    struct Hole {
-        std::string_view name;
-        std::vector<Outcome> outcomes;
-        bool uncut;                       // the run without a cut ends so too, and then every cut of it may
-        const char *chip = nullptr;       // that the cut has to strike; null: any
-        std::vector<ByteRange> at = {};   // and where; empty: anywhere
-        const char *said = "";            // part of what the judge says
-        std::vector<CutMoment> left = {}; // what that cut has to leave; empty: anything
-        std::vector<ByteRange> then = {}; // where a cut after it has to strike; empty: none need come
-    };
-    // The DataFlash pages that two slots share, the page that is rewritten to retire slot 0, and the last pages of the
-    // images that fit slot 1 alone; the EEPROM pages of the record that the checksum is over.
-    const std::vector<ByteRange> shared = {{0x203E20, 0x204240}, {0x403E60, 0x404280}};
-    const std::vector<ByteRange> last_of_slot_1 = {{0x7FE0, 0x8400}, {0x3FFBE0, 0x404280}};
-    const auto range_of = [](Medium medium, const Slot &place) {
-        // An operation is known by where its page begins.
-        const std::uint32_t page = PageOf(medium);
-        return std::vector<ByteRange>{{place.address / page * page, place.address + place.capacity}};
-    };
-    const auto slot_0_of = [&](Medium medium) { return range_of(medium, SlotsOf(medium).bootloader[0]); };
-    const auto slot_1_of = [&](Medium medium) { return range_of(medium, SlotsOf(medium).bootloader[1]); };
-    const auto record_of = [&](Medium medium) { return range_of(medium, SlotsOf(medium).record); };
-    const std::vector<CutMoment> kUnsure = {CutMoment::unstable, CutMoment::late};
-    // A hole explains its own damage and no other: any further outcome is a finding, in its variants too.
-    static const Hole kHoles[] = {
-        {kPushedOn, {Outcome::no_bootloader, Outcome::wrong_rescue}, true},
-        {kWornRecord, {Outcome::no_bootloader, Outcome::wrong_rescue}, true},
-        {kSharedPage, {Outcome::no_bootloader, Outcome::wrong_rescue}, false, "DataFlash", shared},
-        {kFitsOneSlot, {Outcome::wrong_bootloader}, false, "DataFlash", last_of_slot_1},
-        {kNoMark, {Outcome::wrong_rescue}, true},
-        // Each loss in the middle of the mark costs one of the programs that a page bears.
-        {kMarkTornOften, {Outcome::violation}, false, "NAND", {}, "page 0 programmed too often without an erase"},
-        {kEqualSum, {Outcome::wrong_parameters}, false, "EEPROM", {{0, 0x20}}},
-        {kFailingNand, {Outcome::no_bootloader}, true},
-        {kOtherVersion, {Outcome::reset_loop}, true},
-        {kTwoBanksFight, {Outcome::reset_loop}, true},
-        {kTwoWhole,
-         {Outcome::no_bootloader},
-         false,
-         "NAND",
-         slot_1_of(Medium::nand),
-         "",
-         kUnsure,
-         slot_0_of(Medium::nand)},
-        {kTwoWhole,
-         {Outcome::no_bootloader},
-         false,
-         "DataFlash",
-         slot_1_of(Medium::dataflash),
-         "",
-         kUnsure,
-         slot_0_of(Medium::dataflash)},
-        {kOldReturns, {Outcome::restless}, false, "NAND", {}, "", kUnsure},
-        {kOldReturns, {Outcome::restless}, false, "DataFlash", {}, "", kUnsure},
-        {kOldReturns, {Outcome::wrong_bootloader}, false, "NAND", {}, kStillOld, kUnsure},
-        {kOldReturns, {Outcome::wrong_bootloader}, false, "DataFlash", {}, kStillOld, kUnsure},
-        {kUnsureRecord, {Outcome::wrong_rescue}, false, "NAND", record_of(Medium::nand), "", kUnsure},
-        {kUnsureRecord, {Outcome::wrong_rescue}, false, "DataFlash", record_of(Medium::dataflash), "", kUnsure},
-        {kLatePage, {Outcome::wrong_parameters}, false, "EEPROM", {}, "", {CutMoment::late}},
-        {kRotten, {Outcome::no_bootloader, Outcome::wrong_rescue, Outcome::wrong_parameters}, true},
-    };
+    static const std::vector<Hole> kHoles = MakeHoles();
     const auto within = [](const std::vector<ByteRange> &ranges, std::uint32_t address) {
         return ranges.empty() || std::any_of(ranges.begin(), ranges.end(), [=](const ByteRange &range) {
                    return range.begin <= address && address < range.end;

@@ -109,9 +109,7 @@ private:
         tally_.cuts += snapshots.size();
         check(snapshots);
         for (const Snapshot &snapshot : snapshots) {
-            if (snapshot.cut.moment == CutMoment::brownout)
-                tally(snapshot.chips, {snapshot.cut}, struck_by({snapshot}));
-            else if (pairs)
+            if (pairs && snapshot.cut.moment != CutMoment::brownout)
                 sweep_second(snapshot, most == 0 ? 0 : (most + level - 1) / level);
             else
                 tally(snapshot.chips, {snapshot.cut}, struck_by({snapshot}));

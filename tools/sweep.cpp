@@ -269,6 +269,32 @@ int Merge(const SweepCall &call) {
     return Show(call, "sweep merge", whole.call, campaign, campaign.results(whole.units));
 }
 
+void AddClosureOptions(Command &command, SweepCall &call) {
+    command.add_flag("--closure", call.asked.closure,
+                     "any number of losses: follow every state that the chips can reach, until none is new");
+    command.add_option("--ways", call.asked.ways, "for a closure, ways of tearing each operation")
+        ->check(WholeNumber(1, 64))
+        ->capture_default_str();
+    command
+        .add_option("--near", call.asked.near,
+                    "for a closure, cut only this many operations on each side of a change of kind or block [all]")
+        ->check(WholeNumber(1, 1'000'000));
+    command
+        .add_option("--most-states", call.asked.most_states,
+                    "for a closure, states after which to give up on a variant as not closed [no limit]")
+        ->check(WholeNumber(1, 1'000'000'000));
+    command.add_flag("--exact", call.asked.exact,
+                     "for a closure, make another in which every byte counts, and compare");
+    command
+        .add_option("--edges", call.edges,
+                    "for a closure, write its steps from state to state to this file, for the protocol's model")
+        ->type_name("FILE");
+    command
+        .add_option("--follow", call.follow,
+                    "find the case that follows the trail of the protocol's model in this file")
+        ->type_name("FILE");
+}
+
 } // namespace
 
 void AddSweepCommand(Command &app, int &exit_status) {
@@ -298,28 +324,7 @@ void AddSweepCommand(Command &app, int &exit_status) {
         ->capture_default_str();
     command->add_flag("--skip", asked.skips,
                       "no losses: leave out one instruction of the update on the ARM image; --sample says how many");
-    command->add_flag("--closure", asked.closure,
-                      "any number of losses: follow every state that the chips can reach, until none is new");
-    command->add_option("--ways", asked.ways, "for a closure, ways of tearing each operation")
-        ->check(WholeNumber(1, 64))
-        ->capture_default_str();
-    command
-        ->add_option("--near", asked.near,
-                     "for a closure, cut only this many operations on each side of a change of kind or block [all]")
-        ->check(WholeNumber(1, 1'000'000));
-    command
-        ->add_option("--most-states", asked.most_states,
-                     "for a closure, states after which to give up on a variant as not closed [no limit]")
-        ->check(WholeNumber(1, 1'000'000'000));
-    command->add_flag("--exact", asked.exact, "for a closure, make another in which every byte counts, and compare");
-    command
-        ->add_option("--edges", call->edges,
-                     "for a closure, write its steps from state to state to this file, for the protocol's model")
-        ->type_name("FILE");
-    command
-        ->add_option("--follow", call->follow,
-                     "find the case that follows the trail of the protocol's model in this file")
-        ->type_name("FILE");
+    AddClosureOptions(*command, *call);
     command->add_option("--firmware", call->firmware, "directory of the bootloader's builds [beside this program]")
         ->type_name("DIR");
     command->add_option("--jobs", call->jobs, "worker processes")->check(WholeNumber(1, 256))->capture_default_str();
