@@ -625,9 +625,8 @@ void Predictor::loop_found(std::size_t first) {
 void Predictor::look_ahead() {
     if (board_.unstrapped_nand)
         warn("nand-without-strap", "NAND",
-             "holds a bootloader, and no strap is fitted: the file system takes the whole chip, and may format it, "
-             "slots "
-             "included",
+             "holds a bootloader, and no strap is fitted: the file system takes the whole chip, slots included, and "
+             "may format it",
              "fit the strap before the board is started at all");
     for (const Problem &warning : ExamineFlash(board_.flash).warnings)
         warn(warning.id, warning.where.empty() ? Chip(nand_) : warning.where,

@@ -196,9 +196,11 @@ private:
         return cuts;
     }
 
+    // What the cuts of that history struck.
     std::vector<ChipOperation> struck(std::size_t n) const {
         std::vector<ChipOperation> operations;
         for (; states_[n].losses > 0; n = states_[n].parent) operations.push_back(states_[n].loss.operation);
+        std::reverse(operations.begin(), operations.end());
         return operations;
     }
 
