@@ -464,8 +464,8 @@ bool HoleTakes(std::string_view hole, const Judgement &judgement, const Struck &
 }
 
 std::string AstrayHole(Outcome outcome, std::string_view routine) {
-    // Where the number of a block is made, or its mark is read: with the one wrong, or the other, the driver erases the
-    // other copy's block.
+    // Where what is left to write is counted, a short write runs on over the slots; where a mark is read, the record's
+    // block passes for bad, and the record is written to the next one.
     static constexpr std::string_view kMisled[] = {"CheckBlock", "NandBus_Take8", "NandFlash_Write",
                                                    "__aeabi_uidivmod"};
     switch (outcome) {
