@@ -63,6 +63,23 @@ private:
     std::span<Progress> progress_;
 };
 
+// Of this process's own time, so that a busy machine ends no case. Its signal ends the process; 0 seconds: never.
+void EndAfter(unsigned seconds) {
+    const itimerval limit{{0, 0}, {static_cast<time_t>(seconds), 0}};
+    setitimer(ITIMER_PROF, &limit, nullptr);
+}
+
+std::string NoEnd(unsigned seconds) { return fmt::format("no end after {} seconds of processor time", seconds); }
+
+// Made before the signal comes: its handler can make nothing.
+std::string limit_message;
+
+extern "C" void TellTheCase(int) {
+    [[maybe_unused]] const ssize_t told = write(STDERR_FILENO, limit_message.data(), limit_message.size());
+    // Not this one again: files are cleared away where a process has used up its time.
+    std::raise(SIGXCPU);
+}
+
 class Notes : public JobNotes {
 public:
     Notes(Progress &progress, unsigned case_seconds) : progress_(progress), case_seconds_(case_seconds) {}
@@ -77,9 +94,7 @@ public:
         const std::size_t length = std::min(name.size(), sizeof progress_.at - 1);
         std::memcpy(progress_.at, name.data(), length);
         progress_.at[length] = 0;
-        // Of this process's own time, so that a busy machine ends no case; its signal ends the process.
-        const itimerval limit{{0, 0}, {static_cast<time_t>(case_seconds_), 0}};
-        setitimer(ITIMER_PROF, &limit, nullptr);
+        EndAfter(case_seconds_);
     }
     void begin() { counted_ = 0; }
 
@@ -156,7 +171,7 @@ bool Read(Worker &worker, const std::function<void(std::size_t, const std::strin
 
 std::string ReasonOf(int status, unsigned case_seconds) {
     if (!WIFSIGNALED(status)) return fmt::format("status {}", WEXITSTATUS(status));
-    if (WTERMSIG(status) == SIGPROF) return fmt::format("no end after {} seconds of processor time", case_seconds);
+    if (WTERMSIG(status) == SIGPROF) return NoEnd(case_seconds);
     return strsignal(WTERMSIG(status));
 }
 
@@ -169,8 +184,10 @@ ForkedCopy::ForkedCopy(unsigned seconds) : seconds_(seconds) {
     if (process_ < 0) throw std::runtime_error("no copy of the process can be made");
     close(ends[process_ != 0]);
     pipe_ = ends[process_ == 0];
-    const itimerval limit{{0, 0}, {static_cast<time_t>(seconds_), 0}};
-    if (process_ == 0) setitimer(ITIMER_PROF, &limit, nullptr);
+    if (process_ != 0) return;
+    // A copy's end is told by whoever waits for it.
+    std::signal(SIGPROF, SIG_DFL);
+    EndAfter(seconds_);
 }
 
 void ForkedCopy::finish(const std::string &text) {
@@ -189,6 +206,17 @@ std::pair<std::string, std::string> ForkedCopy::wait() {
     int status = 0;
     waitpid(process_, &status, 0);
     return {text, status == 0 ? "" : ReasonOf(status, seconds_)};
+}
+
+CaseLimit::CaseLimit(const std::string &name, unsigned seconds) {
+    limit_message = fmt::format("fixture: {}: {}\n", name, NoEnd(seconds));
+    std::signal(SIGPROF, TellTheCase);
+    EndAfter(seconds);
+}
+
+CaseLimit::~CaseLimit() {
+    EndAfter(0);
+    std::signal(SIGPROF, SIG_DFL);
 }
 
 double ProcessorSeconds() {

@@ -29,7 +29,7 @@ struct JobProgress {
     double seconds;
 };
 
-// A program that loops natively and touches no register stops for nobody: its worker is ended after so many seconds of
+// A program that loops natively and touches no register stops for nobody: its process is ended after so many seconds of
 // processor time. Cases take seconds.
 inline constexpr unsigned kCaseSeconds = 600;
 
@@ -65,6 +65,18 @@ private:
     int process_ = -1;
     int pipe_ = -1;
     unsigned seconds_;
+};
+
+// Ends this process where one case takes too long in it, and names the case on standard error. Unfinished files go, as
+// with any signal that ends a process. One at a time; destruction lifts it.
+//
+//   const CaseLimit limit(name);
+class CaseLimit {
+public:
+    explicit CaseLimit(const std::string &name, unsigned seconds = kCaseSeconds);
+    ~CaseLimit();
+    CaseLimit(const CaseLimit &) = delete;
+    CaseLimit &operator=(const CaseLimit &) = delete;
 };
 
 // Of this process so far, and of its copies that have ended. Two processes on one core do not take twice as many.

@@ -14,7 +14,7 @@ CaseId Parse(const std::string &name) {
 } // namespace
 
 Replay::Replay(const std::string &name, std::optional<unsigned> power_up, ProcessorKind processor)
-    : id_(Parse(name)), firmware_(FirmwareDirectory()), world_(WorldOf(id_, firmware_)),
+    : id_(Parse(name)), limit_(name), firmware_(FirmwareDirectory()), world_(WorldOf(id_, firmware_)),
       sweeper_(world_, processor, firmware_),
       power_up_(power_up.value_or(id_.skipped ? 1 : static_cast<unsigned>(id_.cuts.size()))) {
     if (id_.skipped) {

@@ -7,6 +7,7 @@
 
 #include "sweep/scenarios.h"
 #include "sweep/skips.h"
+#include "sweep/workers.h"
 
 #include <optional>
 #include <string>
@@ -16,7 +17,8 @@ namespace fixture {
 class Replay {
 public:
     // Everything up to power-up number `power_up` happens at once; left out, that is the first one after the cuts.
-    // Throws Refusal where there is no such case, or a cut of it does not come.
+    // Throws Refusal where there is no such case, or a cut of it does not come. From here on the process has so long
+    // as a case has in a sweep (CaseLimit).
     Replay(const std::string &name, std::optional<unsigned> power_up, ProcessorKind processor);
 
     Chips chips; // as that power-up finds them
@@ -30,6 +32,7 @@ private:
     void begin_astray(ProcessorKind processor);
 
     CaseId id_;
+    CaseLimit limit_;
     SweepFirmware firmware_;
     World world_;
     Sweeper sweeper_;

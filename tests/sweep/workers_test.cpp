@@ -35,4 +35,14 @@ TEST(Workers, AreEndedWhereTheyDoNotEnd) {
     }
 }
 
+TEST(Workers, ACaseByItselfIsEndedToo) {
+    const auto loop = [] {
+        const CaseLimit limit("a/b:1t", 1);
+        for (volatile bool endless = true; endless;) {
+        }
+    };
+    EXPECT_EXIT(loop(), testing::KilledBySignal(SIGXCPU),
+                "^fixture: a/b:1t: no end after 1 seconds of processor time\n$");
+}
+
 } // namespace fixture
