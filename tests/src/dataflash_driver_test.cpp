@@ -74,12 +74,7 @@ TEST_P(DataflashDriver, WithoutAKnownChipEverythingFails) {
 
 // After each, every byte of the chip is as in a plain array, and the bytes concerned read back.
 TEST_P(DataflashDriver, SendsTheseCommands) {
-    const struct {
-        const char *part;
-        bool is_write;
-        std::uint32_t address, length;
-        const char *log;
-    } rows[] = {
+    const std::tuple<const char *, bool, std::uint32_t, std::uint32_t, const char *> rows[] = {
         {"AT45DB161", false, 0, 0, ""},
         {"AT45DB161", true, 528, 0, ""},
         {"AT45DB161", false, 5 * 528 + 7, 100'000,
@@ -100,42 +95,38 @@ TEST_P(DataflashDriver, SendsTheseCommands) {
         {"AT45DB1282", true, 9000 * 1056, 1056, "8400000000+1056 8101194000 8801194000"},
         {"AT45DB1282", false, 9000 * 1056 + 2, 3, "E801194002000000+3"},
     };
-    for (const auto &row : rows) {
+    for (const auto &[part, is_write, address, length, log] : rows) {
         Chips chips;
-        At45Contents &expected = chips.dataflash = At45Contents(*FindAt45Part(row.part));
+        At45Contents &expected = chips.dataflash = At45Contents(*FindAt45Part(part));
         expected.write(0, Noise(expected.bytes()));
         Dataflash flash(GetParam(), chips);
         ASSERT_EQ(flash.init(), 0);
-        if (row.is_write) {
-            const Bytes bytes = Noise(row.length, 1);
-            EXPECT_EQ(flash.write(row.address, bytes), 0);
-            EXPECT_EQ(flash.log.commands(), row.log) << row.part << ' ' << row.address;
-            expected.write(row.address, bytes);
-            EXPECT_TRUE(flash.chips.dataflash == expected) << row.part << ' ' << row.address;
+        if (is_write) {
+            const Bytes bytes = Noise(length, 1);
+            EXPECT_EQ(flash.write(address, bytes), 0);
+            EXPECT_EQ(flash.log.commands(), log) << part << ' ' << address;
+            expected.write(address, bytes);
+            EXPECT_TRUE(flash.chips.dataflash == expected) << part << ' ' << address;
         }
-        EXPECT_EQ(flash.read(row.address, row.length), 0);
-        EXPECT_TRUE(row.is_write || flash.log.commands() == row.log) << flash.log.commands();
-        EXPECT_EQ(flash.received(row.length), expected.read(row.address, row.length)) << row.part << ' ' << row.address;
+        EXPECT_EQ(flash.read(address, length), 0);
+        EXPECT_TRUE(is_write || flash.log.commands() == log) << flash.log.commands();
+        EXPECT_EQ(flash.received(length), expected.read(address, length)) << part << ' ' << address;
     }
 }
 
 TEST_P(DataflashDriver, RangesEndWithTheChip) {
     constexpr std::uint32_t kTotal = 4096 * 528;
-    const struct {
-        std::uint32_t address, length;
-        int result;
-    } rows[] = {
+    const std::tuple<std::uint32_t, std::uint32_t, int> rows[] = {
         {kTotal - 1, 1, 0},  {kTotal, 0, 0},       {kTotal, 1, -1},     {kTotal - 1, 2, -1}, {kTotal + 1, 0, -1},
         {0, kTotal + 1, -1}, {16, 0xFFFFFFFF, -1}, {0x0FFFFFFF, 4, -1}, {0x10000000, 4, -1}, {0x20000000, 4, -1},
         {0x3FFFFFFF, 1, -1}, {0xFFFFFFFF, 0, -1},  {0xC0000000, 4, 0},
     };
     Dataflash flash(GetParam(), "AT45DB161");
     ASSERT_EQ(flash.init(), 0);
-    for (const auto &row : rows)
+    for (const auto &[address, length, result] : rows)
         for (const char *routine : {"SDFlash_Read", "SDFlash_Write"}) {
-            EXPECT_EQ(flash.call(routine, row.address, flash.buffer, row.length), row.result)
-                << std::hex << row.address;
-            EXPECT_EQ(flash.log.polls() + flash.log.commands().size() == 0, row.result != 0) << routine;
+            EXPECT_EQ(flash.call(routine, address, flash.buffer, length), result) << std::hex << address;
+            EXPECT_EQ(flash.log.polls() + flash.log.commands().size() == 0, result != 0) << routine;
         }
     EXPECT_EQ(flash.call("AT91SAM926X_ReadDataflash", 0u, 4u, flash.buffer), 1) << "an address without its base";
 }

@@ -12,29 +12,18 @@ std::string Application(const Texts &texts) { return DescriptorElement("MainAppl
 const std::string kBoot = DescriptorElement("SecondaryBootloader", {"loader", ".img", "1.9.1"});
 const std::string kRescue = DescriptorElement("RescueApplication", {"help", "bin", "7"});
 
-class Descriptor : public testing::TestWithParam<Processor> {
+class Descriptor : public OnBoard {
 protected:
     int parse(const std::string &path) {
-        started_.call("PrjDsc_SetPathFilename", started_.scratch_text(path));
-        return static_cast<int>(started_.call("PrjDsc_Parse"));
+        call_with("PrjDsc_SetPathFilename", path);
+        return call("PrjDsc_Parse");
     }
     int parse_text(const std::string &text) {
-        volume_.write("d.xml", text);
+        volume.write("d.xml", text);
         return parse("i:/vol0/d.xml");
     }
-    int type(const std::string &path) {
-        return static_cast<int>(started_.call("PrjDsc_GetFileType", started_.scratch_text(path)));
-    }
-    std::string version(int of) {
-        const std::uint32_t address = started_.call("PrjDsc_GetVersion", of);
-        const void *place =
-            GetParam() == Processor::arm ? started_.at(address) : reinterpret_cast<void *>(std::uintptr_t{address});
-        return static_cast<const char *>(place);
-    }
-
-    TemporaryDirectory volume_;
-    Chips chips_;
-    StartedBoard started_{GetParam(), chips_, volume_.path()};
+    int type(const std::string &path) { return call_with("PrjDsc_GetFileType", path); }
+    std::string version(int of) { return given(call("PrjDsc_GetVersion", of)); }
 };
 BOTH_PROCESSORS(Descriptor);
 
@@ -53,18 +42,14 @@ TEST_P(Descriptor, TypesFilesByWhatStandsInTheirPaths) {
     EXPECT_EQ(parse_text("<P>" + Application({}) + kBoot + "</P>"), 0);
     EXPECT_EQ(type("help.bin"), 4) << "nothing is left of the last descriptor";
     EXPECT_EQ(version(1), "");
-    EXPECT_EQ(started_.console(), "");
+    EXPECT_EQ(started.console(), "");
 }
 
 TEST_P(Descriptor, TakesTextsUpToTheirLimits) {
     const std::string names = "<BaseFileName>demo</BaseFileName><BaseFileExtension/></MainApplication>";
     const std::string dots = "." + std::string(15, 'e');
-    const struct {
-        const char *name;
-        std::string application;
-        int result;
-        std::string matching; // typed as application where the parse is good
-    } rows[] = {
+    // The last text is typed as application where the parse is good.
+    const std::tuple<const char *, std::string, int, std::string> rows[] = {
         {"base name 256", Application({.base = std::string(256, 'b')}), 0, std::string(256, 'b') + ".bin"},
         {"base name 257", Application({.base = std::string(257, 'b')}), -1, ""},
         {"empty base name", Application({.base = ""}), 0, "x.bin"},
@@ -81,11 +66,11 @@ TEST_P(Descriptor, TakesTextsUpToTheirLimits) {
          "old.bin"},
         {"none", "", -1, ""},
     };
-    for (const auto &row : rows) {
-        EXPECT_EQ(parse_text("<P>" + kBoot + row.application + "</P>"), row.result) << row.name;
-        EXPECT_TRUE(row.result != 0 || type("i:/vol0/" + row.matching) == 2) << row.name;
-        EXPECT_EQ(type("i:/vol0/loader.img"), 0) << row.name << ": the bootloader's entry stands in any case";
-        EXPECT_EQ(started_.console(), "") << row.name;
+    for (const auto &[name, application, result, matching] : rows) {
+        EXPECT_EQ(parse_text("<P>" + kBoot + application + "</P>"), result) << name;
+        EXPECT_TRUE(result != 0 || type("i:/vol0/" + matching) == 2) << name;
+        EXPECT_EQ(type("i:/vol0/loader.img"), 0) << name << ": the bootloader's entry stands in any case";
+        EXPECT_EQ(started.console(), "") << name;
     }
     EXPECT_EQ(parse_text("<P>" + Application({}) + "</P>"), -1) << "no bootloader";
 }
@@ -93,17 +78,17 @@ TEST_P(Descriptor, TakesTextsUpToTheirLimits) {
 TEST_P(Descriptor, SaysWhyItCannotBeRead) {
     const std::string missing = "FileSize failed with errno=2\tFatal Error : read file failed with errno=9";
     EXPECT_EQ(parse("i:/vol0/no.xml"), -1);
-    EXPECT_EQ(started_.console(), missing);
+    EXPECT_EQ(started.console(), missing);
     const std::string far = std::string(200, 'd') + "/" + std::string(60, 'f');
-    volume_.write(far, "<P>" + Application({}) + kBoot + "</P>");
+    volume.write(far, "<P>" + Application({}) + kBoot + "</P>");
     EXPECT_EQ(parse("i:/vol0/" + far), -1) << "cut at 256 characters";
-    EXPECT_EQ(started_.console(), missing);
-    volume_.write("large.xml", std::string(5 << 20, ' '));
+    EXPECT_EQ(started.console(), missing);
+    volume.write("large.xml", std::string(5 << 20, ' '));
     EXPECT_EQ(parse("i:/vol0/large.xml"), -1);
-    EXPECT_EQ(started_.console(), "\tFatal Error : read file failed with errno=12") << "larger than the heap";
+    EXPECT_EQ(started.console(), "\tFatal Error : read file failed with errno=12") << "larger than the heap";
     EXPECT_EQ(parse_text(""), -1);
     EXPECT_EQ(parse_text("<P>" + Application({}) + kBoot), -1) << "never closed";
-    EXPECT_EQ(started_.console(), "");
+    EXPECT_EQ(started.console(), "");
 }
 
 } // namespace

@@ -85,9 +85,8 @@ const Conversation kConversations[] = {
     {"both held", "TWIWrite", 0x30, {}, 1, "S 30+ A1+", 1, 1, {}, {{Line::sda, 19}, {Line::scl, 20}}},
 };
 
-class TwoWireBus : public testing::TestWithParam<Processor> {
+class TwoWireBus : public OnBoard {
 protected:
-    StartedBoard started{GetParam()};
     Net &sda = started.board().net('B', 4);
     Net &scl = started.board().net('B', 5);
     I2cMonitor monitor{sda, scl};

@@ -4,7 +4,6 @@
 #include "harness/noise.h"
 #include "tests/processors.h"
 
-#include <cstring>
 #include <fmt/format.h>
 #include <optional>
 
@@ -37,35 +36,25 @@ std::string NoiseText(std::size_t length) {
     return {bytes.begin(), bytes.end()};
 }
 
-class Images : public testing::TestWithParam<Processor> {
+class Images : public OnBoard {
 protected:
-    int ram_checksums(const std::string &image) {
-        return static_cast<int>(started_.call("Validate_RamChecksums", started_.scratch_text(image)));
-    }
+    int ram_checksums(const std::string &image) { return call_with("Validate_RamChecksums", image); }
     void put(std::uint32_t address, const std::string &bytes, Medium medium = Medium::dataflash) {
         const auto *const data = reinterpret_cast<const std::uint8_t *>(bytes.data());
-        if (medium == Medium::dataflash) return chips_.dataflash.write(address, {data, bytes.size()});
-        chips_.nand.erase(address / kNandBlockBytes);
-        chips_.nand.write(address, {data, bytes.size()});
+        if (medium == Medium::dataflash) return chips.dataflash.write(address, {data, bytes.size()});
+        chips.nand.erase(address / kNandBlockBytes);
+        chips.nand.write(address, {data, bytes.size()});
     }
     std::string kept(std::uint32_t address, std::size_t size, Medium medium) {
         const auto length = static_cast<std::uint32_t>(size);
         const Bytes bytes =
-            medium == Medium::nand ? chips_.nand.read(address, length) : chips_.dataflash.read(address, length);
+            medium == Medium::nand ? chips.nand.read(address, length) : chips.dataflash.read(address, length);
         return {bytes.begin(), bytes.end()};
     }
-    int call(const char *routine, std::uint32_t a0, std::uint32_t a1 = 0) {
-        return static_cast<int>(started_.call(routine, a0, a1));
-    }
-
     void SetUp() override {
-        call("NandFlash_if_Init", 0);
-        call("SDFlash_Init", 0);
+        call("NandFlash_if_Init");
+        call("SDFlash_Init");
     }
-
-    TemporaryDirectory volume_;
-    Chips chips_;
-    StartedBoard started_{GetParam(), chips_, volume_.path()};
 };
 BOTH_PROCESSORS(Images);
 
@@ -81,7 +70,7 @@ TEST_P(Images, HaveSumsOverTheBodyAlone) {
             EXPECT_EQ(ram_checksums(changed), -1) << length << " changed at " << at;
         }
     }
-    const auto reference = [&](const char *name) { return static_cast<const char *>(started_.object(name)); };
+    const auto reference = [&](const char *name) { return static_cast<const char *>(started.object(name)); };
     EXPECT_EQ(ram_checksums({reference("TestApplicationData"), 48}), 0);
     EXPECT_EQ(ram_checksums({reference("TestBootData"), 41}), 0);
     EXPECT_STREQ(reference("TestApplicationData"), "Orvalis Luminations");
@@ -95,15 +84,15 @@ TEST_P(Images, AreTakenUpToTheLargestSizeAlone) {
         EXPECT_EQ(ram_checksums(image), result) << size;
         put(kRescueSlot, image);
         EXPECT_EQ(call("Validate_SDFlashImage", kRescueSlot), result) << size;
-        EXPECT_EQ(started_.console(), "") << size;
+        EXPECT_EQ(started.console(), "") << size;
     }
     // What was read is less than what the size field claims, though it may lie in memory from before.
-    const std::uint32_t image = started_.scratch_text(StoredImage("left over"));
+    const std::uint32_t image = started.scratch_text(StoredImage("left over"));
     EXPECT_EQ(call("Validate_LoadedImage", image, 40), -1);
     EXPECT_EQ(call("Validate_LoadedImage", image, 41), 0);
     std::string largest = StoredImage(std::string(0x1000000 - sizeof(Header), '\0'));
     for (const int result : {0, -1}) {
-        std::memcpy(started_.at(kLoadBuffer), largest.data(), largest.size());
+        std::memcpy(started.at(kLoadBuffer), largest.data(), largest.size());
         EXPECT_EQ(call("Validate_RamChecksums", kLoadBuffer), result);
         largest.back() = 1;
     }
@@ -115,11 +104,8 @@ TEST_P(Images, InSlotsAreCheckedByHeaderAndWhole) {
     unterminated[19] = 's';
     other_case[0] = 'o';
     broken.back() ^= 1;
-    const struct {
-        std::string content;
-        int header, whole;
-        const char *on_nand; // what is read and written there; the first look at a block reads its marks
-    } rows[] = {
+    // At last what is read and written on the NAND; the first look at a block reads its marks.
+    const std::tuple<std::string, int, int, const char *> rows[] = {
         {StoredImage(NoiseText(3000)), 0, 0, "r2.0-1 R2.0 R2.0 R2.0-1 R2.0 E2 P2.0 R2.0"},
         {broken, 0, -1, "R2.0 R2.0 R2.0 R2.0 E2 P2.0 R2.0"},
         {unterminated, -1, 0, "R2.0 R2.0 R2.0 R2.0"},
@@ -128,49 +114,49 @@ TEST_P(Images, InSlotsAreCheckedByHeaderAndWhole) {
         {std::string(64, '\0'), -1, -1, "R2.0 R2.0 R2.0"},
     };
     for (const Medium medium : {Medium::nand, Medium::dataflash})
-        for (const auto &row : rows) {
+        for (const auto &[content, header, whole, on_nand] : rows) {
             const std::string validate = medium == Medium::nand ? "Validate_NandFlash" : "Validate_SDFlash";
-            const auto check = [&](const char *what, std::uint32_t at) { return call((validate + what).c_str(), at); };
+            const auto check = [&](const char *what, std::uint32_t at) { return call(validate + what, at); };
             const std::uint32_t slot = SlotsOf(medium).bootloader[0].address;
-            put(slot, row.content, medium);
-            NandLog log(started_.board().bus);
-            std::memset(started_.at(kLoadBuffer), 0x5A, 4096);
-            EXPECT_EQ(check("Header", slot), row.header);
-            EXPECT_EQ(started_.console(),
-                      fmt::format("\t{} header at address 0x{:08x}\n", row.header ? "Invalid" : "Valid", slot));
-            EXPECT_EQ(*started_.at(kLoadBuffer), 0x5A) << "a header check leaves the load buffer alone";
-            EXPECT_EQ(check("Image", slot), row.whole);
+            put(slot, content, medium);
+            NandLog log(started.board().bus);
+            std::memset(started.at(kLoadBuffer), 0x5A, 4096);
+            EXPECT_EQ(check("Header", slot), header);
+            EXPECT_EQ(started.console(),
+                      fmt::format("\t{} header at address 0x{:08x}\n", header ? "Invalid" : "Valid", slot));
+            EXPECT_EQ(*started.at(kLoadBuffer), 0x5A) << "a header check leaves the load buffer alone";
+            EXPECT_EQ(check("Image", slot), whole);
             EXPECT_EQ(check("InvalidateImage", slot), 0);
-            EXPECT_EQ(log.operations(), medium == Medium::nand ? row.on_nand : "");
-            started_.board().bus.observer = nullptr;
-            std::string after = row.content;
-            if (row.header == 0) { // it is retired: on the NAND by a page of zeros
+            EXPECT_EQ(log.operations(), medium == Medium::nand ? on_nand : "");
+            started.board().bus.observer = nullptr;
+            std::string after = content;
+            if (header == 0) { // it is retired: on the NAND by a page of zeros
                 std::memset(after.data(), 0, sizeof(Header));
                 if (medium == Medium::nand)
                     after = std::string(kNandPageBytes, '\0') + std::string(kNandPageBytes, '\xFF');
             }
             EXPECT_EQ(kept(slot, after.size(), medium), after);
-            EXPECT_EQ(started_.console(), "");
+            EXPECT_EQ(started.console(), "");
         }
     EXPECT_EQ(call("Validate_NandFlashHeader", 0xA0000), -1);
-    EXPECT_EQ(started_.console(), "\tInvalid header at address 0x000a0000\n");
+    EXPECT_EQ(started.console(), "\tInvalid header at address 0x000a0000\n");
     const std::string unread = "\tAT91SAM926X_ReadDataflash : Failed with Error=1\n";
     EXPECT_EQ(call("Validate_SDFlashHeader", 0x0FFFFFF0), -1);
-    EXPECT_EQ(started_.console(), unread + "\tSDFlash read header failed\n");
+    EXPECT_EQ(started.console(), unread + "\tSDFlash read header failed\n");
     // The check reads on after an image: one that ends with the chip has a header and cannot be checked.
-    const auto last = static_cast<std::uint32_t>(chips_.dataflash.bytes() - good.size());
+    const auto last = static_cast<std::uint32_t>(chips.dataflash.bytes() - good.size());
     put(last, good);
     for (const auto &[routine, at] :
          {std::pair{"Validate_SDFlashImage", 0x0FFFFFF0u}, std::pair{"Validate_SDFlashInvalidateImage", 0x0FFFFFF0u},
           std::pair{"Validate_SDFlashImage", last}}) {
         EXPECT_EQ(call(routine, at), -1) << routine;
-        EXPECT_EQ(started_.console(), unread) << routine;
+        EXPECT_EQ(started.console(), unread) << routine;
     }
     put(kRescueSlot, good);
     const auto size = static_cast<std::uint32_t>(good.size());
-    const std::uint32_t dataflash = started_.call("Medium_Of", 0);
-    EXPECT_EQ(static_cast<int>(started_.call("Validate_ImageWithin", dataflash, kRescueSlot, size)), 0);
-    EXPECT_EQ(static_cast<int>(started_.call("Validate_ImageWithin", dataflash, kRescueSlot, size - 1)), -1);
+    const std::uint32_t dataflash = started.call("Medium_Of", 0);
+    EXPECT_EQ(call("Validate_ImageWithin", dataflash, kRescueSlot, size), 0);
+    EXPECT_EQ(call("Validate_ImageWithin", dataflash, kRescueSlot, size - 1), -1);
 }
 
 TEST_P(Images, AreCopiedToTheirSlots) {
@@ -179,10 +165,10 @@ TEST_P(Images, AreCopiedToTheirSlots) {
     for (const Medium medium : {Medium::nand, Medium::dataflash}) {
         const SlotTable &slots = SlotsOf(medium);
         const std::string to = medium == Medium::nand ? "_CopyImageToNandFlash" : "_CopyImageToSDFlash";
-        const std::uint32_t image = started_.scratch_text(good + std::string(2048, 'x'));
+        const std::uint32_t image = started.scratch_text(good + std::string(2048, 'x'));
         for (const auto &[routine, slot] :
              {std::pair{"Boot" + to, slots.bootloader[1]}, {"Rescue" + to, slots.rescue}}) {
-            EXPECT_EQ(call(routine.c_str(), image, size), 0) << routine;
+            EXPECT_EQ(call(routine, image, size), 0) << routine;
             EXPECT_EQ(kept(slot.address, good.size(), medium), good) << routine;
         }
     }
@@ -190,76 +176,70 @@ TEST_P(Images, AreCopiedToTheirSlots) {
 
 TEST_P(Images, FilesAreSummedInEveryLength) {
     const auto check = [&](const std::string &bytes, std::uint32_t off_by, std::uint32_t size) {
-        volume_.write("f", bytes);
+        volume.write("f", bytes);
         std::uint32_t sum = off_by;
         for (const char c : bytes) sum += static_cast<std::uint8_t>(c);
-        return static_cast<int>(started_.call("Validate_File", started_.scratch_text("i:/vol0/f"), sum, size));
+        return call("Validate_File", started.scratch_text("i:/vol0/f"), sum, size);
     };
     for (const std::size_t length : {0, 1, 3, 4, 15, 16, 17, 31, 511, 512, 513, 1040, 100'003}) {
         const auto size = static_cast<std::uint32_t>(length);
         EXPECT_EQ(check(NoiseText(length), 0, size), 0) << length;
-        EXPECT_EQ(std::memcmp(started_.at(kLoadBuffer), NoiseText(length).data(), length), 0) << length;
+        EXPECT_EQ(std::memcmp(started.at(kLoadBuffer), NoiseText(length).data(), length), 0) << length;
         EXPECT_EQ(check(std::string(length, '\xFF'), 0, size), 0) << length;
         EXPECT_EQ(check(std::string(length, '\xFF'), 0x10000, size), -1) << length;
-        EXPECT_EQ(started_.console(), "");
+        EXPECT_EQ(started.console(), "");
         EXPECT_EQ(check(NoiseText(length), 0, size + 1), -1);
-        EXPECT_EQ(started_.console(), fmt::format("filesize check {} != {}\n", length + 1, length));
+        EXPECT_EQ(started.console(), fmt::format("filesize check {} != {}\n", length + 1, length));
     }
-    const std::uint32_t missing = started_.scratch_text("i:/vol0/none");
+    const std::uint32_t missing = started.scratch_text("i:/vol0/none");
     EXPECT_EQ(call("Validate_File", missing), -1);
-    EXPECT_EQ(started_.console(), "");
+    EXPECT_EQ(started.console(), "");
     for (const char *load : {"Boot_LoadImageIntoMemory", "Rescue_LoadImageIntoMemory"}) {
         EXPECT_EQ(call(load, missing, kLoadBuffer), -1);
-        EXPECT_EQ(started_.console(),
+        EXPECT_EQ(started.console(),
                   "FileSize failed with errno=2\tFatal Error : unable to load bootloader into ram\n");
     }
     for (const std::string image : {"Boot", "Rescue"}) {
-        call((image + "_SetPathFilename").c_str(), missing);
-        EXPECT_EQ(call((image + "_Store").c_str(), image == "Boot" ? 0 : missing), -1);
-        EXPECT_EQ(started_.console(),
+        call(image + "_SetPathFilename", missing);
+        EXPECT_EQ(call(image + "_Store", image == "Boot" ? 0 : missing), -1);
+        EXPECT_EQ(started.console(),
                   "FileSize failed with errno=2\tFatal Error : unable to load bootloader into ram\n");
     }
 }
 
 TEST_P(Images, FilesAreTakenUpToTheLoadBufferAndWhole) {
-    const std::uint32_t file = started_.scratch_text("i:/vol0/f");
+    const std::uint32_t file = started.scratch_text("i:/vol0/f");
     // The second one is negative to its reader; semihosting has no such file.
     for (const std::uint32_t size : {0x1000001u, 0x80000000u}) {
         if (size == 0x80000000 && GetParam() == Processor::arm) continue;
-        std::filesystem::resize_file(volume_.write("f", ""), size);
-        EXPECT_EQ(static_cast<int>(started_.call("Validate_File", file, 0, size)), -1);
+        std::filesystem::resize_file(volume.write("f", ""), size);
+        EXPECT_EQ(call("Validate_File", file, 0, size), -1);
         EXPECT_EQ(call("Boot_LoadImageIntoMemory", file, kLoadBuffer), -1);
-        EXPECT_EQ(started_.console(), "");
+        EXPECT_EQ(started.console(), "");
     }
     // It shrinks after its size was asked for.
-    const std::filesystem::path shrinking = volume_.write("f", std::string(5000, '\0'));
-    started_.machine().observer = [&](EventKind, const std::string &, const std::string &what) {
+    const std::filesystem::path shrinking = volume.write("f", std::string(5000, '\0'));
+    started.machine().observer = [&](EventKind, const std::string &, const std::string &what) {
         if (what.starts_with("close")) std::filesystem::resize_file(shrinking, 100);
     };
-    EXPECT_EQ(static_cast<int>(started_.call("Validate_File", file, 0, 5000)), -1);
-    started_.machine().observer = nullptr;
+    EXPECT_EQ(call("Validate_File", file, 0, 5000), -1);
+    started.machine().observer = nullptr;
 }
 
 TEST_P(Images, BanksNeedTheirTexts) {
-    const struct {
-        const char *routine;
-        std::string bank, printed;
-    } rows[] = {
+    const std::tuple<const char *, std::string, std::string> rows[] = {
         {"Validate_BankContent", "i:/vol0/none/", ""},
         {"Validate_BankContent", std::string(256 - 15, 'x'), ""}, // with the manifest's name too long by one
         {"Validate_Bank", std::string(256 - 25, 'x'), "error processing project descriptor file\n"},
     };
     for (const auto &[routine, bank, printed] : rows) {
-        EXPECT_EQ(call(routine, started_.scratch_text(bank)), -1) << bank;
-        EXPECT_EQ(started_.console(), printed);
+        EXPECT_EQ(call(routine, started.scratch_text(bank)), -1) << bank;
+        EXPECT_EQ(started.console(), printed);
     }
 }
 
 TEST_P(Images, AreNewWhereTheirVersionTextDiffers) {
-    const struct {
-        std::string stored, in_bank;
-        bool is_new;
-    } rows[] = {
+    const std::tuple<std::string, std::string, bool> rows[] = {
         {std::string(16, '\xFF'), "1.0", true},
         {"1.0", "1.0", false},
         {"1.0.1", "1.0", true},
@@ -271,21 +251,20 @@ TEST_P(Images, AreNewWhereTheirVersionTextDiffers) {
         {"Orvalis Luminati", "1.0", false}, // a bootloader lies where the record should be
         {"Orvalis Luminat", "1.0", true},
     };
-    const std::uint32_t record = started_.scratch(16);
+    const std::uint32_t record = started.scratch(16);
     const auto padded = [](std::string text) { return text.resize(16), text; };
-    for (const auto &row : rows) {
-        put(kVersionRecord, padded(row.stored));
-        call("Rescue_SetVersion", started_.scratch_text(row.in_bank));
-        EXPECT_EQ(call("Validate_IsNewRescueVersion", record, 0), row.is_new ? 0 : -1) << row.stored;
-        const std::string given(started_.at(record), started_.at(record) + 16);
-        EXPECT_TRUE(!row.is_new || given == padded(row.in_bank)) << row.stored << ' ' << given;
+    for (const auto &[stored, in_bank, is_new] : rows) {
+        put(kVersionRecord, padded(stored));
+        call("Rescue_SetVersion", started.scratch_text(in_bank));
+        EXPECT_EQ(call("Validate_IsNewRescueVersion", record, 0), is_new ? 0 : -1) << stored;
+        const std::string given(started.at(record), started.at(record) + 16);
+        EXPECT_TRUE(!is_new || given == padded(in_bank)) << stored << ' ' << given;
 
-        call("Boot_SetVersion", started_.scratch_text(row.in_bank));
+        call("Boot_SetVersion", started.scratch_text(in_bank));
         EXPECT_EQ(call("Validate_IsNewBootVersion", 0), 0);
-        EXPECT_EQ(started_.console(),
-                  fmt::format("Current bootlaoder is: 1.9.0\nBank bootloader is: {}\n", row.in_bank));
+        EXPECT_EQ(started.console(), fmt::format("Current bootlaoder is: 1.9.0\nBank bootloader is: {}\n", in_bank));
     }
-    call("Boot_SetVersion", started_.scratch_text("1.9.0"));
+    call("Boot_SetVersion", started.scratch_text("1.9.0"));
     EXPECT_EQ(call("Validate_IsNewBootVersion", 0), -1);
 }
 

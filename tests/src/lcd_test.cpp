@@ -3,7 +3,6 @@
 #include "tests/processors.h"
 
 #include <climits>
-#include <cstring>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <memory_map.h>
@@ -19,9 +18,8 @@ constexpr std::uint16_t kPaint = 0x5AA5;        // in all pixels before a drawin
 // The video region with its guards, as pixels.
 using Pixels = std::vector<std::uint16_t>;
 
-class Lcd : public testing::TestWithParam<Processor> {
+class Lcd : public OnBoard {
 protected:
-    StartedBoard started{GetParam()};
     const std::uint32_t region = static_cast<std::uint32_t>(
         GetParam() == Processor::host ? reinterpret_cast<std::uintptr_t>(__ghsbegin_mr_rwec__videobuffer)
                                       : started.machine().symbol("__ghsbegin_mr_rwec__videobuffer"));
@@ -135,13 +133,8 @@ TEST_P(Lcd, SerialLineCarriesTwoTransfers) {
 
 TEST_P(Lcd, BacklightBranches) {
     using At = SlaveFault::At;
-    const struct {
-        const char *name;
-        bool awake, on;
-        unsigned level;
-        std::vector<SlaveFault> faults; // addresses are asked for in the order of the transfers
-        std::vector<std::string> log;
-    } cases[] = {
+    // Addresses are asked for in the order of the transfers.
+    const std::tuple<const char *, bool, bool, unsigned, std::vector<SlaveFault>, std::vector<std::string>> cases[] = {
         {"asleep and dark", false, false, 100, {}, {"01", "05", "63", "62 01", "60 64"}},
         {"awake", true, false, 100, {}, {"01", "63", "62 01", "60 64"}},
         {"on already", true, true, 55, {}, {"01", "63", "60 37"}},
@@ -157,17 +150,17 @@ TEST_P(Lcd, BacklightBranches) {
         {"nobody there", true, true, 7, {{At::address, 0, 9}}, {}},
     };
     UiController &ui = started.board().ui;
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto &[name, awake, on, level, faults, log] : cases) {
+        SCOPED_TRACE(name);
         ui.clear_faults();
         ui.log.clear();
-        ui.state = {c.awake, c.on, 33};
-        for (const SlaveFault &fault : c.faults) ui.inject(fault);
+        ui.state = {awake, on, 33};
+        for (const SlaveFault &fault : faults) ui.inject(fault);
         const Picoseconds start = started.board().clock.now();
-        started.call("LCD_SetBackLiteIntensity", c.level);
-        const bool starts = std::count(c.log.begin(), c.log.end(), "05") != 0;
+        started.call("LCD_SetBackLiteIntensity", level);
+        const bool starts = std::count(log.begin(), log.end(), "05") != 0;
         EXPECT_GE(started.board().clock.now() - start, (starts ? 400 : 100) * kMillisecond);
-        EXPECT_EQ(ui.log, c.log);
+        EXPECT_EQ(ui.log, log);
     }
 }
 
@@ -216,11 +209,8 @@ TEST_P(Lcd, LinesOfAnyKind) {
 // --- decoding
 
 TEST_P(Lcd, DecoderAtItsLimits) {
-    const struct {
-        const char *name;
-        Pixels stream; // after two longest runs; the last is one that must not be decoded
-        std::vector<std::pair<std::size_t, std::uint16_t>> stretches; // then paint
-    } cases[] = {
+    // The stream follows two longest runs; its last run must not be decoded. After the stretches there is paint.
+    const std::tuple<const char *, Pixels, std::vector<std::pair<std::size_t, std::uint16_t>>> cases[] = {
         {"repeat at the end", {0x2BFF, 3, 0, 4}, {{11264, 3}}},
         {"literals of one", {0x8000, 0x11, 0x8000, 0x12, 0x2BFD, 3, 0, 4}, {{1, 0x11}, {1, 0x12}, {11262, 3}}},
         {"literal at the end",
@@ -230,18 +220,18 @@ TEST_P(Lcd, DecoderAtItsLimits) {
         {"repeat past the region", {0x7FFF, 3, 0, 4}, {{14336, 3}}},
         {"literal past the frame", {0x2BFE, 3, 0x8001, 0x21, 0x22, 0, 4}, {{11263, 3}, {1, 0x21}, {1, 0x22}}},
     };
-    for (const auto &c : cases)
+    for (const auto &[name, stream, stretches] : cases)
         for (const std::uint32_t odd : {0u, 1u}) {
-            SCOPED_TRACE(fmt::format("{} at {}", c.name, odd ? "an odd address" : "a word"));
+            SCOPED_TRACE(fmt::format("{} at {}", name, odd ? "an odd address" : "a word"));
             Pixels words = {0x7FFF, 1, 0x7FFF, 2};
-            words.insert(words.end(), c.stream.begin(), c.stream.end());
-            const std::uint32_t stream = started.scratch(words.size() * 2 + 1) + odd;
-            std::memcpy(started.at(stream), words.data(), words.size() * 2);
+            words.insert(words.end(), stream.begin(), stream.end());
+            const std::uint32_t place = started.scratch(words.size() * 2 + 1) + odd;
+            std::memcpy(started.at(place), words.data(), words.size() * 2);
             Pixels expected = painted();
             auto at = std::fill_n(expected.begin() + kGuardPixels, 32768, std::uint16_t{1});
             at = std::fill_n(at, 32768, std::uint16_t{2});
-            for (const auto &[count, pixel] : c.stretches) at = std::fill_n(at, count, pixel);
-            EXPECT_EQ(drawn_by("LCD_InsertImage", stream), expected);
+            for (const auto &[count, pixel] : stretches) at = std::fill_n(at, count, pixel);
+            EXPECT_EQ(drawn_by("LCD_InsertImage", place), expected);
         }
 }
 

@@ -102,32 +102,30 @@ TEST_P(NandDriver, IdentifiesThePartsAndSetsUpItsBus) {
 
 TEST_P(NandDriver, SpeaksToTheChipInItsWidth) {
     const std::string erase = "[ c60 aC0 a80 a00 cD0 R R c70 R r8x1 ]";
-    const struct {
-        const char *part, *check, *read, *write;
-    } rows[] = {{"K9F2G08U0M", "[ c00 a00 a08 aC0 a80 a00 c30 R R r8x64 ] [ c00 a00 a08 aC1 a80 a00 c30 R R r8x64 ]",
-                 "[ c00 a00 a00 aC0 a80 a00 c30 R R r8x2048 ]", "[ c80 a00 a00 aC0 a80 a00 w8x2048 c10 R R ]"},
-                {"MT29F2G16AAB",
-                 "[ c00 a00 a04 aC0 a80 a00 c30 R R r16x32 ] [ c00 a00 a04 aC1 a80 a00 c30 R R r16x32 ]",
-                 "[ c00 a00 a00 aC0 a80 a00 c30 R R r16x1024 ]", "[ c80 a00 a00 aC0 a80 a00 w16x1024 c10 R R ]"}};
+    const std::tuple<const char *, const char *, const char *, const char *> rows[] = {
+        {"K9F2G08U0M", "[ c00 a00 a08 aC0 a80 a00 c30 R R r8x64 ] [ c00 a00 a08 aC1 a80 a00 c30 R R r8x64 ]",
+         "[ c00 a00 a00 aC0 a80 a00 c30 R R r8x2048 ]", "[ c80 a00 a00 aC0 a80 a00 w8x2048 c10 R R ]"},
+        {"MT29F2G16AAB", "[ c00 a00 a04 aC0 a80 a00 c30 R R r16x32 ] [ c00 a00 a04 aC1 a80 a00 c30 R R r16x32 ]",
+         "[ c00 a00 a00 aC0 a80 a00 c30 R R r16x1024 ]", "[ c80 a00 a00 aC0 a80 a00 w16x1024 c10 R R ]"}};
     constexpr std::uint32_t kAt = 515; // block
-    for (const auto &row : rows) {
+    for (const auto &[part, check, read, write] : rows) {
         for (const unsigned shift : {0u, 1u, 2u, 3u}) { // buffers of any alignment
-            Raw raw(GetParam(), row.part);
+            Raw raw(GetParam(), part);
             ASSERT_EQ(raw.init(), 1);
             const std::uint32_t chip = raw.geometry();
             const Bytes page = Noise(kPage, shift);
             raw.nand.write(kAt * kBlock, page);
             EXPECT_EQ(raw.call("CheckBlock", chip, kAt), 1);
-            EXPECT_EQ(raw.accesses(), row.check);
+            EXPECT_EQ(raw.accesses(), check);
             EXPECT_EQ(raw.call("CheckBlock", chip, kAt), 1);
             EXPECT_EQ(raw.accesses(), "") << "the verdict is remembered";
             EXPECT_EQ(raw.call("AT91F_NandRead", chip, kAt, 0, 99, raw.kBuffer + shift), 1);
-            EXPECT_EQ(raw.accesses(), row.read);
+            EXPECT_EQ(raw.accesses(), read);
             EXPECT_EQ(std::memcmp(raw.started.at(raw.kBuffer + shift), page.data(), kPage), 0);
             EXPECT_EQ(raw.call("AT91F_NandEraseBlock", chip, kAt * kBlock + 5), 1);
             EXPECT_EQ(raw.accesses(), erase);
             EXPECT_EQ(raw.call("NandFlash_Write", kAt * kBlock, raw.kBuffer + shift, 1), 0);
-            EXPECT_EQ(raw.accesses(), erase + " " + row.write + " " + row.read);
+            EXPECT_EQ(raw.accesses(), erase + " " + write + " " + read);
             EXPECT_EQ(raw.nand.read(kAt * kBlock, kPage), page);
             for (const std::uint32_t beyond : {kNandBlocks, 32768u, 0xFFFFFFFEu}) {
                 EXPECT_EQ(raw.call("CheckBlock", chip, beyond), 0);
@@ -151,45 +149,40 @@ TEST_P(NandDriver, WritesBlockByBlock) {
     };
     const Fault program{Fault::program_fails, 2, 1}, flip{Fault::flipped, 2, 0, 1};
     const Fault stuck{Fault::stuck_low, 2, 0, 1, Fault::kForever, 0, 0xFF};
-    const struct {
-        std::vector<std::uint32_t> bad;
-        std::vector<Fault> faults;
-        std::uint32_t address;
-        std::int32_t length;
-        std::string operations, console = {};
-    } rows[] = {
-        {{}, {}, at, 0, ""},
-        {{}, {}, at, -5, ""},
-        {{}, {}, at, 16, "r2.0-1 E2 P2.0 R2.0"},
-        {{}, {}, at, kPage + 1, "r2.0-1 E2 P2.0-1 R2.0-1"},
-        {{}, {}, at, 2 * kBlock, "r2.0-1 E2 P2.0-63 R2.0-63 r3.0-1 E3 P3.0-63 R3.0-63"},
-        {{}, {}, page5, kPage, "r2.0-1 E2 P2.5 R2.5"},
-        {{}, {}, page5 + 100, 3000, "r2.0-1 E2 P2.5-6 R2.5-6"},
-        {{}, {wrong(6, 0, 100)}, page5 + 100, 3000, "r2.0-1 E2 P2.5-6 R2.5-6 E2 P2.5-6 R2.5-6"},
-        {{}, {wrong(6, 0, 99)}, page5 + 100, 3000, "r2.0-1 E2 P2.5-6 R2.5-6"},        // before the data
-        {{}, {}, 3 * kBlock - 1, 3, "r2.0-1 E2 P2.63 R2.63 r3.0-1 E3 P3.0-1 R3.0-1"}, // a byte a page
+    using Blocks = std::vector<std::uint32_t>;
+    const std::tuple<Blocks, std::vector<Fault>, std::uint32_t, std::int32_t, std::string, std::string> rows[] = {
+        {{}, {}, at, 0, "", ""},
+        {{}, {}, at, -5, "", ""},
+        {{}, {}, at, 16, "r2.0-1 E2 P2.0 R2.0", ""},
+        {{}, {}, at, kPage + 1, "r2.0-1 E2 P2.0-1 R2.0-1", ""},
+        {{}, {}, at, 2 * kBlock, "r2.0-1 E2 P2.0-63 R2.0-63 r3.0-1 E3 P3.0-63 R3.0-63", ""},
+        {{}, {}, page5, kPage, "r2.0-1 E2 P2.5 R2.5", ""},
+        {{}, {}, page5 + 100, 3000, "r2.0-1 E2 P2.5-6 R2.5-6", ""},
+        {{}, {wrong(6, 0, 100)}, page5 + 100, 3000, "r2.0-1 E2 P2.5-6 R2.5-6 E2 P2.5-6 R2.5-6", ""},
+        {{}, {wrong(6, 0, 99)}, page5 + 100, 3000, "r2.0-1 E2 P2.5-6 R2.5-6", ""},        // before the data
+        {{}, {}, 3 * kBlock - 1, 3, "r2.0-1 E2 P2.63 R2.63 r3.0-1 E3 P3.0-1 R3.0-1", ""}, // a byte a page
         {{3}, {}, at, kBlock + 1, "r2.0-1 E2 P2.0-63 R2.0-63 r3.0 r4.0-1 E4 P4.0 R4.0", marked3},
-        {{}, {erase(2)}, at, 1, "r2.0-1 E2 E2 E2 P2.0 R2.0"},
+        {{}, {erase(2)}, at, 1, "r2.0-1 E2 E2 E2 P2.0 R2.0", ""},
         {{3}, {erase(3)}, at, 1, "r2.0-1 E2 E2 E2 " + retires2 + "r3.0 r4.0-1 E4 P4.0 R4.0", retired2 + marked3},
-        {{}, {program}, at, 3 * kPage, "r2.0-1 E2 P2.0-2 R2.0-1 E2 P2.0-2 R2.0-2"},
-        {{}, {wrong(1, 1, 2047), flip}, at, kPage + 1, "r2.0-1 E2 P2.0-1 R2.0 E2 P2.0-1 R2.0-1 E2 P2.0-1 R2.0-1"},
+        {{}, {program}, at, 3 * kPage, "r2.0-1 E2 P2.0-2 R2.0-1 E2 P2.0-2 R2.0-2", ""},
+        {{}, {wrong(1, 1, 2047), flip}, at, kPage + 1, "r2.0-1 E2 P2.0-1 R2.0 E2 P2.0-1 R2.0-1 E2 P2.0-1 R2.0-1", ""},
         {{}, {stuck}, at, 1, "r2.0-1 " + try2 + try2 + try2 + retires2 + "r3.0-1 E3 P3.0 R3.0", retired2},
         {{2047}, {}, 2046 * kBlock, 2 * kBlock, "r2046.0-1 E2046 P2046.0-63 R2046.0-63 r2047.0", marked2047},
-        {{}, {}, kNandBytes, 1, ""}, // on the wire this would be block 0
-        {{}, {}, 0xFFFFFFFF, 1, ""},
+        {{}, {}, kNandBytes, 1, "", ""}, // on the wire this would be block 0
+        {{}, {}, 0xFFFFFFFF, 1, "", ""},
     };
     const Bytes source = Noise(3 * kBlock, 7);
-    for (const auto &row : rows) {
-        Raw raw(GetParam(), row.length % 3 == 1 ? "MT29F2G16AAB" : "MT29F2G08ABD");
-        for (const std::uint32_t block : row.bad) raw.nand.make_factory_bad(block);
-        raw.nand.faults = row.faults;
+    for (const auto &[bad, faults, address, length, operations, console] : rows) {
+        Raw raw(GetParam(), length % 3 == 1 ? "MT29F2G16AAB" : "MT29F2G08ABD");
+        for (const std::uint32_t block : bad) raw.nand.make_factory_bad(block);
+        raw.nand.faults = faults;
         ASSERT_EQ(raw.init(), 1);
-        raw.write(row.address, source, row.length);
-        EXPECT_EQ(raw.operations(), row.operations);
-        EXPECT_EQ(raw.started.console(), row.console);
-        if (row.address != at || row.length <= 0) continue;
-        const Bytes written = raw.read(at, static_cast<std::uint32_t>(row.length));
-        EXPECT_EQ(written, Bytes(source.begin(), source.begin() + row.length)) << row.operations;
+        raw.write(address, source, length);
+        EXPECT_EQ(raw.operations(), operations);
+        EXPECT_EQ(raw.started.console(), console);
+        if (address != at || length <= 0) continue;
+        const Bytes written = raw.read(at, static_cast<std::uint32_t>(length));
+        EXPECT_EQ(written, Bytes(source.begin(), source.begin() + length)) << operations;
     }
 }
 
@@ -227,37 +220,32 @@ TEST_P(NandDriver, RetiresABlockInItsFirstPageAlone) {
 TEST_P(NandDriver, ReadsSkipBadBlocksAndEndWithTheChip) {
     const std::uint32_t at = 2 * kBlock;
     const std::string bad2 = "Bad block at address 00040000\n", bad3 = "Bad block at address 00060000\n";
-    const struct {
-        std::vector<std::uint32_t> bad;
-        std::uint32_t address, length;
-        std::vector<std::uint32_t> blocks; // where the bytes come from
-        const char *operations;
-        std::string console = {};
-    } rows[] = {
-        {{}, at, 0, {}, ""},
-        {{}, at + 5000, 3, {2}, "r2.0-1 R2.0"},
-        {{}, at, kBlock + kPage + 1, {2, 3}, "r2.0-1 R2.0-63 r3.0-1 R3.0-1"},
+    using Blocks = std::vector<std::uint32_t>; // those that are bad, and those that the bytes come from
+    const std::tuple<Blocks, std::uint32_t, std::uint32_t, Blocks, const char *, std::string> rows[] = {
+        {{}, at, 0, {}, "", ""},
+        {{}, at + 5000, 3, {2}, "r2.0-1 R2.0", ""},
+        {{}, at, kBlock + kPage + 1, {2, 3}, "r2.0-1 R2.0-63 r3.0-1 R3.0-1", ""},
         {{3}, at, kBlock + 1, {2, 4}, "r2.0-1 R2.0-63 r3.0 r4.0-1 R4.0", bad3},
         {{2, 3}, at, 1, {4}, "r2.0 r3.0 r4.0-1 R4.0", bad2 + bad3},
-        {{}, 2047 * kBlock, kBlock + 5, {2047}, "r2047.0-1 R2047.0-63"},
+        {{}, 2047 * kBlock, kBlock + 5, {2047}, "r2047.0-1 R2047.0-63", ""},
         {{2047}, 2047 * kBlock, 5, {}, "r2047.0", "Bad block at address 0FFE0000\n"},
-        {{}, kNandBytes, 5, {}, ""},
-        {{}, 0xFFFFFFFF, 5, {}, ""},
+        {{}, kNandBytes, 5, {}, "", ""},
+        {{}, 0xFFFFFFFF, 5, {}, "", ""},
     };
-    for (const auto &row : rows) {
+    for (const auto &[bad, address, length, blocks, operations, console] : rows) {
         Raw raw(GetParam());
         Bytes expected;
-        for (const std::uint32_t block : row.blocks) {
+        for (const std::uint32_t block : blocks) {
             const Bytes data = Noise(kBlock, block);
             raw.nand.write(block * kBlock, data);
             expected.insert(expected.end(), data.begin(), data.end());
         }
-        expected.resize(row.length, 0xFF);
-        for (const std::uint32_t block : row.bad) raw.nand.make_factory_bad(block);
+        expected.resize(length, 0xFF);
+        for (const std::uint32_t block : bad) raw.nand.make_factory_bad(block);
         ASSERT_EQ(raw.init(), 1);
-        EXPECT_EQ(raw.read(row.address, row.length), expected) << row.address;
-        EXPECT_EQ(raw.operations(), row.operations);
-        EXPECT_EQ(raw.started.console(), row.console);
+        EXPECT_EQ(raw.read(address, length), expected) << address;
+        EXPECT_EQ(raw.operations(), operations);
+        EXPECT_EQ(raw.started.console(), console);
     }
 }
 

@@ -42,9 +42,8 @@ const Exchange kExchanges[] = {
     {"data refused", false, 0x60, 1, 7, "S 20+ 60-", {}, {{At::data}}},
 };
 
-class UiLink : public testing::TestWithParam<Processor> {
+class UiLink : public OnBoard {
 protected:
-    StartedBoard started{GetParam()};
     UiController &ui = started.board().ui;
     LineTrouble &trouble = started.board().two_wire_trouble;
     I2cMonitor monitor{started.board().net('B', 4), started.board().net('B', 5)};

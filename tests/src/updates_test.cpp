@@ -8,34 +8,21 @@
 #include <algorithm>
 #include <cstring>
 #include <fmt/format.h>
-#include <map>
 #include <sys/mman.h>
-#include <unistd.h>
 
 namespace fixture {
 
 namespace {
 
-const std::string kSame = "Current bootlaoder is: 1.9.0\nBank bootloader is: 1.9.0\n";
-const std::string kOlder = "Current bootlaoder is: 1.9.0\nBank bootloader is: 1.8.0\n";
-const std::string kStored = "\tBootloader image replaced successfully.\n";
-const std::string kNotStored = "\tBootloader image replace failed.\n";
-const std::string kRescueStored = "\tRescue image replaced successfully.\n";
-const std::string kRescueNotStored = "\tRescue image replace failed.\n";
-const std::string kDataflashUnread = "\tAT91SAM926X_ReadDataflash : Failed with Error=1\n";
-const std::string kDataflashUnwritten = "\tAT91SAM926X_WriteDataflash : Failed with Error=1\n";
-const std::string kBadRecordBlock = "Bad block at address 00020000\n";
-
 const std::string kApplication = "an application of some length";
 const std::string kBrokenApplication = "an application of Some length";
-const std::string kApplicationFailed = fmt::format("\tValidate_File(i:/vol0/data/app/bin/demo.bin, {}, {}) Failed!!!",
-                                                   SumOf(kApplication), kApplication.size());
 
 // A stored image of `size` bytes.
-std::string Image(std::uint32_t seed, std::size_t size) {
-    const Bytes image = Wrap(Noise(size - kImageHeaderBytes, seed));
+std::string Image(const Bytes &body) {
+    const Bytes image = Wrap(body);
     return {image.begin(), image.end()};
 }
+std::string Image(std::uint32_t seed, std::size_t size) { return Image(Noise(size - kImageHeaderBytes, seed)); }
 const std::string kOldImages[] = {Image(1, 3000), Image(2, 4097)}; // by slot
 const std::string kOldRescue = Image(3, 2500);
 const std::string kNewImage = Image(4, 5000), kNewRescue = Image(5, 4100);
@@ -47,10 +34,8 @@ std::string Claiming(std::string image, std::uint32_t size) {
     return image.replace(20, sizeof size, reinterpret_cast<const char *>(&size), sizeof size);
 }
 // An image of zeros: its sum fits a manifest, whatever its length.
-std::string Long(std::size_t size) {
-    const Bytes image = Wrap(Bytes(size - kImageHeaderBytes));
-    return {image.begin(), image.end()};
-}
+std::string Long(std::size_t size) { return Image(Bytes(size - kImageHeaderBytes)); }
+
 // What a slot holds that had `image`: - nothing, o it, d damaged, z retired, f of another maker.
 std::string Holding(char what, const std::string &image) {
     switch (what) {
@@ -61,12 +46,6 @@ std::string Holding(char what, const std::string &image) {
     default: return image;
     }
 }
-
-struct Before {
-    const char *slots = "o-"; // two letters of Holding
-    char rescue = 'o';
-    std::string record = "1.0";
-};
 
 struct Bank {
     std::string boot_version = "1.9.0"; // empty: none is listed
@@ -97,16 +76,28 @@ struct Bank {
         volume.write(bank / "BankContent.txt", manifest);
     }
 };
+Bank Boot(const std::string &image = kNewImage) { return {.boot_version = "1.8.0", .boot = image}; }
+Bank Rescue(const std::string &image = kNewRescue, const std::string &version = "1.1") {
+    return {.rescue_version = version, .rescue = image};
+}
+Bank RescueFile(const std::string &file) { return {.rescue_version = "1.1", .rescue_file = file}; }
+Bank Broken(Bank bank = {}) { return bank.application = kBrokenApplication, bank; }
+const Bank kWithoutBoot = {.boot_version = ""}, kWithoutRescue = {.rescue_version = ""};
+
+struct Banks : std::vector<Bank> { // "app", then "oldapp"
+    Banks() = default;
+    Banks(const Bank &first) : vector{first} {}
+    Banks(const Bank &first, const Bank &second) : vector{first, second} {}
+};
 
 enum class End { application, update, rescue, nothing };
+constexpr Verdict kVerdicts[] = {Verdict::launched, Verdict::reset_loop, Verdict::launched, Verdict::idle};
 
 struct Row {
     const char *name;
-    Before before;
-    std::vector<Bank> banks; // "app", then "oldapp"
-    // What these banks print: {v0} {i1} a valid header in slot 0, an invalid one in slot 1; {p0} {done} what the NAND's
-    // update says of itself; {...} what one medium alone says.
-    std::string printed;
+    std::string before; // of the two bootloader slots and the rescue slot a letter of Holding, then the version record
+    Banks banks;
+    std::string printed; // what these banks print, with the words of Spell
     // What is written: 0n the new bootloader to slot 0, 1z slot 1 retired, rn the new rescue image, vn its version.
     std::string written;
     End end = End::application;
@@ -114,7 +105,7 @@ struct Row {
     bool refuses_resets = false;
 };
 
-// The texts that are not the same on both media.
+// {v0} {i1} a valid header in slot 0, an invalid one in slot 1; {p0} {done} what the NAND's update says of itself.
 std::string Spell(const std::string &text, Medium medium) {
     const bool nand = medium == Medium::nand;
     const auto &slots = SlotsOf(medium).bootloader;
@@ -124,12 +115,23 @@ std::string Spell(const std::string &text, Medium medium) {
     const auto placing = [&](int slot) {
         return nand ? fmt::format("Placing new bootloader at {:08X}.\n", slots[slot].address) : "";
     };
-    return fmt::format(fmt::runtime(text), fmt::arg("v0", header("Valid", 0)), fmt::arg("v1", header("Valid", 1)),
-                       fmt::arg("i0", header("Invalid", 0)), fmt::arg("i1", header("Invalid", 1)),
-                       fmt::arg("p0", placing(0)), fmt::arg("p1", placing(1)),
-                       fmt::arg("done", nand ? "Bootloader replaced.\n" : ""),
-                       fmt::arg("unread", nand ? kBadRecordBlock : kDataflashUnread),
-                       fmt::arg("unwritten", nand ? "" : kDataflashUnwritten));
+    const auto versions = [](const char *of_bank) {
+        return fmt::format("Current bootlaoder is: 1.9.0\nBank bootloader is: {}\n", of_bank);
+    };
+    const std::string dataflash_unread = "\tAT91SAM926X_ReadDataflash : Failed with Error=1\n";
+    const std::string unwritten = "\tAT91SAM926X_WriteDataflash : Failed with Error=1\n";
+    const std::string failed = fmt::format("\tValidate_File(i:/vol0/data/app/bin/demo.bin, {}, {}) Failed!!!",
+                                           SumOf(kApplication), kApplication.size());
+    return fmt::format(
+        fmt::runtime(text), fmt::arg("v0", header("Valid", 0)), fmt::arg("v1", header("Valid", 1)),
+        fmt::arg("i0", header("Invalid", 0)), fmt::arg("i1", header("Invalid", 1)), fmt::arg("p0", placing(0)),
+        fmt::arg("p1", placing(1)), fmt::arg("done", nand ? "Bootloader replaced.\n" : ""),
+        fmt::arg("same", versions("1.9.0")), fmt::arg("older", versions("1.8.0")), fmt::arg("failed", failed),
+        fmt::arg("unread", nand ? "Bad block at address 00020000\n" : dataflash_unread),
+        fmt::arg("unwritten", nand ? "" : unwritten), fmt::arg("stored", "\tBootloader image replaced successfully.\n"),
+        fmt::arg("not_stored", "\tBootloader image replace failed.\n"),
+        fmt::arg("rescue_stored", "\tRescue image replaced successfully.\n"),
+        fmt::arg("rescue_not_stored", "\tRescue image replace failed.\n"));
 }
 
 class Updates : public testing::TestWithParam<Processor> {
@@ -156,27 +158,26 @@ protected:
         };
         const BootResult result = RunBoot(boot);
         EXPECT_EQ(result.console, StartText(medium) + Spell(row.printed, medium) + ending(row));
-        EXPECT_EQ(result.report.verdict, row.end == End::nothing  ? Verdict::idle
-                                         : row.end == End::update ? Verdict::reset_loop
-                                                                  : Verdict::launched)
-            << result.report.place;
+        EXPECT_EQ(result.report.verdict, kVerdicts[static_cast<int>(row.end)]) << result.report.place;
+        const std::size_t rescue = row.written.starts_with('r') ? row.banks[0].rescue.size() : kOldRescue.size();
         EXPECT_EQ(result.report.launched_bytes, row.end == End::application ? kApplication.size()
-                                                : row.end == End::rescue    ? rescue_bytes(row)
+                                                : row.end == End::rescue    ? rescue
                                                                             : 0);
-        check_chips(chips, expected(row, medium, before, chips));
+        const Chips after = expected(row, medium, before, chips);
+        EXPECT_TRUE(chips.eeprom == after.eeprom && chips.nand == after.nand && chips.dataflash == after.dataflash);
     }
 
-    static Chips chips_before(const Before &before, Medium medium) {
+    static Chips chips_before(const std::string &before, Medium medium) {
         Chips chips;
         const SlotTable &slots = SlotsOf(medium);
         // What lies around the slots, and on the other medium where this one has slots, is not to be touched.
         chips.nand.write(0, Noise(4096));
         chips.nand.write(0x01000000, Noise(4096));
         for (const std::uint32_t address : {0x7000u, 0x7F10u}) chips.dataflash.write(address, Noise(0xF0));
-        put(chips, medium, slots.bootloader[0], Holding(before.slots[0], kOldImages[0]));
-        put(chips, medium, slots.bootloader[1], Holding(before.slots[1], kOldImages[1]));
-        put(chips, medium, slots.rescue, Holding(before.rescue, kOldRescue));
-        put(chips, medium, slots.record, padded(before.record));
+        put(chips, medium, slots.bootloader[0], Holding(before[0], kOldImages[0]));
+        put(chips, medium, slots.bootloader[1], Holding(before[1], kOldImages[1]));
+        put(chips, medium, slots.rescue, Holding(before[2], kOldRescue));
+        put(chips, medium, slots.record, padded(before.substr(3)));
         return chips;
     }
 
@@ -196,9 +197,6 @@ private:
             chips.dataflash.write(slot.address, bytes_of(content));
     }
 
-    static std::size_t rescue_bytes(const Row &row) {
-        return row.written.starts_with('r') ? row.banks[0].rescue.size() : kOldRescue.size();
-    }
     static std::string ending(const Row &row) {
         std::string text;
         if (row.end == End::application || row.end == End::update) return text;
@@ -226,21 +224,13 @@ private:
             if (what == 'n' && where != 'v') content.resize(JudgeImage(bytes_of(content), kLargestStoredImage).size);
             if (nand && (where == 'v' || what == 'z')) content.resize(kNandPageBytes);
             const auto size = static_cast<std::uint32_t>(content.size());
-            if (nand) {
-                for (std::uint32_t from = 0; from < size; from += kNandBlockBytes)
-                    chips.nand.erase((slot.address + from) / kNandBlockBytes);
-                const std::uint32_t rest = slot.address + size;
-                chips.nand.write(rest, after.nand.read(rest, -size % kNandPageBytes));
-            }
+            for (std::uint32_t from = 0; nand && from < size; from += kNandBlockBytes)
+                chips.nand.erase((slot.address + from) / kNandBlockBytes);
+            const std::uint32_t rest = slot.address + size;
+            if (nand) chips.nand.write(rest, after.nand.read(rest, -size % kNandPageBytes));
             put(chips, medium, slot, content);
         }
         return chips;
-    }
-
-    static void check_chips(const Chips &chips, const Chips &expected) {
-        EXPECT_TRUE(chips.eeprom == expected.eeprom);
-        EXPECT_TRUE(chips.nand == expected.nand);
-        EXPECT_TRUE(chips.dataflash == expected.dataflash);
     }
 };
 BOTH_PROCESSORS(Updates);
@@ -256,140 +246,71 @@ void LosePrograms(Chips &chips) {
         for (std::uint32_t page = slot.address / 1056; page <= (slot.address + 5000) / 1056; ++page)
             chips.dataflash.faults.push_back({.page = page, .times = UINT_MAX});
 }
+void LoseNand(Chips &chips) { chips.nand = NandContents(nullptr); }
 void SmallDataflash(Chips &chips) { chips.dataflash = At45Contents(*FindAt45Part("AT45DB321")); }
 
 constexpr std::size_t kSmallRoom = 8192 * 528 - 0x404000 - 32; // of a DataFlash of 32 Mbit, for a rescue image
 
+const std::string kUsual = "o-o1.0", kTwo = "ooo1.0", k16 = "1234567890123456";
+
 const Row kRows[] = {
     // The rescue image.
-    {"nothing new", {}, {{}}, kSame, ""},
-    {"rescue new", {}, {{.rescue_version = "1.1"}}, kRescueStored + kSame, "rn vn"},
-    {"rescue new, none there", {.rescue = '-', .record = ""}, {{}}, kRescueStored + kSame, "rn vn"},
-    {"rescue older", {.record = "2.0"}, {{}}, kRescueStored + kSame, "rn vn"},
-    {"rescue's version is the stored one's beginning", {.record = "1.0.1"}, {{}}, kRescueStored + kSame, "rn vn"},
-    {"rescue version of 16 characters, equal",
-     {.record = "1234567890123456"},
-     {{.rescue_version = "1234567890123456"}},
-     kSame,
-     ""},
-    {"rescue version of 16 characters, new",
-     {.record = "1234567890123450"},
-     {{.rescue_version = "1234567890123456"}},
-     kRescueStored + kSame,
-     "rn vn"},
-    {"rescue file of other bytes", {}, {{.rescue_version = "1.1", .rescue_file = Damaged(kNewRescue)}}, kSame, ""},
-    {"rescue file of another size",
-     {},
-     {{.rescue_version = "1.1", .rescue_file = "short"}},
-     "filesize check 4100 != 5\n" + kSame,
-     ""},
-    {"rescue with wrong sums",
-     {},
-     {{.rescue_version = "1.1", .rescue = Damaged(kNewRescue)}},
-     kRescueNotStored + kSame,
-     ""},
-    {"rescue of another maker",
-     {},
-     {{.rescue_version = "1.1", .rescue = Foreign(kNewRescue)}},
-     kRescueStored + kSame,
-     "rn vn"},
-    {"rescue that claims more than its file",
-     {},
-     {{.rescue_version = "1.1", .rescue = Claiming(kNewRescue, 4101)}},
-     kRescueNotStored + kSame,
-     ""},
-    {"rescue by a bank that launches nothing",
-     {},
-     {{.rescue_version = "1.1", .application = kBrokenApplication}},
-     kRescueStored + kSame + kApplicationFailed,
-     "rn vn",
-     End::rescue},
-    {"rescue by a bank without a bootloader",
-     {.rescue = 'd'},
-     {{.boot_version = "", .rescue_version = "1.1"}},
-     kRescueStored,
-     "rn vn",
-     End::rescue},
-    {"rescue with more after it", {.record = "0"}, {{.rescue = kNewRescue + "more"}}, kRescueStored + kSame, "rn vn"},
-    {"rescue and bootloader",
-     {},
-     {{.boot_version = "1.8.0", .rescue_version = "1.1"}},
-     kRescueStored + kOlder + "{v0}{i1}{p1}{done}",
-     "rn vn 1n 0z",
-     End::update},
+    {"nothing new", kUsual, Bank(), "{same}", ""},
+    {"rescue new", kUsual, Rescue(), "{rescue_stored}{same}", "rn vn"},
+    {"rescue new, none there", "o--", Bank(), "{rescue_stored}{same}", "rn vn"},
+    {"rescue older", "o-o2.0", Bank(), "{rescue_stored}{same}", "rn vn"},
+    {"rescue's version is the stored one's beginning", "o-o1.0.1", Bank(), "{rescue_stored}{same}", "rn vn"},
+    {"rescue version of 16 characters, equal", "o-o" + k16, Rescue(kNewRescue, k16), "{same}", ""},
+    {"16 characters, new", "o-o1234567890123450", Rescue(kNewRescue, k16), "{rescue_stored}{same}", "rn vn"},
+    {"a character fewer", "o-o" + k16, Rescue(kNewRescue, k16.substr(0, 15)), "{rescue_stored}{same}", "rn vn"},
+    {"a bootloader where the record should be", "o-oOrvalis Luminati", Rescue(), "{same}", ""},
+    {"almost one", "o-oOrvalis Luminat", Rescue(), "{rescue_stored}{same}", "rn vn"},
+    {"rescue file of other bytes", kUsual, RescueFile(Damaged(kNewRescue)), "{same}", ""},
+    {"rescue file of another size", kUsual, RescueFile("short"), "filesize check 4100 != 5\n{same}", ""},
+    {"rescue with wrong sums", kUsual, Rescue(Damaged(kNewRescue)), "{rescue_not_stored}{same}", ""},
+    {"rescue of another maker", kUsual, Rescue(Foreign(kNewRescue)), "{rescue_stored}{same}", "rn vn"},
+    {"rescue that claims too much", kUsual, Rescue(Claiming(kNewRescue, 4101)), "{rescue_not_stored}{same}", ""},
+    {"and launches nothing", kUsual, Broken(Rescue()), "{rescue_stored}{same}{failed}", "rn vn", End::rescue},
+    {"rescue alone", "o-d1.0", Bank{"", "", "1.1"}, "{rescue_stored}", "rn vn", End::rescue},
+    {"rescue with more after it", "o-o0", Rescue(kNewRescue + "more", "1.0"), "{rescue_stored}{same}", "rn vn"},
+    {"rescue and bootloader", kUsual, Bank{"1.8.0", kNewImage, "1.1"}, "{rescue_stored}{older}{v0}{i1}{p1}{done}",
+     "rn vn 1n 0z", End::update},
 
     // The bootloader.
-    {"over an erased slot", {"o-"}, {{"1.8.0"}}, kOlder + "{v0}{i1}{p1}{done}", "1n 0z", End::update},
-    {"over an erased first slot", {"-o"}, {{"1.8.0"}}, kOlder + "{i0}{v1}{p0}{done}", "0n 1z", End::update},
-    {"over a retired one", {"zo"}, {{"1.8.0"}}, kOlder + "{i0}{v1}{p0}{done}", "0n 1z", End::update},
-    {"over another maker's", {"of"}, {{"1.8.0"}}, kOlder + "{v0}{i1}{p1}{done}", "1n 0z", End::update},
-    {"over one of two good ones", {"oo"}, {{"1.8.0"}}, kOlder + "{v0}{v1}{p0}{done}", "0n 1z", End::update},
-    {"over a damaged second one", {"od"}, {{"1.8.0"}}, kOlder + "{v0}{v1}{p1}{done}", "1n 0z", End::update},
-    {"over a damaged first one", {"do"}, {{"1.8.0"}}, kOlder + "{v0}{v1}{p0}{done}", "0n 1z", End::update},
-    {"over two damaged ones", {"dd"}, {{"1.8.0"}}, kOlder + "{v0}{v1}{p1}{done}", "1n 0z", End::update},
-    {"over two erased ones", {"--"}, {{"1.8.0"}}, kOlder + "{i0}{i1}{p1}{done}", "1n", End::update},
-    {"by a second bank",
-     {},
-     {{.application = kBrokenApplication}, {"1.8.0"}},
-     kSame + kApplicationFailed + kOlder + "{v0}{i1}{p1}{done}",
-     "1n 0z",
+    {"over an erased slot", kUsual, Boot(), "{older}{v0}{i1}{p1}{done}", "1n 0z", End::update},
+    {"over an erased first slot", "-oo1.0", Boot(), "{older}{i0}{v1}{p0}{done}", "0n 1z", End::update},
+    {"over a retired one", "zoo1.0", Boot(), "{older}{i0}{v1}{p0}{done}", "0n 1z", End::update},
+    {"over another maker's", "ofo1.0", Boot(), "{older}{v0}{i1}{p1}{done}", "1n 0z", End::update},
+    {"over one of two good ones", kTwo, Boot(), "{older}{v0}{v1}{p0}{done}", "0n 1z", End::update},
+    {"over a damaged second one", "odo1.0", Boot(), "{older}{v0}{v1}{p1}{done}", "1n 0z", End::update},
+    {"over a damaged first one", "doo1.0", Boot(), "{older}{v0}{v1}{p0}{done}", "0n 1z", End::update},
+    {"over two damaged ones", "ddo1.0", Boot(), "{older}{v0}{v1}{p1}{done}", "1n 0z", End::update},
+    {"over two erased ones", "--o1.0", Boot(), "{older}{i0}{i1}{p1}{done}", "1n", End::update},
+    {"by a second bank", kUsual, Banks(Broken(), Boot()), "{same}{failed}{older}{v0}{i1}{p1}{done}", "1n 0z",
      End::update},
-    {"with more after it", {}, {{"1.8.0", kNewImage + "more"}}, kOlder + "{v0}{i1}{p1}{done}", "1n 0z", End::update},
-    {"damaged", {}, {{"1.8.0", Damaged(kNewImage)}}, kOlder + kNotStored, ""},
-    {"of another maker", {}, {{"1.8.0", Foreign(kNewImage)}}, kOlder + kNotStored, ""},
-    {"shorter than it claims", {}, {{"1.8.0", Claiming(kNewImage, 5001)}}, kOlder + kNotStored, ""},
-    {"shorter than a header", {}, {{"1.8.0", Claiming(kNewImage, 31)}}, kOlder + kNotStored, ""},
-    {"too long", {"oo"}, {{"1.8.0", Long(0x200001)}}, kOlder + "{v0}{v1}{p0}" + kNotStored, ""},
+    {"with more after it", kUsual, Boot(kNewImage + "more"), "{older}{v0}{i1}{p1}{done}", "1n 0z", End::update},
+    {"damaged", kUsual, Boot(Damaged(kNewImage)), "{older}{not_stored}", ""},
+    {"of another maker", kUsual, Boot(Foreign(kNewImage)), "{older}{not_stored}", ""},
+    {"shorter than it claims", kUsual, Boot(Claiming(kNewImage, 5001)), "{older}{not_stored}", ""},
+    {"shorter than a header", kUsual, Boot(Claiming(kNewImage, 31)), "{older}{not_stored}", ""},
+    {"too long", kTwo, Boot(Long(0x200001)), "{older}{v0}{v1}{p0}{not_stored}", ""},
 
     // One bank's rescue image is looked at in the next bank's pass too, by an empty record.
-    {"rescue listed before, not now",
-     {},
-     {{.application = kBrokenApplication}, {.rescue_version = ""}},
-     kSame + kApplicationFailed + kSame,
-     ""},
-    {"rescue file of another size before, none now",
-     {},
-     {{.rescue_version = "1.1", .application = kBrokenApplication, .rescue_file = "short"}, {.rescue_version = ""}},
-     "filesize check 4100 != 5\n" + kSame + kApplicationFailed + kSame,
-     ""},
-    {"application listed before, not now",
-     {},
-     {{.application = kBrokenApplication}, {.lists_application = false}},
-     kSame + kApplicationFailed,
-     "",
-     End::rescue},
-    {"bootloader listed before, not now",
-     {},
-     {{.application = kBrokenApplication}, {.boot_version = ""}},
-     kSame + kApplicationFailed,
-     "",
-     End::rescue},
-    {"rescue listed before, not now, and a record that cannot be read",
-     {"oo"},
-     {{.application = kBrokenApplication}, {.rescue_version = ""}},
-     "{unread}" + kSame + kApplicationFailed + "{unread}" + kSame,
-     "",
-     End::application,
-     LoseRecord},
-    {"rescue never listed, and a record that cannot be read",
-     {"oo"},
-     {{.rescue_version = ""}},
-     kSame,
-     "",
-     End::application,
-     LoseRecord},
+    {"rescue listed before, not now", kUsual, Banks(Broken(), kWithoutRescue), "{same}{failed}{same}", ""},
+    {"rescue file of another size before, none now", kUsual, Banks(Broken(RescueFile("short")), kWithoutRescue),
+     "filesize check 4100 != 5\n{same}{failed}{same}", ""},
+    {"application listed before, not now", kUsual, Banks(Broken(), Bank{.lists_application = false}), "{same}{failed}",
+     "", End::rescue},
+    {"bootloader listed before, not now", kUsual, Banks(Broken(), kWithoutBoot), "{same}{failed}", "", End::rescue},
+    {"rescue listed before, not now, and a record that cannot be read", kTwo, Banks(Broken(), kWithoutRescue),
+     "{unread}{same}{failed}{unread}{same}", "", End::application, LoseRecord},
+    {"rescue never listed, no record", kTwo, kWithoutRescue, "{same}", "", End::application, LoseRecord},
 
-    {"no bank, rescue image", {}, {}, "", "", End::rescue},
-    {"no bank, rescue image of another maker", {.rescue = 'f'}, {}, "", "", End::rescue},
-    {"no bank, damaged rescue image", {.rescue = 'd'}, {}, "", "", End::nothing},
-    {"no bank, no rescue image", {.rescue = '-'}, {}, "", "", End::nothing},
-    {"resets that never come",
-     {},
-     {{"1.8.0"}},
-     kOlder + "{v0}{i1}{p1}{done}" + kStored,
-     "1n 0z",
-     End::nothing,
-     nullptr,
+    {"no bank, rescue image", kUsual, Banks(), "", "", End::rescue},
+    {"no bank, rescue image of another maker", "o-f1.0", Banks(), "", "", End::rescue},
+    {"no bank, damaged rescue image", "o-d1.0", Banks(), "", "", End::nothing},
+    {"no bank, no rescue image", "o--1.0", Banks(), "", "", End::nothing},
+    {"resets that never come", kUsual, Boot(), "{older}{v0}{i1}{p1}{done}{stored}", "1n 0z", End::nothing, nullptr,
      true},
 };
 
@@ -399,79 +320,38 @@ TEST_P(Updates, SayAndWriteThisAndNothingElse) {
 }
 
 // Images that fit nowhere, as long as they may be and by one byte more; chips that are not there.
+const Row kNandRows[] = {
+    {"rescue, too long", kUsual, Rescue(Long(0xC00001)), "{rescue_not_stored}{same}", ""},
+    {"far too long", kUsual, Boot(Long(0x480000)), "{older}{v0}{i1}{p1}{not_stored}", ""},
+    {"no NAND", "---", Rescue(), "{rescue_not_stored}{same}", "", End::application, LoseNand},
+};
+const Row kDataflashRows[] = {
+    {"rescue, longest", kUsual, Rescue(Long(kSmallRoom)), "{rescue_stored}{same}", "rn vn", End::application,
+     SmallDataflash},
+    {"rescue, too long", kUsual, Rescue(Long(kSmallRoom + 1)), "{unwritten}{rescue_not_stored}{same}", "",
+     End::application, SmallDataflash},
+    {"too long for slot 0", "-oo1.0", Boot(Long(0x1FC001)), "{older}{i0}{v1}{not_stored}", ""},
+    {"too long for slot 1", kUsual, Boot(Long(0x200001)), "{older}{v0}{i1}{not_stored}", ""},
+    {"programs of the bootloader lost", kUsual, Boot(), "{older}{v0}{i1}{not_stored}", "", End::application,
+     LosePrograms},
+    {"programs of the rescue image lost", "o--1.0", Rescue(), "{rescue_not_stored}{same}", "", End::application,
+     LosePrograms},
+    {"no DataFlash", kUsual, Boot(),
+     "{unread}{older}{unread}\tSDFlash read header failed\n{unread}\tSDFlash read header failed\n{unwritten}"
+     "{not_stored}",
+     "", End::application, LoseRecord},
+};
+
 TEST_P(Updates, StayWithinTheirChip) {
-    const auto rescue = [](std::string image) {
-        return std::vector<Bank>{{.rescue_version = "1.1", .rescue = std::move(image)}};
-    };
-    const auto boot = [](std::string image) { return std::vector<Bank>{{"1.8.0", std::move(image)}}; };
-    const struct {
-        Medium medium;
-        Row row;
-    } rows[] = {
-        {Medium::dataflash,
-         {"rescue, longest",
-          {},
-          rescue(Long(kSmallRoom)),
-          kRescueStored + kSame,
-          "rn vn",
-          End::application,
-          SmallDataflash}},
-        {Medium::dataflash,
-         {"rescue, too long",
-          {},
-          rescue(Long(kSmallRoom + 1)),
-          kDataflashUnwritten + kRescueNotStored + kSame,
-          "",
-          End::application,
-          SmallDataflash}},
-        {Medium::nand, {"rescue, too long", {}, rescue(Long(0xC00001)), kRescueNotStored + kSame, ""}},
-        {Medium::dataflash,
-         {"too long for slot 0", {"-o"}, boot(Long(0x1FC001)), kOlder + "{i0}{v1}" + kNotStored, ""}},
-        {Medium::dataflash,
-         {"too long for slot 1", {"o-"}, boot(Long(0x200001)), kOlder + "{v0}{i1}" + kNotStored, ""}},
-        {Medium::nand, {"far too long", {"o-"}, boot(Long(0x480000)), kOlder + "{v0}{i1}{p1}" + kNotStored, ""}},
-        {Medium::nand,
-         {"no NAND",
-          {"--", '-', ""},
-          rescue(kNewRescue),
-          kRescueNotStored + kSame,
-          "",
-          End::application,
-          [](Chips &chips) { chips.nand = NandContents(nullptr); }}},
-        {Medium::dataflash,
-         {"programs of the bootloader lost",
-          {},
-          boot(kNewImage),
-          kOlder + "{v0}{i1}" + kNotStored,
-          "",
-          End::application,
-          LosePrograms}},
-        {Medium::dataflash,
-         {"programs of the rescue image lost",
-          {.rescue = '-'},
-          rescue(kNewRescue),
-          kRescueNotStored + kSame,
-          "",
-          End::application,
-          LosePrograms}},
-        {Medium::dataflash,
-         {"no DataFlash",
-          {},
-          boot(kNewImage),
-          kDataflashUnread + kOlder + kDataflashUnread + "\tSDFlash read header failed\n" + kDataflashUnread +
-              "\tSDFlash read header failed\n" + kDataflashUnwritten + kNotStored,
-          "",
-          End::application,
-          LoseRecord}},
-    };
-    for (const auto &[medium, row] : rows) try_row(row, medium);
+    for (const Row &row : kNandRows) try_row(row, Medium::nand);
+    for (const Row &row : kDataflashRows) try_row(row, Medium::dataflash);
 }
 
 // The launch flushes a length of its own, whatever the image's: lines that hold any of it, and no more.
 TEST_P(Updates, FlushAFixedLengthForTheRescueImage) {
     constexpr std::uint32_t kFlushed = 0x3FC000, kAround = 4096;
     const TemporaryDirectory nothing;
-    Chips chips = chips_before({}, Medium::dataflash);
+    Chips chips = chips_before(kUsual, Medium::dataflash);
     BootCase boot;
     boot.processor = GetParam();
     boot.volume = nothing.path();
@@ -526,9 +406,7 @@ TEST_P(Updates, StartWithTheBuildsRecord) {
     const std::string whole(32, 'u');
     const std::string first = "*   URL:              " + whole + "     *\n";
     const std::string more = "*                     " + whole + "     *\n";
-    const struct {
-        std::string revision, url, printed;
-    } rows[] = {
+    const std::tuple<std::string, std::string, std::string> rows[] = {
         {"1", "", ""},
         {"31", whole.substr(1), "*   URL:              " + whole.substr(1) + "      *\n"},
         {"", whole, first},
@@ -544,18 +422,17 @@ TEST_P(Updates, StartWithTheBuildsRecord) {
         ASSERT_EQ(mprotect(reinterpret_cast<void *>(page), 2 * 4096, PROT_READ | PROT_WRITE), 0);
     }
     const auto kept = record;
-    for (const auto &row : rows) {
+    for (const auto &[number, address, printed] : rows) {
         std::memset(record.revision, 0, sizeof record.revision);
         std::memset(record.url, 0, sizeof record.url);
-        row.revision.copy(record.revision, sizeof record.revision);
-        row.url.copy(record.url, sizeof record.url);
+        number.copy(record.revision, sizeof record.revision);
+        address.copy(record.url, sizeof record.url);
         std::memcpy(object, &record, sizeof record);
         started.call("SVNInfo_Splash");
         const std::string frame = start.substr(banner, 61);
         EXPECT_EQ(started.console(), start.substr(banner, revision - banner) +
-                                         fmt::format("*   Revision:         {:<4}{:33}*\n", row.revision, "") +
-                                         start.substr(dates, url - dates) + row.printed + start.substr(last, 61) +
-                                         frame);
+                                         fmt::format("*   Revision:         {:<4}{:33}*\n", number, "") +
+                                         start.substr(dates, url - dates) + printed + start.substr(last, 61) + frame);
     }
     std::memcpy(object, &kept, sizeof kept);
 }

@@ -65,9 +65,7 @@ protected:
 
 TEST_F(Xml, MakesATreeOfTheSubsetItKnows) {
     const std::string longest(255, 't'), too_long(256, 't'), far(1023, 'c'), too_far(1024, 'c');
-    const struct {
-        std::string text, tree;
-    } rows[] = {
+    const std::tuple<std::string, std::string> rows[] = {
         {"", ""},
         {"no tags, a > alone", ""},
         {"<?xml version=1.0?><a>1</a>", "a=1"},
@@ -103,19 +101,14 @@ TEST_F(Xml, MakesATreeOfTheSubsetItKnows) {
 
 TEST_F(Xml, FetchesTokensWithinBounds) {
     char token[8] = {};
-    const struct {
-        std::string_view text;
-        std::int32_t position, capacity, result, length;
-    } rows[] = {
+    const std::tuple<std::string_view, std::int32_t, std::int32_t, std::int32_t, std::int32_t> rows[] = {
         {"<abc>", 0, 4, 5, 3}, {"<abc>", 0, 3, -1, 3},  {"<abc>", 1, 8, -1, 8},  {"x<>", 0, 8, 3, 0},
         {"<a", 0, 8, -1, 8},   {"<abc>", -1, 8, -1, 8}, {"<abc>", 99, 8, -1, 8}, {"<ab<c>", 0, 8, 6, 1},
     };
-    for (const auto &row : rows) {
-        std::int32_t length = row.capacity;
-        EXPECT_EQ(XmlExtractor_FindNextToken(row.text.data(), Length(row.text), row.position, token, &length),
-                  row.result)
-            << row.text;
-        EXPECT_EQ(length, row.length) << row.text;
+    for (const auto &[text, position, capacity, result, found] : rows) {
+        std::int32_t length = capacity;
+        EXPECT_EQ(XmlExtractor_FindNextToken(text.data(), Length(text), position, token, &length), result) << text;
+        EXPECT_EQ(length, found) << text;
     }
     EXPECT_EQ(XmlExtractor_FindEndToken("</a>", 4, -1, "a", 1), -1);
     const std::pair<std::string_view, int> types[] = {{"", 0},    {"a", 0},  {"/a", 1},  {"a/", 2},
@@ -146,10 +139,7 @@ TEST_F(Xml, FindsTheFirstInDocumentOrderByBeginnings) {
 
 TEST_F(Xml, CleansChildrenOrElseSiblings) {
     constexpr std::size_t kRecord = sizeof(XmlElement);
-    const struct {
-        const char *text;
-        std::size_t kept;
-    } rows[] = {
+    const std::tuple<const char *, std::size_t> rows[] = {
         {"", 0},
         {"<a>1</a><b/><c>3</c>", 0},
         {"<a><b>1</b><c/></a>", 0},
