@@ -24,11 +24,11 @@ protected:
     int call_with(const std::string &routine, const std::string &text) {
         return call(routine, started.scratch_text(text));
     }
-    // What a routine gave the address of.
-    const char *given(int address) {
-        const auto at = static_cast<std::uint32_t>(address);
-        const void *const place =
-            GetParam() == Processor::arm ? started.at(at) : reinterpret_cast<const void *>(std::uintptr_t{at});
+    // What a routine gave the address of, on this board or on another one.
+    const char *given(std::uint32_t address, StartedBoard *on = nullptr) {
+        const void *const place = GetParam() == Processor::arm
+                                      ? (on ? *on : started).at(address)
+                                      : reinterpret_cast<const void *>(std::uintptr_t{address});
         return static_cast<const char *>(place);
     }
     template <typename Value> void store(std::uint32_t address, const Value &value) {

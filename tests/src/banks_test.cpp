@@ -152,40 +152,23 @@ TEST_P(Banks, AreTriedInTheirOrder) {
         boot(volume, kNoBank + kNoBank + kNoBank, Verdict::idle, boot_case);
     }
     Bank{}.write(volume, "newapp");
-    boot(volume, kNoBank + kNoBank + kSameVersion, Verdict::launched);
+    // What the first-stage loader finds: the file, the marker, and nothing else changed, all of it in memory proper.
+    BootCase looked_at;
+    looked_at.prepare = [](Machine &machine) {
+        std::memset(machine.board().memory.memory().from(0x23FFFF00).data(), 0xA5, 256);
+    };
+    looked_at.inspect = [](Machine &machine) {
+        const std::uint8_t *const left = machine.board().memory.memory().from(0x23000000).data();
+        EXPECT_EQ(std::string(left, left + kApplication.size()), kApplication);
+        EXPECT_EQ(std::string(left + 0xFFFF00 + 25, left + 0x1000000), std::string(231, '\xA5'));
+    };
+    boot(volume, kNoBank + kNoBank + kSameVersion, Verdict::launched, looked_at);
     Bank{}.write(volume, "oldapp");
     Bank{.files = Files(Changed(kApplication))}.write(volume, "app");
     const RunReport report = boot(volume, kSameVersion + kDemoFailed + kSameVersion, Verdict::launched);
     EXPECT_EQ(report.launched_bytes, kApplication.size());
     EXPECT_NE(report.launched.find("oldapp"), std::string::npos) << report.launched;
     EXPECT_EQ(report.resets, 1u);
-}
-
-// What the first-stage loader finds: the file, the marker, and nothing else changed, all of it in memory proper.
-TEST_P(Banks, LeaveTheirApplicationForTheNextStage) {
-    TemporaryDirectory volume;
-    Bank{}.write(volume, "app");
-    BootCase boot_case;
-    boot_case.prepare = [](Machine &machine) {
-        std::memset(machine.board().memory.memory().from(0x23FFFF00).data(), 0xA5, 256);
-    };
-    boot_case.inspect = [](Machine &machine) {
-        const std::uint8_t *const left = machine.board().memory.memory().from(0x23000000).data();
-        EXPECT_EQ(std::string(left, left + kApplication.size()), kApplication);
-        EXPECT_EQ(std::string(left + 0xFFFF00 + 25, left + 0x1000000), std::string(231, '\xA5'));
-    };
-    boot(volume, kSameVersion, Verdict::launched, boot_case);
-}
-
-TEST_P(Banks, AreNotLaunchedWhereTheFlushIsLeftOut) {
-    TemporaryDirectory volume;
-    Bank{}.write(volume, "app");
-    BootCase boot_case;
-    boot_case.processor = GetParam();
-    boot_case.volume = volume.path();
-    boot_case.most_resets = 2;
-    boot_case.prepare = [](Machine &machine) { machine.board().cache.ignores_flushes = true; };
-    EXPECT_EQ(RunBoot(boot_case).report.verdict, Verdict::reset_loop);
 }
 
 } // namespace

@@ -1,8 +1,8 @@
-// The software two-wire bus, edge by edge: what a device on the wire saw, and what the caller was told.
+// The software two-wire bus, edge by edge, and the link on it: what a device on the wire saw, and what the caller was
+// told.
 #include "tests/processors.h"
 
 #include <fmt/format.h>
-#include <gmock/gmock.h>
 #include <optional>
 
 namespace fixture {
@@ -85,30 +85,36 @@ const Conversation kConversations[] = {
     {"both held", "TWIWrite", 0x30, {}, 1, "S 30+ A1+", 1, 1, {}, {{Line::sda, 19}, {Line::scl, 20}}},
 };
 
-class TwoWireBus : public OnBoard {
+class TwoWire : public OnBoard {
 protected:
+    LineTrouble &trouble = started.board().two_wire_trouble;
     Net &sda = started.board().net('B', 4);
     Net &scl = started.board().net('B', 5);
     I2cMonitor monitor{sda, scl};
-    Recorder device{sda, scl};
 
     // Idle lines: nine clocks with SDA high end whatever a device was about to say; the first stop may meet its last
     // acknowledge.
-    void begin_again() {
-        started.board().two_wire_trouble.clear();
+    void begin_again(I2cSlave &device) {
+        trouble.clear();
         device.clear_faults();
         for (int clock = 0; clock < 9; ++clock) started.call("I2C_SendNack");
         for (int stop = 0; stop < 2; ++stop) started.call("I2C_Stop");
         monitor.take();
     }
-    // The register accesses of a call, natively with the units waited for before them: "CODR=20 d1 PER=20 PDSR ".
+};
+
+class TwoWireBus : public TwoWire {
+protected:
+    Recorder device{sda, scl};
+
+    // The register accesses of a call, with the units waited for before them: "CODR=20 d1 PER=20 PDSR ".
     template <typename... Arguments> std::string accesses(const char *routine, Arguments... arguments) {
         constexpr Picoseconds kUnit = 300 * kNanosecond;
         std::string text;
         Picoseconds last = started.board().clock.now();
         const auto wait = [&] {
             const Picoseconds units = (started.board().clock.now() - last) / kUnit;
-            if (units > 0 && GetParam() == Processor::host) text += fmt::format("d{} ", units);
+            if (units > 0) text += fmt::format("d{} ", units);
             last = started.board().clock.now();
         };
         started.board().bus.observer = [&](const BusAccess &access) {
@@ -129,7 +135,7 @@ TEST_P(TwoWireBus, Conversations) {
     const std::uint32_t count = started.scratch(2);
     for (const Conversation &c : kConversations) {
         SCOPED_TRACE(c.name);
-        begin_again();
+        begin_again(device);
         const std::string routine = c.routine;
         const bool reads = routine.starts_with("TWIRead");
         device.next_reply = c.reply;
@@ -138,7 +144,7 @@ TEST_P(TwoWireBus, Conversations) {
         started.at(count)[0] = static_cast<std::uint8_t>(c.count);
         started.at(count)[1] = 0;
         for (const SlaveFault &fault : c.device) device.inject(fault);
-        for (const LineFault &fault : c.lines) started.board().two_wire_trouble.inject(fault);
+        for (const LineFault &fault : c.lines) trouble.inject(fault);
 
         EXPECT_EQ(c.sub ? started.call(c.routine, c.address, *c.sub, data, count)
                         : started.call(c.routine, c.address, data, count),
@@ -154,39 +160,7 @@ TEST_P(TwoWireBus, Conversations) {
     EXPECT_TRUE(started.board().journal.violations().empty());
 }
 
-// A failed transaction leaves the bus so that the next one works.
-TEST_P(TwoWireBus, GoesOnAfterAFailure) {
-    for (const LineFault &fault : {LineFault{Line::scl, 4, 101}, LineFault{Line::scl, 19, 101},
-                                   LineFault{Line::sda, 19, 150}, LineFault{Line::scl, 14, 101}}) {
-        begin_again();
-        started.board().two_wire_trouble.inject(fault);
-        const std::uint32_t data = started.scratch_text("ab");
-        const std::uint32_t count = started.scratch_text("\1");
-        EXPECT_NE(started.call("TWIWrite", 0x30, data, count), 0u);
-        started.board().two_wire_trouble.clear();
-        monitor.take();
-        EXPECT_EQ(started.call("TWIWrite", 0x30, data, count), 0u);
-        EXPECT_THAT(monitor.take(), testing::EndsWith("30+ 61+ P"));
-    }
-}
-
 // Lines are pulled low or let go, never driven high; levels are read from released lines.
-TEST_P(TwoWireBus, RegisterSequences) {
-    EXPECT_EQ(accesses("I2C_GetSCL"), "ODR=20 PER=20 PDSR ");
-    EXPECT_EQ(accesses("I2C_GetSDA"), "ODR=10 PER=10 PDSR ");
-    EXPECT_EQ(accesses("I2C_SetSCL", 0), "CODR=20 PER=20 OER=20 CODR=20 ");
-    EXPECT_EQ(accesses("I2C_SetSDA", 0), "CODR=10 PER=10 OER=10 CODR=10 ");
-    EXPECT_EQ(accesses("TWIInit"), "ODR=20 PER=20 ODR=10 PER=10 ");
-    started.call("I2C_SetSCL", 0);
-    EXPECT_EQ(started.call("SCLSTAT"), 0u);
-    EXPECT_EQ(started.call("I2C_GetSCL"), 1u);
-    EXPECT_EQ(started.call("SCLSTAT"), 0x20u);
-    EXPECT_EQ(started.call("SDASTAT"), 0x10u);
-
-    started.board().two_wire_trouble.inject({Line::scl});
-    EXPECT_EQ(accesses("I2C_Start"), "ODR=20 PER=20 PDSR ") << "a busy bus: SDA is left alone";
-}
-
 TEST_P(TwoWireBus, WaitsBetweenEdges) {
     if (GetParam() == Processor::arm) return; // there the accesses take a share of each wait
     const std::string scl1 = "ODR=20 PER=20 ", scl0 = "CODR=20 PER=20 OER=20 CODR=20 ";
@@ -200,18 +174,90 @@ TEST_P(TwoWireBus, WaitsBetweenEdges) {
     EXPECT_EQ(accesses("I2C_Stop"), "d1 " + scl0 + "d1 " + sda0 + "d1 " + scl1 + up + "d20 " + sda1 + sda1 + "PDSR ");
 }
 
-TEST_P(TwoWireBus, DelayTakesTime) {
-    const auto time_of = [this](unsigned units) {
+BOTH_PROCESSORS(TwoWireBus);
+
+// The link to the user-interface controller: frames on the wire, what the caller is told.
+
+struct Exchange {
+    const char *name;
+    bool reads;
+    unsigned command, length;
+    std::uint32_t result;
+    const char *wire; // null: not looked at
+    std::vector<std::uint8_t> reply = {};
+    std::vector<SlaveFault> device = {};
+    std::vector<LineFault> lines = {};
+};
+
+const std::vector<std::uint8_t> kLongestReply = {0,    0,    0,    0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
+                                                 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+
+// Data to write: 64 01 02 ... The controller is asleep, its backlight at level 0, so that a reply is 00 00 and 00.
+const Exchange kExchanges[] = {
+    {"ask", true, 0x63, 2, 0, "S 20+ 63+ 9D+ P S 21+ 00+ 00+ 00- P", {0, 0}},
+    {"reply of no byte", true, 0x01, 0, 0, "S 20+ 01+ FF+ P S 21+ 00- P", {}},
+    // The controller has less to say: FF follow, the last one made into a checksum.
+    {"longest reply", true, 0x01, 16, 0, nullptr, kLongestReply, {{At::reply, 16, 1, 0xFF ^ 13}}},
+    {"no checksum after it", true, 0x01, 16, 1, nullptr},
+    {"reply too long", true, 0x01, 17, 1, ""},
+    {"bad reply", true, 0x63, 2, 1, "S 20+ 63+ 9D+ P S 21+ 00+ 01+ 00- P", {}, {{At::reply, 1, 1, 0x01}}},
+    {"bad checksum", true, 0x63, 2, 1, "S 20+ 63+ 9D+ P S 21+ 00+ 00+ 80- P", {}, {{At::reply, 2, 1, 0x80}}},
+    {"other bytes, good sum", true, 0x63, 2, 0, nullptr, {1, 0xFF}, {{At::reply, 0, 1, 0x01}, {At::reply, 1, 1}}},
+    {"reply held for good", true, 0x63, 2, 4, nullptr, {}, {}, {{Line::scl, 48}}},
+    {"request refused", true, 0x63, 2, 7, "S 20+ 63+ 9D-", {}, {{At::data, 1}}},
+    {"no reply", true, 0x63, 2, 5, "S 20+ 63+ 9D+ P S 21-", {}, {{At::address, 1}}},
+
+    {"no data", false, 0x05, 0, 0, "S 20+ 05+ FB+ P"},
+    {"longest write", false, 0x60, 14, 0, "S 20+ 60+ 64+ 01+ 02+ 03+ 04+ 05+ 06+ 07+ 08+ 09+ 0A+ 0B+ 0C+ 0D+ E1+ P"},
+    {"write too long", false, 0x60, 15, 1, ""},
+    {"data refused", false, 0x60, 1, 7, "S 20+ 60-", {}, {{At::data}}},
+};
+
+class UiLink : public TwoWire {
+protected:
+    UiController &ui = started.board().ui;
+};
+
+TEST_P(UiLink, Exchanges) {
+    const std::uint32_t data = started.scratch(32);
+    const std::uint32_t length = started.scratch(2);
+    ui.starting_time = 0;
+    for (const Exchange &x : kExchanges) {
+        SCOPED_TRACE(x.name);
+        ui.state = UiState{};
+        begin_again(ui);
+        for (unsigned i = 0; i < 32; ++i) started.at(data)[i] = static_cast<std::uint8_t>(i == 0 ? 0x64 : i);
+        std::vector<std::uint8_t> expected(started.at(data), started.at(data) + 32);
+        std::copy(x.reply.begin(), x.reply.end(), expected.begin());
+        started.at(length)[0] = static_cast<std::uint8_t>(x.length);
+        started.at(length)[1] = 0;
+        for (const SlaveFault &fault : x.device) ui.inject(fault);
+        for (const LineFault &fault : x.lines) trouble.inject(fault);
+
         const Picoseconds before = started.board().clock.now();
-        started.call("I2C_Delay", units);
-        return started.board().clock.now() - before;
-    };
-    const Picoseconds nothing = time_of(0), twenty = time_of(20) - nothing;
-    EXPECT_GT(twenty, 200 * 10 * kNanosecond);
-    EXPECT_NEAR(static_cast<double>(time_of(200) - nothing), 10.0 * static_cast<double>(twenty), 1e6);
+        const std::uint32_t buffer = x.reads || x.length != 0 ? data : 0; // no data need no place
+        EXPECT_EQ(started.call(x.reads ? "uiReadCmd" : "uiWriteCmd", x.command, buffer, length), x.result);
+        EXPECT_GE(started.board().clock.now() - before, 5 * kMillisecond) << "every call ends with a pause";
+        const std::string wire = monitor.take();
+        EXPECT_EQ(wire, x.wire ? x.wire : wire);
+        EXPECT_EQ(std::vector<std::uint8_t>(started.at(data), started.at(data) + 32), expected);
+        EXPECT_EQ(started.at(length)[0], x.length);
+    }
 }
 
-BOTH_PROCESSORS(TwoWireBus);
+// Without its last byte a reply is no reply, whatever lies in memory where the checksum would be.
+TEST_P(UiLink, ReplyWithoutChecksum) {
+    const std::uint32_t data = started.scratch(2);
+    const std::uint32_t length = started.scratch_text(std::string("\2\0", 2));
+    for (unsigned flip = 0; flip < 256; ++flip) {
+        ui.inject({At::reply, 0, 1, static_cast<std::uint8_t>(flip)});
+        trouble.inject({Line::scl, 57, 150});
+        ASSERT_EQ(started.call("uiReadCmd", 0x63, data, length), 1u) << flip;
+    }
+    EXPECT_EQ(started.call("checkCheckSum", length, 1, 1), 1u);
+}
+
+BOTH_PROCESSORS(UiLink);
 
 } // namespace
 

@@ -60,24 +60,6 @@ struct Raw {
     static constexpr std::uint32_t kBuffer = 0x21800000;
 };
 
-// A driver that confirms what it has not addressed fails its test, whatever the chip makes of it.
-TEST(NandLog, ThrowsAtAConfirmationWithoutItsAddress) {
-    constexpr std::uint32_t kAddress = 0x40200000, kCommand = 0x40400000;
-    const std::pair<std::uint32_t, unsigned> rows[] = {{0xD0, 3}, {0x10, 5}, {0x30, 5}};
-    for (const auto &[confirmation, needs] : rows)
-        for (unsigned cycles = 0; cycles <= needs; ++cycles) {
-            Clock clock;
-            Bus bus(clock);
-            NandLog log(bus);
-            for (unsigned n = 0; n < cycles; ++n) bus.observer({0, kAddress, 1, 0, true});
-            const auto confirm = [&, opcode = confirmation] { bus.observer({0, kCommand, 1, opcode, true}); };
-            if (cycles < needs)
-                EXPECT_THROW(confirm(), std::runtime_error) << confirmation << " after " << cycles;
-            else
-                EXPECT_NO_THROW(confirm());
-        }
-}
-
 class NandDriver : public testing::TestWithParam<Processor> {};
 BOTH_PROCESSORS(NandDriver);
 

@@ -7,7 +7,6 @@
 #include <fmt/format.h>
 #include <map>
 #include <numeric>
-#include <random>
 #include <regex>
 #include <twi_device.h>
 
@@ -247,31 +246,6 @@ TEST_P(ParameterStore, UpdatesInMemory) {
     EXPECT_EQ(update(identifier, Data(998 - length, 2)), 0u);
     EXPECT_EQ(lookup(identifier), Data(998 - length, 2));
     EXPECT_EQ(lookup(9), Data(15, 0xEE));
-}
-
-// Random updates, commits and cold boots against a map.
-TEST_P(ParameterStore, RandomUpdates) {
-    std::mt19937 random(GetParam() == Processor::arm ? 1 : 2);
-    Parameters stored = {{9, {1, 2, 3, 4}}};
-    chips.eeprom = ChipWith(stored);
-    write_time = 0;
-    boot();
-    Parameters current = stored;
-    for (int step = 0; step < (GetParam() == Processor::arm ? 24 : 400); ++step) {
-        Data data(random() % 16);
-        for (std::uint8_t &byte : data) byte = static_cast<std::uint8_t>(random());
-        const unsigned identifier = 9 + static_cast<unsigned>(random() % 13); // at most 235 bytes: within the safe 256
-        ASSERT_EQ(update(identifier, data), 0u);
-        current[identifier] = data;
-        if (random() % 4 == 0) {
-            ASSERT_EQ(started->call("CommitBuffer"), 0u);
-            stored = current;
-        } else if (random() % 8 == 0) {
-            boot();
-            current = stored;
-        }
-        ASSERT_EQ(found(current), current) << "step " << step;
-    }
 }
 
 TEST_P(ParameterStore, BoardStartUpReadsTheNetwork) {
