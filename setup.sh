@@ -13,7 +13,7 @@ libgtest-dev libgmock-dev sigrok-cli spin z3 python3-jsonschema
 # Only what CI, `make test`, `make lint`, `make fuzz`, `make mcdc`, `make deb` and `make cluster-test` use beyond that.
 case "${1:-}" in
 --lint) packages="$packages clang-format clang-tidy python3" ;;
---test) packages="$packages gdb gdb-multiarch chromium chromium-driver libcpp-httplib-dev python3-clang" ;;
+--test) packages="$packages gdb gdb-multiarch chromium python3-clang" ;;
 --package) packages="$packages dpkg-dev file zsh fish groff-base" ;;
 --cluster) packages="$packages slurm-wlm munge" ;;
 --fuzz) packages="$packages clang libclang-rt-14-dev" ;;

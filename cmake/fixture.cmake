@@ -152,7 +152,6 @@ if(TESTS)
     find_package(GTest REQUIRED)
     enable_testing()
     include(GoogleTest)
-    pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
     file(GLOB TEST_SOURCES CONFIGURE_DEPENDS tests/*/*.cpp fuzz/*.cpp)
     list(FILTER TEST_SOURCES EXCLUDE REGEX "/fuzz/main\\.cpp$")
     add_executable(fixture-tests ${TEST_SOURCES})
@@ -161,7 +160,7 @@ if(TESTS)
     target_precompile_headers(fixture-tests PRIVATE <fmt/format.h> <gmock/gmock.h> <gtest/gtest.h> <nlohmann/json.hpp>)
     target_include_directories(fixture-tests BEFORE PRIVATE platform/host/include)
     target_include_directories(fixture-tests PRIVATE ${MODULE_INCLUDES})
-    target_link_libraries(fixture-tests PRIVATE native-modules-fixed harness PkgConfig::HTTPLIB
+    target_link_libraries(fixture-tests PRIVATE native-modules-fixed harness
                           GTest::gtest GTest::gmock GTest::gtest_main ${NATIVE_LINK})
     add_test(NAME Protocol.IsSafeAndComesToItsEnd COMMAND ${CMAKE_SOURCE_DIR}/proof/check.sh ${CMAKE_BINARY_DIR}/proof)
     add_test(NAME Protocol.HasEveryEdgeOfTheProgram

@@ -60,6 +60,16 @@ int Process::wait() {
     return *status_;
 }
 
+std::string Output(const std::string &command) {
+    std::FILE *const program = popen(command.c_str(), "r");
+    if (!program) throw std::runtime_error("no shell to be had");
+    std::string text;
+    char part[4096];
+    for (std::size_t count; (count = std::fread(part, 1, sizeof part, program)) > 0;) text.append(part, count);
+    pclose(program);
+    return text;
+}
+
 std::string Process::text() const {
     std::string all(static_cast<std::size_t>(lseek(file_, 0, SEEK_END)), '\0');
     const ssize_t count = pread(file_, all.data(), all.size(), 0);

@@ -33,4 +33,7 @@ private:
     std::optional<int> status_;
 };
 
+// The standard output of another program, by a command of the shell.
+std::string Output(const std::string &command);
+
 } // namespace fixture

@@ -1,19 +1,20 @@
 // The debugger's port, as GDB itself finds it, and as nobody should use it.
-#include "formats/bank.h"
 #include "formats/file.h"
 #include "formats/slot_store.h"
 #include "formats/stored_image.h"
+#include "harness/bank_files.h"
+#include "harness/builds.h"
 #include "harness/process.h"
+#include "harness/small_target.h"
 #include "harness/source_tree.h"
 #include "harness/started_board.h"
+#include "harness/texts.h"
 #include "machine/debugger.h"
 #include "machine/events.h"
 #include "machine/raw_flash.h"
-#include "sweep/world.h"
 
 #include <arpa/inet.h>
 #include <chrono>
-#include <cstdio>
 #include <fmt/format.h>
 #include <future>
 #include <gmock/gmock.h>
@@ -28,7 +29,7 @@ namespace fixture {
 
 namespace {
 
-using testing::HasSubstr;
+using testing::AllOf, testing::HasSubstr;
 
 struct Debugged {
     RunReport report;
@@ -109,15 +110,6 @@ Debugged Debug(const Side &other_side, Debugger::StopOn on = Debugger::StopOn::e
     return DebugRun(chips, options, other_side, on, prepare);
 }
 
-std::string Output(const std::string &command) {
-    std::FILE *const program = popen(command.c_str(), "r");
-    std::string text;
-    char part[4096];
-    for (std::size_t count; (count = std::fread(part, 1, sizeof part, program)) > 0;) text.append(part, count);
-    pclose(program);
-    return text;
-}
-
 // The command, built beside this test.
 std::filesystem::path FixtureProgram() {
     return std::filesystem::read_symlink("/proc/self/exe").parent_path() / "fixture";
@@ -139,37 +131,27 @@ Debugged DebugWithGdb(const std::string &commands, Debugger::StopOn on = Debugge
 }
 
 // The same run with nobody looking.
-RunReport Undisturbed() { return RunBoot({}).report; }
-
 void ExpectUndisturbed(const RunReport &report) {
-    const RunReport plain = Undisturbed();
+    const RunReport plain = RunBoot({}).report;
     EXPECT_EQ(report.verdict, plain.verdict);
     EXPECT_EQ(report.time, plain.time);
     EXPECT_EQ(report.instructions, plain.instructions);
 }
 
 TEST(Debugger, StopsStepsAndLooksWithoutCost) {
-    const Debugged run = DebugWithGdb("print/x $pc\n"
-                                      "break main\ncontinue\nbacktrace 1\n"
-                                      "stepi\nstepi\nnext\nprint/x $cpsr & 0x1f\n"
-                                      "x/2xw 0x20100000\n"
-                                      "print/x *(unsigned *)0xFFFFF43C\n"
-                                      "delete\n"
-                                      "awatch *(unsigned *)0xFFFFFE00\n" // nothing is there: never hit
-                                      "awatch *(unsigned *)0xFFFFEE1C\n" // DBGU.THR
-                                      "continue\nbacktrace 2\n"
-                                      "monitor time\nmonitor where\nmonitor chips\nmonitor nonsense\n"
-                                      "delete\ncontinue\n");
-    EXPECT_THAT(run.said, HasSubstr("$1 = 0x20100000"));
-    EXPECT_THAT(run.said, HasSubstr("Breakpoint 1, "));
-    EXPECT_THAT(run.said, HasSubstr("#0  main"));
-    EXPECT_THAT(run.said, HasSubstr("$2 = 0x13")) << "supervisor mode";
-    EXPECT_THAT(run.said, HasSubstr("access (read/write) watchpoint 3: *(unsigned *)0xFFFFEE1C"));
-    EXPECT_THAT(run.said, HasSubstr("CONSOLE_Put"));
-    EXPECT_THAT(run.said, HasSubstr("ms of virtual time, "));
-    EXPECT_THAT(run.said, HasSubstr("DataFlash: AT45"));
-    EXPECT_THAT(run.said, HasSubstr("monitor commands:"));
-    EXPECT_THAT(run.said, HasSubstr("exited with code 01"));
+    const Debugged run =
+        DebugWithGdb("print/x $pc\nbreak main\ncontinue\nbacktrace 1\n"
+                     "stepi\nstepi\nnext\nprint/x $cpsr & 0x1f\n"
+                     "x/2xw 0x20100000\nprint/x *(unsigned *)0xFFFFF43C\ndelete\n"
+                     "awatch *(unsigned *)0xFFFFFE00\n" // nothing is there: never hit
+                     "awatch *(unsigned *)0xFFFFEE1C\n" // DBGU.THR
+                     "continue\nbacktrace 2\nmonitor time\nmonitor where\nmonitor chips\nmonitor nonsense\n"
+                     "delete\ncontinue\n");
+    for (const char *const told :
+         {"$1 = 0x20100000", "Breakpoint 1, ", "#0  main", "$2 = 0x13", // supervisor mode
+          "access (read/write) watchpoint 3: *(unsigned *)0xFFFFEE1C", "CONSOLE_Put", "ms of virtual time, ",
+          "DataFlash: AT45", "monitor commands:", "exited with code 01"})
+        EXPECT_THAT(run.said, HasSubstr(told));
     ExpectUndisturbed(run.report);
 }
 
@@ -210,9 +192,7 @@ TEST(Debugger, HandsOverTheSymbolsOfWhatRuns) {
     const std::vector<BankFile> files = {
         {FileRole::application, "application.bin", "2.0", application.flat},
         {FileRole::bootloader, "bootloader.bin", "1.9.1", Wrap(Bootloader("1.9.1").flat)}};
-    here.write(std::string("data/app/") + kDescriptorName, MakeDescriptor(files));
-    here.write(std::string("data/app/") + kManifestName, MakeManifest(files));
-    for (const BankFile &file : files) here.write("data/app/" + file.path(), {file.bytes.begin(), file.bytes.end()});
+    WriteBank(here.path() / "data/app", files);
     RunOptions options;
     options.slots = true;
     options.volume = here.path();
@@ -284,24 +264,20 @@ private:
 };
 
 TEST(Debugger, CutsThePowerWhereItIsAsked) {
-    const World world =
-        MakeWorld({.slots = {SlotState::running, SlotState::broken}}, SweepFirmware(FirmwareDirectory() / "fixed"));
+    const World world = MakeWorld({.slots = {SlotState::running, SlotState::broken}}, FixedBuilds());
     RunOptions options;
     options.slots = true;
     options.volume = *world.volume;
     options.board = world.board;
     options.run_launched = false;
-    const struct {
-        const char *name;
-        CutMoment moment;
-    } rows[] = {{"before", CutMoment::before}, {"torn", CutMoment::torn}, {"after", CutMoment::after}};
     std::vector<NandContents> left;
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.name);
+    for (const auto &[name, moment] :
+         {std::pair{"before", CutMoment::before}, {"torn", CutMoment::torn}, {"after", CutMoment::after}}) {
+        SCOPED_TRACE(name);
         Chips chips = world.chips, expected = world.chips;
-        const auto cut = [&](std::uint16_t port) {
+        const auto cut = [name = name](std::uint16_t port) {
             Client client(port);
-            const std::string heard = client.monitor(std::string("cut-power ") + row.name);
+            const std::string heard = client.monitor(std::string("cut-power ") + name);
             client.send(FrameGdbPacket("vCont;c"));
             client.next();
             return heard + client.next();
@@ -309,15 +285,13 @@ TEST(Debugger, CutsThePowerWhereItIsAsked) {
         const Debugged run = DebugRun(chips, options, cut, Debugger::StopOn::entry, {});
         EXPECT_THAT(run.said, HasSubstr("the next operation that changes a chip"));
         EXPECT_EQ(run.report.verdict, Verdict::power_lost);
-        RunBoot({.volume = *world.volume,
-                 .board = world.board,
-                 .chips = &expected,
-                 .from_slots = true,
-                 .prepare =
-                     [&](Machine &machine) {
-                         machine.board().supply.plan(PowerCut{0, row.moment, 1});
-                     },
-                 .inspect = {}});
+        BootCase same;
+        same.volume = *world.volume;
+        same.board = world.board;
+        same.chips = &expected;
+        same.from_slots = true;
+        same.prepare = [moment = moment](Machine &machine) { machine.board().supply.plan(PowerCut{0, moment, 1}); };
+        RunBoot(same);
         EXPECT_EQ(chips.nand, expected.nand);
         EXPECT_EQ(chips.eeprom, expected.eeprom);
         left.push_back(chips.nand);
@@ -328,6 +302,7 @@ TEST(Debugger, CutsThePowerWhereItIsAsked) {
 
 // What a debugger does to a run, and what the run makes of it.
 TEST(Debugger, IsHeardWhileTheBoardRuns) {
+    constexpr const char *kGone = "the debugger has gone; the run goes on";
     const std::string go = FrameGdbPacket("vCont;c"), reset = FrameGdbPacket("qRcmd," + ToHex("reset"));
     const struct {
         const char *name;
@@ -339,6 +314,10 @@ TEST(Debugger, IsHeardWhileTheBoardRuns) {
         {"Ctrl-C in one breath with the command", {go + "\x03", go}, {"T02", "O", "W01"}, ""},
         {"detach", {FrameGdbPacket("D")}, {"OK"}, "the debugger has let go; the run goes on"},
         {"a wrong sum, and again", {"$?#00", FrameGdbPacket("?"), go}, {"T05thread:1;", "O", "W01"}, ""},
+        {"away at once", {}, {}, kGone},
+        {"away without an answer", {"$g#67"}, {}, kGone},
+        {"away without a stop", {go}, {}, kGone},
+        {"rubbish, and away", {"garbage\x03$Z0#00$X20100000,ffffffff:#00-"}, {}, kGone},
         {"a reset, and away", {reset, FrameGdbPacket("s")}, {ToHex("the processor is reset")}, "the debugger has gone"},
     };
     for (const auto &row : rows) {
@@ -364,12 +343,10 @@ TEST(Debugger, CutsThePowerAndResets) {
 
 // The command as it is typed: a case of a sweep, which ends as it does with nobody looking.
 TEST(Debugger, LooksAtACaseOfASweep) {
-    const std::vector<std::string> call = {"boot", "--replay", "nand-update/running-erased:12t"};
-    Process plain(call);
+    constexpr const char *kCase = "nand-update/running-erased:12t";
+    Process plain({"boot", "--replay", kCase});
     EXPECT_EQ(plain.wait(), 0);
-    std::vector<std::string> with_gdb = call;
-    with_gdb.insert(with_gdb.end(), {"--gdb", "0"});
-    Process looked_at(with_gdb);
+    Process looked_at({"boot", "--replay", kCase, "--gdb", "0"});
     const std::string waiting = "target remote :";
     std::size_t at = std::string::npos;
     for (unsigned tries = 0; tries < 1200 && at == std::string::npos; ++tries) {
@@ -385,19 +362,6 @@ TEST(Debugger, LooksAtACaseOfASweep) {
     EXPECT_EQ(text.substr(text.find("launched ")), plain.text().substr(plain.text().find("launched ")));
 }
 
-TEST(Debugger, ThatVanishesLeavesTheRunToItself) {
-    for (const std::string bytes : {"", "$g#67", "$vCont;c#a8", "garbage\x03$Z0#00$X20100000,ffffffff:#00-"}) {
-        const Debugged run = Debug([&](std::uint16_t port) {
-            const int peer = Connect(port);
-            EXPECT_EQ(write(peer, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-            close(peer);
-            return std::string();
-        });
-        EXPECT_THAT(run.notices, HasSubstr("the debugger has gone; the run goes on")) << bytes;
-        ExpectUndisturbed(run.report);
-    }
-}
-
 TEST(Debugger, PortInUseIsRefused) {
     Chips chips;
     RunOptions options;
@@ -409,8 +373,7 @@ TEST(Debugger, PortInUseIsRefused) {
 
 // What docs/debugging.md says to type, typed.
 std::string Recipe(unsigned number) {
-    const Bytes bytes = ReadFile(SourceFile("docs/debugging.md"), 1 << 20);
-    const std::string text(bytes.begin(), bytes.end());
+    const std::string text = AsText(ReadFile(SourceFile("docs/debugging.md"), 1 << 20));
     std::size_t begin = 0;
     for (unsigned n = 0; n <= number; ++n) begin = text.find("```gdb\n", begin) + 7;
     return text.substr(begin, text.find("```", begin) - begin);
@@ -420,9 +383,7 @@ TEST(Recipes, OnTheBoard) {
     const std::string recipe = Recipe(0);
     const std::string commands = recipe.substr(recipe.find("break main")); // Gdb() connects
     const Debugged run = Debug([&](std::uint16_t port) { return Gdb(port, commands, ""); });
-    EXPECT_THAT(run.said, HasSubstr("#0  main"));
-    EXPECT_THAT(run.said, HasSubstr("CONSOLE_Put"));
-    EXPECT_THAT(run.said, HasSubstr("exited with code 01"));
+    EXPECT_THAT(run.said, AllOf(HasSubstr("#0  main"), HasSubstr("CONSOLE_Put"), HasSubstr("exited with code 01")));
 }
 
 TEST(Recipes, Natively) {
@@ -450,20 +411,9 @@ TEST(GdbPackets, Framing) {
     EXPECT_EQ(seen, "0g 2 3 1 1 0? ");
 }
 
-class NoTarget : public GdbTarget {
-    std::array<std::uint32_t, 17> registers() override { return {}; }
-    void set_register(unsigned, std::uint32_t) override {}
-    std::optional<std::string> read(std::uint32_t, std::uint32_t) override { return {}; }
-    bool write(std::uint32_t, std::string_view) override { return false; }
-    std::string monitor(const std::string &) override { return {}; }
-    std::string memory_map() override { return {}; }
-    std::string program() override { return {}; }
-    std::optional<std::string> file(const std::string &) override { return {}; }
-};
-
 // Stops are bounded, and a debugger that has set all it may still takes them away again.
 TEST(GdbPackets, StopsAreBoundedAndCanAllBeTakenAway) {
-    NoTarget target;
+    SmallTarget target;
     GdbSession session(target);
     const auto stop = [&](char command, unsigned n) {
         return session.handle(fmt::format("{}0,{:x},4", command, 4 * n)).reply;
