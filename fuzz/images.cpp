@@ -87,7 +87,7 @@ void PutRemains(Shape &shape, Contents &contents, const std::vector<ReferenceIma
     for (const Slot &slot : SlotsOn(flash)) {
         const unsigned what = shape.below(4);
         if (what == 0) continue;
-        Bytes image = references[shape.below(static_cast<std::uint32_t>(references.size()))].image;
+        Bytes image = shape.one_of(references).image;
         const auto size = static_cast<std::uint32_t>(image.size());
         if (what == 2) image[shape.below(size)] ^= 0x10;
         if (what == 3) image.resize(shape.below(size + 1));
@@ -106,7 +106,9 @@ template <typename Contents> void LookAt(const Contents &contents, const std::st
 }
 
 // A repair never takes the bootloader that runs, and after a few visits there is nothing to mend.
-template <typename Contents> void Treat(Shape &shape, Contents &contents) {
+template <typename Contents> void Treat(Shape &shape, Contents &contents, const char *option, const char *straps) {
+    FillSlots(shape, contents);
+    if (shape.one_in(8)) LookAt(contents, option, straps);
     const std::vector<ReferenceImage> references = {
         {"one", FileRole::bootloader, Wrap(Bytes(5000, 0x11)), "1", "one"},
         {"other", FileRole::bootloader, Wrap(Bytes(300, 0x22)), "2", "other"},
@@ -140,14 +142,10 @@ void FuzzDoctor(std::span<const std::uint8_t> input) {
     if (shape.one_in(2)) {
         NandContents nand;
         MarkBadBlocks(shape, nand);
-        FillSlots(shape, nand);
-        if (shape.one_in(8)) LookAt(nand, "--nand", "12-13");
-        Treat(shape, nand);
+        Treat(shape, nand, "--nand", "12-13");
     } else {
         At45Contents dataflash(*FindAt45Part(kDefaultAt45));
-        FillSlots(shape, dataflash);
-        if (shape.one_in(8)) LookAt(dataflash, "--dataflash", "none");
-        Treat(shape, dataflash);
+        Treat(shape, dataflash, "--dataflash", "none");
     }
 }
 
@@ -171,11 +169,11 @@ void FuzzSlot(std::span<const std::uint8_t> input) {
     Chips chips;
     const bool nand = shape.one_in(2);
     if (nand) {
-        chips.nand = NandContents(&NandParts()[shape.below(static_cast<std::uint32_t>(NandParts().size() - 1))]);
+        chips.nand = NandContents(&shape.one_of(NandParts(), NandParts().size() - 1));
         MarkBadBlocks(shape, chips.nand);
         FillSlots(shape, chips.nand);
     } else {
-        chips.dataflash = At45Contents(At45Parts()[shape.below(static_cast<std::uint32_t>(At45Parts().size()))]);
+        chips.dataflash = At45Contents(shape.one_of(At45Parts()));
         FillSlots(shape, chips.dataflash);
     }
     ModuleBoard board(std::move(chips));

@@ -10,15 +10,11 @@ namespace fixture {
 namespace {
 
 void CheckLookup(ModuleBoard &board, const std::vector<StoredParameter> &parameters, unsigned identifier) {
-    const std::uint32_t data = board.started().scratch(16), length = board.started().scratch(4);
-    const bool found = board.call("readEEpromParameter", identifier, data, length) == 0;
     const auto listed = std::find_if(parameters.begin(), parameters.end(),
                                      [=](const StoredParameter &known) { return known.identifier == identifier; });
-    Require(found == (listed != parameters.end()), "a parameter is there for one reader alone");
-    if (!found) return;
-    const std::uint8_t *const bytes = board.started().at(data);
-    Require(std::equal(listed->data.begin(), listed->data.end(), bytes, bytes + *board.started().at(length)),
-            "a parameter has two values");
+    const std::optional<Bytes> found = board.parameter(identifier);
+    Require(found.has_value() == (listed != parameters.end()), "a parameter is there for one reader alone");
+    Require(!found || listed->data == *found, "a parameter has two values");
 }
 
 // A change through the bootloader and through the tool, where the tool would make it.

@@ -25,16 +25,14 @@ public:
     void forget() { known_ = false; }
     bool known() const { return known_; }
     const std::vector<StoredParameter> &parameters() const { return parameters_; }
-    const StoredParameter *find(std::uint32_t identifier) const {
+    StoredParameter *find(std::uint32_t identifier) {
         const auto found = std::find_if(parameters_.begin(), parameters_.end(),
                                         [=](const StoredParameter &one) { return one.identifier == identifier; });
         return found == parameters_.end() ? nullptr : &*found;
     }
     void set(const StoredParameter &change) {
-        bool replaced = false;
-        for (StoredParameter &one : parameters_)
-            if (one.identifier == change.identifier) one = change, replaced = true;
-        if (!replaced) parameters_.push_back(change);
+        StoredParameter *const there = find(change.identifier);
+        (there ? *there : parameters_.emplace_back()) = change;
         known_ = known_ && fits(parameters_);
     }
 
@@ -157,9 +155,8 @@ private:
         if (!store_.known() || request.address == 0xFF) return;
         const StoredParameter *const stored = store_.find(request.address);
         Require((request.status == 0) == (stored != nullptr), "a lookup");
-        if (stored)
-            Require(std::equal(stored->data.begin(), stored->data.end(), got.begin(), got.begin() + request.count),
-                    "another value than was set");
+        const auto value = got.first(stored ? request.count : 0u);
+        Require(!stored || std::ranges::equal(stored->data, value), "another value than was set");
     }
 
     void check_commit(const TwiRequest &request) {

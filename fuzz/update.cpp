@@ -1,6 +1,6 @@
 // An update from the bank to the slots to the reset and on: a whole power-up goes as foretold and leaves a bootloader.
-#include "formats/bank.h"
 #include "fuzz/targets.h"
+#include "harness/bank_files.h"
 #include "machine/raw_flash.h"
 #include "sweep/foretold.h"
 
@@ -69,11 +69,11 @@ void MakeBank(Shape &shape, const std::filesystem::path &bank) {
     // The last digit of a size or a sum is another one now and then.
     if (shape.one_in(8)) manifest[282 * (2 + shape.below(2)) + shape.pick({8u, 20u})] = shape.pick({'0', '7', ' '});
     std::filesystem::remove_all(bank.parent_path());
-    std::filesystem::create_directories(bank / kFileDirectory);
+    WriteBank(bank, files);
     WriteFile(bank / kDescriptorName, descriptor);
     WriteFile(bank / kManifestName, manifest);
     for (const BankFile &file : files)
-        if (!shape.one_in(16)) WriteFile(bank / file.path(), file.bytes);
+        if (shape.one_in(16)) std::filesystem::remove(bank / file.path());
 }
 
 bool HasBootloader(const RawFlash &flash) { return ChooseBootloader(flash.read, SlotsOf(flash.medium)).has_value(); }
@@ -86,7 +86,7 @@ void FuzzUpdate(std::span<const std::uint8_t> input) {
     const bool nand = shape.one_in(2);
     for (unsigned blocks = nand ? shape.pick({0u, 0u, 1u, 3u}) : 0; blocks > 0; --blocks)
         chips.nand.make_factory_bad(1 + shape.below(kBlocksOfSlots));
-    if (!nand) chips.dataflash = At45Contents(At45Parts()[shape.below(static_cast<std::uint32_t>(At45Parts().size()))]);
+    if (!nand) chips.dataflash = At45Contents(shape.one_of(At45Parts()));
     const RawFlash flash = nand ? RawFlashOf(chips.nand) : RawFlashOf(chips.dataflash);
     Fill(shape, flash);
     if (!HasBootloader(flash)) return; // no room on this chip

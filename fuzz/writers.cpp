@@ -25,9 +25,7 @@ void WrapAnything(Shape &shape) {
     const Bytes image = ReadFile(out, kLargestStoredImage);
     const StoredImage judged = JudgeImage(image, static_cast<std::uint32_t>(image.size()));
     Require(judged.verdict() == ImageVerdict::good && judged.size == image.size(), "wrapped to no good image");
-    const bool elf = body.size() >= 4 && std::equal(body.begin(), body.begin() + 4,
-                                                    "\x7F"
-                                                    "ELF");
+    const bool elf = AsText(body).starts_with("\177ELF");
     Require(elf || std::equal(body.begin(), body.end(), image.begin() + kImageHeaderBytes, image.end()),
             "wrapped another body");
 }
@@ -40,16 +38,9 @@ void BuildBank(Shape &shape) {
     const std::string name = "a" + shape.text(24);
     if (name.find_first_of(std::string("/\0", 2)) != std::string::npos) return;
     const Bytes application = shape.bytes(64);
-    std::vector<std::string> call = {"bank",
-                                     "build",
-                                     bank,
-                                     "--json",
-                                     "--app",
-                                     ScratchFile(name.c_str(), application),
-                                     "--app-version=" + shape.text(18),
-                                     "--bootloader",
-                                     ScratchFile("loader.img", Wrap(Bootloader().flat)),
-                                     "--bootloader-version=1.9.0"};
+    std::vector<std::string> call = {"bank", "build", bank, "--json", "--bootloader-version=1.9.0", "--bootloader"};
+    call.push_back(ScratchFile("loader.img", Wrap(Bootloader().flat)));
+    call.insert(call.end(), {"--app", ScratchFile(name.c_str(), application), "--app-version=" + shape.text(18)});
     if (shape.one_in(2)) {
         call.insert(call.end(), {"--rescue", ScratchFile("help.bin", MakeImage(shape))});
         call.push_back("--rescue-version=" + shape.text(18));
@@ -136,11 +127,11 @@ template <typename Contents> void StoreImages(Shape &shape, Contents contents) {
 
 void StoreOnChip(Shape &shape) {
     if (shape.one_in(2)) {
-        NandContents nand(&NandParts()[shape.below(static_cast<std::uint32_t>(NandParts().size() - 1))]);
+        NandContents nand(&shape.one_of(NandParts(), NandParts().size() - 1));
         for (unsigned blocks = shape.below(4); blocks > 0; --blocks) nand.make_factory_bad(1 + shape.below(80));
         StoreImages(shape, std::move(nand));
     } else {
-        StoreImages(shape, At45Contents(At45Parts()[shape.below(static_cast<std::uint32_t>(At45Parts().size()))]));
+        StoreImages(shape, At45Contents(shape.one_of(At45Parts())));
     }
 }
 
@@ -169,14 +160,8 @@ void SetParameters(Shape &shape) {
     if (before.current || std::any_of(stored.begin(), stored.end(), [](auto &one) { return one.identifier == 0xFF; }))
         return; // what others set before may end a lookup
     ModuleBoard board(std::move(chips));
-    const std::uint32_t data = board.started().scratch(16), length = board.started().scratch(4);
-    for (const StoredParameter &change : changes) {
-        Require(board.call("readEEpromParameter", change.identifier, data, length) == 0,
-                "the bootloader does not find it");
-        const std::uint8_t *const bytes = board.started().at(data);
-        Require(std::equal(change.data.begin(), change.data.end(), bytes, bytes + *board.started().at(length)),
-                "the bootloader reads another value");
-    }
+    for (const StoredParameter &change : changes)
+        Require(board.parameter(change.identifier) == change.data, "the bootloader does not find what was set");
 }
 
 } // namespace

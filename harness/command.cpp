@@ -50,9 +50,7 @@ private:
     int saved_ = -1;
 };
 
-} // namespace
-
-CommandResult RunCommand(std::span<AddCommand *const> commands, const std::vector<std::string> &arguments) {
+CommandResult Run(std::span<AddCommand *const> commands, const std::vector<std::string> &arguments) {
     CapturedStream output(stdout), error(stderr);
     CommandResult result;
     result.exit_status = RunCall(commands, arguments);
@@ -61,8 +59,12 @@ CommandResult RunCommand(std::span<AddCommand *const> commands, const std::vecto
     return result;
 }
 
+} // namespace
+
 CommandResult RunCommand(AddCommand *add, const std::vector<std::string> &arguments) {
-    return RunCommand(std::span(&add, 1), arguments);
+    return Run(std::span(&add, 1), arguments);
 }
+
+CommandResult RunFixture(const std::vector<std::string> &arguments) { return Run(AllCommands(), arguments); }
 
 } // namespace fixture

@@ -3,6 +3,7 @@
 
 #include "tools/commands.h"
 
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -12,11 +13,12 @@ struct CommandResult {
     int exit_status = 0;
     std::string output; // standard output
     std::string error;  // standard error
+    nlohmann::json json() const { return nlohmann::json::parse(output); }
 };
 
 // `add` adds the subcommand (tools/commands.h); `arguments` begin with its name.
 CommandResult RunCommand(AddCommand *add, const std::vector<std::string> &arguments);
-// Any of several.
-CommandResult RunCommand(std::span<AddCommand *const> commands, const std::vector<std::string> &arguments);
+// Any of them.
+CommandResult RunFixture(const std::vector<std::string> &arguments);
 
 } // namespace fixture

@@ -144,6 +144,12 @@ const char *ModuleBoard::text(const char *routine) {
     return reinterpret_cast<const char *>(std::uintptr_t{started_.call(routine)});
 }
 
+std::optional<Bytes> ModuleBoard::parameter(unsigned identifier) {
+    const std::uint32_t data = started_.scratch(16), length = started_.scratch(4);
+    if (call("readEEpromParameter", identifier, data, length) != 0) return std::nullopt;
+    return Bytes(started_.at(data), started_.at(data) + *started_.at(length));
+}
+
 // One for the whole process: a fuzzer makes a board for every input.
 const std::filesystem::path &ModuleBoard::volume() {
     static const TemporaryDirectory directory;

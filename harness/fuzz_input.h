@@ -7,6 +7,7 @@
 
 #include "formats/file.h"
 #include "harness/started_board.h"
+#include "harness/texts.h"
 #include "tools/commands.h"
 
 #include <cstdint>
@@ -36,13 +37,15 @@ public:
     template <typename Value> Value pick(std::initializer_list<Value> values) {
         return values.begin()[below(static_cast<std::uint32_t>(values.size()))];
     }
+    // One of the first `count`; of all where that is 0.
+    template <typename Values> const auto &one_of(const Values &values, std::size_t count = 0) {
+        return values[below(static_cast<std::uint32_t>(count ? count : values.size()))];
+    }
 
 private:
     std::span<const std::uint8_t> rest_;
 };
 
-inline std::string AsText(const Bytes &bytes) { return {bytes.begin(), bytes.end()}; }
-inline Bytes AsBytes(std::string_view text) { return {text.begin(), text.end()}; }
 void Append(Bytes &bytes, std::span<const std::uint8_t> more);
 void Put32(Bytes &bytes, std::size_t at, std::uint32_t value); // little-endian
 
@@ -66,7 +69,8 @@ public:
     }
     // Whether a routine that may come back has reset the processor instead.
     bool resets(const char *routine, const std::vector<std::uint32_t> &arguments);
-    const char *text(const char *routine); // what a routine without arguments returns
+    const char *text(const char *routine);               // what a routine without arguments returns
+    std::optional<Bytes> parameter(unsigned identifier); // as the bootloader looks it up
     StartedBoard &started() { return started_; }
     Chips &chips() { return chips_; }
 

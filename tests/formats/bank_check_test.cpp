@@ -2,8 +2,12 @@
 // work against each other. FIXTURE_BANKS=5000 in the environment makes it thousands.
 #include "formats/bank_check.h"
 #include "formats/stored_image.h"
+#include "harness/bank_files.h"
 #include "harness/command.h"
+#include "harness/fuzz_input.h"
+#include "harness/noise.h"
 #include "harness/started_board.h"
+#include "harness/texts.h"
 #include "harness/unprivileged.h"
 #include "machine/chip_store.h"
 #include "machine/raw_flash.h"
@@ -15,7 +19,6 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <random>
 #include <set>
 
 namespace fixture {
@@ -25,93 +28,79 @@ using testing::HasSubstr, testing::Not;
 
 namespace {
 
-std::string Text(const Bytes &bytes) { return {bytes.begin(), bytes.end()}; }
-
-// A bank with things wrong with it, decided by a seed.
+// A bank with things wrong with it, made by choices as fuzz targets make theirs, of the noise of a seed.
 class HostileBank {
 public:
-    static constexpr std::size_t kTooLong = 0xFFFF01; // for the load buffer, with the launch marker at its end
-    explicit HostileBank(unsigned seed) : random_(seed) {
+    explicit HostileBank(unsigned seed) : noise_(Noise(1 << 14, seed)), shape_(noise_) {
         descriptor = section("MainApplication", "demo") + section("SecondaryBootloader", "boot2");
-        if (one_in(2)) descriptor += section("RescueApplication", "help");
-        if (!one_in(8)) descriptor = "<P>" + descriptor + "</P>";
-        files["bin/demo.bin"] = one_in(60) ? std::string(kTooLong, 'a') : one_in(12) ? "" : "what the application does";
-        files["bin/boot2.bin"] = one_in(2) ? Text(Wrap(Bootloader("1.9.1").flat)) : image();
-        files["bin/help.bin"] = image();
-        manifest = std::string(2 * 282, '-');
+        if (!shape_.one_in(3)) descriptor += section("RescueApplication", "help");
+        if (!shape_.one_in(8)) descriptor = "<P>" + descriptor + "</P>";
+        constexpr std::size_t kTooLong = 0xFFFF01; // for the load buffer, with the launch marker at its end
+        files_["bin/demo.bin"] = shape_.one_in(60)   ? std::string(kTooLong, 'a')
+                                 : shape_.one_in(12) ? ""
+                                                     : "what the application does";
+        files_["bin/boot2.bin"] = AsText(shape_.one_in(2) ? Wrap(Bootloader("1.9.1").flat) : MakeImage(shape_));
+        files_["bin/help.bin"] = AsText(MakeImage(shape_));
+        manifest_ = std::string(2 * 282, '-');
         for (const char *const path : {"bin/demo.bin", "bin/boot2.bin", "bin/help.bin", "bin/demo.bin"})
-            if (!one_in(8)) manifest += record(path);
-        spoil();
-        if (one_in(8))
-            write_protected = any_of<std::string>({"ProjectDescriptorFile.xml", "bin/boot2.bin", "bin/help.bin"});
+            if (!shape_.one_in(8)) manifest_ += record(path);
+        spoil(shape_.one_in(2) ? descriptor : manifest_);
+        if (shape_.one_in(30)) files_.erase("bin/demo.bin");
     }
-    void write(const TemporaryDirectory &volume) const {
-        volume.write("data/app/ProjectDescriptorFile.xml", descriptor);
-        volume.write("data/app/BankContent.txt", manifest);
-        for (const auto &[name, bytes] : files) volume.write("data/app/" + name, bytes);
-        if (!write_protected.empty()) fs::permissions(volume.path() / "data/app" / write_protected, fs::perms(0444));
+    void write(const TemporaryDirectory &volume) {
+        files_[kDescriptorName] = descriptor;
+        files_[kManifestName] = manifest_;
+        for (const auto &[name, bytes] : files_) volume.write("data/app/" + name, bytes);
+        const char *const name = shape_.pick({kDescriptorName, "bin/boot2.bin", "bin/help.bin"});
+        if (shape_.one_in(8)) fs::permissions(volume.path() / "data/app" / name, fs::perms(0444));
     }
 
-    std::string descriptor, manifest, write_protected;
-    std::map<std::string, std::string> files;
+    std::string descriptor;
 
 private:
-    unsigned below(std::size_t end) { return static_cast<unsigned>(random_() % end); }
-    bool one_in(unsigned n) { return below(n) == 0; }
-    template <typename T> T any_of(std::initializer_list<T> all) { return *(all.begin() + below(all.size())); }
-
     std::string value(const std::string &usual) {
-        if (!one_in(10)) return usual;
-        return any_of<std::string>({"", ".", "bin", std::string(16, 'v'), std::string(17, 'v'), std::string(257, 'n'),
-                                    "a<b>c</b>", "x\n", std::string("d\0e", 3), "app", "/"});
+        if (!shape_.one_in(10)) return usual;
+        return shape_.pick<std::string>({"", ".", "bin", std::string(16, 'v'), std::string(17, 'v'),
+                                         std::string(257, 'n'), "a<b>c</b>", "x\n", std::string("d\0e", 3), "app",
+                                         "/"});
     }
     std::string element(const std::string &name, const std::string &text) {
-        const std::string tag = one_in(20) ? name + any_of<std::string>({"Old", " ", "/", " a='1'"}) : name;
-        if (one_in(25))
-            return any_of<std::string>({"<" + name + "/>", "<" + name + ">" + text, "<!-- x -->", "</" + name + ">"});
+        const std::string tag = shape_.one_in(20) ? name + shape_.pick({"Old", " ", "/", " a='1'"}) : name;
+        if (shape_.one_in(25))
+            return shape_.pick<std::string>(
+                {"<" + name + "/>", "<" + name + ">" + text, "<!-- x -->", "</" + name + ">"});
         return "<" + tag + ">" + text + "</" + tag + ">";
     }
     std::string section(const char *name, const char *base) {
         return element(name, element("BaseFileName", value(base)) + element("BaseFileExtension", value("bin")) +
-                                 element("Version", value(any_of<std::string>({"1.9.0", "1.9.1", "1.9.1", "2.0"}))));
-    }
-    std::string image() {
-        Bytes bytes = Wrap(Bytes(below(3000), static_cast<std::uint8_t>(below(256))));
-        if (one_in(6)) bytes[below(20)] ^= 1;                                            // maker
-        if (one_in(6)) bytes[20 + below(2)] ^= static_cast<std::uint8_t>(1 << below(8)); // size
-        if (one_in(8)) bytes[24 + below(8)] ^= 1;                                        // sums
-        if (one_in(8)) bytes.resize(below(bytes.size() + 1));
-        if (one_in(8)) bytes.resize(bytes.size() + below(40), 7);
-        return Text(bytes);
+                                 element("Version", value(shape_.pick({"1.9.0", "1.9.1", "1.9.1", "2.0"}))));
     }
     std::string record(const std::string &name) {
-        const std::string &content = files[name];
-        std::uint64_t size = content.size(), sum = ByteSum(Bytes(content.begin(), content.end()));
-        if (one_in(20)) size += below(3);
-        if (one_in(20)) sum ^= 1;
-        const std::string path = one_in(10) ? any_of<std::string>({"./" + name, "\\" + name, name + "\n", "../" + name,
-                                                                   "BIN/x", std::string(256, '/'), "bin/none.bin", ""})
-                                            : name;
+        const std::string &content = files_[name];
+        const std::size_t size = content.size() + (shape_.one_in(20) ? shape_.below(3) : 0);
+        const std::uint32_t sum = ByteSum(AsBytes(content)) ^ (shape_.one_in(20) ? 1 : 0);
+        const std::string path = !shape_.one_in(10)
+                                     ? name
+                                     : shape_.pick<std::string>({"./" + name, "\\" + name, name + "\n", "../" + name,
+                                                                 "BIN/x", "bin/none.bin", std::string(256, '/'), ""});
         const std::string line = fmt::format("{:>9} | {:>9} | {:<256}\r\n", size, sum, path);
-        return one_in(30) ? line.substr(0, 280) + "\n" : line.substr(0, 282);
+        return shape_.one_in(30) ? line.substr(0, 280) + "\n" : line.substr(0, 282);
     }
-    void spoil() {
-        std::string &text = one_in(2) ? descriptor : manifest;
-        for (unsigned n = below(3); n > 0 && one_in(3) && !text.empty(); --n) {
-            const std::size_t at = below(text.size());
-            if (one_in(2))
-                text[at] = any_of({'<', '>', '/', '\0', ' ', 'x', '?', '-'});
-            else if (one_in(2))
-                text.erase(at, 1 + below(9));
-            else if (one_in(2))
-                text.insert(at, text.substr(below(text.size()), below(300)));
-            else
-                text.resize(at);
+    void spoil(std::string &text) {
+        for (unsigned n = shape_.below(3); n > 0 && shape_.one_in(3) && !text.empty(); --n) {
+            const auto size = static_cast<std::uint32_t>(text.size());
+            const std::uint32_t at = shape_.below(size), how = shape_.below(8);
+            if (how < 4) text[at] = shape_.pick({'<', '>', '/', '\0', ' ', 'x', '?', '-'});
+            if (how == 4 || how == 5) text.erase(at, 1 + shape_.below(9));
+            if (how == 6) text.insert(at, text.substr(shape_.below(size), shape_.below(300)));
+            if (how == 7) text.resize(at);
         }
-        if (one_in(30)) files.erase("bin/demo.bin");
     }
 
-    std::mt19937 random_;
+    Bytes noise_;
+    Shape shape_;
+    std::string manifest_;
+    std::map<std::string, std::string> files_;
 };
 
 // A provisioned board, on one medium or the other, with a rescue image or without.
@@ -172,7 +161,7 @@ TEST(BankCheck, ForetellsWhatTheBootloaderDoes) {
     const unsigned banks = wanted ? static_cast<unsigned>(std::atoi(wanted)) : 200;
     std::map<std::string, unsigned> met;
     for (unsigned seed = 0; seed < banks && !HasFailure(); ++seed) {
-        const HostileBank bank(seed);
+        HostileBank bank(seed);
         const TemporaryDirectory volume;
         bank.write(volume);
         const World world = Provisioned(volume, seed);
@@ -206,9 +195,7 @@ TEST(BankCheck, ForetellsABankOfWhichAFileCannotBeRead) {
     for (const auto &[name, id] : rows) {
         SCOPED_TRACE(name);
         const TemporaryDirectory volume;
-        volume.write(fs::path("data/app") / kDescriptorName, MakeDescriptor(files));
-        volume.write(fs::path("data/app") / kManifestName, MakeManifest(files));
-        for (const BankFile &file : files) volume.write(fs::path("data/app") / file.path(), Text(file.bytes));
+        WriteBank(volume.path() / "data/app", files);
         fs::permissions(volume.path(), fs::perms(0755));
         fs::permissions(volume.path() / "data/app" / name, fs::perms::none);
         const World world = Provisioned(volume, 1);
@@ -233,14 +220,10 @@ struct VolumeBank {
 std::string Build(const TemporaryDirectory &volume, const VolumeBank &bank) {
     std::string place = (volume.path() / "data" / bank.name).string();
     volume.write("data/keep", "");
-    const std::string image =
-        (FirmwareDirectory() / "fixed" /
-         fmt::format("bootloader{}.bin",
-                     std::string_view(bank.bootloader) == "1.9.0" ? "" : std::string("-") + bank.bootloader))
-            .string();
-    const CommandResult built = RunCommand(
-        AddBankCommand, {"bank", "build", place, "--app", volume.write("demo.bin", "x").string(), "--app-version", "1",
-                         "--bootloader", image, "--bootloader-version", bank.bootloader});
+    const std::string build = std::string_view(bank.bootloader) == "1.9.0" ? "" : std::string("-") + bank.bootloader;
+    const CommandResult built = RunFixture(
+        {"bank", "build", place, "--app", volume.write("demo.bin", "x"), "--app-version", "1", "--bootloader",
+         FirmwareDirectory() / "fixed" / ("bootloader" + build + ".bin"), "--bootloader-version", bank.bootloader});
     EXPECT_EQ(built.exit_status, 0) << built.error;
     if (!bank.application_works) volume.write(fs::path("data") / bank.name / "bin/demo.bin", "y");
     return place;
@@ -249,22 +232,22 @@ std::string Build(const TemporaryDirectory &volume, const VolumeBank &bank) {
 TEST(BankCheck, NamesBanksThatFight) {
     const struct {
         std::vector<VolumeBank> banks;
-        const char *problem; // null: none
+        bool fight;
         bool launches;
     } rows[] = {
-        {{{"app", "1.9.1", false}, {"oldapp", "1.9.0", true}}, "two-banks-fight", false},
-        {{{"app", "1.9.1", true}, {"oldapp", "1.9.0", true}}, nullptr, true},
-        {{{"app", "1.9.0", false}, {"oldapp", "1.9.0", true}}, nullptr, true},
-        {{{"app", "1.9.0", false}}, nullptr, false},
+        {{{"app", "1.9.1", false}, {"oldapp", "1.9.0", true}}, true, false},
+        {{{"app", "1.9.1", true}, {"oldapp", "1.9.0", true}}, false, true},
+        {{{"app", "1.9.0", false}, {"oldapp", "1.9.0", true}}, false, true},
+        {{{"app", "1.9.0", false}}, false, false},
     };
     for (const auto &row : rows) {
         TemporaryDirectory volume;
         for (const VolumeBank &bank : row.banks) Build(volume, bank);
-        const CommandResult result = RunCommand(AddBankCommand, {"bank", "check", "--json", volume.path().string()});
-        const nlohmann::json json = nlohmann::json::parse(result.output);
+        const CommandResult result = RunFixture({"bank", "check", "--json", volume.path()});
+        const nlohmann::json json = result.json();
         std::set<std::string> ids;
         for (const nlohmann::json &problem : json["problems"]) ids.insert(problem["id"]);
-        EXPECT_EQ(ids.contains("two-banks-fight"), row.problem != nullptr) << result.output;
+        EXPECT_EQ(ids.contains("two-banks-fight"), row.fight) << result.output;
         EXPECT_EQ(json["launches"], row.launches) << result.output;
         // The board itself, from its slots.
         Chips chips;
@@ -275,7 +258,7 @@ TEST(BankCheck, NamesBanksThatFight) {
         boot.chips = &chips;
         boot.from_slots = true;
         const RunReport report = RunBoot(boot).report;
-        EXPECT_EQ(report.verdict, row.launches ? Verdict::launched : row.problem ? Verdict::reset_loop : Verdict::idle);
+        EXPECT_EQ(report.verdict, row.launches ? Verdict::launched : row.fight ? Verdict::reset_loop : Verdict::idle);
     }
 }
 
@@ -284,7 +267,7 @@ TEST(BankCheck, WarningsCanFailOrBeAllowed) {
     const std::string bank = Build(volume, {"app", "1.9.1", true});
     const auto check = [&](std::vector<std::string> more) {
         more.insert(more.begin(), {"bank", "check", bank});
-        return RunCommand(AddBankCommand, more);
+        return RunFixture(more);
     };
     EXPECT_EQ(check({"--strict"}).exit_status, kBad) << "images with the fixed build record are no known build";
     EXPECT_THAT(check({}).error, HasSubstr("(unknown-build)"));
@@ -298,24 +281,22 @@ TEST(BankCheck, ABootloaderWithoutABodyIsNamed) {
     TemporaryDirectory volume;
     const std::string bank = Build(volume, {"app", "1.9.1", true});
     const Bytes header = Wrap(Bytes{});
-    const std::string empty = volume.write("empty.bin", Text(header)).string();
-    EXPECT_THAT(RunCommand(AddBankCommand, {"bank", "build", bank, "--app", volume.write("demo.bin", "x").string(),
-                                            "--app-version", "1", "--bootloader", empty, "--bootloader-version", "2"})
-                    .error,
-                HasSubstr("without a body"));
+    const std::string empty = volume.write("empty.bin", AsText(header)).string();
+    const CommandResult built = RunFixture({"bank", "build", bank, "--app", volume.path() / "demo.bin", "--app-version",
+                                            "1", "--bootloader", empty, "--bootloader-version", "2"});
+    EXPECT_THAT(built.error, HasSubstr("without a body"));
     fs::copy_file(empty, fs::path(bank) / "bin/bootloader-1.9.1.bin", fs::copy_options::overwrite_existing);
     Bytes manifest = ReadFile(fs::path(bank) / "BankContent.txt", 10000);
     const std::string numbers = fmt::format("{:>9} | {:>9}", header.size(), ByteSum(header));
     std::copy(numbers.begin(), numbers.end(), manifest.begin() + 3 * 282);
     WriteFile(fs::path(bank) / "BankContent.txt", manifest);
-    const CommandResult checked = RunCommand(AddBankCommand, {"bank", "check", bank});
+    const CommandResult checked = RunFixture({"bank", "check", bank});
     EXPECT_EQ(checked.exit_status, kBad);
     EXPECT_THAT(checked.output, HasSubstr("a board that stores it is lost"));
     NandContents chip;
     RawFlashOf(chip).write(SlotsOf(Medium::nand).bootloader[0].address, header);
     SaveChip(chip, volume.path() / "chip");
-    const CommandResult shown =
-        RunCommand(AddFlashCommand, {"flash", "info", "--nand", (volume.path() / "chip").string()});
+    const CommandResult shown = RunFixture({"flash", "info", "--nand", volume.path() / "chip"});
     EXPECT_EQ(shown.exit_status, kBad);
     EXPECT_THAT(shown.output, HasSubstr("NO BODY"));
 }

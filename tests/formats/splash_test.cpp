@@ -4,7 +4,6 @@
 #include "harness/command.h"
 #include "harness/source_tree.h"
 #include "harness/started_board.h"
-#include "tools/commands.h"
 
 #include <gmock/gmock.h>
 #include <random>
@@ -17,12 +16,12 @@ TEST(Splash, ArrayIsMadeFromThePicture) {
     const TemporaryDirectory directory;
     const std::string array = directory.path() / "Images.cpp", back = directory.path() / "back.png";
     const std::string picture = SourceFile("assets/splash.png");
-    const CommandResult encoded = RunCommand(AddSplashCommand, {"splash", "encode", picture, array});
+    const CommandResult encoded = RunFixture({"splash", "encode", picture, array});
     EXPECT_EQ(encoded.exit_status, 0) << encoded.error;
     EXPECT_THAT(encoded.output,
                 testing::HasSubstr("11594 of 12732 bytes in 1475 repeat and 1171 literal runs, 33 colours"));
     EXPECT_EQ(ReadFile(array, 1 << 20), ReadFile(SourceFile("src/Images.cpp"), 1 << 20));
-    EXPECT_EQ(RunCommand(AddSplashCommand, {"splash", "decode", array, back}).exit_status, 0);
+    EXPECT_EQ(RunFixture({"splash", "decode", array, back}).exit_status, 0);
     EXPECT_EQ(ReadPng(back), ReadPng(picture));
 }
 
@@ -73,15 +72,15 @@ TEST(Splash, EncoderSaysWhatItRefuses) {
     };
     for (const auto &[picture, message] : cases) {
         WritePng(png, picture);
-        const CommandResult refused = RunCommand(AddSplashCommand, {"splash", "encode", png, directory.path() / "out"});
+        const CommandResult refused = RunFixture({"splash", "encode", png, directory.path() / "out"});
         EXPECT_EQ(refused.exit_status, 1);
         EXPECT_THAT(refused.error, testing::MatchesRegex("fixture: [^:]*picture.png: " + std::string(message) + "\n"));
     }
     stained.at(17, 219) = {7, 7, 7}; // black in 5-bit colours
     WritePng(png, stained);
-    EXPECT_EQ(RunCommand(AddSplashCommand, {"splash", "encode", png, directory.path() / "fine"}).exit_status, 0);
+    EXPECT_EQ(RunFixture({"splash", "encode", png, directory.path() / "fine"}).exit_status, 0);
     EXPECT_FALSE(std::filesystem::exists(directory.path() / "out"));
-    EXPECT_EQ(RunCommand(AddSplashCommand, {"splash", "encode", directory.path() / "none", "out"}).exit_status, 2);
+    EXPECT_EQ(RunFixture({"splash", "encode", directory.path() / "none", "out"}).exit_status, 2);
 }
 
 TEST(Splash, DecoderSaysWhatItRefuses) {

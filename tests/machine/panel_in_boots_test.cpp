@@ -1,6 +1,6 @@
 // What somebody in front of the panel sees in whole boots: every frame, compared with pictures of each bar value.
+#include "harness/builds.h"
 #include "harness/source_tree.h"
-#include "sweep/world.h"
 #include "tests/processors.h"
 
 #include <fmt/format.h>
@@ -29,7 +29,6 @@ class PanelInBoots : public testing::TestWithParam<Processor> {};
 BOTH_PROCESSORS(PanelInBoots);
 
 TEST_P(PanelInBoots, ShowsEveryStep) {
-    const SweepFirmware firmware(FirmwareDirectory() / "fixed");
     Situation plain, bootloader, rescue, damaged;
     for (Situation *setup : {&plain, &rescue, &damaged}) setup->new_bootloader = false;
     rescue.new_rescue = damaged.new_rescue = true;
@@ -48,7 +47,7 @@ TEST_P(PanelInBoots, ShowsEveryStep) {
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        World world = MakeWorld(c.setup, firmware);
+        World world = MakeWorld(c.setup, FixedBuilds());
         const TemporaryDirectory nothing;
         if (c.no_banks) world.volume = std::make_shared<const std::filesystem::path>(nothing.path());
         std::vector<int> expected = c.bars;

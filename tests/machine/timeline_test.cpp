@@ -1,10 +1,9 @@
 // Where a boot's virtual time goes: all of it has a cause, and what the program wastes is not called dictated.
+#include "harness/builds.h"
 #include "harness/started_board.h"
 #include "machine/timeline.h"
-#include "sweep/world.h"
 
 #include <gtest/gtest.h>
-#include <optional>
 
 namespace fixture {
 
@@ -17,11 +16,10 @@ struct TimedBoot {
     double rest = 0;
 };
 
-TimedBoot Boot(double file_rate, bool timed = true) {
-    static const SweepFirmware firmware(FirmwareDirectory() / "fixed");
-    World world = MakeWorld({.rescue = RescueState::none, .new_rescue = true}, firmware);
+TimedBoot Boot(double file_rate) {
+    World world = MakeWorld({.rescue = RescueState::none, .new_rescue = true}, FixedBuilds());
     RunOptions options;
-    options.known = &firmware.known;
+    options.known = &FixedBuilds().known;
     options.slots = true;
     options.volume = *world.volume;
     options.file_rate = file_rate;
@@ -29,14 +27,12 @@ TimedBoot Boot(double file_rate, bool timed = true) {
     options.run_launched = false;
     Machine machine(world.chips, options);
     TimedBoot boot;
-    std::optional<Timeline> timeline;
-    if (timed) timeline.emplace(machine);
+    Timeline timeline(machine);
     boot.report = machine.run();
-    if (!timed) return boot;
-    timeline->finish();
-    boot.starts = timeline->starts();
-    boot.total = timeline->total();
-    boot.rest = timeline->rest();
+    timeline.finish();
+    boot.starts = timeline.starts();
+    boot.total = timeline.total();
+    boot.rest = timeline.rest();
     return boot;
 }
 
@@ -59,28 +55,13 @@ TEST(Timeline, GivesEveryPicosecondOfAnUpdateACause) {
     // The panel's reset and start after a power-up: 0.4 s and more, watched in steps.
     EXPECT_GE(Of(boot, 0, Cause::pauses).dictated, 400 * kMillisecond);
     EXPECT_LE(Of(boot, 0, Cause::pauses).ratio(), 1.01);
-}
-
-// Each update is read to be checked and once more to be stored. The second time is the program's.
-TEST(Timeline, ShowsThatAnUpdateIsReadTwice) {
-    const TimedBoot boot = Boot(kFileRate);
-    const TimeSpent &updates = Of(boot, 0, Cause::files);
-    const TimeSpent &launch = Of(boot, 1, Cause::files);
+    // Each update is read to be checked and once more to be stored. The second time is the program's.
+    const TimeSpent &updates = Of(boot, 0, Cause::files), &launch = Of(boot, 1, Cause::files);
     EXPECT_GT(updates.time - updates.dictated, 15 * kMillisecond);
     EXPECT_LT(launch.time - launch.dictated, 4 * kMillisecond);
-}
-
-TEST(Timeline, ChangesNothingByLookingOn) {
-    const RunReport seen = Boot(kFileRate).report;
-    const RunReport unseen = Boot(kFileRate, false).report;
-    EXPECT_EQ(seen.time, unseen.time);
-    EXPECT_EQ(seen.instructions, unseen.instructions);
-}
-
-TEST(Timeline, TakesFilesAtTheRateAskedFor) {
+    // At another rate only the files take another time.
     const TimedBoot fast = Boot(2 * kFileRate);
-    const TimedBoot slow = Boot(kFileRate);
-    const auto difference = static_cast<double>(slow.report.time - fast.report.time);
+    const auto difference = static_cast<double>(boot.report.time - fast.report.time);
     const auto files = static_cast<double>(Of(fast, 0, Cause::files).time + Of(fast, 1, Cause::files).time);
     EXPECT_NEAR(difference / files, 1, 0.02);
 }

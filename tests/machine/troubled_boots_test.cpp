@@ -1,5 +1,5 @@
 // The board around the bootloader: keys, the watchdog, and boots in which something outside never comes.
-#include "sweep/world.h"
+#include "harness/builds.h"
 #include "tests/processors.h"
 
 #include <cstring>
@@ -137,10 +137,7 @@ protected:
         eeprom_kept = world.chips.eeprom == made.chips.eeprom;
         return result.report;
     }
-    static World with(const Situation &setup) {
-        static const SweepFirmware builds(FirmwareDirectory() / "fixed");
-        return MakeWorld(setup, builds);
-    }
+    static World with(const Situation &setup) { return MakeWorld(setup, FixedBuilds()); }
 
     const bool all = GetParam() == Processor::host;
     Situation nothing_new;

@@ -1,5 +1,6 @@
 // Closures and campaigns: that a closure ends, tells the shortest history, and that parts give what one run gives.
 #include "formats/file.h"
+#include "harness/builds.h"
 #include "harness/started_board.h"
 #include "sweep/campaign.h"
 
@@ -10,20 +11,15 @@
 namespace fixture {
 namespace {
 
-const SweepFirmware &Builds() {
-    static const SweepFirmware builds(FirmwareDirectory() / "fixed");
-    return builds;
-}
-
 class NoNotes : public JobNotes {
     void at(const std::string &, std::uint64_t) override {}
 };
 
 ClosureTally Close(const char *name, const ClosureLimits &limits, void (*change)(Variant &) = nullptr) {
-    Scenario scenario = FindScenarios({name}, Builds()).front();
+    Scenario scenario = FindScenarios({name}, FixedBuilds()).front();
     if (change) change(scenario.variants.front());
     NoNotes notes;
-    return CloseVariant(limits, scenario, scenario.variants.front(), ProcessorKind::host, Builds(), notes);
+    return CloseVariant(limits, scenario, scenario.variants.front(), ProcessorKind::host, FixedBuilds(), notes);
 }
 
 TEST(Closure, OfACommitEndsAndAllIsGood) {
@@ -43,13 +39,13 @@ TEST(Closure, TellsTheShortestHistoryThatReplays) {
     const Finding &first = tally.findings.front();
     const CaseId id = ParseCase(first.id).value();
     EXPECT_EQ(id.cuts.size(), 1u) << first.id;
-    EXPECT_EQ(NameOf(RunCase(id, ProcessorKind::host, Builds()).outcome), first.outcome);
+    EXPECT_EQ(NameOf(RunCase(id, ProcessorKind::host, FixedBuilds()).outcome), first.outcome);
 }
 
 // That classes leave out nothing that matters: each member of one goes the same way, and no class is missing.
 TEST(Closure, ByClassesMeetsWhatEveryByteMeets) {
-    const ClosurePlan plan{.scenarios = FindScenarios({"nand-edge/slot-1-2049"}, Builds()), .also_exact = true};
-    const std::vector<ClosureTally> tallies = RunClosure(plan, 1, Builds(), {});
+    const ClosurePlan plan{.scenarios = FindScenarios({"nand-edge/slot-1-2049"}, FixedBuilds()), .also_exact = true};
+    const std::vector<ClosureTally> tallies = RunClosure(plan, 1, FixedBuilds(), {});
     ASSERT_EQ(tallies.size(), 2u);
     for (const ClosureTally &tally : tallies) {
         EXPECT_TRUE(tally.closed());
@@ -83,18 +79,21 @@ protected:
     CampaignCall call{.scenarios = {"parameters", "nand-refused/sums"}};
 
     void SetUp() override {
-        const Campaign campaign(call, Builds());
+        const Campaign campaign(call, FixedBuilds());
         for (std::size_t n = 1; n <= kParts; ++n)
             WritePart(file(n), {call, "this build", {n, kParts}, campaign.run({n, kParts}, 1, {})});
     }
     std::filesystem::path file(std::size_t n) const { return here.path() / (std::to_string(n) + ".part"); }
-    std::string refusal(const std::vector<std::filesystem::path> &files) const {
-        try {
-            MergeParts(files, "this build");
-        } catch (const Refusal &error) {
-            return error.what();
-        }
-        return "merged";
+    // A part as it might be, of other calls, builds and numbers.
+    std::filesystem::path other(std::uint64_t seed, const char *build, Shard part) const {
+        CampaignCall made = call;
+        made.seed = seed;
+        WritePart(here.path() / "other.part", {made, build, part, {}});
+        return here.path() / "other.part";
+    }
+    static void expect_refusal(const std::vector<std::filesystem::path> &files, const std::string &part) {
+        EXPECT_THAT([&] { MergeParts(files, "this build"); },
+                    testing::ThrowsMessage<Refusal>(testing::HasSubstr(part)));
     }
 };
 
@@ -105,7 +104,7 @@ std::string Same(std::string json) {
 }
 
 TEST_F(Parts, GiveWhatOneRunGives) {
-    const Campaign campaign(call, Builds());
+    const Campaign campaign(call, FixedBuilds());
     const auto text = [&](const UnitTexts &units) {
         return Same(SweepJson(std::get<SweepPlan>(campaign.stages().front().plan),
                               std::get<SweepResult>(campaign.results(units).front())));
@@ -115,20 +114,15 @@ TEST_F(Parts, GiveWhatOneRunGives) {
 }
 
 TEST_F(Parts, ThatDoNotFitAreRefusedByName) {
-    EXPECT_EQ(refusal({file(1), file(3)}), "campaign: part 2 of 3 is missing; expected every part");
-    EXPECT_THAT(refusal({file(1), file(2), file(1), file(3)}), testing::HasSubstr(file(1).string() + " is it, too"));
-    CampaignCall other = call;
-    other.seed = 2;
-    WritePart(here.path() / "seed.part", {other, "this build", {2, kParts}, {}});
-    EXPECT_THAT(refusal({file(1), here.path() / "seed.part", file(3)}),
-                testing::StartsWith((here.path() / "seed.part").string() + ": a part of another campaign"));
-    WritePart(here.path() / "build.part", {call, "that build", {2, kParts}, {}});
-    EXPECT_THAT(refusal({file(1), here.path() / "build.part", file(3)}),
-                testing::StartsWith((here.path() / "build.part").string() + ": a part that build that build made"));
-    WritePart(here.path() / "of.part", {call, "this build", {2, 4}, {}});
-    EXPECT_THAT(refusal({file(1), here.path() / "of.part"}), testing::HasSubstr("part 2 of 4"));
-    WriteFile(here.path() / "no.part", "{}");
-    EXPECT_THAT(refusal({here.path() / "no.part"}), testing::StartsWith((here.path() / "no.part").string()));
+    const std::string name = (here.path() / "other.part").string();
+    expect_refusal({file(1), file(3)}, "campaign: part 2 of 3 is missing; expected every part");
+    expect_refusal({file(1), file(2), file(1), file(3)}, file(1).string() + " is it, too");
+    expect_refusal({file(1), other(2, "this build", {2, kParts}), file(3)}, name + ": a part of another campaign");
+    expect_refusal({file(1), other(call.seed, "that build", {2, kParts}), file(3)},
+                   name + ": a part that build that build made");
+    expect_refusal({file(1), other(call.seed, "this build", {2, 4})}, "part 2 of 4");
+    WriteFile(name, "{}");
+    expect_refusal({name}, name);
 }
 
 } // namespace

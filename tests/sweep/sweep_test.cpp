@@ -1,12 +1,10 @@
 // The short selection of the sweep: every scenario is represented, every kind of cut is met, and the sweep is tried
 // itself. `fixture sweep --all` does all of it.
-#include "harness/command.h"
-#include "harness/started_board.h"
+#include "harness/builds.h"
 #include "sweep/chips_compare.h"
 #include "sweep/hostile.h"
 #include "sweep/run.h"
 #include "sweep/scenarios.h"
-#include "tools/commands.h"
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -17,15 +15,10 @@ namespace fixture {
 
 namespace {
 
-const SweepFirmware &Builds() {
-    static const SweepFirmware builds(FirmwareDirectory() / "fixed");
-    return builds;
-}
-
 // A sweep in which nothing is found; every boot goes as it is foretold.
 Tally CleanSweep(SweepPlan plan) {
     plan.foretells = true;
-    Tally all = RunSweep(plan, Builds(), {}).all;
+    Tally all = RunSweep(plan, FixedBuilds(), {}).all;
     EXPECT_EQ(all.found, 0u);
     EXPECT_GT(all.foretold, 0u);
     for (const Finding &finding : all.findings)
@@ -34,16 +27,6 @@ Tally CleanSweep(SweepPlan plan) {
 }
 
 } // namespace
-
-TEST(Replay, OverwritesNoChipsOfABoard) {
-    const TemporaryDirectory here;
-    const std::string file = here.write("nand.bin", "a board's");
-    const CommandResult result = RunCommand(AddBootCommand, {"boot", "--replay", "parameters/0-to-1", "--nand", file});
-    EXPECT_EQ(result.exit_status, 2);
-    EXPECT_EQ(result.error,
-              "fixture: " + file + ": exists already; expected a new file: a replay keeps its chips in those only\n");
-    EXPECT_EQ(std::filesystem::file_size(file), 9u);
-}
 
 TEST(SweepCase, NamesSayAllThereIs) {
     const CaseId cases[] = {
@@ -68,8 +51,8 @@ TEST(SweepCase, NamesSayAllThereIs) {
 }
 
 TEST(Sweep, ChipsOfACutAreThoseThatTheCutLeaves) {
-    const World world = WorldOf({"nand-update", "broken-running", {}, 1}, Builds());
-    Sweeper sweeper(world, ProcessorKind::host, Builds());
+    const World world = WorldOf({"nand-update", "broken-running", {}, 1}, FixedBuilds());
+    Sweeper sweeper(world, ProcessorKind::host, FixedBuilds());
     ASSERT_EQ(sweeper.uncut().outcome, Outcome::good) << sweeper.uncut().detail;
     const std::vector<Snapshot> snapshots = sweeper.take_snapshots(world.chips, 0, [](const Cut &) { return true; });
     ASSERT_EQ(snapshots.size(), 3 * sweeper.operations());
@@ -84,21 +67,19 @@ TEST(Sweep, ChipsOfACutAreThoseThatTheCutLeaves) {
 }
 
 TEST(Sweep, JudgesWhatItSees) {
-    World world = WorldOf({"nand-update", "running-erased", {}, 1}, Builds());
+    World world = WorldOf({"nand-update", "running-erased", {}, 1}, FixedBuilds());
     const auto judged = [&](const World &changed) {
-        return Sweeper(changed, ProcessorKind::host, Builds()).judge(changed.chips, 1).outcome;
+        return Sweeper(changed, ProcessorKind::host, FixedBuilds()).judge(changed.chips, 1).outcome;
     };
     EXPECT_EQ(judged(world), Outcome::good);
-    struct Row {
+    const struct {
         const char *what;
         Outcome outcome;
-        std::function<void(World &)> change;
-    };
-    const Row rows[] = {
+        void (*change)(World &);
+    } rows[] = {
         {"no slot is good", Outcome::no_bootloader, [](World &w) { w.chips.nand.erase(2); }},
-        {"another bootloader than expected", Outcome::wrong_bootloader,
-         [](World &w) { w.before.bootloader = w.after.bootloader; }},
-        {"the update is not there in the end", Outcome::wrong_bootloader,
+        {"a bootloader too new", Outcome::wrong_bootloader, [](World &w) { w.before.bootloader = w.after.bootloader; }},
+        {"the old one in the end", Outcome::wrong_bootloader,
          [](World &w) { w.after.bootloader = w.before.bootloader; }},
         {"another application", Outcome::wrong_launch, [](World &w) { w.after.application[5] ^= 1; }},
         {"nothing to launch", Outcome::no_launch,
@@ -110,7 +91,7 @@ TEST(Sweep, JudgesWhatItSees) {
         {"a parameter is lost", Outcome::wrong_parameters, [](World &w) { w.chips.eeprom.bytes.fill(0xFF); }},
         {"slots that nobody may touch", Outcome::outside, [](World &w) { w.touched.clear(); }},
     };
-    for (const Row &row : rows) {
+    for (const auto &row : rows) {
         World changed = world;
         row.change(changed);
         EXPECT_EQ(NameOf(judged(changed)), std::string(NameOf(row.outcome))) << row.what;
@@ -120,7 +101,7 @@ TEST(Sweep, JudgesWhatItSees) {
 TEST(Sweep, EveryCutOfAnUpdateOnNandRecovers) {
     const Tally all = CleanSweep(
         {.scenarios = FindScenarios(
-             {"nand-update/broken-running", "parameters/0-to-1-longer", "parameters/1-to-0-used"}, Builds())});
+             {"nand-update/broken-running", "parameters/0-to-1-longer", "parameters/1-to-0-used"}, FixedBuilds())});
     EXPECT_EQ(all.cuts, 3 * all.operations);
     EXPECT_EQ(all.outcomes.at(NameOf(Outcome::good)), all.cases);
 }
@@ -128,7 +109,7 @@ TEST(Sweep, EveryCutOfAnUpdateOnNandRecovers) {
 TEST(Sweep, ASampleOfEveryScenarioRecovers) {
     SweepPlan plan;
     plan.sample = 4;
-    for (Scenario &scenario : AllScenarios(Builds())) {
+    for (Scenario &scenario : AllScenarios(FixedBuilds())) {
         // One variant each, a different one in every scenario; images that fill a slot take too long here.
         const auto is_long = [](const Variant &variant) { return variant.most_cuts != 0; };
         if (!std::all_of(scenario.variants.begin(), scenario.variants.end(), is_long))
@@ -140,21 +121,19 @@ TEST(Sweep, ASampleOfEveryScenarioRecovers) {
 }
 
 TEST(Sweep, TheBootAfterACutCanBeCutAsWell) {
-    EXPECT_GE(
-        CleanSweep({.scenarios = FindScenarios({"nand-both/retired-running"}, Builds()), .losses = 2, .sample = 16})
-            .cases,
-        16u);
+    const std::vector<Scenario> scenarios = FindScenarios({"nand-both/retired-running"}, FixedBuilds());
+    EXPECT_GE(CleanSweep({.scenarios = scenarios, .losses = 2, .sample = 16}).cases, 16u);
 }
 
 // Hostile boards say most about the rules that a prediction is made by.
 TEST(Sweep, HostileBoardsDoAsForetold) {
-    SweepPlan plan{.scenarios = FindScenarios({"hostile"}, Builds())};
+    SweepPlan plan{.scenarios = FindScenarios({"hostile"}, FixedBuilds())};
     std::vector<Variant> &variants = plan.scenarios[0].variants;
     variants = HostileBoards(120);
     // The rules are the same for both media. On a DataFlash each byte goes over the wire, so a few of those do.
     unsigned on_dataflash = 0;
     std::erase_if(variants, [&](const Variant &variant) {
-        const bool nand = MakeHostileWorld(*variant.setup.hostile, Builds()).medium == Medium::nand;
+        const bool nand = MakeHostileWorld(*variant.setup.hostile, FixedBuilds()).medium == Medium::nand;
         return !nand && ++on_dataflash % 5 != 0;
     });
     for (Variant &variant : variants) variant.most_cuts = 1;
@@ -164,7 +143,7 @@ TEST(Sweep, HostileBoardsDoAsForetold) {
 TEST(Sweep, ProcessorsAgree) {
     const std::vector<std::string> names = {"nand-update/running-updated", "dataflash-rescue/broken",
                                             "parameters/1-to-0", "hostile"};
-    const Tally all = CleanSweep({.scenarios = FindScenarios(names, Builds()), .on_arm = true, .sample = 2});
+    const Tally all = CleanSweep({.scenarios = FindScenarios(names, FixedBuilds()), .on_arm = true, .sample = 2});
     EXPECT_EQ(all.compared, all.cases);
 }
 
@@ -183,16 +162,17 @@ TEST(Sweep, LossesThatShowLateHaveTheirHoles) {
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.loss);
-        EXPECT_EQ(CleanSweep({.scenarios = FindScenarios(row.scenarios, Builds()), .kinds = KindsOf(row.loss)}).holes,
-                  row.holes);
+        EXPECT_EQ(
+            CleanSweep({.scenarios = FindScenarios(row.scenarios, FixedBuilds()), .kinds = KindsOf(row.loss)}).holes,
+            row.holes);
     }
 }
 
 // The brick that follows from the choice between two copies that read whole. The condition: the new image's last page
 // is between two levels, reads whole once, and the power goes again while the old copy makes room for it.
 TEST(Sweep, TwoLossesOfWhichOneShowsLateAreAHole) {
-    const World world = WorldOf({"nand-update", "running-erased", {}, 1}, Builds());
-    Sweeper sweeper(world, ProcessorKind::host, Builds());
+    const World world = WorldOf({"nand-update", "running-erased", {}, 1}, FixedBuilds());
+    Sweeper sweeper(world, ProcessorKind::host, FixedBuilds());
     const std::uint64_t last_page = sweeper.operations() - 3; // then the old copy's block is erased, and its header
     std::map<std::string, unsigned> outcomes;
     for (const CutKind &kind : KindsOf("unstable")) {
@@ -211,38 +191,41 @@ TEST(Sweep, TwoLossesOfWhichOneShowsLateAreAHole) {
 
 // An instruction that does nothing else than it should be missed, and one whose loop then never ends.
 TEST(Sweep, AnInstructionLeftOutIsReplayed) {
-    const Tally all = RunSweep({.scenarios = FindScenarios({"nand-update/running-erased"}, Builds()),
+    const Tally all = RunSweep({.scenarios = FindScenarios({"nand-update/running-erased"}, FixedBuilds()),
                                 .on_arm = true,
                                 .skips = true,
                                 .sample = 4},
-                               Builds(), {})
+                               FixedBuilds(), {})
                           .all;
     EXPECT_EQ(all.cases, 4u);
     EXPECT_GE(all.checked, 4u) << "the same once more, in one process";
     EXPECT_EQ(all.found, 0u);
-    EXPECT_THROW(RunCase(*ParseCase("nand-update/running-erased:i999999999"), ProcessorKind::host, Builds()), Refusal);
+    EXPECT_THROW(RunCase(*ParseCase("nand-update/running-erased:i999999999"), ProcessorKind::host, FixedBuilds()),
+                 Refusal);
 }
 
 // What falls through a hole elsewhere, otherwise, or without a cut, is no work of the hole.
 TEST(Sweep, HolesTakeTheirOwnAlone) {
-    const ChipOperation shared{"DataFlash", "program", 0x204000}, elsewhere{"DataFlash", "program", 0x300000},
-        other_chip{"NAND", "program", 0x204000};
+    const ChipOperation shared{"DataFlash", "program", 0x204000}, elsewhere{"DataFlash", "program", 0x300000};
+    const ChipOperation other_chip{"NAND", "program", 0x204000};
+    const Struck at_shared{false, {shared}}, after_another{false, {elsewhere, shared}}, at_another{false, {elsewhere}};
+    const Struck at_other_chip{false, {other_chip}}, uncut{true};
     const struct {
         const char *hole;
         Outcome outcome;
-        Struck struck;
+        const Struck &struck;
         bool taken;
     } rows[] = {
-        {kSharedPage, Outcome::no_bootloader, {false, {shared}}, true},
-        {kMarkTornOften, Outcome::violation, {false, {other_chip}}, false}, // that says something else
-        {kSharedPage, Outcome::no_bootloader, {false, {elsewhere, shared}}, true},
-        {kSharedPage, Outcome::hang, {false, {shared}}, false},
-        {kSharedPage, Outcome::no_bootloader, {false, {elsewhere}}, false},
-        {kSharedPage, Outcome::no_bootloader, {false, {other_chip}}, false},
-        {kSharedPage, Outcome::no_bootloader, {true}, false},
-        {kTwoBanksFight, Outcome::reset_loop, {true}, true},
-        {kTwoBanksFight, Outcome::no_bootloader, {true}, false},
-        {"no hole", Outcome::no_bootloader, {true}, false},
+        {kSharedPage, Outcome::no_bootloader, at_shared, true},
+        {kMarkTornOften, Outcome::violation, at_other_chip, false}, // that says something else
+        {kSharedPage, Outcome::no_bootloader, after_another, true},
+        {kSharedPage, Outcome::hang, at_shared, false},
+        {kSharedPage, Outcome::no_bootloader, at_another, false},
+        {kSharedPage, Outcome::no_bootloader, at_other_chip, false},
+        {kSharedPage, Outcome::no_bootloader, uncut, false},
+        {kTwoBanksFight, Outcome::reset_loop, uncut, true},
+        {kTwoBanksFight, Outcome::no_bootloader, uncut, false},
+        {"no hole", Outcome::no_bootloader, uncut, false},
     };
     for (const auto &row : rows) {
         Judgement judgement;
@@ -272,22 +255,22 @@ TEST(Sweep, HolesTakeAsMuchAsIsKnown) {
           {"wrong parameters", 2},
           {"wrong rescue image or record", 74}}},
         {kWornRecord, {{"brick: no good bootloader", 244}, {"wrong rescue image or record", 6}}}};
-    EXPECT_EQ(CleanSweep({.scenarios = FindScenarios(names, Builds())}).holes, known);
+    EXPECT_EQ(CleanSweep({.scenarios = FindScenarios(names, FixedBuilds())}).holes, known);
 }
 
+// The named holes are seen where a boot goes through them.
 TEST(Sweep, HolesAreSeen) {
-    const std::pair<const char *, Outcome> holes[] = {{"holes/no-slot-0", Outcome::no_bootloader},
-                                                      {"holes/worn-record", Outcome::no_bootloader},
-                                                      {"holes/head-on-tail:0t", Outcome::no_bootloader},
-                                                      {"holes/banks-fight-nand", Outcome::reset_loop},
-                                                      {"holes/banks-fight-nand:3t", Outcome::reset_loop},
-                                                      {"holes/banks-fight-dataflash:40a", Outcome::reset_loop},
-                                                      {"parameters/1-to-0-equal-sum:0a", Outcome::wrong_parameters},
-                                                      {"dataflash-rot/bootloader-52", Outcome::no_bootloader}};
-    for (const auto &[name, outcome] : holes)
-        EXPECT_EQ(NameOf(RunCase(*ParseCase(name), ProcessorKind::host, Builds()).outcome),
-                  std::string(NameOf(outcome)))
-            << name;
+    const std::pair<Outcome, std::vector<const char *>> rows[] = {
+        {Outcome::no_bootloader,
+         {"holes/no-slot-0", "holes/worn-record", "holes/head-on-tail:0t", "dataflash-rot/bootloader-52"}},
+        {Outcome::reset_loop,
+         {"holes/banks-fight-nand", "holes/banks-fight-nand:3t", "holes/banks-fight-dataflash:40a"}},
+        {Outcome::wrong_parameters, {"parameters/1-to-0-equal-sum:0a"}}};
+    for (const auto &[outcome, names] : rows)
+        for (const char *const name : names) {
+            const Judgement end = RunCase(*ParseCase(name), ProcessorKind::host, FixedBuilds());
+            EXPECT_STREQ(NameOf(end.outcome), NameOf(outcome)) << name;
+        }
 }
 
 } // namespace fixture

@@ -5,13 +5,13 @@
 #include "harness/arm_opcodes.h"
 #include "harness/command.h"
 #include "harness/started_board.h"
-#include "tools/commands.h"
 
 #include <algorithm>
 #include <cstring>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 namespace fixture {
 
@@ -29,9 +29,8 @@ constexpr std::uint32_t kLeave16Bit = t16::NOP << 16 | 0x4778; // bx pc; nop
 
 std::uint32_t RoutineAddress() { return Bootloader().elf->symbol(kRoutine).value() & ~1u; }
 
-a32::Words Join(std::initializer_list<a32::Words> parts) {
-    a32::Words all;
-    for (const a32::Words &part : parts) all.insert(all.end(), part.begin(), part.end());
+a32::Words Join(a32::Words all, const a32::Words &more) {
+    all.insert(all.end(), more.begin(), more.end());
     return all;
 }
 
@@ -44,7 +43,7 @@ std::filesystem::path Plant(const TemporaryDirectory &here, const a32::Words &co
     const auto routine =
         std::search(file.begin(), file.end(), build.flat.begin() + at, build.flat.begin() + at + kRoutineBytes);
     EXPECT_NE(routine, file.end());
-    const a32::Words words = Join({{kLeave16Bit}, code});
+    const a32::Words words = Join({kLeave16Bit}, code);
     EXPECT_LE(words.size() * sizeof words[0], kRoutineBytes);
     std::memcpy(&*routine, words.data(), words.size() * sizeof words[0]);
     return here.write("planted.elf", {file.begin(), file.end()});
@@ -52,8 +51,8 @@ std::filesystem::path Plant(const TemporaryDirectory &here, const a32::Words &co
 
 std::vector<std::string> Lines(const std::string &text) {
     std::vector<std::string> lines;
-    for (std::size_t begin = 0, end; (end = text.find('\n', begin)) != std::string::npos; begin = end + 1)
-        lines.push_back(text.substr(begin, end - begin));
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) lines.push_back(line);
     return lines;
 }
 
@@ -70,14 +69,14 @@ TEST(BadEnds, LeadToTheLine) {
         const char *times;
         const char *last_event;
     } rows[] = {
-        {"violation", Join({Load(0, kReadOnly), {STR_R2_R0, BX_LR}}), false,
+        {"violation", Join(Load(0, kReadOnly), {STR_R2_R0, BX_LR}), false,
          "violation: bus: PIOA.PSR written: it can only be read; ", "", "PIOA.PSR written"},
         // The start-up calls the routine, and the initialisation of the panel does.
-        {"violations that were let pass", Join({Load(0, kReadOnly), {STR_R2_R0, STR_R2_R0, STR_R2_R0, BX_LR}}), true,
+        {"violations that were let pass", Join(Load(0, kReadOnly), {STR_R2_R0, STR_R2_R0, STR_R2_R0, BX_LR}), true,
          "violation: bus: PIOA.PSR written: it can only be read; ", ", 6 times", ""},
         {"fault", {UNDEFINED}, false, "fault: ", "", ""},
-        {"hang", Join({Load(0, kReadOnly), {LDR_R3_R0, NOP, B_BACK_2}}), false, "hang: PIOA.PSR; ", "", "R PIOA.PSR"},
-        {"reset loop", Join({Load(0, kResetController), Load(2, kResetAll), {STR_R2_R0}}), false,
+        {"hang", Join(Load(0, kReadOnly), {LDR_R3_R0, NOP, B_BACK_2}), false, "hang: PIOA.PSR; ", "", "R PIOA.PSR"},
+        {"reset loop", Join(Join(Load(0, kResetController), Load(2, kResetAll)), {STR_R2_R0}), false,
          "reset loop: reset controller; ", ", 8 times", "reset by the reset controller"},
     };
     for (const auto &row : rows) {
@@ -85,7 +84,7 @@ TEST(BadEnds, LeadToTheLine) {
         const TemporaryDirectory here;
         std::vector<std::string> call = {"boot", "--firmware", Plant(here, row.code)};
         if (row.keep_going) call.emplace_back("--keep-going");
-        const CommandResult result = RunCommand(AddBootCommand, call);
+        const CommandResult result = RunFixture(call);
         EXPECT_EQ(result.exit_status, 3);
         const std::vector<std::string> lines = Lines(result.error);
         ASSERT_GE(lines.size(), 26u) << result.error;
@@ -109,9 +108,9 @@ TEST(BadEnds, LeadToTheLine) {
 
 TEST(BadEnds, SayTheSameToPrograms) {
     const TemporaryDirectory here;
-    const auto planted = Plant(here, Join({a32::Load(0, kReadOnly), {a32::STR_R2_R0, a32::BX_LR}}));
-    const CommandResult result = RunCommand(AddBootCommand, {"boot", "--json", "--firmware", planted});
-    const nlohmann::json said = nlohmann::json::parse(result.output);
+    const auto planted = Plant(here, Join(a32::Load(0, kReadOnly), {a32::STR_R2_R0, a32::BX_LR}));
+    const CommandResult result = RunFixture({"boot", "--json", "--firmware", planted});
+    const nlohmann::json said = result.json();
     EXPECT_EQ(said["verdict"], "violation");
     EXPECT_EQ(said["times"], 1);
     EXPECT_EQ(said["pc"].get<std::uint32_t>() - RoutineAddress(), 16u);

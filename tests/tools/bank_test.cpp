@@ -3,7 +3,7 @@
 #include "formats/stored_image.h"
 #include "harness/command.h"
 #include "harness/started_board.h"
-#include "tools/commands.h"
+#include "harness/texts.h"
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -18,15 +18,13 @@ namespace {
 
 const std::string kApplication = "what the demo does";
 
-std::string Text(const Bytes &bytes) { return {bytes.begin(), bytes.end()}; }
-
 class BankCommand : public testing::Test {
 protected:
     BankCommand() {
         fs::create_directories(here.path() / "data");
         write("demo.bin", kApplication);
         write("boot2.bin", "a bootloader's bytes");
-        write("help.img", Text(Wrap(Bytes(100, 'h'))));
+        write("help.img", AsText(Wrap(Bytes(100, 'h'))));
     }
     std::string write(const std::string &name, const std::string &content) {
         return here.write("in/" + name, content).string();
@@ -45,20 +43,20 @@ protected:
         std::vector<std::string> call = {"bank", "build", "--json", out()};
         for (const auto &[name, value] : options)
             if (!value.empty()) call.insert(call.end(), {name, value});
-        return RunCommand(AddBankCommand, call);
+        return RunFixture(call);
     }
     // All texts of a report, as people would read them.
     static std::string report(const CommandResult &result) {
         std::string texts;
-        const nlohmann::json json = nlohmann::json::parse(result.output);
+        const nlohmann::json json = result.json();
         for (const char *const kind : {"problems", "warnings"})
             for (const nlohmann::json &each : json.at(kind)) texts += each.at("text").get<std::string>() + "\n";
         return texts;
     }
     nlohmann::json check(int exit_status) const {
-        const CommandResult result = RunCommand(AddBankCommand, {"bank", "check", out(), "--json"});
+        const CommandResult result = RunFixture({"bank", "check", out(), "--json"});
         EXPECT_EQ(result.exit_status, exit_status) << result.output << result.error;
-        return nlohmann::json::parse(result.output);
+        return result.json();
     }
     BootResult run(Processor processor) const {
         BootCase boot;
@@ -87,7 +85,7 @@ TEST_F(BankCommand, BuildsWhatTheBootloaderLaunches) {
     EXPECT_EQ(ReadFile(out() + "/bin/help.img", 1000), ReadFile(in("help.img"), 1000)) << "wrapped before";
     const Bytes manifest = ReadFile(out() + "/BankContent.txt", 10000);
     EXPECT_EQ(manifest.size(), 6u * 282);
-    EXPECT_EQ(Text(manifest).substr(2 * 282, 24 + 12),
+    EXPECT_EQ(AsText(manifest).substr(2 * 282, 24 + 12),
               fmt::format("{:9} | {:9} | bin/demo.bin", kApplication.size(), ByteSum(ReadFile(in("demo.bin"), 1000))));
 
     for (const Processor processor : {Processor::arm, Processor::host}) {
@@ -129,9 +127,9 @@ TEST_F(BankCommand, RefusesWhatCannotWork) {
         {"--app-version", "12345678901234567", "has 17 characters; expected 1 to 16"},
         {"--app-version", "1>2", "byte 0x3E in its version"},
         {"--bootloader", write("none.bin", ""), "no bytes to load"},
-        {"--bootloader", write("broken.bin", Text(Wrap(Bytes(9, 'b'))).replace(40, 1, "X")), "sum1"},
+        {"--bootloader", write("broken.bin", AsText(Wrap(Bytes(9, 'b'))).replace(40, 1, "X")), "sum1"},
         {"--bootloader", write("slot.bin", std::string(0x200000 - 31, 'b')), "2097153 bytes; expected at most 2097152"},
-        {"--rescue", write("cut.img", Text(Wrap(Bytes(99, 'h'))).substr(0, 50)), "size 131"},
+        {"--rescue", write("cut.img", AsText(Wrap(Bytes(99, 'h'))).substr(0, 50)), "size 131"},
         {"--extra", write("demo.bin.txt", ""), "base name \"demo\" occurs in \"bin/demo.bin.txt\""},
     };
     for (const auto &row : rows) {
@@ -184,7 +182,7 @@ TEST_F(BankCommand, TellsWhatIsWrongWithABank) {
     for (const auto &row : rows) {
         ASSERT_EQ(build().exit_status, 0);
         check(0);
-        std::string text = Text(ReadFile(out() + "/" + row.file, 100000));
+        std::string text = AsText(ReadFile(out() + "/" + row.file, 100000));
         row.change(text);
         here.write(std::string("data/app/") + row.file, text);
         const nlohmann::json report = check(1);
@@ -195,7 +193,7 @@ TEST_F(BankCommand, TellsWhatIsWrongWithABank) {
         const BootResult boot = run(Processor::host);
         EXPECT_EQ(boot.report.launched == "i:/vol0/data/app/bin/demo.bin", row.launches) << row.name << boot.console;
     }
-    EXPECT_EQ(RunCommand(AddBankCommand, {"bank", "check", in("none")}).exit_status, 2);
+    EXPECT_EQ(RunFixture({"bank", "check", in("none")}).exit_status, 2);
 }
 
 } // namespace

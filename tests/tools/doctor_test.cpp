@@ -3,12 +3,13 @@
 #include "formats/doctor.h"
 #include "formats/slot_store.h"
 #include "formats/stored_image.h"
+#include "harness/bank_files.h"
+#include "harness/builds.h"
 #include "harness/command.h"
 #include "harness/started_board.h"
 #include "machine/chip_store.h"
 #include "machine/raw_flash.h"
 #include "sweep/scenarios.h"
-#include "tools/commands.h"
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
@@ -22,40 +23,43 @@ using testing::HasSubstr;
 
 namespace {
 
-const SweepFirmware &Builds() {
-    static const SweepFirmware builds(FirmwareDirectory() / "fixed");
-    return builds;
-}
-
 std::vector<ReferenceImage> References(const World &world) {
     return {{"old", FileRole::bootloader, world.before.bootloader, "1.9.0", ""},
             {"new", FileRole::bootloader, world.after.bootloader, "1.9.1", ""}};
 }
 
+// What is found on a chip after a cut. Its repairs are made, and then nothing is left to mend.
+FlashDiagnosis Diagnosed(const RawFlash &flash, const World &world) {
+    FlashDiagnosis found = DiagnoseFlash(flash, References(world));
+    for (const Repair &repair : found.repairs) repair.apply(flash);
+    EXPECT_TRUE(DiagnoseFlash(flash, References(world)).healthy());
+    return found;
+}
+
 // The operations of an update on NAND: slot 1 is erased, its pages are programmed, then slot 0 is erased and its header
 // cleared. The page at which the diagnosis sees the cut is the one that was being programmed.
 TEST(Doctor, NamesThePageAtWhichAnUpdateWasCut) {
-    const World world = WorldOf({"nand-update", "running-broken", {}, 1}, Builds());
-    Sweeper sweeper(world, ProcessorKind::host, Builds());
+    const World world = WorldOf({"nand-update", "running-broken", {}, 1}, FixedBuilds());
+    Sweeper sweeper(world, ProcessorKind::host, FixedBuilds());
     const auto pages =
         static_cast<std::uint32_t>((world.after.bootloader.size() + kNandPageBytes - 1) / kNandPageBytes);
     ASSERT_EQ(sweeper.operations(), pages + 3u);
-    const auto some = [pages](const Cut &each) { return each.operation % 4 == 1 || each.operation + 1 >= pages; };
+    // Neither the state before the update nor a last page that is whole or not.
+    const auto some = [pages](const Cut &each) {
+        return each.operation > 0 && (each.operation % 4 == 1 || each.operation + 1 >= pages) &&
+               (each.operation != pages || each.moment != CutMoment::torn);
+    };
     for (Snapshot &cut : sweeper.take_snapshots(world.chips, 0, some)) {
         SCOPED_TRACE(testing::Message() << cut.cut.operation << " " << static_cast<int>(cut.cut.moment));
-        const FlashDiagnosis found = DiagnoseFlash(RawFlashOf(cut.chips.nand), References(world));
+        const FlashDiagnosis found = Diagnosed(RawFlashOf(cut.chips.nand), world);
         const auto operation = static_cast<std::uint32_t>(cut.cut.operation);
         const bool after = cut.cut.moment == CutMoment::after, torn = cut.cut.moment == CutMoment::torn;
-        if (operation == 0 || (operation == pages && torn)) continue; // before the update; a page whole or not
-        if (operation <= pages) {
-            const SlotDiagnosis &slot = found.slots[1];
-            if (operation == pages && after) {
-                EXPECT_EQ(slot.condition, SlotCondition::good);
-                EXPECT_THAT(found.history, ElementsAre(HasSubstr("both copies are good")));
-                continue;
-            }
-            const std::uint32_t page = operation - 1 + after;
-            if (page == 0) continue; // nothing of it is there yet
+        const SlotDiagnosis &slot = found.slots[1];
+        const std::uint32_t page = operation - 1 + after;
+        if (operation == pages && after) {
+            EXPECT_EQ(slot.condition, SlotCondition::good);
+            EXPECT_THAT(found.history, ElementsAre(HasSubstr("both copies are good")));
+        } else if (operation <= pages && page > 0) { // before the first page nothing of it is there
             ASSERT_TRUE(slot.cut_page) << NameOf(slot.condition) << " " << slot.holds;
             EXPECT_TRUE(slot.cut_page == page || (torn && slot.cut_page == page + 1)) << *slot.cut_page;
             EXPECT_EQ(found.running, 0u);
@@ -64,24 +68,22 @@ TEST(Doctor, NamesThePageAtWhichAnUpdateWasCut) {
         } else if (operation == pages + 2 && after) {
             EXPECT_EQ(found.slots[0].condition, SlotCondition::retired) << found.slots[0].holds;
         }
-        for (const Repair &repair : found.repairs) repair.apply(RawFlashOf(cut.chips.nand));
-        EXPECT_TRUE(DiagnoseFlash(RawFlashOf(cut.chips.nand), References(world)).healthy());
     }
 }
 
-// After the first page, which the update shares with what lies before the slot, every odd operation erases one. Torn,
-// it may look whole.
+// The first page, which the update shares with what lies before the slot, is erased and programmed by one command.
+// Torn, it may also look as before, or as it was to become. After it every odd operation erases one. Torn, that may
+// look whole.
 TEST(Doctor, NamesThePageOfADataflash) {
     for (const char *const slots : {"running-retired", "running-erased", "running-broken"}) {
         SCOPED_TRACE(slots);
-        const World world = WorldOf({"dataflash-update", slots, {}, 1}, Builds());
-        Sweeper sweeper(world, ProcessorKind::host, Builds());
+        const World world = WorldOf({"dataflash-update", slots, {}, 1}, FixedBuilds());
+        Sweeper sweeper(world, ProcessorKind::host, FixedBuilds());
         // What builds have in common may be there already, so only a page that is broken tells how far it came.
         const auto some = [](const Cut &cut) { return cut.moment != CutMoment::before && cut.operation % 16 == 1; };
         for (Snapshot &cut : sweeper.take_snapshots(world.chips, 0, some)) {
             SCOPED_TRACE(testing::Message() << cut.cut.operation << " " << static_cast<int>(cut.cut.moment));
-            const RawFlash flash = RawFlashOf(cut.chips.dataflash);
-            const FlashDiagnosis found = DiagnoseFlash(flash, References(world));
+            const FlashDiagnosis found = Diagnosed(RawFlashOf(cut.chips.dataflash), world);
             EXPECT_EQ(found.running, 0u);
             const std::uint64_t page = (cut.cut.operation + 1) / 2;
             const SlotDiagnosis &slot = found.slots[1];
@@ -89,27 +91,16 @@ TEST(Doctor, NamesThePageOfADataflash) {
             EXPECT_TRUE(slot.cut_page == page || (cut.cut.moment == CutMoment::torn && slot.cut_page == page + 1))
                 << *slot.cut_page << " " << slot.holds;
             EXPECT_THAT(found.history, ElementsAre(testing::StartsWith("update to new cut at page")));
-            for (const Repair &repair : found.repairs) repair.apply(flash);
-            EXPECT_TRUE(DiagnoseFlash(flash, References(world)).healthy());
         }
-    }
-}
-
-// That first page is erased and programmed by one command. Torn, it may also look as before, or as it was to become.
-TEST(Doctor, TellsOfAFirstPageOfADataflashThatIsTorn) {
-    for (const char *const slots : {"running-retired", "running-erased", "running-broken"}) {
-        const World world = WorldOf({"dataflash-update", slots, {}, 1}, Builds());
-        Sweeper sweeper(world, ProcessorKind::host, Builds());
         At45Contents uncut = world.chips.dataflash;
         const std::string before = DiagnoseFlash(RawFlashOf(uncut), References(world)).slots[1].holds;
         unsigned told = 0;
         for (unsigned way = 1; way <= 8; ++way) {
-            SCOPED_TRACE(testing::Message() << slots << " " << way);
+            SCOPED_TRACE(way);
             Chips chips = sweeper.cut({{0, CutMoment::torn, way}});
-            const RawFlash flash = RawFlashOf(chips.dataflash);
-            const FlashDiagnosis found = DiagnoseFlash(flash, References(world));
-            const SlotDiagnosis &slot = found.slots[1];
+            const FlashDiagnosis found = Diagnosed(RawFlashOf(chips.dataflash), world);
             EXPECT_EQ(found.running, 0u);
+            const SlotDiagnosis &slot = found.slots[1];
             if (slot.cut_page == 0u) {
                 ++told;
                 EXPECT_THAT(found.history,
@@ -117,10 +108,8 @@ TEST(Doctor, TellsOfAFirstPageOfADataflashThatIsTorn) {
             } else if (slot.cut_page != 1u) {
                 EXPECT_EQ(slot.holds, before);
             }
-            for (const Repair &repair : found.repairs) repair.apply(flash);
-            EXPECT_TRUE(DiagnoseFlash(flash, References(world)).healthy());
         }
-        EXPECT_GT(told, 0u) << slots;
+        EXPECT_GT(told, 0u);
     }
 }
 
@@ -146,10 +135,9 @@ struct Repairs : testing::Test {
 TEST_F(Repairs, ADamagedBitIsNamedAndMendedInACopy) {
     SaveChip(board(true), file("bad.bin"));
     const Bytes before = ReadFile(file("bad.bin"), 1u << 30);
-    const CommandResult result =
-        RunCommand(AddDoctorCommand, {"doctor", "--json", "--nand", file("bad.bin"), "--fix", file("good.bin")});
+    const CommandResult result = RunFixture({"doctor", "--json", "--nand", file("bad.bin"), "--fix", file("good.bin")});
     EXPECT_EQ(result.exit_status, 1);
-    const json slot = json::parse(result.output)["chips"][0]["slots"][0];
+    const json slot = result.json()["chips"][0]["slots"][0];
     EXPECT_EQ(slot["condition"], "damaged");
     EXPECT_EQ(slot["damages"][0]["page"], 5);
     EXPECT_EQ(slot["damages"][0]["unit"], 2);
@@ -157,9 +145,8 @@ TEST_F(Repairs, ADamagedBitIsNamedAndMendedInACopy) {
     EXPECT_EQ(ReadFile(file("bad.bin"), 1u << 30), before) << "the input stays";
     SaveChip(board(false), file("right.bin"));
     EXPECT_EQ(ReadFile(file("good.bin"), 1u << 30), ReadFile(file("right.bin"), 1u << 30));
-    EXPECT_EQ(RunCommand(AddDoctorCommand, {"doctor", "--nand", file("good.bin")}).exit_status, 0);
-    EXPECT_NE(
-        RunCommand(AddDoctorCommand, {"doctor", "--nand", file("bad.bin"), "--fix", file("good.bin")}).exit_status, 1)
+    EXPECT_EQ(RunFixture({"doctor", "--nand", file("good.bin")}).exit_status, 0);
+    EXPECT_NE(RunFixture({"doctor", "--nand", file("bad.bin"), "--fix", file("good.bin")}).exit_status, 1)
         << "an older file is never written over";
 }
 
@@ -173,20 +160,19 @@ TEST_F(Repairs, ADumpOfDataAloneStaysOne) {
         right.resize(dump.size(), 0xFF);
         WriteFile(file("dump.bin"), dump);
         const std::string fixed = fmt::format("fixed-{}.bin", longer);
-        const CommandResult result =
-            RunCommand(AddDoctorCommand, {"doctor", "--nand", file("dump.bin"), "--fix", file(fixed)});
+        const CommandResult result = RunFixture({"doctor", "--nand", file("dump.bin"), "--fix", file(fixed)});
         EXPECT_EQ(result.exit_status, 1);
         EXPECT_THAT(result.output, HasSubstr("page 5 at 0x00042800, block 2: 1 bit wrong"));
         EXPECT_THAT(result.output, HasSubstr("mended in "));
         EXPECT_EQ(ReadFile(file("dump.bin"), 1u << 30), dump);
         EXPECT_EQ(ReadFile(file(fixed), 1u << 30), right);
-        EXPECT_EQ(RunCommand(AddDoctorCommand, {"doctor", "--nand", file(fixed)}).exit_status, 0);
+        EXPECT_EQ(RunFixture({"doctor", "--nand", file(fixed)}).exit_status, 0);
     }
     // Cut short in the slot: what is missing counts as erased, and is named.
     Bytes half = ChipBytesOf(board(false), data_only);
     half.resize(std::size_t{0x40000} + 20 * 2048);
     WriteFile(file("half.bin"), half);
-    const CommandResult result = RunCommand(AddDoctorCommand, {"doctor", "--nand", file("half.bin")});
+    const CommandResult result = RunFixture({"doctor", "--nand", file("half.bin")});
     EXPECT_EQ(result.exit_status, 1);
     EXPECT_THAT(result.output, HasSubstr("page 21"));
     EXPECT_THAT(result.output, HasSubstr("starts nothing"));
@@ -199,12 +185,10 @@ TEST_F(Repairs, ASectorThatACutCommitLeftIsCleared) {
     half.resize(10);
     PlaceStoreImage(chip.bytes, 1, half);
     SaveChip(chip, file("eeprom.bin"));
-    const CommandResult result =
-        RunCommand(AddDoctorCommand, {"doctor", "--eeprom", file("eeprom.bin"), "--fix", file("fixed.bin")});
+    const CommandResult result = RunFixture({"doctor", "--eeprom", file("eeprom.bin"), "--fix", file("fixed.bin")});
     EXPECT_THAT(result.output, HasSubstr("a commit to sector 1 was cut; sector 0 is whole"));
-    EXPECT_EQ(RunCommand(AddDoctorCommand, {"doctor", "--eeprom", file("fixed.bin")}).exit_status, 0);
-    EXPECT_THAT(RunCommand(AddDiffCommand, {"diff", file("eeprom.bin"), file("fixed.bin")}).output,
-                HasSubstr("sector 1\n"));
+    EXPECT_EQ(RunFixture({"doctor", "--eeprom", file("fixed.bin")}).exit_status, 0);
+    EXPECT_THAT(RunFixture({"diff", file("eeprom.bin"), file("fixed.bin")}).output, HasSubstr("sector 1\n"));
 }
 
 TEST_F(Repairs, OnlyThePlaceNamedIsMended) {
@@ -218,15 +202,14 @@ TEST_F(Repairs, OnlyThePlaceNamedIsMended) {
         {"rescue", 1, "mended in OUT: nothing\n"},
         {"version record", 1, "mended in OUT: nothing\n"},
         {"bootloader0", 2,
-         "--only: no place \"bootloader0\" on this chip; expected bootloader 0, bootloader 1, rescue or version "
-         "record"},
+         "\"bootloader0\" on this chip; expected bootloader 0, bootloader 1, rescue or version record"},
         {"sector 0", 2, "--only: no place \"sector 0\""},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.only);
         const std::string out = file(row.only);
         const CommandResult result =
-            RunCommand(AddDoctorCommand, {"doctor", "--nand", file("bad.bin"), "--fix", out, "--only", row.only});
+            RunFixture({"doctor", "--nand", file("bad.bin"), "--fix", out, "--only", row.only});
         EXPECT_EQ(result.exit_status, row.exit_status);
         std::string told = result.output + result.error;
         if (const std::size_t at = told.find("mended in " + out); at != std::string::npos)
@@ -245,7 +228,7 @@ TEST_F(Repairs, WhatIsPrintedToBePastedCanBe) {
     };
     for (const auto &[name, word] : rows) {
         SaveChip(board(true), file(name));
-        const CommandResult result = RunCommand(AddDoctorCommand, {"doctor", "--nand", file(name)});
+        const CommandResult result = RunFixture({"doctor", "--nand", file(name)});
         EXPECT_EQ(result.output.find('\x1b'), std::string::npos);
         // The directory stands between what opens the word and the slash.
         std::string told = result.output;
@@ -260,26 +243,24 @@ TEST_F(Repairs, OneSlotIsWrittenAndTheOthersStay) {
     WriteFile(file("image"), known);
     const auto flash = [&](std::vector<std::string> words) {
         words.insert(words.begin(), "flash");
-        return RunCommand(AddFlashCommand, words);
+        return RunFixture(words).exit_status;
     };
     const auto diff = [&](const char *other) {
         json places = json::array();
-        const json found = json::parse(
-            RunCommand(AddDiffCommand, {"diff", "--json", "--as", "nand", file("a.bin"), file(other)}).output);
+        const json found = RunFixture({"diff", "--json", "--as", "nand", file("a.bin"), file(other)}).json();
         for (const json &difference : found["differences"]) places.push_back(difference["where"]);
         return places;
     };
-    ASSERT_EQ(flash({"write", "bootloader1", "--nand", file("a.bin"), "--image", file("image"), "--out", file("b.bin")})
-                  .exit_status,
-              0);
+    const std::string a = file("a.bin");
+    ASSERT_EQ(flash({"write", "bootloader1", "--nand", a, "--image", file("image"), "--out", file("b.bin")}), 0);
     EXPECT_THAT(diff("b.bin"), ElementsAre("bootloader 1", "bootloader 1, pages"));
-    ASSERT_EQ(flash({"erase", "record", "--nand", file("a.bin"), "--out", file("c.bin")}).exit_status, 0);
+    ASSERT_EQ(flash({"erase", "record", "--nand", a, "--out", file("c.bin")}), 0);
     EXPECT_THAT(diff("c.bin"), ElementsAre("version record", "before the slots, pages"));
-    ASSERT_EQ(flash({"erase", "bootloader1", "--nand", file("b.bin")}).exit_status, 0);
-    EXPECT_EQ(RunCommand(AddDiffCommand, {"diff", "--as", "nand", file("a.bin"), file("b.bin")}).exit_status, 0);
-    ASSERT_EQ(flash({"extract", "rescue", "--nand", file("a.bin"), "--out", file("rescue")}).exit_status, 0);
+    ASSERT_EQ(flash({"erase", "bootloader1", "--nand", file("b.bin")}), 0);
+    EXPECT_EQ(RunFixture({"diff", "--as", "nand", a, file("b.bin")}).exit_status, 0);
+    ASSERT_EQ(flash({"extract", "rescue", "--nand", a, "--out", file("rescue")}), 0);
     EXPECT_EQ(ReadFile(file("rescue"), 1u << 20), rescue);
-    EXPECT_EQ(flash({"extract", "bootloader1", "--nand", file("a.bin"), "--out", file("none")}).exit_status, 1);
+    EXPECT_EQ(flash({"extract", "bootloader1", "--nand", a, "--out", file("none")}), 1);
     EXPECT_FALSE(std::filesystem::exists(file("none")));
 }
 
@@ -287,22 +268,17 @@ TEST_F(Repairs, AChipIsVerifiedAgainstABank) {
     const std::vector<BankFile> files = {{FileRole::application, "application.bin", "2.0", Bytes(3000, 5)},
                                          {FileRole::bootloader, "bootloader.bin", "1.9.0", known},
                                          {FileRole::rescue, "rescue.bin", "1.1", rescue}};
-    directory.write(std::string("bank/") + kDescriptorName, MakeDescriptor(files));
-    directory.write(std::string("bank/") + kManifestName, MakeManifest(files));
-    for (const BankFile &each : files) directory.write("bank/" + each.path(), {each.bytes.begin(), each.bytes.end()});
+    WriteBank(directory.path() / "bank", files);
     SaveChip(board(false), file("a.bin"));
     const auto verify = [&](const char *chip) {
-        return RunCommand(AddFlashCommand,
-                          {"flash", "verify", "--json", "--nand", file(chip), "--against", file("bank")});
+        return RunFixture({"flash", "verify", "--json", "--nand", file(chip), "--against", file("bank")});
     };
     const CommandResult result = verify("a.bin");
     EXPECT_EQ(result.exit_status, 1);
-    const json problems = json::parse(result.output)["problems"];
+    const json problems = result.json()["problems"];
     ASSERT_EQ(problems.size(), 1u) << result.output;
     EXPECT_EQ(problems[0]["where"], "version record");
-    ASSERT_EQ(RunCommand(AddFlashCommand, {"flash", "write", "record", "--nand", file("a.bin"), "--version", "1.1"})
-                  .exit_status,
-              0);
+    ASSERT_EQ(RunFixture({"flash", "write", "record", "--nand", file("a.bin"), "--version", "1.1"}).exit_status, 0);
     EXPECT_EQ(verify("a.bin").exit_status, 0);
 }
 

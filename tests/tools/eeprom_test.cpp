@@ -1,10 +1,9 @@
-#include "formats/file.h"
 // fixture eeprom: chip files made, updated, shown and refused.
+#include "formats/file.h"
 #include "formats/parameter_store.h"
 #include "harness/command.h"
 #include "harness/started_board.h"
 #include "machine/chip_store.h"
-#include "tools/commands.h"
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
@@ -22,9 +21,9 @@ protected:
 
     CommandResult set(std::vector<std::string> settings) {
         settings.insert(settings.begin(), {"eeprom", "set", file});
-        return RunCommand(AddEepromCommand, settings);
+        return RunFixture(settings);
     }
-    CommandResult show() { return RunCommand(AddEepromCommand, {"eeprom", "show", file}); }
+    CommandResult show() { return RunFixture({"eeprom", "show", file}); }
     void make(const Bytes (&sectors)[2]) {
         EepromContents chip;
         for (int sector = 0; sector < 2; ++sector) PlaceStoreImage(chip.bytes, sector, sectors[sector]);
@@ -78,11 +77,11 @@ TEST_F(EepromTool, TellsWhichSectorIsCurrentAndWhy) {
         EXPECT_THAT(result.output, HasSubstr(c.text));
     }
     make({good, {}});
-    const auto json = nlohmann::json::parse(RunCommand(AddEepromCommand, {"eeprom", "show", file, "--json"}).output);
-    EXPECT_EQ(json["current"], 0);
-    EXPECT_EQ(json["sectors"][0]["state"], "good");
-    EXPECT_EQ(json["sectors"][0]["parameters"][0], nlohmann::json({{"id", 9}, {"hex", "01"}, {"name", "address"}}));
-    EXPECT_EQ(json["sectors"][1]["state"], "empty");
+    const auto json = RunFixture({"eeprom", "show", file, "--json"}).json();
+    const auto &sectors = json["sectors"];
+    EXPECT_EQ(nlohmann::json({json["current"], sectors[0]["state"], sectors[1]["state"]}),
+              (nlohmann::json{0, "good", "empty"}));
+    EXPECT_EQ(sectors[0]["parameters"][0], nlohmann::json({{"id", 9}, {"hex", "01"}, {"name", "address"}}));
 }
 
 TEST_F(EepromTool, RefusesWhatCannotWork) {

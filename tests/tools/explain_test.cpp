@@ -1,13 +1,12 @@
 // fixture explain: what it says of boards whose fate is known. That it is right is shown by the sweeps, which compare
 // every boot with what was foretold of it (tests/sweep/sweep_test.cpp).
-#include "formats/bank.h"
 #include "formats/flash_report.h"
 #include "formats/stored_image.h"
+#include "harness/bank_files.h"
 #include "harness/command.h"
 #include "harness/started_board.h"
 #include "machine/chip_store.h"
 #include "machine/raw_flash.h"
-#include "tools/commands.h"
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
@@ -27,10 +26,9 @@ struct BankText {
 };
 
 struct Board {
-    const char *name;
     const char *straps;
     const char *running; // which build slot 0 holds; "other": an image that no build stands for; empty: none
-    std::vector<BankText> banks;
+    const BankText *bank, *other_bank; // null: none
     bool rescue;
     int exit_status;
     const char *reason;
@@ -53,14 +51,13 @@ protected:
     TemporaryDirectory directory;
 
     void write_bank(const BankText &bank) const {
-        std::vector<BankFile> files = {{FileRole::application, "application.bin", "2.0", Bytes(3000, 5)},
-                                       {FileRole::bootloader, "bootloader.bin", bank.version, ImageOf(bank.image)}};
-        const std::string at = std::string("volume/data/") + bank.directory + "/";
-        const auto write = [&](const std::string &name, const std::string &text) { directory.write(at + name, text); };
-        write(kDescriptorName, MakeDescriptor(files));
-        write(kManifestName, MakeManifest(files));
-        if (!bank.good_application) files[0].bytes[9] ^= 1;
-        for (const BankFile &file : files) write(file.path(), {file.bytes.begin(), file.bytes.end()});
+        const std::vector<BankFile> files = {
+            {FileRole::application, "application.bin", "2.0", Bytes(3000, 5)},
+            {FileRole::bootloader, "bootloader.bin", bank.version, ImageOf(bank.image)}};
+        WriteBank(directory.path() / "volume/data" / bank.directory, files);
+        if (!bank.good_application)
+            directory.write(std::string("volume/data/") + bank.directory + "/bin/application.bin",
+                            std::string(2999, 5) + '\4');
     }
     CommandResult run(const Board &board) const {
         std::filesystem::create_directories(directory.path() / "volume");
@@ -69,67 +66,40 @@ protected:
         if (*board.running) flash.write(0x40000, ImageOf(board.running));
         if (board.rescue) flash.write(0x400000, Wrap(Bytes(900, 3)));
         SaveChip(nand, directory.path() / "nand.bin");
-        for (const BankText &bank : board.banks) write_bank(bank);
-        return RunCommand(AddExplainCommand, {"explain", "--json", "--straps", board.straps, "--nand",
-                                              (directory.path() / "nand.bin").string(), "--volume",
-                                              (directory.path() / "volume").string()});
+        for (const BankText *bank : {board.bank, board.other_bank})
+            if (bank) write_bank(*bank);
+        return RunFixture({"explain", "--json", "--straps", board.straps, "--nand", directory.path() / "nand.bin",
+                           "--volume", directory.path() / "volume"});
     }
 };
 
 TEST_F(Explain, TellsWhatABoardWillDoAndWhy) {
+    const BankText update{"app", "1.9.1", "1.9.1"}, damaged{"app", "1.9.1", "1.9.1", false};
+    const BankText second{"oldapp", "1.9.1", "1.9.1"}, older{"oldapp", "1.9.0", "1.9.0"};
+    const BankText misnamed{"app", "1.9.1", "2.0"};
     const Board boards[] = {
-        {"an update",
-         "12-13",
-         "1.9.0",
-         {{"app", "1.9.1", "1.9.1"}},
-         false,
-         0,
-         "launches i:/vol0/data/app/bin/application.bin",
+        {"12-13", "1.9.0", &update, nullptr, false, 0, "launches i:/vol0/data/app/bin/application.bin",
          "stored in bootloader 1, bootloader 0 is retired, and the board resets"},
-        {"the second bank",
-         "14-18",
-         "1.9.1",
-         {{"app", "1.9.1", "1.9.1", false}, {"oldapp", "1.9.1", "1.9.1"}},
-         true,
-         0,
-         "launches i:/vol0/data/oldapp/bin/application.bin",
+        {"14-18", "1.9.1", &damaged, &second, true, 0, "launches i:/vol0/data/oldapp/bin/application.bin",
          "byte-sum 14999 found, 15000 listed: the next bank is tried"},
-        {"banks that fight",
-         "both",
-         "1.9.0",
-         {{"app", "1.9.1", "1.9.1", false}, {"oldapp", "1.9.0", "1.9.0"}},
-         true,
-         1,
+        {"both", "1.9.0", &damaged, &older, true, 1,
          "resets for ever: i:/vol0/data/app/ installs 1.9.1 and i:/vol0/data/oldapp/ installs 1.9.0",
          "each round takes 2 resets and wears the chip by 4 block erases"},
-        {"a version text that is not its build's",
-         "12-13",
-         "1.9.0",
-         {{"app", "1.9.1", "2.0"}},
-         true,
-         1,
-         "resets for ever: i:/vol0/data/app/ installs 2.0 at every start",
-         "resets-for-ever"},
-        {"no bank, a rescue image", "12-13", "1.9.0", {}, true, 1, "falls back to the rescue image (932 bytes)", ""},
-        {"nothing at all",
-         "12-13",
-         "1.9.0",
-         {},
-         false,
-         1,
-         "launches nothing",
-         "rescue slot holds no good image (erased)"},
-        {"a strap forgotten", "none", "1.9.0", {}, true, 1, "no bootloader", "try --straps 12-13"},
-        {"a strap forgotten, and what that costs", "none", "1.9.0", {}, true, 1, "no bootloader", "nand-without-strap"},
-        {"an empty chip", "12-13", "", {}, false, 1, "neither slot of the NAND holds a good one", ""},
-        {"a bootloader from elsewhere", "12-13", "other", {}, false, 1, "matches no known build", "--assume-version"},
+        {"12-13", "1.9.0", &misnamed, nullptr, true, 1,
+         "resets for ever: i:/vol0/data/app/ installs 2.0 at every start", "resets-for-ever"},
+        {"12-13", "1.9.0", nullptr, nullptr, true, 1, "falls back to the rescue image (932 bytes)", ""},
+        {"12-13", "1.9.0", nullptr, nullptr, false, 1, "launches nothing", "rescue slot holds no good image (erased)"},
+        {"none", "1.9.0", nullptr, nullptr, true, 1, "no bootloader", "try --straps 12-13"},
+        {"none", "1.9.0", nullptr, nullptr, true, 1, "no bootloader", "nand-without-strap"}, // what it costs
+        {"12-13", "", nullptr, nullptr, false, 1, "neither slot of the NAND holds a good one", ""},
+        {"12-13", "other", nullptr, nullptr, false, 1, "matches no known build", "--assume-version"},
     };
     for (const Board &board : boards) {
-        SCOPED_TRACE(board.name);
+        SCOPED_TRACE(board.reason);
         std::filesystem::remove_all(directory.path() / "volume");
         const CommandResult result = run(board);
         EXPECT_EQ(result.exit_status, board.exit_status);
-        const json told = json::parse(result.output);
+        const json told = result.json();
         EXPECT_EQ(told["ok"], board.exit_status == 0);
         EXPECT_THAT(told["reason"].get<std::string>(), HasSubstr(board.reason));
         EXPECT_THAT(result.output, HasSubstr(board.shown));

@@ -8,7 +8,6 @@
 #include "harness/started_board.h"
 #include "machine/chip_store.h"
 #include "machine/raw_flash.h"
-#include "tools/commands.h"
 
 #include <bit>
 #include <fmt/format.h>
@@ -91,9 +90,9 @@ TEST(FlashSlots, NeighboursInADataflashPageAreNamed) {
 struct FlashTool : testing::Test {
     static CommandResult run(std::vector<std::string> words) {
         words.insert(words.begin(), "flash");
-        return RunCommand(AddFlashCommand, words);
+        return RunFixture(words);
     }
-    static json report(const CommandResult &result) { return json::parse(result.output).at("chips").at(0); }
+    static json report(const CommandResult &result) { return result.json().at("chips").at(0); }
     std::string file(const std::string &name) { return (directory.path() / name).string(); }
     std::string file(const std::string &name, const Bytes &bytes) {
         WriteFile(directory.path() / name, bytes);
@@ -101,7 +100,7 @@ struct FlashTool : testing::Test {
     }
     static std::string warnings(const CommandResult &result) {
         std::string texts;
-        const json told = json::parse(result.output);
+        const json told = result.json();
         for (const json &warning : told.at("warnings")) texts += warning.at("text").get<std::string>() + "\n";
         return texts;
     }
@@ -124,12 +123,10 @@ TEST_F(FlashTool, ProvisionedChipsShowWhatProductionStored) {
             EXPECT_EQ(shown.exit_status, 0);
             EXPECT_EQ(report(shown), report(made));
             const json info = report(shown);
-            EXPECT_EQ(info["first_stage"], slot);
-            EXPECT_EQ(info["slots"][slot]["state"], "good");
-            EXPECT_EQ(info["slots"][slot]["size"], bootloader.size());
-            EXPECT_EQ(info["slots"][1 - slot]["state"], "erased") << "the other one is retired";
-            EXPECT_EQ(info["slots"][2]["size"], rescue.size());
-            EXPECT_EQ(info["rescue_version"], "2.7");
+            const json &slots = info["slots"];
+            EXPECT_EQ(json({info["first_stage"], slots[slot]["state"], slots[slot]["size"], slots[1 - slot]["state"],
+                            slots[2]["size"], info["rescue_version"]}),
+                      json({slot, "good", bootloader.size(), "erased", rescue.size(), "2.7"}));
             EXPECT_EQ(warnings(made), "");
             EXPECT_THAT(warnings(shown), HasSubstr(fmt::format("bootloader {}: the only good bootloader", slot)));
         }
@@ -254,8 +251,7 @@ TEST_F(FlashTool, WhatCannotWorkIsRefused) {
         {2, given({"--rescue", image})},
         {1, given({"--rescue", image + ":"})},
         {1, given({"--rescue", image + ":12345678901234567"})},
-        {1,
-         given({"--rescue", image + ":1", "--dataflash-part", "AT45DB161"})}, // the rescue slot lies beyond this chip
+        {1, given({"--rescue", image + ":1", "--dataflash-part", "AT45DB161"})}, // its slot lies beyond this chip
     };
     for (const auto &[status, words] : calls) EXPECT_EQ(run(words).exit_status, status) << words.back();
     EXPECT_FALSE(std::filesystem::exists(chip));
@@ -268,9 +264,8 @@ TEST_F(FlashTool, ADumpOfAnotherDataflashIsRefused) {
             for (const At45Part &fitted : At45Parts()) {
                 const std::string dump = file("dump", Bytes(std::size_t{dumped.pages} * page, 0xFF));
                 const CommandResult result = run({"info", "--dataflash", dump, "--dataflash-part", fitted.name});
-                const bool other =
-                    result.error.find(fmt::format("the length of an {}", dumped.name)) != std::string::npos;
-                EXPECT_EQ(other, &dumped != &fitted) << page << " " << dumped.name << " for " << fitted.name;
+                const auto refused = HasSubstr(fmt::format("the length of an {}", dumped.name));
+                EXPECT_EQ(testing::Value(result.error, refused), &dumped != &fitted) << page << " for " << fitted.name;
             }
 }
 

@@ -3,7 +3,7 @@
 #include "harness/command.h"
 #include "harness/small_executable.h"
 #include "harness/started_board.h"
-#include "tools/commands.h"
+#include "harness/texts.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -11,8 +11,6 @@
 namespace fixture {
 
 namespace {
-
-std::string Text(const Bytes &bytes) { return {bytes.begin(), bytes.end()}; }
 
 // With its code as two parts that lie apart in memory, the higher one first in the file.
 struct TwoPartExecutable : SmallExecutable {
@@ -30,13 +28,12 @@ class ImageCommand : public testing::Test {
 protected:
     CommandResult wrap(const std::string &content) {
         std::filesystem::remove(out);
-        return RunCommand(AddImageCommand, {"image", "wrap", here.write("in", content).string(), out.string()});
+        return RunFixture({"image", "wrap", here.write("in", content), out});
     }
     nlohmann::json info(const std::string &content, int exit_status) {
-        const CommandResult result =
-            RunCommand(AddImageCommand, {"image", "info", "--json", here.write("in", content).string()});
+        const CommandResult result = RunFixture({"image", "info", "--json", here.write("in", content)});
         EXPECT_EQ(result.exit_status, exit_status) << result.output << result.error;
-        return nlohmann::json::parse(result.output);
+        return result.json();
     }
 
     TemporaryDirectory here;
@@ -47,7 +44,7 @@ TEST_F(ImageCommand, WrapsLikeTheReferenceImages) {
     const std::string maker = std::string("Orvalis Luminations") + '\0';
     const auto wrapped = [&](const std::string &content) {
         EXPECT_EQ(wrap(content).exit_status, 0);
-        return Text(ReadFile(out, 100));
+        return AsText(ReadFile(out, 100));
     };
     EXPECT_EQ(wrapped("application file"),
               maker + std::string("\x30\0\0\0\xBB\x4B\x23\x01\x3B\x5B\xE0\x9B", 12) + "application file");
@@ -61,7 +58,7 @@ TEST_F(ImageCommand, RefusesWhatIsNoImage) {
     entry.header.e_entry += 4;
     apart.segments[0].p_paddr = 0xF0000000;
     const std::pair<std::string, const char *> rows[] = {
-        {Text(Wrap(Bytes(5))), "carries a stored image header already"},
+        {AsText(Wrap(Bytes(5))), "carries a stored image header already"},
         {std::string(kLargestStoredImage - 31, 'x'), "16777153 bytes; expected at most 16777152"},
         {entry.text(), "entry at 0x20100004; expected it at the image's first byte, 0x20100000"},
         {apart.text(), "too far apart"},
@@ -72,12 +69,10 @@ TEST_F(ImageCommand, RefusesWhatIsNoImage) {
         EXPECT_NE(result.error.find(message), std::string::npos) << result.error;
         EXPECT_FALSE(std::filesystem::exists(out)) << message;
     }
-    EXPECT_EQ(RunCommand(AddImageCommand, {"image", "info", out.string()}).exit_status, 2);
-    EXPECT_EQ(RunCommand(AddImageCommand, {"image", "wrap", "one"}).exit_status, 2);
 }
 
 TEST_F(ImageCommand, SaysWhatIsWrongWithAnImage) {
-    const std::string good = Text(Wrap(Bytes(100, 'b')));
+    const std::string good = AsText(Wrap(Bytes(100, 'b')));
     const auto with = [&](std::size_t offset, const std::string &bytes) {
         return std::string(good).replace(offset, bytes.size(), bytes);
     };
@@ -108,14 +103,13 @@ TEST_F(ImageCommand, SaysWhatIsWrongWithAnImage) {
         EXPECT_EQ(invalid, expected) << report.dump(1);
     }
     EXPECT_EQ(info(good + "more", 0)["trailing"], 4);
-    const nlohmann::json large = info(Text(Wrap(Bytes(0x1E0000 - 31))), 0);
-    const nlohmann::json &slots = large["slots"];
+    const nlohmann::json large = info(AsText(Wrap(Bytes(0x1E0000 - 31))), 0);
     ASSERT_EQ(large["warnings"].size(), 1u);
     EXPECT_EQ(large["warnings"][0]["id"], "fits-no-slot");
     EXPECT_EQ(large["warnings"][0]["found"], "NAND: bootloader: 1966081 bytes fit neither slot; the update is refused");
     std::string fits;
-    for (const nlohmann::json &slot : slots) fits += slot["fits"] ? "+" : "-";
-    EXPECT_EQ(fits, "--++++") << slots.dump(1);
+    for (const nlohmann::json &slot : large["slots"]) fits += slot["fits"] ? "+" : "-";
+    EXPECT_EQ(fits, "--++++") << large.dump(1);
 }
 
 } // namespace

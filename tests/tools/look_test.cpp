@@ -4,9 +4,9 @@
 #include "formats/stored_image.h"
 #include "harness/command.h"
 #include "harness/started_board.h"
+#include "harness/texts.h"
 #include "machine/chip_store.h"
 #include "machine/raw_flash.h"
-#include "tools/commands.h"
 
 #include <gif_lib.h>
 #include <gmock/gmock.h>
@@ -18,7 +18,7 @@ namespace fixture {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::EndsWith, testing::HasSubstr, testing::MatchesRegex;
+using testing::AllOf, testing::EndsWith, testing::HasSubstr, testing::MatchesRegex;
 
 // Whoever looks on, the run is the same to the last instruction.
 TEST(Look, CostsNothing) {
@@ -26,7 +26,7 @@ TEST(Look, CostsNothing) {
     const auto file = [&](const char *name) { return (here.path() / name).string(); };
     const auto run = [](std::vector<std::string> options) {
         options.insert(options.begin(), {"boot", "--json"});
-        const nlohmann::json said = nlohmann::json::parse(RunCommand(AddBootCommand, options).output);
+        const nlohmann::json said = RunFixture(options).json();
         return nlohmann::json{said["verdict"], said["virtual_ms"], said["instructions"], said["two_wire_ns"]};
     };
     const nlohmann::json plain = run({});
@@ -34,7 +34,8 @@ TEST(Look, CostsNothing) {
     const std::vector<std::string> rows[] = {{"--trace", file("trace")},
                                              {"--trace", file("last"), "--trace-last", "100"},
                                              {"--vcd", file("vcd")},
-                                             {"--report", file("page"), "--panel-gif", file("gif")}};
+                                             {"--report", file("page"), "--panel-gif", file("gif")},
+                                             {"--timeline"}};
     for (const std::vector<std::string> &row : rows) EXPECT_EQ(run(row), plain) << row[0];
 }
 
@@ -43,9 +44,9 @@ TEST(Look, LiveIsTheSameRun) {
     const std::vector<std::vector<std::string>> calls = {{"boot", "--demo"},
                                                          {"boot", "--replay", "parameters/0-to-1:2t"}};
     for (std::vector<std::string> call : calls) {
-        const CommandResult plain = RunCommand(AddBootCommand, call);
+        const CommandResult plain = RunFixture(call);
         call.insert(call.end(), {"--live", "1000000"});
-        const CommandResult live = RunCommand(AddBootCommand, call);
+        const CommandResult live = RunFixture(call);
         EXPECT_EQ(live.exit_status, plain.exit_status);
         EXPECT_EQ(live.output, plain.output);
         EXPECT_EQ(live.error, plain.error);
@@ -61,16 +62,14 @@ TEST(Look, WhatFailsSaysWhy) {
     StoreProvision(RawFlashOf(nand), {0, Wrap(KnownFirmware(FirmwareDirectory()).all().front().flat), {}, ""});
     SaveChip(nand, file("nand.bin"));
     here.write("volume/data/app/readme", "no bank");
-    const CommandResult result =
-        RunCommand(AddBootCommand, {"boot", "--straps", "12-13", "--nand", file("nand.bin"), "--snapshot", "--volume",
-                                    file("volume"), "--report", file("page.html")});
+    const CommandResult result = RunFixture({"boot", "--straps", "12-13", "--nand", file("nand.bin"), "--snapshot",
+                                             "--volume", file("volume"), "--report", file("page.html")});
     EXPECT_EQ(result.exit_status, 1);
     EXPECT_THAT(result.error, EndsWith("launches nothing: no bank is good, and there is no good rescue image; "
                                        "i:/vol0/data/app/: no ProjectDescriptorFile.xml: the bank is passed over\n"));
-    const Bytes bytes = ReadFile(file("page.html"), 2'000'000);
-    const std::string page(bytes.begin(), bytes.end());
-    EXPECT_THAT(page, HasSubstr("Foretold from chips and files before the run: launches nothing"));
-    EXPECT_THAT(page, HasSubstr("the first stage starts it</li>"));
+    EXPECT_THAT(AsText(ReadFile(file("page.html"), 2'000'000)),
+                AllOf(HasSubstr("Foretold from chips and files before the run: launches nothing"),
+                      HasSubstr("the first stage starts it</li>")));
 }
 
 struct Gif {
@@ -93,9 +92,8 @@ Gif ReadGif(const fs::path &file) {
 TEST(Look, AnimationsSlowDownAndTakeCaptions) {
     const TemporaryDirectory here;
     const auto file = [&](const char *name) { return (here.path() / name).string(); };
-    RunCommand(AddBootCommand, {"boot", "--panel-gif", file("plain.gif"), "--panel-frames", file("frames")});
-    RunCommand(AddBootCommand,
-               {"boot", "--panel-gif", file("slow.gif"), "--panel-gif-slower", "50", "--panel-gif-captions"});
+    RunFixture({"boot", "--panel-gif", file("plain.gif"), "--panel-frames", file("frames")});
+    RunFixture({"boot", "--panel-gif", file("slow.gif"), "--panel-gif-slower", "50", "--panel-gif-captions"});
     const Gif plain = ReadGif(file("plain.gif")), slow = ReadGif(file("slow.gif"));
     EXPECT_GT(plain.frames, 2u);
     EXPECT_EQ(plain.height, 240u);
