@@ -4,7 +4,6 @@
 #include "harness/started_board.h"
 #include "sweep/campaign.h"
 
-#include <algorithm>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -3,15 +3,16 @@
 #include "formats/flash_report.h"
 #include "formats/stored_image.h"
 #include "harness/command.h"
+#include "harness/gif_reader.h"
 #include "harness/started_board.h"
 #include "harness/texts.h"
 #include "machine/chip_store.h"
 #include "machine/raw_flash.h"
 
-#include <gif_lib.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <numeric>
 
 namespace fixture {
 
@@ -72,40 +73,27 @@ TEST(Look, WhatFailsSaysWhy) {
                       HasSubstr("the first stage starts it</li>")));
 }
 
-struct Gif {
-    unsigned frames, height, centiseconds;
-};
-Gif ReadGif(const fs::path &file) {
-    int error = 0;
-    GifFileType *const gif = DGifOpenFileName(file.c_str(), &error);
-    EXPECT_TRUE(gif && DGifSlurp(gif) == GIF_OK);
-    Gif read{static_cast<unsigned>(gif->ImageCount), static_cast<unsigned>(gif->SHeight), 0};
-    for (int n = 0; n + 1 < gif->ImageCount; ++n) { // the last one stands as long as it likes
-        GraphicsControlBlock control{};
-        DGifSavedExtensionToGCB(gif, n, &control);
-        read.centiseconds += static_cast<unsigned>(control.DelayTime);
-    }
-    DGifCloseFile(gif, &error);
-    return read;
-}
-
 TEST(Look, AnimationsSlowDownAndTakeCaptions) {
     const TemporaryDirectory here;
     const auto file = [&](const char *name) { return (here.path() / name).string(); };
     RunFixture({"boot", "--panel-gif", file("plain.gif"), "--panel-frames", file("frames")});
     RunFixture({"boot", "--panel-gif", file("slow.gif"), "--panel-gif-slower", "50", "--panel-gif-captions"});
-    const Gif plain = ReadGif(file("plain.gif")), slow = ReadGif(file("slow.gif"));
-    EXPECT_GT(plain.frames, 2u);
-    EXPECT_EQ(plain.height, 240u);
-    EXPECT_GE(slow.frames, plain.frames);
-    EXPECT_EQ(slow.height, 255u);
-    EXPECT_GT(slow.centiseconds, 10 * plain.centiseconds);
+    const std::vector<GifFrame> plain = ReadGif(file("plain.gif")), slow = ReadGif(file("slow.gif"));
+    const auto centiseconds = [](const std::vector<GifFrame> &frames) { // the last one stands as long as it likes
+        return std::accumulate(frames.begin(), frames.end() - 1, 0u,
+                               [](unsigned sum, const GifFrame &frame) { return sum + frame.centiseconds; });
+    };
+    ASSERT_GT(plain.size(), 2u);
+    EXPECT_EQ(plain[0].picture.height, 240u);
+    ASSERT_GE(slow.size(), plain.size());
+    EXPECT_EQ(slow[0].picture.height, 255u);
+    EXPECT_GT(centiseconds(slow), 10 * centiseconds(plain));
     std::size_t frames = 0;
     for (const fs::directory_entry &entry : fs::directory_iterator(file("frames"))) {
         EXPECT_THAT(entry.path().filename().string(), MatchesRegex("[0-9]+\\.[0-9]+ms\\.png"));
         ++frames;
     }
-    EXPECT_GE(frames, plain.frames);
+    EXPECT_GE(frames, plain.size());
 }
 
 } // namespace
