@@ -1,7 +1,4 @@
 // A bank with things wrong with it, made by choices as fuzz targets make theirs, of the noise of a seed.
-//
-//   HostileBank bank(17);
-//   bank.write(volume);       as data/app/ of that volume
 #pragma once
 
 #include "harness/fuzz_input.h"

@@ -45,13 +45,8 @@ Page MakePage() {
 
 // Events that nobody caused, on their page.
 struct Recorded {
-    static RunOptions Options() {
-        RunOptions options;
-        options.firmware = &Bootloader();
-        return options;
-    }
     Chips chips;
-    Machine machine{chips, Options()};
+    Machine machine{chips, {.firmware = &Bootloader(), .volume = {}, .board = {}, .console = {}}};
     RunRecord record{machine};
     std::string page(const RunReport &report = {}) const {
         return ReportPage(record, report, record.before(), {}, {"launched", "", "fixture boot"});

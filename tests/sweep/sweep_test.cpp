@@ -191,12 +191,9 @@ TEST(Sweep, TwoLossesOfWhichOneShowsLateAreAHole) {
 
 // An instruction that does nothing else than it should be missed, and one whose loop then never ends.
 TEST(Sweep, AnInstructionLeftOutIsReplayed) {
-    const Tally all = RunSweep({.scenarios = FindScenarios({"nand-update/running-erased"}, FixedBuilds()),
-                                .on_arm = true,
-                                .skips = true,
-                                .sample = 4},
-                               FixedBuilds(), {})
-                          .all;
+    const std::vector<Scenario> scenarios = FindScenarios({"nand-update/running-erased"}, FixedBuilds());
+    const SweepPlan plan{.scenarios = scenarios, .on_arm = true, .skips = true, .sample = 4};
+    const Tally all = RunSweep(plan, FixedBuilds(), {}).all;
     EXPECT_EQ(all.cases, 4u);
     EXPECT_GE(all.checked, 4u) << "the same once more, in one process";
     EXPECT_EQ(all.found, 0u);

@@ -59,10 +59,7 @@ protected:
         return result.json();
     }
     BootResult run(Processor processor) const {
-        BootCase boot;
-        boot.processor = processor;
-        boot.volume = here.path();
-        return RunBoot(boot);
+        return RunBoot({.processor = processor, .volume = here.path(), .board = {}, .prepare = {}, .inspect = {}});
     }
     // Everything in the output's directory, by name.
     std::set<std::string> left() const {
