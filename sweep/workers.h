@@ -70,7 +70,7 @@ private:
 // Ends this process where one case takes too long in it, and names the case on standard error. Unfinished files go, as
 // with any signal that ends a process. One at a time; destruction lifts it.
 //
-//   const CaseLimit limit(name);
+//   const CaseLimit limit("nand-update/running-erased:12t");
 class CaseLimit {
 public:
     explicit CaseLimit(const std::string &name, unsigned seconds = kCaseSeconds);
