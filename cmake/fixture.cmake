@@ -11,6 +11,7 @@ pkg_check_modules(CHAFA REQUIRED IMPORTED_TARGET chafa)
 
 option(SANITIZE "build everything with the address and undefined-behaviour sanitizers" OFF)
 option(TESTS "build the tests" ${SANITIZE})
+option(UNITY "compile the sources of a library eight at a time: half the time for all, more for one" ON)
 
 # Modules and fixture share this process's low addresses with the board's SDRAM and the linker-set video region, so
 # nothing here may move. The program lies above the SDRAM's address, and with it the heap, which the system puts at
@@ -35,15 +36,15 @@ function(add_bench_library name folder)
     add_library(${name} STATIC ${sources})
     target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}>)
     target_link_libraries(${name} PUBLIC ${ARGN})
+    # What the sources share is then read and instantiated once for eight. A name in an unnamed namespace is one of the
+    # whole library; the compiler refuses a second one.
+    set_target_properties(${name} PROPERTIES UNITY_BUILD ${UNITY} UNITY_BUILD_BATCH_SIZE 8)
+    # It takes a class of a source that is included for one of a header.
+    target_compile_options(${name} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
 endfunction()
 
 add_bench_library(board fixture fmt::fmt PkgConfig::UNICORN)
 add_bench_library(formats formats fmt::fmt PNG::PNG PkgConfig::ELF gif)
-
-# The large headers are read once, not for every file: they are half the time to compile a short one.
-target_precompile_headers(board PRIVATE <algorithm> <filesystem> <fmt/format.h> <functional> <map> <memory> <optional>
-                                        <string> <vector>)
-target_precompile_headers(formats REUSE_FROM board)
 
 # The modules, and with them the stand-ins that both platforms share, joined into one object. Its kernel names are
 # re-pointed to the host platform; its data lie in sections of their own, so that every start can begin with freshly
@@ -84,10 +85,8 @@ add_library(host-platform STATIC ${HOST_PLATFORM_SOURCES})
 target_include_directories(host-platform BEFORE PRIVATE platform/host/include)
 target_include_directories(host-platform PRIVATE ${MODULE_INCLUDES} platform/common)
 target_link_libraries(host-platform PUBLIC board)
-target_precompile_headers(host-platform REUSE_FROM board)
 
 add_bench_library(machine machine host-platform formats)
-target_precompile_headers(machine REUSE_FROM board)
 # The page that a report fills in is a document of its own.
 file(READ machine/report_page.html REPORT_PAGE)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS machine/report_page.html)
@@ -102,9 +101,6 @@ target_sources(tools PRIVATE ${CMAKE_BINARY_DIR}/made/report_schema.cpp)
 # The one source that knows its revision.
 set_property(SOURCE tools/version.cpp PROPERTY INCLUDE_DIRECTORIES ${BUILD_RECORD})
 add_dependencies(tools build-record)
-target_precompile_headers(sweep PRIVATE <algorithm> <filesystem> <fmt/format.h> <functional> <map> <memory>
-                                        <nlohmann/json.hpp> <optional> <string> <vector>)
-target_precompile_headers(tools REUSE_FROM sweep)
 
 # Where the modules find what a linker script gives them on the board.
 set(NATIVE_LINK -rdynamic -Wl,--defsym=image_load_buf=0x23000000
@@ -136,12 +132,6 @@ endif()
 
 add_bench_library(harness harness tools)
 set_target_properties(harness PROPERTIES EXCLUDE_FROM_ALL ON) # no user of the command needs it
-target_precompile_headers(harness REUSE_FROM sweep)
-if(SANITIZE)
-    foreach(library sweep tools harness) # not where the time goes, but long to compile otherwise
-        target_compile_options(${library} PRIVATE -O0)
-    endforeach()
-endif()
 
 file(GLOB BENCH_SOURCES CONFIGURE_DEPENDS bench/*.cpp)
 add_executable(fixture-bench EXCLUDE_FROM_ALL ${BENCH_SOURCES})

@@ -16,12 +16,12 @@ namespace fs = std::filesystem;
 namespace {
 
 // A record: nine digits, " | ", nine digits, " | ", 256 characters of path, carriage return and line feed.
-constexpr std::size_t kRecordBytes = 282;
+constexpr std::size_t kManifestRecordBytes = 282;
 constexpr std::size_t kNumberBytes = 9;
 constexpr std::size_t kSumOffset = 12;
 constexpr std::size_t kPathOffset = 24;
 constexpr std::size_t kPathBytes = 256;
-static_assert(kPathOffset + kPathBytes + 2 == kRecordBytes);
+static_assert(kPathOffset + kPathBytes + 2 == kManifestRecordBytes);
 constexpr std::size_t kLongestExtension = 16;
 constexpr std::size_t kLongestVersion = 16;
 
@@ -275,15 +275,16 @@ Descriptor ReadDescriptor(std::span<const std::uint8_t> file) {
 }
 
 Manifest ReadManifest(std::span<const std::uint8_t> file) {
-    Manifest manifest{file.size() >= 2 * kRecordBytes, {}, file.size() % kRecordBytes};
-    for (std::size_t offset = 2 * kRecordBytes; offset + kRecordBytes <= file.size(); offset += kRecordBytes) {
-        const std::span<const std::uint8_t> bytes = file.subspan(offset, kRecordBytes);
+    Manifest manifest{file.size() >= 2 * kManifestRecordBytes, {}, file.size() % kManifestRecordBytes};
+    for (std::size_t offset = 2 * kManifestRecordBytes; offset + kManifestRecordBytes <= file.size();
+         offset += kManifestRecordBytes) {
+        const std::span<const std::uint8_t> bytes = file.subspan(offset, kManifestRecordBytes);
         ManifestRecord record{};
         record.offset = offset;
         record.size = ReadNumber(bytes.first(kNumberBytes));
         record.sum = ReadNumber(bytes.subspan(kSumOffset, kNumberBytes));
         record.path = CleanPath(bytes.subspan(kPathOffset, kPathBytes), record.rejects);
-        record.line_end = bytes[kRecordBytes - 2] == '\r' && bytes[kRecordBytes - 1] == '\n';
+        record.line_end = bytes[kManifestRecordBytes - 2] == '\r' && bytes[kManifestRecordBytes - 1] == '\n';
         manifest.records.push_back(record);
     }
     return manifest;

@@ -17,6 +17,9 @@
 
 namespace fixture {
 
+// What is read of one at most, debug data included.
+inline constexpr std::uintmax_t kLargestElf = 256u << 20;
+
 // Whether a file begins as an ELF file does.
 bool IsElf(std::span<const std::uint8_t> file);
 

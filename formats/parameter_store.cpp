@@ -171,6 +171,12 @@ std::array<std::uint32_t, 4> NetworkOf(const EepromBytes &chip) {
     return network;
 }
 
+std::string Hex(const StoredParameter &parameter) {
+    std::string text;
+    for (const std::uint8_t byte : parameter.data) text += fmt::format("{:02X}", byte);
+    return text;
+}
+
 const char *NameOfParameter(unsigned identifier) {
     for (const NetworkParameter &parameter : kNetworkParameters)
         if (parameter.identifier == identifier) return parameter.name;

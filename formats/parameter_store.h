@@ -23,6 +23,9 @@ struct StoredParameter {
     bool operator==(const StoredParameter &) const = default;
 };
 
+// Its data as people read and set them: C0A80102.
+std::string Hex(const StoredParameter &parameter);
+
 struct StoreSector {
     unsigned chip_address = 0;
     unsigned word = 0xFFFF;

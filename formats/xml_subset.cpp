@@ -9,7 +9,7 @@ namespace {
 
 constexpr std::size_t kLongestTag = 255;         // of an element
 constexpr std::size_t kLongestClosingTag = 1023; // of any tag passed in search of a closing one
-constexpr std::size_t kRecordBytes = 40;         // an element's record and the heap's own words, about
+constexpr std::size_t kElementBytes = 40;        // an element's record and the heap's own words, about
 
 struct Tag {
     std::string_view text; // between the brackets
@@ -67,7 +67,7 @@ void XmlSubset::parse(std::string_view text, const Element *parent) {
             at = closing->end;
         }
         elements_.push_back({tag->text, value, parent});
-        copied_ += tag->text.size() + value.size() + kRecordBytes;
+        copied_ += tag->text.size() + value.size() + kElementBytes;
         if (exhausts_heap()) return;
     }
 }

@@ -59,9 +59,9 @@ MeasuredBoot Measure(const Boot &boot, const SweepFirmware &firmware) {
     if (report.verdict != Verdict::launched || report.resets != boot.resets)
         throw std::runtime_error(
             fmt::format("boot \"{}\": {} {}", boot.what, VerdictName(report.verdict), report.place));
-    const auto ms = [](Picoseconds time) { return static_cast<double>(time) / static_cast<double>(kMillisecond); };
     const TimeSpent all = timeline.total();
-    return {{boot.what, ms(all.time), "ms", ms(all.dictated), "pauses, wire, console; chips; each page of files once"},
+    return {{boot.what, Milliseconds(all.time), "ms", Milliseconds(all.dictated),
+             "pauses, wire, console; chips; each page of files once"},
             report.time,
             timeline.rest(),
             TimelineTable(timeline)};

@@ -41,7 +41,6 @@ constexpr const char *kMonitorHelp = "monitor commands:\n"
 
 // What stands for an image that no ELF is known for: no symbols are better than those of the program before it.
 constexpr const char *kUnknownProgram = "/unknown-image.elf";
-constexpr std::uintmax_t kLargestElf = 256u << 20;
 
 // An ELF header and nothing more.
 std::string EmptyElf() {
@@ -351,8 +350,7 @@ std::string Debugger::monitor(const std::string &command) {
 }
 
 std::string Debugger::show_time() const {
-    return fmt::format("{:.6f} ms of virtual time, {} instructions\n",
-                       static_cast<double>(machine_.board().clock.now()) / static_cast<double>(kMillisecond),
+    return fmt::format("{:.6f} ms of virtual time, {} instructions\n", Milliseconds(machine_.board().clock.now()),
                        machine_.instructions());
 }
 

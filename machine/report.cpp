@@ -27,8 +27,6 @@ constexpr unsigned kLaneHeight = 28;
 constexpr double kClosest = 0.1;
 constexpr unsigned kTextDrop = 18; // from a row's top to its text's base line
 
-double Ms(Picoseconds time) { return static_cast<double>(time) / static_cast<double>(kMillisecond); }
-
 std::string HtmlText(std::string_view text) {
     std::string html;
     for (const char c : text) {
@@ -184,11 +182,11 @@ private:
 // A line about every tenth of the width, at 1, 2 or 5 times a power of ten.
 std::string TimelineDrawing::axis() const {
     double step = 1e-6;
-    for (unsigned n = 0; Ms(end_) / step > 10; ++n) step *= n % 3 == 1 ? 2.5 : 2;
+    for (unsigned n = 0; Milliseconds(end_) / step > 10; ++n) step *= n % 3 == 1 ? 2.5 : 2;
     const unsigned bottom = kRows * kLaneHeight;
     std::string text = fmt::format("<text class=\"axis-text\" x=\"4\" y=\"{}\">ms</text>", bottom + 14);
-    for (double ms = 0; ms <= Ms(end_); ms += step) {
-        const double at = x(static_cast<Picoseconds>(ms * static_cast<double>(kMillisecond)));
+    for (double ms = 0; ms <= Milliseconds(end_); ms += step) {
+        const double at = x(FromMilliseconds(ms));
         text += fmt::format("<line class=\"axis\" x1=\"{0:.2f}\" x2=\"{0:.2f}\" y1=\"0\" y2=\"{1}\"/>"
                             "<text class=\"axis-text\" text-anchor=\"middle\" x=\"{0:.2f}\" y=\"{2}\">{3:g}</text>",
                             at, bottom, bottom + 14, ms);
@@ -229,7 +227,7 @@ std::string DrawTimeline(const RunRecord &record, Picoseconds end, std::span<con
     for (const RunRecord::Pause &pause : record.pauses()) {
         if (drawing.x(pause.end) - drawing.x(pause.begin) < kClosest) continue;
         drawing.band("pause", lane_console, kRows - 1, pause.begin, pause.end,
-                     fmt::format("waits {:.3f} ms", Ms(pause.end - pause.begin)));
+                     fmt::format("waits {:.3f} ms", Milliseconds(pause.end - pause.begin)));
     }
     AddStages(drawing, record, end);
     for (const Event &event : record.events()) drawing.tick(LaneOf(event), event.time);
@@ -276,7 +274,8 @@ std::string Facts(const RunReport &report) {
     const auto fact = [](const char *name, const std::string &value) {
         return fmt::format("<div><dt>{}</dt><dd>{}</dd></div>", name, HtmlText(value));
     };
-    return fact("boots from", report.medium) + fact("virtual time", fmt::format("{:.3f} ms", Ms(report.time))) +
+    return fact("boots from", report.medium) +
+           fact("virtual time", fmt::format("{:.3f} ms", Milliseconds(report.time))) +
            fact("resets", fmt::format("{}", report.resets)) +
            (report.instructions ? fact("instructions", fmt::format("{}", report.instructions)) : "");
 }
@@ -308,8 +307,8 @@ std::string DrawForetold(const Prediction *foretold) {
 std::string EventRows(std::span<const Event> events) {
     std::string rows;
     for (const Event &event : events)
-        rows += fmt::format("<tr><td class=\"num\">{:.3f}</td><td>{}</td><td>{}</td><td>{}</td></tr>\n", Ms(event.time),
-                            NameOf(event.kind), HtmlText(DescribeEvent(event)),
+        rows += fmt::format("<tr><td class=\"num\">{:.3f}</td><td>{}</td><td>{}</td><td>{}</td></tr>\n",
+                            Milliseconds(event.time), NameOf(event.kind), HtmlText(DescribeEvent(event)),
                             event.pc ? HtmlText(event.symbols->place(event.pc)) : "");
     return rows;
 }
@@ -322,7 +321,7 @@ std::string FramesJson(std::span<const FrameRecorder::Frame> frames) {
         const Piece piece = Changed(before, frame.picture);
         before = frame.picture;
         json += fmt::format("{}{{\"ms\":{:.6f},\"lit\":{},\"x\":{},\"y\":{},\"png\":\"{}\"}}", json.empty() ? "" : ",",
-                            Ms(frame.time), frame.lit, piece.x, piece.y, DataUrl(piece.picture));
+                            Milliseconds(frame.time), frame.lit, piece.x, piece.y, DataUrl(piece.picture));
     }
     return json;
 }
@@ -330,7 +329,7 @@ std::string FramesJson(std::span<const FrameRecorder::Frame> frames) {
 std::string EventsJson(std::span<const Event> events) {
     std::string json;
     for (const Event &event : events)
-        json += fmt::format("{}{{\"ms\":{:.6f},\"text\":{}}}", json.empty() ? "" : ",", Ms(event.time),
+        json += fmt::format("{}{{\"ms\":{:.6f},\"text\":{}}}", json.empty() ? "" : ",", Milliseconds(event.time),
                             JsonText(DescribeEvent(event)));
     return json;
 }
@@ -427,7 +426,7 @@ std::string ReportPage(const RunRecord &record, const RunReport &report, const F
          {"data",
           fmt::format(
               "{{\"left\":{},\"width\":{},\"view\":{},\"end\":{:.6f},\"more\":{},\"frames\":[{}],\"events\":[{}]}}",
-              kLeft, kWidth, kView, std::max(Ms(report.time), 1e-6), listed.size() < record.events().size(),
+              kLeft, kWidth, kView, std::max(Milliseconds(report.time), 1e-6), listed.size() < record.events().size(),
               FramesJson(frames), EventsJson(listed))}});
 }
 

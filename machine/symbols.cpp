@@ -12,8 +12,6 @@ namespace fixture {
 
 namespace {
 
-constexpr std::uintmax_t kLargestElf = 256u << 20;
-
 std::string WithoutArguments(const std::string &symbol) {
     int status = 0;
     const std::unique_ptr<char, decltype(&std::free)> plain(

@@ -12,7 +12,7 @@
 
 namespace fixture {
 
-using nlohmann::json;
+using Json = nlohmann::json;
 
 // A field that is missing here would be missing in the parts' files, and parts of different campaigns would merge.
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(CampaignCall, scenarios, closure, document, processor, losses, loss, skips,
@@ -25,7 +25,7 @@ constexpr const char *kPartFormat = "fixture sweep part 2";
 
 // --- the document's tables
 
-struct Table {
+struct DocumentTable {
     const char *title;
     bool host, arm;
     unsigned losses;
@@ -73,7 +73,7 @@ const std::vector<std::string> kSettled = {"nand-update", "dataflash-update", "n
 const std::vector<std::string> kOneOfEach = {"nand-update/running-erased", "nand-update/erased-running"};
 
 // The order in which the document states them.
-const Table kTables[] = {
+const DocumentTable kTables[] = {
     {"One loss of power, on this machine's processor", true, false, 1, 0, {}},
     {"One loss of power at every operation, on the shipped ARM image",
      false,
@@ -146,7 +146,7 @@ std::vector<Stage> DocumentOf(const CampaignCall &call, const SweepFirmware &fir
         {"Any number of losses, every byte a state of its own: the same classes",
          ClosurePlan{FindScenarios(kClosedExactly, firmware), true, false, limits, true}},
     };
-    for (const Table &table : kTables) {
+    for (const DocumentTable &table : kTables) {
         const std::size_t sample = std::min(table.sample - 1, call.sample - 1) + 1; // 0, which is all, is the largest
         stages.push_back({table.title, SweepPlan{.scenarios = ScenariosOf(table.scenarios, firmware),
                                                  .on_host = table.host,
@@ -201,9 +201,9 @@ void CheckFits(const std::filesystem::path &file, const Part &part, const Part &
     // Parts of two builds would add up to a table that no program has ever counted.
     if (part.build != build)
         throw Refusal(file, "a part that build " + part.build + " made", "one of this build, " + build);
-    if (json(part.call) != json(first.call))
-        throw Refusal(file, "a part of another campaign: " + json(part.call).dump(),
-                      "one of " + first_file.string() + ": " + json(first.call).dump());
+    if (Json(part.call) != Json(first.call))
+        throw Refusal(file, "a part of another campaign: " + Json(part.call).dump(),
+                      "one of " + first_file.string() + ": " + Json(first.call).dump());
     if (part.shard.of != first.shard.of)
         throw Refusal(file, NameOf(part.shard),
                       fmt::format("a part of {}, as {}", first.shard.of, first_file.string()));
@@ -300,10 +300,10 @@ std::string BuildOf(const SweepFirmware &firmware) {
 }
 
 void WritePart(const std::filesystem::path &file, const Part &part) {
-    json units = json::array();
+    Json units = Json::array();
     // Parsed, so that the file is one JSON document, and other tools need not unpack strings.
-    for (const auto &[number, text] : part.units) units.push_back({{"unit", number}, {"result", json::parse(text)}});
-    const json whole = {{"format", kPartFormat},     {"build", part.build}, {"call", part.call},
+    for (const auto &[number, text] : part.units) units.push_back({{"unit", number}, {"result", Json::parse(text)}});
+    const Json whole = {{"format", kPartFormat},     {"build", part.build}, {"call", part.call},
                         {"part", part.shard.number}, {"of", part.shard.of}, {"units", units}};
     WriteFile(file, whole.dump(1) + "\n");
 }
@@ -313,15 +313,15 @@ Part ReadPart(const std::filesystem::path &file) {
     constexpr std::uintmax_t kMost = std::uintmax_t{1} << 30;
     const Bytes bytes = ReadFile(file, kMost);
     try {
-        const json whole = json::parse(bytes.begin(), bytes.end());
+        const Json whole = Json::parse(bytes.begin(), bytes.end());
         if (whole.at("format") != kPartFormat) throw Refusal(file, "another format", kPartFormat);
         Part part{whole.at("call").get<CampaignCall>(), whole.at("build"), {whole.at("part"), whole.at("of")}, {}};
         // Kept as text: a unit's result is read by whoever knows its kind.
-        for (const json &unit : whole.at("units")) part.units[unit.at("unit")] = unit.at("result").dump();
+        for (const Json &unit : whole.at("units")) part.units[unit.at("unit")] = unit.at("result").dump();
         if (part.shard.number < 1 || part.shard.number > part.shard.of)
             throw Refusal(file, NameOf(part.shard), "a number from 1 to that of all parts");
         return part;
-    } catch (const json::exception &) {
+    } catch (const Json::exception &) {
         throw Refusal(file, "no JSON, or of another form", "a part of a campaign");
     }
 }

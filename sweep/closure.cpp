@@ -17,7 +17,7 @@
 
 namespace fixture {
 
-using nlohmann::json;
+using Json = nlohmann::json;
 
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(ClosureTally, states, cuts, boots, left, depths, longest_recovery, members, twins,
                                    checked, fingerprint, outcomes, holes, found, findings, edges, processor_seconds,
@@ -25,9 +25,8 @@ NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(ClosureTally, states, cuts, boots, left, dept
 
 namespace {
 
-constexpr std::size_t kMostFindings = 20;
-constexpr std::uint64_t kTwinOf = 4; // one class of so many has a second member explored
-constexpr std::uint64_t kChecks = 8; // states of a variant that are reached again with the power really cut
+constexpr std::uint64_t kTwinOf = 4;  // one class of so many has a second member explored
+constexpr std::uint64_t kReached = 8; // states of a variant that are reached again with the power really cut
 
 // Chips that were not changed are the world's own.
 struct KeptChips {
@@ -356,7 +355,7 @@ private:
     // That the power really cut leaves what the state holds, and that boots by themselves end as was judged.
     void check(const Chips &chips, std::size_t n, const std::vector<Cut> &cuts) {
         // A sample by the states' own sums, so that it is the same in every run and spread over all depths.
-        if (cuts.empty() || states_[n].cells % 64 >= 8 || tally_.checked >= kChecks) return;
+        if (cuts.empty() || states_[n].cells % 64 >= 8 || tally_.checked >= kReached) return;
         ++tally_.checked;
         const Chips really = sweeper_.cut(cuts);
         if (StateSum(world_, really).cells() != StateSum(world_, chips).cells())
@@ -443,9 +442,9 @@ ClosureTally ClosureDeathOf(const std::string &at, const std::string &reason) {
 }
 
 std::string ToText(const ClosureTally &tally) {
-    return json(tally).dump(-1, ' ', true, json::error_handler_t::replace);
+    return Json(tally).dump(-1, ' ', true, Json::error_handler_t::replace);
 }
-ClosureTally ClosureTallyFrom(const std::string &text) { return json::parse(text).get<ClosureTally>(); }
+ClosureTally ClosureTallyFrom(const std::string &text) { return Json::parse(text).get<ClosureTally>(); }
 
 void CompareUnits(const std::vector<ClosureUnit> &units, std::vector<ClosureTally> &tallies) {
     for (std::size_t n = 1; n < units.size(); ++n) {

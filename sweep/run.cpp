@@ -8,7 +8,7 @@
 
 namespace fixture {
 
-using nlohmann::json;
+using Json = nlohmann::json;
 
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Tally, variants, operations, cuts, cases, boots, checked, compared, foretold,
                                    outcomes, holes, found, findings, processor_seconds)
@@ -89,8 +89,8 @@ Tally DeathOf(const std::string &at, const std::string &reason) {
 }
 
 // One line without a line feed: workers hand it over through a pipe. Names of files need not be UTF-8.
-std::string ToText(const Tally &tally) { return json(tally).dump(-1, ' ', true, json::error_handler_t::replace); }
-Tally TallyFrom(const std::string &text) { return json::parse(text).get<Tally>(); }
+std::string ToText(const Tally &tally) { return Json(tally).dump(-1, ' ', true, Json::error_handler_t::replace); }
+Tally TallyFrom(const std::string &text) { return Json::parse(text).get<Tally>(); }
 
 SweepResult RunSweep(const SweepPlan &plan, const SweepFirmware &firmware,
                      const std::function<void(const JobProgress &)> &progress) {

@@ -28,6 +28,9 @@ struct SweepPlan {
     CutKinds second_kinds() const;
 };
 
+// A table names at most as many of its findings; it counts all.
+inline constexpr std::size_t kMostFindings = 20;
+
 struct Finding {
     std::string id;
     std::string processor;

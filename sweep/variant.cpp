@@ -19,7 +19,6 @@ namespace fixture {
 namespace {
 
 // Of one variant: a mistake that shows everywhere must not drown the others.
-constexpr std::size_t kMostFindings = 20;
 constexpr std::size_t kChecks = 4; // one cut in so many of a share, and at most as many, is made again in earnest
 
 constexpr const char *kRescueGap = "a rescue image cut half-way: none is good until a later boot repairs it";

@@ -113,8 +113,6 @@ private:
     std::optional<OpenChip<EepromContents>> eeprom_;
 };
 
-double Milliseconds(Picoseconds time) { return static_cast<double>(time) / static_cast<double>(kMillisecond); }
-
 // Everything that a call wants written about the panel. That it can be written is known before the run.
 class PanelFiles {
 public:

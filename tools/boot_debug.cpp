@@ -16,10 +16,6 @@ namespace fixture {
 
 namespace {
 
-double Milliseconds(Picoseconds time) { return static_cast<double>(time) / static_cast<double>(kMillisecond); }
-
-Picoseconds FromMilliseconds(double ms) { return static_cast<Picoseconds>(ms * static_cast<double>(kMillisecond)); }
-
 TraceFilter FilterOf(const ObserveCall &call) {
     TraceFilter filter{EventKinds(call.kinds), Words(call.peripherals), Words(call.functions),
                        FromMilliseconds(call.from_ms), kNever};

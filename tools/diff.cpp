@@ -108,13 +108,11 @@ template <typename Contents> void CompareChips(Contents one, Contents other, con
 
 // --- the parameter store
 
-std::string Hex(const std::vector<std::uint8_t> &bytes) { return fmt::format("{:02X}", fmt::join(bytes, "")); }
-
 std::map<unsigned, std::string> ParametersIn(const StoreReport &report) {
     std::map<unsigned, std::string> parameters;
     if (report.current)
         for (const StoredParameter &parameter : report.sectors[*report.current].parameters)
-            parameters[parameter.identifier] = parameter.data.empty() ? "no data" : Hex(parameter.data);
+            parameters[parameter.identifier] = parameter.data.empty() ? "no data" : Hex(parameter);
     return parameters;
 }
 

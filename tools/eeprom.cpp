@@ -28,12 +28,6 @@ struct EepromCall {
     std::vector<std::string> settings;
 };
 
-std::string Hex(const std::vector<std::uint8_t> &bytes) {
-    std::string text;
-    for (const std::uint8_t byte : bytes) text += fmt::format("{:02X}", byte);
-    return text;
-}
-
 // A network parameter as people write it; empty for what is none.
 std::string Address(const StoredParameter &parameter) {
     // By name and by length: another tool may have stored anything under these identifiers.
@@ -62,7 +56,7 @@ nlohmann::ordered_json ToJson(const StoreSector &sector) {
     if (!sector.warning.empty()) json["warning"] = sector.warning;
     json["parameters"] = nlohmann::ordered_json::array();
     for (const StoredParameter &parameter : sector.parameters) {
-        nlohmann::ordered_json entry = {{"id", parameter.identifier}, {"hex", Hex(parameter.data)}};
+        nlohmann::ordered_json entry = {{"id", parameter.identifier}, {"hex", Hex(parameter)}};
         if (*NameOfParameter(parameter.identifier)) entry["name"] = NameOfParameter(parameter.identifier);
         if (const std::string address = Address(parameter); !address.empty()) entry["address"] = address;
         json["parameters"].push_back(entry);
@@ -86,7 +80,7 @@ void Print(int number, const StoreSector &sector) {
     if (!sector.warning.empty()) fmt::print("  warning: {}\n", sector.warning);
     for (const StoredParameter &parameter : sector.parameters)
         // The digits as `set` takes them, so that a value can be copied into a call.
-        fmt::print("  {:4} = {}{}\n", parameter.identifier, Hex(parameter.data), Meaning(parameter));
+        fmt::print("  {:4} = {}{}\n", parameter.identifier, Hex(parameter), Meaning(parameter));
 }
 
 int Report(const char *command, const EepromCall &call, const StoreReport &report) {

@@ -127,7 +127,7 @@ int Erase(const SlotCall &call) {
     return Report(call, "erased");
 }
 
-struct Check {
+struct SlotCheck {
     std::string where;
     std::string found;
     std::string expected;
@@ -138,9 +138,9 @@ std::string Describe(const ReferenceImage &image) {
     return fmt::format("{}, {} bytes", image.version, image.image.size());
 }
 
-Check CheckSlot(const RawFlash &flash, const Slot &slot, const ReferenceImage &expected) {
+SlotCheck CheckSlot(const RawFlash &flash, const Slot &slot, const ReferenceImage &expected) {
     const StoredImage image = ReadSlot(flash.read, slot);
-    Check check{slot.name, NameOf(image.verdict()), Describe(expected)};
+    SlotCheck check{slot.name, NameOf(image.verdict()), Describe(expected)};
     if (image.verdict() == ImageVerdict::good)
         // A good image of another build is no damage, and is told apart from it.
         check.found =
@@ -149,11 +149,11 @@ Check CheckSlot(const RawFlash &flash, const Slot &slot, const ReferenceImage &e
 }
 
 // What the chip holds against what a board that has taken the bank would hold.
-std::vector<Check> Verify(const RawFlash &flash, const std::vector<ReferenceImage> &bank) {
+std::vector<SlotCheck> Verify(const RawFlash &flash, const std::vector<ReferenceImage> &bank) {
     // Only the slot that the first stage starts counts: after an update the other one may hold anything.
     const FlashReport report = ExamineFlash(flash);
     const auto slots = SlotsOn(flash);
-    std::vector<Check> checks;
+    std::vector<SlotCheck> checks;
     for (const ReferenceImage &image : bank) {
         if (image.role == FileRole::rescue) {
             checks.push_back(CheckSlot(flash, slots[2], image));
@@ -172,12 +172,12 @@ int VerifyChip(const SlotCall &call) {
     const std::vector<ReferenceImage> bank = BankReferences(call.bank);
     // Nothing to compare would pass for "all good".
     if (bank.empty()) throw Refusal(call.bank, "neither a bootloader nor a rescue image", "a bank that lists one");
-    std::vector<Check> checks;
+    std::vector<SlotCheck> checks;
     OnChip(call, false, [&](const RawFlash &flash) { checks = Verify(flash, bank); });
-    const bool good = std::all_of(checks.begin(), checks.end(), [](const Check &check) { return check.good(); });
+    const bool good = std::all_of(checks.begin(), checks.end(), [](const SlotCheck &check) { return check.good(); });
     CallReport outcome(call.command, call.json);
     outcome.part["file"] = TextJson(OnlyChip(call));
-    for (const Check &check : checks) {
+    for (const SlotCheck &check : checks) {
         if (!check.good()) outcome.problems.push_back({"differs", check.where, check.found, check.expected});
         if (!call.json)
             fmt::print("{:<16}{}\n", check.where,

@@ -52,7 +52,7 @@ void Live::wait_for(Picoseconds time) const {
 void Live::show(const Picture &picture, Picoseconds time) const {
     if (rows_ == 0) return;
     fmt::print("\x1b[s\x1b[1;1H{}\x1b[{};1H\x1b[2K{:.3f} ms\x1b[u", TerminalPreview(picture, columns_, rows_, environ),
-               rows_ + 1, static_cast<double>(time) / static_cast<double>(kMillisecond));
+               rows_ + 1, Milliseconds(time));
     std::fflush(stdout);
 }
 

@@ -9,8 +9,6 @@ namespace {
 
 constexpr std::size_t kMostColumns = 5; // of starts; more do not fit a line
 
-double Milliseconds(Picoseconds time) { return static_cast<double>(time) / static_cast<double>(kMillisecond); }
-
 std::string Line(const std::string &name, const std::vector<Picoseconds> &starts, const TimeSpent &spent,
                  const TimeSpent &boot) {
     std::string line = fmt::format("{:14}", name);
