@@ -145,7 +145,7 @@ TEST(Report, InABrowser) {
     const auto place = static_cast<unsigned>(differ - late.pixels.begin());
     for (const std::size_t n : {last, std::size_t{0}}) {
         const Picoseconds twice = page.frames[n].time + page.frames[n + 1].time;
-        const double ms = static_cast<double>(twice) / 2 / static_cast<double>(kMillisecond);
+        const double ms = Milliseconds(twice) / 2;
         wanted.push_back({n, ms, place % late.width, place / late.width});
         const Colour pixel = page.frames[n].picture.pixels[place];
         shown.insert(shown.end(), 2, {n, pixel.red, pixel.green, pixel.blue});
