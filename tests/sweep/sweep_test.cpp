@@ -240,19 +240,20 @@ TEST(Sweep, WhatWentAstrayIsNamedByItsRoutine) {
 
 // How much falls through: more or less would be a change of the hole, or a mistake beside it.
 TEST(Sweep, HolesTakeAsMuchAsIsKnown) {
-    const std::vector<std::string> names = {"holes/worn-record", "holes/no-slot-0", "parameters/1-to-0-equal-sum",
-                                            "nand-rot", "parameters-rot"};
-    const std::map<std::string, std::map<std::string, std::uint64_t>> known = {
-        {kEqualSum, {{"good", 8}, {"wrong parameters", 2}}},
-        {"a rescue image cut half-way: none is good until a later boot repairs it", {{"seen", 13}}},
-        {kPushedOn, {{"brick: no good bootloader", 92}, {"good", 2}}},
-        {kRotten,
-         {{"brick: no good bootloader", 30},
-          {"good", 24},
-          {"wrong parameters", 2},
-          {"wrong rescue image or record", 74}}},
-        {kWornRecord, {{"brick: no good bootloader", 244}, {"wrong rescue image or record", 6}}}};
+    using Holes = std::map<std::string, std::map<std::string, std::uint64_t>>;
+    const std::vector<std::string> names = {"holes/worn-record", "holes/no-slot-0", "parameters/1-to-0-equal-sum"};
+    const Holes known = {{kEqualSum, {{"good", 8}, {"wrong parameters", 2}}},
+                         {kPushedOn, {{"brick: no good bootloader", 92}, {"good", 2}}},
+                         {kWornRecord, {{"brick: no good bootloader", 244}, {"wrong rescue image or record", 6}}}};
     EXPECT_EQ(CleanSweep({.scenarios = FindScenarios(names, FixedBuilds())}).holes, known);
+    const SweepPlan rot{.scenarios = FindScenarios({"nand-rot", "parameters-rot"}, FixedBuilds())};
+    const Holes rotten = {{kRotten,
+                           {{"brick: no good bootloader", 30},
+                            {"good", 24},
+                            {"wrong parameters", 2},
+                            {"wrong rescue image or record", 74}}},
+                          {"a rescue image cut half-way: none is good until a later boot repairs it", {{"seen", 13}}}};
+    EXPECT_EQ(RunSweep(rot, FixedBuilds(), {}).all.holes, rotten);
 }
 
 // The named holes are seen where a boot goes through them.
