@@ -365,6 +365,7 @@ std::vector<Variant> Holes() {
 
 constexpr unsigned kHostileBoards = 500;
 constexpr std::string_view kAnotherBlock = ": another block is erased than the one that was meant";
+constexpr std::string_view kMarkedByAccident = ": the new copy's block passes for bad";
 
 // What is known to go wrong, where, and what comes of it.
 struct Hole {
@@ -464,10 +465,15 @@ bool HoleTakes(std::string_view hole, const Judgement &judgement, const Struck &
 }
 
 std::string AstrayHole(Outcome outcome, std::string_view routine) {
-    // Where what is left to write is counted, a short write runs on over the slots; where a mark is read, the record's
-    // block passes for bad, and the record is written to the next one.
-    static constexpr std::string_view kMisled[] = {"CheckBlock", "NandBus_Take8", "NandFlash_Write",
-                                                   "__aeabi_uidivmod"};
+    static constexpr std::pair<std::string_view, std::string_view> kMisled[] = {
+        // Where what is left to write is counted, a short write runs on over the slots.
+        {"NandFlash_Write", kAnotherBlock},
+        {"__aeabi_uidivmod", kAnotherBlock},
+        // Where a mark is read, the record's block passes for bad, and the record is written to the next one.
+        {"CheckBlock", kAnotherBlock},
+        {"NandBus_Take8", kAnotherBlock},
+        // Where the bytes of a page are counted, those of the next one follow into its spare bytes, where the mark is.
+        {"NandBus_Give8", kMarkedByAccident}};
     switch (outcome) {
     case Outcome::wrong_rescue:
     case Outcome::wrong_parameters:
@@ -475,12 +481,15 @@ std::string AstrayHole(Outcome outcome, std::string_view routine) {
     case Outcome::restless: return kAstrayHarm;
     default: break;
     }
-    const bool misled = outcome == Outcome::no_bootloader &&
-                        std::find(std::begin(kMisled), std::end(kMisled), routine) != std::end(kMisled);
-    return fmt::format("an instruction left out in {}{}", routine, misled ? kAnotherBlock : "");
+    const auto *const known = std::find_if(std::begin(kMisled), std::end(kMisled),
+                                           [&](const auto &misled) { return misled.first == routine; });
+    const bool misled = outcome == Outcome::no_bootloader && known != std::end(kMisled);
+    return fmt::format("an instruction left out in {}{}", routine, misled ? known->second : "");
 }
 
-bool IsKnownAstray(std::string_view hole) { return hole == kAstrayHarm || hole.ends_with(kAnotherBlock); }
+bool IsKnownAstray(std::string_view hole) {
+    return hole == kAstrayHarm || hole.ends_with(kAnotherBlock) || hole.ends_with(kMarkedByAccident);
+}
 
 std::vector<Scenario> AllScenarios(const SweepFirmware &firmware) {
     // In the order of --list and of every table.

@@ -233,6 +233,7 @@ TEST(Sweep, HolesTakeTheirOwnAlone) {
 
 TEST(Sweep, WhatWentAstrayIsNamedByItsRoutine) {
     EXPECT_TRUE(IsKnownAstray(AstrayHole(Outcome::no_bootloader, "CheckBlock")));
+    EXPECT_TRUE(IsKnownAstray(AstrayHole(Outcome::no_bootloader, "NandBus_Give8")));
     EXPECT_TRUE(IsKnownAstray(AstrayHole(Outcome::outside, "anything")));
     EXPECT_FALSE(IsKnownAstray(AstrayHole(Outcome::no_bootloader, "Boot_Store")));
     EXPECT_FALSE(IsKnownAstray(AstrayHole(Outcome::no_launch, "CheckBlock")));
