@@ -223,8 +223,8 @@ std::string Extent(const SweepPlan &plan) {
         return fmt::format("A seeded sample: {} of each scenario, at every place of the code that an update executes.",
                            plan.sample);
     if (plan.sample == 0)
-        return "Every cut; of images that fill a slot, of each lost DataFlash program and of hostile boards a seeded "
-               "sample, with all cuts of the first and the last two operations.";
+        return "Every cut; of images that fill a slot, of each lost DataFlash program and of hostile boards a\n"
+               "seeded sample, with all cuts of the first and the last two operations.";
     return fmt::format("A seeded sample: about {} cuts of each scenario, beside its uncut runs.", plan.sample);
 }
 
@@ -279,7 +279,7 @@ std::string ClosureTable(const ClosurePlan &plan, const std::vector<ClosureTally
     }
     const ClosureRow all = SumOf(tallies);
     text +=
-        fmt::format("\n{} of {} variants closed: {} states, {} cuts, {} boots; {} states were reached again by really "
+        fmt::format("\n{} of {} variants closed: {} states, {} cuts, {} boots;\n{} states were reached again by really "
                     "cutting the power. {} findings.\n\n{:.0f} processor seconds, at most {} MB a process.\n",
                     all.closed, all.variants, all.states, all.cuts, all.boots, all.checked, all.found,
                     all.processor_seconds, all.kilobytes / 1024);
@@ -298,8 +298,8 @@ std::string SweepSection(const SweepPlan &plan, const SweepResult &result) {
 
 std::string Figures(const Tally &all) {
     return fmt::format(
-        "{} cases, {} cold boots. Outside the named holes: {} bricks, {} boards that lost a parameter, {} "
-        "findings of any kind.",
+        "{} cases, {} cold boots. Outside the named holes:\n{} bricks, {} boards that lost a parameter, {} findings "
+        "of any kind.",
         all.cases, all.boots, Outside(all, Outcome::no_bootloader) + Outside(all, Outcome::no_launch),
         Outside(all, Outcome::wrong_parameters), all.found);
 }
