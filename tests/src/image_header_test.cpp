@@ -136,6 +136,22 @@ TEST_P(Images, InSlotsAreCheckedByHeaderAndWhole) {
     EXPECT_EQ(call("Validate_ImageWithin", dataflash, kRescueSlot, size - 1), -1);
 }
 
+// The update path has shorter ways to the slots; nothing else calls these.
+TEST_P(Images, AreCopiedToTheirSlots) {
+    const std::string good = StoredImage("body");
+    const auto size = static_cast<std::uint32_t>(good.size());
+    for (const Medium medium : {Medium::nand, Medium::dataflash}) {
+        const SlotTable &slots = SlotsOf(medium);
+        const std::string to = medium == Medium::nand ? "_CopyImageToNandFlash" : "_CopyImageToSDFlash";
+        const std::uint32_t image = started.scratch_text(good + std::string(2048, 'x'));
+        for (const auto &[routine, slot] :
+             {std::pair{"Boot" + to, slots.bootloader[1]}, {"Rescue" + to, slots.rescue}}) {
+            EXPECT_EQ(call(routine, image, size), 0) << routine;
+            EXPECT_EQ(kept(slot.address, good.size(), medium), good) << routine;
+        }
+    }
+}
+
 TEST_P(Images, FilesAreSummedInEveryLength) {
     const auto check = [&](const std::string &bytes, std::uint32_t off_by, std::uint32_t size) {
         volume.write("f", bytes);
