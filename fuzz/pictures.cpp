@@ -40,15 +40,18 @@ Bytes MakeStream(Shape &shape, std::vector<std::uint16_t> &pixels) {
     return stream;
 }
 
-void PutBig32(Bytes &bytes, std::uint32_t value) {
+void AppendBig32(Bytes &bytes, std::uint32_t value) {
     for (int shift = 24; shift >= 0; shift -= 8) bytes.push_back(static_cast<std::uint8_t>(value >> shift));
 }
 
-// `data` begins with the chunk's name.
-void PutChunk(Shape &shape, Bytes &png, const Bytes &data) {
-    PutBig32(png, shape.one_in(32) ? shape.number() : static_cast<std::uint32_t>(data.size() - 4));
-    Append(png, data);
-    PutBig32(png, static_cast<std::uint32_t>(crc32(0, data.data(), static_cast<unsigned>(data.size()))));
+void PutChunk(Shape &shape, Bytes &png, std::string_view type, const Bytes &data) {
+    const auto length = static_cast<std::uint32_t>(data.size());
+    AppendBig32(png, shape.one_in(32) ? shape.number() : length);
+    Bytes checked = AsBytes(type);
+    Append(checked, data);
+    Append(png, checked);
+    const auto sum = static_cast<std::uint32_t>(crc32(0, checked.data(), static_cast<unsigned>(checked.size())));
+    AppendBig32(png, shape.one_in(32) ? 0 : sum);
 }
 
 Bytes Compressed(const Bytes &bytes) {
@@ -59,21 +62,28 @@ Bytes Compressed(const Bytes &bytes) {
     return packed;
 }
 
-// A picture of any size and form, with more bytes in it than that takes, or fewer.
+// The chunks of a picture, some of them left out, repeated, or of another kind.
 Bytes MakePng(Shape &shape) {
+    Bytes png = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
     if (const std::optional<Bytes> whole = shape.whole_in(8)) return *whole;
-    Bytes png = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'}, header = AsBytes("IHDR"), rows = AsBytes("IDAT");
-    PutBig32(header, shape.pick({320u, 320u, 320u, 1u, 0u, 321u, shape.number()}));
-    PutBig32(header, shape.pick({240u, 240u, 240u, 1u, 0u, 239u, shape.number()}));
+    Bytes header;
+    AppendBig32(header, shape.pick({320u, 320u, 320u, 1u, 0u, 321u, shape.number()}));
+    AppendBig32(header, shape.pick({240u, 240u, 240u, 1u, 0u, 239u, shape.number()}));
     header.push_back(shape.pick<std::uint8_t>({8, 8, 16, 4, 2, 1, 3}));
     header.push_back(shape.pick<std::uint8_t>({2, 0, 3, 4, 6, 1}));
     header.insert(header.end(), {0, 0, shape.pick<std::uint8_t>({0, 0, 1, 2})});
-    PutChunk(shape, png, header);
-    if (shape.one_in(2)) PutChunk(shape, png, AsBytes("PLTE" + std::string(3 * (1 + shape.below(256)), 'c')));
-    Append(rows,
-           Compressed(Bytes(shape.pick({std::size_t{240} * 961, std::size_t{0}, std::size_t{shape.below(65536)}}))));
-    PutChunk(shape, png, rows);
-    PutChunk(shape, png, AsBytes("IEND"));
+    if (!shape.one_in(16)) PutChunk(shape, png, "IHDR", header);
+    for (unsigned chunks = shape.below(4); chunks > 0; --chunks)
+        PutChunk(shape, png,
+                 shape.pick({"PLTE", "tRNS", "gAMA", "sRGB", "cHRM", "iCCP", "bKGD", "tEXt", "zTXt", "IHDR"}),
+                 shape.bytes(96));
+    if (shape.one_in(2)) PutChunk(shape, png, "PLTE", Bytes(3 * (1 + shape.below(256)), 0x11));
+    Bytes rows(shape.pick({std::size_t{240} * 961, std::size_t{0}, std::size_t{shape.below(65536)}}));
+    const Bytes start = shape.bytes(128);
+    std::copy_n(start.begin(), std::min(start.size(), rows.size()), rows.begin());
+    for (unsigned chunks = shape.pick({1u, 1u, 1u, 0u, 2u}); chunks > 0; --chunks)
+        PutChunk(shape, png, "IDAT", shape.one_in(8) ? shape.bytes(64) : Compressed(rows));
+    if (!shape.one_in(8)) PutChunk(shape, png, "IEND", {});
     return png;
 }
 
