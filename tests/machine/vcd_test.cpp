@@ -3,6 +3,7 @@
 #include "formats/parameter_store.h"
 #include "harness/logic_analyser.h"
 #include "harness/started_board.h"
+#include "machine/board_vcd.h"
 #include "machine/trace.h"
 #include "machine/vcd.h"
 
@@ -90,6 +91,30 @@ TEST_F(TraceTest, Filters) {
     EXPECT_EQ(traced({.until = 15 * kNanosecond}, 0, work), "W PIOB.CODR <- 0x00000001\n");
     EXPECT_EQ(traced({.from = kSecond}, 0, work), "");
     EXPECT_THROW(EventKinds("chips"), Refusal);
+}
+
+// Whoever looks on, and at whatever: the run is the same to the last instruction.
+TEST(Observers, ChangeNoCount) {
+    const TemporaryDirectory here;
+    Chips dataflash;
+    BootCase boot;
+    boot.chips = &dataflash;
+    boot.board.straps.pins_12_13 = false;
+    const RunReport plain = RunBoot(boot).report;
+    std::optional<EventStream> events;
+    std::ofstream levels(here.path() / "all.vcd");
+    std::optional<BoardVcd> vcd;
+    boot.prepare = [&](Machine &machine) {
+        events.emplace(machine);
+        vcd.emplace(levels, "", machine);
+    };
+    boot.inspect = [&](Machine &) {
+        vcd.reset();
+        events.reset();
+    };
+    const RunReport watched = RunBoot(boot).report;
+    EXPECT_EQ(watched.time, plain.time);
+    EXPECT_EQ(watched.instructions, plain.instructions);
 }
 
 TEST(Vcd, SignalLists) {
