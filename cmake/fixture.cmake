@@ -11,7 +11,7 @@ pkg_check_modules(CHAFA REQUIRED IMPORTED_TARGET chafa)
 
 option(SANITIZE "build everything with the address and undefined-behaviour sanitizers" OFF)
 option(TESTS "build the tests" ${SANITIZE})
-option(UNITY "compile the sources of a library eight at a time: half the time for all, more for one" ON)
+option(UNITY "compile the sources of a library sixteen at a time: half the time for all, more for one" ON)
 
 # Modules and fixture share this process's low addresses with the board's SDRAM and the linker-set video region, so
 # nothing here may move. The program lies above the SDRAM's address, and with it the heap, which the system puts at
@@ -36,9 +36,9 @@ function(add_bench_library name folder)
     add_library(${name} STATIC ${sources})
     target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}>)
     target_link_libraries(${name} PUBLIC ${ARGN})
-    # What the sources share is then read and instantiated once for eight. A name in an unnamed namespace is one of the
+    # What the sources share is then read and instantiated once for sixteen. A name in an unnamed namespace is one of the
     # whole library; the compiler refuses a second one.
-    set_target_properties(${name} PROPERTIES UNITY_BUILD ${UNITY} UNITY_BUILD_BATCH_SIZE 8)
+    set_target_properties(${name} PROPERTIES UNITY_BUILD ${UNITY} UNITY_BUILD_BATCH_SIZE 16)
     # It takes a class of a source that is included for one of a header.
     target_compile_options(${name} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
 endfunction()
@@ -133,10 +133,13 @@ endif()
 add_bench_library(harness harness tools)
 set_target_properties(harness PROPERTIES EXCLUDE_FROM_ALL ON) # no user of the command needs it
 if(SANITIZE)
-    foreach(library sweep tools harness) # not where the time goes, but long to compile otherwise
-        target_compile_options(${library} PRIVATE -O0)
-    endforeach()
+    set(plain -O0)
+else()
+    set(plain -O1)
 endif()
+foreach(library sweep tools harness) # not where the time goes, but long to compile otherwise
+    target_compile_options(${library} PRIVATE ${plain})
+endforeach()
 
 file(GLOB BENCH_SOURCES CONFIGURE_DEPENDS bench/*.cpp)
 add_executable(fixture-bench EXCLUDE_FROM_ALL ${BENCH_SOURCES})
@@ -152,6 +155,8 @@ if(TESTS)
     add_executable(fixture-tests ${TEST_SOURCES})
     target_compile_options(fixture-tests PRIVATE -O0) # what they call is optimised; they would compile twice as long
     add_dependencies(fixture-tests fixture) # a recipe of the documents is run on it
+    set_target_properties(fixture-tests PROPERTIES UNITY_BUILD ${UNITY} UNITY_BUILD_BATCH_SIZE 8)
+    target_compile_options(fixture-tests PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
     target_precompile_headers(fixture-tests PRIVATE <fmt/format.h> <gmock/gmock.h> <gtest/gtest.h> <nlohmann/json.hpp>)
     target_include_directories(fixture-tests BEFORE PRIVATE platform/host/include)
     target_include_directories(fixture-tests PRIVATE ${MODULE_INCLUDES})

@@ -6,7 +6,7 @@ namespace {
 
 constexpr std::uint32_t kControllerSettings = 0xFFFA4030; // chip-select register 0
 constexpr std::uint32_t kPageBytes = 1056;
-constexpr std::uint32_t kPages = (kSpeedBytes + kPageBytes - 1) / kPageBytes;
+constexpr std::uint32_t kDataflashPages = (kSpeedBytes + kPageBytes - 1) / kPageBytes;
 constexpr Picoseconds kWholePage = (15 + 3) * kMillisecond;                 // erase, then program
 constexpr Picoseconds kPartOfPage = 200 * kMicrosecond + 17 * kMillisecond; // page to buffer, program with erase
 
@@ -24,7 +24,7 @@ SpeedRows DataflashSpeed() {
     started.call("SDFlash_Init");
     const Picoseconds wire = kSpeedBytes * ByteTime(started.board());
     return MeasureTransfers(started, "DataFlash 1056",
-                            {" write", "SDFlash_Write", wire + (kPages - 1) * kWholePage + kPartOfPage},
+                            {" write", "SDFlash_Write", wire + (kDataflashPages - 1) * kWholePage + kPartOfPage},
                             {" read", "SDFlash_Read", wire});
 }
 

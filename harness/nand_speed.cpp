@@ -7,7 +7,7 @@ namespace fixture {
 namespace {
 
 constexpr std::uint32_t kCycleSettings = 0xFFFFE438; // chip select 3
-constexpr std::uint32_t kPages = kSpeedBytes / kNandPageBytes;
+constexpr std::uint32_t kNandPages = kSpeedBytes / kNandPageBytes;
 constexpr std::uint32_t kBlocks = kSpeedBytes / kNandBlockBytes;
 constexpr unsigned kCommandCycles = 7; // of a page read or program: two commands, five address bytes
 
@@ -21,9 +21,9 @@ SpeedRows MeasurePart(const NandPart &part) {
     const unsigned accesses = kCommandCycles + kNandPageBytes / (part.wide ? 2 : 1);
     const Picoseconds page = accesses * cycle * started.board().bus.cycle;
     const Nand::Times &chip = started.board().nand.times;
-    const Picoseconds read = kPages * (page + chip.read);
+    const Picoseconds read = kNandPages * (page + chip.read);
     // The driver reads every page back, so a write holds a read.
-    const Picoseconds write = kPages * (page + chip.program) + kBlocks * chip.erase + read;
+    const Picoseconds write = kNandPages * (page + chip.program) + kBlocks * chip.erase + read;
     return MeasureTransfers(started, fmt::format("NAND {}-bit", part.wide ? 16 : 8),
                             {" verified write", "NandFlash_if_Write", write}, {" read", "NandFlash_if_Read", read});
 }

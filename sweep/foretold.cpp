@@ -5,7 +5,8 @@
 
 #include <algorithm>
 #include <fmt/format.h>
-#include <regex>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace fixture {
@@ -16,10 +17,23 @@ RawFlash FlashOf(Medium medium, Chips &chips) {
     return medium == Medium::nand ? RawFlashOf(chips.nand) : RawFlashOf(chips.dataflash);
 }
 
+std::string WithoutBadBlocks(std::string text) {
+    constexpr std::pair<std::string_view, std::string_view> kForms[] = {{"Bad block at address ", "\n"},
+                                                                        {"Block ", " is marked as bad...\n"}};
+    for (const auto &[before, after] : kForms)
+        for (std::size_t at = text.find(before); at != std::string::npos; at = text.find(before, at)) {
+            const std::size_t digits = at + before.size(), end = digits + 8;
+            if (text.find_first_not_of("0123456789ABCDEF", digits) == end &&
+                text.compare(end, after.size(), after) == 0)
+                text.erase(at, end + after.size() - at);
+            else
+                at = digits;
+        }
+    return text;
+}
+
 // What each start printed from its search for a bank on, without what is said of bad blocks.
 std::vector<std::string> Searches(const std::string &console) {
-    static const std::regex kBadBlocks(
-        "Bad block at address [0-9A-F]{8}\n|Block [0-9A-F]{8} is marked as bad\\.\\.\\.\n");
     constexpr std::string_view kStart = "Secondary Bootloader ver";
     constexpr std::string_view kSearch = "\tFind valid bank...\n";
     std::vector<std::string> searches;
@@ -27,9 +41,7 @@ std::vector<std::string> Searches(const std::string &console) {
         const std::size_t next = console.find(kStart, at + 1);
         const std::string start = console.substr(at, next - at);
         const std::size_t search = start.find(kSearch);
-        searches.push_back(search == std::string::npos
-                               ? ""
-                               : std::regex_replace(start.substr(search + kSearch.size()), kBadBlocks, ""));
+        searches.push_back(search == std::string::npos ? "" : WithoutBadBlocks(start.substr(search + kSearch.size())));
         at = next;
     }
     return searches;

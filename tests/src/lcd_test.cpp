@@ -11,6 +11,8 @@ namespace fixture {
 
 namespace {
 
+using At = SlaveFault::At;
+
 constexpr std::size_t kRegionPixels = kVideoRegionSize / 2;
 constexpr std::uint32_t kGuardPixels = 0x10000; // on either side of the region
 constexpr std::uint16_t kPaint = 0x5AA5;        // in all pixels before a drawing
@@ -132,7 +134,6 @@ TEST_P(Lcd, SerialLineCarriesTwoTransfers) {
 // --- backlight
 
 TEST_P(Lcd, BacklightBranches) {
-    using At = SlaveFault::At;
     // Addresses are asked for in the order of the transfers.
     const std::tuple<const char *, bool, bool, unsigned, std::vector<SlaveFault>, std::vector<std::string>> cases[] = {
         {"asleep and dark", false, false, 100, {}, {"01", "05", "63", "62 01", "60 64"}},

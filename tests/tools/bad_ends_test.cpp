@@ -35,7 +35,7 @@ a32::Words Join(a32::Words all, const a32::Words &more) {
 }
 
 // The bootloader's ELF with other instructions at the start of that routine.
-std::filesystem::path Plant(const TemporaryDirectory &here, const a32::Words &code) {
+std::filesystem::path FirmwareWith(const TemporaryDirectory &here, const a32::Words &code) {
     const Firmware &build = Bootloader();
     Bytes file = ReadFile(build.file, 1u << 26);
     EXPECT_EQ(build.elf->symbol(kRoutine).value() & 1, 1u) << "it is 16-bit code";
@@ -82,7 +82,7 @@ TEST(BadEnds, LeadToTheLine) {
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         const TemporaryDirectory here;
-        std::vector<std::string> call = {"boot", "--firmware", Plant(here, row.code)};
+        std::vector<std::string> call = {"boot", "--firmware", FirmwareWith(here, row.code)};
         if (row.keep_going) call.emplace_back("--keep-going");
         const CommandResult result = RunFixture(call);
         EXPECT_EQ(result.exit_status, 3);
@@ -108,7 +108,7 @@ TEST(BadEnds, LeadToTheLine) {
 
 TEST(BadEnds, SayTheSameToPrograms) {
     const TemporaryDirectory here;
-    const auto planted = Plant(here, Join(a32::Load(0, kReadOnly), {a32::STR_R2_R0, a32::BX_LR}));
+    const auto planted = FirmwareWith(here, Join(a32::Load(0, kReadOnly), {a32::STR_R2_R0, a32::BX_LR}));
     const CommandResult result = RunFixture({"boot", "--json", "--firmware", planted});
     const nlohmann::json said = result.json();
     EXPECT_EQ(said["verdict"], "violation");

@@ -16,13 +16,13 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const std::string kApplication = "what the demo does";
+const std::string kDemoProgram = "what the demo does";
 
 class BankCommand : public testing::Test {
 protected:
     BankCommand() {
         fs::create_directories(here.path() / "data");
-        write("demo.bin", kApplication);
+        write("demo.bin", kDemoProgram);
         write("boot2.bin", "a bootloader's bytes");
         write("help.img", AsText(Wrap(Bytes(100, 'h'))));
     }
@@ -83,12 +83,12 @@ TEST_F(BankCommand, BuildsWhatTheBootloaderLaunches) {
     const Bytes manifest = ReadFile(out() + "/BankContent.txt", 10000);
     EXPECT_EQ(manifest.size(), 6u * 282);
     EXPECT_EQ(AsText(manifest).substr(2 * 282, 24 + 12),
-              fmt::format("{:9} | {:9} | bin/demo.bin", kApplication.size(), ByteSum(ReadFile(in("demo.bin"), 1000))));
+              fmt::format("{:9} | {:9} | bin/demo.bin", kDemoProgram.size(), ByteSum(ReadFile(in("demo.bin"), 1000))));
 
     for (const Processor processor : {Processor::arm, Processor::host}) {
         const BootResult boot = run(processor);
         EXPECT_EQ(boot.report.verdict, Verdict::launched) << boot.console;
-        EXPECT_EQ(boot.report.launched_bytes, kApplication.size());
+        EXPECT_EQ(boot.report.launched_bytes, kDemoProgram.size());
         EXPECT_NE(boot.console.find("Bank bootloader is: 1.9.0\n"), std::string::npos) << boot.console;
     }
     const nlohmann::json report = check(0);

@@ -77,9 +77,9 @@ TEST_F(EepromTool, TellsWhichSectorIsCurrentAndWhy) {
         EXPECT_THAT(result.output, HasSubstr(c.text));
     }
     make({good, {}});
-    const auto json = RunFixture({"eeprom", "show", file, "--json"}).json();
-    const auto &sectors = json["sectors"];
-    EXPECT_EQ(nlohmann::json({json["current"], sectors[0]["state"], sectors[1]["state"]}),
+    const auto report = RunFixture({"eeprom", "show", file, "--json"}).json();
+    const auto &sectors = report["sectors"];
+    EXPECT_EQ(nlohmann::json({report["current"], sectors[0]["state"], sectors[1]["state"]}),
               (nlohmann::json{0, "good", "empty"}));
     EXPECT_EQ(sectors[0]["parameters"][0], nlohmann::json({{"id", 9}, {"hex", "01"}, {"name", "address"}}));
 }
