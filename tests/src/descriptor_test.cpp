@@ -88,6 +88,9 @@ TEST_P(Descriptor, SaysWhyItCannotBeRead) {
     volume.write(far, "<P>" + Application({}) + kBoot + "</P>");
     EXPECT_EQ(parse("i:/vol0/" + far), -1) << "cut at 256 characters";
     EXPECT_EQ(started.console(), missing);
+    volume.write(far.substr(0, 256 - 8), "<P>" + Application({}) + kBoot + "</P>");
+    EXPECT_EQ(parse("i:/vol0/" + far), 0) << "all 256 count";
+    EXPECT_EQ(started.console(), "");
     volume.write("large.xml", std::string(5 << 20, ' '));
     EXPECT_EQ(parse("i:/vol0/large.xml"), -1);
     EXPECT_EQ(started.console(), "\tFatal Error : read file failed with errno=12") << "larger than the heap";
