@@ -19,6 +19,9 @@ inline constexpr const char *kFitsOneSlot = "an image that fits DataFlash slot 1
 inline constexpr const char *kNoMark = "a rescue block so worn that it cannot even be marked bad";
 inline constexpr const char *kMarkTornOften = "a bad-block mark torn so often that its page bears no further program";
 inline constexpr const char *kEqualSum = "a torn commit whose old and new parameters happen to share a checksum";
+// What a loss does to others for a time is seen and counted, and is no bad outcome.
+inline constexpr const char *kRescueGap = "a rescue image cut half-way: none is good until a later boot repairs it";
+inline constexpr const char *kNeighbour = "the neighbours in a DataFlash page that is rewritten";
 
 inline constexpr const char *kRotten = "a flipped bit in the only good copy: nothing corrects it";
 inline constexpr const char *kAstrayHarm = "an instruction left out: a good bootloader is there, and something is lost";

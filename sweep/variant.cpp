@@ -21,9 +21,6 @@ namespace {
 // Of one variant: a mistake that shows everywhere must not drown the others.
 constexpr std::size_t kChecks = 4; // one cut in so many of a share, and at most as many, is made again in earnest
 
-constexpr const char *kRescueGap = "a rescue image cut half-way: none is good until a later boot repairs it";
-constexpr const char *kNeighbour = "the neighbours in a DataFlash page that is rewritten";
-
 std::uint64_t HashOf(std::string_view text, std::uint64_t seed) {
     for (const char c : text) seed = (seed ^ static_cast<unsigned char>(c)) * 0x100000001B3u;
     return seed;

@@ -150,21 +150,29 @@ TEST(Sweep, ProcessorsAgree) {
 // What no single read shows: one loss never takes the last bootloader, and what else comes of it is known by number.
 TEST(Sweep, LossesThatShowLateHaveTheirHoles) {
     using Holes = std::map<std::string, std::map<std::string, std::uint64_t>>;
+    const Holes old_returns = {{kOldReturns, {{"wrong bootloader", 3}}}, {kLatePage, {{"wrong parameters", 3}}}};
+    const Holes unsure_record = {{kUnsureRecord, {{"wrong rescue image or record", 1}}},
+                                 {kRescueGap, {{"seen", 4}}},
+                                 {kNeighbour, {{"seen", 2}}}};
     const struct {
         const char *loss;
         std::vector<std::string> scenarios;
         Holes holes;
+        std::size_t most_cuts = 0;
     } rows[] = {
         {"unstable", {"nand-update/erased-running", "parameters/0-to-1"}, {}},
-        {"late", {"nand-update/running-erased", "parameters/1-to-0"}, {{kLatePage, {{"wrong parameters", 3}}}}},
+        {"late", {"nand-update/broken-running", "parameters/1-to-0"}, old_returns},
         {"spoiled", {"parameters/0-to-1-used"}, {}},
         {"brownout", {"parameters/0-to-1", "parameters/1-to-0"}, {}},
+        // The record is the last that is written.
+        {"unstable", {"dataflash-rescue/good"}, unsure_record, 1},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.loss);
-        EXPECT_EQ(
-            CleanSweep({.scenarios = FindScenarios(row.scenarios, FixedBuilds()), .kinds = KindsOf(row.loss)}).holes,
-            row.holes);
+        SweepPlan plan{.scenarios = FindScenarios(row.scenarios, FixedBuilds()), .kinds = KindsOf(row.loss)};
+        for (Scenario &scenario : plan.scenarios)
+            for (Variant &variant : scenario.variants) variant.most_cuts = row.most_cuts;
+        EXPECT_EQ(CleanSweep(plan).holes, row.holes);
     }
 }
 
@@ -247,13 +255,16 @@ TEST(Sweep, HolesTakeAsMuchAsIsKnown) {
                          {kPushedOn, {{"brick: no good bootloader", 92}, {"good", 2}}},
                          {kWornRecord, {{"brick: no good bootloader", 244}, {"wrong rescue image or record", 6}}}};
     EXPECT_EQ(CleanSweep({.scenarios = FindScenarios(names, FixedBuilds())}).holes, known);
+    const SweepPlan no_mark{.scenarios = FindScenarios({"nand-worn/rescue-no-mark"}, FixedBuilds()), .sample = 6};
+    EXPECT_EQ(RunSweep(no_mark, FixedBuilds(), {}).all.holes,
+              (Holes{{kNoMark, {{"wrong rescue image or record", 7}}}}));
     const SweepPlan rot{.scenarios = FindScenarios({"nand-rot", "parameters-rot"}, FixedBuilds())};
     const Holes rotten = {{kRotten,
                            {{"brick: no good bootloader", 30},
                             {"good", 24},
                             {"wrong parameters", 2},
                             {"wrong rescue image or record", 74}}},
-                          {"a rescue image cut half-way: none is good until a later boot repairs it", {{"seen", 13}}}};
+                          {kRescueGap, {{"seen", 13}}}};
     EXPECT_EQ(RunSweep(rot, FixedBuilds(), {}).all.holes, rotten);
 }
 
