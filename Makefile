@@ -9,6 +9,7 @@
 #   make mutants    make 300 mistakes, one at a time, and write docs/mutants.md; MUTANTS_ARGS="--sample 0" makes all
 #   make fuzz-coverage   which lines the committed corpora reach, recorded in docs/coverage.md
 #   make mcdc       which branches and conditions of the update path the tests decide, recorded there too
+#   make holes      count what falls through the holes whose boots take long, compared with tests/holes/known.txt
 #   make campaign   count the tables of docs/reliability.md in PARTS=8 parts, ENGINE=local or slurm
 #   make cluster-test   a campaign on a Slurm of this one machine; needs root
 #   make install    install below PREFIX=/usr/local, into DESTDIR=; cmake/install.cmake says what goes where
@@ -20,7 +21,7 @@
 #   make clean
 
 .PHONY: help install deb package-test reproducible \
-	campaign cluster-test mutants boot test firmware fixture asan bench bench-record size fuzz fuzz-coverage mcdc \
+	campaign cluster-test mutants holes boot test firmware fixture asan bench bench-record size fuzz fuzz-coverage mcdc \
 	cover lint setup clean
 
 TIME = 60
@@ -93,6 +94,9 @@ cover: firmware
 campaign: firmware fixture
 	@MERGE="--report docs/reliability.md" cluster/campaign.sh $(ENGINE) $(PARTS) build/campaign \
 		--report docs/reliability.md $(CAMPAIGN_ARGS)
+
+holes: firmware fixture
+	@tests/holes/check.sh build/host/fixture
 
 cluster-test: firmware fixture
 	@cluster/test.sh
