@@ -36,8 +36,8 @@ function(add_bench_library name folder)
     add_library(${name} STATIC ${sources})
     target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}>)
     target_link_libraries(${name} PUBLIC ${ARGN})
-    # What the sources share is then read and instantiated once for sixteen. A name in an unnamed namespace is one of the
-    # whole library; the compiler refuses a second one.
+    # What the sources share is then read and instantiated once for sixteen. A name in an unnamed namespace is one of
+    # the whole library; the compiler refuses a second one.
     set_target_properties(${name} PROPERTIES UNITY_BUILD ${UNITY} UNITY_BUILD_BATCH_SIZE 16)
     # It takes a class of a source that is included for one of a header.
     target_compile_options(${name} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
