@@ -148,7 +148,7 @@ protected:
 BOTH_PROCESSORS(Boots);
 
 TEST_P(Boots, EndInAVerdict) {
-    const Situation one_page{.medium = Medium::dataflash, .update_bytes = 1056};
+    const Situation two_pages{.medium = Medium::dataflash, .update_bytes = 2 * 1056};
     const NandFault busy{.kind = NandFault::stays_busy, .times = NandFault::kForever};
     const Situation busy_nand{.nand_faults = {busy}};
     const struct {
@@ -163,8 +163,8 @@ TEST_P(Boots, EndInAVerdict) {
         {"impatient watchdog", nothing_new, 100 * kMillisecond, false, "reset loop watchdog, after a look at "},
         {"busy NAND", busy_nand, 0, false, "hang PIOA.PDSR"},
         {"busy NAND, watchdog", busy_nand, 550 * kMillisecond, false, "reset loop watchdog, after a look at PIOA.PDSR"},
-        {"busy DataFlash, watchdog", one_page, 550 * kMillisecond, true, "reset loop watchdog, after a look at SPI0."},
-        {"busy DataFlash", one_page, 0, true, "launched "},
+        {"busy DataFlash, watchdog", two_pages, 550 * kMillisecond, true, "reset loop watchdog, after a look at SPI0."},
+        {"busy DataFlash", two_pages, 0, true, "launched "},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);

@@ -161,7 +161,7 @@ TEST(Sweep, LossesThatShowLateHaveTheirHoles) {
         std::size_t most_cuts = 0;
     } rows[] = {
         {"unstable", {"nand-update/erased-running", "parameters/0-to-1"}, {}},
-        {"late", {"nand-update/broken-running", "parameters/1-to-0"}, old_returns},
+        {"late", {"nand-update/running-erased", "nand-update/broken-running", "parameters/1-to-0"}, old_returns},
         {"spoiled", {"parameters/0-to-1-used"}, {}},
         {"brownout", {"parameters/0-to-1", "parameters/1-to-0"}, {}},
         // The record is the last that is written.
